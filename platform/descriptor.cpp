@@ -1,0 +1,74 @@
+#include "platform/descriptor.h"
+
+#include "platform/errno_kept.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <syslog.h>
+#include <unistd.h>
+
+Descriptor &Descriptor::operator=(Descriptor &&other) noexcept {
+    if (this != &other) {
+        Close();
+        fd_ = other.Release();
+    }
+    return *this;
+}
+
+int Descriptor::Release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+void Descriptor::Close() {
+    if (fd_ >= 0) {
+        const ErrnoKept kept;
+        close(Release());
+    }
+}
+
+bool ReadAll(int fd, std::size_t limit, std::string &content) {
+    content.clear();
+    std::array<char, 16384> block{};
+    for (;;) {
+        const ssize_t got = read(fd, block.data(), block.size());
+        if (got == 0)
+            return true;
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        content.append(block.data(), static_cast<std::size_t>(got));
+        if (content.size() > limit) {
+            errno = EFBIG;
+            return false;
+        }
+    }
+}
+
+bool WriteAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(fd, content.data(), content.size());
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return false;
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+void CloseInheritedDescriptors() {
+    // The system log's connection would be closed behind the C library's back, which would then
+    // write messages into whatever file gets the number next.
+    closelog();
+    const ErrnoKept kept;
+    if (close_range(STDERR_FILENO + 1, ~0U, 0) == 0)
+        return;
+    // A kernel before 5.9.
+    const auto limit = static_cast<int>(std::min(sysconf(_SC_OPEN_MAX), 65536L));
+    for (int fd = STDERR_FILENO + 1; fd < limit; ++fd)
+        close(fd);
+}

@@ -1,0 +1,42 @@
+// Ownership of file descriptors.
+
+#ifndef PLATFORM_DESCRIPTOR_H
+#define PLATFORM_DESCRIPTOR_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// Owns one file descriptor and closes it at the end of its life, errno untouched.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(other.Release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept;
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor() { Close(); }
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int Get() const { return fd_; }
+    // Gives the descriptor up without closing it.
+    int Release();
+    void Close();
+
+private:
+    int fd_ = -1;
+};
+
+// Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
+// than `limit` bytes (EFBIG); `content` is then unspecified.
+bool ReadAll(int fd, std::size_t limit, std::string &content);
+
+// Writes all of `content` to `fd`. Returns false with errno set when a part could not be written.
+bool WriteAll(int fd, std::string_view content);
+
+// Closes every descriptor but standard input, output and error, the system log's included, which
+// the next message opens again.
+void CloseInheritedDescriptors();
+
+#endif

@@ -1,0 +1,41 @@
+// JSON documents as files and as text: what the platform's build of the JSON library adds to it.
+
+#ifndef PLATFORM_JSON_FILE_H
+#define PLATFORM_JSON_FILE_H
+
+#include <cstddef>
+#include <json/value.h>
+#include <string>
+
+// How much of a file a reader is willing to take.
+struct JsonLimits {
+    std::size_t bytes;
+    int depth; // arrays and objects inside one another
+};
+
+// Job files are written by package authors.
+constexpr JsonLimits kJobFileLimits{std::size_t{1} << 20, 64};
+// Our own documents hold many jobs, each a few levels deeper than in its file.
+constexpr JsonLimits kOwnFileLimits{std::size_t{64} << 20, 128};
+
+// Reads the JSON document in the file `path`, symbolic links followed, comments dropped. Returns
+// false, with `value` null and errno telling why, for anything but a regular file within `limits`
+// that holds exactly one document (EBADMSG when it does not). Never blocks, never throws for what a
+// file holds, and never opens a device.
+bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits);
+
+// How hard a document must be to lose.
+enum class Durability {
+    Process, // outlives the program
+    Reboot   // flushed to the disk before the call returns
+};
+
+// Writes `value` to the file `path`, links followed, so that a reader finds the old document or the
+// new one, never a part. A file that exists keeps its mode, a new one gets 0644. On failure returns
+// false with errno set, and the old document stays.
+bool JsonToFile(const Json::Value &value, const std::string &path, Durability durability);
+
+// The document as indented text, without a newline at its end.
+std::string JsonToString(const Json::Value &value);
+
+#endif

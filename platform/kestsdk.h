@@ -1,0 +1,28 @@
+// Directories, accounts and controller status of the platform's SDK library (libkestsdk).
+
+#ifndef PLATFORM_KESTSDK_H
+#define PLATFORM_KESTSDK_H
+
+#include <sys/types.h>
+
+extern "C" {
+
+// Makes the directory `path`, with its missing parents when `parents` is not 0. Each directory made
+// belongs to `uid` and `gid` and has exactly the mode `mode`, whatever the umask. Returns 0 when
+// the directory stands afterwards, -1 with errno set otherwise. What stood before is left as it
+// was. `base` is null.
+int KESTFSMkdirP(const char *path, const char *base, int parents, uid_t uid, gid_t gid,
+                 mode_t mode);
+
+// Stores the uid and the primary group of the account `name` and returns 0; returns -1 and stores
+// nothing when there is no such account.
+int KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid);
+
+// The status that the system's controller reports for this machine; 2 means held. Returns 0 and
+// stores the status, or leaves *status alone when the controller has reported nothing; returns -1
+// and leaves *status alone when the report cannot be read. `query` is 1.
+int KESTVorldStatusGet(int query, int *status);
+
+} // extern "C"
+
+#endif

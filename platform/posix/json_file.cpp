@@ -1,0 +1,129 @@
+#include "platform/json_file.h"
+
+#include "platform/descriptor.h"
+#include "platform/errno_kept.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Opens `path` for reading when it is a regular file of at most `limit` bytes. The name is looked
+// up once, without opening what it names: opening a device has effects of its own, and a second
+// look-up could find another file.
+Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
+    const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status {};
+    if (!named || fstat(named.Get(), &status) == -1)
+        return {};
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return {};
+    }
+    if (static_cast<std::uintmax_t>(status.st_size) > limit) {
+        errno = EFBIG;
+        return {};
+    }
+    const std::string same = "/proc/self/fd/" + std::to_string(named.Get());
+    return Descriptor(open(same.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+bool Parse(const std::string &text, int depth, Json::Value &value) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["allowTrailingCommas"] = false;
+    builder["failIfExtra"] = true;
+    builder["stackLimit"] = depth;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+    } catch (const std::bad_alloc &) {
+        throw;
+    } catch (const std::exception &) {
+        return false; // nested too deep
+    }
+}
+
+std::string ToText(const Json::Value &value) {
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["emitUTF8"] = true; // names come back byte for byte, whatever their encoding
+    return Json::writeString(builder, value);
+}
+
+// The file that `path` names when it is a link, so that replacing it leaves the link in place.
+std::string FollowLinks(const std::string &path) {
+    const ErrnoKept kept;
+    std::array<char, PATH_MAX> target{};
+    return realpath(path.c_str(), target.data()) != nullptr ? target.data() : path;
+}
+
+mode_t ModeOf(const std::string &path) {
+    const ErrnoKept kept;
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0644;
+}
+
+void Discard(const std::string &path) {
+    const ErrnoKept kept;
+    unlink(path.c_str());
+}
+
+bool WriteNewFile(const std::string &path, const std::string &text, mode_t mode,
+                  Durability durability) {
+    Discard(path); // left behind by a crash
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file || fchmod(file.Get(), mode) == -1 || !WriteAll(file.Get(), text))
+        return false;
+    if (durability == Durability::Reboot && fsync(file.Get()) == -1)
+        return false;
+    return close(file.Release()) == 0;
+}
+
+void FlushDirectoryOf(const std::string &path) {
+    const Descriptor directory(
+        open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory)
+        fsync(directory.Get());
+}
+
+} // namespace
+
+bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits) {
+    value = Json::Value();
+    const Descriptor file = OpenRegularFile(path, limits.bytes);
+    std::string text;
+    if (!file || !ReadAll(file.Get(), limits.bytes, text))
+        return false;
+    if (Parse(text, limits.depth, value))
+        return true;
+    value = Json::Value();
+    errno = EBADMSG;
+    return false;
+}
+
+bool JsonToFile(const Json::Value &value, const std::string &path, Durability durability) {
+    const std::string target = FollowLinks(path);
+    const std::string fresh = target + ".new";
+    if (!WriteNewFile(fresh, ToText(value) + "\n", ModeOf(target), durability) ||
+        rename(fresh.c_str(), target.c_str()) == -1) {
+        Discard(fresh);
+        return false;
+    }
+    if (durability == Durability::Reboot)
+        FlushDirectoryOf(target);
+    return true;
+}
+
+std::string JsonToString(const Json::Value &value) {
+    return ToText(value);
+}
