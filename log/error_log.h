@@ -1,0 +1,23 @@
+// The one form of a system-log message.
+
+#ifndef LOG_ERROR_LOG_H
+#define LOG_ERROR_LOG_H
+
+// Writes "TAG:LINE TEXT" to the system log at error priority, where TAG is the name of the source
+// file without directory and ending, and TEXT is `text` filled as by printf (%m included). When
+// errno is not 0, the error it names follows in brackets. errno is left as it was. Control
+// characters are written as Printable() does, so that no name found in a file can forge a line.
+[[gnu::format(printf, 3, 4)]] void LogErrorAt(const char *file, int line, const char *text, ...);
+
+// The tag that messages of the source file `file` carry is printed with the given length, as by
+// "%.*s": it ends before the file's ending.
+struct SourceTag {
+    const char *text;
+    int length;
+};
+SourceTag TagOf(const char *file);
+
+// %m is the C library's own, which __extension__ admits to a pedantic compiler.
+#define LOG_ERROR(...) (__extension__ LogErrorAt(__FILE__, __LINE__, __VA_ARGS__))
+
+#endif

@@ -1,0 +1,182 @@
+#include "log/memorylogger.h"
+
+#include "log/error_log.h"
+#include "log/timestamp.h"
+#include "platform/errno_kept.h"
+#include "platform/move_aside.h"
+
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <boost/interprocess/sync/sharable_lock.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <limits>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace KEST {
+
+namespace {
+
+using boost::interprocess::interprocess_sharable_mutex;
+using boost::interprocess::scoped_lock;
+using boost::interprocess::sharable_lock;
+
+Descriptor OpenLog(const std::string &path) {
+    return Descriptor(
+        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
+}
+
+// Anybody may put something at the staging path: only a regular file of our own with this one name
+// is taken for the staging file.
+Descriptor OpenOwnFile(const std::string &path, int mode) {
+    Descriptor file(open(path.c_str(), mode | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) == -1)
+        return {};
+    if (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1)
+        return file;
+    errno = EPERM;
+    return {};
+}
+
+// Clears the path of whatever stands there, a directory with something in it too.
+void ClearPath(const std::string &path) {
+    const ErrnoKept kept;
+    if (std::remove(path.c_str()) == -1 && errno != ENOENT)
+        MoveAside(path);
+}
+
+Descriptor OpenStaging(const std::string &path) {
+    {
+        const ErrnoKept kept; // most of the time there is none
+        if (Descriptor file = OpenOwnFile(path, O_WRONLY | O_APPEND))
+            return file;
+    }
+    ClearPath(path);
+    return Descriptor(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+}
+
+// Appends all of `text`, or nothing when a part does not fit.
+bool AppendWhole(const Descriptor &file, const std::string &text) {
+    struct stat before {};
+    if (fstat(file.Get(), &before) == -1)
+        return false;
+    if (WriteAll(file.Get(), text))
+        return true;
+    const ErrnoKept kept;
+    static_cast<void>(ftruncate(file.Get(), before.st_size));
+    return false;
+}
+
+// Whether `path` still names the open file; a log may be rotated while we wait for its lock.
+bool Names(const std::string &path, const Descriptor &file) {
+    const ErrnoKept kept;
+    struct stat opened {};
+    struct stat named {};
+    return fstat(file.Get(), &opened) == 0 && stat(path.c_str(), &named) == 0 &&
+           opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
+}
+
+bool Lock(const Descriptor &file) {
+    while (flock(file.Get(), LOCK_EX) == -1)
+        if (errno != EINTR)
+            return false;
+    return true;
+}
+
+} // namespace
+
+MemoryLogger::MemoryLogger(const std::string &logPath, const std::string &stagingPath,
+                           unsigned capacity)
+    : _strLogPath(logPath), _stagingPath(stagingPath),
+      _capacity(static_cast<std::uintmax_t>(capacity) * 1024) {}
+
+std::string MemoryLogger::Timestamp() {
+    const std::time_t now = std::time(nullptr);
+    const std::tm *local = std::localtime(&now);
+    return local == nullptr ? std::string() : FormatTimestamp(*local);
+}
+
+void MemoryLogger::Flush() {
+    if (_keptLog) {
+        FlushToKeptLog();
+        return;
+    }
+    // The files are shared with other processes, so the whole way through the staging file is one
+    // step. Without a log there is nothing to wait for.
+    const Descriptor lock = LockLog();
+    AppendToStaging();
+    MoveToLog();
+}
+
+void MemoryLogger::AppendToStaging() {
+    {
+        const scoped_lock<interprocess_sharable_mutex> lock(_stagingLock);
+        const Descriptor staging = OpenStaging(_stagingPath);
+        const std::string text = TakeBuffer();
+        if (!staging || !AppendWhole(staging, text))
+            LOG_ERROR("open memory logger failed");
+    }
+    if (StagingIsFull())
+        MoveToLog();
+}
+
+void MemoryLogger::MoveToLog() {
+    const scoped_lock<interprocess_sharable_mutex> logLock(_logLock);
+    const sharable_lock<interprocess_sharable_mutex> stagingLock(_stagingLock);
+    const Descriptor fs = OpenLog(_strLogPath);
+    std::string text;
+    if (!fs) {
+        LOG_ERROR("Failed [%s], err=%m", "!fs");
+    } else if (const Descriptor fsMem = OpenOwnFile(_stagingPath, O_RDONLY);
+               !fsMem || !ReadAll(fsMem.Get(), std::numeric_limits<std::size_t>::max(), text)) {
+        LOG_ERROR("Failed [%s], err=%m", "!fsMem");
+    } else {
+        if (!AppendWhole(fs, text))
+            LOG_ERROR("Failed [%s], err=%m", "!fs");
+        if (fchmod(fs.Get(), 0600) == -1)
+            LOG_ERROR("Failed [%s], err=%m", "chmod(_strLogPath.c_str(), 0600)");
+    }
+    ClearPath(_stagingPath);
+}
+
+void MemoryLogger::KeepLogOpen() {
+    _keptLog = OpenLog(_strLogPath);
+}
+
+void MemoryLogger::FlushToKeptLog() {
+    Lock(_keptLog);
+    if (!AppendWhole(_keptLog, TakeBuffer()))
+        LOG_ERROR("Failed [%s], err=%m", "!fs");
+    flock(_keptLog.Get(), LOCK_UN);
+}
+
+// Waits for the flushes of other processes; the lock is held as long as the descriptor.
+Descriptor MemoryLogger::LockLog() const {
+    const ErrnoKept kept;
+    for (;;) {
+        Descriptor log = OpenLog(_strLogPath);
+        if (!log || !Lock(log))
+            return {};
+        if (Names(_strLogPath, log))
+            return log;
+    }
+}
+
+std::string MemoryLogger::TakeBuffer() {
+    std::string text = _buffer.str();
+    _buffer.str({});
+    _buffer.clear();
+    return text;
+}
+
+bool MemoryLogger::StagingIsFull() const {
+    struct stat status {};
+    return stat(_stagingPath.c_str(), &status) == 0 &&
+           static_cast<std::uintmax_t>(status.st_size) > _capacity;
+}
+
+} // namespace KEST
