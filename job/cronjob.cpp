@@ -1,0 +1,471 @@
+#include "job/cronjob.h"
+
+#include "job/command.h"
+#include "job/definition.h"
+#include "job/json_members.h"
+#include "job/overdue.h"
+#include "job/period.h"
+#include "job/schedule.h"
+#include "log/error_log.h"
+#include "log/memorylogger.h"
+#include "log/printable.h"
+#include "platform/descriptor.h"
+#include "platform/errno_kept.h"
+#include "platform/kestcore.h"
+#include "platform/kestrandom.h"
+#include "platform/kestsdk.h"
+#include "platform/kestutils.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <grp.h>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+static_assert(sizeof(std::time_t) >= 8, "schedules go on after 2038");
+
+namespace {
+
+KEST::RANDOM::KESTRandom &TheRandomSource() {
+    static KEST::RANDOM::KESTRandom source;
+    return source;
+}
+
+} // namespace
+
+// --- Definition ---------------------------------------------------------------------------------
+
+CronJob::CronJob(Json::Value document) : _jsJob(std::move(document)) {
+    if (!CheckJobConfig())
+        LOG_ERROR("crontab format error");
+    else if (!ParseJobConfig())
+        LOG_ERROR("parse error");
+    else
+        valid = true;
+}
+
+std::string CronJob::Name() const {
+    return TextMember(Member(_jsJob, "config"), "name");
+}
+
+bool CronJob::CheckJobConfig() {
+    if (_jsJob.isObject() && !_jsJob.isMember("config"))
+        _jsJob["config"] = Json::Value();
+    if (const char *rule = FirstBrokenRule(_jsJob)) {
+        LOG_ERROR("Failed [%s], err=%m", rule);
+        return false;
+    }
+    WriteDefaults(_jsJob, std::time(nullptr));
+    return true;
+}
+
+bool CronJob::ParseJobConfig() {
+    return ParseCrontab() && ParseSettings() && ParseCommand();
+}
+
+bool CronJob::ParseCrontab() {
+    const Json::Value &config = Member(_jsJob, "config");
+    const std::optional<std::string> expression =
+        PeriodCrontab(TextMember(config, "period"), TextMember(config, "crontab"));
+    if (!expression) {
+        LOG_ERROR("error period");
+        return false;
+    }
+    const std::vector<std::string> fields = KESTUtils::StringExplode(*expression, " ");
+    if (fields.size() != FieldKeys().size())
+        return false;
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        if (!ParseCronField(FieldKeys()[i], fields[i]))
+            return false;
+    return true;
+}
+
+bool CronJob::ParseCronField(const std::string &key, const std::string &text) {
+    for (const std::string &piece : KESTUtils::StringExplode(text, ",")) {
+        const CronItem item = ParseCronItem(key, piece);
+        if (item.fault == CronItemFault::NotANumber)
+            LOG_ERROR("%s is not a valid number", item.offender.c_str());
+        if (item.fault == CronItemFault::Reversed)
+            LOG_ERROR("range.from[%d] cannot greater than range.to[%d]", item.range.from,
+                      item.range.to);
+        if (item.fault != CronItemFault::None)
+            return false;
+        cronFields[key].push_back(item.range);
+    }
+    return true;
+}
+
+bool CronJob::ParseSettings() {
+    const Json::Value &config = Member(_jsJob, "config");
+    const Json::Value &assure = Member(config, "assure_execute");
+    const Json::Value &passive = Member(config, "run_on_passive");
+    if (!assure.isConvertibleTo(Json::intValue) || !passive.isConvertibleTo(Json::booleanValue))
+        return false;
+    assureExecute = assure.asInt();
+    assureRun = TextMember(config, "assure_execute_action") == "run" ? 1 : 0;
+    runOnPassive = passive.asBool();
+    return true;
+}
+
+bool CronJob::ParseCommand() {
+    std::optional<Command> command = NormalizeCommand(Member(_jsJob, "config"));
+    if (!command)
+        return false;
+    _jsJob["cmd_list"] = std::move(command->list);
+    _jsJob["cmd_str"] = std::move(command->text);
+    if (_jsJob["cmd_list"].empty()) {
+        LOG_ERROR("Failed [%s], err=%m", R"(0 == _jsJob["cmd_list"].size())");
+        return false;
+    }
+    return true;
+}
+
+JobUser ResolveJobUser(const Json::Value &config) {
+    JobUser user;
+    const std::string asked = TextMember(config, "user");
+    bool known = true;
+    if (asked.find("package") != std::string::npos) {
+        known = Member(config, "package_username").isString();
+        user.name = TextMember(config, "package_username");
+        if (!known)
+            LOG_ERROR("you are not package! error user in config");
+    } else if (asked.find("system") == std::string::npos &&
+               asked.find("root") == std::string::npos) {
+        known = false;
+        LOG_ERROR("wrong user %s! you can only specify root/system/package in config [%s]",
+                  asked.c_str(), JsonToString(Member(config, "name")).c_str());
+    } else {
+        user.name = asked;
+    }
+    if (!known) {
+        LOG_ERROR("Unable to determine user");
+        return user;
+    }
+    user.valid = KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
+    if (!user.valid)
+        LOG_ERROR("user %s not exist", user.name.c_str());
+    return user;
+}
+
+// --- Schedule -----------------------------------------------------------------------------------
+
+void CronJob::GenerateFieldSchedule(const std::string &key, std::int32_t templateValue) {
+    ObjectMember(_jsJob, "schedule")[key] =
+        DrawField(key, cronFields[key], templateValue, TheRandomSource());
+}
+
+void CronJob::GenerateSchedule(const std::string &key) {
+    GenerateFieldSchedule(key, kAnyValue);
+}
+
+std::vector<std::int32_t> CronJob::GetScheduleValues(const std::string &key) const {
+    return FieldValues(Member(Member(_jsJob, "schedule"), key));
+}
+
+std::int32_t CronJob::GetSingleScheduleValue(const std::string &key) const {
+    const std::vector<std::int32_t> values = GetScheduleValues(key);
+    return values.size() == 1 ? values.front() : kAnyValue;
+}
+
+bool CronJob::MatchField(const std::string &key, std::int32_t value) const {
+    return FieldAdmits(Member(Member(_jsJob, "schedule"), key), value);
+}
+
+bool CronJob::IsDueNow() const {
+    const std::time_t now = std::time(nullptr);
+    const std::tm *local = std::localtime(&now);
+    if (local == nullptr) {
+        LOG_ERROR("Failed to get localtime");
+        return false;
+    }
+    const auto &keys = FieldKeys();
+    return MatchField(keys[0], local->tm_min) && MatchField(keys[1], local->tm_hour) &&
+           MatchField(keys[2], local->tm_mday) && MatchField(keys[3], local->tm_mon + 1) &&
+           MatchField(keys[4], local->tm_wday);
+}
+
+bool CronJob::CheckTrigger() {
+    if (!IsDueNow())
+        return false;
+    _jsJob["expireTime"] = Json::Int64{std::time(nullptr)};
+    scheduleText = RenderSchedule();
+    return true;
+}
+
+std::string CronJob::RenderSchedule() const {
+    return ScheduleAsText(Member(_jsJob, "schedule"));
+}
+
+bool CronJob::IsAssureOverdue() const {
+    const std::int64_t startup = IntegerMember(_jsJob, "startup", 0);
+    return IsOverdue(assureExecute, IntegerMember(_jsJob, "lastExecution", startup),
+                     std::time(nullptr));
+}
+
+// --- Template -----------------------------------------------------------------------------------
+
+ScheduleTemplate::ScheduleTemplate() {
+    MakeDefaultScheduleTemplate(*this);
+}
+
+void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate) {
+    Json::Value document;
+    Json::Value &config = document["config"];
+    config["name"] = "scheduleTemplate";
+    config["user"] = "root";
+    config["cmd"] = "true";
+    config["period"] = "crontab";
+    config["crontab"] = "~ ~ ~ ~ ~";
+    static_cast<CronJob &>(scheduleTemplate) = CronJob(std::move(document));
+    scheduleTemplate.maxDelay = ScheduleTemplate::kDefaultMaxDelay;
+    if (!scheduleTemplate.valid) {
+        LOG_ERROR("Default scheduled template config format invalid");
+        return;
+    }
+    for (const std::string &key : FieldKeys())
+        scheduleTemplate.GenerateSchedule(key);
+}
+
+bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string &path) {
+    Json::Value document;
+    if (!JsonFromFile(path, document, kOwnFileLimits))
+        return false;
+    CronJob loaded(std::move(document));
+    if (!loaded.valid) {
+        LOG_ERROR("Failed to parse schedule template from [%s]", path.c_str());
+        return false;
+    }
+    static_cast<CronJob &>(scheduleTemplate) = std::move(loaded);
+    const Json::Value &maxDelay = Member(scheduleTemplate._jsJob, "maxDelay");
+    if (maxDelay.isInt() && maxDelay.asInt() >= 0)
+        scheduleTemplate.maxDelay = maxDelay.asInt();
+    return true;
+}
+
+bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::string &path,
+                          Durability durability) {
+    Json::Value document = scheduleTemplate._jsJob;
+    if (scheduleTemplate.maxDelay == ScheduleTemplate::kDefaultMaxDelay)
+        document.removeMember("maxDelay");
+    else
+        document["maxDelay"] = scheduleTemplate.maxDelay;
+    return JsonToFile(document, path, durability);
+}
+
+// --- Staging ------------------------------------------------------------------------------------
+
+namespace {
+
+// Removes whatever stands at `path` inside the runtime directory.
+void RemoveStaged(const std::string &path) {
+    const ErrnoKept kept;
+    if (unlink(path.c_str()) == 0 || errno != EISDIR)
+        return;
+    // A directory copied with its owner: taken from him first, so that it stays as it is found.
+    const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (directory && fchown(directory.Get(), 0, 0) == 0 && fchmod(directory.Get(), 0700) == 0) {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+}
+
+// Whether a program can be staged at all: errno tells why not.
+bool IsStageable(const std::string &name, const std::string &source) {
+    struct stat status {};
+    // A name is one file in the runtime directory, never a way out of it.
+    if (name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
+        errno = EINVAL;
+        return false;
+    }
+    if (stat(source.c_str(), &status) == -1)
+        return false;
+    errno = S_ISREG(status.st_mode) ? errno : S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return S_ISREG(status.st_mode);
+}
+
+// Whether what was copied is a program or a link; the source may have become something else since
+// it was looked at.
+bool IsFileOrLink(const std::string &path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 &&
+           (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode));
+}
+
+// Puts a copy of `source` at `staged`. Nothing is written through what stood there; when the copy
+// fails, that stands there again.
+bool CopyProgram(const std::string &source, const std::string &staged) {
+    const std::string previous = std::string(kRuntimeDirectory) + "/.previous";
+    {
+        const ErrnoKept kept;
+        RemoveStaged(previous);
+        std::rename(staged.c_str(), previous.c_str());
+    }
+    if (XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
+        IsFileOrLink(staged)) {
+        RemoveStaged(previous);
+        return true;
+    }
+    const ErrnoKept kept;
+    RemoveStaged(staged);
+    std::rename(previous.c_str(), staged.c_str());
+    return false;
+}
+
+bool IsLink(const std::string &path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+// Gives the staged program to the job's account. A staged link is only followed to see that its
+// target exists: the target is somebody else's and keeps its owner.
+bool ChownIfNeeded(const std::string &staged, const JobUser &user) {
+    struct stat status {};
+    if (!user.valid) {
+        LOG_ERROR("Unable to get user group info");
+        return false;
+    }
+    if (stat(staged.c_str(), &status) == -1) {
+        LOG_ERROR("Failed to stat [%s][%m]", staged.c_str());
+        return false;
+    }
+    if ((status.st_uid == user.uid && status.st_gid == user.gid) || IsLink(staged))
+        return true;
+    if (chown(staged.c_str(), user.uid, user.gid) == -1) {
+        LOG_ERROR("Failed to chown [%s][%s][%m]", staged.c_str(), user.name.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool MoveBinaryToTmp(CronJob &job) {
+    const std::string staged = std::string(kRuntimeDirectory) + "/" + job.Name();
+    Json::Value &program = job._jsJob["cmd_list"][0U];
+    const std::string source = program.asString();
+    if (!XLIBCFileExist(source.c_str())) {
+        LOG_ERROR("missing binary %s", source.c_str());
+        return false;
+    }
+    if (!IsStageable(job.Name(), source) || !CopyProgram(source, staged)) {
+        LOG_ERROR("Failed to cp [%s][%s][0x%04X %s:%d]", source.c_str(), staged.c_str(),
+                  static_cast<unsigned>(XLIBCErrGet()), XLIBCErrorGetFile(), XLIBCErrorGetLine());
+        return false;
+    }
+    program = staged;
+    if (!ChownIfNeeded(staged, ResolveJobUser(Member(job._jsJob, "config")))) {
+        LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
+        return false;
+    }
+    if (!IsLink(staged) && chmod(staged.c_str(), 0700) == -1) {
+        LOG_ERROR("Failed to chmod [%s][%m]", staged.c_str());
+        return false;
+    }
+    return true;
+}
+
+// --- Execution ----------------------------------------------------------------------------------
+
+void CronJob::Launch(std::int32_t delay, const std::string &note) {
+    _jsJob["lastExecution"] = Json::Int64{std::time(nullptr)};
+    _jsJob["expireTime"] = 0;
+    const pid_t pid = XLIBCProcForkEx(71);
+    if (pid == -1) {
+        LOG_ERROR("Failed to fork()");
+        return;
+    }
+    if (pid == 0) {
+        // Whatever happens in the child, it must not go on as a second scheduler, and no destructor
+        // of the daemon may run in it.
+        try {
+            if (delay > 0)
+                sleep(static_cast<unsigned>(delay));
+            RunJobChild(note);
+        } catch (const std::exception &error) {
+            LOG_ERROR("caught a std::exception: %s", error.what());
+        }
+        _exit(EXIT_FAILURE);
+    }
+    scheduleText.clear();
+}
+
+namespace {
+
+// The NUL-terminated arguments of a command and the pointers to them that an exec wants.
+class ArgumentVector {
+public:
+    explicit ArgumentVector(const Json::Value &list)
+        : pointers_(new (std::nothrow) char *[list.size() + 1]) {
+        if (!pointers_)
+            return;
+        for (const Json::Value &element : list)
+            texts_.push_back(element.asString());
+        std::size_t i = 0;
+        for (std::string &text : texts_)
+            pointers_[i++] = text.data();
+        pointers_[i] = nullptr;
+    }
+    char *const *Get() const { return pointers_.get(); }
+
+private:
+    std::vector<std::string> texts_;
+    std::unique_ptr<char *[]> pointers_;
+};
+
+void WriteExecutionLog(const std::string &text) {
+    executionLog.stream() << KEST::MemoryLogger::Timestamp() << Printable(text) << "\n";
+    executionLog.Flush();
+}
+
+// Takes on the account. A step that fails is reported and the next one is taken all the same.
+void TakeOnAccount(const JobUser &user, const std::string &name) {
+    const auto report = [&](const char *step) {
+        WriteExecutionLog(std::string("Failed to ") + step + " for" + name + " for user " +
+                          user.name + "[" + std::strerror(errno) + "]");
+    };
+    if (initgroups(user.name.c_str(), user.gid) == -1)
+        report("initgroups");
+    if (setgid(user.gid) == -1)
+        report("setgid");
+    if (setuid(user.uid) == -1)
+        report("setuid");
+}
+
+} // namespace
+
+void CronJob::RunJobChild(const std::string &note) const {
+    const ArgumentVector arguments(Member(_jsJob, "cmd_list"));
+    if (arguments.Get() == nullptr) {
+        LOG_ERROR("new pszCmd failed");
+        return;
+    }
+    signal(SIGCHLD, SIG_DFL);
+    const std::string name = Name();
+    const JobUser user = ResolveJobUser(Member(_jsJob, "config"));
+    if (!user.valid) {
+        LOG_ERROR("Failed to get user group info for job [%s]", name.c_str());
+        return;
+    }
+    const std::string running =
+        "running job: " + name + " with command: " + TextMember(_jsJob, "cmd_str");
+    WriteExecutionLog(running + " as user " + user.name + (note.empty() ? "" : " (" + note + ")"));
+    // The account cannot open the log, but what goes wrong from here on belongs into it.
+    executionLog.KeepLogOpen();
+    TakeOnAccount(user, name);
+    const int rc = XLIBCExecv(arguments.Get()[0], arguments.Get(), 1);
+    if (rc < 0)
+        WriteExecutionLog(running + " failed, return code: " + std::to_string(rc) +
+                          ", error: " + std::strerror(errno));
+    _exit(EXIT_SUCCESS);
+}

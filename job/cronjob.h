@@ -1,0 +1,130 @@
+// One job: its document, its schedule, its account, its program and its start.
+//
+// A job document is a JSON object. Its "config" is the definition as the author wrote it, with the
+// defaults filled in; beside it stand what the system derives and remembers: "startup", "cmd_list",
+// "cmd_str", "schedule", "lastExecution", "expireTime". Documents come from job files and from our
+// own files, and neither is trusted: bad content leaves an invalid job, never an exception.
+
+#ifndef JOB_CRONJOB_H
+#define JOB_CRONJOB_H
+
+#include "job/cron_field.h"
+#include "platform/json_file.h"
+
+#include <cstdint>
+#include <json/value.h>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+class CronJob {
+public:
+    // An invalid job without a document.
+    CronJob() = default;
+
+    // Takes the document over, checks it, writes the defaults and parses it. `valid` tells whether
+    // all went well; what did not is in the system log.
+    explicit CronJob(Json::Value document);
+
+    // The full job name.
+    std::string Name() const;
+
+    // Draws "schedule"[key] anew from the field's items. Random items take `templateValue` where it
+    // fits them; -1 fits none.
+    void GenerateFieldSchedule(const std::string &key, std::int32_t templateValue);
+    void GenerateSchedule(const std::string &key);
+
+    // The values of "schedule"[key]; none when it is missing or holds anything but integers.
+    std::vector<std::int32_t> GetScheduleValues(const std::string &key) const;
+
+    // The only value of "schedule"[key]; -1 when there is none or more than one.
+    std::int32_t GetSingleScheduleValue(const std::string &key) const;
+
+    // Whether "schedule"[key] admits `value`.
+    bool MatchField(const std::string &key, std::int32_t value) const;
+
+    // Whether the present local minute matches all five fields: day and weekday must both match.
+    bool IsDueNow() const;
+
+    // When the job is due now, stamps "expireTime", fills `scheduleText` and returns true;
+    // otherwise changes nothing.
+    bool CheckTrigger();
+
+    // The schedule as text, such as "17 3 -1 -1 -1".
+    std::string RenderSchedule() const;
+
+    // Whether the job is assured and has not run, or been known, for more than its hours.
+    bool IsAssureOverdue() const;
+
+    // Starts the job: stamps "lastExecution", clears "expireTime" and `scheduleText`, and forks a
+    // process that waits `delay` seconds and then runs the command. Does not wait for it. When the
+    // fork fails, says so and keeps `scheduleText`. `note` goes into the execution log's line.
+    void Launch(std::int32_t delay, const std::string &note);
+
+    bool valid = false;
+    std::int32_t assureExecute = 0; // hours; 0: not assured
+    std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
+    bool runOnPassive = false;
+    Json::Value _jsJob;
+    std::string scheduleText; // the schedule at the latest due match, empty once launched
+    CronFields cronFields;
+
+private:
+    bool CheckJobConfig();
+    bool ParseJobConfig();
+    bool ParseCrontab();
+    bool ParseCronField(const std::string &key, const std::string &text);
+    bool ParseSettings();
+    bool ParseCommand();
+
+    // In the child: takes on the account and runs the command. Returns only when the job cannot be
+    // prepared; otherwise the process ends.
+    void RunJobChild(const std::string &note) const;
+};
+
+// The account that a job runs as.
+struct JobUser {
+    bool valid = false;
+    std::string name;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+// The account that the definition `config` asks for; invalid, with a message, when there is none.
+JobUser ResolveJobUser(const Json::Value &config);
+
+// The directory of the staged programs, which only root may write.
+constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
+
+// Copies the job's program into the runtime directory under the full job name, gives the copy to
+// the job's account with mode 0700, and points the job at it. Nothing outside that directory
+// changes: a program that is a link stays one, and what it links to keeps owner and mode. Returns
+// false, with a message, when the job may not be admitted.
+bool MoveBinaryToTmp(CronJob &job);
+
+// The job that is never run: each field of its schedule is the draw that all jobs share.
+class ScheduleTemplate : public CronJob {
+public:
+    static constexpr std::int32_t kDefaultMaxDelay = 300;
+
+    // The built-in template, drawn.
+    ScheduleTemplate();
+
+    // The most seconds between the starts of two jobs launched in one cycle; never negative.
+    std::int32_t maxDelay = kDefaultMaxDelay;
+};
+
+// Makes `scheduleTemplate` the built-in one, drawn afresh.
+void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate);
+
+// Replaces `scheduleTemplate` by the one in the file `path`, its stored draw included. Returns
+// false and changes nothing when the file cannot be read or holds no valid job. A "maxDelay" that
+// is no integer of at least 0 leaves `maxDelay` as it was.
+bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string &path);
+
+// Writes the template to the file `path`, "maxDelay" only when it is not the default. Returns
+// whether that succeeded.
+bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::string &path,
+                          Durability durability);
+
+#endif

@@ -1,0 +1,69 @@
+#include "job/definition.h"
+
+#include "job/json_members.h"
+
+#include <array>
+
+namespace {
+
+bool HasText(const Json::Value &config, const char *name) {
+    return Member(config, name).isString();
+}
+
+struct Rule {
+    bool (*broken)(const Json::Value &config);
+    const char *text;
+};
+
+// A null member and an absent one differ: "package_username" need only be there.
+constexpr std::array<Rule, 7> kRules{{
+    {[](const Json::Value &config) { return !config.isObject(); },
+     R"(!_jsJob.isMember("config") || !jsConf.isObject())"},
+    {[](const Json::Value &config) { return TextMember(config, "period").empty(); },
+     R"(!jsConf.isMember("period") || !jsConf["period"].isString() || )"
+     R"(jsConf["period"].asString().empty())"},
+    {[](const Json::Value &config) { return !HasText(config, "user"); },
+     R"(!jsConf.isMember("user") || !jsConf["user"].isString())"},
+    {[](const Json::Value &config) { return !HasText(config, "name"); },
+     R"(!jsConf.isMember("name") || !jsConf["name"].isString())"},
+    {[](const Json::Value &config) {
+         return !HasText(config, "cmd") &&
+                !(HasMember(config, "cmd_list") && Member(config, "cmd_list").isArray());
+     },
+     R"((!jsConf.isMember("cmd") || !jsConf["cmd"].isString()) && )"
+     R"((!jsConf.isMember("cmd_list") || !jsConf["cmd_list"].isArray()))"},
+    {[](const Json::Value &config) {
+         return TextMember(config, "user") == "package" && !HasMember(config, "package_username");
+     },
+     R"("package" == jsConf["user"].asString() && !jsConf.isMember("package_username"))"},
+    {[](const Json::Value &config) {
+         return TextMember(config, "period").find("crontab") != std::string::npos &&
+                !HasText(config, "crontab");
+     },
+     R"(!jsConf.isMember("crontab") || !jsConf["crontab"].isString())"},
+}};
+
+void WriteWhenAbsent(Json::Value &object, const char *name, const Json::Value &value) {
+    if (!HasMember(object, name))
+        object[name] = value;
+}
+
+} // namespace
+
+const char *FirstBrokenRule(const Json::Value &document) {
+    const Json::Value &config = Member(document, "config");
+    for (const Rule &rule : kRules)
+        if (rule.broken(config))
+            return rule.text;
+    return nullptr;
+}
+
+void WriteDefaults(Json::Value &document, std::int64_t now) {
+    // Signed numbers, because that is what they are when they are read back from a file: an
+    // unsigned 0 would not equal it, and every restart would take the definition for a changed one.
+    WriteWhenAbsent(document, "startup", Json::Value(Json::Int64{now}));
+    Json::Value &config = document["config"];
+    WriteWhenAbsent(config, "assure_execute", 0);
+    WriteWhenAbsent(config, "assure_execute_action", "wait");
+    WriteWhenAbsent(config, "run_on_passive", false);
+}

@@ -1,0 +1,70 @@
+#include "job/schedule.h"
+
+#include "job/json_members.h"
+
+namespace {
+
+std::int32_t DrawItem(const CronRange &item, std::int32_t templateValue, bool templateIsUsable,
+                      KEST::RANDOM::KESTRandom &random) {
+    switch (item.type) {
+    case CronRange::Any:
+        return kAnyValue;
+    case CronRange::Random:
+        if (templateIsUsable && item.from <= templateValue && templateValue <= item.to)
+            return templateValue;
+        return random.random(item.from, item.to + 1); // its upper bound is never drawn
+    case CronRange::Exact:
+        break;
+    }
+    return item.from;
+}
+
+std::string FieldAsText(const Json::Value &array) {
+    std::string text;
+    for (const std::int32_t value : FieldValues(array))
+        text += (text.empty() ? "" : ",") + std::to_string(value);
+    return text.empty() ? "X" : text;
+}
+
+} // namespace
+
+Json::Value DrawField(const std::string &key, const std::vector<CronRange> &items,
+                      std::int32_t templateValue, KEST::RANDOM::KESTRandom &random) {
+    const bool usable = templateValue != kAnyValue && IsValidFieldValue(key, templateValue);
+    Json::Value array(Json::arrayValue);
+    for (const CronRange &item : items)
+        array.append(DrawItem(item, templateValue, usable, random));
+    return array;
+}
+
+std::vector<std::int32_t> FieldValues(const Json::Value &array) {
+    std::vector<std::int32_t> values;
+    if (!array.isArray())
+        return values;
+    for (const Json::Value &element : array) {
+        if (!element.isInt())
+            return {};
+        values.push_back(element.asInt());
+    }
+    return values;
+}
+
+bool FieldAdmits(const Json::Value &array, std::int32_t value) {
+    if (!array.isArray())
+        return false;
+    bool admits = false;
+    for (const Json::Value &element : array) {
+        if (!element.isInt())
+            return false; // the whole field counts as empty
+        const std::int32_t admitted = element.asInt();
+        admits = admits || admitted == value || admitted == kAnyValue;
+    }
+    return admits;
+}
+
+std::string ScheduleAsText(const Json::Value &schedule) {
+    std::string text;
+    for (const std::string &key : FieldKeys())
+        text += (text.empty() ? "" : " ") + FieldAsText(Member(schedule, key));
+    return text;
+}

@@ -1,0 +1,34 @@
+// A job's schedule: for each field the values that a due minute may have, with every random item
+// already drawn. Kept as JSON arrays, because it is part of the job's document.
+
+#ifndef JOB_SCHEDULE_H
+#define JOB_SCHEDULE_H
+
+#include "job/cron_field.h"
+#include "platform/kestrandom.h"
+
+#include <cstdint>
+#include <json/value.h>
+#include <string>
+#include <vector>
+
+// The value that stands for every value of its field, and for no value where one is asked for.
+constexpr std::int32_t kAnyValue = -1;
+
+// Draws one field: an array with one number per item, in their order. An exact item gives its
+// value, an item for every value kAnyValue. A random item takes `templateValue` when that is a
+// value of the field `key` and lies within the item; otherwise it is drawn.
+Json::Value DrawField(const std::string &key, const std::vector<CronRange> &items,
+                      std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
+
+// The numbers of a field's array; none when it is not an array or any element is not an integer.
+std::vector<std::int32_t> FieldValues(const Json::Value &array);
+
+// Whether a field's array admits `value`. Allocates nothing.
+bool FieldAdmits(const Json::Value &array, std::int32_t value);
+
+// The five fields as text: values joined by ",", "X" for a field without values, fields joined by a
+// blank.
+std::string ScheduleAsText(const Json::Value &schedule);
+
+#endif
