@@ -1,0 +1,540 @@
+#include "core/crondaemon.h"
+
+#include "core/inotify_records.h"
+#include "core/job_name.h"
+#include "core/json_contains.h"
+#include "core/launch_note.h"
+#include "core/launch_spacing.h"
+#include "core/redraw.h"
+#include "core/utils.h"
+#include "job/json_members.h"
+#include "job/schedule.h"
+#include "log/error_log.h"
+#include "log/memorylogger.h"
+#include "platform/errno_kept.h"
+#include "platform/kestcore.h"
+#include "platform/kestsdk.h"
+#include "platform/move_aside.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <dirent.h>
+#include <memory>
+#include <pwd.h>
+#include <sys/inotify.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr const char *kRuntimeFile = "/var/run/kestcrond.config";
+constexpr const char *kRuntimeTemplateFile = "/var/run/kestcrond.st.config";
+constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
+constexpr const char *kPersistentTemplateFile = "/usr/kest/etc/kestcrond.st.config";
+constexpr std::int32_t kCycleSeconds = 60;
+
+} // namespace
+
+const std::array<CronDaemon::JobSource, 4> CronDaemon::kSources{{
+    {"builtin", "/usr/kest/share/kestcron.d", "built-in job", false},
+    {"builtin-dyn", "/usr/kest/etc/kestcron.d", "built-in dynamic job", false},
+    {"pkg", "/usr/local/etc/kestcron.d", "pkg job", false},
+    {"pkg_nonroot", "/usr/local/etc/kestcron_nonroot.d", "ser job", true},
+}};
+
+// --- Start and cycle ----------------------------------------------------------------------------
+
+namespace {
+
+// Whether the runtime directory is there, ours, and no link.
+bool IsOwnDirectory(const char *path) {
+    struct stat status {};
+    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
+}
+
+// Whether anything stands at `path` that somebody else put there, or a link, which may lead
+// anywhere.
+bool IsForeign(const char *path) {
+    const ErrnoKept kept;
+    struct stat status {};
+    return lstat(path, &status) == 0 && (S_ISLNK(status.st_mode) || status.st_uid != geteuid());
+}
+
+// Makes the runtime directory. It lies where anybody may make one first, so what is not our own is
+// moved out of the way; that may take more than one try against somebody who is quick.
+bool PrepareRuntimeDirectory() {
+    constexpr int tries = 16;
+    bool made = false;
+    for (int i = 0; i < tries && !made; ++i) {
+        if (IsForeign(kRuntimeDirectory) && !MoveAside(kRuntimeDirectory))
+            break;
+        if (KESTFSMkdirP(kRuntimeDirectory, nullptr, 1, 0, 0, 0755) == -1 &&
+            !IsForeign(kRuntimeDirectory))
+            break;
+        made = IsOwnDirectory(kRuntimeDirectory);
+    }
+    if (!made) {
+        LOG_ERROR("runtime dir (%s) create failed", kRuntimeDirectory);
+        return false;
+    }
+    if (chmod(kRuntimeDirectory, 0755) == -1) {
+        LOG_ERROR("Failed to chmod [%s][%m]", kRuntimeDirectory);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool CronDaemon::Init(bool passive) {
+    passiveMode = passive;
+    watchCount = 0;
+    inotifyFd = inotify_init1(IN_CLOEXEC);
+    if (inotifyFd == -1)
+        LOG_ERROR("inotify init failed");
+    if (!PrepareRuntimeDirectory())
+        return false;
+    const Json::Value jobSet = LoadSources();
+    LoadTemplate(kPersistentTemplateFile);
+    Json::Value previous;
+    JsonFromFile(kPersistentFile, previous, kOwnFileLimits);
+    ApplyJobSet(std::move(previous), jobSet);
+    return true;
+}
+
+void CronDaemon::Run() {
+    while (!stopRequested) {
+        sleepSeconds = kCycleSeconds;
+        RunCycle();
+        // Cut short by a signal, and not made up for: the signal wants the next cycle.
+        sleep(static_cast<unsigned>(sleepSeconds));
+    }
+    Shutdown();
+}
+
+void CronDaemon::RunCycle() {
+    if (reloadRequested) {
+        ReloadJobs();
+        executionLog.Flush();
+    } else {
+        Evaluate();
+    }
+}
+
+void CronDaemon::Evaluate() {
+    for (CronJob &job : jobs)
+        job.CheckTrigger();
+    const bool held = IsVorldHeld();
+    std::vector<JobState> states;
+    states.reserve(jobs.size());
+    for (const CronJob &job : jobs)
+        states.push_back(ComputeState(job, held));
+    LaunchJobs(states);
+    RegenerateOnTimeChange();
+    PollChanges();
+}
+
+JobState CronDaemon::ComputeState(const CronJob &job, bool held) const {
+    JobFacts facts;
+    facts.passiveMode = passiveMode;
+    facts.runOnPassive = job.runOnPassive;
+    facts.held = held;
+    facts.expireTime = IntegerMember(job._jsJob, "expireTime", 0);
+    facts.overdue = job.IsAssureOverdue();
+    facts.assureRun = job.assureRun;
+    return StateOf(facts);
+}
+
+namespace {
+
+std::string TriggerTime() {
+    const std::time_t now = std::time(nullptr);
+    const std::tm *local = std::localtime(&now);
+    if (local != nullptr)
+        return FormatTriggerTime(*local);
+    LOG_ERROR("Failed to get localtime. Not able to format date.");
+    return {};
+}
+
+} // namespace
+
+void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
+    LaunchFacts facts;
+    facts.launches =
+        static_cast<std::size_t>(std::count_if(states.begin(), states.end(), IsLaunchState));
+    if (facts.launches == 0)
+        return;
+    const std::int32_t spacing = LaunchSpacing(scheduleTemplate.maxDelay, facts.launches);
+    facts.triggerTime = TriggerTime();
+    std::int32_t launched = 0;
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        if (!IsLaunchState(states[i]))
+            continue;
+        facts.state = JobStateName(states[i]);
+        facts.scheduleText = jobs[i].scheduleText;
+        facts.delay = launched * spacing;
+        facts.rank = static_cast<std::size_t>(++launched);
+        jobs[i].Launch(facts.delay, LaunchNote(facts));
+    }
+}
+
+bool IsLaunchState(JobState state) {
+    const JobStateTraits *traits = TraitsOf(state);
+    if (traits == nullptr)
+        LOG_ERROR("Unreachable switch case value");
+    return traits != nullptr && traits->launched;
+}
+
+const char *JobStateName(JobState state) {
+    const JobStateTraits *traits = TraitsOf(state);
+    if (traits == nullptr)
+        LOG_ERROR("Unreachable switch case value");
+    return traits != nullptr ? traits->name : "Unknown";
+}
+
+void CronDaemon::RegenerateOnTimeChange() {
+    const std::time_t now = std::time(nullptr);
+    const std::tm *local = std::localtime(&now);
+    if (local == nullptr) {
+        LOG_ERROR("Failed to get localtime. Not regenerating.");
+        return;
+    }
+    const std::vector<std::string> keys = FieldsToRedraw(*local);
+    if (keys.empty())
+        return;
+    for (const std::string &key : keys)
+        RegenerateField(key);
+    SaveRuntimeFiles();
+}
+
+void CronDaemon::RegenerateField(const std::string &key) {
+    scheduleTemplate.GenerateSchedule(key);
+    for (CronJob &job : jobs)
+        job.GenerateFieldSchedule(key, scheduleTemplate.GetSingleScheduleValue(key));
+}
+
+void CronDaemon::Shutdown() {
+    PersistState();
+}
+
+// --- Watching -----------------------------------------------------------------------------------
+
+bool CronDaemon::AddWatch(const std::string &path) {
+    constexpr std::uint32_t watchMask = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM |
+                                        IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_DELETE_SELF |
+                                        IN_MOVE_SELF;
+    if (inotifyFd == -1)
+        return true; // no changes are seen, but jobs are loaded
+    std::int32_t watch = -1;
+    if (watchCount < watches.size())
+        watch = inotify_add_watch(inotifyFd, path.c_str(), watchMask);
+    else
+        errno = ENOSPC;
+    if (watch < 0) {
+        LOG_ERROR("Failed to listen %s", path.c_str());
+        return false;
+    }
+    watches[watchCount++] = watch;
+    return true;
+}
+
+void CronDaemon::RemoveAllWatches() {
+    const ErrnoKept kept; // a directory that is gone took its watch with it
+    for (std::uint32_t i = 0; i < watchCount; ++i) {
+        if (watches[i] > 0) {
+            inotify_rm_watch(inotifyFd, watches[i]);
+            watches[i] = -1;
+        }
+    }
+    watchCount = 0;
+}
+
+void CronDaemon::PollChanges() {
+    if (inotifyFd == -1)
+        return;
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(inotifyFd, &readable);
+    timeval noWait{0, 0};
+    if (select(inotifyFd + 1, &readable, nullptr, nullptr, &noWait) == -1) {
+        LOG_ERROR("Failed to select inotify");
+        return;
+    }
+    if (!FD_ISSET(inotifyFd, &readable))
+        return;
+    alignas(inotify_event) std::array<char, 1024> records{};
+    ssize_t size = 0;
+    do
+        size = read(inotifyFd, records.data(), records.size());
+    while (size == -1 && errno == EINTR);
+    if (size > 0 && ReportsChange(records.data(), static_cast<std::size_t>(size))) {
+        reloadRequested = true;
+        sleepSeconds = 0;
+    }
+}
+
+// --- Job sources --------------------------------------------------------------------------------
+
+void CronDaemon::ReloadJobs() {
+    reloadRequested = false;
+    // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
+    PrepareRuntimeDirectory();
+    Json::Value previous;
+    JobsToJson(previous);
+    RemoveAllWatches();
+    const Json::Value jobSet = LoadSources();
+    ApplyJobSet(std::move(previous), jobSet);
+}
+
+Json::Value CronDaemon::LoadSources() {
+    Json::Value jobSet(Json::objectValue);
+    for (const JobSource &source : kSources) {
+        const bool loaded = source.perAccount
+                                ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
+                                : LoadJobDirectory(jobSet, source.directory, source.label);
+        if (!loaded)
+            LOG_ERROR("js %s (%s) loaded failed", source.word, source.directory);
+    }
+    return jobSet;
+}
+
+namespace {
+
+// The names of a directory's entries that do not begin with ".", in byte order. Returns false, with
+// a message, when the directory cannot be opened.
+bool ListDirectory(const std::string &directory, std::vector<std::string> &names) {
+    const std::unique_ptr<DIR, int (*)(DIR *)> open(opendir(directory.c_str()), closedir);
+    if (!open) {
+        LOG_ERROR("open directory failed.");
+        return false;
+    }
+    while (const dirent *entry = readdir(open.get()))
+        if (entry->d_name[0] != '.')
+            names.emplace_back(entry->d_name);
+    std::sort(names.begin(), names.end());
+    return true;
+}
+
+// The definitions in a job file: its array, or its one object, which is named after the file alone.
+// An empty array for any other document.
+Json::Value DefinitionsOf(Json::Value document) {
+    Json::Value definitions(Json::arrayValue);
+    if (document.isArray())
+        return document;
+    if (document.isObject()) {
+        document["name"] = "default";
+        definitions.append(std::move(document));
+    }
+    return definitions;
+}
+
+// Runs each definition through the job parser and adds the accepted ones, as the parser left them,
+// to the job set. Returns false when any was rejected.
+bool AddJobDefinitions(Json::Value &jobSet, const Json::Value &definitions) {
+    bool allAccepted = true;
+    for (const Json::Value &definition : definitions) {
+        Json::Value document;
+        document["config"] = definition;
+        CronJob job(std::move(document));
+        if (job.valid)
+            jobSet[job.Name()] = std::move(job._jsJob["config"]);
+        else
+            allAccepted = false;
+    }
+    return allAccepted;
+}
+
+// Loads one job file. `account` is empty but for the files of a package account, whose jobs run as
+// that account whatever they say.
+void LoadJobFile(Json::Value &jobSet, const std::string &directory, const std::string &fileName,
+                 const std::string &label, const std::string &account) {
+    const std::string path = directory + "/" + fileName;
+    const std::string base = FileBaseName(fileName);
+    Json::Value document;
+    if (!JsonFromFile(path, document, kJobFileLimits)) {
+        LOG_ERROR("JSON file read error: %s", path.c_str());
+        return;
+    }
+    Json::Value definitions = DefinitionsOf(std::move(document));
+    for (Json::Value &definition : definitions) {
+        if (!Member(definition, "name").isString()) {
+            LOG_ERROR("Job (%s) must have a name!", base.c_str());
+            continue;
+        }
+        if (!account.empty()) {
+            definition["user"] = "package";
+            definition["package_username"] = account;
+        }
+        definition["name"] = FullJobName(label, account, base, definition["name"].asString());
+    }
+    if (!AddJobDefinitions(jobSet, definitions))
+        LOG_ERROR("Job JSON format error: %s", path.c_str());
+}
+
+bool LoadJobFiles(Json::Value &jobSet, const std::string &directory, const std::string &label,
+                  const std::string &account) {
+    std::vector<std::string> names;
+    if (!ListDirectory(directory, names))
+        return false;
+    for (const std::string &name : names)
+        LoadJobFile(jobSet, directory, name, label, account);
+    return true;
+}
+
+} // namespace
+
+bool CronDaemon::LoadJobDirectory(Json::Value &jobSet, const std::string &directory,
+                                  const std::string &label) {
+    KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
+    return LoadJobFiles(jobSet, directory, label, {});
+}
+
+bool CronDaemon::LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
+                                           const std::string &label) {
+    if (KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0755) != 0) {
+        LOG_ERROR("create directory failed.");
+        return false;
+    }
+    std::vector<std::string> names;
+    if (!ListDirectory(directory, names))
+        return false;
+    if (!AddWatch(directory)) {
+        LOG_ERROR("Failed to register %s", directory.c_str());
+        return false;
+    }
+    for (const std::string &name : names)
+        LoadAccount(jobSet, directory + "/" + name, label);
+    return true;
+}
+
+namespace {
+
+// The name of the account that owns `path`; empty, with a message, when there is none.
+std::string OwnerOf(const std::string &path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == -1) {
+        LOG_ERROR("stat error: %s", path.c_str());
+        return {};
+    }
+    const passwd *owner = getpwuid(status.st_uid);
+    if (owner == nullptr) {
+        LOG_ERROR("get uid error: %d", static_cast<int>(status.st_uid));
+        return {};
+    }
+    return owner->pw_name;
+}
+
+} // namespace
+
+void CronDaemon::LoadAccount(Json::Value &jobSet, const std::string &path,
+                             const std::string &label) {
+    const std::string account = OwnerOf(path);
+    if (account.empty())
+        LOG_ERROR("Failed to dir user: %s", path.c_str());
+    else if (!AddWatch(path))
+        LOG_ERROR("Failed to register %s", path.c_str());
+    else if (!LoadUserJobDirectory(jobSet, account, path, label))
+        LOG_ERROR("Failed to load %s config", path.c_str());
+}
+
+bool CronDaemon::LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
+                                      const std::string &directory, const std::string &label) {
+    return LoadJobFiles(jobSet, directory, label, account);
+}
+
+// --- Runtime state ------------------------------------------------------------------------------
+
+void CronDaemon::ApplyJobSet(Json::Value previous, const Json::Value &jobSet) {
+    RemoveChangedJobs(previous, jobSet);
+    MergeNewJobs(previous, jobSet);
+    RebuildJobList(previous);
+    SaveRuntimeFiles();
+}
+
+void CronDaemon::RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
+    if (!Member(previous, "jobs").isObject())
+        return;
+    Json::Value &entries = previous["jobs"];
+    for (const std::string &name : entries.getMemberNames()) {
+        const Json::Value &definition = Member(jobSet, name);
+        if (definition.isNull())
+            LOG_ERROR("removed cleared jobs: %s", name.c_str());
+        else if (!JsonContains(Member(Member(entries, name), "config"), definition))
+            LOG_ERROR("removed modified jobs: %s", name.c_str());
+        else
+            continue;
+        entries.removeMember(name);
+    }
+}
+
+void CronDaemon::MergeNewJobs(Json::Value &previous, const Json::Value &jobSet) {
+    Json::Value &entries = ObjectMember(previous, "jobs");
+    for (const std::string &name : jobSet.getMemberNames()) {
+        if (entries.isMember(name))
+            continue;
+        Json::Value document;
+        document["config"] = Member(jobSet, name);
+        CronJob job(std::move(document));
+        for (const std::string &key : FieldKeys())
+            job.GenerateFieldSchedule(key, scheduleTemplate.GetSingleScheduleValue(key));
+        entries[name] = std::move(job._jsJob);
+    }
+}
+
+void CronDaemon::RebuildJobList(const Json::Value &document) {
+    const SourceTag tag = TagOf(__FILE__);
+    syslog(LOG_INFO, "%.*s:%d current runtime: %s", tag.length, tag.text, __LINE__,
+           JsonToString(document).c_str());
+    jobs.clear();
+    for (const Json::Value &entry : Member(document, "jobs")) {
+        CronJob job(entry);
+        if (!job.valid)
+            LOG_ERROR("job corrupt.");
+        else if (!MoveBinaryToTmp(job))
+            LOG_ERROR("MoveBinaryToTmp failed.");
+        else
+            jobs.push_back(std::move(job));
+    }
+}
+
+void CronDaemon::JobsToJson(Json::Value &document) const {
+    document = Json::Value(Json::objectValue);
+    for (const CronJob &job : jobs)
+        document["jobs"][job.Name()] = job._jsJob;
+}
+
+void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) const {
+    Json::Value document;
+    JobsToJson(document);
+    if (!JsonToFile(document, path, durability))
+        LOG_ERROR("runtime config save failed (%s)", path.c_str());
+}
+
+void CronDaemon::LoadTemplate(const std::string &path) {
+    if (XLIBCFileExist(path.c_str()) && !LoadScheduleTemplate(scheduleTemplate, path))
+        LOG_ERROR("schedule template config load failed (%s)", path.c_str());
+}
+
+void CronDaemon::SaveTemplate(const std::string &path, Durability durability) const {
+    if (!SaveScheduleTemplate(scheduleTemplate, path, durability))
+        LOG_ERROR("schedule template config save failed (%s)", path.c_str());
+}
+
+void CronDaemon::SaveRuntimeFiles() const {
+    SaveRuntimeConfig(kRuntimeFile, Durability::Process);
+    SaveTemplate(kRuntimeTemplateFile, Durability::Process);
+}
+
+void CronDaemon::PersistState() {
+    SaveRuntimeConfig(kPersistentFile, Durability::Reboot);
+    SaveTemplate(kPersistentTemplateFile, Durability::Reboot);
+    RemoveAllWatches();
+    if (inotifyFd != -1)
+        close(inotifyFd);
+    inotifyFd = -1;
+    executionLog.Flush();
+}

@@ -1,0 +1,120 @@
+// The scheduler.
+//
+// One object, one thread, one cycle every 60 seconds, not aligned to the minute:
+//
+//   - A reload cycle, when one was requested: all job files are read again and applied to the jobs
+//     as they are. Nothing is started.
+//   - An evaluation cycle otherwise. Each job whose schedule matches the present local minute gets
+//   its
+//     "expireTime". Each job is then in one of six states (core/job_state.h), and those that are to
+//     be launched are, in name order, with growing delays. In minute 0 the random fields are drawn
+//     anew. Last, the watched directories are asked for changes, which request a reload.
+//
+// Who writes what: the signal handler sets `stopRequested` or `reloadRequested`, and `sleepSeconds`
+// to 0; so does PollChanges for a reload. ReloadJobs clears `reloadRequested`. Each cycle sets
+// `sleepSeconds` to 60. A job's "expireTime" is set by its due check and cleared by its launch.
+//
+// The jobs' documents, keyed by full job name, are the runtime document. It is rewritten whenever
+// the jobs or their schedules change, and kept over a restart by the shutdown save alone.
+
+#ifndef CORE_CRONDAEMON_H
+#define CORE_CRONDAEMON_H
+
+#include "core/job_state.h"
+#include "job/cronjob.h"
+#include "platform/json_file.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <json/value.h>
+#include <string>
+#include <vector>
+
+class CronDaemon {
+public:
+    // Prepares the object and loads everything. Returns false when there is no runtime directory;
+    // all else that fails is reported and left out. A signal that came before is not forgotten.
+    bool Init(bool passive);
+
+    // Runs cycles until a stop is requested, then shuts down.
+    void Run();
+
+    // What the signal handler writes. Single stores, so that a handler may interrupt anything.
+    std::atomic<bool> stopRequested{false};
+    std::atomic<bool> reloadRequested{false};
+    bool passiveMode = false;
+    std::atomic<std::int32_t> sleepSeconds{0};
+
+private:
+    // One of the four places that job files come from.
+    struct JobSource {
+        const char *label;
+        const char *directory;
+        const char *word; // what messages call it
+        bool perAccount;  // one subdirectory per account, instead of job files
+    };
+    static const std::array<JobSource, 4> kSources;
+
+    void RunCycle();
+    void Evaluate();
+    void LaunchJobs(const std::vector<JobState> &states);
+    JobState ComputeState(const CronJob &job, bool held) const;
+    void RegenerateOnTimeChange();
+    void RegenerateField(const std::string &key);
+    void Shutdown();
+
+    // Watches `path` for changes of itself and of what lies in it. Returns false, with a message,
+    // when that cannot be done; true without a watch when the system has none to give at all.
+    bool AddWatch(const std::string &path);
+    void RemoveAllWatches();
+    // Looks, without waiting, whether anything watched has changed, and requests a reload if so.
+    // Takes at most 1024 bytes of what the kernel has to say; the rest is left for the next look.
+    void PollChanges();
+
+    void ReloadJobs();
+    // The job definitions of all sources by full job name. A source that fails is reported and left
+    // out.
+    Json::Value LoadSources();
+    // Each of these adds the accepted definitions to `jobSet` and returns whether the directory as
+    // a whole could be read; what is wrong with single files and jobs is reported and left out.
+    bool LoadJobDirectory(Json::Value &jobSet, const std::string &directory,
+                          const std::string &label);
+    bool LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
+                                   const std::string &label);
+    void LoadAccount(Json::Value &jobSet, const std::string &path, const std::string &label);
+    bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
+                              const std::string &directory, const std::string &label);
+
+    // Brings the jobs in line with `jobSet`: `previous`, a runtime document, loses the jobs that
+    // are gone or changed, gains the new ones with fresh schedules, and becomes the live list.
+    void ApplyJobSet(Json::Value previous, const Json::Value &jobSet);
+    void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet);
+    void MergeNewJobs(Json::Value &previous, const Json::Value &jobSet);
+    void RebuildJobList(const Json::Value &document);
+
+    void JobsToJson(Json::Value &document) const;
+    void SaveRuntimeConfig(const std::string &path, Durability durability) const;
+    void LoadTemplate(const std::string &path);
+    void SaveTemplate(const std::string &path, Durability durability) const;
+    void SaveRuntimeFiles() const;
+    void PersistState();
+
+    static constexpr std::uint32_t kWatchLimit = 1024;
+    std::int32_t inotifyFd = -1;
+    std::uint32_t watchCount = 0;
+    std::array<std::int32_t, kWatchLimit> watches{};
+    std::vector<CronJob> jobs;
+    ScheduleTemplate scheduleTemplate;
+};
+
+static_assert(std::atomic<bool>::is_always_lock_free &&
+                  std::atomic<std::int32_t>::is_always_lock_free,
+              "the signal handler may not wait for a lock");
+
+// Whether a job in this state is launched, and what the state is called. A number that is no state
+// is reported, not launched, and called "Unknown".
+bool IsLaunchState(JobState state);
+const char *JobStateName(JobState state);
+
+#endif

@@ -1,0 +1,35 @@
+#include "core/job_state.h"
+
+#include <array>
+#include <cstddef>
+
+namespace {
+
+constexpr std::array<JobStateTraits, 6> kTraits{{
+    {"NotReady", false},
+    {"NotRunOnPassive", false},
+    {"AssureExecuteWait", false},
+    {"Ready", true},
+    {"AssureExecute", true},
+    {"AssureExecuteRun", true},
+}};
+
+} // namespace
+
+JobState StateOf(const JobFacts &facts) {
+    if (facts.passiveMode && !facts.runOnPassive)
+        return JobState::NotRunOnPassive;
+    if (!facts.held) {
+        if (facts.expireTime != 0)
+            return JobState::Ready;
+        return facts.overdue ? JobState::AssureExecute : JobState::NotReady;
+    }
+    if (!facts.overdue)
+        return JobState::NotReady;
+    return facts.assureRun == 1 ? JobState::AssureExecuteRun : JobState::AssureExecuteWait;
+}
+
+const JobStateTraits *TraitsOf(JobState state) {
+    const auto index = static_cast<std::size_t>(state);
+    return index < kTraits.size() ? &kTraits[index] : nullptr;
+}

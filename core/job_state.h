@@ -1,0 +1,38 @@
+// What becomes of a job in one evaluation cycle.
+
+#ifndef CORE_JOB_STATE_H
+#define CORE_JOB_STATE_H
+
+#include <cstdint>
+
+// Computed for every job in every cycle and never stored. The order is part of the meaning.
+enum class JobState : std::int32_t {
+    NotReady = 0,
+    NotRunOnPassive = 1,   // the machine is passive and the job is not for passive machines
+    AssureExecuteWait = 2, // overdue, but the machine is held and the job waits for its release
+    Ready = 3,             // its schedule has come
+    AssureExecute = 4,     // overdue
+    AssureExecuteRun = 5   // overdue, and run although the machine is held
+};
+
+// What a job's state follows from.
+struct JobFacts {
+    bool passiveMode = false;
+    bool runOnPassive = false;
+    bool held = false;
+    std::int64_t expireTime = 0; // not 0: the schedule has come
+    bool overdue = false;
+    std::int32_t assureRun = 0;
+};
+
+JobState StateOf(const JobFacts &facts);
+
+// What is known of a state: its name, and whether a job in it is launched. Null for a number that
+// is no state.
+struct JobStateTraits {
+    const char *name;
+    bool launched;
+};
+const JobStateTraits *TraitsOf(JobState state);
+
+#endif
