@@ -11,8 +11,10 @@ if(NOT CMAKE_BUILD_TYPE)
 endif()
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+
 add_library(kest_options INTERFACE)
-target_compile_features(kest_options INTERFACE cxx_std_17)
 # Schedules reach past 2038 on 32-bit machines too.
 target_compile_definitions(kest_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_compile_options(kest_options INTERFACE

@@ -279,40 +279,21 @@ void CronDaemon::PollChanges() {
 
 // --- Job sources --------------------------------------------------------------------------------
 
-void CronDaemon::ReloadJobs() {
-    reloadRequested = false;
-    // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
-    PrepareRuntimeDirectory();
-    Json::Value previous;
-    JobsToJson(previous);
-    RemoveAllWatches();
-    const Json::Value jobSet = LoadSources();
-    ApplyJobSet(std::move(previous), jobSet);
-}
-
-Json::Value CronDaemon::LoadSources() {
-    Json::Value jobSet(Json::objectValue);
-    for (const JobSource &source : kSources) {
-        const bool loaded = source.perAccount
-                                ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
-                                : LoadJobDirectory(jobSet, source.directory, source.label);
-        if (!loaded)
-            LOG_ERROR("js %s (%s) loaded failed", source.word, source.directory);
-    }
-    return jobSet;
-}
-
 namespace {
+
+std::string PathIn(const std::string &directory, const std::string &name) {
+    return directory + "/" + name;
+}
 
 // The names of a directory's entries that do not begin with ".", in byte order. Returns false, with
 // a message, when the directory cannot be opened.
 bool ListDirectory(const std::string &directory, std::vector<std::string> &names) {
-    const std::unique_ptr<DIR, int (*)(DIR *)> open(opendir(directory.c_str()), closedir);
-    if (!open) {
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(opendir(directory.c_str()), closedir);
+    if (!stream) {
         LOG_ERROR("open directory failed.");
         return false;
     }
-    while (const dirent *entry = readdir(open.get()))
+    while (const dirent *entry = readdir(stream.get()))
         if (entry->d_name[0] != '.')
             names.emplace_back(entry->d_name);
     std::sort(names.begin(), names.end());
@@ -352,7 +333,7 @@ bool AddJobDefinitions(Json::Value &jobSet, const Json::Value &definitions) {
 // that account whatever they say.
 void LoadJobFile(Json::Value &jobSet, const std::string &directory, const std::string &fileName,
                  const std::string &label, const std::string &account) {
-    const std::string path = directory + "/" + fileName;
+    const std::string path = PathIn(directory, fileName);
     const std::string base = FileBaseName(fileName);
     Json::Value document;
     if (!JsonFromFile(path, document, kJobFileLimits)) {
@@ -385,12 +366,41 @@ bool LoadJobFiles(Json::Value &jobSet, const std::string &directory, const std::
     return true;
 }
 
-} // namespace
-
-bool CronDaemon::LoadJobDirectory(Json::Value &jobSet, const std::string &directory,
-                                  const std::string &label) {
+// Each of these loads one directory and returns whether it could be opened; what is wrong with
+// single files and jobs is reported and left out.
+bool LoadJobDirectory(Json::Value &jobSet, const std::string &directory, const std::string &label) {
     KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
     return LoadJobFiles(jobSet, directory, label, {});
+}
+
+bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
+                          const std::string &directory, const std::string &label) {
+    return LoadJobFiles(jobSet, directory, label, account);
+}
+
+} // namespace
+
+void CronDaemon::ReloadJobs() {
+    reloadRequested = false;
+    // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
+    PrepareRuntimeDirectory();
+    Json::Value previous;
+    JobsToJson(previous);
+    RemoveAllWatches();
+    const Json::Value jobSet = LoadSources();
+    ApplyJobSet(std::move(previous), jobSet);
+}
+
+Json::Value CronDaemon::LoadSources() {
+    Json::Value jobSet(Json::objectValue);
+    for (const JobSource &source : kSources) {
+        const bool loaded = source.perAccount
+                                ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
+                                : LoadJobDirectory(jobSet, source.directory, source.label);
+        if (!loaded)
+            LOG_ERROR("js %s (%s) loaded failed", source.word, source.directory);
+    }
+    return jobSet;
 }
 
 bool CronDaemon::LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
@@ -407,7 +417,7 @@ bool CronDaemon::LoadNonRootJobDirectories(Json::Value &jobSet, const std::strin
         return false;
     }
     for (const std::string &name : names)
-        LoadAccount(jobSet, directory + "/" + name, label);
+        LoadAccount(jobSet, PathIn(directory, name), label);
     return true;
 }
 
@@ -441,21 +451,12 @@ void CronDaemon::LoadAccount(Json::Value &jobSet, const std::string &path,
         LOG_ERROR("Failed to load %s config", path.c_str());
 }
 
-bool CronDaemon::LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
-                                      const std::string &directory, const std::string &label) {
-    return LoadJobFiles(jobSet, directory, label, account);
-}
-
 // --- Runtime state ------------------------------------------------------------------------------
 
-void CronDaemon::ApplyJobSet(Json::Value previous, const Json::Value &jobSet) {
-    RemoveChangedJobs(previous, jobSet);
-    MergeNewJobs(previous, jobSet);
-    RebuildJobList(previous);
-    SaveRuntimeFiles();
-}
+namespace {
 
-void CronDaemon::RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
+// Takes the entries of jobs that are no longer defined, or defined otherwise, out of `previous`.
+void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
     if (!Member(previous, "jobs").isObject())
         return;
     Json::Value &entries = previous["jobs"];
@@ -469,6 +470,15 @@ void CronDaemon::RemoveChangedJobs(Json::Value &previous, const Json::Value &job
             continue;
         entries.removeMember(name);
     }
+}
+
+} // namespace
+
+void CronDaemon::ApplyJobSet(Json::Value previous, const Json::Value &jobSet) {
+    RemoveChangedJobs(previous, jobSet);
+    MergeNewJobs(previous, jobSet);
+    RebuildJobList(previous);
+    SaveRuntimeFiles();
 }
 
 void CronDaemon::MergeNewJobs(Json::Value &previous, const Json::Value &jobSet) {

@@ -76,20 +76,16 @@ private:
     // The job definitions of all sources by full job name. A source that fails is reported and left
     // out.
     Json::Value LoadSources();
-    // Each of these adds the accepted definitions to `jobSet` and returns whether the directory as
-    // a whole could be read; what is wrong with single files and jobs is reported and left out.
-    bool LoadJobDirectory(Json::Value &jobSet, const std::string &directory,
-                          const std::string &label);
+    // Adds the accepted definitions of all package accounts to `jobSet` and watches their
+    // directories. Returns whether the directory as a whole could be read; what is wrong with
+    // single accounts, files and jobs is reported and left out.
     bool LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
                                    const std::string &label);
     void LoadAccount(Json::Value &jobSet, const std::string &path, const std::string &label);
-    bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
-                              const std::string &directory, const std::string &label);
 
     // Brings the jobs in line with `jobSet`: `previous`, a runtime document, loses the jobs that
     // are gone or changed, gains the new ones with fresh schedules, and becomes the live list.
     void ApplyJobSet(Json::Value previous, const Json::Value &jobSet);
-    void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet);
     void MergeNewJobs(Json::Value &previous, const Json::Value &jobSet);
     void RebuildJobList(const Json::Value &document);
 

@@ -9,8 +9,12 @@
 namespace {
 
 std::optional<Command> FromList(const Json::Value &list) {
-    if (list.isObject() && !list.empty())
-        return std::nullopt;
+    if (!list.isArray()) {
+        // It has no elements, unless it is an object: then it has no first one.
+        if (list.isObject() && !list.empty())
+            return std::nullopt;
+        return Command{Json::Value(Json::arrayValue), {}};
+    }
     Command command{list, {}};
     for (const Json::Value &element : list) {
         if (!element.isConvertibleTo(Json::stringValue))

@@ -123,7 +123,7 @@ bool CronJob::ParseCommand() {
     if (!command)
         return false;
     _jsJob["cmd_list"] = std::move(command->list);
-    _jsJob["cmd_str"] = std::move(command->text);
+    _jsJob["cmd_str"] = command->text;
     if (_jsJob["cmd_list"].empty()) {
         LOG_ERROR("Failed [%s], err=%m", R"(0 == _jsJob["cmd_list"].size())");
         return false;

@@ -16,6 +16,8 @@ SourceTag TagOf(const char *file) {
     return {name, static_cast<int>(std::strcspn(name, "."))};
 }
 
+// A C-style variadic function, because %m and the compiler's check of formats belong to those.
+// NOLINTNEXTLINE(cert-dcl50-cpp)
 void LogErrorAt(const char *file, int line, const char *text, ...) {
     const ErrnoKept kept;
     const int error = errno;
@@ -23,6 +25,8 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
     std::array<char, 8192> message{};
     va_list arguments;
     va_start(arguments, text);
+    // The analyser does not see that va_start initialises the list.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     std::vsnprintf(message.data(), message.size(), text, arguments);
     va_end(arguments);
     const SourceTag tag = TagOf(file);

@@ -15,6 +15,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace KEST {
 
@@ -89,9 +90,8 @@ bool Lock(const Descriptor &file) {
 
 } // namespace
 
-MemoryLogger::MemoryLogger(const std::string &logPath, const std::string &stagingPath,
-                           unsigned capacity)
-    : _strLogPath(logPath), _stagingPath(stagingPath),
+MemoryLogger::MemoryLogger(std::string logPath, std::string stagingPath, unsigned capacity)
+    : _strLogPath(std::move(logPath)), _stagingPath(std::move(stagingPath)),
       _capacity(static_cast<std::uintmax_t>(capacity) * 1024) {}
 
 std::string MemoryLogger::Timestamp() {

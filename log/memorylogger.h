@@ -21,7 +21,7 @@ class MemoryLogger {
 public:
     // `capacity`, in KiB, is the size above which the staging file is moved to the log at once.
     // Touches no file.
-    MemoryLogger(const std::string &logPath, const std::string &stagingPath, unsigned capacity);
+    MemoryLogger(std::string logPath, std::string stagingPath, unsigned capacity);
 
     // Where the caller writes. A line ends with its newline and is flushed by the process that
     // wrote it; foreign text goes through Printable().

@@ -44,7 +44,7 @@ LastError &TheLastError() {
 }
 
 void Record(ErrorCode code, int line) {
-    TheLastError() = {code, line};
+    TheLastError() = {code, code == kNoError ? 0 : line};
 }
 int Fail(ErrorCode code, int line) {
     Record(code, line);
