@@ -1,0 +1,132 @@
+"""The appliance that system tests run on: a private machine with accounts, a program that records
+its runs, and short ways to put jobs and templates on it."""
+
+import json
+import signal
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts"))
+from private_machine import PrivateMachine, wait_for  # noqa: E402
+
+SOURCES = {
+    "builtin": "/usr/kest/share/kestcron.d",
+    "builtin-dyn": "/usr/kest/etc/kestcron.d",
+    "pkg": "/usr/local/etc/kestcron.d",
+    "pkg_nonroot": "/usr/local/etc/kestcron_nonroot.d",
+}
+PERSISTENT_FILE = "/usr/kest/etc/kestcrond.config"
+PERSISTENT_TEMPLATE = "/usr/kest/etc/kestcrond.st.config"
+RECORD = "/usr/local/bin/record"
+FIELDS = ["Minute", "hour", "day", "month", "week"]
+
+# Writes who runs it, how, and with what arguments, one line a run, to a file named after the job.
+RECORD_PROGRAM = """#!/bin/sh
+echo "$(id -un) $(id -gn) [$*]" >> "/tmp/ran/${0##*/}"
+"""
+
+
+class Appliance(PrivateMachine):
+    def __enter__(self):
+        super().__enter__()
+        self.add_account("alice", 2001, groups=["crew", "media"])
+        self.add_account("bob", 2002)
+        self.add_account("system", 2003)
+        self.write(RECORD, RECORD_PROGRAM, 0o755)
+        self.path("/tmp/ran").mkdir()
+        self.path("/tmp/ran").chmod(0o1777)
+        self.environment.update(
+            ASAN_OPTIONS="verify_asan_link_order=0:log_path=/tmp/sanitizer",
+            UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer")
+        return self
+
+    def jobs(self, source, file, definitions, account=None):
+        """Puts a job file into a source, for the fourth one into the account's directory."""
+        directory = SOURCES[source]
+        if account:
+            directory += "/" + account
+            self.account_directory(account)
+        self.write(f"{directory}/{file}", json.dumps(definitions))
+
+    def account_directory(self, account):
+        path = self.path(f"{SOURCES['pkg_nonroot']}/{account}")
+        path.mkdir(parents=True, exist_ok=True)
+        path.parent.chmod(0o755)
+        self.chown(path, account)
+
+    def template(self, crontab="~ ~ ~ ~ ~", **members):
+        """Puts a persistent schedule template in place."""
+        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
+                  "crontab": crontab}
+        self.write(PERSISTENT_TEMPLATE, json.dumps({"config": config, **members}))
+
+    def drawn(self, **fields):
+        """A schedule as it is stored, every value but those given."""
+        return {key: [fields.get(key, -1)] for key in FIELDS}
+
+    def document(self, path="/run/kestcrond.config"):
+        """A JSON document; None when there is none."""
+        text = self.read(path)
+        return json.loads(text) if text else None
+
+    def entries(self):
+        """The job entries of the runtime document."""
+        return (self.document() or {}).get("jobs", {})
+
+    def runs(self, job):
+        """What the runs of a job recorded."""
+        return self.read(f"/tmp/ran/{job}").splitlines()
+
+    def wait_for_text(self, text, count=1, seconds=30):
+        """Waits until the system log holds an error with exactly this text `count` times."""
+        wait_for(lambda: self.texts().count(text) >= count, seconds, f"{text!r} in {self.texts()}")
+
+    def reload(self):
+        """Asks for a reload and waits until its documents are written."""
+        before = self.loads(), self.saved()
+        self.signal(signal.SIGHUP)
+        wait_for(lambda: self.loads() > before[0] and self.saved() != before[1], what="a reload")
+
+    def loads(self):
+        """How many times the jobs were loaded so far."""
+        return len(self.messages("crondaemon", "info"))
+
+    def saved(self):
+        """Tells one save of the runtime documents from the next: each makes new files."""
+        return self.path(self.RUNTIME_TEMPLATE).stat().st_ino
+
+    def staged(self, job):
+        return self.path(f"/tmp/kestcrond/{job}")
+
+
+def every_minute(name, **members):
+    """A definition that is due in every minute."""
+    return {"name": name, "user": "root", "period": "crontab", "crontab": "* * * * *",
+            "cmd": RECORD, **members}
+
+
+def never(name, **members):
+    """A definition that is due on no day: the 31st of February."""
+    return every_minute(name, crontab="0 0 31 2 *", **members)
+
+
+def pytest_addoption(parser):
+    parser.addoption("--daemon", default="build/dev/kestcrond", help="the program to test")
+
+
+@pytest.fixture
+def daemon_binary(request):
+    return Path(request.config.getoption("--daemon")).resolve()
+
+
+@pytest.fixture
+def machine(daemon_binary):
+    """A fresh appliance. Its clock starts on Tuesday 2 June 2026 at 02:10:10, away from the top of
+    the hour with its redraw, and a minute takes a second."""
+    with Appliance(daemon_binary) as appliance:
+        appliance.clock("2026-06-02 02:10:10")
+        yield appliance
+        reports = sorted(appliance.path("/tmp").glob("sanitizer*"))
+        assert not reports, reports[0].read_text(errors="replace")

@@ -1,0 +1,277 @@
+"""The cycle: states, launch spacing and notes, the held status, redraws, stops."""
+
+import datetime
+import json
+import re
+import signal
+
+import pytest
+from conftest import FIELDS, PERSISTENT_FILE, RECORD, every_minute, never
+from private_machine import wait_for
+
+LINE = re.compile(r"(\S+) running job: (\S+) with command: (.*) as user (\w+)(?: \((.*)\))?")
+
+
+def starts(machine):
+    """The execution log's start lines, parsed: (time, job, command, account, note)."""
+    return [LINE.fullmatch(line).groups() for line in machine.log_lines()]
+
+
+def note_of(machine, job):
+    return next((note for _, name, _, _, note in starts(machine) if name == job), None)
+
+
+def history(machine, *definitions, **members):
+    """Lets a first daemon normalise and save the jobs, then changes their saved entries."""
+    machine.jobs("builtin", "f", list(definitions))
+    machine.start_and_wait()
+    machine.stop()
+    document = machine.document(PERSISTENT_FILE)
+    for entry in document["jobs"].values():
+        entry.update(members)
+    machine.write(PERSISTENT_FILE, json.dumps(document))
+
+
+def test_one_launch(machine):
+    machine.jobs("builtin", "f", [every_minute("x"), never("y")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.log_lines())
+    assert re.fullmatch(
+        r"2026-06-02T02:10:1\d\+00:00 running job: builtin-f-x with command: "
+        + RECORD + r" as user root \(state\[Ready\], trig\[02 02:10:1\d\], tab\[-1 -1 -1 -1 -1\]\)",
+        machine.log_lines()[0])
+
+
+def test_two_launches_are_maxdelay_apart(machine):
+    machine.jobs("builtin", "f", [every_minute("a"), every_minute("b")])
+    machine.start_and_wait()
+    wait_for(lambda: note_of(machine, "builtin-f-b"))
+    assert ", job[1/2]" in note_of(machine, "builtin-f-a")
+    assert "delay" not in note_of(machine, "builtin-f-a")
+    assert note_of(machine, "builtin-f-b").endswith(", job[2/2], delay[300]")
+    # The delay is waited out: 5 minutes by the machine's clock.
+    first = next(s for s in starts(machine) if s[1] == "builtin-f-b")
+    assert "T02:15:" in first[0]
+    assert "trig[02 02:10:1" in first[4]
+
+
+@pytest.mark.parametrize("max_delay,delays", [(600, [0, 600, 1200]), (2000, [0, 1800, 3600]),
+                                              (0, [0, 0, 0])])
+def test_three_launches(machine, max_delay, delays):
+    machine.template(maxDelay=max_delay)
+    # Due in one minute only, so that the log stays short.
+    machine.jobs("builtin", "f", [every_minute(name, crontab="10 2 * * *") for name in "abc"])
+    machine.clock("2026-06-02 02:10:05", rate=600)
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) == 3)
+    for rank, (name, delay) in enumerate(zip("abc", delays), 1):
+        suffix = f", job[{rank}/3]" + (f", delay[{delay}]" if delay else "")
+        assert note_of(machine, f"builtin-f-{name}").endswith("tab[10 2 -1 -1 -1]" + suffix)
+
+
+def test_a_hundred_launches_spread_over_an_hour(machine):
+    # Overdue jobs, because they run once, in whatever minute the fast clock has come to.
+    history(machine, *[never(f"j{i:03}", assure_execute=1) for i in range(100)], lastExecution=5)
+    machine.template(maxDelay=3600)
+    machine.clock("2026-06-02 02:10:05", rate=600)
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) == 100, 60)
+    assert note_of(machine, "builtin-f-j000").endswith("], job[1/100]")
+    for i in range(1, 100):
+        assert note_of(machine, f"builtin-f-j{i:03}").endswith(
+            f"], job[{i + 1}/100], delay[{36 * i}]")
+
+
+def test_held_defers_a_due_run(machine):
+    machine.write("/run/kestvorld.status", "2\n")
+    machine.jobs("builtin", "f", [every_minute("x", crontab="10,11,12 2 * * *")])
+    machine.start_and_wait()
+    # The run is stamped, but only memory knows until the next save: a reload writes it.
+    machine.reload()
+    assert machine.entries()["builtin-f-x"]["expireTime"] != 0
+    assert machine.log_lines() == []
+    # Release it in a later minute than the job's own.
+    machine.write("/run/kestvorld.status", "1\n")
+    wait_for(machine.log_lines)
+    assert note_of(machine, "builtin-f-x").startswith("state[Ready], ")
+    machine.reload()
+    assert machine.entries()["builtin-f-x"]["expireTime"] == 0
+
+
+@pytest.mark.parametrize("action,state", [("run", "AssureExecuteRun"), ("wait", None),
+                                          ("Run", None)])
+def test_overdue_while_held(machine, action, state):
+    history(machine, never("x", assure_execute=1, assure_execute_action=action),
+            lastExecution=1780000000)
+    machine.write("/run/kestvorld.status", "2")
+    machine.start_and_wait()
+    if state:
+        wait_for(machine.log_lines)
+        assert note_of(machine, "builtin-f-x").startswith(f"state[{state}], trig[")
+        assert "tab[" not in note_of(machine, "builtin-f-x")
+        return
+    machine.jobs("pkg", "clock", [every_minute("tick")])
+    loads = machine.loads()
+    for _ in range(2):
+        machine.reload()
+    assert machine.loads() == loads + 2
+    assert machine.log_lines() == []
+    machine.write("/run/kestvorld.status", "0")
+    wait_for(lambda: note_of(machine, "builtin-f-x"))
+    assert note_of(machine, "builtin-f-x").startswith("state[AssureExecute], ")
+
+
+def test_overdue_runs_once(machine):
+    history(machine, never("x", assure_execute=2), lastExecution=1780000000)
+    machine.jobs("pkg", "clock", [every_minute("tick")])
+    machine.template(maxDelay=0)
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("pkg-clock-tick")) >= 4)
+    assert len(machine.runs("builtin-f-x")) == 1
+    assert note_of(machine, "builtin-f-x").startswith("state[AssureExecute], ")
+
+
+@pytest.mark.parametrize("age,overdue", [(7200, False), (7201, True)])
+def test_overdue_to_the_second(machine, age, overdue):
+    history(machine, never("x", assure_execute=2), lastExecution=1780366210 - age)
+    machine.jobs("pkg", "clock", [every_minute("tick")])
+    machine.template(maxDelay=0)
+    machine.clock("2026-06-02 02:10:10", rate=0)
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("pkg-clock-tick"))
+    if overdue:
+        wait_for(lambda: machine.runs("builtin-f-x"))
+    assert len(machine.log_lines()) == 1 + overdue
+    assert machine.runs("builtin-f-x") == ["root root []"] * overdue
+
+
+def test_overdue_counts_from_startup_without_a_run(machine):
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "f", [never("x", assure_execute=1)])
+    machine.clock("2026-06-02 02:10:10", rate=1200)
+    machine.start_and_wait()
+    startup = machine.entries()["builtin-f-x"]["startup"]
+    wait_for(machine.log_lines)
+    stamp = machine.log_lines()[0][:19]
+    ran = datetime.datetime.fromisoformat(stamp + "+00:00").timestamp()
+    assert ran > startup + 3600
+    assert note_of(machine, "builtin-f-x").startswith("state[AssureExecute]")
+
+
+def test_passive_overdue_job_does_not_run(machine):
+    history(machine, never("x", assure_execute=1), lastExecution=5)
+    machine.jobs("pkg", "clock", [every_minute("tick", run_on_passive=True)])
+    machine.template(maxDelay=0)
+    machine.start_and_wait("--passive-mode")
+    wait_for(lambda: len(machine.runs("pkg-clock-tick")) >= 3)
+    assert machine.runs("builtin-f-x") == []
+
+
+@pytest.mark.parametrize("content", ["two", "", "2 2", "99999999999"])
+def test_an_unreadable_controller_status_does_not_hold(machine, content):
+    machine.write("/run/kestvorld.status", content)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-x"))
+    machine.wait_for_text("Fail to KESTVorldStatusGet()")
+    assert {message.tag for message in machine.messages(priority="err")} == {"utils"}
+
+
+def test_the_controller_is_asked_even_without_jobs(machine):
+    machine.write("/run/kestvorld.status", "?")
+    machine.start_and_wait()
+    machine.wait_for_text("Fail to KESTVorldStatusGet()", count=2)
+
+
+def test_no_controller_is_no_failure(machine):
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-x"))
+    assert machine.texts() == []
+
+
+def test_a_reload_cycle_launches_nothing(machine):
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(starts(machine)) == 1)
+    machine.reload()
+    count = len(starts(machine))
+    for _ in range(5):
+        machine.reload()
+    # Each reload hurried the next cycle, and none of them was an evaluation.
+    assert len(starts(machine)) <= count + 1
+    wait_for(lambda: len(starts(machine)) > count + 1)
+
+
+REDRAWS = [
+    ("2026-06-10 09:59:40", {"Minute"}),                               # an ordinary hour
+    ("2026-06-01 09:59:40", {"Minute"}),                               # ... of a 1st and a Monday
+    ("2026-06-09 23:59:40", {"Minute", "hour"}),                       # an ordinary midnight
+    ("2026-06-07 23:59:40", {"Minute", "hour", "week"}),               # to a Monday
+    ("2026-08-31 23:59:40", {"Minute", "hour", "day"}),                # to the 1st, a Tuesday
+    ("2026-05-31 23:59:40", {"Minute", "hour", "day", "week"}),        # to the 1st, a Monday
+    ("2025-12-31 23:59:40", {"Minute", "hour", "day", "month"}),       # to 1 January, a Thursday
+    ("2028-12-31 23:59:40", set(FIELDS)),                              # to 1 January, a Monday
+]
+
+
+@pytest.mark.parametrize("start,fields", REDRAWS)
+def test_redraw(machine, start, fields):
+    # What is not drawn anew stays, so values that no draw gives show what was.
+    marked = {"Minute": [70], "hour": [71], "day": [72], "month": [73], "week": [74]}
+    job = every_minute("x", crontab="~ ~ ~ ~ ~")
+    machine.template(maxDelay=0)
+    history(machine, job, schedule=marked)
+    machine.template(schedule=marked)
+    machine.clock(start, rate=20)
+    machine.start_and_wait()
+    assert machine.entries()["builtin-f-x"]["schedule"] == marked
+    saved = machine.saved()
+    wait_for(lambda: machine.saved() != saved, what="the redraw")
+    drawn = machine.entries()["builtin-f-x"]["schedule"]
+    template = machine.document("/run/kestcrond.st.config")["schedule"]
+    assert {key for key in FIELDS if drawn[key] != marked[key]} == fields
+    assert {key for key in FIELDS if template[key] != marked[key]} == fields
+    assert drawn == template, "the job takes what the template drew"
+
+
+def test_the_old_minute_is_matched_before_the_redraw(machine):
+    machine.template(schedule=machine.drawn(Minute=0))
+    history(machine, every_minute("x", period="hourly"), schedule=machine.drawn(Minute=0))
+    machine.template(maxDelay=0, schedule=machine.drawn(Minute=0))
+    machine.clock("2026-06-02 02:59:30", rate=30)
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    assert "tab[0 -1 -1 -1 -1]" in machine.log_lines()[0]
+
+
+def test_no_redraw_outside_minute_0(machine):
+    machine.jobs("builtin", "f", [every_minute("x", period="hourly"), every_minute("tick")])
+    machine.start_and_wait()
+    saved, schedule = machine.saved(), machine.entries()["builtin-f-x"]["schedule"]
+    wait_for(lambda: len(machine.log_lines()) >= 4)
+    assert machine.saved() == saved
+    assert machine.entries()["builtin-f-x"]["schedule"] == schedule
+
+
+def test_stop_during_the_first_load_is_served(machine):
+    machine.jobs("builtin", "f", [never(f"j{i:03}") for i in range(200)])
+    machine.start()
+    pid = wait_for(machine.daemon_pid)
+    machine.signal(signal.SIGTERM, pid)
+    wait_for(lambda: pid not in machine.processes())
+    assert len(machine.document(PERSISTENT_FILE)["jobs"]) == 200
+    assert machine.log_lines() == []
+
+
+def test_hup_storm(machine):
+    machine.jobs("builtin", "f", [never(f"j{i:02}") for i in range(20)])
+    pid = machine.start_and_wait()
+    machine.run("bash", "-c", f"for i in $(seq 500); do kill -HUP {pid}; done",
+                env={"LD_PRELOAD": ""})
+    machine.reload()
+    assert len(machine.entries()) == 20
+    assert machine.daemon_pid() == pid
+    assert set(machine.texts()) == set()
+    machine.stop()

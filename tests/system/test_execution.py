@@ -1,0 +1,199 @@
+"""Jobs: what they run as, what they inherit, what is logged, and what happens when they cannot."""
+
+import os
+import re
+import signal
+
+import pytest
+from conftest import RECORD, every_minute, never
+from private_machine import wait_for
+
+
+@pytest.fixture(autouse=True)
+def at_once(machine):
+    machine.template(maxDelay=0)
+
+
+def once(name, **members):
+    """A definition that is due in the first minutes only, so that one test sees few runs."""
+    return every_minute(name, **{"crontab": "10,11 2 * * *", **members})
+
+
+def report(machine, user, script, **members):
+    """Runs a job as `user` whose program is a shell script; returns what it wrote."""
+    machine.write("/usr/local/bin/job", f"#!/bin/sh\nexec > /tmp/ran/out.$$\n{script}\n"
+                  "mv /tmp/ran/out.$$ /tmp/ran/out\n", 0o755)
+    members = {"cmd": "/usr/local/bin/job", **members}
+    machine.jobs("pkg", "f", [once("x", user=user, package_username="alice", **members)])
+    machine.start_and_wait()
+    return wait_for(lambda: machine.read("/tmp/ran/out"), what="the job's report")
+
+
+@pytest.mark.parametrize("user,line", [
+    ("root", "root 0 0 0"), ("system", "system 2003 2003 2003"),
+    ("package", "alice 2001 2001 2001 3001 3002")])
+def test_identity(machine, user, line):
+    assert report(machine, user, "echo $(id -un) $(id -u) $(id -g) $(id -G)") == line + "\n"
+
+
+def test_real_effective_and_saved_ids(machine):
+    text = report(machine, "package", "grep -E '^(Uid|Gid)' /proc/self/status")
+    assert text.split() == ["Uid:", *["2001"] * 4, "Gid:", *["2001"] * 4]
+
+
+@pytest.mark.parametrize("user", ["root", "package"])
+def test_what_a_job_inherits(machine, user):
+    # Under the real clock, since a preloaded one opens a file of its own in every program. The
+    # shell gives way to the program that reads, because it blocks signals around a child of its own.
+    machine.write("/usr/local/bin/job", "#!/bin/sh\nexec > /tmp/ran/out\npwd\n"
+                  "readlink /proc/$$/fd/*\nexec cat /proc/self/status\n", 0o755)
+    machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice",
+                                           cmd="/usr/local/bin/job")])
+    # What the starter ignored is not passed on.
+    machine.run("/usr/bin/python3", "-c", "import os, signal\n"
+                "for number in (1, 3, 10, 13, 17, 20, 34): signal.signal(number, signal.SIG_IGN)\n"
+                f"os.execv('{machine.DAEMON}', ['kestcrond'])", env={"LD_PRELOAD": ""})
+    text = wait_for(lambda: "ctxt_switches" in machine.read("/tmp/ran/out")
+                    and machine.read("/tmp/ran/out"), what="the job's report")
+    lines = text.splitlines()
+    assert lines[0] == "/"
+    assert sorted(line for line in lines[1:] if line.startswith("/")) == [
+        "/dev/null", "/dev/null", "/tmp/kestcrond/pkg-f-x", "/tmp/ran/out"], "script and report"
+    assert not [line for line in lines if "socket" in line or "inotify" in line]
+    masks = {line[:6]: int(line.split()[1], 16) for line in lines
+             if line[:6] in ("SigBlk", "SigIgn", "SigCgt")}
+    assert masks == {"SigBlk": 0, "SigIgn": 0, "SigCgt": 0}
+
+
+def test_arguments(machine):
+    machine.jobs("pkg", "f", [
+        once("split", cmd=f"{RECORD}   a  b "),
+        once("list", cmd_list=[RECORD, "a  b", "", "$HOME;*", "é"], cmd="ignored"),
+        once("types", cmd_list=[RECORD, 5, True, None, -1.5])])
+    machine.start_and_wait()
+    runs = {name: wait_for(lambda n=name: machine.runs(f"pkg-f-{n}"))[0]
+            for name in ("split", "list", "types")}
+    assert runs == {"split": "root root [a b ]", "list": "root root [a  b  $HOME;* é]",
+                    "types": "root root [5 true  -1.5]"}
+    commands = {re.search(r"pkg-f-(\w+)", line).group(1):
+                re.search(r"with command: (.*) as user", line).group(1)
+                for line in machine.log_lines()}
+    assert commands == {"split": f"{RECORD}   a  b ", "list": f"{RECORD} a  b  $HOME;* é ",
+                        "types": f"{RECORD} 5 true  -1.5 "}
+
+
+@pytest.mark.parametrize("user", ["root", "package"])
+@pytest.mark.parametrize("content,error", [
+    ("echo no interpreter line\n", "Exec format error"),
+    ("#!/no/such/interpreter\n", "No such file or directory")])
+def test_a_command_that_cannot_be_started(machine, user, content, error):
+    machine.write("/usr/local/bin/broken", content, 0o755)
+    machine.jobs("pkg", "f", [once("x", user=user, package_username="alice",
+                                   cmd="/usr/local/bin/broken a")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 2)
+    account = "alice" if user == "package" else "root"
+    start, failure = machine.log_lines()[:2]
+    assert f"running job: pkg-f-x with command: /usr/local/bin/broken a as user {account} (" in start
+    assert re.fullmatch(r"2026-06-02T02:1\d:\d\d\+00:00 running job: pkg-f-x with command: "
+                        r"/usr/local/bin/broken a failed, return code: -1, error: " + error,
+                        failure)
+    assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600
+    assert machine.texts() == []
+    assert machine.path("/tmp").joinpath("kestcrond.log").exists() is False
+
+
+def test_an_account_that_vanishes_before_the_launch(machine):
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="bob"),
+                              every_minute("y")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("pkg-f-x"))
+    passwd = machine.read("/etc/passwd")
+    machine.write("/etc/passwd", "".join(line + "\n" for line in passwd.splitlines()
+                                         if not line.startswith("bob:")))
+    machine.wait_for_text("Failed to get user group info for job [pkg-f-x]")
+    machine.wait_for_text("user bob not exist")
+    count = len(machine.runs("pkg-f-y"))
+    wait_for(lambda: len(machine.runs("pkg-f-y")) >= count + 2)
+    pid = machine.daemon_pid()
+    assert pid and machine.exists(machine.PID_FILE)
+    # The child that could not go on did not go on as a second scheduler.
+    wait_for(lambda: machine.daemons() == [pid])
+
+
+def waiting_child(machine):
+    """The child that waits to run the second of two jobs."""
+    machine.template(maxDelay=3600)
+    machine.jobs("pkg", "f", [once("a"), once("b", crontab="10 2 * * *")])
+    daemon = machine.start_and_wait()
+    wait_for(lambda: machine.runs("pkg-f-a"))
+    return wait_for(lambda: next((pid for pid in machine.daemons() if pid != daemon), None))
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM, signal.SIGINT])
+def test_a_waiting_child_is_not_hurried(machine, number):
+    child = waiting_child(machine)
+    daemon = machine.daemon_pid()
+    machine.signal(number, child)
+    if number == signal.SIGHUP:
+        seen = len(machine.runs("pkg-f-a"))
+        machine.reload()
+        assert child in machine.processes(), seen
+    else:
+        wait_for(lambda: child not in machine.processes())
+    assert machine.runs("pkg-f-b") == []
+    assert machine.daemon_pid() == daemon
+
+
+def test_waiting_children_hold_nothing_of_the_daemon(machine):
+    child = waiting_child(machine)
+    assert sorted(os.listdir(machine.proc(child, "fd"))) == ["0", "1", "2"]
+    status = machine.proc(child, "status").read_text()
+    ignored = int(re.search(r"SigIgn:\s*(\w+)", status).group(1), 16)
+    caught = int(re.search(r"SigCgt:\s*(\w+)", status).group(1), 16)
+    bit = lambda number: 1 << number - 1
+    assert ignored & bit(signal.SIGHUP) and not ignored & bit(signal.SIGPIPE)
+    assert not caught & (bit(signal.SIGHUP) | bit(signal.SIGTERM) | bit(signal.SIGINT))
+    # The daemon's end is not the child's.
+    machine.stop()
+    assert child in machine.processes()
+    assert not machine.exists(machine.PID_FILE)
+
+
+def test_a_job_may_be_started_again_while_it_runs(machine):
+    machine.write("/usr/local/bin/long", "#!/bin/sh\necho >> /tmp/ran/long\nexec sleep 1000\n",
+                  0o755)
+    machine.jobs("pkg", "f", [every_minute("x", cmd="/usr/local/bin/long")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("long")) >= 3)
+    assert len([p for p in machine.processes().values() if p["name"] == "sleep"]) >= 3
+
+
+def test_no_zombies(machine):
+    machine.jobs("pkg", "f", [every_minute(f"j{i}") for i in range(10)])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("pkg-f-j9")) >= 3)
+    pid = machine.daemon_pid()
+    wait_for(lambda: not [p for p in machine.processes().values()
+                          if p["ppid"] == pid and p["state"] == "Z"], 5)
+
+
+def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
+    machine.jobs("pkg", "f", [every_minute("x")])
+    pid = machine.start_and_wait()
+    wait_for(lambda: machine.runs("pkg-f-x"))
+    # A control group in which the daemon may have no process beside itself.
+    machine.run("sh", "-ec", "mount -t cgroup -o pids none /mnt || { mount -t cgroup2 none /mnt; "
+                "echo +pids > /mnt/cgroup.subtree_control; }; mkdir -p /mnt/alone; "
+                f"echo 1 > /mnt/alone/pids.max; echo {pid} > /mnt/alone/cgroup.procs",
+                check=True, env={"LD_PRELOAD": ""})
+    try:
+        machine.wait_for_text("Failed to fork()", count=2)
+    finally:
+        machine.path("/mnt/alone/pids.max").write_text("max")
+    message = next(m for m in machine.messages("cronjob") if "fork" in m.text)
+    assert message.text == "Failed to fork() (Resource temporarily unavailable)"
+    count = len(machine.runs("pkg-f-x"))
+    wait_for(lambda: len(machine.runs("pkg-f-x")) > count)
+    machine.stop()
+    machine.run("rmdir", "/mnt/alone", env={"LD_PRELOAD": ""})

@@ -1,0 +1,159 @@
+"""The execution log: its bytes, its mode, its way through the staging file, its failures."""
+
+import os
+import re
+
+import pytest
+from conftest import every_minute, never
+from private_machine import wait_for
+
+STAGING = "/tmp/kestcrond.log"
+
+
+@pytest.fixture(autouse=True)
+def at_once(machine):
+    machine.template(maxDelay=0)
+
+
+@pytest.mark.parametrize("zone,offset", [
+    ("UTC0", "+00:00"), ("Europe/Berlin", "+02:00"), ("Asia/Kathmandu", "+05:45"),
+    ("XXX3:30", "-03:30"), ("XXX0:30", "-00:30"), ("XXX-14", "+14:00"), ("XXX12", "-12:00")])
+def test_time_zones(machine, zone, offset):
+    machine.clock("2026-06-02 02:10:10", zone=zone)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    line = wait_for(machine.log_lines)[0]
+    assert re.match(r"2026-06-02T02:1\d:\d\d" + re.escape(offset) + " running job: builtin-f-x ",
+                    line)
+
+
+def test_mode_is_set_at_every_flush(machine):
+    machine.write(machine.LOG_FILE, "kept\n", 0o666)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 2)
+    assert machine.log_lines()[0] == "kept"
+    wait_for(lambda: machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600)
+    machine.path(machine.LOG_FILE).chmod(0o644)
+    machine.reload()
+    wait_for(lambda: machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600)
+
+
+def test_an_empty_flush(machine):
+    machine.start_and_wait()
+    assert not machine.exists(machine.LOG_FILE)
+    machine.reload()
+    wait_for(lambda: machine.exists(machine.LOG_FILE), what="the flush after a reload")
+    assert machine.read(machine.LOG_FILE) == ""
+    wait_for(lambda: not machine.exists(STAGING))
+    machine.stop()
+    assert machine.texts() == []
+
+
+def test_a_log_that_cannot_be_opened(machine):
+    machine.path(machine.LOG_FILE).mkdir()
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    machine.wait_for_text("Failed [!fs], err=Is a directory")
+    message = machine.messages("memorylogger")[0]
+    assert message.text == "Failed [!fs], err=Is a directory (Is a directory)"
+    wait_for(lambda: machine.runs("builtin-f-x"), what="the job, log or no log")
+    wait_for(lambda: not machine.exists(STAGING))
+    machine.path(machine.LOG_FILE).rmdir()
+    wait_for(machine.log_lines)
+
+
+def plant(machine, kind):
+    path = machine.path(STAGING)
+    machine.write("/etc/victim", "precious\n")
+    if kind == "link":
+        path.symlink_to("/etc/victim")
+    elif kind == "dangling link":
+        path.symlink_to("/etc/planted")
+    elif kind == "hard link":
+        machine.write("/tmp/victim", "precious\n")
+        os.link(machine.path("/tmp/victim"), path)
+    elif kind == "fifo":
+        os.mkfifo(path, 0o666)
+    elif kind == "directory":
+        path.mkdir()
+    elif kind == "full directory":
+        machine.write(STAGING + "/file", "")
+    elif kind == "foreign file":
+        machine.write(STAGING, "2026-06-02T02:10:10+00:00 running job: forged\n", owner="alice")
+
+
+@pytest.mark.parametrize("kind", ["link", "dangling link", "hard link", "fifo", "directory",
+                                  "full directory", "foreign file"])
+def test_a_planted_staging_file(machine, kind):
+    plant(machine, kind)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 2)
+    assert all(" running job: builtin-f-x " in line for line in machine.log_lines())
+    assert machine.read("/etc/victim") == "precious\n"
+    assert machine.path("/etc/victim").stat().st_mode & 0o7777 == 0o644
+    assert not machine.exists("/etc/planted")
+    if kind == "hard link":
+        assert machine.read("/tmp/victim") == "precious\n"
+
+
+def test_a_staging_file_left_by_a_crash_is_moved(machine):
+    machine.write(STAGING, "left behind\n", 0o600)
+    machine.start_and_wait()
+    machine.reload()
+    wait_for(lambda: machine.read(machine.LOG_FILE) == "left behind\n")
+    assert machine.texts() == []
+
+
+@pytest.mark.parametrize("size,moved_early", [(1 << 20, False), ((1 << 20) + 1, True)])
+def test_a_staging_file_above_its_capacity_is_moved_early(machine, size, moved_early):
+    machine.write(STAGING, "x" * (size - 1) + "\n", 0o600)
+    machine.start_and_wait()
+    machine.reload()
+    wait_for(lambda: len(machine.read(machine.LOG_FILE)) == size)
+    if moved_early:
+        machine.wait_for_text("Failed [!fsMem], err=No such file or directory")
+    machine.stop()
+    assert len(machine.texts()) == moved_early
+
+
+def test_two_hundred_starts_at_once(machine):
+    names = [f"j{i:03}" for i in range(200)]
+    machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true")
+                                  for name in names])
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.start_and_wait()
+    machine.stop()
+    machine.clock("2026-06-02 04:10:10", rate=1)
+    machine.template(maxDelay=0)
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 200, 60)
+    line = re.compile(r"2026-06-02T04:1\d:\d\d\+00:00 running job: builtin-f-(j\d+) with command: "
+                      r"/usr/bin/true as user root "
+                      r"\(state\[AssureExecute\], trig\[02 04:1\d:\d\d\], job\[\d+/200\]\)")
+    found = [line.fullmatch(text) for text in machine.log_lines()]
+    assert all(found), [text for text, match in zip(machine.log_lines(), found) if not match]
+    assert sorted(match.group(1) for match in found) == names
+    assert machine.texts() == []
+
+
+def test_control_characters_forge_nothing(machine):
+    forged = "x\n2026-06-02T02:10:10+00:00 running job: forged\r\t\x1b[31m\x7f"
+    machine.jobs("builtin", "f", [every_minute(forged)])
+    machine.start_and_wait()
+    escaped = (r"x\n2026-06-02T02:10:10+00:00 running job: forged\x0d\t\x1b[31m\x7f")
+    lines = wait_for(machine.log_lines)
+    assert all(f"running job: builtin-f-{escaped} with command" in line for line in lines)
+    machine.path("/usr/kest/share/kestcron.d/f").unlink()
+    machine.reload()
+    assert f"removed cleared jobs: builtin-f-{escaped}" in machine.texts()
+
+
+def test_a_log_that_is_rotated_is_made_anew(machine):
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    machine.path(machine.LOG_FILE).rename(machine.path(machine.LOG_FILE + ".1"))
+    wait_for(machine.log_lines)
+    assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600

@@ -1,0 +1,138 @@
+"""Change watching: what makes the daemon reload by itself, and what does not."""
+
+import pytest
+from conftest import SOURCES, every_minute, never
+from private_machine import wait_for
+
+TOP = SOURCES["pkg_nonroot"]
+
+
+@pytest.fixture(autouse=True)
+def clock_job(machine):
+    """A job whose runs show that evaluation cycles go on."""
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "clock", [every_minute("tick")])
+
+
+def cycles(machine, count):
+    """Waits for `count` evaluation cycles to pass."""
+    seen = len(machine.log_lines())
+    wait_for(lambda: len(machine.log_lines()) >= seen + count, what="evaluation cycles")
+
+
+def quiet(machine):
+    """Whether the daemon reloads no more."""
+    cycles(machine, 2)
+    before = machine.loads()
+    cycles(machine, 3)
+    return machine.loads() == before
+
+
+CHANGES = {
+    "new file": lambda m: m.jobs("pkg_nonroot", "new.conf", [never("n")], account="alice"),
+    "modified in place": lambda m: m.path(TOP + "/alice/f.conf").write_text("[]"),
+    "removed": lambda m: m.path(TOP + "/alice/f.conf").unlink(),
+    "moved away": lambda m: m.path(TOP + "/alice/f.conf").rename(m.path(TOP + "/../away")),
+    "mode": lambda m: m.path(TOP + "/alice/f.conf").chmod(0o600),
+    "touched": lambda m: m.path(TOP + "/alice/f.conf").touch(),
+    "new account": lambda m: m.account_directory("bob"),
+    "account removed": lambda m: m.run("rm", "-r", TOP + "/alice", env={"LD_PRELOAD": ""}),
+}
+
+
+@pytest.mark.parametrize("change", CHANGES)
+def test_a_change_reloads(machine, change):
+    machine.jobs("pkg_nonroot", "f.conf", [never("x")], account="alice")
+    machine.start_and_wait()
+    assert quiet(machine)
+    before = machine.loads()
+    CHANGES[change](machine)
+    wait_for(lambda: machine.loads() > before, what="a reload")
+    assert quiet(machine), "and one change is not the cause of reloads without end"
+    assert machine.loads() <= before + 3
+
+
+def test_a_new_account_is_watched_too(machine):
+    machine.start_and_wait()
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    wait_for(lambda: "pkg_nonroot-bob-f-x" in machine.entries())
+    machine.jobs("pkg_nonroot", "g", [never("y")], account="bob")
+    wait_for(lambda: "pkg_nonroot-bob-g-y" in machine.entries())
+
+
+def test_reading_is_no_change(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.start_and_wait()
+    assert quiet(machine)
+    before = machine.loads()
+    machine.run("sh", "-c", f"cat {TOP}/alice/f; ls -lR {TOP}", check=True, env={"LD_PRELOAD": ""})
+    cycles(machine, 3)
+    assert machine.loads() == before
+
+
+def test_changes_elsewhere_are_not_seen(machine):
+    machine.start_and_wait()
+    for source in ("builtin", "builtin-dyn", "pkg"):
+        machine.jobs(source, "new", [never("x")])
+    machine.write(TOP + "/../unrelated", "")
+    cycles(machine, 3)
+    assert machine.loads() == 1
+
+
+def test_a_reload_does_not_cause_the_next(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.start_and_wait()
+    for _ in range(3):
+        machine.reload()
+    before = machine.loads()
+    cycles(machine, 3)
+    assert machine.loads() == before
+
+
+def test_a_burst_of_changes(machine):
+    machine.account_directory("alice")
+    machine.start_and_wait()
+    for i in range(10):
+        machine.jobs("pkg_nonroot", f"file-with-a-longer-name-{i}", [never("x")], account="alice")
+    wait_for(lambda: len(machine.entries()) == 11)
+    # More than one look takes in: the rest may cause more reloads, but they come to an end.
+    wait_for(lambda: quiet(machine), 60)
+    assert machine.texts() == []
+
+
+def test_more_accounts_than_watches(machine):
+    machine.run("bash", "-c", f"mkdir -p {TOP}/a{{0001..1100}}; chmod 755 {TOP}; "
+                f"chown alice {TOP}/a*", check=True, env={"LD_PRELOAD": ""})
+    for name in ("a0001", "a1023", "a1024", "a1100"):
+        machine.write(f"{TOP}/{name}/{name}", '[{"name":"x","user":"","period":"m",'
+                      '"cmd":"/usr/bin/true"}]')
+    machine.start_and_wait()
+    assert set(machine.entries()) == {"builtin-clock-tick", "pkg_nonroot-alice-a0001-x",
+                                      "pkg_nonroot-alice-a1023-x"}
+    texts = machine.texts()
+    assert texts[:2] == [f"Failed to listen {TOP}/a1024", f"Failed to register {TOP}/a1024"]
+    assert len(texts) == 2 * 77
+    cycles(machine, 2)
+    machine.reload()
+    assert len(machine.texts()) == 4 * 77
+
+
+def test_without_inotify_everything_still_loads(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    limit = machine.path("/proc/sys/fs/inotify/max_user_instances")
+    before = limit.read_text()
+    # The limit belongs to the whole system, so it is put back at once.
+    limit.write_text("0")
+    try:
+        machine.start()
+        wait_for(lambda: "inotify init failed" in machine.texts() or machine.daemon_pid()
+                 and machine.exists(machine.RUNTIME_TEMPLATE))
+    finally:
+        limit.write_text(before)
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    assert machine.texts() == ["inotify init failed"]
+    assert set(machine.entries()) == {"builtin-clock-tick", "pkg_nonroot-alice-f-x"}
+    cycles(machine, 2)
+    machine.reload()
+    machine.stop()
+    assert machine.texts() == ["inotify init failed"]
