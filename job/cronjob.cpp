@@ -42,6 +42,20 @@ KEST::RANDOM::KESTRandom &TheRandomSource() {
     return source;
 }
 
+// The local time of `now`, null when it cannot be had. All jobs ask within the same second, and
+// each conversion looks at the time zone's file again, which costs more than the rest of a due
+// check.
+const std::tm *LocalTimeOf(std::time_t now) {
+    static std::time_t converted = 0;
+    static std::optional<std::tm> local;
+    if (!local || now != converted) {
+        const std::tm *fresh = std::localtime(&now);
+        local = fresh == nullptr ? std::nullopt : std::optional<std::tm>(*fresh);
+        converted = now;
+    }
+    return local ? &*local : nullptr;
+}
+
 } // namespace
 
 // --- Definition ---------------------------------------------------------------------------------
@@ -183,8 +197,7 @@ bool CronJob::MatchField(const std::string &key, std::int32_t value) const {
 }
 
 bool CronJob::IsDueNow() const {
-    const std::time_t now = std::time(nullptr);
-    const std::tm *local = std::localtime(&now);
+    const std::tm *local = LocalTimeOf(std::time(nullptr));
     if (local == nullptr) {
         LOG_ERROR("Failed to get localtime");
         return false;
