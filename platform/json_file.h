@@ -10,7 +10,7 @@
 // How much of a file a reader is willing to take.
 struct JsonLimits {
     std::size_t bytes;
-    int depth; // arrays and objects inside one another
+    int depth; // values inside one another, the innermost one included
 };
 
 // Job files are written by package authors.

@@ -38,6 +38,9 @@ Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
 }
 
 bool Parse(const std::string &text, int depth, Json::Value &value) {
+    // The library takes a zero byte for the end, and would not look at what follows.
+    if (text.find('\0') != std::string::npos)
+        return false;
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["allowTrailingCommas"] = false;

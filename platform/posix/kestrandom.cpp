@@ -30,7 +30,7 @@ namespace KEST::RANDOM {
 // library looks like.
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 std::int32_t KESTRandom::random(std::int32_t low, std::int32_t high) {
-    if (high - 1 <= low)
+    if (high <= low)
         return low;
     KernelRandomBits bits;
     return std::uniform_int_distribution<std::int32_t>(low, high - 1)(bits);
