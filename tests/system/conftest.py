@@ -114,18 +114,19 @@ def never(name, **members):
 
 def pytest_addoption(parser):
     parser.addoption("--daemon", default="build/dev/kestcrond", help="the program to test")
+    parser.addoption("--coverage", default="", help="the build directory that takes line counts")
 
 
 @pytest.fixture
-def daemon_binary(request):
-    return Path(request.config.getoption("--daemon")).resolve()
-
-
-@pytest.fixture
-def machine(daemon_binary):
+def machine(request):
     """A fresh appliance. Its clock starts on Tuesday 2 June 2026 at 02:10:10, away from the top of
     the hour with its redraw, and a minute takes a second."""
-    with Appliance(daemon_binary) as appliance:
+    daemon = Path(request.config.getoption("--daemon")).resolve()
+    counts = request.config.getoption("--coverage")
+    with Appliance(daemon, Path(counts).resolve() if counts else "") as appliance:
+        if counts:
+            appliance.environment.update(GCOV_PREFIX="/share", GCOV_PREFIX_STRIP=str(
+                len(Path(counts).resolve().parts) - 1))
         appliance.clock("2026-06-02 02:10:10")
         yield appliance
         reports = sorted(appliance.path("/tmp").glob("sanitizer*"))
