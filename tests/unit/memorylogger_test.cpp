@@ -1,0 +1,484 @@
+#include "log/memorylogger.h"
+
+#include "tests/unit/support/child.h"
+#include "tests/unit/support/files.h"
+#include "tests/unit/syslog_capture.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using testing::ElementsAre;
+
+const char *const kNoStaging = "Failed [!fsMem], err=No such file or directory (No such file or "
+                               "directory)";
+
+class MemoryLoggerTest : public testing::Test {
+protected:
+    void FlushLine(const std::string &line) {
+        logger_.stream() << line;
+        logger_.Flush();
+    }
+
+    TemporaryDirectory directory_;
+    std::string log_ = directory_.File("execute.log");
+    std::string staging_ = directory_.File("staging");
+    KEST::MemoryLogger logger_{log_, staging_, 1};
+    SyslogCapture messages_;
+};
+
+TEST_F(MemoryLoggerTest, TouchesNoFileUntilItIsAsked) {
+    logger_.stream() << "line\n";
+    EXPECT_TRUE(directory_.Names().empty());
+}
+
+TEST_F(MemoryLoggerTest, AppendsWholeFlushesInOrder) {
+    const std::string bytes("caf\xc3\xa9 \xff \0 \x1b\n", 12);
+    FlushLine("first\n");
+    logger_.stream() << "second " << 2;
+    FlushLine("\n");
+    FlushLine(bytes);
+    EXPECT_EQ(ReadText(log_), "first\nsecond 2\n" + bytes);
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
+TEST_F(MemoryLoggerTest, MovesAnEmptyFlushToo) {
+    logger_.Flush();
+    EXPECT_EQ(ReadText(log_), "");
+    EXPECT_EQ(ModeOf(log_), 0600U);
+    EXPECT_FALSE(Stands(staging_));
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
+TEST_F(MemoryLoggerTest, StagesWhatIsBuffered) {
+    const Umask umask(0);
+    logger_.AppendToStaging();
+    EXPECT_EQ(ReadText(staging_), "");
+    EXPECT_EQ(ModeOf(staging_), 0600U);
+    logger_.stream() << "first\n";
+    logger_.AppendToStaging();
+    logger_.stream() << "second\n";
+    logger_.AppendToStaging();
+    logger_.AppendToStaging();
+    EXPECT_EQ(ReadText(staging_), "first\nsecond\n");
+    EXPECT_FALSE(Stands(log_));
+    logger_.MoveToLog();
+    EXPECT_EQ(ReadText(log_), "first\nsecond\n");
+    EXPECT_FALSE(Stands(staging_));
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
+TEST_F(MemoryLoggerTest, TakesAlongWhatAnEarlierFlushLeft) {
+    WriteText(staging_, "left behind\n");
+    WriteText(log_, "old\n");
+    FlushLine("line\n");
+    EXPECT_EQ(ReadText(log_), "old\nleft behind\nline\n");
+}
+
+TEST_F(MemoryLoggerTest, ClosesTheLogToOthers) {
+    for (const mode_t mode : {0644U, 0666U, 0600U, 0400U}) {
+        const Umask umask(0);
+        WriteText(log_, "old\n");
+        std::filesystem::permissions(log_, std::filesystem::perms(mode));
+        FlushLine("line\n");
+        EXPECT_EQ(ModeOf(log_), 0600U);
+        EXPECT_EQ(ReadText(log_), "old\nline\n");
+        std::filesystem::remove(log_);
+        FlushLine("line\n");
+        EXPECT_EQ(ModeOf(log_), 0600U);
+    }
+}
+
+TEST_F(MemoryLoggerTest, LeavesErrnoOfItsCallerInNoMessage) {
+    errno = 0;
+    FlushLine("line\n");
+    EXPECT_EQ(errno, 0);
+}
+
+// --- What others may have put at the staging path -----------------------------------------------
+
+class PlantedStagingTest : public MemoryLoggerTest {
+protected:
+    PlantedStagingTest() {
+        WriteText(victim_, "untouched");
+        std::filesystem::permissions(victim_, std::filesystem::perms(0644));
+    }
+
+    // A flush reaches the log and nothing else.
+    void ExpectFlushIsSafe() {
+        FlushLine("line\n");
+        EXPECT_EQ(ReadText(log_), "line\n");
+        EXPECT_FALSE(Stands(staging_));
+        EXPECT_EQ(ReadText(victim_), "untouched");
+        EXPECT_EQ(ModeOf(victim_), 0644U);
+        EXPECT_TRUE(messages_.Messages().empty());
+    }
+
+    // What stands at the staging path when something is staged is a file of our own.
+    void ExpectStagingIsMadeAfresh() {
+        logger_.stream() << "line\n";
+        logger_.AppendToStaging();
+        struct stat status {};
+        ASSERT_EQ(lstat(staging_.c_str(), &status), 0);
+        EXPECT_TRUE(S_ISREG(status.st_mode));
+        EXPECT_EQ(status.st_mode & 07777U, 0600U);
+        EXPECT_EQ(status.st_uid, geteuid());
+        EXPECT_EQ(status.st_nlink, 1U);
+        EXPECT_EQ(ReadText(staging_), "line\n");
+        EXPECT_EQ(ReadText(victim_), "untouched");
+        EXPECT_FALSE(Stands(directory_.File("nowhere")));
+        std::filesystem::remove(staging_);
+    }
+
+    std::string victim_ = directory_.File("victim");
+};
+
+struct Plant {
+    const char *name;
+    std::function<void(const std::string &staging, const std::string &victim)> put;
+};
+
+const Plant kPlants[] = {
+    {"a link", [](const auto &staging,
+                  const auto &victim) { std::filesystem::create_symlink(victim, staging); }},
+    {"a link that leads nowhere",
+     [](const auto &staging, const auto &) {
+         std::filesystem::create_symlink("nowhere", staging);
+     }},
+    {"a link to itself",
+     [](const auto &staging, const auto &) { std::filesystem::create_symlink(staging, staging); }},
+    {"a second name of a file",
+     [](const auto &staging, const auto &victim) {
+         std::filesystem::create_hard_link(victim, staging);
+     }},
+    {"a FIFO",
+     [](const auto &staging, const auto &) { ASSERT_EQ(mkfifo(staging.c_str(), 0666), 0); }},
+    {"a directory",
+     [](const auto &staging, const auto &) { std::filesystem::create_directory(staging); }},
+    {"a directory that is not empty",
+     [](const auto &staging, const auto &) {
+         std::filesystem::create_directory(staging);
+         WriteText(staging + "/inner", "x");
+     }},
+    {"a file of another account",
+     [](const auto &staging, const auto &) {
+         WriteText(staging, "forged\n");
+         ASSERT_EQ(chown(staging.c_str(), kOtherAccount, kOtherAccount), 0);
+     }},
+};
+
+TEST_F(PlantedStagingTest, IsClearedBeforeAFlush) {
+    for (const Plant &plant : kPlants) {
+        SCOPED_TRACE(plant.name);
+        std::filesystem::remove(log_);
+        plant.put(staging_, victim_);
+        ExpectFlushIsSafe();
+    }
+}
+
+TEST_F(PlantedStagingTest, IsReplacedByAFileOfOurOwn) {
+    for (const Plant &plant : kPlants) {
+        SCOPED_TRACE(plant.name);
+        plant.put(staging_, victim_);
+        ExpectStagingIsMadeAfresh();
+    }
+}
+
+// Put there between the two halves of a flush.
+TEST_F(PlantedStagingTest, IsNotTakenForTheStagingFile) {
+    for (const Plant &plant : kPlants) {
+        SCOPED_TRACE(plant.name);
+        messages_.Clear();
+        plant.put(staging_, victim_);
+        logger_.MoveToLog();
+        EXPECT_EQ(ReadText(log_), "");
+        EXPECT_EQ(ReadText(victim_), "untouched");
+        EXPECT_FALSE(Stands(staging_));
+        EXPECT_THAT(messages_.Texts("memorylogger"),
+                    ElementsAre(testing::StartsWith("Failed [!fsMem], err=")));
+        errno = 0;
+    }
+}
+
+TEST_F(PlantedStagingTest, KeepsTheContentOfADirectoryThatWasInTheWay) {
+    std::filesystem::create_directory(staging_);
+    WriteText(staging_ + "/inner", "somebody's");
+    ExpectFlushIsSafe();
+    std::string moved;
+    for (const std::string &name : directory_.Names())
+        if (name.rfind("staging.", 0) == 0)
+            moved = directory_.File(name);
+    EXPECT_EQ(ReadText(moved + "/staging/inner"), "somebody's");
+    EXPECT_EQ(ModeOf(moved), 0700U);
+}
+
+// --- What goes wrong ----------------------------------------------------------------------------
+
+TEST_F(MemoryLoggerTest, MovesAFullStagingFileAtOnce) {
+    const std::string full(1024, 'x');
+    FlushLine(full);
+    EXPECT_TRUE(messages_.Messages().empty());
+    FlushLine(full + "y");
+    EXPECT_EQ(ReadText(log_), full + full + "y");
+    EXPECT_THAT(messages_.Texts("memorylogger"), ElementsAre(kNoStaging));
+    EXPECT_FALSE(Stands(staging_));
+}
+
+TEST_F(MemoryLoggerTest, CountsTheWholeStagingFile) {
+    logger_.stream() << std::string(1024, 'x');
+    logger_.AppendToStaging();
+    EXPECT_TRUE(Stands(staging_));
+    logger_.stream() << "y";
+    logger_.AppendToStaging();
+    EXPECT_FALSE(Stands(staging_));
+    EXPECT_EQ(ReadText(log_), std::string(1024, 'x') + "y");
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
+TEST_F(MemoryLoggerTest, HasRoomForLongFlushes) {
+    KEST::MemoryLogger logger(log_, staging_, 1024);
+    std::string text(1048576, 'x');
+    logger.stream() << text;
+    logger.Flush();
+    EXPECT_TRUE(messages_.Messages().empty());
+    text += 'y';
+    logger.stream() << text;
+    logger.Flush();
+    EXPECT_THAT(messages_.Texts("memorylogger"), ElementsAre(kNoStaging));
+    EXPECT_EQ(ReadText(log_).size(), 2 * text.size() - 1);
+}
+
+TEST_F(MemoryLoggerTest, ReportsAMoveWithoutAStagingFile) {
+    logger_.MoveToLog();
+    EXPECT_THAT(messages_.Texts("memorylogger"), ElementsAre(kNoStaging));
+    EXPECT_EQ(ReadText(log_), "");
+}
+
+TEST_F(MemoryLoggerTest, LosesTheLineOfALogThatCannotBeOpened) {
+    struct Row {
+        const char *log;
+        const char *error;
+    };
+    std::filesystem::create_directory(directory_.File("directory"));
+    WriteText(directory_.File("file"), "x");
+    ASSERT_EQ(mkfifo(directory_.File("fifo").c_str(), 0600), 0);
+    const Row rows[] = {
+        {"absent/execute.log", "No such file or directory"},
+        {"directory", "Is a directory"},
+        {"file/execute.log", "Not a directory"},
+        {"fifo", "No such device or address"}, // nobody reads it
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.log);
+        messages_.Clear();
+        errno = 0;
+        KEST::MemoryLogger logger(directory_.File(row.log), staging_, 1);
+        logger.stream() << "line\n";
+        logger.Flush();
+        EXPECT_THAT(
+            messages_.Texts("memorylogger"),
+            ElementsAre("Failed [!fs], err=" + std::string(row.error) + " (" + row.error + ")"));
+        EXPECT_FALSE(Stands(staging_));
+    }
+    EXPECT_THAT(directory_.Names(), ElementsAre("directory", "fifo", "file"));
+}
+
+TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
+    KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1);
+    logger.stream() << "line\n";
+    logger.Flush();
+    EXPECT_THAT(messages_.Texts("memorylogger"),
+                ElementsAre("open memory logger failed (No such file or directory)", kNoStaging));
+    EXPECT_EQ(ReadText(log_), "");
+    messages_.Clear();
+    logger.Flush(); // the lost line does not come back later
+    EXPECT_EQ(ReadText(log_), "");
+}
+
+// Files that cannot grow past 100 bytes stand for a disk that is full.
+class FullDiskTest : public MemoryLoggerTest {
+protected:
+    FullDiskTest() { WriteText(log_, "old\n"); }
+
+    // Expects a flush of `size` bytes to be lost whole, with this message.
+    void ExpectFlushIsLost(std::size_t size, bool keepOpen, const std::string &message) {
+        EXPECT_EQ(InChild([&] {
+                      signal(SIGXFSZ, SIG_IGN);
+                      const rlimit limit{100, 100};
+                      if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                          return 1;
+                      if (keepOpen)
+                          logger_.KeepLogOpen();
+                      FlushLine(std::string(size, 'x'));
+                      return messages_.Texts("memorylogger") == std::vector{message} ? 0 : 2;
+                  }),
+                  0);
+        EXPECT_EQ(ReadText(log_), "old\n");
+        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+    }
+};
+
+TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheLog) {
+    ExpectFlushIsLost(98, false, "Failed [!fs], err=File too large (File too large)");
+    ExpectFlushIsLost(98, true, "Failed [!fs], err=File too large (File too large)");
+}
+
+TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheStagingFile) {
+    ExpectFlushIsLost(101, false, "open memory logger failed (File too large)");
+}
+
+// --- A log kept open ----------------------------------------------------------------------------
+
+TEST_F(MemoryLoggerTest, ReachesAKeptLogAfterGivingUpItsRights) {
+    EXPECT_EQ(InChild([this] {
+                  FlushLine("as root\n");
+                  logger_.KeepLogOpen();
+                  if (setuid(kOtherAccount) != 0)
+                      return 1;
+                  FlushLine("as nobody\n");
+                  FlushLine("again\n");
+                  return messages_.Messages().empty() ? 0 : 2;
+              }),
+              0);
+    EXPECT_EQ(ReadText(log_), "as root\nas nobody\nagain\n");
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+}
+
+// Proves that the test above is about the log kept open.
+TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
+    EXPECT_EQ(InChild([this] {
+                  if (setuid(kOtherAccount) != 0)
+                      return 1;
+                  FlushLine("as nobody\n");
+                  return messages_.Messages().empty() ? 2 : 0;
+              }),
+              0);
+    EXPECT_FALSE(Stands(log_));
+}
+
+TEST_F(MemoryLoggerTest, LeavesTheStagingFileOutForAKeptLog) {
+    WriteText(staging_, "another's\n");
+    logger_.KeepLogOpen();
+    FlushLine("line\n");
+    EXPECT_EQ(ReadText(log_), "line\n");
+    EXPECT_EQ(ReadText(staging_), "another's\n");
+}
+
+TEST_F(MemoryLoggerTest, HandsNoDescriptorToAnotherProgram) {
+    logger_.KeepLogOpen();
+    FlushLine("line\n");
+    int found = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the listing's own
+        if (std::filesystem::read_symlink(entry.path(), gone) != log_)
+            continue;
+        ++found;
+        const int flags = fcntl(std::stoi(entry.path().filename().string()), F_GETFD);
+        EXPECT_NE(flags & FD_CLOEXEC, 0);
+    }
+    EXPECT_EQ(found, 1);
+}
+
+TEST_F(MemoryLoggerTest, FlushesAsEverWhenTheLogCannotBeKept) {
+    KEST::MemoryLogger logger(directory_.File("later/execute.log"), staging_, 1);
+    logger.KeepLogOpen();
+    std::filesystem::create_directory(directory_.File("later"));
+    logger.stream() << "line\n";
+    logger.Flush();
+    EXPECT_EQ(ReadText(directory_.File("later/execute.log")), "line\n");
+}
+
+// --- Many processes -----------------------------------------------------------------------------
+
+class ManyProcessesTest : public MemoryLoggerTest {
+protected:
+    static constexpr int kProcesses = 20;
+    static constexpr int kLines = 20;
+
+    // Lines long enough that a torn one would show, and different enough to be told apart.
+    static std::string Line(int process, int line) {
+        return "process " + std::to_string(process) + " line " + std::to_string(line) + " " +
+               std::string(200, static_cast<char>('a' + process)) + "\n";
+    }
+
+    void FlushFromManyProcesses(bool keepOpen) {
+        std::vector<pid_t> children;
+        children.reserve(kProcesses);
+        for (int process = 0; process < kProcesses; ++process)
+            children.push_back(StartChild([this, process, keepOpen] {
+                if (keepOpen)
+                    logger_.KeepLogOpen();
+                for (int line = 0; line < kLines; ++line)
+                    FlushLine(Line(process, line));
+                return messages_.Messages().empty() ? 0 : 1;
+            }));
+        for (const pid_t child : children)
+            EXPECT_EQ(ExitStatusOf(child), 0);
+    }
+
+    void ExpectEveryLineOnce() {
+        std::multiset<std::string> expected;
+        for (int process = 0; process < kProcesses; ++process)
+            for (int line = 0; line < kLines; ++line)
+                expected.insert(Line(process, line));
+        std::multiset<std::string> found;
+        std::istringstream text(ReadText(log_));
+        for (std::string line; std::getline(text, line);)
+            found.insert(line + "\n");
+        EXPECT_EQ(found.size(), 400U);
+        EXPECT_TRUE(found == expected);
+        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+    }
+};
+
+TEST_F(ManyProcessesTest, LoseAndDoubleNoLine) {
+    FlushFromManyProcesses(false);
+    ExpectEveryLineOnce();
+}
+
+TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfAKeptLog) {
+    FlushFromManyProcesses(true);
+    ExpectEveryLineOnce();
+}
+
+// Whoever waits for a log that is rotated meanwhile has waited for the wrong file.
+TEST_F(MemoryLoggerTest, WaitsForTheLogThatStandsThereNow) {
+    const auto lockedLog = [this] {
+        Descriptor log(open(log_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(flock(log.Get(), LOCK_EX), 0);
+        return log;
+    };
+    Descriptor old = lockedLog();
+    const pid_t child = fork();
+    if (child == 0) {
+        // A copy of the descriptor would hold the lock as well.
+        old.Close();
+        FlushLine("line\n");
+        _exit(0);
+    }
+    usleep(100000);
+    std::filesystem::rename(log_, directory_.File("execute.log.1"));
+    Descriptor fresh = lockedLog();
+    flock(old.Get(), LOCK_UN);
+    usleep(100000);
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
+    EXPECT_EQ(ReadText(log_), "");
+    flock(fresh.Get(), LOCK_UN);
+    EXPECT_EQ(ExitStatusOf(child), 0);
+    EXPECT_EQ(ReadText(log_), "line\n");
+    EXPECT_EQ(ReadText(directory_.File("execute.log.1")), "");
+}
+
+} // namespace

@@ -1,0 +1,21 @@
+// The process-wide execution log that the job model writes to; here it is nobody's but the tests'.
+
+#include "tests/unit/support/execution_log.h"
+
+#include "log/memorylogger.h"
+#include "tests/unit/support/files.h"
+
+namespace {
+
+std::string InLogDirectory(const std::string &name) {
+    static const TemporaryDirectory directory;
+    return directory.File(name);
+}
+
+} // namespace
+
+std::string ExecutionLogPath() {
+    return InLogDirectory("execute.log");
+}
+
+KEST::MemoryLogger executionLog(ExecutionLogPath(), InLogDirectory("staging"), 1024);

@@ -1,0 +1,38 @@
+// What the code under test says to the system log. The test program defines the C library's syslog
+// calls itself, so that nothing of it reaches the log of the machine that runs the tests.
+
+#ifndef TESTS_UNIT_SYSLOG_CAPTURE_H
+#define TESTS_UNIT_SYSLOG_CAPTURE_H
+
+#include <string>
+#include <vector>
+
+struct SyslogMessage {
+    int priority;
+    std::string text;
+};
+
+// While an object of this class lives, it collects the messages. errno starts at 0, because what a
+// message looks like depends on it.
+class SyslogCapture {
+public:
+    SyslogCapture();
+    SyslogCapture(const SyslogCapture &) = delete;
+    SyslogCapture &operator=(const SyslogCapture &) = delete;
+    ~SyslogCapture();
+
+    const std::vector<SyslogMessage> &Messages() const { return messages_; }
+
+    // The messages without "TAG:LINE ", after checking that each is at error priority and that the
+    // tag is `tag` and the line a number.
+    std::vector<std::string> Texts(const std::string &tag) const;
+
+    void Add(int priority, const std::string &text) { messages_.push_back({priority, text}); }
+    void Clear() { messages_.clear(); }
+
+private:
+    std::vector<SyslogMessage> messages_;
+    SyslogCapture *outer_;
+};
+
+#endif
