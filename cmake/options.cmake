@@ -2,6 +2,7 @@
 
 option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)
+option(KESTCROND_COVERAGE "Count which lines run" OFF)
 set(KESTCROND_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 set(KESTCROND_PLATFORM_LIBRARIES "" CACHE STRING
     "The maker's libraries that provide everything declared in platform/*.h; empty: platform/posix")
@@ -24,4 +25,11 @@ if(KESTCROND_SANITIZE)
     target_compile_options(kest_options INTERFACE
         -fsanitize=${KESTCROND_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(kest_options INTERFACE -fsanitize=${KESTCROND_SANITIZE})
+endif()
+
+if(KESTCROND_COVERAGE)
+    add_library(kest_coverage STATIC tests/coverage/exit.cpp)
+    target_link_libraries(kest_options INTERFACE kest_coverage)
+    target_compile_options(kest_options INTERFACE --coverage)
+    target_link_options(kest_options INTERFACE --coverage -Wl,--wrap=_exit)
 endif()

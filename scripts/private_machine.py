@@ -40,6 +40,10 @@ for node in 'null 1 3' 'zero 1 5' 'full 1 7' 'random 1 8' 'urandom 1 9' 'tty 5 0
 done
 ln -s /proc/self/fd dev/fd
 mkdir -p mnt
+if [ -n "$SHARED" ]; then
+    mkdir share
+    mount --bind "$SHARED" share
+fi
 pivot_root . mnt
 cd /
 umount -l /mnt
@@ -112,8 +116,11 @@ class PrivateMachine:
     RUNTIME_TEMPLATE = "/run/kestcrond.st.config"
     LOG_FILE = "/var/log/kestcrond-execute.log"
 
-    def __init__(self, daemon):
+    def __init__(self, daemon, shared=""):
+        """`daemon` is the program's file outside; the directory `shared`, if any, is "/share"
+        inside, and what is written there stays."""
         self.daemon_binary = Path(daemon)
+        self.shared = shared
         self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         self._log = None
         self._datagrams = []
@@ -123,7 +130,7 @@ class PrivateMachine:
         self._unshare = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid", "--fork",
              "--kill-child", "bash", "-c", SETUP],
-            env={**self.environment, "REAPER": REAPER},
+            env={**self.environment, "REAPER": REAPER, "SHARED": str(self.shared)},
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         if self._unshare.stdout.readline() != "up\n":
             raise RuntimeError("the private machine did not come up; is this root?")
