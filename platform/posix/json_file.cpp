@@ -63,11 +63,23 @@ std::string ToText(const Json::Value &value) {
     return Json::writeString(builder, value);
 }
 
-// The file that `path` names when it is a link, so that replacing it leaves the link in place.
-std::string FollowLinks(const std::string &path) {
+// The file that `path` names when it is a link, so that replacing it leaves the link in place. It
+// need not exist yet.
+std::string FollowLinks(std::string path) {
     const ErrnoKept kept;
+    constexpr int mostLinks = 40; // as many as the kernel follows
     std::array<char, PATH_MAX> target{};
-    return realpath(path.c_str(), target.data()) != nullptr ? target.data() : path;
+    for (int i = 0; i < mostLinks; ++i) {
+        const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+        if (length <= 0)
+            break;
+        if (target[0] != '/')
+            path.erase(path.rfind('/') + 1);
+        else
+            path.clear();
+        path.append(target.data(), static_cast<std::size_t>(length));
+    }
+    return path;
 }
 
 mode_t ModeOf(const std::string &path) {

@@ -228,7 +228,10 @@ int XLIBCExecv(const char *path, char *const argv[], int /*flag*/) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    execv(path, argv);
+    if (path != nullptr)
+        execv(path, argv);
+    else
+        errno = EFAULT; // an empty command
     return Fail(kNotStarted, __LINE__);
 }
 

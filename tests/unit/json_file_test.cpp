@@ -310,6 +310,16 @@ TEST_F(JsonToFileTest, KeepsALinkAndWritesItsTarget) {
 }
 
 // A reader that opened the old document reads it to its end.
+TEST_F(JsonToFileTest, MakesTheTargetOfALinkThatHasNone) {
+    const std::string link = directory_.File("link");
+    ASSERT_EQ(symlink("second", link.c_str()), 0);
+    ASSERT_EQ(symlink(path_.c_str(), directory_.File("second").c_str()), 0);
+    EXPECT_TRUE(Save(document_, link));
+    EXPECT_EQ(ReadBack(path_), document_);
+    EXPECT_THAT(directory_.Names(), ElementsAre("kestcrond.config", "link", "second"));
+    EXPECT_EQ(std::filesystem::read_symlink(link), "second");
+}
+
 TEST_F(JsonToFileTest, LeavesAnOpenOldDocumentWhole) {
     WriteText(path_, "[\"old\"]");
     std::filesystem::create_hard_link(path_, directory_.File("second-name"));
