@@ -285,19 +285,24 @@ std::string PathIn(const std::string &directory, const std::string &name) {
     return directory + "/" + name;
 }
 
-// The names of a directory's entries that do not begin with ".", in byte order. Returns false, with
-// a message, when the directory cannot be opened.
-bool ListDirectory(const std::string &directory, std::vector<std::string> &names) {
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(opendir(directory.c_str()), closedir);
-    if (!stream) {
+using Directory = std::unique_ptr<DIR, int (*)(DIR *)>;
+
+// Null, with a message, when the directory cannot be opened.
+Directory OpenDirectory(const std::string &path) {
+    Directory directory(opendir(path.c_str()), closedir);
+    if (!directory)
         LOG_ERROR("open directory failed.");
-        return false;
-    }
-    while (const dirent *entry = readdir(stream.get()))
+    return directory;
+}
+
+// The names of the entries that do not begin with ".", in byte order.
+std::vector<std::string> NamesIn(const Directory &directory) {
+    std::vector<std::string> names;
+    while (const dirent *entry = readdir(directory.get()))
         if (entry->d_name[0] != '.')
             names.emplace_back(entry->d_name);
     std::sort(names.begin(), names.end());
-    return true;
+    return names;
 }
 
 // The definitions in a job file: its array, or its one object, which is named after the file alone.
@@ -358,10 +363,10 @@ void LoadJobFile(Json::Value &jobSet, const std::string &directory, const std::s
 
 bool LoadJobFiles(Json::Value &jobSet, const std::string &directory, const std::string &label,
                   const std::string &account) {
-    std::vector<std::string> names;
-    if (!ListDirectory(directory, names))
+    const Directory opened = OpenDirectory(directory);
+    if (!opened)
         return false;
-    for (const std::string &name : names)
+    for (const std::string &name : NamesIn(opened))
         LoadJobFile(jobSet, directory, name, label, account);
     return true;
 }
@@ -409,14 +414,15 @@ bool CronDaemon::LoadNonRootJobDirectories(Json::Value &jobSet, const std::strin
         LOG_ERROR("create directory failed.");
         return false;
     }
-    std::vector<std::string> names;
-    if (!ListDirectory(directory, names))
+    const Directory opened = OpenDirectory(directory);
+    if (!opened)
         return false;
+    // Watched before it is read: an account that comes meanwhile is in the list or in an event.
     if (!AddWatch(directory)) {
         LOG_ERROR("Failed to register %s", directory.c_str());
         return false;
     }
-    for (const std::string &name : names)
+    for (const std::string &name : NamesIn(opened))
         LoadAccount(jobSet, PathIn(directory, name), label);
     return true;
 }

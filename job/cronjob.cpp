@@ -303,8 +303,10 @@ bool IsStageable(const std::string &name, const std::string &source) {
     }
     if (stat(source.c_str(), &status) == -1)
         return false;
-    errno = S_ISREG(status.st_mode) ? errno : S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    return S_ISREG(status.st_mode);
+    if (S_ISREG(status.st_mode))
+        return true;
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return false;
 }
 
 // Whether what was copied is a program or a link; the source may have become something else since

@@ -198,7 +198,8 @@ class PrivateMachine:
     def run(self, *command, env=None, check=False, timeout=60, **options):
         """Runs a command inside and returns the completed process, its output captured as text."""
         return subprocess.run(self._inside(command, env), check=check, timeout=timeout,
-                              capture_output=True, text=True, stdin=subprocess.DEVNULL, **options)
+                              capture_output=True, text=True, errors="replace",
+                              stdin=subprocess.DEVNULL, **options)
 
     def popen(self, *command, env=None, **options):
         return subprocess.Popen(self._inside(command, env), **options)
