@@ -37,14 +37,25 @@ constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
 constexpr const char *kPersistentTemplateFile = "/usr/kest/etc/kestcrond.st.config";
 constexpr std::int32_t kCycleSeconds = 60;
 
-} // namespace
-
-const std::array<CronDaemon::JobSource, 4> CronDaemon::kSources{{
-    {"builtin", "/usr/kest/share/kestcron.d", "built-in job", false},
-    {"builtin-dyn", "/usr/kest/etc/kestcron.d", "built-in dynamic job", false},
-    {"pkg", "/usr/local/etc/kestcron.d", "pkg job", false},
-    {"pkg_nonroot", "/usr/local/etc/kestcron_nonroot.d", "ser job", true},
+// The four places that job files come from, in the order in which they are read.
+struct JobSource {
+    const char *label;
+    const char *directory;
+    bool perAccount;     // one subdirectory per account, instead of job files
+    const char *failure; // what is said when the directory as a whole cannot be read
+};
+constexpr std::array<JobSource, 4> kSources{{
+    {"builtin", "/usr/kest/share/kestcron.d", false,
+     "js built-in job (/usr/kest/share/kestcron.d) loaded failed"},
+    {"builtin-dyn", "/usr/kest/etc/kestcron.d", false,
+     "js built-in dynamic job (/usr/kest/etc/kestcron.d) loaded failed"},
+    {"pkg", "/usr/local/etc/kestcron.d", false,
+     "js pkg job (/usr/local/etc/kestcron.d) loaded failed"},
+    {"pkg_nonroot", "/usr/local/etc/kestcron_nonroot.d", true,
+     "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"},
 }};
+
+} // namespace
 
 // --- Start and cycle ----------------------------------------------------------------------------
 
@@ -88,6 +99,14 @@ bool PrepareRuntimeDirectory() {
     return true;
 }
 
+// The runtime document that the last shutdown saved; null when there is none.
+Json::Value PersistedDocument() {
+    const ErrnoKept kept; // a machine that starts for the first time has none
+    Json::Value document;
+    JsonFromFile(kPersistentFile, document, kOwnFileLimits);
+    return document;
+}
+
 } // namespace
 
 bool CronDaemon::Init(bool passive) {
@@ -100,9 +119,7 @@ bool CronDaemon::Init(bool passive) {
         return false;
     const Json::Value jobSet = LoadSources();
     LoadTemplate(kPersistentTemplateFile);
-    Json::Value previous;
-    JsonFromFile(kPersistentFile, previous, kOwnFileLimits);
-    ApplyJobSet(std::move(previous), jobSet);
+    ApplyJobSet(PersistedDocument(), jobSet);
     return true;
 }
 
@@ -111,6 +128,7 @@ void CronDaemon::Run() {
         sleepSeconds = kCycleSeconds;
         RunCycle();
         // Cut short by a signal, and not made up for: the signal wants the next cycle.
+        const ErrnoKept kept;
         sleep(static_cast<unsigned>(sleepSeconds));
     }
     Shutdown();
@@ -403,7 +421,7 @@ Json::Value CronDaemon::LoadSources() {
                                 ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
                                 : LoadJobDirectory(jobSet, source.directory, source.label);
         if (!loaded)
-            LOG_ERROR("js %s (%s) loaded failed", source.word, source.directory);
+            LOG_ERROR("%s", source.failure);
     }
     return jobSet;
 }
@@ -501,10 +519,20 @@ void CronDaemon::MergeNewJobs(Json::Value &previous, const Json::Value &jobSet) 
     }
 }
 
-void CronDaemon::RebuildJobList(const Json::Value &document) {
+namespace {
+
+// Says what the jobs are rebuilt from. A document larger than the system log takes is lost there.
+void LogRuntime(const Json::Value &document) {
+    const ErrnoKept kept;
     const SourceTag tag = TagOf(__FILE__);
     syslog(LOG_INFO, "%.*s:%d current runtime: %s", tag.length, tag.text, __LINE__,
            JsonToString(document).c_str());
+}
+
+} // namespace
+
+void CronDaemon::RebuildJobList(const Json::Value &document) {
+    LogRuntime(document);
     jobs.clear();
     for (const Json::Value &entry : Member(document, "jobs")) {
         CronJob job(entry);
@@ -530,8 +558,17 @@ void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durabilit
         LOG_ERROR("runtime config save failed (%s)", path.c_str());
 }
 
+namespace {
+
+bool IsThere(const std::string &path) {
+    const ErrnoKept kept;
+    return XLIBCFileExist(path.c_str());
+}
+
+} // namespace
+
 void CronDaemon::LoadTemplate(const std::string &path) {
-    if (XLIBCFileExist(path.c_str()) && !LoadScheduleTemplate(scheduleTemplate, path))
+    if (IsThere(path) && !LoadScheduleTemplate(scheduleTemplate, path))
         LOG_ERROR("schedule template config load failed (%s)", path.c_str());
 }
 

@@ -4,15 +4,15 @@
 //
 //   - A reload cycle, when one was requested: all job files are read again and applied to the jobs
 //     as they are. Nothing is started.
-//   - An evaluation cycle otherwise. Each job whose schedule matches the present local minute gets
-//   its
+//   - An evaluation cycle otherwise. Each job whose schedule matches the local minute gets its
 //     "expireTime". Each job is then in one of six states (core/job_state.h), and those that are to
 //     be launched are, in name order, with growing delays. In minute 0 the random fields are drawn
 //     anew. Last, the watched directories are asked for changes, which request a reload.
 //
 // Who writes what: the signal handler sets `stopRequested` or `reloadRequested`, and `sleepSeconds`
 // to 0; so does PollChanges for a reload. ReloadJobs clears `reloadRequested`. Each cycle sets
-// `sleepSeconds` to 60. A job's "expireTime" is set by its due check and cleared by its launch.
+// `sleepSeconds` to 60. A signal that comes at an unlucky moment is served a cycle later. A job's
+// "expireTime" is set by its due check and cleared by its launch.
 //
 // The jobs' documents, keyed by full job name, are the runtime document. It is rewritten whenever
 // the jobs or their schedules change, and kept over a restart by the shutdown save alone.
@@ -43,19 +43,9 @@ public:
     // What the signal handler writes. Single stores, so that a handler may interrupt anything.
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> reloadRequested{false};
-    bool passiveMode = false;
     std::atomic<std::int32_t> sleepSeconds{0};
 
 private:
-    // One of the four places that job files come from.
-    struct JobSource {
-        const char *label;
-        const char *directory;
-        const char *word; // what messages call it
-        bool perAccount;  // one subdirectory per account, instead of job files
-    };
-    static const std::array<JobSource, 4> kSources;
-
     void RunCycle();
     void Evaluate();
     void LaunchJobs(const std::vector<JobState> &states);
@@ -97,7 +87,8 @@ private:
     void PersistState();
 
     static constexpr std::uint32_t kWatchLimit = 1024;
-    std::int32_t inotifyFd = -1;
+    bool passiveMode = false;
+    std::int32_t inotifyFd = -1; // closed by Shutdown, never by a destructor
     std::uint32_t watchCount = 0;
     std::array<std::int32_t, kWatchLimit> watches{};
     std::vector<CronJob> jobs;

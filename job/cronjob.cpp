@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <grp.h>
@@ -145,27 +146,37 @@ bool CronJob::ParseCommand() {
     return true;
 }
 
+namespace {
+
+// The account that the definition names; nothing, with a message, when it names none. The class of
+// the account is found anywhere in the text of "user", so that "rootjob" is an account of that
+// name.
+std::optional<std::string> AccountOf(const Json::Value &config) {
+    const std::string user = TextMember(config, "user");
+    const auto mentions = [&](const char *word) { return user.find(word) != std::string::npos; };
+    if (mentions("package")) {
+        if (Member(config, "package_username").isString())
+            return TextMember(config, "package_username");
+        LOG_ERROR("you are not package! error user in config");
+        return std::nullopt;
+    }
+    if (mentions("system") || mentions("root"))
+        return user;
+    LOG_ERROR("wrong user %s! you can only specify root/system/package in config [%s]",
+              user.c_str(), JsonToString(Member(config, "name")).c_str());
+    return std::nullopt;
+}
+
+} // namespace
+
 JobUser ResolveJobUser(const Json::Value &config) {
     JobUser user;
-    const std::string asked = TextMember(config, "user");
-    bool known = true;
-    if (asked.find("package") != std::string::npos) {
-        known = Member(config, "package_username").isString();
-        user.name = TextMember(config, "package_username");
-        if (!known)
-            LOG_ERROR("you are not package! error user in config");
-    } else if (asked.find("system") == std::string::npos &&
-               asked.find("root") == std::string::npos) {
-        known = false;
-        LOG_ERROR("wrong user %s! you can only specify root/system/package in config [%s]",
-                  asked.c_str(), JsonToString(Member(config, "name")).c_str());
-    } else {
-        user.name = asked;
-    }
-    if (!known) {
+    const std::optional<std::string> account = AccountOf(config);
+    if (!account) {
         LOG_ERROR("Unable to determine user");
         return user;
     }
+    user.name = *account;
     user.valid = KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
     if (!user.valid)
         LOG_ERROR("user %s not exist", user.name.c_str());
@@ -303,7 +314,8 @@ bool IsStageable(const std::string &name, const std::string &source) {
     }
     if (stat(source.c_str(), &status) == -1)
         return false;
-    if (S_ISREG(status.st_mode))
+    // What the kernel offers as an empty file may make its reader wait for ever.
+    if (S_ISREG(status.st_mode) && status.st_size != 0)
         return true;
     errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return false;

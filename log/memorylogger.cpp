@@ -56,8 +56,15 @@ Descriptor OpenStaging(const std::string &path) {
         if (Descriptor file = OpenOwnFile(path, O_WRONLY | O_APPEND))
             return file;
     }
-    ClearPath(path);
-    return Descriptor(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    // Against somebody who is quick to plant the next one, one try may not be enough.
+    constexpr int tries = 64;
+    Descriptor staging;
+    for (int i = 0; i < tries && !staging; ++i) {
+        ClearPath(path);
+        staging = Descriptor(
+            open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    }
+    return staging;
 }
 
 // Appends all of `text`, or nothing when a part does not fit.
@@ -148,10 +155,10 @@ void MemoryLogger::KeepLogOpen() {
 }
 
 void MemoryLogger::FlushToKeptLog() {
-    Lock(_keptLog);
-    if (!AppendWhole(_keptLog, TakeBuffer()))
+    // Without the lock: a process that runs as another account can be stopped by it, and would let
+    // all others wait. A single write appends a line whole all the same.
+    if (!WriteAll(_keptLog.Get(), TakeBuffer()))
         LOG_ERROR("Failed [%s], err=%m", "!fs");
-    flock(_keptLog.Get(), LOCK_UN);
 }
 
 // Waits for the flushes of other processes; the lock is held as long as the descriptor.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <json/value.h>
+#include <limits>
 #include <string>
 
 // How much of a file a reader is willing to take.
@@ -15,8 +16,9 @@ struct JsonLimits {
 
 // Job files are written by package authors.
 constexpr JsonLimits kJobFileLimits{std::size_t{1} << 20, 64};
-// Our own documents hold many jobs, each a few levels deeper than in its file.
-constexpr JsonLimits kOwnFileLimits{std::size_t{64} << 20, 128};
+// Our own documents hold what was accepted, however much that is, a few levels deeper than in its
+// file: what we have written we can always read again.
+constexpr JsonLimits kOwnFileLimits{std::numeric_limits<std::size_t>::max(), 128};
 
 // Reads the JSON document in the file `path`, symbolic links followed, comments dropped. Returns
 // false, with `value` null and errno telling why, for anything but a regular file within `limits`

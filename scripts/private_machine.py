@@ -33,6 +33,7 @@ mount -t tmpfs -o mode=0755 tmpfs run
 mount -t tmpfs -o mode=0755 tmpfs var/log
 mount -t tmpfs -o mode=0755 tmpfs dev
 mount -t proc proc proc
+mount -t sysfs -o ro sysfs sys
 mkdir -m 1777 dev/shm
 for node in 'null 1 3' 'zero 1 5' 'full 1 7' 'random 1 8' 'urandom 1 9' 'tty 5 0'; do
     set -- $node

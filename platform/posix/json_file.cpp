@@ -19,7 +19,8 @@ namespace {
 
 // Opens `path` for reading when it is a regular file of at most `limit` bytes. The name is looked
 // up once, without opening what it names: opening a device has effects of its own, and a second
-// look-up could find another file.
+// look-up could find another file. Empty files are no documents; those of the kernel that let their
+// reader wait look empty too. Opening does not wait either, say for an owner who holds a lease.
 Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
     const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat status {};
@@ -29,12 +30,12 @@ Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return {};
     }
-    if (static_cast<std::uintmax_t>(status.st_size) > limit) {
-        errno = EFBIG;
+    if (status.st_size == 0 || static_cast<std::uintmax_t>(status.st_size) > limit) {
+        errno = status.st_size == 0 ? EBADMSG : EFBIG;
         return {};
     }
     const std::string same = "/proc/self/fd/" + std::to_string(named.Get());
-    return Descriptor(open(same.c_str(), O_RDONLY | O_CLOEXEC));
+    return Descriptor(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
 bool Parse(const std::string &text, int depth, Json::Value &value) {

@@ -57,6 +57,7 @@ int Succeed() {
 
 // The content of the small file `path`, empty when it cannot be read.
 std::string Content(const std::string &path) {
+    const ErrnoKept kept;
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     std::string content;
     if (!file || !ReadAll(file.Get(), 4096, content))

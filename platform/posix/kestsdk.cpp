@@ -36,18 +36,25 @@ bool MakeDirectory(const char *path, uid_t uid, gid_t gid, mode_t mode) {
     return mkdir(path, 0700) == 0 && chown(path, uid, gid) == 0 && chmod(path, mode) == 0;
 }
 
+bool MakeParents(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
+    for (auto slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1))
+        if (!MakeDirectory(path.substr(0, slash).c_str(), uid, gid, mode))
+            return false;
+    return true;
+}
+
 } // namespace
 
 int KESTFSMkdirP(const char *path, const char * /*base*/, int parents, uid_t uid, gid_t gid,
                  mode_t mode) {
-    const std::string whole = path;
-    if (parents != 0 && !IsDirectory(path)) {
-        for (auto slash = whole.find('/', 1); slash != std::string::npos;
-             slash = whole.find('/', slash + 1))
-            if (!MakeDirectory(whole.substr(0, slash).c_str(), uid, gid, mode))
-                return -1;
-    }
-    return MakeDirectory(path, uid, gid, mode) ? 0 : -1;
+    const int error = errno;
+    if (parents != 0 && !IsDirectory(path) && !MakeParents(path, uid, gid, mode))
+        return -1;
+    if (!MakeDirectory(path, uid, gid, mode))
+        return -1;
+    errno = error; // that a directory was missing is no failure
+    return 0;
 }
 
 int KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid) {
@@ -64,11 +71,14 @@ int KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid) {
 }
 
 int KESTVorldStatusGet(int /*query*/, int *status) {
+    const int error = errno;
     const Descriptor file(open(kStatusFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file)
-        return errno == ENOENT ? 0 : -1;
+    if (!file && errno == ENOENT) {
+        errno = error; // nothing has been reported
+        return 0;
+    }
     std::string text;
-    if (!ReadAll(file.Get(), 64, text))
+    if (!file || !ReadAll(file.Get(), 64, text))
         return -1;
     while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())) != 0)
         text.pop_back();

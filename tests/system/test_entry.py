@@ -206,3 +206,11 @@ def test_messages_lead_to_the_source(machine):
     with open(source, encoding="utf-8") as file:
         line = file.read().splitlines()[message.line - 1]
     assert '"Daemon is running"' in line
+
+
+def test_messages_do_not_tell_errors_of_things_that_went_well(machine):
+    machine.jobs("builtin", "f", [never("x", period="yearly")])
+    machine.start_and_wait()
+    machine.reload()
+    assert [message.text for message in machine.messages(priority="err")] == 2 * [
+        "error period", "parse error", "Job JSON format error: /usr/kest/share/kestcron.d/f"]

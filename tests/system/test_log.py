@@ -98,6 +98,28 @@ def test_a_planted_staging_file(machine, kind):
         assert machine.read("/tmp/victim") == "precious\n"
 
 
+def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
+    names = [f"j{i:02}" for i in range(40)]
+    machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true")
+                                  for name in names])
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.start_and_wait()
+    machine.stop()
+    machine.template(maxDelay=0)
+    machine.clock("2026-06-02 04:10:10", rate=1)
+    planters = [machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash",
+                              "-c", f"while :; do : > {STAGING}; done 2>/dev/null",
+                              env={"LD_PRELOAD": ""}) for _ in range(2)]
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= len(names))
+    assert sorted(re.search(r"builtin-f-(\w+)", line).group(1)
+                  for line in machine.log_lines()) == names
+    assert machine.texts() == []
+    for planter in planters:
+        planter.kill()
+        planter.wait()
+
+
 def test_a_staging_file_left_by_a_crash_is_moved(machine):
     machine.write(STAGING, "left behind\n", 0o600)
     machine.start_and_wait()

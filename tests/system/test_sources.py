@@ -2,6 +2,7 @@
 
 import json
 import os
+import time
 
 import pytest
 from conftest import PERSISTENT_FILE, RECORD, SOURCES, every_minute, never
@@ -122,6 +123,39 @@ def test_entries_that_are_no_files(machine):
     assert names(machine) == ["pkg-good-x", "pkg-link-x"]
     assert machine.texts() == [f"JSON file read error: {directory}/{name}" for name in [
         "dangling", "device", "directory", "fifo", "loop", "secret", "sparse"]]
+
+
+@pytest.mark.parametrize("kernel_file", ["/proc/kmsg", "/proc/self/mem", "/proc/version"])
+def test_files_of_the_kernel_are_no_job_files(machine, kernel_file):
+    # Some make their reader wait for ever.
+    machine.path(SOURCES["pkg"]).mkdir(parents=True)
+    machine.path(SOURCES["pkg"] + "/k").symlink_to(kernel_file)
+    machine.jobs("pkg", "good", [never("x")])
+    machine.start_and_wait()
+    assert machine.texts() == [f"JSON file read error: {SOURCES['pkg']}/k"]
+    assert names(machine) == ["pkg-good-x"]
+
+
+def test_a_leased_file_is_not_waited_for(machine):
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.jobs("pkg_nonroot", "leased", [never("y")], account="alice")
+    path = SOURCES["pkg_nonroot"] + "/alice/leased"
+    machine.chown(machine.path(path), "alice")
+    holder = machine.popen(
+        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "/usr/bin/python3", "-c",
+        "import fcntl, os, signal, time\n"
+        "signal.signal(signal.SIGIO, signal.SIG_IGN)\n"
+        f"fcntl.fcntl(os.open('{path}', os.O_RDWR), fcntl.F_SETLEASE, fcntl.F_WRLCK)\n"
+        "open('/tmp/ran/leased', 'w').close()\ntime.sleep(100)", env={"LD_PRELOAD": ""})
+    wait_for(lambda: machine.exists("/tmp/ran/leased"))
+    started = time.monotonic()
+    machine.start_and_wait()
+    assert time.monotonic() - started < 20, "the kernel would break the lease after 45 seconds"
+    assert machine.texts() == [f"JSON file read error: {path}"]
+    assert names(machine) == ["pkg_nonroot-alice-f-x"]
+    holder.kill()
+    holder.wait()
 
 
 def test_a_name_that_is_none(machine):

@@ -118,7 +118,8 @@ def test_jobs_that_end_while_a_copy_runs_leave_no_zombie(machine):
     assert machine.texts() == []
 
 
-@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop"])
+@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop", "empty",
+                                  "kernel file"])
 def test_a_program_that_is_no_file(machine, make):
     program = "/usr/local/bin/odd"
     path = machine.path(program)
@@ -132,6 +133,10 @@ def test_a_program_that_is_no_file(machine, make):
         program = "/dev/zero"
     elif make == "device link":
         path.symlink_to("/dev/zero")
+    elif make == "empty":
+        path.touch(0o755)
+    elif make == "kernel file":
+        program = "/proc/kmsg"  # whoever reads it waits for the kernel to say something
     else:
         path.symlink_to("odd")
     texts = [f"missing binary {program}"] if make == "loop" else cp_failed(program)

@@ -167,10 +167,11 @@ TEST_F(JsonFromFileTest, TakesAJobFileUpToItsLimit) {
     ExpectRefused(Write(text + "\n"), EFBIG);
 }
 
-// Files of the kernel's claim to be empty.
-TEST_F(JsonFromFileTest, CountsWhatItReads) {
-    ExpectRefused("/proc/version", EFBIG, {4, 64});
+// Files of the kernel's claim to be empty, and some let their reader wait for ever.
+TEST_F(JsonFromFileTest, DoesNotReadWhatLooksEmpty) {
+    ExpectRefused(Write(""), EBADMSG);
     ExpectRefused("/proc/version", EBADMSG);
+    ExpectRefused("/proc/kmsg", EBADMSG);
 }
 
 TEST_F(JsonFromFileTest, RefusesWhatIsNoRegularFile) {
@@ -310,6 +311,12 @@ TEST_F(JsonToFileTest, KeepsALinkAndWritesItsTarget) {
 }
 
 // A reader that opened the old document reads it to its end.
+TEST_F(JsonToFileTest, WritesNothingThatIsTooLargeToReadBack) {
+    const Json::Value large(std::string(std::size_t{70} << 20, 'x'));
+    EXPECT_TRUE(Save(large, path_));
+    EXPECT_EQ(ReadBack(path_), large);
+}
+
 TEST_F(JsonToFileTest, MakesTheTargetOfALinkThatHasNone) {
     const std::string link = directory_.File("link");
     ASSERT_EQ(symlink("second", link.c_str()), 0);

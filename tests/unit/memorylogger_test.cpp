@@ -313,14 +313,12 @@ protected:
     FullDiskTest() { WriteText(log_, "old\n"); }
 
     // Expects a flush of `size` bytes to be lost whole, with this message.
-    void ExpectFlushIsLost(std::size_t size, bool keepOpen, const std::string &message) {
+    void ExpectFlushIsLost(std::size_t size, const std::string &message) {
         EXPECT_EQ(InChild([&] {
                       signal(SIGXFSZ, SIG_IGN);
                       const rlimit limit{100, 100};
                       if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
                           return 1;
-                      if (keepOpen)
-                          logger_.KeepLogOpen();
                       FlushLine(std::string(size, 'x'));
                       return messages_.Texts("memorylogger") == std::vector{message} ? 0 : 2;
                   }),
@@ -331,12 +329,11 @@ protected:
 };
 
 TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheLog) {
-    ExpectFlushIsLost(98, false, "Failed [!fs], err=File too large (File too large)");
-    ExpectFlushIsLost(98, true, "Failed [!fs], err=File too large (File too large)");
+    ExpectFlushIsLost(98, "Failed [!fs], err=File too large (File too large)");
 }
 
 TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheStagingFile) {
-    ExpectFlushIsLost(101, false, "open memory logger failed (File too large)");
+    ExpectFlushIsLost(101, "open memory logger failed (File too large)");
 }
 
 // --- A log kept open ----------------------------------------------------------------------------
@@ -366,6 +363,39 @@ TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
               }),
               0);
     EXPECT_FALSE(Stands(log_));
+}
+
+// An account can stop its own processes, and one that waits for a lock would soon hold it.
+TEST_F(MemoryLoggerTest, NeitherWaitsForOthersNorHoldsThemUpWithAKeptLog) {
+    WriteText(log_, "");
+    const int other = open(log_.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    EXPECT_EQ(InChild([this] {
+                  alarm(10);
+                  logger_.KeepLogOpen();
+                  FlushLine("line\n");
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(ReadText(log_), "line\n");
+    close(other);
+}
+
+TEST_F(MemoryLoggerTest, ReportsWhatDoesNotFitIntoAKeptLog) {
+    EXPECT_EQ(InChild([this] {
+                  const rlimit limit{0, 0};
+                  signal(SIGXFSZ, SIG_IGN);
+                  logger_.KeepLogOpen();
+                  if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                      return 1;
+                  FlushLine("line\n");
+                  return messages_.Texts("memorylogger") ==
+                                 std::vector<std::string>{
+                                     "Failed [!fs], err=File too large (File too large)"}
+                             ? 0
+                             : 2;
+              }),
+              0);
 }
 
 TEST_F(MemoryLoggerTest, LeavesTheStagingFileOutForAKeptLog) {
