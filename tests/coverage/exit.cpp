@@ -1,5 +1,5 @@
-// Linked into the coverage build only, around every call of _exit: a child of the daemon ends without
-// running destructors, and its counts would be lost.
+// Linked into the coverage build only, around every call of _exit: a child of the daemon ends
+// without running destructors, and its counts would be lost.
 
 #include <unistd.h>
 

@@ -71,7 +71,7 @@ bool Matches(const std::string &rendered, const std::vector<int> &moment) {
     for (const int part : moment) {
         std::string field;
         fields >> field;
-        field = "," + field + ",";
+        field.insert(0, ",").append(",");
         if (field.find("," + std::to_string(part) + ",") == std::string::npos &&
             field.find(",-1,") == std::string::npos)
             return false;
