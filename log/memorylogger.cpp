@@ -9,6 +9,7 @@
 #include <boost/interprocess/sync/sharable_lock.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <limits>
@@ -50,21 +51,34 @@ void ClearPath(const std::string &path) {
         MoveAside(path);
 }
 
+// Puts the file `fresh` at `path`, in one step, so that nobody can plant anything in between.
+bool PutInPlace(const std::string &fresh, const std::string &path) {
+    if (std::rename(fresh.c_str(), path.c_str()) == 0)
+        return true;
+    // A directory is not replaced; the two change places.
+    if (renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) == -1)
+        return false;
+    ClearPath(fresh);
+    return true;
+}
+
 Descriptor OpenStaging(const std::string &path) {
     {
         const ErrnoKept kept; // most of the time there is none
         if (Descriptor file = OpenOwnFile(path, O_WRONLY | O_APPEND))
             return file;
     }
-    // Against somebody who is quick to plant the next one, one try may not be enough.
+    std::string fresh = path + ".XXXXXX";
+    Descriptor staging(mkostemp(fresh.data(), O_APPEND | O_CLOEXEC));
+    if (!staging)
+        return {};
+    // What stands there may become a directory and a file again meanwhile.
     constexpr int tries = 64;
-    Descriptor staging;
-    for (int i = 0; i < tries && !staging; ++i) {
-        ClearPath(path);
-        staging = Descriptor(
-            open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    }
-    return staging;
+    for (int i = 0; i < tries; ++i)
+        if (PutInPlace(fresh, path))
+            return staging;
+    ClearPath(fresh);
+    return {};
 }
 
 // Appends all of `text`, or nothing when a part does not fit.

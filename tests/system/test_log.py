@@ -108,8 +108,9 @@ def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
     machine.template(maxDelay=0)
     machine.clock("2026-06-02 04:10:10", rate=1)
     planters = [machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash",
-                              "-c", f"while :; do : > {STAGING}; done 2>/dev/null",
-                              env={"LD_PRELOAD": ""}) for _ in range(2)]
+                              "-c", f"while :; do {plant}; done 2>/dev/null",
+                              env={"LD_PRELOAD": ""})
+                for plant in (f": > {STAGING}", f": > {STAGING}; ln -s /etc/passwd {STAGING}")]
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= len(names))
     assert sorted(re.search(r"builtin-f-(\w+)", line).group(1)

@@ -216,11 +216,13 @@ TEST_F(PlantedStagingTest, KeepsTheContentOfADirectoryThatWasInTheWay) {
     std::filesystem::create_directory(staging_);
     WriteText(staging_ + "/inner", "somebody's");
     ExpectFlushIsSafe();
-    std::string moved;
-    for (const std::string &name : directory_.Names())
-        if (name.rfind("staging.", 0) == 0)
-            moved = directory_.File(name);
-    EXPECT_EQ(ReadText(moved + "/staging/inner"), "somebody's");
+    std::vector<std::string> found;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(directory_.Path()))
+        if (entry.path().filename() == "inner")
+            found.push_back(entry.path());
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(ReadText(found.front()), "somebody's");
+    const auto moved = std::filesystem::path(found.front()).parent_path().parent_path();
     EXPECT_EQ(ModeOf(moved), 0700U);
 }
 
