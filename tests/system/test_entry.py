@@ -1,5 +1,6 @@
 """The process: arguments, the one instance, what a running daemon looks like, how it ends."""
 
+import errno
 import os
 import re
 import signal
@@ -210,8 +211,12 @@ def test_messages_lead_to_the_source(machine):
 
 def test_messages_do_not_tell_errors_of_things_that_went_well(machine):
     machine.jobs("builtin", "f", [never("x", period="yearly")])
-    # A preloaded clock leaves errors of its own behind.
-    machine.start_and_wait(env={"LD_PRELOAD": ""})
+    machine.start_and_wait()
     machine.reload()
-    assert [message.text for message in machine.messages(priority="err")] == 2 * [
+    messages = machine.messages(priority="err")
+    assert [message.plain() for message in messages] == 2 * [
         "error period", "parse error", "Job JSON format error: /usr/kest/share/kestcron.d/f"]
+    # What a preloaded clock or a sanitizer left behind is theirs: ours would be a directory that was
+    # missing and has been made, and the sleep that the reload's signal has ended.
+    own = (os.strerror(errno.ENOENT), os.strerror(errno.EINTR))
+    assert not [message for message in messages if message.text.endswith(tuple(f"({e})" for e in own))]
