@@ -16,7 +16,7 @@ def at_once(machine):
 
 def once(name, **members):
     """A definition that is due in the first minutes only, so that one test sees few runs."""
-    return every_minute(name, **{"crontab": "10,11 2 * * *", **members})
+    return every_minute(name, **{"crontab": "10,11,12 2 * * *", **members})
 
 
 def report(machine, user, script, **members):
@@ -124,7 +124,7 @@ def test_an_account_that_vanishes_before_the_launch(machine):
 def waiting_child(machine):
     """The child that waits to run the second of two jobs."""
     machine.template(maxDelay=3600)
-    machine.jobs("pkg", "f", [once("a"), once("b", crontab="10 2 * * *")])
+    machine.jobs("pkg", "f", [once("a"), once("b")])
     daemon = machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-a"))
     return wait_for(lambda: next((pid for pid in machine.daemons() if pid != daemon), None))
