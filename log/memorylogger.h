@@ -45,8 +45,9 @@ public:
     void MoveToLog();
 
     // Keeps the log open from now on, so that later flushes of this process reach it even when the
-    // process has given up the right to open it. Such a flush leaves the staging file out. The
-    // descriptor does not outlive an exec.
+    // process has given up the right to open it. Such a flush leaves the staging file out and waits
+    // for nobody; on a full disk it may leave a part of its text. The descriptor does not outlive
+    // an exec.
     void KeepLogOpen();
 
 private:
