@@ -195,6 +195,7 @@ def test_wrong_runtime_members_read_as_absent(machine):
     machine.start_and_wait()
     wait_for(lambda: len(machine.runs("builtin-t-tick")) >= 2)
     # Only the one without a readable "startup" counts from the beginning of time.
+    wait_for(lambda: machine.runs("builtin-f-c"))
     assert {name for name in names if machine.runs(f"builtin-f-{name}")} == {"c"}
     assert machine.texts() == []
     assert machine.daemon_pid()
