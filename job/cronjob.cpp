@@ -31,6 +31,7 @@
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <utility>
 
@@ -304,6 +305,12 @@ void RemoveStaged(const std::string &path) {
     }
 }
 
+// Whether `path` lies on a file system that has no blocks, because the kernel makes up its files.
+bool IsOfKernel(const std::string &path) {
+    struct statvfs status {};
+    return statvfs(path.c_str(), &status) == 0 && status.f_blocks == 0;
+}
+
 // Whether a program can be staged at all: errno tells why not.
 bool IsStageable(const std::string &name, const std::string &source) {
     struct stat status {};
@@ -314,8 +321,8 @@ bool IsStageable(const std::string &name, const std::string &source) {
     }
     if (stat(source.c_str(), &status) == -1)
         return false;
-    // What the kernel offers as an empty file may make its reader wait for ever.
-    if (S_ISREG(status.st_mode) && status.st_size != 0)
+    // The files of the kernel look empty, and some make their reader wait for ever.
+    if (S_ISREG(status.st_mode) && (status.st_size != 0 || !IsOfKernel(source)))
         return true;
     errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return false;

@@ -16,13 +16,29 @@ SourceTag TagOf(const char *file) {
     return {name, static_cast<int>(std::strcspn(name, "."))};
 }
 
+namespace {
+
+// Longer than any system log takes; what does not fit is cut off.
+using MessageBuffer = std::array<char, 8192>;
+
+// No memory is asked for: there may be none left, and that may be the message.
+void EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
+    std::size_t size = 0;
+    for (const char *character = message.data(); *character != '\0'; ++character)
+        for (const char part : EscapeOf(*character))
+            if (part != '\0' && size + 1 < printable.size())
+                printable.at(size++) = part;
+}
+
+} // namespace
+
 // A C-style variadic function, because %m and the compiler's check of formats belong to those.
 // NOLINTNEXTLINE(cert-dcl50-cpp)
 void LogErrorAt(const char *file, int line, const char *text, ...) {
     const ErrnoKept kept;
     const int error = errno;
-    // Longer than any system log takes; what does not fit is cut off.
-    std::array<char, 8192> message{};
+    MessageBuffer message{};
+    MessageBuffer printable{};
     va_list arguments;
     va_start(arguments, text);
     // The analyser does not see that va_start initialises the list.
@@ -30,10 +46,10 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
     std::vsnprintf(message.data(), message.size(), text, arguments);
     va_end(arguments);
     const SourceTag tag = TagOf(file);
-    const std::string printable = Printable(message.data());
+    EscapeInto(printable, message);
     if (error != 0)
-        syslog(LOG_ERR, "%.*s:%d %s (%s)", tag.length, tag.text, line, printable.c_str(),
+        syslog(LOG_ERR, "%.*s:%d %s (%s)", tag.length, tag.text, line, printable.data(),
                std::strerror(error));
     else
-        syslog(LOG_ERR, "%.*s:%d %s", tag.length, tag.text, line, printable.c_str());
+        syslog(LOG_ERR, "%.*s:%d %s", tag.length, tag.text, line, printable.data());
 }

@@ -178,13 +178,15 @@ void MemoryLogger::FlushToKeptLog() {
 // Waits for the flushes of other processes; the lock is held as long as the descriptor.
 Descriptor MemoryLogger::LockLog() const {
     const ErrnoKept kept;
-    for (;;) {
+    constexpr int tries = 64; // nobody rotates a log as often
+    for (int i = 0; i < tries; ++i) {
         Descriptor log = OpenLog(_strLogPath);
         if (!log || !Lock(log))
             return {};
         if (Names(_strLogPath, log))
             return log;
     }
+    return {};
 }
 
 std::string MemoryLogger::TakeBuffer() {

@@ -3,11 +3,18 @@
 #ifndef LOG_PRINTABLE_H
 #define LOG_PRINTABLE_H
 
+#include <array>
 #include <string>
 #include <string_view>
 
-// `text` with its control characters written as escapes ("\n", "\t", "\x1b"); everything else,
-// bytes above 127 included, is left as it is. So a text always stays inside its line.
+// How one character is written, NUL-terminated.
+using Escape = std::array<char, 5>;
+
+// A control character as an escape ("\n", "\t", "\x1b"); any other, bytes above 127 included, as it
+// is.
+Escape EscapeOf(char character);
+
+// `text` with each character written so: it always stays inside its line.
 std::string Printable(std::string_view text);
 
 #endif

@@ -3,6 +3,7 @@ its runs, and short ways to put jobs and templates on it."""
 
 import json
 import signal
+import subprocess
 import sys
 from pathlib import Path
 
@@ -83,6 +84,20 @@ class Appliance(PrivateMachine):
         """Waits until the system log holds an error with exactly this text `count` times."""
         wait_for(lambda: self.texts().count(text) >= count, seconds, f"{text!r} in {self.texts()}")
 
+    def start_with_faults(self, *faults, path=None):
+        """Starts the daemon while system calls of it and its children fail, each fault written as
+        "CALL[,CALL]:error=NAME[:when=EXPRESSION]"; with a path only those that concern it.
+        Returns the exit status as the starter sees it."""
+        options = [word for fault in faults for word in ("-e", f"inject={fault}")]
+        options += ["-P", path] if path else []
+        options += [f"--env={name}={value}" for name, value in self.environment.items()]
+        # The tracer is no parent of the daemon, leak detection would need to trace it itself.
+        return self.popen(
+            "/usr/bin/strace", "-D", "-f", "-qq", "-o", "/dev/null", *options,
+            f"--env=ASAN_OPTIONS={self.environment['ASAN_OPTIONS']}:detect_leaks=0", self.DAEMON,
+            env={"LD_PRELOAD": ""}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL).wait(60)
+
     def reload(self):
         """Asks for a reload and waits until its documents are written."""
         before = self.loads(), self.saved()
@@ -129,5 +144,9 @@ def machine(request):
                 len(Path(counts).resolve().parts) - 1))
         appliance.clock("2026-06-02 02:10:10")
         yield appliance
+        if counts:
+            for pid in appliance.daemons():  # a program that is killed leaves no counts
+                appliance.run("/usr/bin/kill", pid, env={"LD_PRELOAD": ""})
+            wait_for(lambda: not appliance.daemons(), what="the end of all daemons")
         reports = sorted(appliance.path("/tmp").glob("sanitizer*"))
         assert not reports, reports[0].read_text(errors="replace")

@@ -82,17 +82,59 @@ def test_a_hundred_launches_spread_over_an_hour(machine):
     for i in range(1, 100):
         assert note_of(machine, f"builtin-f-j{i:03}").endswith(
             f"], job[{i + 1}/100], delay[{36 * i}]")
+    assert len({re.search(r"trig\[.*?\]", note)[0] for *_, note in starts(machine)}) == 1
+
+
+def test_only_launches_count_for_delays(machine):
+    machine.jobs("builtin", "f", [never("a"), every_minute("b"), never("c"), every_minute("d")])
+    machine.start_and_wait()
+    wait_for(lambda: note_of(machine, "builtin-f-d"))
+    assert note_of(machine, "builtin-f-b").endswith("], job[1/2]")
+    assert note_of(machine, "builtin-f-d").endswith("], job[2/2], delay[300]")
+
+
+def triggers(machine):
+    """When the cycles were that launched something, in minutes and seconds of their day."""
+    return [datetime.datetime.strptime(re.search(r"trig\[\d\d (.*?)\]", note)[1], "%H:%M:%S")
+            for *_, note in starts(machine)]
+
+
+def test_a_cycle_takes_a_minute(machine):
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.clock("2026-06-02 02:10:10", rate=20)
+    machine.start_and_wait()
+    wait_for(lambda: len(starts(machine)) >= 6)
+    times = triggers(machine)
+    gaps = [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
+    assert min(gaps) in (60, 61), "the least that the machine's load added"
+
+
+@pytest.mark.parametrize("stamp", [5, -1, 2**32])
+def test_a_run_that_waits_survives_a_restart(machine, stamp):
+    machine.template(maxDelay=0)
+    history(machine, never("x"), expireTime=stamp)
+    machine.jobs("pkg", "clock", [every_minute("tick")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("pkg-clock-tick")) >= 3)
+    assert len(machine.runs("builtin-f-x")) == 1
+    assert "tab[" not in note_of(machine, "builtin-f-x"), "it was not due in this life"
+    assert note_of(machine, "builtin-f-x").startswith("state[Ready], ")
 
 
 def test_held_defers_a_due_run(machine):
     machine.write("/run/kestvorld.status", "2\n")
-    machine.jobs("builtin", "f", [every_minute("x", crontab="10,11,12 2 * * *")])
+    machine.jobs("builtin", "f", [every_minute("x", crontab="10 2 * * *")])
     machine.start_and_wait()
+    # Changes are only looked for in evaluation cycles: two of them have passed, and so has 02:10.
+    for account in ("alice", "bob"):
+        before = machine.loads()
+        machine.account_directory(account)
+        wait_for(lambda seen=before: machine.loads() > seen, what="a reload")
     # The run is stamped, but only memory knows until the next save: a reload writes it.
     machine.reload()
     assert machine.entries()["builtin-f-x"]["expireTime"] != 0
     assert machine.log_lines() == []
-    # Release it in a later minute than the job's own.
     machine.write("/run/kestvorld.status", "1\n")
     wait_for(machine.log_lines)
     assert note_of(machine, "builtin-f-x").startswith("state[Ready], ")
@@ -185,6 +227,25 @@ def test_the_controller_is_asked_even_without_jobs(machine):
     machine.wait_for_text("Fail to KESTVorldStatusGet()", count=2)
 
 
+def test_the_controller_is_asked_once_in_a_cycle(machine):
+    machine.template(maxDelay=0)
+    machine.write("/run/kestvorld.status", "?")
+    machine.jobs("builtin", "f", [every_minute(name) for name in "abcde"])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 10)
+    machine.stop()
+    assert len(machine.texts()) <= len(machine.log_lines()) // 5 + 1
+
+
+@pytest.mark.parametrize("status", ["0", "1", "3", "-2", "22"])
+def test_only_one_status_holds(machine, status):
+    machine.write("/run/kestvorld.status", status)
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-x"))
+    assert machine.texts() == []
+
+
 def test_no_controller_is_no_failure(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
@@ -222,9 +283,10 @@ REDRAWS = [
 def test_redraw(machine, start, fields):
     # What is not drawn anew stays, so values that no draw gives show what was.
     marked = {"Minute": [70], "hour": [71], "day": [72], "month": [73], "week": [74]}
-    job = every_minute("x", crontab="~ ~ ~ ~ ~")
+    jobs = [every_minute(name, crontab="~ ~ ~ ~ ~") for name in ("x", "y")]
+    jobs.append(every_minute("z", crontab="5 1~4 * * *"))
     machine.template(maxDelay=0)
-    history(machine, job, schedule=marked)
+    history(machine, *jobs, schedule=marked)
     machine.template(schedule=marked)
     machine.clock(start, rate=20)
     machine.start_and_wait()
@@ -236,6 +298,13 @@ def test_redraw(machine, start, fields):
     assert {key for key in FIELDS if drawn[key] != marked[key]} == fields
     assert {key for key in FIELDS if template[key] != marked[key]} == fields
     assert drawn == template, "the job takes what the template drew"
+    assert machine.entries()["builtin-f-y"]["schedule"] == drawn, "and so does every other"
+    other = machine.entries()["builtin-f-z"]["schedule"]
+    hour, = other["hour"]
+    assert hour in range(1, 5) if "hour" in fields else hour == 71
+    assert template["hour"] == [hour] or "hour" not in fields or template["hour"][0] not in range(1, 5)
+    expected = {"Minute": [5], "hour": [hour], "day": [-1], "month": [-1], "week": [-1]}
+    assert all(other[key] == (expected[key] if key in fields else marked[key]) for key in FIELDS)
 
 
 def test_the_old_minute_is_matched_before_the_redraw(machine):
@@ -257,14 +326,61 @@ def test_no_redraw_outside_minute_0(machine):
     assert machine.entries()["builtin-f-x"]["schedule"] == schedule
 
 
+def test_without_jobs_fields_are_drawn_and_changes_seen(machine):
+    machine.clock("2026-06-02 01:59:40", rate=20)
+    machine.start_and_wait()
+    saved = machine.saved()
+    wait_for(lambda: machine.saved() != saved, what="the redraw")
+    assert machine.loads() == 1
+    machine.account_directory("alice")
+    wait_for(lambda: machine.loads() == 2, what="the reload")
+
+
+def test_a_reload_draws_nothing_anew(machine):
+    machine.clock("2029-01-01 00:00:10", rate=0)  # a Monday: all fields would be
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    machine.reload()
+    template = machine.document(machine.RUNTIME_TEMPLATE)["schedule"]
+    machine.reload()
+    assert machine.document(machine.RUNTIME_TEMPLATE)["schedule"] == template
+
+
 def test_stop_during_the_first_load_is_served(machine):
-    machine.jobs("builtin", "f", [never(f"j{i:03}") for i in range(200)])
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.jobs("builtin", "f", [every_minute(f"j{i:03}") for i in range(200)])
     machine.start()
     pid = wait_for(machine.daemon_pid)
     machine.signal(signal.SIGTERM, pid)
-    wait_for(lambda: pid not in machine.processes())
+    wait_for(lambda: pid not in machine.processes(), 20, "the end before a first cycle")
     assert len(machine.document(PERSISTENT_FILE)["jobs"]) == 200
     assert machine.log_lines() == []
+
+
+SLOW_COPY = """#!/bin/sh
+echo >> /tmp/copies
+/usr/bin/sleep 1
+exec /usr/bin/cp.real "$@"
+"""
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM])
+def test_a_signal_during_a_reload_is_served_at_once(machine, number):
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.jobs("builtin", "f", [never("x")])
+    pid = machine.start_and_wait()
+    machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
+    machine.write("/usr/bin/cp", SLOW_COPY, 0o755)
+    machine.signal(signal.SIGHUP)
+    wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
+    machine.jobs("builtin", "g", [never("y")])
+    machine.signal(number)
+    if number == signal.SIGTERM:
+        wait_for(lambda: pid not in machine.processes(), 20)
+    else:
+        wait_for(lambda: "builtin-g-y" in machine.entries(), 20)
+    assert machine.texts() == []
 
 
 def test_hup_storm(machine):

@@ -76,6 +76,79 @@ def test_any_other_argument_stops_the_start(machine, arguments):
     assert machine.daemons() == []
 
 
+def test_the_one_instance_is_looked_for_before_anything_else(machine):
+    machine.start_and_wait()
+    machine.path("/dev/null").unlink()
+    assert machine.start("--help") == 255
+    assert machine.texts("kestcrond") == ["Daemon is running"]
+
+
+def test_streams_are_closed_before_arguments_are_read(machine):
+    machine.path("/dev/null").unlink()
+    machine.start("--help")
+    assert machine.texts("kestcrond") == ["Close stdio failed"]
+
+
+def test_streams_that_the_starter_closed_lead_nowhere(machine):
+    machine.run("bash", "-c", f"exec 0<&- 1>&- 2>&-; exec {machine.DAEMON}")
+    pid = wait_for(machine.daemon_pid, what="the daemon")
+    for descriptor in "012":
+        target = machine.run("readlink", f"/proc/{pid}/fd/{descriptor}").stdout
+        assert target == "/dev/null\n"
+
+
+# Starts the daemon and collects all that comes of it: a line for each exit status.
+COLLECTOR = """
+import ctypes, os
+PR_SET_CHILD_SUBREAPER = 36
+ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
+if os.fork() == 0:
+    os.execv("/usr/sbin/kestcrond", ["kestcrond"])
+with open("/run/statuses", "w", buffering=1) as statuses:
+    for _ in range(2):
+        print(os.waitstatus_to_exitcode(os.wait()[1]), file=statuses)
+"""
+
+
+def collect(machine):
+    machine.popen("/usr/bin/python3", "-c", COLLECTOR)
+
+
+def status_of_daemon(machine):
+    """The exit status of the daemon itself, after that of its starter."""
+    statuses = wait_for(lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2
+                        and lines, what="the daemon's end")
+    assert statuses[0] == "0", "the starter has gone before"
+    return int(statuses[1])
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_a_stop_is_a_success(machine, number):
+    collect(machine)
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    machine.signal(number)
+    assert status_of_daemon(machine) == 0
+
+
+def test_a_stop_without_a_pid_file_is_a_success(machine):
+    collect(machine)
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    pid = machine.daemon_pid()
+    machine.path(machine.PID_FILE).unlink()
+    machine.signal(signal.SIGTERM, pid)
+    assert status_of_daemon(machine) == 0
+
+
+@pytest.mark.parametrize("obstacle", ["/tmp/kestcrond", "/run/kestcrond.pid"])
+def test_a_start_that_fails_is_a_failure(machine, obstacle):
+    if obstacle.endswith("pid"):
+        machine.path(obstacle).mkdir()
+    else:
+        machine.write(obstacle, "in the way")
+    collect(machine)
+    assert status_of_daemon(machine) == 255
+
+
 @pytest.mark.parametrize("arguments,passive", [
     ([], False), (["--passive-mode"], True), (["--passive-mode", "--passive-mode"], True)])
 def test_passive_mode(machine, arguments, passive):
@@ -113,11 +186,13 @@ def test_a_stale_pid_file_is_replaced(machine, content):
     assert machine.texts("kestcrond") == []
 
 
-def test_a_pid_file_of_another_program_is_replaced(machine):
-    other = machine.popen("sleep", "100", env={"LD_PRELOAD": ""})
-    wait_for(lambda: "sleep" in {p["name"] for p in machine.processes().values()})
+@pytest.mark.parametrize("name", ["sleep", "kestcrond2", "akestcrond", "kestcron", "Kestcrond"])
+def test_a_pid_file_of_another_program_is_replaced(machine, name):
+    machine.write(f"/tmp/{name}", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
+    other = machine.popen(f"/tmp/{name}", "100", env={"LD_PRELOAD": ""})
+    wait_for(lambda: name in {p["name"] for p in machine.processes().values()})
     pid_of_other = next(p for p, process in machine.processes().items()
-                        if process["name"] == "sleep")
+                        if process["name"] == name)
     machine.write(machine.PID_FILE, f"{pid_of_other}\n")
     pid = machine.start_and_wait()
     assert machine.read(machine.PID_FILE) == f"{pid}\n"

@@ -84,7 +84,7 @@ def test_arguments(machine):
 
 @pytest.mark.parametrize("user", ["root", "package"])
 @pytest.mark.parametrize("content,error", [
-    ("echo no interpreter line\n", "Exec format error"),
+    ("echo no interpreter line\n", "Exec format error"), ("", "Exec format error"),
     ("#!/no/such/interpreter\n", "No such file or directory")])
 def test_a_command_that_cannot_be_started(machine, user, content, error):
     machine.write("/usr/local/bin/broken", content, 0o755)

@@ -50,6 +50,14 @@ def test_an_empty_flush(machine):
     assert machine.texts() == []
 
 
+def test_a_stop_flushes(machine):
+    machine.start_and_wait()
+    machine.stop()
+    status = machine.path(machine.LOG_FILE).stat()
+    assert (status.st_size, status.st_mode & 0o7777) == (0, 0o600)
+    assert machine.texts() == []
+
+
 def test_a_log_that_cannot_be_opened(machine):
     machine.path(machine.LOG_FILE).mkdir()
     machine.jobs("builtin", "f", [every_minute("x")])

@@ -69,6 +69,29 @@ def test_an_unchanged_restart_keeps_everything(machine):
     assert machine.texts() == []
 
 
+def test_only_a_stop_keeps_what_is_known(machine):
+    machine.template(maxDelay=0)
+    machine.path(PERSISTENT_TEMPLATE).unlink()
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    machine.reload()
+    assert machine.entries()["builtin-f-x"]["lastExecution"] > 0
+    assert not machine.exists(PERSISTENT_FILE) and not machine.exists(PERSISTENT_TEMPLATE)
+    # A crash loses it: what is in "/run" is for others to read, not for the daemon.
+    pid = machine.daemon_pid()
+    machine.signal(9)
+    wait_for(lambda: pid not in machine.processes())
+    saved = machine.saved()
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.start()
+    wait_for(lambda: machine.saved() != saved, what="the first load")
+    assert "lastExecution" not in machine.entries()["builtin-f-x"]
+    wait_for(lambda: len(machine.runs("builtin-f-x")) >= 2)
+    machine.stop()
+    assert machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"] > 0
+
+
 def test_a_gained_key_keeps_the_old_definition(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()

@@ -5,7 +5,8 @@ import os
 import time
 
 import pytest
-from conftest import PERSISTENT_FILE, RECORD, SOURCES, every_minute, never
+from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute,
+                      never)
 from private_machine import wait_for
 
 
@@ -223,6 +224,18 @@ def test_a_source_that_is_no_directory(machine, label, word):
     assert len(names(machine)) == 1, "the other sources are loaded"
     assert machine.texts() == ["open directory failed.",
                                f"js {word} ({SOURCES[label]}) loaded failed"]
+
+
+def test_the_order_in_which_all_is_read(machine):
+    machine.account_directory("alice")
+    files = [SOURCES["builtin"] + "/f", SOURCES["builtin-dyn"] + "/f", SOURCES["pkg"] + "/f",
+             SOURCES["pkg_nonroot"] + "/alice/f"]
+    for file in [*files, PERSISTENT_TEMPLATE]:
+        machine.write(file, "no JSON")
+    machine.start_and_wait()
+    assert machine.texts() == [
+        *(f"JSON file read error: {file}" for file in files),
+        f"schedule template config load failed ({PERSISTENT_TEMPLATE})"]
 
 
 def test_an_account_source_that_cannot_be_made(machine):

@@ -42,6 +42,39 @@ def test_the_copy_belongs_to_the_account(machine, user, account, ids):
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["pkg-f-x"]
 
 
+@pytest.mark.parametrize("user,account,ids", [
+    ("root", None, (0, 0)), ("package", "alice", (2001, 2001))])
+@pytest.mark.parametrize("uid,gid", [(2001, 0), (0, 2001), (2001, 2001), (0, 0), (2002, 2002)])
+def test_the_copy_belongs_to_the_account_whose_ever_the_program_is(machine, user, account, ids,
+                                                                   uid, gid):
+    os.chown(machine.path(RECORD), uid, gid)
+    machine.jobs("pkg", "f", [never("x", user=user, package_username=account)])
+    machine.start_and_wait()
+    assert owner_and_mode(machine.path(STAGED)) == (*ids, 0o700)
+    assert owner_and_mode(machine.path(RECORD)) == (uid, gid, 0o755)
+
+
+def test_a_copy_that_belongs_to_the_account_is_not_given_to_it_again(machine):
+    # A change of the owner, even to the same one, would take the capability.
+    machine.write(RECORD, machine.path("/usr/bin/true").read_bytes(), 0o755)
+    capability = bytes.fromhex("0100000200200000000000000000000000000000")
+    os.setxattr(machine.path(RECORD), "security.capability", capability)
+    machine.jobs("pkg", "f", [never("x")])
+    machine.start_and_wait()
+    assert os.getxattr(machine.path(STAGED), "security.capability") == capability
+
+
+def test_a_program_that_goes_missing_leaves_its_copy(machine):
+    machine.jobs("pkg", "f", [never("x")])
+    machine.start_and_wait()
+    before = machine.path(STAGED).stat()
+    machine.path(RECORD).unlink()
+    machine.reload()
+    assert machine.entries() == {}
+    after = machine.path(STAGED).stat()
+    assert (after.st_ino, after.st_mtime_ns) == (before.st_ino, before.st_mtime_ns)
+
+
 def test_a_program_that_is_missing(machine):
     machine.jobs("builtin", "f", [never("gone", cmd="/usr/local/bin/gone -x"), never("here"),
                                   never("blank", cmd=" x"), never("none", cmd="")])
@@ -118,7 +151,7 @@ def test_jobs_that_end_while_a_copy_runs_leave_no_zombie(machine):
     assert machine.texts() == []
 
 
-@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop", "empty",
+@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop",
                                   "kernel file"])
 def test_a_program_that_is_no_file(machine, make):
     program = "/usr/local/bin/odd"
@@ -133,8 +166,6 @@ def test_a_program_that_is_no_file(machine, make):
         program = "/dev/zero"
     elif make == "device link":
         path.symlink_to("/dev/zero")
-    elif make == "empty":
-        path.touch(0o755)
     elif make == "kernel file":
         program = "/proc/kmsg"  # whoever reads it waits for the kernel to say something
     else:
@@ -143,6 +174,12 @@ def test_a_program_that_is_no_file(machine, make):
     refused(machine, program, texts)
     assert os.listdir(machine.path("/tmp/kestcrond")) == []
     assert owner_and_mode(machine.path("/dev/zero")) == (0, 0, 0o666)
+
+
+def test_an_empty_program_is_copied_like_any_other(machine):
+    machine.write("/usr/local/bin/empty", "", 0o755)
+    assert run_package_job(machine, "/usr/local/bin/empty") == []
+    assert owner_and_mode(machine.path(STAGED)) == (2001, 2001, 0o700)
 
 
 @pytest.mark.parametrize("target", ["/usr/bin/id", "/etc/shadow"])
@@ -236,6 +273,18 @@ def test_a_foreign_runtime_directory_is_moved_aside(machine, plant):
     assert os.listdir(machine.path("/var/lib/target")) == []
     assert machine.path("/etc/shadow").stat().st_uid == 0
     assert len(list(machine.path("/tmp").glob("kestcrond.*"))) == 1
+
+
+@pytest.mark.parametrize("mode", [0o777, 0o700, 0o1777])
+def test_the_runtime_directory_is_open_to_read_alone(machine, mode):
+    directory = machine.path("/tmp/kestcrond")
+    directory.mkdir()
+    directory.chmod(mode)
+    machine.start_and_wait()
+    assert owner_and_mode(directory) == (0, 0, 0o755)
+    directory.chmod(mode)
+    machine.reload()
+    assert owner_and_mode(directory) == (0, 0, 0o755)
 
 
 def test_a_runtime_directory_taken_while_running_is_made_anew(machine):

@@ -1,10 +1,19 @@
 """Change watching: what makes the daemon reload by itself, and what does not."""
 
+import datetime
+import os
+import re
+
 import pytest
 from conftest import SOURCES, every_minute, never
 from private_machine import wait_for
 
 TOP = SOURCES["pkg_nonroot"]
+
+# From <sys/inotify.h>.
+IN_MODIFY, IN_ATTRIB, IN_CLOSE_WRITE = 0x2, 0x4, 0x8
+IN_MOVED_FROM, IN_MOVED_TO = 0x40, 0x80
+IN_CREATE, IN_DELETE, IN_DELETE_SELF, IN_MOVE_SELF = 0x100, 0x200, 0x400, 0x800
 
 
 @pytest.fixture(autouse=True)
@@ -36,6 +45,11 @@ CHANGES = {
     "mode": lambda m: m.path(TOP + "/alice/f.conf").chmod(0o600),
     "touched": lambda m: m.path(TOP + "/alice/f.conf").touch(),
     "new account": lambda m: m.account_directory("bob"),
+    "written": lambda m: m.path(TOP + "/alice/f.conf").open("r+").close(),
+    "link made": lambda m: m.path(TOP + "/alice/link").symlink_to("nowhere"),
+    "moved in": lambda m: m.path("/usr/local/etc/other").rename(m.path(TOP + "/alice/other")),
+    "account emptied and removed": lambda m: m.path(TOP + "/empty").rmdir(),
+    "all moved away": lambda m: m.path(TOP).rename(m.path(TOP + ".away")),
     "account removed": lambda m: m.run("rm", "-r", TOP + "/alice", env={"LD_PRELOAD": ""}),
 }
 
@@ -43,6 +57,8 @@ CHANGES = {
 @pytest.mark.parametrize("change", CHANGES)
 def test_a_change_reloads(machine, change):
     machine.jobs("pkg_nonroot", "f.conf", [never("x")], account="alice")
+    machine.path(TOP + "/empty").mkdir()
+    machine.write("/usr/local/etc/other", "[]")
     machine.start_and_wait()
     assert quiet(machine)
     before = machine.loads()
@@ -50,6 +66,60 @@ def test_a_change_reloads(machine, change):
     wait_for(lambda: machine.loads() > before, what="a reload")
     assert quiet(machine), "and one change is not the cause of reloads without end"
     assert machine.loads() <= before + 3
+
+
+def test_a_file_that_is_still_being_written_reloads(machine):
+    machine.jobs("pkg_nonroot", "f.conf", [never("x")], account="alice")
+    machine.start_and_wait()
+    assert quiet(machine)
+    before = machine.loads()
+    with machine.path(TOP + "/alice/f.conf").open("a", buffering=1) as file:
+        file.write("\n")
+        wait_for(lambda: machine.loads() > before, what="a reload")
+
+
+def watches(machine):
+    """The masks of what the daemon watches."""
+    pid = machine.daemon_pid()
+    infos = [machine.read(f"/proc/{pid}/fdinfo/{entry.name}")
+             for entry in machine.proc(pid, "fdinfo").iterdir()]
+    return [int(mask, 16) for info in infos for mask in re.findall(r"^inotify .* mask:(\w+)", info,
+                                                                  re.MULTILINE)]
+
+
+def test_what_is_watched(machine):
+    machine.account_directory("alice")
+    machine.account_directory("bob")
+    machine.path(TOP + "/nobody").mkdir()
+    os.chown(machine.path(TOP + "/nobody"), 4711, 4711)
+    machine.start_and_wait()
+    changes = (IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE
+               | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF)
+    assert [mask & 0xFFF for mask in watches(machine)] == [changes] * 3
+    machine.path(TOP + "/alice").rename(machine.path("/usr/local/etc/alice"))
+    assert quiet(machine)
+    assert len(watches(machine)) == 2, "no watch outlives its reload"
+    before = machine.loads()
+    machine.write("/usr/local/etc/alice/f", "[]")
+    cycles(machine, 3)
+    assert machine.loads() == before
+
+
+def test_the_cycle_after_a_change_comes_at_once(machine):
+    machine.clock("2026-06-02 02:10:10", rate=10)
+    machine.account_directory("alice")
+    machine.start_and_wait()
+    assert quiet(machine)
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    wait_for(lambda: "pkg_nonroot-alice-f-x" in machine.entries())
+    loaded = machine.entries()["pkg_nonroot-alice-f-x"]["startup"]
+    cycles(machine, 1)
+    ticks = [datetime.datetime.fromisoformat(line[:25]).timestamp()
+             for line in machine.log_lines()]
+    last = max(tick for tick in ticks if tick <= loaded)
+    following = min(tick for tick in ticks if tick > loaded)
+    assert loaded - last < 40, "not a cycle later"
+    assert following - loaded >= 59, "and the next cycle has its full length"
 
 
 def test_a_new_account_is_watched_too(machine):

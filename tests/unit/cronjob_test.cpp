@@ -5,12 +5,15 @@
 #include "tests/unit/support/execution_log.h"
 #include "tests/unit/support/files.h"
 #include "tests/unit/support/json_text.h"
+#include "tests/unit/support/memory.h"
 #include "tests/unit/syslog_capture.h"
 
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -309,6 +312,8 @@ TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
         {R"("period": "crontab", "cmd": "b", "crontab": "5, * * * *")", {" is not a valid number"}},
         {R"("period": "crontab", "cmd": "b", "crontab": "x y z * *")", {"x is not a valid number"}},
         {R"("period": "d", "cmd_list": [])", {emptyList}},
+        {R"("period": "yearly", "cmd_list": [])", {"error period"}},
+        {R"("period": "d", "assure_execute": "x", "cmd_list": [])", {}},
         {R"("period": "d", "cmd": "b", "cmd_list": [])", {emptyList}},
         {R"("period": "d", "cmd": "b", "cmd_list": {})", {emptyList}},
         {R"("period": "d", "cmd": "b", "cmd_list": null)", {emptyList}},
@@ -332,6 +337,26 @@ TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
         EXPECT_EQ(log.Texts("cronjob"), expected);
         EXPECT_EQ(job._jsJob["config"].isMember("assure_execute_action"), true);
     }
+}
+
+TEST(CronJobConstruction, ParsesTheCommandLast) {
+    const SyslogCapture log;
+    const CronJob unscheduled(
+        Document(R"("name": "a", "user": "root", "period": "yearly", "cmd": "b")"));
+    EXPECT_FALSE(unscheduled._jsJob.isMember("cmd_list"));
+    const CronJob empty(Document(R"("name": "a", "user": "root", "period": "d", "cmd_list": [],
+                                    "assure_execute": 5)"));
+    EXPECT_FALSE(empty.valid);
+    EXPECT_EQ(empty.assureExecute, 5);
+}
+
+TEST(CronJobConstruction, LeavesADocumentThatBreaksARuleAsItIs) {
+    const SyslogCapture log;
+    EXPECT_EQ(CronJob(FromText("{}"))._jsJob, FromText(R"({"config": null})"));
+    const char *nameless = R"({"config": {"user": "root", "period": "d", "cmd": "b"}})";
+    EXPECT_EQ(CronJob(FromText(nameless))._jsJob, FromText(nameless));
+    const char *commandless = R"({"config": {"name": "a", "user": "root", "period": "d"}})";
+    EXPECT_EQ(CronJob(FromText(commandless))._jsJob, FromText(commandless));
 }
 
 // An author's text is part of a message, and a message is one line.
@@ -473,6 +498,7 @@ TEST(GenerateFieldSchedule, OfAFieldWithoutItemsIsEmpty) {
     CronJob job = CrontabJob("* * * * *");
     job.GenerateSchedule("fortnight");
     EXPECT_EQ(job._jsJob["schedule"]["fortnight"], FromText("[]"));
+    EXPECT_EQ(job.cronFields.count("fortnight"), 1U);
     EXPECT_FALSE(job.MatchField("fortnight", 1));
 }
 
@@ -605,7 +631,8 @@ TEST(IsDueNow, ReportsATimeWithoutACalendar) {
     CronJob job = ScheduledJob("* * * * *");
     const SyslogCapture log;
     EXPECT_FALSE(job.IsDueNow());
-    EXPECT_THAT(log.Texts("cronjob"), ElementsAre(StartsWith("Failed to get localtime")));
+    EXPECT_THAT(log.Texts("cronjob"),
+                ElementsAre("Failed to get localtime (Value too large for defined data type)"));
 }
 
 TEST(CheckTrigger, StampsAJobThatIsDue) {
@@ -617,6 +644,32 @@ TEST(CheckTrigger, StampsAJobThatIsDue) {
     EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
     EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
     EXPECT_EQ(job.RenderSchedule(), "17 3 -1 -1 -1");
+}
+
+TEST(CheckTrigger, TakesThePlaceOfAnEarlierMatch) {
+    const LocalZone zone("UTC0");
+    const std::int64_t now = Utc(2026, 3, 4, 3, 17);
+    const FixedClock clock(now);
+    CronJob job = ScheduledJob("17 3 * * *");
+    job._jsJob["expireTime"] = 42;
+    job.scheduleText = "as before";
+    EXPECT_TRUE(job.CheckTrigger());
+    EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
+    EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
+}
+
+// A cycle may come twice in a minute, or a minute twice when a clock is set back.
+TEST(CheckTrigger, AsksForNoEarlierRun) {
+    const LocalZone zone("UTC0");
+    const std::int64_t now = Utc(2026, 3, 4, 3, 17);
+    const FixedClock clock(now);
+    CronJob job = ScheduledJob("17 3 * * *");
+    for (const std::int64_t lastExecution : {now, now - 5, now + 3600}) {
+        job._jsJob["lastExecution"] = Json::Int64{lastExecution};
+        job._jsJob["expireTime"] = 0;
+        EXPECT_TRUE(job.CheckTrigger());
+        EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
+    }
 }
 
 TEST(CheckTrigger, ChangesNothingOtherwise) {
@@ -758,15 +811,64 @@ TEST_F(LaunchTest, EndsAChildThatHasNoAccount) {
 TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
     CronJob job = ShellJob("root", "true");
     job._jsJob["cmd_list"] = FromText("[]");
+    job._jsJob["cmd_str"] = "";
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    EXPECT_THAT(ReadText(ExecutionLogPath()),
-                testing::HasSubstr(" failed, return code: -1, error: "));
+    const std::string running = time_ + "running job: backup with command: ";
+    EXPECT_EQ(ReadText(ExecutionLogPath()), running + " as user root\n" + running +
+                                                " failed, return code: -1, error: Bad address\n");
+}
+
+TEST_F(LaunchTest, EndsAChildThatHasNoMemory) {
+    using Kind = NoMemoryInChildren::Kind;
+    const std::pair<Kind, const char *> rows[] = {
+        {Kind::ReportingArray, "new pszCmd failed"},
+        {Kind::Throwing, "caught a std::exception: std::bad_alloc"},
+    };
+    for (const auto &[kind, text] : rows) {
+        const SharedSyslogCapture log;
+        CronJob job = ShellJob("root", "true");
+        const NoMemoryInChildren none(kind);
+        EXPECT_EQ(RunToEnd(job, 0, ""), EXIT_FAILURE);
+        EXPECT_THAT(log.Message(), testing::MatchesRegex(std::string("cronjob:[0-9]+ ") + text));
+        EXPECT_FALSE(Stands(ExecutionLogPath()));
+    }
+}
+
+TEST_F(LaunchTest, HasStampedAJobThatCannotBeForked) {
+    EXPECT_EQ(InChild([&] {
+                  const SyslogCapture log;
+                  CronJob job = ShellJob("root", "true");
+                  job._jsJob["expireTime"] = 42;
+                  job.scheduleText = "0 3 -1 -1 -1";
+                  const rlimit limit{0, 0};
+                  if (setrlimit(RLIMIT_NPROC, &limit) != 0 || setuid(kOtherAccount) != 0)
+                      return 1;
+                  job.Launch(0, "");
+                  EXPECT_THAT(log.Texts("cronjob"),
+                              ElementsAre("Failed to fork() (Resource temporarily unavailable)"));
+                  EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
+                  EXPECT_EQ(job._jsJob["expireTime"], 0);
+                  EXPECT_EQ(job.scheduleText, "0 3 -1 -1 -1");
+                  return HasFailure() ? 2 : 0;
+              }),
+              0);
+}
+
+TEST_F(LaunchTest, KnowsTimesOfAnyYear) {
+    clock_.Set(Utc(2040, 1, 1, 0, 0));
+    CronJob job = ShellJob("root", "true");
+    EXPECT_EQ(RunToEnd(job, 0, ""), 0);
+    EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2040, 1, 1, 0, 0));
+    EXPECT_THAT(ReadText(ExecutionLogPath()), StartsWith("2040-01-01T01:00:00+01:00 "));
 }
 
 TEST_F(LaunchTest, WaitsOutItsDelay) {
     const std::string file = directory_.File("ran");
     CronJob job = ShellJob("root", "touch " + file);
+    job._jsJob["expireTime"] = 42;
     job.Launch(1, "");
+    EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
+    EXPECT_EQ(job._jsJob["expireTime"], 0);
     EXPECT_FALSE(Stands(file));
     EXPECT_FALSE(Stands(ExecutionLogPath()));
     EXPECT_EQ(ExitStatusOf(-1), 0);

@@ -149,6 +149,12 @@ TEST(WriteDefaults, LeavesWhatIsThereWhateverItsType) {
     }
 }
 
+TEST(WriteDefaults, KnowsTimesOfAnyYear) {
+    Json::Value document = FromText(R"({"config": {"name": "a"}})");
+    WriteDefaults(document, 4102444800);
+    EXPECT_EQ(document["startup"].asInt64(), 4102444800);
+}
+
 // A definition that changes its types on the way through a file would count as a changed one.
 TEST(WriteDefaults, WritesWhatIsReadBackAsTheSame) {
     Json::Value document = FromText(R"({"config": {"name": "a"}})");

@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <regex>
+#include <sys/mman.h>
 #include <syslog.h>
 
 namespace {
@@ -18,10 +20,15 @@ SyslogCapture *&TheCapture() {
     return capture;
 }
 
+constexpr std::size_t kMessageSize = 16384;
+char *sharedMessage = nullptr;
+
 void Collect(int priority, const char *format, va_list arguments) {
-    std::array<char, 16384> text{};
+    std::array<char, kMessageSize> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
-    if (TheCapture() != nullptr)
+    if (sharedMessage != nullptr)
+        std::memcpy(sharedMessage, text.data(), text.size());
+    else if (TheCapture() != nullptr)
         TheCapture()->Add(priority, text.data());
 }
 
@@ -34,6 +41,18 @@ SyslogCapture::SyslogCapture() : outer_(TheCapture()) {
 
 SyslogCapture::~SyslogCapture() {
     TheCapture() = outer_;
+}
+
+SharedSyslogCapture::SharedSyslogCapture()
+    : text_(static_cast<char *>(
+          mmap(nullptr, kMessageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    sharedMessage = text_;
+    errno = 0;
+}
+
+SharedSyslogCapture::~SharedSyslogCapture() {
+    sharedMessage = nullptr;
+    munmap(text_, kMessageSize);
 }
 
 std::vector<std::string> SyslogCapture::Texts(const std::string &tag) const {

@@ -35,4 +35,19 @@ private:
     SyslogCapture *outer_;
 };
 
+// While an object of this class lives, it collects the last message of this process and its
+// children, in memory that they share. For when a child has something to say.
+class SharedSyslogCapture {
+public:
+    SharedSyslogCapture();
+    SharedSyslogCapture(const SharedSyslogCapture &) = delete;
+    SharedSyslogCapture &operator=(const SharedSyslogCapture &) = delete;
+    ~SharedSyslogCapture();
+
+    std::string Message() const { return text_; }
+
+private:
+    char *text_;
+};
+
 #endif

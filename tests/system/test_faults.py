@@ -1,0 +1,272 @@
+"""Failing system calls: each is told and harms nothing else."""
+
+import re
+import signal
+
+import pytest
+from conftest import RECORD, every_minute, never
+from private_machine import wait_for
+
+LOG_FILE = "/var/log/kestcrond-execute.log"
+STAGING = "/tmp/kestcrond.log"
+
+
+@pytest.fixture(autouse=True)
+def at_once(machine):
+    machine.template(maxDelay=0)
+
+
+def ticks(machine, count):
+    """Waits until the witness of cycles has run so many times more."""
+    before = len(machine.runs("builtin-t-tick"))
+    wait_for(lambda: len(machine.runs("builtin-t-tick")) >= before + count, what="cycles")
+
+
+@pytest.fixture(name="tick")
+def add_tick(machine):
+    machine.jobs("builtin", "t", [every_minute("tick")])
+    return lambda count=2: ticks(machine, count)
+
+
+# --- Start --------------------------------------------------------------------------------------
+
+def test_no_process_can_be_made(machine):
+    assert machine.start_with_faults("fork,vfork,clone,clone3:error=EAGAIN") == 255
+    assert machine.texts() == ["become_daemon failed"]
+    assert not machine.exists(machine.PID_FILE)
+
+
+@pytest.mark.parametrize("file,fault,text", [
+    ("comm", "open,openat:error=EACCES", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:"),
+    ("comm", "read:retval=0", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:")])
+def test_a_process_that_does_not_tell_its_name(machine, file, fault, text):
+    machine.write(machine.PID_FILE, "1\n")
+    assert machine.start_with_faults(fault, path=f"/proc/1/{file}") == 0
+    wait_for(lambda: machine.daemon_pid() > 1, what="the start all the same")
+    assert machine.texts("kestcrond")[0].startswith(text)
+
+
+def test_a_process_without_a_name(machine):
+    # Only a newline: that is what the kernel shows of an empty name.
+    holder = machine.popen("/usr/bin/python3", "-c", "import ctypes, time\n"
+                           "ctypes.CDLL(None).prctl(15, b'')\n"
+                           "open('/run/named', 'w').close()\ntime.sleep(600)",
+                           env={"LD_PRELOAD": ""})
+    wait_for(lambda: machine.exists("/run/named"))
+    pid, = (pid for pid, process in machine.processes().items() if process["name"] == "")
+    machine.write(machine.PID_FILE, f"{pid}\n")
+    machine.start_and_wait()
+    assert machine.texts("kestcrond") == [f"Unable to get cmd [{pid}][0x0000 :0]"]
+    holder.kill()
+
+
+@pytest.mark.parametrize("owner,fault,text", [
+    (None, "mkdir,mkdirat:error=ENOSPC", "runtime dir (/tmp/kestcrond) create failed"),
+    ("alice", "rename,renameat,renameat2:error=EROFS",
+     "runtime dir (/tmp/kestcrond) create failed"),
+    ("root", "chmod,fchmodat:error=EROFS",
+     "Failed to chmod [/tmp/kestcrond][Read-only file system]")])
+def test_a_runtime_directory_that_cannot_be_prepared(machine, owner, fault, text):
+    if owner:
+        machine.path("/tmp/kestcrond").mkdir()
+        machine.chown(machine.path("/tmp/kestcrond"), owner)
+    machine.start_with_faults(fault, path=None if owner == "alice" else "/tmp/kestcrond")
+    machine.wait_for_text("init daemon failed")
+    assert machine.texts("crondaemon") == [text]
+
+
+# --- Watching and sources -----------------------------------------------------------------------
+
+def test_changes_that_cannot_be_asked_for(machine, tick):
+    machine.start_with_faults("select,pselect6:error=ENOMEM")
+    machine.wait_for_text("Failed to select inotify", count=2)
+    tick()
+    machine.account_directory("alice")
+    tick()
+    assert machine.loads() == 1
+
+
+def test_an_account_source_that_cannot_be_opened(machine, tick):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.start_with_faults("open,openat:error=EMFILE", path="/usr/local/etc/kestcron_nonroot.d")
+    tick()
+    assert list(machine.entries()) == ["builtin-t-tick"]
+    assert machine.texts() == [
+        "open directory failed.",
+        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
+
+
+def test_an_account_source_that_cannot_be_watched(machine, tick):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.start_with_faults("inotify_add_watch:error=ENOSPC")
+    tick()
+    assert list(machine.entries()) == ["builtin-t-tick"]
+    assert machine.texts() == [
+        "Failed to listen /usr/local/etc/kestcron_nonroot.d",
+        "Failed to register /usr/local/etc/kestcron_nonroot.d",
+        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
+
+
+# --- Staging ------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("faults,texts", [
+    (["chown,lchown,fchownat:error=EPERM"],
+     ["Failed to chown [/tmp/kestcrond/pkg-f-x][alice][Operation not permitted]",
+      "Failed to chown if permissions are incorrect [/tmp/kestcrond/pkg-f-x]"]),
+    (["chmod,fchmodat:error=EROFS"],
+     ["Failed to chmod [/tmp/kestcrond/pkg-f-x][Read-only file system]"])])
+def test_a_copy_that_cannot_be_given_away(machine, tick, faults, texts):
+    machine.jobs("pkg", "f", [never("x", user="package", package_username="alice")])
+    machine.start_with_faults(*faults, path="/tmp/kestcrond/pkg-f-x")
+    tick()
+    assert list(machine.entries()) == ["builtin-t-tick"]
+    assert machine.texts() == texts + ["MoveBinaryToTmp failed."]
+
+
+def test_a_program_that_vanishes_while_it_is_looked_at(machine, tick):
+    machine.write("/usr/local/bin/odd", "#!/bin/sh\n", 0o755)
+    machine.jobs("pkg", "f", [never("x", cmd="/usr/local/bin/odd")])
+    machine.start_with_faults("stat,newfstatat:error=ENOENT:when=2", path="/usr/local/bin/odd")
+    tick()
+    assert machine.texts() == [
+        "Failed to cp [/usr/local/bin/odd][/tmp/kestcrond/pkg-f-x][0x0000 :0]",
+        "MoveBinaryToTmp failed."]
+
+
+# --- Execution ----------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("step,call,kept", [
+    ("initgroups", "setgroups", "alice alice"), ("setgid", "setgid", "alice root"),
+    ("setuid", "setuid", "root alice")])
+def test_a_step_to_the_account_that_fails(machine, step, call, kept):
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice")])
+    machine.start_with_faults(f"{call}:error=EPERM")
+    assert wait_for(lambda: machine.runs("pkg-f-x"))[0] == f"{kept} []"
+    lines = [line.split(" ", 1)[1] for line in machine.log_lines()]
+    assert lines[0].startswith(f"running job: pkg-f-x with command: {RECORD} as user alice (")
+    assert lines[1] == f"Failed to {step} forpkg-f-x for user alice[Operation not permitted]"
+
+
+# --- The execution log --------------------------------------------------------------------------
+
+def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
+    machine.run("mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/var/log", check=True,
+                env={"LD_PRELOAD": ""})
+    machine.write(LOG_FILE, ("x" * 99 + "\n") * 81)  # 92 bytes are left: less than a line
+    before = machine.read(LOG_FILE)
+    machine.start_and_wait()
+    machine.wait_for_text("Failed [!fs], err=No space left on device", count=2)
+    tick()
+    assert machine.read(LOG_FILE) == before
+
+
+@pytest.mark.parametrize("fault,error", [
+    ("fstat,newfstatat:error=EIO:when=3", "Input/output error"),
+    ("write:error=ENOSPC", "No space left on device")])
+def test_a_log_that_cannot_be_written(machine, tick, fault, error):
+    machine.start_with_faults(fault, path=LOG_FILE)
+    machine.wait_for_text(f"Failed [!fs], err={error}")
+    tick()
+    assert machine.log_lines() == []
+    assert not machine.exists(STAGING)
+
+
+def test_a_failure_that_the_log_has_no_room_for(machine):
+    machine.write("/usr/local/bin/odd", "", 0o755)
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice",
+                                           cmd="/usr/local/bin/odd")])
+    machine.start_with_faults("write:error=ENOSPC:when=2", path=LOG_FILE)
+    machine.wait_for_text("Failed [!fs], err=No space left on device")
+    assert all(" as user alice (" in line for line in machine.log_lines())
+
+
+def test_a_log_whose_mode_cannot_be_set(machine, tick):
+    machine.start_with_faults("fchmod:error=EPERM", path=LOG_FILE)
+    machine.wait_for_text("Failed [chmod(_strLogPath.c_str(), 0600)], err=Operation not permitted")
+    tick()
+    assert machine.log_lines()
+
+
+def test_a_log_that_cannot_be_locked_is_written_all_the_same(machine, tick):
+    machine.start_with_faults("flock:error=ENOLCK")
+    tick(3)
+    wait_for(lambda: len(machine.log_lines()) >= 3)
+    assert machine.texts() == []
+
+
+@pytest.mark.parametrize("fault,path,text", [
+    ("rename,renameat,renameat2:error=EROFS", None, "open memory logger failed"),
+    ("open,openat:error=EMFILE", STAGING, "Failed [!fsMem], err=Too many open files")])
+def test_a_staging_file_that_cannot_be_used(machine, tick, fault, path, text):
+    machine.start_with_faults(fault, path=path)
+    machine.wait_for_text(text)
+    tick()
+    assert not list(machine.path("/tmp").glob("kestcrond.log.*"))
+
+
+# --- The clock ----------------------------------------------------------------------------------
+
+def test_a_time_without_a_calendar(machine):
+    machine.environment["FAKETIME"] = "+2500000000y x60"
+    machine.jobs("builtin", "f", [never("x", assure_execute=1), never("y")])
+    machine.start_and_wait()
+    machine.wait_for_text("Failed to get localtime. Not regenerating.", count=3)
+    machine.wait_for_text("Failed to get localtime", count=3)
+    assert machine.daemon_pid()
+
+
+def test_a_launch_at_a_time_without_a_calendar(machine, tick):
+    machine.start_and_wait()
+    machine.stop()
+    machine.jobs("builtin", "f", [never("x", assure_execute=1)])
+    machine.start_and_wait()
+    machine.stop()
+    machine.environment["FAKETIME"] = "+2500000000y x60"
+    machine.start_and_wait()
+    machine.wait_for_text("Failed to get localtime. Not able to format date.")
+    line = wait_for(machine.log_lines)[-1]
+    assert line == f"running job: builtin-f-x with command: {RECORD} as user root " \
+                   "(state[AssureExecute], trig[])"
+
+
+# --- Memory -------------------------------------------------------------------------------------
+
+# Less than the greatest job file, and much more in memory.
+GREEDY = '{"name":"x","user":"root","period":"daily","cmd":"true","list":[' + "0," * 500000 + "0]}"
+
+
+@pytest.fixture(name="plain")
+def skip_sanitizers(request):
+    """The address sanitizer reserves more address space than any limit leaves."""
+    if b"__asan_init" in open(request.config.getoption("--daemon"), "rb").read():
+        pytest.skip("needs a limit on the address space")
+
+
+def limit_memory(machine, pid, megabytes):
+    """Leaves the process so much more than it has."""
+    size = re.search(r"VmSize:\s+(\d+) kB", machine.proc(pid, "status").read_text())[1]
+    limit = int(size) * 1024 + megabytes * 2**20
+    machine.run("prlimit", "--pid", pid, f"--as={limit}", check=True, env={"LD_PRELOAD": ""})
+
+
+@pytest.mark.usefixtures("plain")
+def test_memory_that_runs_out_at_the_start(machine):
+    machine.write("/usr/local/etc/kestcron.d/greedy", GREEDY)
+    machine.run("prlimit", "--as=60000000", machine.DAEMON)
+    machine.wait_for_text("caught a std::exception: std::bad_alloc")
+    wait_for(lambda: not machine.daemons())
+    assert machine.read(machine.PID_FILE).strip().isdigit(), "a pid file stays after such a start"
+
+
+@pytest.mark.usefixtures("plain")
+def test_memory_that_runs_out_while_running(machine):
+    machine.path("/usr/kest/etc/kestcrond.st.config").unlink()
+    machine.jobs("builtin", "f", [never("x")])
+    pid = machine.start_and_wait()
+    machine.write("/usr/local/etc/kestcron.d/greedy", GREEDY)
+    limit_memory(machine, pid, 40)
+    machine.signal(signal.SIGHUP)
+    machine.wait_for_text("caught a std::exception: std::bad_alloc")
+    wait_for(lambda: not machine.daemons())
+    assert not machine.exists(machine.PID_FILE)
+    assert not machine.exists("/usr/kest/etc/kestcrond.config"), "nothing is saved on such an end"
