@@ -1,6 +1,7 @@
 #include "log/error_log.h"
 
 #include "log/printable.h"
+#include "log/system_log.h"
 #include "platform/errno_kept.h"
 
 #include <array>
@@ -47,9 +48,12 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
     va_end(arguments);
     const SourceTag tag = TagOf(file);
     EscapeInto(printable, message);
+    std::array<char, sizeof printable + 256> whole{};
     if (error != 0)
-        syslog(LOG_ERR, "%.*s:%d %s (%s)", tag.length, tag.text, line, printable.data(),
-               std::strerror(error));
+        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s (%s)", tag.length, tag.text, line,
+                      printable.data(), std::strerror(error));
     else
-        syslog(LOG_ERR, "%.*s:%d %s", tag.length, tag.text, line, printable.data());
+        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s", tag.length, tag.text, line,
+                      printable.data());
+    WriteSystemLog(LOG_ERR, whole.data());
 }

@@ -3,7 +3,9 @@
 #include "tests/unit/syslog_capture.h"
 
 #include <cerrno>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 #include <syslog.h>
 
 namespace {
@@ -92,6 +94,29 @@ TEST(LogErrorAt, CutsOffWhatIsTooLong) {
     EXPECT_GE(text.size(), 1000U);
     EXPECT_LT(text.size(), path.size());
     EXPECT_EQ(text, "cronjob:7 " + path.substr(0, text.size() - 10));
+}
+
+TEST(LogErrorAt, LeavesTheAlarmToOthers) {
+    struct sigaction before {};
+    sigset_t blocked;
+    signal(SIGALRM, SIG_IGN);
+    sigaction(SIGALRM, nullptr, &before);
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGALRM);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    {
+        const SyslogCapture log;
+        LogErrorAt("cronjob.cpp", 7, "error period");
+    }
+    struct sigaction after {};
+    sigaction(SIGALRM, nullptr, &after);
+    EXPECT_EQ(after.sa_handler, before.sa_handler);
+    sigprocmask(SIG_UNBLOCK, &blocked, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGALRM), 1);
+    itimerval timer{};
+    getitimer(ITIMER_REAL, &timer);
+    EXPECT_EQ(timer.it_value.tv_sec + timer.it_value.tv_usec, 0);
+    signal(SIGALRM, SIG_DFL);
 }
 
 TEST(LogError, NamesTheLineItStandsIn) {
