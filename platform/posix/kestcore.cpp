@@ -102,7 +102,9 @@ private:
     struct sigaction before_ {};
 };
 
-// Starts `path` with every signal at its default action. Returns an error number, 0 for none.
+// Starts `path` with every signal at its default action, but deaf to those that are meant for the
+// caller: whoever sends them to all processes of the caller's name must not hit what has just been
+// forked and still bears it. Returns an error number, 0 for none.
 int Spawn(pid_t &pid, const char *path, char *const argv[]) {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -111,6 +113,8 @@ int Spawn(pid_t &pid, const char *path, char *const argv[]) {
     sigfillset(&set);
     posix_spawnattr_setsigdefault(&attributes, &set);
     sigemptyset(&set);
+    for (const int number : {SIGHUP, SIGINT, SIGTERM})
+        sigaddset(&set, number);
     posix_spawnattr_setsigmask(&attributes, &set);
     const int error = posix_spawn(&pid, path, nullptr, &attributes, argv, environ);
     posix_spawnattr_destroy(&attributes);

@@ -128,6 +128,17 @@ def test_a_copy_program_that_is_missing_or_killed(machine):
         f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0303 kestcore.cpp:")
 
 
+def test_signals_to_all_of_the_name_do_not_hit_a_copy(machine):
+    machine.jobs("pkg", "f", [never(f"x{i:02}") for i in range(40)])
+    machine.start_and_wait()
+    for _ in range(3):
+        machine.run("bash", "-c", "for i in {1..100}; do pkill -HUP -x kestcrond; done",
+                    env={"LD_PRELOAD": ""})
+    machine.reload()
+    assert machine.texts() == []
+    assert len(machine.entries()) == 40
+
+
 def test_the_copy_is_made_by_cp_with_exactly_its_arguments(machine):
     machine.write("/usr/bin/cp", "#!/bin/sh\nprintf '%s|' \"$0\" \"$@\" > /tmp/arguments\n"
                   "cat \"$2\" > \"$3\"\n", 0o755)
