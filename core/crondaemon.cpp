@@ -11,6 +11,7 @@
 #include "job/schedule.h"
 #include "log/error_log.h"
 #include "log/memorylogger.h"
+#include "log/system_log.h"
 #include "platform/errno_kept.h"
 #include "platform/kestcore.h"
 #include "platform/kestsdk.h"
@@ -352,14 +353,30 @@ bool AddJobDefinitions(Json::Value &jobSet, const Json::Value &definitions) {
     return allAccepted;
 }
 
-// Loads one job file. `account` is empty but for the files of a package account, whose jobs run as
-// that account whatever they say.
-void LoadJobFile(Json::Value &jobSet, const std::string &directory, const std::string &fileName,
-                 const std::string &label, const std::string &account) {
-    const std::string path = PathIn(directory, fileName);
+// A directory of job files.
+struct JobDirectory {
+    std::string path;
+    std::string label;
+    std::string account; // of a package account: its jobs run as that, whatever they say
+};
+
+// Reads one job file, as far as there is room. All files of an account together have the room of
+// one, so that no account can make the daemon grow without end.
+bool ReadJobFile(const std::string &path, Json::Value &document, JsonLimits &room,
+                 const std::string &account) {
+    std::size_t size = 0;
+    const bool read = JsonFromFile(path, document, room, &size);
+    if (!account.empty())
+        room.bytes -= std::min(size, room.bytes);
+    return read;
+}
+
+void LoadJobFile(Json::Value &jobSet, const JobDirectory &directory, const std::string &fileName,
+                 JsonLimits &room) {
+    const std::string path = PathIn(directory.path, fileName);
     const std::string base = FileBaseName(fileName);
     Json::Value document;
-    if (!JsonFromFile(path, document, kJobFileLimits)) {
+    if (!ReadJobFile(path, document, room, directory.account)) {
         LOG_ERROR("JSON file read error: %s", path.c_str());
         return;
     }
@@ -369,23 +386,24 @@ void LoadJobFile(Json::Value &jobSet, const std::string &directory, const std::s
             LOG_ERROR("Job (%s) must have a name!", base.c_str());
             continue;
         }
-        if (!account.empty()) {
+        if (!directory.account.empty()) {
             definition["user"] = "package";
-            definition["package_username"] = account;
+            definition["package_username"] = directory.account;
         }
-        definition["name"] = FullJobName(label, account, base, definition["name"].asString());
+        definition["name"] =
+            FullJobName(directory.label, directory.account, base, definition["name"].asString());
     }
     if (!AddJobDefinitions(jobSet, definitions))
         LOG_ERROR("Job JSON format error: %s", path.c_str());
 }
 
-bool LoadJobFiles(Json::Value &jobSet, const std::string &directory, const std::string &label,
-                  const std::string &account) {
-    const Directory opened = OpenDirectory(directory);
+bool LoadJobFiles(Json::Value &jobSet, const JobDirectory &directory) {
+    const Directory opened = OpenDirectory(directory.path);
     if (!opened)
         return false;
+    JsonLimits room = kJobFileLimits;
     for (const std::string &name : NamesIn(opened))
-        LoadJobFile(jobSet, directory, name, label, account);
+        LoadJobFile(jobSet, directory, name, room);
     return true;
 }
 
@@ -393,12 +411,12 @@ bool LoadJobFiles(Json::Value &jobSet, const std::string &directory, const std::
 // single files and jobs is reported and left out.
 bool LoadJobDirectory(Json::Value &jobSet, const std::string &directory, const std::string &label) {
     KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
-    return LoadJobFiles(jobSet, directory, label, {});
+    return LoadJobFiles(jobSet, {directory, label, {}});
 }
 
 bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
                           const std::string &directory, const std::string &label) {
-    return LoadJobFiles(jobSet, directory, label, account);
+    return LoadJobFiles(jobSet, {directory, label, account});
 }
 
 } // namespace
@@ -525,8 +543,9 @@ namespace {
 void LogRuntime(const Json::Value &document) {
     const ErrnoKept kept;
     const SourceTag tag = TagOf(__FILE__);
-    syslog(LOG_INFO, "%.*s:%d current runtime: %s", tag.length, tag.text, __LINE__,
-           JsonToString(document).c_str());
+    std::string text(tag.text, static_cast<std::size_t>(tag.length));
+    text += ":" + std::to_string(__LINE__) + " current runtime: " + JsonToString(document);
+    WriteSystemLog(LOG_INFO, text.c_str());
 }
 
 } // namespace

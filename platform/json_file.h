@@ -23,8 +23,9 @@ constexpr JsonLimits kOwnFileLimits{std::numeric_limits<std::size_t>::max(), 128
 // Reads the JSON document in the file `path`, symbolic links followed, comments dropped. Returns
 // false, with `value` null and errno telling why, for anything but a regular file within `limits`
 // that holds exactly one document (EBADMSG when it does not). Never blocks, never throws for what a
-// file holds, and never opens a device.
-bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits);
+// file holds, and never opens a device. `size`, when given, becomes the number of bytes read.
+bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
+                  std::size_t *size = nullptr);
 
 // How hard a document must be to lose.
 enum class Durability {

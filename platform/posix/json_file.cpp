@@ -114,11 +114,15 @@ void FlushDirectoryOf(const std::string &path) {
 
 } // namespace
 
-bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits) {
+bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
+                  std::size_t *size) {
     value = Json::Value();
     const Descriptor file = OpenRegularFile(path, limits.bytes);
     std::string text;
-    if (!file || !ReadAll(file.Get(), limits.bytes, text))
+    const bool whole = file && ReadAll(file.Get(), limits.bytes, text);
+    if (size != nullptr)
+        *size = text.size();
+    if (!whole)
         return false;
     if (Parse(text, limits.depth, value))
         return true;
