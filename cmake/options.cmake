@@ -1,7 +1,9 @@
 # What can be chosen at configure time, and the compiler settings that every target shares.
 
 option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
+option(KESTCROND_BUILD_FUZZERS "Build the fuzz targets; needs clang" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)
+option(KESTCROND_HARDENING "Build with the compiler's and linker's protections" ON)
 option(KESTCROND_COVERAGE "Count which lines run" OFF)
 set(KESTCROND_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 set(KESTCROND_PLATFORM_LIBRARIES "" CACHE STRING
@@ -21,10 +23,34 @@ target_compile_definitions(kest_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BIT
 target_compile_options(kest_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${KESTCROND_WERROR}>:-Werror>)
 
+# A fault that slipped through must end the program, not serve somebody. The checked variants of the
+# C library's calls need an optimising build; the sanitizers look closer than any of this.
+if(KESTCROND_HARDENING AND NOT KESTCROND_SANITIZE)
+    include(CheckPIESupported)
+    check_pie_supported()
+    set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    include(CheckCXXCompilerFlag)
+    foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+        string(MAKE_C_IDENTIFIER "KESTCROND_HAVE${flag}" known)
+        check_cxx_compiler_flag(${flag} ${known})
+        if(${known})
+            target_compile_options(kest_options INTERFACE ${flag})
+        endif()
+    endforeach()
+    target_compile_definitions(kest_options INTERFACE
+        _GLIBCXX_ASSERTIONS $<$<NOT:$<CONFIG:Debug,None>>:_FORTIFY_SOURCE=2>)
+    target_link_options(kest_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+
 if(KESTCROND_SANITIZE)
     target_compile_options(kest_options INTERFACE
         -fsanitize=${KESTCROND_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(kest_options INTERFACE -fsanitize=${KESTCROND_SANITIZE})
+endif()
+
+if(KESTCROND_BUILD_FUZZERS)
+    # The product tells the fuzzer which branches an input takes.
+    target_compile_options(kest_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 if(KESTCROND_COVERAGE)

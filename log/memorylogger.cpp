@@ -89,7 +89,7 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
     if (WriteAll(file.Get(), text))
         return true;
     const ErrnoKept kept;
-    static_cast<void>(ftruncate(file.Get(), before.st_size));
+    [[maybe_unused]] const int cut = ftruncate(file.Get(), before.st_size);
     return false;
 }
 
