@@ -111,8 +111,9 @@ TEST(LogErrorAt, LeavesTheAlarmToOthers) {
     struct sigaction after {};
     sigaction(SIGALRM, nullptr, &after);
     EXPECT_EQ(after.sa_handler, before.sa_handler);
-    sigprocmask(SIG_UNBLOCK, &blocked, &blocked);
-    EXPECT_EQ(sigismember(&blocked, SIGALRM), 1);
+    sigset_t still;
+    sigprocmask(SIG_UNBLOCK, &blocked, &still);
+    EXPECT_EQ(sigismember(&still, SIGALRM), 1);
     itimerval timer{};
     getitimer(ITIMER_REAL, &timer);
     EXPECT_EQ(timer.it_value.tv_sec + timer.it_value.tv_usec, 0);

@@ -322,8 +322,8 @@ private:
 
 void CountNothing(int /*number*/) {}
 
-// Expects a process with this /proc status to have begun with exactly these signals blocked and none
-// ignored, but for the two that the C library keeps for itself.
+// Expects a process with this /proc status to have begun with exactly these signals blocked and
+// none ignored, but for the two that the C library keeps for itself.
 void ExpectDefaultSignals(const std::string &status, const std::vector<int> &blocked = {}) {
     const auto mask = [&status](const std::string &name) {
         const auto line = status.find("\n" + name + ":\t");

@@ -1,0 +1,289 @@
+"""What a hostile package author can put in the daemon's way. None of it may stop the daemon, reach
+what is not his, or harm the jobs of others."""
+
+import itertools
+import json
+import re
+import signal
+
+import pytest
+from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
+from private_machine import wait_for
+
+ALICE = SOURCES["pkg_nonroot"] + "/alice"
+
+# A value of every JSON type, and numbers beyond every limit.
+VALUES = [None, True, False, 0, -1, 1, 2**31 - 1, 2**31, -2**31, -2**31 - 1, 2**32, 2**63 - 1, 2**63,
+          -2**63, 2**64 - 1, 2**64, 1e300, -1e300, 0.5, -0.0, "", "x", "5", "true", "root", "\0", [],
+          [1], [None], [[]], ["x", {}], {}, {"x": 1}, {"": None}]
+
+
+@pytest.fixture(autouse=True)
+def witness(machine):
+    """A good job of somebody else, which must run through it all."""
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "t", [every_minute("tick")])
+
+
+def still_works(machine):
+    count = len(machine.runs("builtin-t-tick"))
+    wait_for(lambda: len(machine.runs("builtin-t-tick")) > count + 1, what="the job of another")
+
+
+def peak_memory(machine):
+    """In MiB."""
+    status = machine.proc(machine.daemon_pid(), "status").read_text()
+    return int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]) / 1024
+
+
+# --- Job files ----------------------------------------------------------------------------------
+
+NO_JSON = {
+    "braces": b"[" * 200000,
+    "nested objects": b'{"a":' * 5000 + b"1" + b"}" * 5000,
+    "nested arrays": b"[" * 65 + b"]" * 65,
+    "binary": bytes(range(256)) * 100,
+    "zeros": bytes(100000),
+    "zero at the end": b"[]\0",
+    "half": b'[{"name":"x",',
+    "two documents": b"[][]",
+    "endless string": b'["' + b"x" * 500000,
+    "too large": b"[" + b" " * (1 << 20) + b"]",
+    "UTF-16": '[{"name":"x"}]'.encode("utf-16"),
+    "no number": b"[" + b"-" * 1000 + b"]",
+    "comment without end": b"/* " + b"x" * 100000,
+}
+
+
+@pytest.mark.parametrize("kind", NO_JSON)
+def test_a_file_that_is_no_document(machine, kind):
+    machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
+    machine.write(ALICE + "/bad", NO_JSON[kind])
+    machine.start_and_wait()
+    assert machine.texts() == [f"JSON file read error: {ALICE}/bad"]
+    assert set(machine.entries()) == {"builtin-t-tick", "pkg_nonroot-alice-good-x"}
+    still_works(machine)
+
+
+def definition(text, name='"x"'):
+    """A definition with odd text in it, as an author may write it."""
+    return (b'[{"name":' + name.encode() + b',"user":"","period":"crontab","crontab":"0 0 31 2 *",'
+            b'"cmd":"' + RECORD.encode() + b'",' + text + b'}]')
+
+
+@pytest.mark.parametrize("content", [
+    definition(b'"odd":"\xff\xfe\xc0\x80"'), b"\xef\xbb\xbf" + definition(b'"a":1'),
+    definition(b'"cmd":"' + RECORD.encode() + b'","cmd":"' + RECORD.encode() + b'"'),
+    definition(b'"number":1' + b"0" * 400), definition(b'"number":1e400'),
+    definition(b'"' + b"n" * 100000 + b'":1'), definition(b'"\\u0000":"\\u0000"'),
+    definition(b'"a":' + b"[" * 61 + b"]" * 61), definition(b'"\\ud800":"\\udc00"'),
+    definition(b'"%n%s%n":"%n%s%n"')], ids=range(10))
+def test_an_odd_document(machine, content):
+    machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
+    machine.write(ALICE + "/odd", content)
+    pid = machine.start_and_wait()
+    assert "pkg_nonroot-alice-good-x" in machine.entries()
+    odd = "pkg_nonroot-alice-odd-x" in machine.entries()
+    assert odd or machine.texts() == [f"JSON file read error: {ALICE}/odd"]
+    # What was taken is known again after a restart, and so is the rest.
+    before = machine.entries()
+    machine.stop()
+    machine.start_and_wait()
+    assert machine.daemon_pid() != pid
+    after = machine.entries()
+    after["builtin-t-tick"] = before["builtin-t-tick"]
+    assert after == before
+    assert not any("cleared" in text or "modified" in text for text in machine.texts())
+
+
+@pytest.mark.parametrize("name", [
+    "a/b", "../../etc/passwd", "..", ".", "", "a\nb", "a\x1b[2J", "%n%s", "n" * 5000, "\0", "a\0b",
+    "-rf", "'; touch /tmp/pwned; '", "$(touch /tmp/pwned)", " ", "\u202e"],
+    ids=lambda name: repr(name[:12]))
+def test_an_odd_name(machine, name):
+    machine.jobs("pkg_nonroot", "f", [never(name), never("good")], account="alice")
+    machine.start_and_wait()
+    assert "pkg_nonroot-alice-f-good" in machine.entries()
+    assert {entry.lstat().st_uid for entry in machine.path("/tmp/kestcrond").iterdir()} <= {0, 2001}
+    assert all(not entry.is_dir() for entry in machine.path("/tmp/kestcrond").iterdir())
+    assert not machine.exists("/tmp/pwned")
+    assert not any(set(text) & set(map(chr, range(32))) for text in machine.texts())
+    assert all(machine.path(path).stat().st_uid == 0 for path in ("/", "/tmp", "/etc/passwd"))
+    still_works(machine)
+
+
+MEMBERS = ["name", "user", "package_username", "period", "crontab", "cmd", "cmd_list",
+           "assure_execute", "assure_execute_action", "run_on_passive"]
+
+
+@pytest.mark.parametrize("source,account", [("pkg", None), ("pkg_nonroot", "alice")])
+def test_each_member_with_each_value(machine, source, account):
+    odd = []
+    for number, (member, value) in enumerate(itertools.product(MEMBERS, VALUES)):
+        job = never(f"odd{number}", cmd="/usr/bin/true")
+        odd.append({**job, member: value} if value is not None or number % 2 else
+                   {key: kept for key, kept in job.items() if key != member})
+    machine.jobs(source, "f", [*odd, never("good")], account=account)
+    machine.start_and_wait()
+    good = f"{source}-{account}-f-good" if account else f"{source}-f-good"
+    assert good in machine.entries()
+    before = machine.entries()
+    machine.stop()
+    machine.start_and_wait()
+    assert machine.entries().keys() == before.keys()
+    assert not any("cleared" in text or "modified" in text for text in machine.texts())
+    still_works(machine)
+
+
+def test_an_account_cannot_make_the_daemon_grow(machine):
+    greedy = '[{"name":"x","user":"","period":"d","cmd":"/usr/bin/true","list":[' + "0," * 120000
+    for number in range(60):
+        machine.account_directory("alice")
+        machine.write(f"{ALICE}/greedy{number:02}", greedy + "0]}]")
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    machine.start_and_wait()
+    refused = [text for text in machine.texts() if text.startswith("JSON file read error: ")]
+    # A quarter MiB each: the room of an account is used up by four of them.
+    assert refused == [f"JSON file read error: {ALICE}/greedy{number:02}"
+                       for number in range(4, 60)]
+    assert "pkg_nonroot-bob-f-x" in machine.entries()
+    assert len(machine.entries()) == 6
+    assert peak_memory(machine) < 500
+    for _ in range(3):
+        saved = machine.saved()  # the message of a load this large is lost
+        machine.signal(signal.SIGHUP)
+        wait_for(lambda before=saved: machine.saved() != before, what="a reload")
+    assert peak_memory(machine) < 500
+
+
+# --- Documents of our own -----------------------------------------------------------------------
+
+def paths_in(value, path=()):
+    """The path of each value inside a document, itself included."""
+    yield path
+    children = value.items() if isinstance(value, dict) else enumerate(value) if isinstance(
+        value, list) else ()
+    for key, child in children:
+        yield from paths_in(child, (*path, key))
+
+
+def replaced(document, path, value):
+    if not path:
+        return value
+    copy = json.loads(json.dumps(document))
+    place = copy
+    for key in path[:-1]:
+        place = place[key]
+    place[path[-1]] = value
+    return copy
+
+
+@pytest.mark.parametrize("file", [PERSISTENT_FILE, PERSISTENT_TEMPLATE])
+@pytest.mark.parametrize("number", range(4))
+def test_a_document_of_our_own_with_odd_values(machine, file, number):
+    machine.jobs("pkg", "f", [never("x", assure_execute=1000, extra=[1])])
+    machine.start_and_wait()
+    machine.stop()
+    whole = machine.document(file)
+    kept = machine.document(PERSISTENT_FILE)
+    kept["jobs"]["builtin-t-tick"]["lastExecution"] = 5
+    odd = [None, -1, 2**64, 1e300, "x", [], [[]], {}, {"x": []}]
+    places = [path for path in paths_in(whole) if "builtin-t-tick" not in path]
+    cases = [case for index, case in enumerate(itertools.product(places, odd))
+             if index % 40 == number * 10]
+    assert cases
+    for path, value in cases:
+        machine.write(PERSISTENT_FILE, json.dumps(kept))
+        base = kept if file == PERSISTENT_FILE else whole
+        machine.write(file, json.dumps(replaced(base, path, value)))
+        machine.start_and_wait()
+        assert set(machine.entries()) <= {"builtin-t-tick", "pkg-f-x"}, (path, value)
+        assert "builtin-t-tick" in machine.entries(), (path, value)
+        machine.stop()
+        # History is lost with the whole document alone.
+        if len(path) > 1 or file == PERSISTENT_TEMPLATE:
+            execution = machine.document(PERSISTENT_FILE)["jobs"]["builtin-t-tick"]["lastExecution"]
+            assert execution >= 5, (path, value)
+
+
+# --- Programs -----------------------------------------------------------------------------------
+
+def package_job(name="x", **members):
+    return every_minute(name, user="package", package_username="alice", **members)
+
+
+def test_a_program_that_is_running_is_replaced(machine):
+    machine.write("/usr/local/bin/long", "#!/bin/sh\nexec /usr/bin/sleep 100\n", 0o755)
+    machine.write("/usr/local/bin/binary", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
+    machine.jobs("pkg", "f", [package_job("s", cmd="/usr/local/bin/long"),
+                              package_job("b", cmd="/usr/local/bin/binary 100")])
+    machine.start_and_wait()
+    wait_for(lambda: "pkg-f-b" in {p["name"] for p in machine.processes().values()})
+    machine.reload()
+    assert set(machine.entries()) == {"builtin-t-tick", "pkg-f-s", "pkg-f-b"}
+    assert machine.texts() == []
+
+
+def test_a_program_that_is_replaced_while_it_is_copied(machine):
+    path = "/srv/alice/program"
+    machine.path("/srv/alice").mkdir(parents=True)
+    machine.chown(machine.path("/srv/alice"), "alice")
+    machine.write(path, "#!/bin/sh\n", 0o755, owner="alice")
+    before = {name: machine.path(name).lstat() for name in ("/etc/shadow", "/usr/bin/id", "/srv")}
+    swapper = machine.popen(
+        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash", "-c",
+        f"cd /srv/alice; while :; do rm -rf program; ln -s /etc/shadow program; rm program; "
+        f"mkdir program; touch program/inside; rm -rf program; mkfifo program; rm program; "
+        f"ln -s /srv program; rm program; printf '#!/bin/sh\\n' > program; done 2>/dev/null",
+        env={"LD_PRELOAD": ""})
+    machine.jobs("pkg", "f", [never(f"x{i}", user="package", package_username="alice", cmd=path)
+                              for i in range(20)])
+    machine.start_and_wait()
+    for _ in range(5):
+        machine.reload()
+        for entry in machine.path("/tmp/kestcrond").iterdir():
+            assert not entry.is_dir() or entry.is_symlink()
+    swapper.kill()
+    for name, status in before.items():
+        after = machine.path(name).lstat()
+        assert (after.st_uid, after.st_mode) == (status.st_uid, status.st_mode)
+    still_works(machine)
+
+
+# --- Watched directories ------------------------------------------------------------------------
+
+def test_thousands_of_changes_a_second(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    pid = machine.start_and_wait()
+    vandal = machine.popen(
+        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "/usr/bin/python3", "-c",
+        f"import os\nos.chdir('{ALICE}')\n"
+        "while True:\n"
+        "    for i in range(50):\n"
+        "        os.mkdir(f'd{i}'); open(f'f{i}', 'w').close()\n"
+        "    for i in range(50):\n"
+        "        os.rmdir(f'd{i}'); os.unlink(f'f{i}')\n", env={"LD_PRELOAD": ""})
+    before, runs = machine.loads(), len(machine.runs("builtin-t-tick"))
+    descriptors = len(list(machine.proc(pid, "fd").iterdir()))
+    wait_for(lambda: len(machine.runs("builtin-t-tick")) >= runs + 8, 60)
+    # At most one reload goes with an evaluation, however much has changed.
+    assert machine.loads() - before <= len(machine.runs("builtin-t-tick")) - runs + 2
+    vandal.kill()
+    vandal.wait()
+    wait_for(lambda: len(list(machine.proc(pid, "fd").iterdir())) == descriptors)
+    assert "pkg_nonroot-alice-f-x" in machine.entries()
+
+
+def test_directories_that_come_and_go(machine):
+    machine.account_directory("alice")
+    pid = machine.start_and_wait()
+    for number in range(10):
+        machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+        wait_for(lambda: "pkg_nonroot-bob-f-x" in machine.entries())
+        machine.run("rm", "-r", SOURCES["pkg_nonroot"] + "/bob", env={"LD_PRELOAD": ""})
+        wait_for(lambda: "pkg_nonroot-bob-f-x" not in machine.entries())
+    machine.reload()
+    watched = sum(machine.read(f"/proc/{pid}/fdinfo/{entry.name}").count("inotify wd:")
+                  for entry in machine.proc(pid, "fdinfo").iterdir())
+    assert watched == 2
+    still_works(machine)

@@ -1,0 +1,289 @@
+"""What the daemon must live through: sudden ends, full disks, failing writes, odd clocks, services
+that are away."""
+
+import datetime
+import json
+import random
+import signal
+import socket
+import time
+
+import pytest
+from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
+from private_machine import wait_for
+
+DOCUMENTS = ["/run/kestcrond.config", PERSISTENT_FILE]
+TEMPLATES = ["/run/kestcrond.st.config", PERSISTENT_TEMPLATE]
+
+
+@pytest.fixture(autouse=True)
+def at_once(machine):
+    machine.template(maxDelay=0)
+
+
+def kill_all(machine):
+    machine.run("pkill", "-KILL", "-x", "kestcrond", env={"LD_PRELOAD": ""})
+    wait_for(lambda: not machine.daemons())
+
+
+# --- Sudden ends --------------------------------------------------------------------------------
+
+OLD = [every_minute("tick"), never("same"), never("x", cmd=RECORD + " old")]
+NEW = [every_minute("tick"), never("same"), never("x", cmd=RECORD + " new"), never("y")]
+
+
+def expect_whole(machine):
+    """Every document is the one before or the one after, never a part."""
+    for path in DOCUMENTS:
+        if machine.exists(path):
+            jobs = machine.document(path).get("jobs", {})
+            commands = {(name, entry["cmd_str"]) for name, entry in jobs.items()}
+            # A job whose copy was killed is left out.
+            assert any(commands <= {(f"builtin-f-{job['name']}", job["cmd"]) for job in jobs}
+                       for jobs in (OLD, NEW)), path
+    for path in TEMPLATES:
+        if machine.exists(path):
+            assert machine.document(path)["config"]["name"] == "scheduleTemplate", path
+    for line in machine.read(machine.LOG_FILE).splitlines(keepends=True):
+        assert line.count(" running job: builtin-f-tick with command: ") == 1
+        # A job of the life before may find its program being copied again.
+        assert line.endswith((")\n", ", error: No such file or directory\n",
+                              ", error: Text file busy\n", ", error: Exec format error\n"))
+
+
+def expect_normal_start(machine):
+    machine.jobs("builtin", "f", NEW)
+    machine.start_and_wait()
+    runs = len(machine.runs("builtin-f-tick"))
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) > runs)
+    assert set(machine.entries()) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x",
+                                      "builtin-f-y"}
+    allowed = ("removed modified jobs: builtin-f-x", "removed cleared jobs: builtin-f-y",
+               "Failed to select inotify", "Failed to cp ", "MoveBinaryToTmp failed.")
+    assert all(text.startswith(allowed) for text in machine.texts())
+
+
+@pytest.mark.parametrize("seed", range(4))
+def test_a_kill_at_any_moment(machine, seed):
+    chance = random.Random(seed)
+    machine.clock("2026-06-02 02:10:10", rate=600)
+    for turn in range(30):
+        machine.jobs("builtin", "f", NEW if turn % 2 else OLD)
+        machine.start()
+        if chance.random() < 0.8:
+            wait_for(lambda: machine.daemon_pid())
+            time.sleep(chance.random() * 0.05)
+            for number in chance.choices([signal.SIGHUP, signal.SIGTERM], [3, 1], k=2):
+                machine.run("pkill", f"-{int(number)}", "-x", "kestcrond", env={"LD_PRELOAD": ""})
+        time.sleep(chance.random() * 0.03)
+        kill_all(machine)
+        expect_whole(machine)
+    machine.clock("2026-06-02 02:10:10")
+    expect_normal_start(machine)
+
+
+@pytest.mark.parametrize("calls", ["open,openat", "write", "rename,renameat,renameat2", "unlink",
+                                   "close", "fsync", "read"])
+@pytest.mark.parametrize("phase", ["start", "stop"])
+def test_a_kill_at_each_step(machine, phase, calls):
+    chance = random.Random(calls + phase)
+    machine.jobs("builtin", "f", OLD)
+    machine.start_and_wait()
+    machine.stop()
+    machine.jobs("builtin", "f", NEW)
+    for number in sorted(chance.sample(range(1, 60), 8)) if calls != "fsync" else range(1, 5):
+        machine.path(machine.RUNTIME_TEMPLATE).unlink(missing_ok=True)
+        machine.start_with_faults(f"{calls}:signal=KILL:when={number}")
+        wait_for(lambda: not machine.daemons() or machine.exists(machine.RUNTIME_TEMPLATE))
+        if phase == "stop":
+            machine.run("pkill", "-TERM", "-x", "kestcrond", env={"LD_PRELOAD": ""})
+            wait_for(lambda: not machine.daemons())
+        kill_all(machine)
+        expect_whole(machine)
+    expect_normal_start(machine)
+
+
+# --- Disks --------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("fault", ["open,openat:error=ENOSPC", "write:error=ENOSPC",
+                                   "fsync:error=EIO", "fchmod:error=EROFS", "close:error=EIO"])
+@pytest.mark.parametrize("file", [PERSISTENT_FILE, PERSISTENT_TEMPLATE])
+def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
+    machine.jobs("builtin", "f", OLD)
+    machine.start_and_wait()
+    machine.stop()
+    before = {path: machine.read(path) for path in (PERSISTENT_FILE, PERSISTENT_TEMPLATE)}
+    machine.jobs("builtin", "f", NEW)
+    runs = len(machine.runs("builtin-f-tick"))
+    machine.start_with_faults(fault, path=file + ".new")
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) > runs)
+    machine.run("pkill", "-TERM", "-x", "kestcrond", env={"LD_PRELOAD": ""})
+    wait_for(lambda: not machine.daemons())
+    kind = "runtime" if file == PERSISTENT_FILE else "schedule template"
+    assert machine.texts() == ["removed modified jobs: builtin-f-x",
+                               f"{kind} config save failed ({file})"]
+    assert machine.read(file) == before[file]
+    assert not machine.exists(file + ".new")
+    if file == PERSISTENT_FILE:
+        assert machine.read(PERSISTENT_TEMPLATE) != "", "the other one is saved all the same"
+
+
+@pytest.mark.parametrize("directory", ["/usr/kest/etc", "/run", "/tmp", "/var/log"])
+def test_a_disk_that_becomes_read_only(machine, directory):
+    machine.jobs("builtin", "f", [every_minute("tick", cmd="/usr/bin/touch /home/ran"),
+                                  never("x")])
+    machine.path("/home").mkdir(exist_ok=True)
+    pid = machine.start_and_wait()
+    machine.run("sh", "-ec", f"mount --bind {directory} {directory}; "
+                f"mount -o remount,bind,ro {directory}", check=True, env={"LD_PRELOAD": ""})
+    for _ in range(3):
+        machine.path("/home/ran").unlink(missing_ok=True)
+        wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+    loads = machine.loads()
+    machine.signal(signal.SIGHUP)
+    wait_for(lambda: machine.loads() > loads)
+    assert machine.daemon_pid() == pid
+    if directory != "/tmp":  # where the copies would be
+        machine.path("/home/ran").unlink(missing_ok=True)
+        wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+    machine.run("mount", "-o", "remount,bind,rw", directory, check=True, env={"LD_PRELOAD": ""})
+    machine.reload()
+    machine.path("/home/ran").unlink(missing_ok=True)
+    wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+    machine.stop()
+    assert set(machine.document(PERSISTENT_FILE)["jobs"]) == {"builtin-f-tick", "builtin-f-x"}
+
+
+# --- Clocks -------------------------------------------------------------------------------------
+
+def stamps(machine):
+    return [line[:25] for line in machine.log_lines()]
+
+
+@pytest.mark.parametrize("moment", [
+    "1970-01-01 00:00:30", "2038-01-19 03:13:30", "2106-02-07 06:27:30", "2400-02-29 23:58:30",
+    "9999-12-31 10:00:30"])
+def test_any_year(machine, moment):
+    machine.jobs("builtin", "f", [every_minute("x"), never("over", assure_execute=1)])
+    machine.clock(moment)
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 5)
+    start = datetime.datetime.fromisoformat(moment + "+00:00")
+    seen = [datetime.datetime.fromisoformat(stamp) for stamp in stamps(machine)]
+    assert start <= seen[0] <= start + datetime.timedelta(minutes=2)
+    assert seen == sorted(seen)
+    machine.stop()
+    saved = machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"]
+    assert saved >= start.timestamp()
+    machine.start_and_wait()
+    assert machine.texts() == []
+
+
+def settable_clock(machine, moment, rate=60):
+    """A clock that a test can set while programs run: it is a file that is read again each time."""
+    machine.write("/run/clock", f"@{moment} x{rate}")
+    machine.environment.update(FAKETIME_TIMESTAMP_FILE="/run/clock", FAKETIME_NO_CACHE="1",
+                               FAKETIME_UPDATE_TIMESTAMP_FILE="0")
+    machine.environment.pop("FAKETIME", None)
+
+
+@pytest.mark.parametrize("jump", ["2026-06-02 04:10:10", "2026-06-02 00:10:10",
+                                  "1970-01-01 00:00:10", "2038-01-19 03:14:00",
+                                  "2106-02-07 06:28:00"])
+def test_a_clock_that_is_set(machine, jump):
+    settable_clock(machine, "2026-06-02 02:10:10")
+    machine.jobs("builtin", "f", [every_minute("x"), never("assured", assure_execute=1)])
+    pid = machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 2)
+    settable_clock(machine, jump)
+    wait_for(lambda: any(stamp.startswith(jump[:13].replace(" ", "T"))
+                         for stamp in stamps(machine)[-3:]), what="runs by the new clock")
+    seen = len(machine.log_lines())
+    wait_for(lambda: len(machine.log_lines()) >= seen + 3)
+    assert machine.daemon_pid() == pid
+    # Overdue is what the clock says: an hour without a run, forwards only.
+    assert bool(machine.runs("builtin-f-assured")) == (jump > "2026-06-02 02:10:10")
+    assert machine.texts() == []
+
+
+@pytest.mark.parametrize("moment,job,least,most", [
+    # 02:00 becomes 03:00: no minute of that hour comes.
+    ("2026-03-29 01:57:10", "* 2 * * *", 0, 0), ("2026-03-29 01:57:10", "1 3 * * *", 1, 1),
+    # 03:00 becomes 02:00: the hour comes twice. A busy machine may step over some minutes.
+    ("2026-10-25 01:57:10", "* 2 * * *", 80, 120)])
+def test_daylight_saving(machine, moment, job, least, most):
+    rate, cycles = (600, 126) if least > 1 else (60, 6)
+    machine.clock(moment, rate=rate, zone="Europe/Berlin")
+    machine.jobs("builtin", "f", [every_minute("x", crontab=job), every_minute("tick")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= cycles, 120)
+    assert {stamp[19:] for stamp in stamps(machine)} == {"+01:00", "+02:00"}
+    assert least <= len(machine.runs("builtin-f-x")) <= most
+
+
+def test_a_leap_second_changes_nothing(machine):
+    # A zone that counts leap seconds: 2016-12-31 had one.
+    if not machine.exists("/usr/share/zoneinfo/right/UTC"):
+        pytest.skip("needs the zones that count leap seconds")
+    machine.clock("2016-12-31 23:58:10", zone=":right/UTC")
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 4)
+    assert machine.texts() == []
+
+
+def test_a_zone_file_replaced_while_running(machine):
+    # The machine's own zone, as a settings page would change it.
+    machine.write("/etc/localtime", machine.path("/usr/share/zoneinfo/UTC").read_bytes())
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    machine.write("/etc/localtime",
+                  machine.path("/usr/share/zoneinfo/Asia/Kathmandu").read_bytes())
+    wait_for(lambda: machine.log_lines()[-1][19:25] == "+05:45", what="the new zone")
+    assert machine.texts() == []
+
+
+# --- Services that are away ---------------------------------------------------------------------
+
+def test_without_a_system_log(machine):
+    machine.close_system_log()
+    machine.jobs("builtin", "f", [every_minute("x"), never("bad", period="yearly")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("builtin-f-x")) >= 2)
+    machine.open_system_log()
+    machine.signal(signal.SIGHUP)
+    machine.wait_for_text("error period")
+    machine.stop()
+
+
+def test_a_system_log_that_nobody_reads(machine):
+    machine.close_system_log()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as unread:
+        unread.bind(str(machine.path("/dev/log")))
+        # Far more messages than the socket takes.
+        machine.jobs("builtin", "f", [every_minute("x"),
+                                      *[never(f"bad{i}", period="yearly") for i in range(2000)]])
+        machine.start_and_wait()
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        pid = machine.daemon_pid()
+        machine.signal(signal.SIGTERM)
+        wait_for(lambda: pid not in machine.processes())
+    assert "builtin-f-x" in machine.document(PERSISTENT_FILE)["jobs"]
+
+
+def test_accounts_that_are_unknown_for_a_while(machine):
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice"),
+                              every_minute("tick")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("pkg-f-x"))
+    machine.path("/etc/passwd").rename(machine.path("/etc/passwd.away"))
+    machine.wait_for_text("Failed to get user group info for job [pkg-f-x]", 2)
+    # A reload meanwhile leaves out what it cannot place, and takes it up again later.
+    machine.reload()
+    assert set(machine.entries()) <= {"pkg-f-tick"}, "root is known without a list"
+    machine.path("/etc/passwd.away").rename(machine.path("/etc/passwd"))
+    machine.reload()
+    assert set(machine.entries()) == {"pkg-f-x", "pkg-f-tick"}
+    runs = len(machine.runs("pkg-f-x"))
+    wait_for(lambda: len(machine.runs("pkg-f-x")) > runs)
