@@ -1,12 +1,31 @@
 #include "platform/kestrandom.h"
 
+#include "platform/descriptor.h"
+
 #include <cerrno>
+#include <fcntl.h>
 #include <limits>
 #include <random>
 #include <sys/random.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
+
+// Both fill `bits` from the kernel's random source. The call came to Linux later than the device,
+// and appliances live long; the device may be missing from a "/dev" of somebody's own making.
+bool FromCall(std::uint32_t &bits) {
+    ssize_t size = 0;
+    do
+        size = getrandom(&bits, sizeof bits, 0);
+    while (size == -1 && errno == EINTR);
+    return size == sizeof bits;
+}
+
+bool FromDevice(std::uint32_t &bits) {
+    const Descriptor device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    return device && read(device.Get(), &bits, sizeof bits) == sizeof bits;
+}
 
 // The kernel's random source in the shape that the standard distributions draw from.
 struct KernelRandomBits {
@@ -15,9 +34,8 @@ struct KernelRandomBits {
     static constexpr result_type max() { return std::numeric_limits<result_type>::max(); }
     result_type operator()() const {
         result_type bits = 0;
-        while (getrandom(&bits, sizeof bits, 0) != sizeof bits)
-            if (errno != EINTR)
-                throw std::system_error(errno, std::generic_category(), "getrandom");
+        if (!FromCall(bits) && !FromDevice(bits))
+            throw std::system_error(errno, std::generic_category(), "/dev/urandom");
         return bits;
     }
 };

@@ -89,11 +89,14 @@ class Appliance(PrivateMachine):
         "CALL[,CALL]:error=NAME[:when=EXPRESSION]"; with a path only those that concern it.
         Returns the exit status as the starter sees it."""
         options = [word for fault in faults for word in ("-e", f"inject={fault}")]
-        options += ["-P", path] if path else []
-        options += [f"--env={name}={value}" for name, value in self.environment.items()]
-        # The tracer is no parent of the daemon, leak detection would need to trace it itself.
+        return self.start_traced("-o", "/dev/null", *options, *(["-P", path] if path else []))
+
+    def start_traced(self, *options):
+        """Starts the daemon under strace with these options; returns as start() does."""
+        variables = [f"--env={name}={value}" for name, value in self.environment.items()]
+        # The tracer is no parent of the daemon. Leak detection would need to trace it itself.
         return self.popen(
-            "/usr/bin/strace", "-D", "-f", "-qq", "-o", "/dev/null", *options,
+            "/usr/bin/strace", "-D", "-f", "-qq", *options, *variables,
             f"--env=ASAN_OPTIONS={self.environment['ASAN_OPTIONS']}:detect_leaks=0", self.DAEMON,
             env={"LD_PRELOAD": ""}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL).wait(60)
@@ -129,6 +132,8 @@ def never(name, **members):
 
 def pytest_addoption(parser):
     parser.addoption("--daemon", default="build/dev/kestcrond", help="the program to test")
+    parser.addoption("--days", default=1, type=float, help="how long the long run is")
+    parser.addoption("--valgrind", action="store_true", help="look for leaks too")
     parser.addoption("--coverage", default="", help="the build directory that takes line counts")
 
 

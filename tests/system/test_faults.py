@@ -4,7 +4,7 @@ import re
 import signal
 
 import pytest
-from conftest import RECORD, every_minute, never
+from conftest import PERSISTENT_TEMPLATE, RECORD, every_minute, never
 from private_machine import wait_for
 
 LOG_FILE = "/var/log/kestcrond-execute.log"
@@ -58,6 +58,32 @@ def test_a_process_without_a_name(machine):
     machine.start_and_wait()
     assert machine.texts("kestcrond") == [f"Unable to get cmd [{pid}][0x0000 :0]"]
     holder.kill()
+
+
+def test_a_pid_file_that_cannot_be_looked_at(machine):
+    machine.start_with_faults("fstat,newfstatat:error=EIO", path=machine.PID_FILE)
+    machine.wait_for_text("become_daemon failed")
+    wait_for(lambda: not machine.daemons())
+
+
+def test_a_random_source_that_is_interrupted(machine, tick):
+    machine.start_with_faults("getrandom:error=EINTR:when=1..20")
+    tick()
+    assert machine.texts() == []
+
+
+def test_an_old_kernel_draws_from_the_device(machine, tick):
+    schedules = []
+    for _ in range(2):
+        machine.path(PERSISTENT_TEMPLATE).unlink()
+        machine.start_with_faults("getrandom:error=ENOSYS")
+        wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+        schedules.append(machine.document(machine.RUNTIME_TEMPLATE)["schedule"])
+        tick()
+        machine.stop()
+        machine.path(machine.RUNTIME_TEMPLATE).unlink()
+    assert machine.texts() == []
+    assert schedules[0] != schedules[1]
 
 
 @pytest.mark.parametrize("owner,fault,text", [
