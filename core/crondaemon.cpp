@@ -27,6 +27,7 @@
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -199,6 +200,7 @@ void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
         facts.rank = static_cast<std::size_t>(++launched);
         jobs[i].Launch(facts.delay, LaunchNote(facts));
     }
+    lastLaunch = std::chrono::steady_clock::now();
 }
 
 bool IsLaunchState(JobState state) {
@@ -423,6 +425,10 @@ bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
 
 void CronDaemon::ReloadJobs() {
     reloadRequested = false;
+    // What was launched a moment ago, often in the cycle just before, is about to open its program:
+    // that must not be gone for the moment in which it is copied again.
+    constexpr std::chrono::milliseconds timeToStart(500);
+    std::this_thread::sleep_until(lastLaunch + timeToStart);
     // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
     PrepareRuntimeDirectory();
     Json::Value previous;
@@ -510,7 +516,8 @@ void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
             LOG_ERROR("removed modified jobs: %s", name.c_str());
         else
             continue;
-        entries.removeMember(name);
+        // By its ends: as a string the library would take it for ended at a zero byte.
+        entries.removeMember(name.data(), name.data() + name.size(), nullptr);
     }
 }
 

@@ -26,6 +26,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <json/value.h>
 #include <string>
@@ -91,6 +92,7 @@ private:
     std::int32_t inotifyFd = -1; // closed by Shutdown, never by a destructor
     std::uint32_t watchCount = 0;
     std::array<std::int32_t, kWatchLimit> watches{};
+    std::chrono::steady_clock::time_point lastLaunch;
     std::vector<CronJob> jobs;
     ScheduleTemplate scheduleTemplate;
 };

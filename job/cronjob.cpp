@@ -29,7 +29,6 @@
 #include <memory>
 #include <new>
 #include <optional>
-#include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -149,6 +148,11 @@ bool CronJob::ParseCommand() {
 
 namespace {
 
+// Whether a text is the same to the C library, for which a zero byte ends it.
+bool IsCText(const std::string &text) {
+    return text.find('\0') == std::string::npos;
+}
+
 // The account that the definition names; nothing, with a message, when it names none. The class of
 // the account is found anywhere in the text of "user", so that "rootjob" is an account of that
 // name.
@@ -178,7 +182,8 @@ JobUser ResolveJobUser(const Json::Value &config) {
         return user;
     }
     user.name = *account;
-    user.valid = KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
+    user.valid =
+        IsCText(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
     if (!user.valid)
         LOG_ERROR("user %s not exist", user.name.c_str());
     return user;
@@ -315,7 +320,7 @@ bool IsOfKernel(const std::string &path) {
 bool IsStageable(const std::string &name, const std::string &source) {
     struct stat status {};
     // A name is one file in the runtime directory, never a way out of it.
-    if (name.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
+    if (!IsCText(name) || !IsCText(source) || name.find('/') != std::string::npos) {
         errno = EINVAL;
         return false;
     }

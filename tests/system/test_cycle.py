@@ -104,10 +104,14 @@ def test_a_cycle_takes_a_minute(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.clock("2026-06-02 02:10:10", rate=20)
     machine.start_and_wait()
-    wait_for(lambda: len(starts(machine)) >= 6)
-    times = triggers(machine)
-    gaps = [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
-    assert min(gaps) in (60, 61), "the least that the machine's load added"
+
+    def gaps():
+        times = triggers(machine)
+        return [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
+
+    # A busy machine adds to it now and then, but not always.
+    wait_for(lambda: gaps().count(60) >= 2)
+    assert min(gaps()) == 60
 
 
 @pytest.mark.parametrize("stamp", [5, -1, 2**32])
@@ -211,7 +215,7 @@ def test_passive_overdue_job_does_not_run(machine):
     assert machine.runs("builtin-f-x") == []
 
 
-@pytest.mark.parametrize("content", ["two", "", "2 2", "99999999999"])
+@pytest.mark.parametrize("content", ["two", "", "2 2", "99999999999", "0" * 64 + "2"])
 def test_an_unreadable_controller_status_does_not_hold(machine, content):
     machine.write("/run/kestvorld.status", content)
     machine.jobs("builtin", "f", [every_minute("x")])
@@ -237,7 +241,7 @@ def test_the_controller_is_asked_once_in_a_cycle(machine):
     assert len(machine.texts()) <= len(machine.log_lines()) // 5 + 1
 
 
-@pytest.mark.parametrize("status", ["0", "1", "3", "-2", "22"])
+@pytest.mark.parametrize("status", ["0", "1", "3", "-2", "22", "0" * 63 + "1"])
 def test_only_one_status_holds(machine, status):
     machine.write("/run/kestvorld.status", status)
     machine.jobs("builtin", "f", [every_minute("x")])
@@ -363,6 +367,23 @@ echo >> /tmp/copies
 /usr/bin/sleep 1
 exec /usr/bin/cp.real "$@"
 """
+
+
+def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine):
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.template(maxDelay=0)
+    machine.account_directory("alice")
+    names = [f"j{i}" for i in range(8)]
+    machine.jobs("builtin", "f", [every_minute(name) for name in names])
+    machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
+    machine.write("/usr/bin/cp", SLOW_COPY.replace("sleep 1", "sleep 0.1"), 0o755)
+    machine.start_with_faults("setgid:delay_enter=150000")  # so long it takes a job to start
+    # A change while the jobs are loaded: the first cycle launches them all and sees it.
+    wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
+    machine.account_directory("bob")
+    wait_for(lambda: machine.loads() == 2, what="the reload")
+    wait_for(lambda: all(machine.runs(f"builtin-f-{name}") for name in names))
+    assert len(machine.log_lines()) == len(names)
 
 
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM])

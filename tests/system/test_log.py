@@ -104,6 +104,8 @@ def test_a_planted_staging_file(machine, kind):
     assert not machine.exists("/etc/planted")
     if kind == "hard link":
         assert machine.read("/tmp/victim") == "precious\n"
+    if kind == "directory":
+        assert not list(machine.path("/tmp").glob("kestcrond.log.*")), "nothing in it to keep"
 
 
 def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):

@@ -1,6 +1,7 @@
 """The runtime documents: what is kept over reloads, edits and restarts, and what is not."""
 
 import json
+import re
 
 import pytest
 from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
@@ -74,7 +75,7 @@ def test_only_a_stop_keeps_what_is_known(machine):
     machine.path(PERSISTENT_TEMPLATE).unlink()
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
-    wait_for(machine.log_lines)
+    wait_for(lambda: machine.runs("builtin-f-x"))
     machine.reload()
     assert machine.entries()["builtin-f-x"]["lastExecution"] > 0
     assert not machine.exists(PERSISTENT_FILE) and not machine.exists(PERSISTENT_TEMPLATE)
@@ -90,6 +91,21 @@ def test_only_a_stop_keeps_what_is_known(machine):
     wait_for(lambda: len(machine.runs("builtin-f-x")) >= 2)
     machine.stop()
     assert machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"] > 0
+
+
+def test_what_is_kept_reaches_the_disk(machine):
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_traced("-y", "-o", "/run/trace", "-e", "trace=fsync,rename,renameat,renameat2")
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    machine.stop()
+    wait_for(lambda: "kestcrond.st.config" in machine.read("/run/trace"))
+    calls = [re.sub(r"^\d+ +|<(.*?)>|AT_FDCWD, |, 0\)| += 0$", r"\1", line)
+             for line in machine.read("/run/trace").splitlines() if "/usr/kest/etc" in line]
+    for file in (PERSISTENT_FILE, PERSISTENT_TEMPLATE):
+        saved = [index for index, call in enumerate(calls) if f'"{file}.new"' in call]
+        assert len(saved) == 1 and calls[saved[0]].startswith("rename")
+        assert calls[saved[0] - 1].startswith("fsync") and file + ".new" in calls[saved[0] - 1]
+        assert re.match(r"fsync.*/usr/kest/etc\)?$", calls[saved[0] + 1].split(" =")[0])
 
 
 def test_a_gained_key_keeps_the_old_definition(machine):
@@ -185,6 +201,19 @@ def test_a_broken_entry_counts_as_modified(machine, entry):
     assert machine.texts() == ["removed modified jobs: builtin-f-x"]
     assert sorted(machine.entries()["builtin-f-x"]["schedule"]) == sorted(machine.drawn())
     assert machine.entries()["builtin-f-y"]["lastExecution"] == 5
+
+
+def test_an_entry_with_a_zero_byte_in_its_name_is_not_another(machine):
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_and_wait()
+    machine.stop()
+    document = machine.document(PERSISTENT_FILE)
+    document["jobs"]["builtin-f-x"]["lastExecution"] = 5
+    document["jobs"]["builtin-f-x\0y"] = document["jobs"]["builtin-f-x"]
+    machine.write(PERSISTENT_FILE, json.dumps(document))
+    machine.start_and_wait()
+    assert list(machine.entries()) == ["builtin-f-x"]
+    assert machine.entries()["builtin-f-x"]["lastExecution"] == 5
 
 
 def test_a_kept_entry_that_is_no_longer_a_job_is_corrupt(machine):

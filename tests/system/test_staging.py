@@ -187,6 +187,11 @@ def test_a_program_that_is_no_file(machine, make):
     assert owner_and_mode(machine.path("/dev/zero")) == (0, 0, 0o666)
 
 
+def test_a_program_with_a_zero_byte_in_its_path(machine):
+    assert run_package_job(machine, f"{RECORD}\0x")[0].startswith(f"Failed to cp [{RECORD}][")
+    assert machine.entries() == {}
+
+
 def test_an_empty_program_is_copied_like_any_other(machine):
     machine.write("/usr/local/bin/empty", "", 0o755)
     assert run_package_job(machine, "/usr/local/bin/empty") == []
@@ -236,6 +241,7 @@ def test_a_name_is_never_a_way_out(machine, name):
     machine.start_and_wait()
     assert machine.texts()[0].startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/pkg-f-")
     assert machine.texts()[1:] == ["MoveBinaryToTmp failed."]
+    assert machine.messages(priority="err")[0].text.endswith(" (Invalid argument)")
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["pkg-f-a"]
     assert os.listdir(machine.path("/tmp/kestcrond/pkg-f-a")) == ["keep"]
 

@@ -456,6 +456,8 @@ TEST(ResolveJobUser, TellsWhichAccountIsMissing) {
         {R"({"user": "package", "package_username": "no-such-account"})",
          "user no-such-account not exist"},
         {R"({"user": "package", "package_username": ""})", "user  not exist"},
+        {R"({"user": "root\u0000x"})", "user root not exist"},
+        {R"({"user": "package", "package_username": "nobody\u0000"})", "user nobody not exist"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.config);

@@ -107,6 +107,13 @@ TEST(XLIBCProcAlive, HoldsForAProcessThatHasNotEnded) {
     EXPECT_EQ(XLIBCProcAlive(2000000000), 0);
 }
 
+TEST(XLIBCProcAlive, LeavesNoErrorOfAnEarlierCall) {
+    EXPECT_FALSE(XLIBCFileExist("/no/such/file"));
+    EXPECT_NE(XLIBCErrGet(), 0);
+    EXPECT_EQ(XLIBCProcAlive(getpid()), 1);
+    EXPECT_EQ(XLIBCErrGet(), 0);
+}
+
 TEST(XLIBCProcAlive, DoesNotHoldForAProcessThatWasNotCollected) {
     const pid_t zombie = MakeZombie();
     EXPECT_EQ(kill(zombie, 0), 0);
