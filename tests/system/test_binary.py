@@ -1,0 +1,46 @@
+"""The program file: the protections that it is built with, and what it leans on."""
+
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+
+@pytest.fixture(name="binary")
+def find_binary(request):
+    return Path(request.config.getoption("--daemon")).resolve()
+
+
+def readelf(binary, *options):
+    return subprocess.run(["readelf", "--wide", *options, binary], check=True, text=True,
+                          capture_output=True).stdout
+
+
+def is_instrumented(binary):
+    """Sanitizers and line counts take the place of what an installed program is built with."""
+    return re.search(rb"__asan_init|__gcov_dump", binary.read_bytes()) is not None
+
+
+def test_it_is_protected(binary):
+    if is_instrumented(binary):
+        pytest.skip("an instrumented build")
+    assert re.search(r"Type:\s+DYN", readelf(binary, "--file-header"))
+    segments = readelf(binary, "--program-headers")
+    assert "GNU_RELRO" in segments
+    assert re.search(r"GNU_STACK .* RW ", segments), "a stack that is no code"
+    assert not re.search(r" RWE ", segments)
+    dynamic = readelf(binary, "--dynamic")
+    assert "BIND_NOW" in dynamic and "PIE" in dynamic
+    assert not re.search(r"R(UN)?PATH", dynamic)
+    symbols = readelf(binary, "--dyn-syms")
+    assert "__stack_chk_fail" in symbols
+    assert re.search(r"__(v?snprintf|syslog|memcpy|read)_chk", symbols)
+
+
+def test_it_needs_no_more_than_it_says(binary):
+    if is_instrumented(binary):
+        pytest.skip("an instrumented build")
+    needed = re.findall(r"NEEDED.*\[(.*?)\.so", readelf(binary, "--dynamic"))
+    assert set(needed) <= {"libjsoncpp", "libstdc++", "libm", "libgcc_s", "libc", "ld-linux-x86-64",
+                           "ld-linux-armhf"}
