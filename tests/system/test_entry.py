@@ -21,7 +21,9 @@ def signals(machine, pid, field):
 
 
 def test_a_running_daemon_is_detached(machine):
-    pid = machine.start_and_wait()
+    machine.run("bash", "-c", f"cd /usr; exec {machine.DAEMON}", check=True)
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    pid = machine.daemon_pid()
     assert machine.read(machine.PID_FILE) == f"{pid}\n"
     assert machine.processes()[pid]["ppid"] == 1
     assert machine.run("readlink", f"/proc/{pid}/cwd").stdout == "/\n"
