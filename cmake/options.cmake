@@ -37,8 +37,11 @@ if(KESTCROND_HARDENING AND NOT KESTCROND_SANITIZE)
             target_compile_options(kest_options INTERFACE ${flag})
         endif()
     endforeach()
-    target_compile_definitions(kest_options INTERFACE
-        _GLIBCXX_ASSERTIONS $<$<NOT:$<CONFIG:Debug,None>>:_FORTIFY_SOURCE=2>)
+    target_compile_definitions(kest_options INTERFACE _GLIBCXX_ASSERTIONS)
+    # Some compilers define it by themselves, and differently.
+    set(optimising $<NOT:$<CONFIG:Debug,None>>)
+    target_compile_options(kest_options INTERFACE
+        $<${optimising}:-U_FORTIFY_SOURCE> $<${optimising}:-D_FORTIFY_SOURCE=2>)
     target_link_options(kest_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 

@@ -108,8 +108,10 @@ def test_a_planted_staging_file(machine, kind):
         assert not list(machine.path("/tmp").glob("kestcrond.log.*")), "nothing in it to keep"
 
 
-def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
-    names = [f"j{i:02}" for i in range(40)]
+def many_missed_jobs(machine, count):
+    """Lets so many assured jobs be missed for two hours, so that the next daemon starts them in its
+    first cycle; returns their names."""
+    names = [f"j{i:03}" for i in range(count)]
     machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true")
                                   for name in names])
     machine.clock("2026-06-02 02:10:10", rate=1)
@@ -117,6 +119,11 @@ def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
     machine.stop()
     machine.template(maxDelay=0)
     machine.clock("2026-06-02 04:10:10", rate=1)
+    return names
+
+
+def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
+    names = many_missed_jobs(machine, 40)
     planters = [machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash",
                               "-c", f"while :; do {plant}; done 2>/dev/null",
                               env={"LD_PRELOAD": ""})
@@ -152,14 +159,7 @@ def test_a_staging_file_above_its_capacity_is_moved_early(machine, size, moved_e
 
 
 def test_two_hundred_starts_at_once(machine):
-    names = [f"j{i:03}" for i in range(200)]
-    machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true")
-                                  for name in names])
-    machine.clock("2026-06-02 02:10:10", rate=1)
-    machine.start_and_wait()
-    machine.stop()
-    machine.clock("2026-06-02 04:10:10", rate=1)
-    machine.template(maxDelay=0)
+    names = many_missed_jobs(machine, 200)
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= 200, 60)
     line = re.compile(r"2026-06-02T04:1\d:\d\d\+00:00 running job: builtin-f-(j\d+) with command: "

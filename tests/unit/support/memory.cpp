@@ -37,6 +37,14 @@ void *operator new(std::size_t size) {
     return memory;
 }
 
+void *operator new[](std::size_t size) {
+    return ::operator new(size);
+}
+
+void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
+    return std::malloc(size == 0 ? 1 : size);
+}
+
 void *operator new[](std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
     return IsExhausted(Kind::ReportingArray) ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
