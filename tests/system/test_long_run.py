@@ -19,6 +19,12 @@ START = re.compile(r"(\S{19})\S+ running job: (\S+) with command: .* as user \w+
                    r"\(state\[Ready\], trig\[(\d\d) (\d\d):(\d\d):(\d\d)\], tab\[.*\]\)")
 
 
+# In a world this fast, the half second that a reload leaves launched jobs to open their programs is
+# over at once.
+MISSED = re.compile(r".* failed, return code: -1, error: (No such file or directory|Text file busy|"
+                    "Permission denied|Exec format error)")
+
+
 class Job:
     """A job whose minutes are as plain to us as to the daemon."""
 
@@ -117,7 +123,11 @@ def launches(machine):
     """Per trigger, how many times each job was launched by it."""
     found = collections.defaultdict(collections.Counter)
     for line in machine.log_lines():
-        stamp, name, *trigger = START.fullmatch(line).groups()
+        if MISSED.fullmatch(line):
+            continue
+        match = START.fullmatch(line)
+        assert match, line
+        stamp, name, *trigger = match.groups()
         found[moment(stamp, *trigger)][name.rpartition("-")[2]] += 1
     return found
 
