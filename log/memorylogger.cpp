@@ -102,11 +102,10 @@ bool Names(const std::string &path, const Descriptor &file) {
            opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
 }
 
-bool Lock(const Descriptor &file) {
-    while (flock(file.Get(), LOCK_EX) == -1)
-        if (errno != EINTR)
-            return false;
-    return true;
+// Where there are no locks, the log is written all the same.
+void Lock(const Descriptor &file) {
+    while (flock(file.Get(), LOCK_EX) == -1 && errno == EINTR)
+        continue;
 }
 
 } // namespace
@@ -181,8 +180,9 @@ Descriptor MemoryLogger::LockLog() const {
     constexpr int tries = 64; // nobody rotates a log as often
     for (int i = 0; i < tries; ++i) {
         Descriptor log = OpenLog(_strLogPath);
-        if (!log || !Lock(log))
+        if (!log)
             return {};
+        Lock(log);
         if (Names(_strLogPath, log))
             return log;
     }

@@ -116,6 +116,12 @@ def test_a_copy_that_fails_leaves_the_one_before(machine):
     assert machine.document() == {}
 
 
+def test_a_copy_that_fails_half_way_leaves_nothing(machine):
+    machine.write("/usr/bin/cp", "#!/bin/sh\necho half > \"$3\"\nexit 1\n", 0o755)
+    assert run_package_job(machine, RECORD)[0].startswith(f"Failed to cp [{RECORD}][{STAGED}][0x0302")
+    assert os.listdir(machine.path("/tmp/kestcrond")) == []
+
+
 def test_a_copy_program_that_is_missing_or_killed(machine):
     machine.path("/usr/bin/cp").unlink()
     machine.jobs("builtin", "f", [never("x")])
@@ -183,6 +189,9 @@ def test_a_program_that_is_no_file(machine, make):
         path.symlink_to("odd")
     texts = [f"missing binary {program}"] if make == "loop" else cp_failed(program)
     refused(machine, program, texts)
+    if make != "loop":
+        error = "Is a directory" if make == "directory" else "Invalid argument"
+        assert machine.messages(priority="err")[0].text.endswith(f" ({error})")
     assert os.listdir(machine.path("/tmp/kestcrond")) == []
     assert owner_and_mode(machine.path("/dev/zero")) == (0, 0, 0o666)
 

@@ -105,6 +105,19 @@ def test_what_is_watched(machine):
     assert machine.loads() == before
 
 
+def test_a_source_that_was_moved_away_is_not_watched(machine):
+    machine.account_directory("alice")
+    machine.start_and_wait()
+    machine.path(TOP).rename(machine.path(TOP + ".away"))
+    wait_for(lambda: machine.exists(TOP), what="a new one")
+    assert quiet(machine)
+    assert len(watches(machine)) == 1
+    before = machine.loads()
+    machine.write(TOP + ".away/file", "")
+    cycles(machine, 3)
+    assert machine.loads() == before
+
+
 def test_the_cycle_after_a_change_comes_at_once(machine):
     machine.clock("2026-06-02 02:10:10", rate=10)
     machine.account_directory("alice")

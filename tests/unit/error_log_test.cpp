@@ -91,9 +91,7 @@ TEST(LogErrorAt, CutsOffWhatIsTooLong) {
     LogErrorAt("cronjob.cpp", 7, "%s", path.c_str());
     ASSERT_EQ(log.Messages().size(), 1U);
     const std::string &text = log.Messages()[0].text;
-    EXPECT_GE(text.size(), 1000U);
-    EXPECT_LT(text.size(), path.size());
-    EXPECT_EQ(text, "cronjob:7 " + path.substr(0, text.size() - 10));
+    EXPECT_EQ(text, "cronjob:7 " + path.substr(0, 8191));
 }
 
 TEST(LogErrorAt, LeavesTheAlarmToOthers) {

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -490,6 +491,16 @@ TEST(XLIBCProcForkEx, GivesTheChildItsState) {
                   if (child == 0)
                       _exit(WrongStateOfChild());
                   return ExitStatusOf(child);
+              }),
+              0);
+}
+
+TEST(XLIBCProcForkEx, TellsThatThereIsNoRoomForAChild) {
+    EXPECT_EQ(InChild([] {
+                  const rlimit limit{0, 0};
+                  if (setrlimit(RLIMIT_NPROC, &limit) != 0 || setuid(kOtherAccount) != 0)
+                      return 1;
+                  return XLIBCProcForkEx(71) == -1 && errno == EAGAIN && XLIBCErrGet() != 0 ? 0 : 2;
               }),
               0);
 }

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace {
@@ -115,6 +117,37 @@ TEST_F(MkdirTest, FailsForAnAccountThatMayNot) {
               }),
               0);
     EXPECT_FALSE(Stands(directory_.File("a")));
+}
+
+// What the controller wrote is where it writes it, on a "/run" of the test's own.
+TEST(KESTVorldStatusGet, ReadsWhatTheControllerWrote) {
+    struct Row {
+        const char *content; // null: no file
+        int result;
+        int status;
+    };
+    const Row rows[] = {
+        {nullptr, 0, 7}, {"2", 0, 2},    {"2\n", 0, 2},         {"-1 \n", 0, -1}, {"0", 0, 0},
+        {"", -1, 7},     {"two", -1, 7}, {"2 2", -1, 7},        {" 2", -1, 7},    {"+2", -1, 7},
+        {"2x", -1, 7},   {"0x2", -1, 7}, {"2147483648", -1, 7},
+    };
+    EXPECT_EQ(InChild([&rows] {
+                  if (unshare(CLONE_NEWNS) != 0 ||
+                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
+                      return 1;
+                  for (const Row &row : rows) {
+                      std::filesystem::remove("/run/kestvorld.status");
+                      if (row.content != nullptr)
+                          WriteText("/run/kestvorld.status", row.content);
+                      SCOPED_TRACE(row.content == nullptr ? "no file" : row.content);
+                      int status = 7;
+                      EXPECT_EQ(KESTVorldStatusGet(2, &status), row.result);
+                      EXPECT_EQ(status, row.status);
+                  }
+                  return testing::Test::HasFailure() ? 2 : 0;
+              }),
+              0);
 }
 
 TEST(KESTUserGetUGID, FindsAnAccount) {
