@@ -274,18 +274,25 @@ void CronDaemon::RemoveAllWatches() {
     watchCount = 0;
 }
 
-void CronDaemon::PollChanges() {
-    if (inotifyFd == -1)
-        return;
+namespace {
+
+// Whether there is something to read at once.
+bool HasNews(int inotify) {
     fd_set readable;
     FD_ZERO(&readable);
-    FD_SET(inotifyFd, &readable);
+    FD_SET(inotify, &readable);
     timeval noWait{0, 0};
-    if (select(inotifyFd + 1, &readable, nullptr, nullptr, &noWait) == -1) {
+    if (select(inotify + 1, &readable, nullptr, nullptr, &noWait) == -1) {
         LOG_ERROR("Failed to select inotify");
-        return;
+        return false;
     }
-    if (!FD_ISSET(inotifyFd, &readable))
+    return FD_ISSET(inotify, &readable);
+}
+
+} // namespace
+
+void CronDaemon::PollChanges() {
+    if (inotifyFd == -1 || !HasNews(inotifyFd))
         return;
     alignas(inotify_event) std::array<char, 1024> records{};
     ssize_t size = 0;
