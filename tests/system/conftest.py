@@ -43,6 +43,10 @@ class Appliance(PrivateMachine):
             UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer")
         return self
 
+    def is_sanitized(self):
+        """Whether the daemon runs under the address sanitizer, which takes memory of its own."""
+        return b"__asan_init" in self.daemon_binary.read_bytes()
+
     def jobs(self, source, file, definitions, account=None):
         """Puts a job file into a source, for the fourth one into the account's directory."""
         directory = SOURCES[source]

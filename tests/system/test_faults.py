@@ -262,9 +262,9 @@ GREEDY = '{"name":"x","user":"root","period":"daily","cmd":"true","list":[' + "0
 
 
 @pytest.fixture(name="plain")
-def skip_sanitizers(request):
+def skip_sanitizers(machine):
     """The address sanitizer reserves more address space than any limit leaves."""
-    if b"__asan_init" in open(request.config.getoption("--daemon"), "rb").read():
+    if machine.is_sanitized():
         pytest.skip("needs a limit on the address space")
 
 

