@@ -219,10 +219,11 @@ bool CronJob::IsDueNow() const {
         LOG_ERROR("Failed to get localtime");
         return false;
     }
-    const auto &keys = FieldKeys();
-    return MatchField(keys[0], local->tm_min) && MatchField(keys[1], local->tm_hour) &&
-           MatchField(keys[2], local->tm_mday) && MatchField(keys[3], local->tm_mon + 1) &&
-           MatchField(keys[4], local->tm_wday);
+    const std::array<std::int32_t, 5> fields = FieldsOf(*local);
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        if (!MatchField(FieldKeys()[i], fields[i]))
+            return false;
+    return true;
 }
 
 bool CronJob::CheckTrigger() {

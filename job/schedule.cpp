@@ -49,6 +49,10 @@ std::vector<std::int32_t> FieldValues(const Json::Value &array) {
     return values;
 }
 
+std::array<std::int32_t, 5> FieldsOf(const std::tm &local) {
+    return {local.tm_min, local.tm_hour, local.tm_mday, local.tm_mon + 1, local.tm_wday};
+}
+
 bool FieldAdmits(const Json::Value &array, std::int32_t value) {
     if (!array.isArray())
         return false;

@@ -7,7 +7,9 @@
 #include "job/cron_field.h"
 #include "platform/kestrandom.h"
 
+#include <array>
 #include <cstdint>
+#include <ctime>
 #include <json/value.h>
 #include <string>
 #include <vector>
@@ -23,6 +25,9 @@ Json::Value DrawField(const std::string &key, const std::vector<CronRange> &item
 
 // The numbers of a field's array; none when it is not an array or any element is not an integer.
 std::vector<std::int32_t> FieldValues(const Json::Value &array);
+
+// What the five fields are compared with in the local minute `local`, in their order.
+std::array<std::int32_t, 5> FieldsOf(const std::tm &local);
 
 // Whether a field's array admits `value`. Allocates nothing.
 bool FieldAdmits(const Json::Value &array, std::int32_t value);

@@ -1,0 +1,34 @@
+// When a job will start, as far as anybody can know.
+//
+// What a random field has drawn holds until the field is drawn anew, at moments that are known
+// (core/redraw.h). A start that takes no value from beyond such a moment is known to the minute. Of
+// any other it is known between which minutes it lies, and which fields are yet to be drawn; where
+// day and weekday both have a say, it may also fail to come.
+
+#ifndef CORE_COMING_STARTS_H
+#define CORE_COMING_STARTS_H
+
+#include "job/cron_field.h"
+
+#include <cstddef>
+#include <ctime>
+#include <json/value.h>
+#include <string>
+#include <vector>
+
+struct ComingStart {
+    std::time_t earliest = 0;         // both are beginnings of local minutes,
+    std::time_t latest = 0;           // the same one when it is known
+    std::vector<std::string> undrawn; // keys of the fields to be drawn first; none when it is known
+};
+
+// The calendar repeats itself after this time: what has not come until then never comes.
+constexpr std::time_t kCalendarRepeats = std::time_t{400} * 366 * 24 * 60 * 60;
+
+// The first `count` starts, in their order, of the job with these items and this drawn schedule, as
+// of `from`, whose own minute is the first that counts. Fewer when no more begin up to `until`;
+// none for a time that has no calendar.
+std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value &schedule,
+                                      std::time_t from, std::time_t until, std::size_t count);
+
+#endif
