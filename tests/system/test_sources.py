@@ -2,6 +2,8 @@
 
 import json
 import os
+import socket
+import stat
 import time
 
 import pytest
@@ -114,6 +116,9 @@ def test_entries_that_are_no_files(machine):
     os.mkfifo(machine.path(directory + "/fifo"))
     machine.path(directory + "/directory").mkdir()
     machine.path(directory + "/device").symlink_to("/dev/zero")
+    os.mknod(machine.path(directory + "/node"), 0o666 | stat.S_IFCHR, os.makedev(1, 5))
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(machine.path(directory + "/socket")))
     machine.path(directory + "/loop").symlink_to("loop")
     machine.path(directory + "/dangling").symlink_to("nowhere")
     machine.path(directory + "/secret").symlink_to("/etc/shadow")
@@ -123,7 +128,7 @@ def test_entries_that_are_no_files(machine):
     machine.start_and_wait()
     assert names(machine) == ["pkg-good-x", "pkg-link-x"]
     assert machine.texts() == [f"JSON file read error: {directory}/{name}" for name in [
-        "dangling", "device", "directory", "fifo", "loop", "secret", "sparse"]]
+        "dangling", "device", "directory", "fifo", "loop", "node", "secret", "socket", "sparse"]]
 
 
 @pytest.mark.parametrize("kernel_file", ["/proc/kmsg", "/proc/self/mem", "/proc/version"])
