@@ -5,7 +5,7 @@ import re
 import signal
 
 import pytest
-from conftest import RECORD, every_minute, never
+from conftest import RECORD, every_minute
 from private_machine import wait_for
 
 

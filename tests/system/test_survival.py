@@ -2,14 +2,13 @@
 that are away."""
 
 import datetime
-import json
 import random
 import signal
 import socket
 import time
 
 import pytest
-from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
+from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
 from private_machine import wait_for
 
 DOCUMENTS = ["/run/kestcrond.config", PERSISTENT_FILE]
