@@ -53,27 +53,48 @@ bool IsRedrawn(const std::string &key, std::time_t moment) {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
-// The first moment after `after` at which the field is drawn anew. The minute may be in any hour,
-// the others at some midnight, which comes twice where the clock is set back over it.
-std::time_t NextRedraw(FieldIndex field, std::time_t after) {
-    constexpr int mostDays = 367;
-    const std::string &key = FieldKeys().at(field);
+// The `number`th day, from that of `local` or before it on, at the beginning of which the field may
+// be drawn.
+std::tm RedrawDay(const std::string &key, std::tm local, int number) {
+    if (key == FieldKeys().at(kHourField))
+        local.tm_mday += number;
+    else if (key == FieldKeys().at(kWeekField))
+        local.tm_mday += (8 - local.tm_wday) % 7 + 7 * number;
+    else
+        local.tm_mday = 1;
+    if (key == FieldKeys().at(kDayField))
+        local.tm_mon += number;
+    if (key == FieldKeys().at(kMonthField)) {
+        local.tm_mon = 0;
+        local.tm_year += number;
+    }
+    return local;
+}
+
+} // namespace
+
+// The minute may be drawn in any hour, the others at some midnight, which comes twice where the
+// clock is set back over it.
+std::time_t NextRedraw(const std::string &key, std::time_t after) {
+    constexpr int mostDays = 12; // more than any zone leaves midnights out
     const std::tm start = LocalTime(after).value_or(std::tm{});
-    if (field == kMinuteField) {
+    if (key == FieldKeys().at(kMinuteField)) {
         std::time_t hour = after - start.tm_min * kMinute - start.tm_sec;
         do
             hour += kHour / 2; // as finely as zones are shifted
         while (hour <= after || !IsRedrawn(key, hour));
         return hour;
     }
-    for (int days = 0; days <= mostDays; ++days)
+    for (int number = 0; number <= mostDays; ++number)
         for (const std::time_t shift : {-kHour, std::time_t{0}, kHour}) {
-            const std::time_t midnight = Midnight(start, 0, days) + shift;
+            const std::time_t midnight = Midnight(RedrawDay(key, start, number), 0, 0) + shift;
             if (midnight > after && IsRedrawn(key, midnight))
                 return midnight;
         }
     return after + kCalendarRepeats; // a zone that jumps over the midnight in question
 }
+
+namespace {
 
 struct Field {
     std::vector<std::int32_t> drawn;   // its values until its next redraw, that minute included,
@@ -89,7 +110,7 @@ Fields FieldsOfJob(const CronFields &items, const Json::Value &schedule, std::ti
         const std::string &key = FieldKeys().at(i);
         Field &field = fields.at(i);
         field.drawn = FieldValues(Member(schedule, key));
-        field.redraw = NextRedraw(static_cast<FieldIndex>(i), from);
+        field.redraw = NextRedraw(key, from);
         const auto found = items.find(key);
         if (found == items.end())
             continue;
@@ -120,6 +141,8 @@ public:
     Search(const Fields &fields, FieldSet undrawn) : fields_(fields), undrawn_(undrawn) {}
 
     std::optional<std::time_t> First(std::time_t moment, std::time_t end) const {
+        if (!EverAdmitsAnyDate())
+            return std::nullopt;
         while (moment <= end) {
             const std::optional<std::tm> local = LocalTime(moment);
             if (!local)
@@ -183,6 +206,22 @@ private:
                EverAdmits(kWeekField, parts);
     }
 
+    // Whether there is a day of some month at all, such as none is the 31st of February.
+    bool EverAdmitsAnyDate() const {
+        constexpr std::array<std::int32_t, 12> lengths{31, 29, 31, 30, 31, 30,
+                                                       31, 31, 30, 31, 30, 31};
+        Parts parts{};
+        for (std::int32_t month = 1; month <= 12; ++month)
+            for (std::int32_t day = 1; day <= lengths.at(static_cast<std::size_t>(month) - 1);
+                 ++day) {
+                parts[kMonthField] = month;
+                parts[kDayField] = day;
+                if (EverAdmits(kMonthField, parts) && EverAdmits(kDayField, parts))
+                    return true;
+            }
+        return false;
+    }
+
     const Fields &fields_;
     FieldSet undrawn_;
 };
@@ -199,9 +238,9 @@ FieldIndex RarestOf(FieldSet undrawn) {
 // of the next one, which looks at the old value first; a start that has only that minute left is
 // taken together with the draw that follows.
 std::time_t EndOfDraw(const Search &search, FieldIndex rarest, std::time_t first) {
-    const std::time_t end = NextRedraw(rarest, first - kMinute);
+    const std::time_t end = NextRedraw(FieldKeys().at(rarest), first - kMinute);
     const bool goesOn = end == first && search.First(end + kMinute, end + kMinute);
-    return goesOn ? NextRedraw(rarest, end) : end;
+    return goesOn ? NextRedraw(FieldKeys().at(rarest), end) : end;
 }
 
 // Adds up to `count` starts that take their values as `undrawn` says.
@@ -210,9 +249,10 @@ void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::ti
     const Search search(fields, undrawn);
     ComingStart start;
     for (std::size_t i = 0; i < kFields; ++i) {
-        if (undrawn[i])
+        if (undrawn[i]) {
             start.undrawn.push_back(FieldKeys().at(i));
-        else if (fields.at(i).lasting.empty())
+            from = std::max(from, fields.at(i).redraw + kMinute);
+        } else if (fields.at(i).lasting.empty())
             until = std::min(until, fields.at(i).redraw); // there is no other value after it
     }
     for (std::size_t i = 0; i < count; ++i) {
@@ -228,6 +268,27 @@ void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::ti
     }
 }
 
+// Where fields are drawn at the same moment, that one minute still belongs to the draw before of
+// the one and to the draw after of the other: hardly anything starts in it, so it is told together
+// with what follows. `starts` are in order.
+void JoinLastMinutes(std::vector<ComingStart> &starts) {
+    for (std::size_t i = 0; i + 1 < starts.size();) {
+        const ComingStart &last = starts[i];
+        const auto next =
+            std::find_if(starts.begin() + static_cast<std::ptrdiff_t>(i) + 1, starts.end(),
+                         [&](const ComingStart &start) { return start.earliest > last.latest; });
+        const bool joins = !last.undrawn.empty() && last.earliest == last.latest &&
+                           next != starts.end() && next->earliest == last.latest + kMinute &&
+                           next->undrawn.size() > last.undrawn.size();
+        if (!joins) {
+            ++i;
+            continue;
+        }
+        next->earliest = last.earliest;
+        starts.erase(starts.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+}
+
 } // namespace
 
 std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value &schedule,
@@ -238,17 +299,19 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
         return starts;
     from -= local->tm_sec;
     const Fields fields = FieldsOfJob(items, schedule, from);
+    const std::size_t spare = 2 * count; // each may be joined with one before
     for (unsigned long set = 0; set < 1UL << kFields; ++set) {
         const FieldSet undrawn(set);
         bool possible = true;
         for (std::size_t i = 0; i < kFields; ++i)
             possible = possible && (!undrawn[i] || !fields.at(i).random.empty());
         if (possible)
-            AddStarts(fields, undrawn, from, until, count, starts);
+            AddStarts(fields, undrawn, from, until, spare, starts);
     }
     std::stable_sort(starts.begin(), starts.end(), [](const ComingStart &a, const ComingStart &b) {
         return std::tie(a.earliest, a.latest) < std::tie(b.earliest, b.latest);
     });
+    JoinLastMinutes(starts);
     starts.resize(std::min(starts.size(), count));
     return starts;
 }

@@ -31,4 +31,7 @@ constexpr std::time_t kCalendarRepeats = std::time_t{400} * 366 * 24 * 60 * 60;
 std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value &schedule,
                                       std::time_t from, std::time_t until, std::size_t count);
 
+// The first moment after `after` at which the field `key` is drawn anew.
+std::time_t NextRedraw(const std::string &key, std::time_t after);
+
 #endif

@@ -1,10 +1,12 @@
 #include "core/crondaemon.h"
 
 #include "core/inotify_records.h"
+#include "core/job_files.h"
 #include "core/job_name.h"
 #include "core/json_contains.h"
 #include "core/launch_note.h"
 #include "core/launch_spacing.h"
+#include "core/paths.h"
 #include "core/redraw.h"
 #include "core/utils.h"
 #include "job/json_members.h"
@@ -33,29 +35,7 @@
 
 namespace {
 
-constexpr const char *kRuntimeFile = "/var/run/kestcrond.config";
-constexpr const char *kRuntimeTemplateFile = "/var/run/kestcrond.st.config";
-constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
-constexpr const char *kPersistentTemplateFile = "/usr/kest/etc/kestcrond.st.config";
 constexpr std::int32_t kCycleSeconds = 60;
-
-// The four places that job files come from, in the order in which they are read.
-struct JobSource {
-    const char *label;
-    const char *directory;
-    bool perAccount;     // one subdirectory per account, instead of job files
-    const char *failure; // what is said when the directory as a whole cannot be read
-};
-constexpr std::array<JobSource, 4> kSources{{
-    {"builtin", "/usr/kest/share/kestcron.d", false,
-     "js built-in job (/usr/kest/share/kestcron.d) loaded failed"},
-    {"builtin-dyn", "/usr/kest/etc/kestcron.d", false,
-     "js built-in dynamic job (/usr/kest/etc/kestcron.d) loaded failed"},
-    {"pkg", "/usr/local/etc/kestcron.d", false,
-     "js pkg job (/usr/local/etc/kestcron.d) loaded failed"},
-    {"pkg_nonroot", "/usr/local/etc/kestcron_nonroot.d", true,
-     "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"},
-}};
 
 } // namespace
 
@@ -159,14 +139,7 @@ void CronDaemon::Evaluate() {
 }
 
 JobState CronDaemon::ComputeState(const CronJob &job, bool held) const {
-    JobFacts facts;
-    facts.passiveMode = passiveMode;
-    facts.runOnPassive = job.runOnPassive;
-    facts.held = held;
-    facts.expireTime = IntegerMember(job._jsJob, "expireTime", 0);
-    facts.overdue = job.IsAssureOverdue();
-    facts.assureRun = job.assureRun;
-    return StateOf(facts);
+    return StateOf(FactsOf(job, passiveMode, held));
 }
 
 namespace {
@@ -327,23 +300,10 @@ Directory OpenDirectory(const std::string &path) {
 std::vector<std::string> NamesIn(const Directory &directory) {
     std::vector<std::string> names;
     while (const dirent *entry = readdir(directory.get()))
-        if (entry->d_name[0] != '.')
+        if (IsJobFileName(entry->d_name))
             names.emplace_back(entry->d_name);
     std::sort(names.begin(), names.end());
     return names;
-}
-
-// The definitions in a job file: its array, or its one object, which is named after the file alone.
-// An empty array for any other document.
-Json::Value DefinitionsOf(Json::Value document) {
-    Json::Value definitions(Json::arrayValue);
-    if (document.isArray())
-        return document;
-    if (document.isObject()) {
-        document["name"] = "default";
-        definitions.append(std::move(document));
-    }
-    return definitions;
 }
 
 // Runs each definition through the job parser and adds the accepted ones, as the parser left them,
@@ -362,46 +322,22 @@ bool AddJobDefinitions(Json::Value &jobSet, const Json::Value &definitions) {
     return allAccepted;
 }
 
-// A directory of job files.
-struct JobDirectory {
-    std::string path;
-    std::string label;
-    std::string account; // of a package account: its jobs run as that, whatever they say
-};
-
-// Reads one job file, as far as there is room. All files of an account together have the room of
-// one, so that no account can make the daemon grow without end.
-bool ReadJobFile(const std::string &path, Json::Value &document, JsonLimits &room,
-                 const std::string &account) {
-    std::size_t size = 0;
-    const bool read = JsonFromFile(path, document, room, &size);
-    if (!account.empty())
-        room.bytes -= std::min(size, room.bytes);
-    return read;
-}
-
 void LoadJobFile(Json::Value &jobSet, const JobDirectory &directory, const std::string &fileName,
                  JsonLimits &room) {
     const std::string path = PathIn(directory.path, fileName);
     const std::string base = FileBaseName(fileName);
     Json::Value document;
-    if (!ReadJobFile(path, document, room, directory.account)) {
+    JsonOrigin origin;
+    const bool read = JsonFromFile(path, document, room, &origin);
+    TakeRoom(room, directory, origin.text.size());
+    if (!read) {
         LOG_ERROR("JSON file read error: %s", path.c_str());
         return;
     }
     Json::Value definitions = DefinitionsOf(std::move(document));
-    for (Json::Value &definition : definitions) {
-        if (!Member(definition, "name").isString()) {
+    for (Json::Value &definition : definitions)
+        if (!NameDefinition(definition, directory, base))
             LOG_ERROR("Job (%s) must have a name!", base.c_str());
-            continue;
-        }
-        if (!directory.account.empty()) {
-            definition["user"] = "package";
-            definition["package_username"] = directory.account;
-        }
-        definition["name"] =
-            FullJobName(directory.label, directory.account, base, definition["name"].asString());
-    }
     if (!AddJobDefinitions(jobSet, definitions))
         LOG_ERROR("Job JSON format error: %s", path.c_str());
 }
@@ -447,7 +383,7 @@ void CronDaemon::ReloadJobs() {
 
 Json::Value CronDaemon::LoadSources() {
     Json::Value jobSet(Json::objectValue);
-    for (const JobSource &source : kSources) {
+    for (const JobSource &source : kJobSources) {
         const bool loaded = source.perAccount
                                 ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
                                 : LoadJobDirectory(jobSet, source.directory, source.label);

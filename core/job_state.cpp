@@ -1,5 +1,7 @@
 #include "core/job_state.h"
 
+#include "job/json_members.h"
+
 #include <array>
 #include <cstddef>
 
@@ -15,6 +17,17 @@ constexpr std::array<JobStateTraits, 6> kTraits{{
 }};
 
 } // namespace
+
+JobFacts FactsOf(const CronJob &job, bool passiveMode, bool held) {
+    JobFacts facts;
+    facts.passiveMode = passiveMode;
+    facts.runOnPassive = job.runOnPassive;
+    facts.held = held;
+    facts.expireTime = IntegerMember(job._jsJob, "expireTime", 0);
+    facts.overdue = job.IsAssureOverdue();
+    facts.assureRun = job.assureRun;
+    return facts;
+}
 
 JobState StateOf(const JobFacts &facts) {
     if (facts.passiveMode && !facts.runOnPassive)

@@ -3,6 +3,8 @@
 #ifndef CORE_JOB_STATE_H
 #define CORE_JOB_STATE_H
 
+#include "job/cronjob.h"
+
 #include <cstdint>
 
 // Computed for every job in every cycle and never stored. The order is part of the meaning.
@@ -24,6 +26,9 @@ struct JobFacts {
     bool overdue = false;
     std::int32_t assureRun = 0;
 };
+
+// The facts about a job, now, on a machine that is passive or held, or not.
+JobFacts FactsOf(const CronJob &job, bool passiveMode, bool held);
 
 JobState StateOf(const JobFacts &facts);
 

@@ -1,6 +1,7 @@
 // The program: one instance, no arguments but one, detached, until a signal ends it.
 
 #include "core/crondaemon.h"
+#include "core/paths.h"
 #include "log/error_log.h"
 #include "log/memorylogger.h"
 #include "platform/descriptor.h"
@@ -14,12 +15,9 @@
 
 // Made before main and destroyed after it, the log first.
 static CronDaemon cronDaemon;
-KEST::MemoryLogger executionLog("/var/log/kestcrond-execute.log", "/tmp/kestcrond.log", 1024);
+KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB);
 
 namespace {
-
-constexpr const char *kPidFile = "/var/run/kestcrond.pid";
-constexpr const char *kDaemonName = "kestcrond";
 
 bool passiveMode = false;
 
@@ -69,7 +67,7 @@ bool close_stdio() {
 
 bool parse_arguments(int argc, char *argv[]) {
     for (int i = 1; i < argc; ++i) {
-        if (std::string(argv[i]) != "--passive-mode")
+        if (std::string(argv[i]) != kPassiveOption)
             return false;
         passiveMode = true;
     }

@@ -123,13 +123,11 @@ bool CronJob::ParseCronField(const std::string &key, const std::string &text) {
 
 bool CronJob::ParseSettings() {
     const Json::Value &config = Member(_jsJob, "config");
-    const Json::Value &assure = Member(config, "assure_execute");
-    const Json::Value &passive = Member(config, "run_on_passive");
-    if (!assure.isConvertibleTo(Json::intValue) || !passive.isConvertibleTo(Json::booleanValue))
+    if (FirstUnusableSetting(config) != nullptr)
         return false;
-    assureExecute = assure.asInt();
+    assureExecute = Member(config, "assure_execute").asInt();
     assureRun = TextMember(config, "assure_execute_action") == "run" ? 1 : 0;
-    runOnPassive = passive.asBool();
+    runOnPassive = Member(config, "run_on_passive").asBool();
     return true;
 }
 
@@ -431,7 +429,8 @@ void CronJob::Launch(std::int32_t delay, const std::string &note) {
         try {
             if (delay > 0)
                 sleep(static_cast<unsigned>(delay));
-            RunJobChild(note);
+            if (RunInChild(note))
+                _exit(EXIT_SUCCESS); // as the command would have, had it been there
         } catch (const std::exception &error) {
             LOG_ERROR("caught a std::exception: %s", error.what());
         }
@@ -484,18 +483,18 @@ void TakeOnAccount(const JobUser &user, const std::string &name) {
 
 } // namespace
 
-void CronJob::RunJobChild(const std::string &note) const {
+bool CronJob::RunInChild(const std::string &note) const {
     const ArgumentVector arguments(Member(_jsJob, "cmd_list"));
     if (arguments.Get() == nullptr) {
         LOG_ERROR("new pszCmd failed");
-        return;
+        return false;
     }
     signal(SIGCHLD, SIG_DFL);
     const std::string name = Name();
     const JobUser user = ResolveJobUser(Member(_jsJob, "config"));
     if (!user.valid) {
         LOG_ERROR("Failed to get user group info for job [%s]", name.c_str());
-        return;
+        return false;
     }
     const std::string running =
         "running job: " + name + " with command: " + TextMember(_jsJob, "cmd_str");
@@ -507,5 +506,5 @@ void CronJob::RunJobChild(const std::string &note) const {
     if (rc < 0)
         WriteExecutionLog(running + " failed, return code: " + std::to_string(rc) +
                           ", error: " + std::strerror(errno));
-    _exit(EXIT_SUCCESS);
+    return true;
 }

@@ -61,6 +61,11 @@ public:
     // fork fails, says so and keeps `scheduleText`. `note` goes into the execution log's line.
     void Launch(std::int32_t delay, const std::string &note);
 
+    // In a child of its own: writes the execution log's line with `note`, takes on the account and
+    // becomes the command. Returns only when that fails: false when the job cannot be prepared,
+    // true, with a line in the execution log, when its command cannot be run.
+    bool RunInChild(const std::string &note) const;
+
     bool valid = false;
     std::int32_t assureExecute = 0; // hours; 0: not assured
     std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
@@ -76,10 +81,6 @@ private:
     bool ParseCronField(const std::string &key, const std::string &text);
     bool ParseSettings();
     bool ParseCommand();
-
-    // In the child: takes on the account and runs the command. Returns only when the job cannot be
-    // prepared; otherwise the process ends.
-    void RunJobChild(const std::string &note) const;
 };
 
 // The account that a job runs as.

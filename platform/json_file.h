@@ -20,12 +20,18 @@ constexpr JsonLimits kJobFileLimits{std::size_t{1} << 20, 64};
 // file: what we have written we can always read again.
 constexpr JsonLimits kOwnFileLimits{std::numeric_limits<std::size_t>::max(), 128};
 
+// What a document was read from.
+struct JsonOrigin {
+    std::string text;  // the file's, as far as it was read; values tell their offsets in it
+    std::string fault; // what the parser says of a file that holds no document
+};
+
 // Reads the JSON document in the file `path`, symbolic links followed, comments dropped. Returns
 // false, with `value` null and errno telling why, for anything but a regular file within `limits`
 // that holds exactly one document (EBADMSG when it does not). Never blocks, never throws for what a
-// file holds, and never opens a device. `size`, when given, becomes the number of bytes read.
+// file holds, and never opens a device. `origin`, when given, is filled in either case.
 bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
-                  std::size_t *size = nullptr);
+                  JsonOrigin *origin = nullptr);
 
 // How hard a document must be to lose.
 enum class Durability {

@@ -38,10 +38,13 @@ Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
     return Descriptor(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
-bool Parse(const std::string &text, int depth, Json::Value &value) {
+bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
+    const std::string &text = origin.text;
     // The library takes a zero byte for the end, and would not look at what follows.
-    if (text.find('\0') != std::string::npos)
+    if (text.find('\0') != std::string::npos) {
+        origin.fault = "There is a zero byte in the text.";
         return false;
+    }
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["allowTrailingCommas"] = false;
@@ -49,11 +52,12 @@ bool Parse(const std::string &text, int depth, Json::Value &value) {
     builder["stackLimit"] = depth;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     try {
-        return reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+        return reader->parse(text.data(), text.data() + text.size(), &value, &origin.fault);
     } catch (const std::bad_alloc &) {
         throw;
     } catch (const std::exception &) {
-        return false; // nested too deep
+        origin.fault = "Values are nested deeper than " + std::to_string(depth) + " levels.";
+        return false;
     }
 }
 
@@ -115,16 +119,15 @@ void FlushDirectoryOf(const std::string &path) {
 } // namespace
 
 bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
-                  std::size_t *size) {
+                  JsonOrigin *origin) {
     value = Json::Value();
+    JsonOrigin unasked;
+    JsonOrigin &read = origin != nullptr ? *origin : unasked;
+    read = {};
     const Descriptor file = OpenRegularFile(path, limits.bytes);
-    std::string text;
-    const bool whole = file && ReadAll(file.Get(), limits.bytes, text);
-    if (size != nullptr)
-        *size = text.size();
-    if (!whole)
+    if (!file || !ReadAll(file.Get(), limits.bytes, read.text))
         return false;
-    if (Parse(text, limits.depth, value))
+    if (Parse(read, limits.depth, value))
         return true;
     value = Json::Value();
     errno = EBADMSG;

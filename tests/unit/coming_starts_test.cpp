@@ -126,6 +126,11 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
         {"0 12 * * ~",
          R"({"week": [0]})",
          {"2026-06-07 12:00", "2026-06-08 12:00..2026-06-14 12:00 week"}},
+        // The one minute that is left of a draw is told together with what follows.
+        {"~ ~ * * ~",
+         R"({"Minute": [32], "hour": [2], "week": [1]})",
+         {"2026-06-08 00:00..2026-06-15 00:00 Minute,hour,week",
+          "2026-06-15 00:01..2026-06-22 00:00 Minute,hour,week"}},
         {"0 12 * ~ *", R"({"month": [6]})", {"2026-06-02 12:00", "2026-06-03 12:00"}},
         {"0 12 1 ~ *",
          R"({"month": [3]})",

@@ -395,4 +395,32 @@ TEST(JsonToString, IsTheDocumentAsText) {
     EXPECT_NE(JsonToString(document).back(), '\n');
 }
 
+TEST_F(JsonFromFileTest, TellsWhatItReadAndWhatIsWrongWithIt) {
+    const struct {
+        std::string text;
+        std::string fault;
+    } rows[] = {
+        {"[1]", ""},
+        {"{\n  \"a\": }", "* Line 2, Column 8"},
+        {std::string("[1]\0", 4), "zero byte"},
+        {std::string(65, '[') + std::string(65, ']'), "deeper than 64 levels"},
+    };
+    for (const auto &row : rows) {
+        Json::Value value;
+        JsonOrigin origin{"what was read before", "of that"};
+        JsonFromFile(Write(row.text), value, kJobFileLimits, &origin);
+        EXPECT_EQ(origin.text, row.text);
+        EXPECT_THAT(origin.fault, testing::HasSubstr(row.fault));
+        EXPECT_EQ(origin.fault.empty(), row.fault.empty());
+    }
+}
+
+TEST_F(JsonFromFileTest, ValuesTellWhereTheyStand) {
+    Json::Value value;
+    ASSERT_TRUE(JsonFromFile(Write(R"({"a": [1, "x"]})"), value, kJobFileLimits));
+    EXPECT_EQ(value["a"].getOffsetStart(), 6);
+    EXPECT_EQ(value["a"][1].getOffsetStart(), 10);
+    EXPECT_EQ(value["a"][1].getOffsetLimit(), 13);
+}
+
 } // namespace

@@ -1,0 +1,68 @@
+#include "core/job_files.h"
+
+#include "tests/unit/support/json_text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(JobFiles, AreAllButHiddenOnes) {
+    EXPECT_TRUE(IsJobFileName("a.conf"));
+    EXPECT_TRUE(IsJobFileName("a"));
+    EXPECT_TRUE(IsJobFileName("a.conf~"));
+    EXPECT_FALSE(IsJobFileName(".a.conf"));
+    EXPECT_FALSE(IsJobFileName(".."));
+    EXPECT_FALSE(IsJobFileName(""));
+}
+
+TEST(JobFiles, OfAnAccountShareTheRoomOfOne) {
+    JsonLimits room{100, 64};
+    TakeRoom(room, {"/d", "pkg", ""}, 60);
+    EXPECT_EQ(room.bytes, 100U);
+    TakeRoom(room, {"/d", "pkg_nonroot", "alice"}, 60);
+    EXPECT_EQ(room.bytes, 40U);
+    TakeRoom(room, {"/d", "pkg_nonroot", "alice"}, 60);
+    EXPECT_EQ(room.bytes, 0U);
+}
+
+TEST(Definitions, AreTheElementsOrTheOneObject) {
+    struct {
+        const char *document;
+        const char *definitions;
+    } const rows[] = {
+        {R"([{"name": "a"}, 1])", R"([{"name": "a"}, 1])"},
+        {R"({"name": "a", "cmd": "x"})", R"([{"name": "default", "cmd": "x"}])"},
+        {"{}", R"([{"name": "default"}])"},
+        {"[]", "[]"},
+        {R"("text")", "[]"},
+        {"7", "[]"},
+        {"null", "[]"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(DefinitionsOf(FromText(row.document)), FromText(row.definitions)) << row.document;
+}
+
+TEST(Definitions, GetTheirFullNames) {
+    Json::Value definition = FromText(R"({"name": "a", "user": "root"})");
+    EXPECT_TRUE(NameDefinition(definition, {"/d", "pkg", ""}, "file"));
+    EXPECT_EQ(definition, FromText(R"({"name": "pkg-file-a", "user": "root"})"));
+}
+
+TEST(Definitions, OfAnAccountRunAsIt) {
+    Json::Value definition =
+        FromText(R"({"name": "a", "user": "root", "package_username": "bob"})");
+    EXPECT_TRUE(NameDefinition(definition, {"/d", "pkg_nonroot", "alice"}, "file"));
+    EXPECT_EQ(definition, FromText(R"({"name": "pkg_nonroot-alice-file-a", "user": "package",
+                                       "package_username": "alice"})"));
+}
+
+TEST(Definitions, WithoutANameStayAsTheyAre) {
+    for (const char *text : {R"({"name": 1, "user": "root"})", R"({"user": "root"})", "[]", "7",
+                             R"("name")", "null"}) {
+        Json::Value definition = FromText(text);
+        EXPECT_FALSE(NameDefinition(definition, {"/d", "pkg_nonroot", "alice"}, "f")) << text;
+        EXPECT_EQ(definition, FromText(text)) << text;
+    }
+}
+
+} // namespace
