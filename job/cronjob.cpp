@@ -1,5 +1,6 @@
 #include "job/cronjob.h"
 
+#include "job/account.h"
 #include "job/command.h"
 #include "job/definition.h"
 #include "job/json_members.h"
@@ -151,23 +152,13 @@ bool IsCText(const std::string &text) {
     return text.find('\0') == std::string::npos;
 }
 
-// The account that the definition names; nothing, with a message, when it names none. The class of
-// the account is found anywhere in the text of "user", so that "rootjob" is an account of that
-// name.
-std::optional<std::string> AccountOf(const Json::Value &config) {
-    const std::string user = TextMember(config, "user");
-    const auto mentions = [&](const char *word) { return user.find(word) != std::string::npos; };
-    if (mentions("package")) {
-        if (Member(config, "package_username").isString())
-            return TextMember(config, "package_username");
+void SayWhyNobody(const Json::Value &config) {
+    if (IsOfPackage(config))
         LOG_ERROR("you are not package! error user in config");
-        return std::nullopt;
-    }
-    if (mentions("system") || mentions("root"))
-        return user;
-    LOG_ERROR("wrong user %s! you can only specify root/system/package in config [%s]",
-              user.c_str(), JsonToString(Member(config, "name")).c_str());
-    return std::nullopt;
+    else
+        LOG_ERROR("wrong user %s! you can only specify root/system/package in config [%s]",
+                  TextMember(config, "user").c_str(), JsonToString(Member(config, "name")).c_str());
+    LOG_ERROR("Unable to determine user");
 }
 
 } // namespace
@@ -176,7 +167,7 @@ JobUser ResolveJobUser(const Json::Value &config) {
     JobUser user;
     const std::optional<std::string> account = AccountOf(config);
     if (!account) {
-        LOG_ERROR("Unable to determine user");
+        SayWhyNobody(config);
         return user;
     }
     user.name = *account;
