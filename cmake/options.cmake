@@ -1,5 +1,6 @@
 # What can be chosen at configure time, and the compiler settings that every target shares.
 
+option(KESTCROND_BUILD_CTL "Build kestcronctl; needs CLI11" ON)
 option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
 option(KESTCROND_BUILD_FUZZERS "Build the fuzz targets; needs clang" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)

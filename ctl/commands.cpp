@@ -1,0 +1,45 @@
+#include "ctl/commands.h"
+
+#include "ctl/failure.h"
+#include "ctl/times.h"
+#include "log/printable.h"
+
+#include <fnmatch.h>
+#include <iostream>
+#include <json/writer.h>
+
+bool IsMeant(const std::string &pattern, const std::string &name) {
+    if (pattern.find_first_of("*?[") == std::string::npos)
+        return name.find(pattern) != std::string::npos;
+    return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
+}
+
+std::time_t TimeArgument(const Context &context, const std::string &text) {
+    const std::optional<std::time_t> time =
+        text.empty() ? context.now : ReadTime(text, context.now);
+    if (!time)
+        throw Failure("\"" + text +
+                      "\" is no time; write 2026-11-15 03:00, 03:00, yesterday, 2h "
+                      "(ago) or +2h");
+    return *time;
+}
+
+void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context) {
+    if (context.appliance.IsThisOne() && !daemon.Runs())
+        std::cerr << "kestcronctl: kestcrond does not run: nothing starts by itself; this is from "
+                  << runtime.path << " of " << WhenInWords(runtime.saved, context.now) << "\n";
+    for (const std::string &name : runtime.corrupt)
+        std::cerr << "kestcronctl: " << runtime.path << ": \"" << Printable(name)
+                  << "\" is no job\n";
+}
+
+void WriteJson(const Json::Value &document) {
+    std::cout << JsonToString(document) << "\n";
+}
+
+void WriteJsonLine(const Json::Value &document) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    std::cout << Json::writeString(builder, document) << "\n";
+}

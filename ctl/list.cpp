@@ -1,0 +1,35 @@
+#include "ctl/commands.h"
+#include "ctl/condition.h"
+#include "ctl/facts.h"
+#include "ctl/times.h"
+#include "ctl/words.h"
+#include "job/json_members.h"
+
+#include <iostream>
+
+int List(const Context &context, const ListOptions &options) {
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    Json::Value answer(Json::arrayValue);
+    Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
+    for (const LiveJob &job : runtime.jobs) {
+        if (!IsMeant(options.pattern, job.name))
+            continue;
+        if (context.json) {
+            answer.append(JobToJson(job, daemon, context.now));
+            continue;
+        }
+        const ConditionWords &state = InWords(ConditionOf(job, daemon));
+        const std::optional<JobStart> next = NextStart(job, daemon, context.now);
+        table.Add({job.name, job.account, ScheduleInWords(Member(job.job._jsJob, "schedule")),
+                   job.lastRun != 0 ? WhenInShort(job.lastRun, context.now) : "-",
+                   next ? StartInShort(*next, context.now) : "never", state.text},
+                  state.colour);
+    }
+    if (context.json)
+        WriteJson(answer);
+    else
+        std::cout << table.Show(context.screen);
+    return 0;
+}

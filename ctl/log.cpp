@@ -1,0 +1,163 @@
+#include "core/paths.h"
+#include "ctl/commands.h"
+#include "ctl/facts.h"
+#include "ctl/failure.h"
+#include "ctl/log_line.h"
+#include "ctl/times.h"
+#include "platform/descriptor.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <iostream>
+#include <limits>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+// The answer in JSON: one object a line, with "time", "job" (null when the line tells of none),
+// "failed" and "text".
+
+namespace {
+
+struct Filter {
+    std::string job;
+    std::time_t since = 0;
+    bool failed = false;
+
+    bool Admits(const LogLine &line) const {
+        return line.time >= since && (!failed || line.failed) &&
+               (job.empty() || (!line.job.empty() && IsMeant(job, line.job)));
+    }
+};
+
+// A log that may be rotated while it is read.
+class LogFile {
+public:
+    explicit LogFile(std::string path) : path_(std::move(path)) {}
+
+    // Opens the file that the path names now. Returns false with errno set when it cannot.
+    bool Open() {
+        file_ = Descriptor(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        rest_.clear();
+        return static_cast<bool>(file_);
+    }
+
+    bool IsOpen() const { return static_cast<bool>(file_); }
+
+    // The next whole line; false at the end of what there is.
+    bool ReadLine(std::string &line) {
+        for (auto end = rest_.find('\n'); true; end = rest_.find('\n')) {
+            if (end != std::string::npos) {
+                line = rest_.substr(0, end);
+                rest_.erase(0, end + 1);
+                return true;
+            }
+            std::array<char, 65536> block{};
+            const ssize_t size = read(file_.Get(), block.data(), block.size());
+            if (size <= 0)
+                return false;
+            rest_.append(block.data(), static_cast<std::size_t>(size));
+        }
+    }
+
+    // What stands behind the last whole line.
+    std::string TakeTorn() { return std::exchange(rest_, {}); }
+
+    // Whether the path names another file by now, or this one begins anew.
+    bool IsRotated() const {
+        struct stat opened {};
+        struct stat named {};
+        if (fstat(file_.Get(), &opened) == -1 || stat(path_.c_str(), &named) == -1)
+            return false; // between the old one and the new one
+        return opened.st_ino != named.st_ino || opened.st_dev != named.st_dev ||
+               opened.st_size < lseek(file_.Get(), 0, SEEK_CUR);
+    }
+
+private:
+    std::string path_;
+    Descriptor file_;
+    std::string rest_;
+};
+
+void Write(const Context &context, const LogLine &line) {
+    if (!context.json) {
+        std::cout << line.stamp
+                  << Coloured(context.screen, line.failed ? Colour::Red : Colour::None, line.text)
+                  << "\n";
+        return;
+    }
+    Json::Value json;
+    json["time"] = line.time >= 0 ? Json::Value(Iso(line.time)) : Json::Value();
+    json["job"] = line.job.empty() ? Json::Value() : Json::Value(line.job);
+    json["failed"] = line.failed;
+    json["text"] = line.text;
+    WriteJsonLine(json);
+}
+
+// Writes what there is, as far as it is asked for: the last `most` lines, or all.
+void WritePast(const Context &context, LogFile &file, const Filter &filter,
+               std::optional<std::size_t> most, bool goesOn) {
+    std::deque<LogLine> kept;
+    const auto take = [&](const std::string &line) {
+        LogLine parsed = ParseLogLine(line);
+        if (!filter.Admits(parsed))
+            return;
+        if (!most) {
+            Write(context, parsed);
+            return;
+        }
+        kept.push_back(std::move(parsed));
+        if (kept.size() > *most)
+            kept.pop_front();
+    };
+    for (std::string line; file.ReadLine(line);)
+        take(line);
+    if (const std::string torn = goesOn ? "" : file.TakeTorn(); !torn.empty())
+        take(torn);
+    for (const LogLine &line : kept)
+        Write(context, line);
+}
+
+[[noreturn]] void Follow(const Context &context, LogFile &file, const Filter &filter) {
+    constexpr std::chrono::milliseconds pause(100);
+    for (;;) {
+        const bool rotated = !file.IsOpen() || file.IsRotated();
+        for (std::string line; file.IsOpen() && file.ReadLine(line);)
+            if (const LogLine parsed = ParseLogLine(line); filter.Admits(parsed))
+                Write(context, parsed);
+        if (!std::cout.flush())
+            throw Failure(std::string("standard output: ") + std::strerror(errno));
+        // What the old file got until now is read; the new one is begun at its beginning.
+        if (!rotated || !file.Open())
+            std::this_thread::sleep_for(pause);
+    }
+}
+
+} // namespace
+
+int Log(const Context &context, const LogOptions &options) {
+    constexpr std::size_t someBefore = 10; // lines in front of those that are followed
+    const std::string path = context.appliance.Locate(kExecutionLogFile);
+    Filter filter{options.job, 0, options.failed};
+    filter.since = options.since.empty() ? std::numeric_limits<std::time_t>::min()
+                                         : TimeArgument(context, options.since);
+    LogFile file(path);
+    if (!file.Open()) {
+        if (errno != ENOENT)
+            throw Failure(path + ": " + std::strerror(errno));
+        std::cerr << "kestcronctl: there is no " << path << " yet\n";
+    } else {
+        std::optional<std::size_t> most = options.lines;
+        if (options.follow && options.since.empty() && !most)
+            most = someBefore;
+        WritePast(context, file, filter, most, options.follow);
+    }
+    if (options.follow)
+        Follow(context, file, filter);
+    return 0;
+}

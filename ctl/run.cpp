@@ -1,0 +1,123 @@
+#include "ctl/commands.h"
+#include "ctl/failure.h"
+#include "ctl/messages.h"
+#include "log/printable.h"
+#include "platform/descriptor.h"
+#include "platform/kestcore.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <pwd.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kNotPrepared = 126; // as shells have it
+constexpr int kNotRun = 127;
+
+// Who asked for it, before he became root.
+std::string Asker() {
+    const char *sudo = std::getenv("SUDO_USER");
+    const passwd *account = getpwuid(getuid());
+    return sudo != nullptr ? sudo : account != nullptr ? account->pw_name : "root";
+}
+
+std::string NoteOf(const LiveJob &job, std::time_t now) {
+    std::tm local{};
+    localtime_r(&now, &local);
+    std::ostringstream time;
+    char text[32] = "";
+    std::strftime(text, sizeof text, "%d %H:%M:%S", &local);
+    return std::string("state[Manual], trig[") + text + "], tab[" + job.job.RenderSchedule() +
+           "], by[" + Asker() + "]";
+}
+
+// A job has the daemon's environment, directory and file mode mask, not those of somebody's shell:
+// what goes wrong at night shall go wrong here.
+void TakeOnSurroundings(const Daemon &daemon) {
+    if (chdir("/") == -1)
+        std::cerr << "kestcronctl: /: " << std::strerror(errno) << "\n";
+    if (const int null = open("/dev/null", O_RDONLY); null != -1) {
+        dup2(null, STDIN_FILENO);
+        if (null != STDIN_FILENO)
+            close(null);
+    }
+    if (!daemon.Runs())
+        return;
+    const std::string directory = "/proc/" + std::to_string(daemon.pid) + "/";
+    clearenv();
+    std::ifstream environment(directory + "environ");
+    for (std::string variable; std::getline(environment, variable, '\0');)
+        if (const auto equals = variable.find('='); equals != std::string::npos)
+            setenv(variable.substr(0, equals).c_str(), variable.c_str() + equals + 1, 1);
+    std::ifstream status(directory + "status");
+    for (std::string word; status >> word;)
+        if (word == "Umask:" && status >> word)
+            umask(static_cast<mode_t>(std::strtoul(word.c_str(), nullptr, 8)));
+}
+
+[[noreturn]] void BecomeJob(const CronJob &job, const Daemon &daemon, const std::string &note) {
+    int status = kNotPrepared;
+    try {
+        TakeOnSurroundings(daemon);
+        if (job.RunInChild(note)) {
+            status = kNotRun;
+            std::cerr << "kestcronctl: its command cannot be run; the execution log tells why\n";
+        }
+    } catch (const std::exception &error) {
+        std::cerr << "kestcronctl: " << error.what() << "\n";
+    }
+    for (const std::string &message : TakeMessages())
+        std::cerr << "kestcronctl: " << Printable(message) << "\n";
+    std::cerr.flush();
+    _exit(status);
+}
+
+// The keyboard's signals are for the job, which ends or does not.
+int WaitFor(pid_t pid) {
+    constexpr int signalled = 128;
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGQUIT, SIG_IGN);
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1)
+        if (errno != EINTR)
+            throw Failure(std::string("cannot wait for the job: ") + std::strerror(errno));
+    if (WIFSIGNALED(status)) {
+        std::cerr << "kestcronctl: ended by signal " << WTERMSIG(status) << " ("
+                  << strsignal(WTERMSIG(status)) << ")\n";
+        return signalled + WTERMSIG(status);
+    }
+    return WEXITSTATUS(status);
+}
+
+} // namespace
+
+int Run(const Context &context, const RunOptions &options) {
+    if (!context.appliance.IsThisOne())
+        throw Failure("a job of another system cannot be run here");
+    if (geteuid() != 0)
+        throw Failure("only root can run a job as its account");
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    const LiveJob &job = FindJob(runtime, options.job);
+    if (!XLIBCFileExist(job.staged.c_str()))
+        throw Failure(job.staged + " is not there: the daemon stages it when it loads the job");
+    CronJob prepared = job.job;
+    prepared._jsJob["cmd_list"][0U] = job.staged;
+    std::cout.flush();
+    const pid_t pid = XLIBCProcForkEx(71);
+    if (pid == -1)
+        throw Failure(std::string("cannot fork: ") + std::strerror(errno));
+    if (pid == 0)
+        BecomeJob(prepared, daemon, NoteOf(job, context.now));
+    return WaitFor(pid);
+}

@@ -1,0 +1,170 @@
+#include "core/paths.h"
+#include "ctl/commands.h"
+#include "ctl/condition.h"
+#include "ctl/facts.h"
+#include "ctl/log_line.h"
+#include "ctl/times.h"
+#include "ctl/words.h"
+#include "job/json_members.h"
+#include "log/printable.h"
+#include "platform/descriptor.h"
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+// The answer in JSON: the members of a job in `list`, and "definition", "command" (an array),
+// "assure_execute" (hours), "assure_run", "run_on_passive", "program", "staged" (paths),
+// "staged_state" ("same", "differs", "missing", "unknown"), "starts" (the next ones) and "log"
+// (lines).
+
+namespace {
+
+constexpr std::size_t kStarts = 3;
+constexpr std::size_t kLogLines = 5;
+
+std::optional<std::string> ContentOf(const std::string &path) {
+    std::string content;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file || !ReadAll(file.Get(), std::numeric_limits<std::size_t>::max(), content))
+        return std::nullopt;
+    return content;
+}
+
+struct Staged {
+    const char *word; // in JSON
+    std::string text;
+};
+
+// How the staged program and the one it was copied from compare by now.
+Staged Compare(const Context &context, const LiveJob &job, const std::string &program) {
+    const std::string staged = context.appliance.Locate(job.staged);
+    if (access(staged.c_str(), F_OK) == -1)
+        return {"missing", "not staged: no daemon has loaded it since /tmp was cleaned"};
+    const auto copy = ContentOf(staged);
+    if (!copy)
+        return {"unknown", "staged; only root can compare it with its source"};
+    const auto source = ContentOf(context.appliance.Locate(program));
+    if (!source)
+        return {"differs", std::string("staged; its source: ") + std::strerror(errno)};
+    if (*copy == *source)
+        return {"same", "staged, the same as its source"};
+    return {"differs", "staged; its source has changed since, a reload takes that over"};
+}
+
+std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
+    std::deque<LogLine> lines;
+    const std::string name = Printable(job.name);
+    std::ifstream log(context.appliance.Locate(kExecutionLogFile));
+    for (std::string text; std::getline(log, text);) {
+        LogLine line = ParseLogLine(text);
+        if (line.job != name)
+            continue;
+        lines.push_back(std::move(line));
+        if (lines.size() > kLogLines)
+            lines.pop_front();
+    }
+    return lines;
+}
+
+struct Facts {
+    const LiveJob &job;
+    Daemon daemon;
+    std::string program;
+    Staged staged;
+    std::vector<JobStart> starts;
+    std::deque<LogLine> lines;
+};
+
+Json::Value ToJson(const Facts &facts, std::time_t now) {
+    const Json::Value &document = facts.job.job._jsJob;
+    Json::Value json = JobToJson(facts.job, facts.daemon, now);
+    json["definition"] = Member(document, "config");
+    json["command"] = Member(document, "cmd_list");
+    json["assure_execute"] = facts.job.job.assureExecute;
+    json["assure_run"] = facts.job.job.assureRun == 1;
+    json["run_on_passive"] = facts.job.job.runOnPassive;
+    json["program"] = facts.program;
+    json["staged"] = facts.job.staged;
+    json["staged_state"] = facts.staged.word;
+    json["starts"] = Json::Value(Json::arrayValue);
+    for (const JobStart &start : facts.starts)
+        json["starts"].append(StartToJson(start, start.overdue));
+    json["log"] = Json::Value(Json::arrayValue);
+    for (const LogLine &line : facts.lines)
+        json["log"].append(line.stamp + line.text);
+    return json;
+}
+
+void Line(const std::string &name, const std::string &text) {
+    std::cout << Padded(name.empty() ? "" : name + ":", 12) << Printable(text) << "\n";
+}
+
+std::string AssuranceInWords(const CronJob &job) {
+    if (job.assureExecute == 0)
+        return "no: a missed run is not made up for";
+    return "run after " + std::to_string(job.assureExecute) + " h without a run" +
+           (job.assureRun == 1 ? ", even while the machine is held" : "");
+}
+
+void Write(const Facts &facts, const Context &context) {
+    const LiveJob &job = facts.job;
+    const Json::Value &document = job.job._jsJob;
+    const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
+    std::cout << Coloured(context.screen, Colour::Bold, Printable(job.name)) << "\n";
+    Line("state", state.text + (job.process != 0 ? ", process " + std::to_string(job.process)
+                                                 : std::string()));
+    Line("account", job.account);
+    Line("command", TextMember(document, "cmd_str"));
+    Line("program", job.staged);
+    Line("", facts.staged.text);
+    Line("schedule", ScheduleInWords(Member(document, "schedule")));
+    Line("", "drawn as " + job.job.RenderSchedule());
+    Line("assured", AssuranceInWords(job.job));
+    Line("passive",
+         job.job.runOnPassive ? "run on a passive machine too" : "not run on a passive machine");
+    Line("last run", job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "none known");
+    std::string name = "next runs";
+    for (const JobStart &start : facts.starts)
+        Line(std::exchange(name, ""), NextInWords(start, context.now));
+    if (facts.starts.empty())
+        Line(name, "never");
+    std::cout << "\ndefinition:\n" << JsonToString(Member(document, "config")) << "\n\nlog:\n";
+    for (const LogLine &line : facts.lines)
+        std::cout << line.stamp
+                  << Coloured(context.screen, line.failed ? Colour::Red : Colour::None, line.text)
+                  << "\n";
+    if (facts.lines.empty())
+        std::cout << (access(context.appliance.Locate(kExecutionLogFile).c_str(), R_OK) == 0
+                          ? "no lines of it\n"
+                          : "cannot be read here\n");
+}
+
+} // namespace
+
+int Show(const Context &context, const ShowOptions &options) {
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    const LiveJob &job = FindJob(runtime, options.job);
+    const Json::Value &first = Member(job.job._jsJob, "cmd_list")[0U];
+    const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
+    const Facts facts{job,
+                      daemon,
+                      program,
+                      Compare(context, job, program),
+                      StartsOf(job, daemon, context.now, context.now + kCalendarRepeats, kStarts),
+                      LinesOf(context, job)};
+    if (context.json)
+        WriteJson(ToJson(facts, context.now));
+    else
+        Write(facts, context);
+    return 0;
+}

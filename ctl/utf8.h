@@ -1,0 +1,13 @@
+// Text whose bytes are UTF-8 for certain.
+
+#ifndef CTL_UTF8_H
+#define CTL_UTF8_H
+
+#include <string>
+#include <string_view>
+
+// `text` with the replacement character in place of each byte that belongs to no character. Names
+// of files and jobs may hold any bytes, while formats that others read admit characters only.
+std::string ValidUtf8(std::string_view text);
+
+#endif

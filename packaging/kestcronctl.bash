@@ -1,0 +1,72 @@
+# bash completion for kestcronctl
+
+# Job names are written by package authors: they are never expanded, and quoted where that matters.
+_kestcronctl_jobs() {
+    local name
+    while IFS= read -r name; do
+        [[ $name != "$1"* || $name == *\\* ]] || COMPREPLY+=("$(printf '%q' "$name")")
+    done < <(kestcronctl list --json 2>/dev/null |
+        sed -n 's/^[[:space:]]*"name" : "\(.*\)",\{0,1\}$/\1/p')
+}
+
+_kestcronctl_files() {
+    compopt -o filenames
+    mapfile -t COMPREPLY < <(compgen "$1" -- "$2")
+}
+
+_kestcronctl() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
+    local commands='check list next explain status log show timeline run reload metrics'
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        word=${COMP_WORDS[i]}
+        if [[ ${COMP_WORDS[i - 1]} != --root && " $commands " == *" $word "* ]]; then
+            command=$word
+            break
+        fi
+    done
+    COMPREPLY=()
+    case $previous in
+    --root)
+        _kestcronctl_files -d "$current"
+        return
+        ;;
+    --svg)
+        _kestcronctl_files -f "$current"
+        return
+        ;;
+    --job)
+        _kestcronctl_jobs "$current"
+        return
+        ;;
+    --period)
+        mapfile -t COMPREPLY < <(compgen -W 'hourly daily weekly monthly' -- "$current")
+        return
+        ;;
+    --at | --since)
+        mapfile -t COMPREPLY < <(compgen -W 'now today yesterday tomorrow' -- "$current")
+        return
+        ;;
+    -n | --hours | --timeout) return ;;
+    esac
+    if [[ $current == -* ]]; then
+        local options='--root --json --help'
+        case $command in
+        '') options+=' --version' ;;
+        check) options+=' --errors-only' ;;
+        next) options+=' -n --at' ;;
+        explain) options+=' --period' ;;
+        log) options+=' -f --follow -n --job --since --failed' ;;
+        timeline) options+=' --hours --svg' ;;
+        reload) options+=' --timeout' ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+        return
+    fi
+    case $command in
+    '') mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
+    check) _kestcronctl_files -f "$current" ;;
+    list | next | show | run) _kestcronctl_jobs "$current" ;;
+    esac
+}
+
+complete -F _kestcronctl kestcronctl

@@ -1,0 +1,137 @@
+#include "ctl/starts.h"
+
+#include "ctl/condition.h"
+#include "tests/unit/support/clock.h"
+#include "tests/unit/support/json_text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::time_t kHour = 3600;
+constexpr std::time_t kDay = 24 * kHour;
+const std::time_t kNow = Utc(2026, 6, 2, 2, 10, 30);
+const std::time_t kMinuteOfNow = Utc(2026, 6, 2, 2, 10);
+
+LiveJob JobOf(const std::string &crontab, int hours = 0, std::time_t lastRun = kNow - kDay) {
+    Json::Value document =
+        FromText(R"({"config": {"name": "pkg-a-b", "user": "root", "cmd": "x", "period": "c"}})");
+    document["config"]["crontab"] = crontab;
+    document["config"]["assure_execute"] = hours;
+    document["lastExecution"] = Json::Int64{lastRun};
+    LiveJob live;
+    live.job = CronJob(document);
+    EXPECT_TRUE(live.job.valid);
+    for (const std::string &key : FieldKeys())
+        live.job.GenerateSchedule(key);
+    live.name = "pkg-a-b";
+    live.lastRun = lastRun;
+    return live;
+}
+
+// Hours from the present minute to each start, and whether it is for being overdue.
+std::vector<std::pair<double, bool>> Starts(const LiveJob &job, std::size_t count,
+                                            const Daemon &daemon = {}) {
+    std::vector<std::pair<double, bool>> starts;
+    for (const JobStart &start : StartsOf(job, daemon, kNow, kNow + 400 * kDay, count))
+        starts.emplace_back(static_cast<double>(start.earliest - kMinuteOfNow) / kHour,
+                            start.overdue);
+    return starts;
+}
+
+using S = std::pair<double, bool>;
+
+class StartsTest : public testing::Test {
+    const LocalZone zone{"UTC0"};
+};
+
+TEST_F(StartsTest, AreThoseOfTheSchedule) {
+    EXPECT_THAT(Starts(JobOf("10 * * * *"), 3), ElementsAre(S{0, false}, S{1, false}, S{2, false}));
+    EXPECT_THAT(Starts(JobOf("0 0 30 2 *"), 3), IsEmpty());
+}
+
+TEST_F(StartsTest, AreNotInTheMinuteThatItHasRunIn) {
+    EXPECT_THAT(Starts(JobOf("10 * * * *", 0, kMinuteOfNow + 2), 2),
+                ElementsAre(S{1, false}, S{2, false}));
+    EXPECT_THAT(Starts(JobOf("10 * * * *", 0, kMinuteOfNow - 1), 2),
+                ElementsAre(S{0, false}, S{1, false}));
+}
+
+TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
+    Daemon passive;
+    passive.passive = true;
+    LiveJob job = JobOf("10 * * * *");
+    EXPECT_THAT(Starts(job, 3, passive), IsEmpty());
+    job.job.runOnPassive = true;
+    EXPECT_THAT(Starts(job, 1, passive), ElementsAre(S{0, false}));
+}
+
+TEST_F(StartsTest, ComeSoonerForAnAssuredJob) {
+    // Never by its schedule: whenever it has waited for more than 5 hours.
+    EXPECT_THAT(Starts(JobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour), 2),
+                ElementsAre(S{3, true}, S{8, true}));
+    // Overdue by now.
+    EXPECT_THAT(Starts(JobOf("0 0 30 2 *", 5, kNow - 6 * kHour), 1), ElementsAre(S{0, true}));
+    // Its schedule comes sooner.
+    EXPECT_THAT(Starts(JobOf("10 * * * *", 5), 1), ElementsAre(S{0, false}));
+    EXPECT_THAT(Starts(JobOf("10 5 * * *", 5, kMinuteOfNow), 2),
+                ElementsAre(S{3, false}, S{8, true}));
+}
+
+TEST_F(StartsTest, AreMergedInOrder) {
+    const LiveJob early = JobOf("30 * * * *");
+    LiveJob late = JobOf("40 * * * *");
+    late.name = "pkg-a-a";
+    const std::vector<JobStart> starts = StartsOf({&late, &early}, {}, kNow, kNow + kDay, 3);
+    ASSERT_EQ(starts.size(), 3U);
+    EXPECT_EQ(starts[0].job, &early);
+    EXPECT_EQ(starts[1].job, &late);
+    EXPECT_EQ(starts[2].job, &early);
+    EXPECT_EQ(starts[2].earliest, starts[0].earliest + kHour);
+}
+
+TEST_F(StartsTest, AreToldInJson) {
+    EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}}, true),
+              FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
+                           "latest": "2026-06-02T02:11:00+00:00",
+                           "undrawn": ["hour"], "overdue": true})"));
+}
+
+TEST(Condition, FollowsTheStatesOfTheDaemon) {
+    const LocalZone zone("UTC0");
+    const FixedClock clock(kNow);
+    struct {
+        int hours; // assured
+        bool run;  // "assure_execute_action"
+        bool due;
+        bool passive;
+        bool held;
+        pid_t process;
+        Condition condition;
+    } const rows[] = {
+        {0, false, false, false, false, 0, Condition::Waiting},
+        {0, false, true, false, false, 0, Condition::Due},
+        {0, false, true, true, false, 0, Condition::HeldBack},
+        {0, false, true, false, true, 0, Condition::Waiting},
+        {5, false, false, false, false, 0, Condition::Overdue},
+        {5, false, false, false, true, 0, Condition::Held},
+        {5, true, false, false, true, 0, Condition::Overdue},
+        {5, true, false, true, true, 77, Condition::Running},
+    };
+    for (const auto &row : rows) {
+        LiveJob job = JobOf("0 0 30 2 *", row.hours);
+        job.job.assureRun = row.run ? 1 : 0;
+        job.job._jsJob["expireTime"] = row.due ? 1 : 0;
+        job.process = row.process;
+        Daemon daemon;
+        daemon.passive = row.passive;
+        daemon.held = row.held;
+        EXPECT_EQ(ConditionOf(job, daemon), row.condition) << &row - rows;
+    }
+}
+
+} // namespace
