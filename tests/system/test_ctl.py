@@ -1,0 +1,527 @@
+"""kestcronctl: what it says about a machine that is known to the letter, and what it does."""
+
+import json
+import os
+import re
+import signal
+import time
+from pathlib import Path
+
+import pytest
+
+from conftest import PERSISTENT_FILE, RECORD, every_minute, never
+from ctl import TOOL, ctl, expect_golden  # noqa: F401  (a fixture)
+from private_machine import wait_for
+
+COMPLETION = Path(__file__).parents[2] / "packaging/kestcronctl.bash"
+ERRORS = "kestcronctl: "
+
+
+def entry(name, schedule, crontab="* * * * *", last=None, **config):
+    """A job as it stands in the runtime document."""
+    document = {
+        "config": {"name": name, "user": "root", "period": "crontab", "crontab": crontab,
+                   "cmd": f"{RECORD} {name}", "assure_execute": 0, "assure_execute_action": "wait",
+                   "run_on_passive": False, **config},
+        "cmd_list": [f"/tmp/kestcrond/{name}", name], "cmd_str": f"{RECORD} {name}",
+        "startup": 1780272000, "schedule": dict(zip(("Minute", "hour", "day", "month", "week"),
+                                                    schedule))}
+    return {**document, **({"lastExecution": last} if last else {})}
+
+
+LOG = """\
+2026-06-01T02:05:00+00:00 running job: pkg-app-weekly with command: {record} x as user root (state[Ready], trig[01 02:05:00], tab[5 2 -1 -1 1])
+2026-06-02T01:07:10+00:00 running job: builtin-core-backup with command: {record} a b as user root (state[AssureExecute], trig[02 01:07:00], job[2/2], delay[10])
+2026-06-02T01:07:11+00:00 running job: builtin-core-gone with command: /nowhere as user root (state[Ready], trig[02 01:07:00], tab[7 1 -1 -1 -1])
+2026-06-02T01:07:11+00:00 running job: builtin-core-gone with command: /nowhere failed, return code: -1, error: No such file or directory
+2026-06-02T02:00:00+00:00 Failed to setuid forpkg_nonroot-alice-own-report for user alice[Operation not permitted]
+""".format(record=RECORD)
+
+JOBS = {
+    "builtin-core-backup": entry("builtin-core-backup", [[17], [3], [-1], [-1], [-1]], "~ ~ * * *",
+                                 assure_execute=48, assure_execute_action="run"),
+    "builtin-core-gone": entry("builtin-core-gone", [[7], [1], [-1], [-1], [-1]], "7 1 * * *",
+                               cmd="/nowhere"),
+    "builtin-core-hourly": entry("builtin-core-hourly", [[17], [-1], [-1], [-1], [-1]],
+                                 "~ * * * *", last=1780364100),
+    "builtin-core-late": entry("builtin-core-late", [[0], [0], [31], [2], [-1]], "0 0 31 2 *",
+                               last=1780272000, assure_execute=24),
+    "builtin-core-leap": entry("builtin-core-leap", [[0], [0], [29], [2], [0]], "0 0 29 2 0"),
+    "builtin-core-never": entry("builtin-core-never", [[0], [0], [31], [2], [-1]], "0 0 31 2 *"),
+    "pkg-app-office": entry("pkg-app-office", [[0, 15, 30, 45], [8, 9, 10], [-1], [-1],
+                                               [1, 2, 3, 4, 5]],
+                            "0,15,30,45 8,9,10 * * 1,2,3,4,5", run_on_passive=True),
+    "pkg-app-weekly": entry("pkg-app-weekly", [[17], [3], [-1], [-1], [1]], "~ ~ * * ~"),
+    "pkg_nonroot-alice-own-report": entry(
+        "pkg_nonroot-alice-own-report", [[17], [14], [-1], [-1], [-1]], "~ 8~17 * * *",
+        user="package", package_username="alice"),
+}
+
+
+@pytest.fixture
+def known(machine):
+    """A machine whose daemon has ended; its documents and its log are left. The time stands still
+    at Tuesday 2 June 2026, 02:10:10."""
+    machine.clock("2026-06-02 02:10:10", rate=0)
+    machine.write(machine.RUNTIME_FILE, json.dumps({"jobs": JOBS}))
+    os.utime(machine.path(machine.RUNTIME_FILE), (1780364100, 1780364100))
+    config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
+              "crontab": "~ ~ ~ ~ ~"}
+    machine.write(machine.RUNTIME_TEMPLATE, json.dumps(
+        {"config": config, "maxDelay": 600,
+         "schedule": {"Minute": [17], "hour": [3], "day": [17], "month": [3], "week": [1]}}))
+    machine.write(machine.LOG_FILE, LOG, mode=0o600)
+    return machine
+
+
+COMMANDS = {
+    "list": ["list"],
+    "list-pattern": ["list", "*-core-l*"],
+    "next": ["next", "-n", "15"],
+    "next-one": ["next", "-n", "4", "pkg-app-weekly"],
+    "next-leap": ["next", "-n", "2", "leap"],
+    "next-never": ["next", "never"],
+    "next-at": ["next", "--at", "2026-06-03 08:20", "-n", "3", "office"],
+    "next-late": ["next", "-n", "3", "late"],
+    "explain": ["explain", "0,30 8 * 2,3,4 1,5"],
+    "status": ["status"],
+    "log": ["log"],
+    "log-last": ["log", "-n", "2"],
+    "log-job": ["log", "--job", "core-gone"],
+    "log-since": ["log", "--since", "02:00"],
+    "log-failed": ["log", "--failed", "-n", "9"],
+    "show": ["show", "backup"],
+}
+
+
+@pytest.mark.parametrize("form", ["txt", "json"])
+@pytest.mark.parametrize("name", COMMANDS)
+def test_what_is_told(known, ctl, name, form):
+    result = ctl(*COMMANDS[name], *(["--json"] if form == "json" else []))
+    assert result.returncode == (3 if name == "status" else 0)
+    if name in ("status", "explain") or name.startswith("log"):
+        assert result.stderr == ""
+    else:
+        assert result.stderr == (ERRORS + "kestcrond does not run: nothing starts by itself; this "
+                                 "is from /var/run/kestcrond.config of today 01:35\n")
+    if form == "json":
+        lines = result.stdout.splitlines() if name.startswith("log") else [result.stdout]
+        assert lines and all(json.loads(line) is not None for line in lines)
+    expect_golden(f"{name}.{form}", result.stdout)
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_it_fits_a_terminal(known, ctl, name):
+    """But for the log's lines and JSON documents, which are not cut."""
+    text = ctl.on_terminal(*COMMANDS[name], env={"NO_COLOR": "1"})
+    assert "\033" not in text
+    expect_golden(f"{name}.80", text)
+    if not name.startswith("log"):
+        lines = text.split("\ndefinition:")[0].splitlines()
+        assert max(map(len, lines)) <= 80
+
+
+def test_colours_are_for_terminals(known, ctl):
+    assert "\033[33moverdue\033[0m" in ctl.on_terminal("list", columns=200)
+    assert "\033[1mJOB" in ctl.on_terminal("list")
+    for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
+        assert "\033" not in ctl.on_terminal("list", env=environment)
+    assert "\033" not in ctl("list").stdout
+    assert "…" not in ctl.on_terminal("list", columns=60, env={"LC_ALL": "C"})
+    assert "~" in ctl.on_terminal("list", columns=60, env={"LC_ALL": "C"})
+
+
+def test_draws_of_an_expression(known, ctl):
+    answer = json.loads(ctl("explain", "--period", "weekly", "--json").stdout)
+    assert answer["expression"] == "~ ~ * * ~"
+    assert [field["text"] for field in answer["fields"]] == ["~", "~", "*", "*", "~"]
+    assert answer["fields"][0] == {
+        "field": "Minute", "text": "~", "words": "one from 0 to 59, drawn anew every hour",
+        "items": [{"text": "~", "type": "random", "from": 0, "to": 59}]}
+    assert answer["draws"][0]["words"] == "on Mondays at 03:17"  # as the template has it
+    assert len(answer["draws"]) == 3
+    for draw in answer["draws"]:
+        schedule = draw["schedule"]
+        assert schedule["day"] == schedule["month"] == [-1]
+        assert 0 <= schedule["Minute"][0] < 60 and 0 <= schedule["week"][0] < 7
+    assert answer["next"][0] == {
+        "earliest": "2026-06-08T00:00:00+00:00", "latest": "2026-06-15T00:00:00+00:00",
+        "undrawn": ["Minute", "hour", "week"], "overdue": False}
+
+
+@pytest.mark.parametrize("arguments,error", [
+    (["explain", "* * * *"], "no crontab expression"),
+    (["explain", "61 * * * *"], "no crontab expression"),
+    (["explain", "--period", "yearly"], "no period"),
+    (["explain", "--period", "crontab"], "runs as the member"),
+    (["explain"], "explain wants"),
+    (["explain", "* * * * *", "--period", "daily"], "explain wants"),
+    (["next", "bakup"], 'there is no job "bakup"; there is builtin-core-backup'),
+    (["show", "builtin-core-bakup"], "there is builtin-core-backup"),
+    (["next", "xyzzy"], 'there is no job "xyzzy"\n'),
+    (["next", "--at", "noon"], '"noon" is no time'),
+    (["log", "--since", "noon"], '"noon" is no time'),
+    (["lst"], 'there is no command "lst"; there is list'),
+    ([], "say a command"),
+    (["show"], "something is missing; see kestcronctl show --help"),
+    (["list", "a", "b"], "not expected: b"),
+    (["list", "--nonsense"], "not expected: --nonsense"),
+    (["next", "-n", "0"], "-n"),
+    (["next", "-n", "x"], "-n"),
+    (["timeline", "--hours", "0"], "--hours"),
+    (["list", "--root", "/nowhere"], "/nowhere: No such file"),
+    (["list", "--root", "/etc/passwd"], "/etc/passwd: Not a directory"),
+    (["list", "--root", "/usr"], "kestcrond has not run here"),
+    (["run", "backup"], "/tmp/kestcrond/builtin-core-backup is not there"),
+    (["run", "backup", "--root", "/"], "another system"),
+    (["reload"], "kestcrond does not run"),
+    (["reload", "--root", "/"], "another system"),
+])
+def test_what_cannot_be_done(known, ctl, arguments, error):
+    result = ctl(*arguments)
+    assert result.returncode == 2
+    assert result.stdout == ""
+    assert error in result.stderr
+
+
+def test_help_of_every_command(machine, ctl):
+    overview = ctl("--help")
+    assert overview.returncode == 0
+    commands = re.findall(r"^  (\w+)  ", overview.stdout.split("Subcommands:")[1], re.MULTILINE)
+    assert len(commands) == 11
+    for command in commands:
+        result = ctl(command, "--help")
+        assert result.returncode == 0
+        assert f"Example: kestcronctl {command}" in result.stdout
+        assert max(map(len, result.stdout.splitlines())) <= 80
+    assert max(map(len, overview.stdout.splitlines())) <= 85
+    assert re.fullmatch(r"kestcronctl \d+\.\d+\.\d+\n", ctl("--version").stdout)
+
+
+# --- Broken surroundings ------------------------------------------------------------------------
+
+def test_a_document_that_is_none(known, ctl):
+    for text in ('{"jobs": {', "", "\0", "[" * 1000):
+        known.write(known.RUNTIME_FILE, text)
+        result = ctl("list")
+        assert result.returncode == 2
+        assert result.stderr == (
+            ERRORS + "/var/run/kestcrond.config: is no whole JSON document\n")
+
+
+def test_entries_that_are_no_jobs(known, ctl):
+    known.write(known.RUNTIME_FILE, json.dumps(
+        {"jobs": {"good": JOBS["builtin-core-never"], "b\nad": 7, "worse": {"config": []}}}))
+    result = ctl("list", "--json")
+    assert [job["name"] for job in json.loads(result.stdout)] == ["builtin-core-never"]
+    assert '"b\\nad" is no job\n' in result.stderr and '"worse" is no job\n' in result.stderr
+    for jobs in (7, [], [1], None, "x"):
+        known.write(known.RUNTIME_FILE, json.dumps({"jobs": jobs}))
+        assert json.loads(ctl("list", "--json").stdout) == []
+
+
+def test_what_was_kept_of_the_last_stop(known, ctl):
+    known.path(known.RUNTIME_FILE).unlink()
+    assert "there is neither /var/run/kestcrond.config nor" in ctl("list").stderr
+    known.write(PERSISTENT_FILE, json.dumps({"jobs": JOBS}))
+    os.utime(known.path(PERSISTENT_FILE), (1780364100, 1780364100))
+    result = ctl("list", "--json")
+    assert len(json.loads(result.stdout)) == len(JOBS)
+    assert "this is from /usr/kest/etc/kestcrond.config of today 01:35" in result.stderr
+
+
+def test_a_torn_log(known, ctl):
+    known.write(known.LOG_FILE, LOG + "2026-06-02T02:0", mode=0o600)
+    assert ctl("log").stdout == LOG + "2026-06-02T02:0\n"
+    known.write(known.LOG_FILE, b"\xff\xfe\n\0\0\n" + LOG.encode(), mode=0o600)
+    assert ctl("log", "--since", "2026-06-01").stdout == LOG
+    known.path(known.LOG_FILE).unlink()
+    result = ctl("log")
+    assert result.returncode == 0 and "there is no /var/log/kestcrond-execute.log" in result.stderr
+
+
+def test_a_pipe_that_closes(known, ctl):
+    known.write(known.LOG_FILE, LOG * 5000, mode=0o600)
+    result = known.run("bash", "-c", f"{TOOL} log | head -1; echo ${{PIPESTATUS[0]}}")
+    assert result.stdout.splitlines()[1:] == [str(128 + signal.SIGPIPE)]
+    assert result.stderr == ""
+
+
+def test_a_full_disk(known, ctl):
+    result = known.run("sh", "-c", f"{TOOL} list > /dev/full")
+    assert result.returncode == 2
+    assert "standard output: No space left on device" in result.stderr
+
+
+def test_what_anybody_may_ask(known, ctl):
+    for arguments in (["list"], ["next"], ["show", "backup"], ["explain", "* * * * *"],
+                      ["timeline"], ["metrics"]):
+        assert ctl(*arguments, user=2001).returncode == 0
+    assert ctl("status", user=2001).returncode == 3
+    result = ctl("log", user=2001)
+    assert result.returncode == 2
+    assert result.stderr == ERRORS + "/var/log/kestcrond-execute.log: Permission denied\n"
+    assert "only root" in ctl("run", "backup", user=2001).stderr
+    # Without the log the last run is the one of the document.
+    assert "none known" in ctl("show", "backup", user=2001).stdout
+    assert "last run:   today 01:07" in ctl("show", "backup").stdout
+
+
+def test_another_system(known, ctl):
+    """Its links, accounts and zone are its own."""
+    root = known.path("/image")
+    for directory in ("etc", "run", "var/log", "usr/kest/etc"):
+        (root / directory).mkdir(parents=True)
+    (root / "var/run").symlink_to("/run")
+    (root / "etc/passwd").write_text("root:x:0:0::/:/bin/sh\n")
+    (root / "etc/localtime").symlink_to("/usr/share/zoneinfo/Asia/Kolkata")
+    (root / "usr/share/zoneinfo/Asia").mkdir(parents=True)
+    (root / "usr/share/zoneinfo/Asia/Kolkata").write_bytes(
+        known.path("/usr/share/zoneinfo/Asia/Kolkata").read_bytes())
+    (root / "run/kestcrond.config").write_text(json.dumps(
+        {"jobs": {"x": entry("builtin-x-x", [[0], [0], [-1], [-1], [-1]], "0 0 * * *")}}))
+    answer = json.loads(ctl("list", "--root", "/image", "--json").stdout)
+    assert [job["name"] for job in answer] == ["builtin-x-x"]
+    assert answer[0]["next"]["earliest"] == "2026-06-03T00:00:00+05:30"
+    assert ctl("status", "--root", "/image").returncode == 0
+    # A link that leads out of it by way of ".." leads to its own root.
+    (root / "run/kestcrond.config").unlink()
+    (root / "run/kestcrond.config").symlink_to("../../../../etc/kestcrond.config")
+    known.write("/etc/kestcrond.config", "{}")
+    assert "kestcrond has not run here" in ctl("list", "--root", "/image").stderr
+    (root / "etc/kestcrond.config").symlink_to("/run/kestcrond.config")
+    result = ctl("list", "--root", "/image")
+    assert result.returncode == 2 and "Too many levels of symbolic links" in result.stderr
+
+
+# --- With the daemon ----------------------------------------------------------------------------
+
+def test_status_of_a_daemon(machine, ctl):
+    machine.jobs("builtin", "f", [never("a"), never("b")])
+    machine.template(maxDelay=77, schedule=machine.drawn(Minute=17, hour=3, day=4, month=5, week=6))
+    pid = machine.start_and_wait("--passive-mode")
+    answer = json.loads(ctl("status", "--json").stdout)
+    assert answer["running"] and answer["pid"] == pid and answer["passive"]
+    assert not answer["held"] and answer["jobs"] == 2 and answer["max_delay"] == 77
+    assert answer["document"] == "/var/run/kestcrond.config" and answer["delayed"] == 0
+    assert answer["draw"] == "17 3 4 5 6"
+    assert answer["redraw"]["Minute"] == "2026-06-02T03:00:00+00:00"
+    assert answer["redraw"]["week"] == "2026-06-08T00:00:00+00:00"
+    result = ctl("status")
+    assert result.returncode == 0
+    assert re.search(rf"^kestcrond:   running as process {pid} since ", result.stdout)
+    assert "passive: only jobs" in result.stdout
+    assert {job["state"] for job in json.loads(ctl("list", "--json").stdout)} == {"passive"}
+    machine.write("/run/kestvorld.status", "2")
+    assert json.loads(ctl("status", "--json").stdout)["held"]
+    machine.stop()
+    machine.start_and_wait()
+    assert not json.loads(ctl("status", "--json").stdout)["passive"]
+    machine.stop()
+    machine.write(machine.PID_FILE, "1\n")  # of another program
+    assert ctl("status").returncode == 3
+
+
+SLEEPER = """#!/bin/bash
+trap : TERM
+until [ -e /tmp/end ]; do /usr/bin/sleep 0.02; done
+"""
+
+
+def test_running_now_and_launched(machine, ctl):
+    machine.write("/usr/local/bin/sleeper", SLEEPER, 0o755)
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "f", [
+        every_minute("script", cmd="/usr/local/bin/sleeper", user="system"),
+        every_minute("binary", cmd="/usr/bin/sleep 100000"), never("other")])
+    machine.start_and_wait()
+    state = lambda: {job["name"]: (job["state"], job["pid"] is not None)
+                     for job in json.loads(ctl("list", "--json").stdout)}
+    wait_for(lambda: state() == {"builtin-f-script": ("running", True),
+                                 "builtin-f-binary": ("running", True),
+                                 "builtin-f-other": ("waiting", False)})
+    pid = {job["name"]: job["pid"] for job in json.loads(ctl("list", "--json").stdout)}
+    assert machine.processes()[pid["builtin-f-script"]]["name"] == "builtin-f-scrip"
+    machine.write("/tmp/end", "")
+
+
+def test_delayed_starts_are_counted(machine, ctl):
+    machine.template(maxDelay=1000)
+    machine.jobs("builtin", "f", [every_minute(name) for name in "abc"])
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.start_and_wait()
+    wait_for(lambda: json.loads(ctl("status", "--json").stdout)["delayed"] == 2)
+    assert "3 jobs" not in ctl("status").stdout
+    assert "jobs:        3, 2 launched and waiting for their turn\n" in ctl("status").stdout
+
+
+WITNESS = """#!/bin/bash
+{ id; pwd; umask; env | grep -v FAKETIME_SHARED | sort; echo "[$1]" "[$2]"; cat; ls /proc/$$/fd
+  grep -E "^Sig[BIC]|^Cap|^Groups|NoNewPrivs" /proc/$$/status; } > /tmp/ran/$$ 2>&1
+mv /tmp/ran/$$ /tmp/ran/$$.whole
+echo to-output
+echo to-error >&2
+exit 7
+"""
+
+
+def test_a_run_is_what_the_daemon_would_do(machine, ctl):
+    machine.write("/usr/local/bin/witness", WITNESS, 0o755)
+    machine.jobs("pkg", "f", [{"name": "own", "user": "package", "package_username": "alice",
+                               "period": "crontab", "crontab": "12 2 * * *",
+                               "cmd_list": ["/usr/local/bin/witness", "a b", "c"]}])
+    machine.run("sh", "-c", f"umask 027; MARK='of the daemon' {machine.DAEMON}")
+    told = lambda: [path.read_text() for path in machine.path("/tmp/ran").glob("*.whole")]
+    wait_for(lambda: len(told()) == 1)
+    by_daemon = told()[0]
+    assert "(crew)" in by_daemon and "MARK=of the daemon" in by_daemon and "[a b] [c]" in by_daemon
+    result = ctl("run", "own", env={"MARK": "of the caller", "SUDO_USER": "carol"})
+    assert (result.returncode, result.stdout, result.stderr) == (7, "to-output\n", "to-error\n")
+    assert told() == [by_daemon, by_daemon]
+    assert machine.log_lines()[-1].endswith(
+        "running job: pkg-f-own with command: /usr/local/bin/witness a b c  as user alice "
+        "(state[Manual], trig[02 02:10:10], tab[12 2 -1 -1 -1], by[carol])")
+
+
+@pytest.mark.parametrize("program,status", [
+    ("#!/bin/sh\nexit 0\n", 0), ("#!/bin/sh\nexit 3\n", 3), ("#!/bin/sh\nkill -9 $$\n", 137),
+    ("#!/no/such/interpreter\n", 127)])
+def test_the_exit_status_of_a_run(machine, ctl, program, status):
+    machine.write("/usr/local/bin/x", program, 0o755)
+    machine.jobs("builtin", "f", [never("x", cmd="/usr/local/bin/x")])
+    machine.start_and_wait()
+    result = ctl("run", "x")
+    assert result.returncode == status
+    if status == 137:
+        assert result.stderr == ERRORS + "ended by signal 9 (Killed)\n"
+    if status == 127:
+        assert result.stderr == ERRORS + "its command cannot be run; the execution log tells why\n"
+        assert "failed, return code: -1, error: No such file" in machine.log_lines()[-1]
+
+
+def test_a_run_without_its_account(machine, ctl):
+    machine.jobs("builtin", "f", [never("x", user="system")])
+    machine.start_and_wait()
+    passwd = machine.read("/etc/passwd")
+    machine.path("/etc/passwd").write_text(re.sub("^system:.*\n", "", passwd, flags=re.MULTILINE))
+    result = ctl("run", "x")
+    assert result.returncode == 126
+    assert "user system not exist" in result.stderr
+    assert machine.runs("builtin-f-x") == []
+
+
+def test_a_run_is_not_the_daemons(machine, ctl):
+    """It changes neither what the daemon knows nor the system log."""
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_and_wait()
+    before = machine.document()
+    assert ctl("run", "x").returncode == 0
+    assert len(machine.runs("builtin-f-x")) == 1
+    assert machine.document() == before
+    assert machine.texts() == []
+
+
+def test_a_reload_tells_what_it_changed(machine, ctl):
+    machine.jobs("builtin", "f", [never("stays"), never("goes"), never("changes")])
+    machine.start_and_wait()
+    result = ctl("reload")
+    assert (result.returncode, result.stdout) == (0, "no job came, went or changed; 3 jobs\n")
+    machine.jobs("builtin", "f", [never("stays"), never("changes", assure_execute=5), never("new")])
+    result = ctl("reload", "--json")
+    assert json.loads(result.stdout) == {"came": ["builtin-f-new"], "went": ["builtin-f-goes"],
+                                         "changed": ["builtin-f-changes"], "jobs": 3}
+    machine.jobs("builtin", "f", [never("one")])
+    assert ctl("reload").stdout == ("came    builtin-f-one\nwent    builtin-f-changes\n"
+                                    "went    builtin-f-new\nwent    builtin-f-stays\n1 job\n")
+    machine.jobs("builtin", "f", [])
+    assert ctl("reload").stdout == "went    builtin-f-one\n0 jobs\n"
+    machine.jobs("builtin", "f", [never("again")])
+    assert ctl("reload").stdout == "came    builtin-f-again\n1 job\n"
+
+
+def test_a_daemon_that_does_not_reload(machine, ctl):
+    machine.jobs("builtin", "f", [never("x")])
+    pid = machine.start_and_wait()
+    machine.signal(signal.SIGSTOP, pid)
+    result = ctl("reload", "--timeout", "1")
+    assert result.returncode == 2
+    assert result.stderr == ERRORS + "the daemon has not reloaded within 1 s\n"
+    machine.signal(signal.SIGCONT, pid)
+    other = ctl("reload", user=2001)
+    assert other.returncode == 2 and "Operation not permitted" in other.stderr
+
+
+def test_a_staged_program_that_differs(machine, ctl):
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_and_wait()
+    told = lambda **more: json.loads(ctl("show", "x", "--json", **more).stdout)["staged_state"]
+    assert told() == "same"
+    assert told(user=2001) == "unknown"
+    machine.write(RECORD, "#!/bin/sh\n", 0o755)
+    assert told() == "differs"
+    assert ctl("reload").returncode == 0
+    assert told() == "same"
+    machine.path(RECORD).unlink()
+    assert told() == "differs"
+    machine.staged("builtin-f-x").unlink()
+    assert told() == "missing"
+
+
+def test_following_a_log_that_is_rotated(known, ctl, tmp_path):
+    output = tmp_path / "out"
+    with output.open("w") as stream:
+        follower = known.popen(TOOL, "log", "-f", "-n", "1", env={"LD_PRELOAD": ""}, stdout=stream)
+    lines = lambda: output.read_text().splitlines()
+    line = "2026-06-02T03:00:00+00:00 running job: a with command: b as user root"
+    log = known.path(known.LOG_FILE)
+    try:
+        wait_for(lambda: lines() == LOG.splitlines()[-1:])
+        with log.open("a") as stream:
+            stream.write(line + " 1\n" + line[:30])
+            stream.flush()
+            wait_for(lambda: len(lines()) == 2)
+            stream.write(line[30:] + " 2\n")
+        wait_for(lambda: len(lines()) == 3)
+        log.rename(log.with_suffix(".1"))
+        with log.with_suffix(".1").open("a") as stream:
+            stream.write(line + " 3\n")
+        wait_for(lambda: len(lines()) == 4)
+        log.write_text(line + " 4\n")
+        wait_for(lambda: len(lines()) == 5)
+        with log.open("r+") as stream:  # as some rotate: copied and cut
+            stream.truncate()
+        time.sleep(0.3)
+        with log.open("a") as stream:
+            stream.write(line + " 5\n")
+        wait_for(lambda: len(lines()) == 6)
+        assert lines()[1:] == [f"{line} {number}" for number in range(1, 6)]
+    finally:
+        follower.terminate()
+        follower.wait()
+
+
+# --- Completion ---------------------------------------------------------------------------------
+
+def complete(machine, *words):
+    script = """source /share/kestcronctl.bash
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); compopt() { :; }
+_kestcronctl; printf '%s\\n' "${COMPREPLY[@]}" """
+    result = machine.run("bash", "-c", script, "bash", *words, env={"LD_PRELOAD": ""})
+    return result.stdout.split("\n")[:-1]
+
+
+def test_completion(known, ctl):
+    known.write("/share/kestcronctl.bash", COMPLETION.read_text())
+    hostile = "pkg-x-$(touch /tmp/owned) `touch /tmp/owned`"
+    known.write(known.RUNTIME_FILE, json.dumps(
+        {"jobs": {**JOBS, hostile: entry(hostile, [[0], [0], [0], [0], [0]])}}))
+    assert complete(known, "kestcronctl", "li") == ["list"]
+    assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late",
+                                                                        "builtin-core-leap"]
+    assert complete(known, "kestcronctl", "--root", "/", "next", "--") == [
+        "--root", "--json", "--help", "--at"]
+    assert complete(known, "kestcronctl", "log", "--job", "pkg_") == [
+        "pkg_nonroot-alice-own-report"]
+    assert complete(known, "kestcronctl", "run", "pkg-x") == [
+        r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]
+    assert not known.exists("/tmp/owned")

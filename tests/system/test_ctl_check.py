@@ -1,0 +1,485 @@
+"""The tool's check of job files: what it says, and that it refuses what the daemon refuses."""
+
+import json
+import os
+import random
+
+import pytest
+from conftest import RECORD, SOURCES
+from ctl import ctl  # noqa: F401
+
+PKG = SOURCES["pkg"]
+ACCOUNTS = SOURCES["pkg_nonroot"]
+GOOD = {"name": "x", "user": "root", "period": "daily", "cmd": RECORD}
+PREFIX = "JSON file read error: "
+
+
+def files_of_a_fixed_tree(machine):
+    """Good and bad files in all sources, and what a check of them prints."""
+    machine.write(PKG + "/good.conf", json.dumps([GOOD]))
+    machine.write(PKG + "/period.conf", """[
+    {
+        "name": "x",
+        "user": "root",
+        "period": "yearly",
+        "cmd": "/usr/local/bin/record"
+    }
+]
+""")
+    machine.write(PKG + "/syntax.conf", '[{"name": "x"\n  "user": "root"}]')
+    machine.write(PKG + "/empty.conf", "")
+    machine.path(PKG + "/deeper").mkdir()
+    machine.write(PKG + "/.hidden.conf", "not read")
+    machine.write(SOURCES["builtin"] + "/dyn-a.conf", json.dumps([{**GOOD, "name": "b"}]))
+    machine.write(SOURCES["builtin-dyn"] + "/a.conf", json.dumps([{**GOOD, "name": "b"}]))
+    machine.write(SOURCES["builtin-dyn"] + "/times.conf", """[
+    {"name": "both", "user": "root", "period": "crontab", "cmd": "/usr/local/bin/record",
+     "crontab": "*/20 3 1 * 1"},
+    {"name": "dash", "user": "root", "period": "crontab", "cmd": "/usr/local/bin/record",
+     "crontab": "0 8-9 * * 7"}
+]
+""")
+    machine.account_directory("alice")
+    machine.write(ACCOUNTS + "/alice/one.conf", """{
+    "name": "x", "user": "root", "perod": "hourly", "period": "monday",
+    "cmd": "/usr/local/bin/record > /dev/null"
+}
+""")
+    machine.path(ACCOUNTS + "/stranger").mkdir()
+    os.chown(machine.path(ACCOUNTS + "/stranger"), 4711, 4711)
+    return """\
+/usr/kest/etc/kestcron.d/times.conf:3:18: warning: builtin-dyn-times-both: minute "*/20" is read \
+as "*", every minute; allowed: 0,20,40
+/usr/kest/etc/kestcron.d/times.conf:3:29: warning: builtin-dyn-times-both: day "1" and weekday "1" \
+must both match on the same day; allowed: "*" for one of the two
+/usr/kest/etc/kestcron.d/times.conf:5:20: error: builtin-dyn-times-dash: hour "8-9": there are no \
+ranges with a dash; allowed: 8,9 for each of them, 8~9 for one drawn at random
+/usr/kest/etc/kestcron.d/times.conf:5:28: error: builtin-dyn-times-dash: weekday "7" is out of \
+range; allowed: 0 (Sunday) to 6, a draw such as 0~6, "~" or "*"
+/usr/kest/share/kestcron.d/dyn-a.conf:1:11: warning: builtin-dyn-a-b: replaced by the job of the \
+same full name in /usr/kest/etc/kestcron.d/a.conf:1, which is read later; allowed: one job of a \
+full name
+/usr/local/etc/kestcron.d/deeper:1:1: error: a directory is no job file; allowed: a regular file
+/usr/local/etc/kestcron.d/empty.conf:1:1: error: the file is empty; allowed: one JSON document
+/usr/local/etc/kestcron.d/period.conf:5:19: error: pkg-period-x: "period" cannot be "yearly"; \
+allowed: "hourly", "daily", "weekly", "monthly" or "crontab"
+/usr/local/etc/kestcron.d/syntax.conf:2:3: error: no JSON document: Missing ',' or '}' in object \
+declaration
+/usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:13: warning: pkg_nonroot-alice-one-default: \
+"name" is not read: the only job of a file without an array is "default"; allowed: an array with \
+this definition, where the job may have a name
+/usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:26: warning: pkg_nonroot-alice-one-default: \
+"user" is not read: every job of this directory runs as "alice"
+/usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:34: warning: pkg_nonroot-alice-one-default: \
+nobody reads "perod"; allowed: "period"
+/usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:63: warning: pkg_nonroot-alice-one-default: \
+"period" "monday" is read as "monthly": only its first letter counts; allowed: "hourly", "daily", \
+"weekly", "monthly" or "crontab"
+/usr/local/etc/kestcron_nonroot.d/alice/one.conf:3:35: warning: pkg_nonroot-alice-one-default: ">" \
+is passed on as it is: there is no shell and no quoting, "cmd" is split at blanks; allowed: \
+"cmd_list" for arguments with blanks, a script for what a shell does
+/usr/local/etc/kestcron_nonroot.d/stranger:1:1: error: its owner, number 4711, is no account; \
+allowed: a directory that belongs to the account of its jobs
+"""
+
+
+def test_what_is_printed(machine, ctl):  # noqa: F811
+    expected = files_of_a_fixed_tree(machine)
+    done = ctl("check")
+    assert done.stdout == expected
+    assert done.stderr == "9 files, 7 jobs: 7 errors, 8 warnings\n"
+    assert done.returncode == 1
+    # With colour, when it is no terminal: none.
+    assert ctl("check", env={"TERM": "xterm"}).stdout == expected
+
+
+def test_what_is_answered_in_json(machine, ctl):  # noqa: F811
+    expected = files_of_a_fixed_tree(machine).splitlines()
+    status, answer = ctl.json("check")
+    assert status == 1
+    assert {key: answer[key] for key in ("files", "jobs", "errors", "warnings")} == {
+        "files": 9, "jobs": 7, "errors": 7, "warnings": 8}
+    lines = []
+    for problem in answer["problems"]:
+        assert sorted(problem) == ["allowed", "column", "file", "found", "job", "line", "member",
+                                   "message", "severity"]
+        lines.append("{file}:{line}:{column}: {severity}: ".format(**problem)
+                     + (f"{problem['job']}: " if problem["job"] else "") + problem["message"]
+                     + (f"; allowed: {problem['allowed']}" if problem["allowed"] else ""))
+    assert lines == expected
+    dash = next(problem for problem in answer["problems"] if "8-9" in problem["message"])
+    assert (dash["member"], dash["found"]) == ("crontab", '"8-9"')
+    empty = next(problem for problem in answer["problems"] if "empty.conf" in problem["file"])
+    assert (empty["job"], empty["member"], empty["found"]) == (None, None, None)
+
+
+def test_errors_only(machine, ctl):  # noqa: F811
+    expected = files_of_a_fixed_tree(machine)
+    done = ctl("check", "--errors-only")
+    assert done.stdout.splitlines() == [line for line in expected.splitlines()
+                                        if ": error: " in line]
+    assert done.stderr == "9 files, 7 jobs: 7 errors\n"
+    assert done.returncode == 1
+    only_warned = ctl("check", "--errors-only", ACCOUNTS + "/alice")
+    assert (only_warned.returncode, only_warned.stdout) == (0, "")
+
+
+def test_nothing_to_say(machine, ctl):  # noqa: F811
+    machine.write(PKG + "/good.conf", json.dumps([GOOD, {**GOOD, "name": "y"}]))
+    machine.write(PKG + "/one", json.dumps({key: GOOD[key] for key in ("user", "period", "cmd")}))
+    done = ctl("check")
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr == "2 files, 3 jobs: no problems\n"
+
+
+def test_no_sources(machine, ctl):  # noqa: F811
+    machine.run("rm", "-rf", *SOURCES.values())
+    done = ctl("check")
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr == "0 files, 0 jobs: no problems\n"
+
+
+def refused_jobs(answer):
+    return [problem["job"] for problem in answer["problems"] if problem["severity"] == "error"]
+
+
+def test_paths_are_judged_as_what_they_are(machine, ctl):  # noqa: F811
+    bad = json.dumps([{**GOOD, "period": "yearly"}])
+    machine.account_directory("alice")
+    for path in (PKG + "/f", ACCOUNTS + "/alice/f", "/tmp/build/f.conf", "/tmp/build/.g"):
+        machine.write(path, bad)
+    for paths, names in [
+            ([PKG], ["pkg-f-x"]), ([PKG + "/f"], ["pkg-f-x"]), ([PKG + "//./f"], ["pkg-f-x"]),
+            (["/usr/local/bin/.." + PKG.removeprefix("/usr/local") + "/"], ["pkg-f-x"]),
+            ([ACCOUNTS], ["pkg_nonroot-alice-f-x"]),
+            ([ACCOUNTS + "/alice/"], ["pkg_nonroot-alice-f-x"]),
+            ([ACCOUNTS + "/alice/f"], ["pkg_nonroot-alice-f-x"]),
+            (["/tmp/build"], ["f-x"]), (["tmp/build/f.conf"], ["f-x"]),
+            (["/tmp/build/.g"], [".g-x"]),
+            ([PKG, PKG + "/f", "/tmp/build"], ["f-x", "pkg-f-x"])]:
+        status, answer = ctl.json("check", *paths)
+        assert (status, refused_jobs(answer)) == (1, names), paths
+    # Shown as it was written, so that an editor finds it.
+    assert ctl("check", "tmp/build//f.conf").stdout.startswith("tmp/build//f.conf:1:")
+    assert ctl("check", "tmp/build/").stdout.startswith("tmp/build/f.conf:1:")
+
+
+def test_a_link_among_the_accounts_is_an_account(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    machine.run("mv", ACCOUNTS + "/alice", "/tmp/elsewhere", check=True)
+    machine.path(ACCOUNTS + "/linked").symlink_to("/tmp/elsewhere")
+    machine.write("/tmp/elsewhere/f", json.dumps([{**GOOD, "period": "yearly"}]))
+    for path in (ACCOUNTS, ACCOUNTS + "/linked", ACCOUNTS + "/linked/f"):
+        assert refused_jobs(ctl.json("check", path)[1]) == ["pkg_nonroot-alice-f-x"]
+    assert refused_jobs(ctl.json("check", "/tmp/elsewhere/f")[1]) == ["f-x"]
+
+
+@pytest.mark.parametrize("arguments", [["/nowhere"], [PKG, "/nowhere"], [""], ["--nonsense"]])
+def test_what_cannot_be_checked(machine, ctl, arguments):  # noqa: F811
+    done = ctl("check", *arguments)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr
+
+
+def test_what_another_may_not_read(machine, ctl):  # noqa: F811
+    machine.write("/tmp/build/bad", "no JSON")
+    machine.write("/tmp/build/secret", json.dumps([GOOD]), mode=0o600)
+    machine.path("/tmp/locked").mkdir(mode=0o700)
+    done = ctl("check", "/tmp/build", user=2001)
+    assert done.returncode == 2
+    assert done.stdout.startswith("/tmp/build/bad:1:1: error: ")
+    assert len(done.stdout.splitlines()) == 1, "what cannot be read is not refused"
+    assert done.stderr.endswith("kestcronctl: /tmp/build/secret: Permission denied\n")
+    assert ctl("check", "/tmp/locked", user=2001).returncode == 2
+    assert ctl("check", "/tmp/locked").returncode == 0
+
+
+def test_entries_that_are_refused_as_a_whole(machine, ctl):  # noqa: F811
+    machine.run("rm", "-rf", PKG)
+    machine.write(PKG, "in the way")
+    machine.account_directory("alice")
+    machine.write(ACCOUNTS + "/file", "[]", owner="bob")
+    machine.path(ACCOUNTS + "/dangling").symlink_to("nowhere")
+    os.mkfifo(machine.path(ACCOUNTS + "/alice/fifo"))
+    machine.path(ACCOUNTS + "/alice/dangling").symlink_to("nowhere")
+    _, answer = ctl.json("check")
+    assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
+        (PKG, "is no directory"),
+        (ACCOUNTS + "/alice/dangling", "cannot be read: No such file or directory"),
+        (ACCOUNTS + "/alice/fifo", "neither a regular file nor a link to one"),
+        (ACCOUNTS + "/dangling", "cannot be looked at: No such file or directory"),
+        (ACCOUNTS + "/file", "is no directory")]
+
+
+def test_another_appliance(machine, ctl):  # noqa: F811
+    root = "/tmp/other"
+    machine.write(root + "/etc/passwd", "root:x:0:0::/:/bin/sh\ncarol:x:1234:1234::/:/bin/sh\n")
+    machine.write(root + "/opt/real", "#!/bin/sh\n", mode=0o755)
+    machine.write(root + PKG + "/f.conf", json.dumps([
+        {**GOOD, "user": "package", "package_username": "carol", "cmd": "/opt/real"},
+        {**GOOD, "name": "y", "user": "package", "package_username": "alice", "cmd": RECORD},
+        {**GOOD, "name": "z", "cmd": "/opt/link"}]))
+    machine.path(root + "/opt/link").symlink_to("/opt/real")
+    machine.path(root + PKG + "/g.conf").symlink_to(PKG + "/f.conf")
+    directory = machine.path(root + ACCOUNTS + "/whatever")
+    directory.mkdir(parents=True)
+    os.chown(directory, 1234, 1234)
+    machine.write(root + ACCOUNTS + "/whatever/f", json.dumps([{**GOOD, "cmd": "/opt/none"}]))
+    _, answer = ctl.json("--root", root, "check")
+    expected = [
+        (PKG + "/f.conf", "pkg-f-y", 'there is no account "alice": the job is not admitted'),
+        (PKG + "/f.conf", "pkg-f-y", f'program "{RECORD}" does not exist: the job is not admitted'),
+        (PKG + "/f.conf", "pkg-f-z",
+         'program "/opt/link" is a link to "/opt/real", which runs as it is found there')]
+    expected += [(PKG + "/g.conf", job.replace("-f-", "-g-"), text) for _, job, text in expected]
+    expected += [
+        (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
+         '"user" is not read: every job of this directory runs as "carol"'),
+        (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
+         'program "/opt/none" does not exist: the job is not admitted')]
+    assert sorted((problem["file"].removeprefix(root), problem["job"], problem["message"])
+                  for problem in answer["problems"]) == sorted(expected)
+
+
+def test_directories_that_others_may_write(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    for path, mode, owner in [("/opt/a", 0o755, "root"), ("/opt/b", 0o777, "root"),
+                              ("/opt/c", 0o1777, "root"), ("/opt/d", 0o755, "alice"),
+                              ("/opt/b/e", 0o755, "root"), ("/opt/c/f", 0o755, "root")]:
+        machine.path(path).mkdir(parents=True)
+        machine.write(path + "/p", "#!/bin/sh\n", mode=0o755)
+        machine.path(path).chmod(mode)
+        machine.chown(machine.path(path), owner)
+    machine.write(PKG + "/f", json.dumps([
+        {**GOOD, "name": name, "cmd": f"/opt/{name.replace('-', '/')}/p"}
+        for name in ("a", "b", "c", "d", "b-e", "c-f")]))
+    machine.write(ACCOUNTS + "/alice/f", json.dumps([
+        {"name": name, "period": "daily", "cmd": f"/opt/{name}/p"} for name in ("a", "b", "d")]))
+    _, answer = ctl.json("check")
+    assert {problem["job"]: problem["message"].split("write ")[1]
+            for problem in answer["problems"]} == {
+        "pkg-f-b": '"/opt/b"', "pkg-f-c": '"/opt/c"', "pkg-f-d": '"/opt/d"',
+        "pkg-f-b-e": '"/opt/b"', "pkg_nonroot-alice-f-b": '"/opt/b"'}
+
+
+# --- The daemon says the same -------------------------------------------------------------------
+
+def test_what_is_not_admitted(machine, ctl):  # noqa: F811
+    machine.path("/usr/local/bin/relative").symlink_to("record")
+    machine.path("/usr/local/bin/absolute").symlink_to(RECORD)
+    machine.path("/usr/local/bin/directory").mkdir()
+    definitions = {
+        "good": {}, "relative-path": {"cmd": RECORD[1:]}, "absolute-link": {
+            "cmd": "/usr/local/bin/absolute"},
+        "packages": {"user": "packages", "package_username": "alice"},
+        "control\x1b": {}, "superfluous": {"package_username": "alice"},
+        "nobody": {"user": "nobody"}, "rootless": {"user": "rootless"}, "package": {
+            "user": "package", "package_username": 5},
+        "missing-account": {"user": "package", "package_username": "carol"},
+        "a/b": {}, "zero\x00byte": {}, "n" * 250: {}, "m" * 249: {},
+        "missing": {"cmd": "/missing"}, "directory": {"cmd": "/usr/local/bin/directory"},
+        "device": {"cmd_list": ["/dev/null"]}, "blank": {"cmd": " " + RECORD}, "no-path": {
+            "cmd": "record"}, "relative-link": {"cmd": "/usr/local/bin/relative"},
+        "nothing": {"cmd_list": [None]}}
+    machine.write(PKG + "/f", json.dumps([{**GOOD, "name": name, **members}
+                                          for name, members in definitions.items()]))
+    _, answer = ctl.json("check")
+    assert answer["errors"] == 0
+    machine.start_and_wait()
+    told = {problem["job"] for problem in answer["problems"]
+            if "the job is not admitted" in problem["message"]}
+    names = {f"pkg-f-{name}" for name in definitions}
+    assert told == names - set(machine.entries())
+    assert len(told) == 14
+
+
+def test_of_two_jobs_the_same_wins(machine, ctl):  # noqa: F811
+    def put(source, file, *names_and_arguments):
+        machine.jobs(source, file, [{**GOOD, "name": name, "cmd": f"{RECORD} {argument}",
+                                     **({} if argument != "bad" else {"period": "x"})}
+                                    for name, argument in names_and_arguments])
+    put("pkg", "same", ("x", 1), ("x", 2), ("x", "bad"))
+    put("pkg", "a", ("x", 3))
+    put("pkg", "a.conf", ("x", 4))
+    put("pkg", "a.conf.conf", ("x", 5))
+    put("builtin", "dyn-x.conf", ("y", 6))
+    put("builtin-dyn", "x.conf", ("y", 7))
+    # In the wrong order on purpose.
+    _, answer = ctl.json("check", *reversed([SOURCES[label] for label in ("builtin", "builtin-dyn",
+                                                                          "pkg")]))
+    machine.start_and_wait()
+    winners = {}
+    for problem in answer["problems"]:
+        if "replaced" in problem["message"]:
+            winners.setdefault(problem["job"], set()).add(
+                problem["message"].split(" in ")[1].split(":")[0])
+    arguments = {name: entry["cmd_str"].split()[1] for name, entry in machine.entries().items()}
+    assert winners == {"pkg-same-x": {PKG + "/same"}, "pkg-a-x": {PKG + "/a.conf.conf"},
+                       "builtin-dyn-x-y": {SOURCES["builtin-dyn"] + "/x.conf"}}
+    assert arguments == {"pkg-same-x": "2", "pkg-a-x": "5", "builtin-dyn-x-y": "7"}
+    # Outside of the sources only files of one directory are compared.
+    for path in ("/tmp/one/f", "/tmp/two/f"):
+        machine.write(path, json.dumps([GOOD]))
+    assert ctl("check", "/tmp/one", "/tmp/two").returncode == 0
+
+
+def read_errors(machine):
+    return sorted(text.removeprefix(PREFIX) for text in machine.texts() if text.startswith(PREFIX))
+
+
+def test_the_files_of_an_account_share_their_room(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    for name, size in [("a", 400 << 10), (".hidden", 400 << 10), ("b", 400 << 10),
+                       ("c", 300 << 10), ("d", 100 << 10)]:
+        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}])
+                      + " " * size)
+        machine.write(f"{PKG}/{name}", json.dumps([{**GOOD, "name": name}]) + " " * size)
+    machine.start_and_wait()
+    refused = [ACCOUNTS + "/alice/c"]
+    assert read_errors(machine) == refused
+    _, answer = ctl.json("check", "--errors-only")
+    assert [problem["file"] for problem in answer["problems"]] == refused
+    assert ctl("check", "--errors-only", refused[0]).returncode == 1
+    assert ctl("check", "--errors-only", ACCOUNTS + "/alice/d").returncode == 0
+
+
+def test_files_of_any_bytes(machine, ctl):  # noqa: F811
+    chance = random.Random(7)
+    good = json.dumps([{**GOOD, "crontab": "* * * * *", "cmd_list": [RECORD, "\u00e4\n"]}],
+                      ensure_ascii=False).encode()
+    special = [b"", b"\xef\xbb\xbf" + good, b"[" * 65 + b"]" * 65, b"[" * 63 + b"]" * 63,
+               b"[" * 100000, b'{"a":' * 70 + b"1" + b"}" * 70, b"[1,]", b"// c\n[] /* d */",
+               b"'x'",
+               b'"' + b"x" * 100000 + b'"', b"\r\r\n[", b"[1e999]", b"[NaN]", b"null\x00", b"\xff"]
+    for number in range(300):
+        content = bytearray(good)
+        for _ in range(chance.randint(1, 3)):
+            at = chance.randrange(len(content))
+            content[at:at + chance.randint(0, 2)] = bytes([chance.choice(
+                b"\x00\n\"\\{}[]:,x5-\xc3\xff\x1b")]) * chance.randint(0, 2)
+        special.append(bytes(content))
+    for number, content in enumerate(special):
+        machine.write(f"{PKG}/{number:03}", content)
+    machine.start_and_wait()
+    done = ctl("check", "--json", env={"LC_ALL": "C.UTF-8"})
+    assert done.returncode == 1 and done.stderr == ""
+    answer = json.loads(done.stdout)
+    refused = sorted(problem["file"] for problem in answer["problems"]
+                     if problem["job"] is None and problem["severity"] == "error")
+    assert refused == read_errors(machine)
+    assert 50 < len(refused) < len(special) - 50
+    assert ctl("check").returncode == 1
+    assert ctl("check", "/dev/null").returncode == 1
+
+
+@pytest.mark.parametrize("item,count,end", [
+    ("~x,", 200000, "1 1 1 1 1"), ("x,", 250000, "1 1 1 1 1"), ("* ", 400000, ""),
+    ("*/1,", 200000, "1 1 1 1")])
+def test_a_file_full_of_problems(machine, ctl, item, count, end):  # noqa: F811
+    machine.write("/tmp/f", json.dumps([{**GOOD, "period": "crontab",
+                                    "crontab": item * count + end}]))
+    done = ctl("check", "/tmp/f")
+    assert done.returncode == 1 and done.stdout.startswith("/tmp/f:1:")
+    assert "exception" not in done.stderr and len(done.stderr) < 100
+
+
+class Definitions:
+    """Definitions by chance, the most of their members good. What is good here exists on the
+    appliance, so that nothing but the definition decides."""
+
+    MISSING = object()
+    NUMBERS = [("0", "59", "60"), ("3", "23", "24"), ("1", "31", "32"), ("1", "12", "13"),
+               ("0", "6", "7")]
+
+    def __init__(self, seed):
+        self._chance = random.Random(seed)
+
+    def _pick(self, good, bad):
+        return self._chance.choice(bad if self._chance.random() < 0.06 else good)
+
+    def _item(self, lowest, highest, above):
+        return self._pick(
+            [lowest, highest, "*", "~", f"{lowest}~{highest}", f"+{lowest}", "*/5", "~9", "*x"],
+            [above, "", "x", f"{lowest}-{highest}", f"{highest}~{lowest}", "-1", f"{lowest}~",
+             f"{lowest}~{above}", "1~2~3", "99999999999", " "])
+
+    def _crontab(self):
+        fields = [",".join(self._item(*numbers) for _ in range(self._chance.choice([1, 1, 1, 2])))
+                  for numbers in self.NUMBERS]
+        return self._pick(["", "", ""], [" ", " 5", "\t"]).join([self._pick([" "], ["  "]).join(
+            fields), ""]) if self._chance.random() < 0.97 else self._chance.choice(
+                [" ".join(fields[1:]), "", self.MISSING, 5, None, ["* * * * *"]])
+
+    def _account(self):
+        return self._pick(
+            [{"user": "root"}, {"user": "system"}, {"user": "package", "package_username": "alice"},
+             {"user": "packages", "package_username": "bob"}, {"user": "root", "extra": {}}],
+            [{}, {"user": None}, {"user": ["root"]}, {"user": "package"}, {"user": 5}])
+
+    def _command(self):
+        return self._pick(
+            [{"cmd": RECORD}, {"cmd": RECORD + " a  'b'"},
+             {"cmd_list": [RECORD, 5, None, True, 1.5]}, {"cmd": 5, "cmd_list": [RECORD]}],
+            [{}, {"cmd": None}, {"cmd": 5}, {"cmd_list": []}, {"cmd_list": RECORD},
+             {"cmd": RECORD, "cmd_list": None}, {"cmd": RECORD, "cmd_list": []},
+             {"cmd": RECORD, "cmd_list": {}}, {"cmd": RECORD, "cmd_list": {"a": 1}},
+             {"cmd": RECORD, "cmd_list": "x"}, {"cmd_list": [RECORD, {}]},
+             {"cmd_list": [RECORD, []]}, {"cmd_list": [RECORD, ["x"]]},
+             {"cmd_list": {"0": RECORD}}])
+
+    def one(self, name):
+        definition = {
+            "name": self._pick([name], [5, None, self.MISSING, [name]]),
+            "period": self._pick(
+                ["hourly", "daily", "Weekly", "month", "monday", "crontab", "crontab", "crontab",
+                 "cron", "Crontab"],
+                ["", " daily", "yearly", "my crontab", "crontabs", "\u00e4", 5, None, self.MISSING,
+                 ["daily"]]),
+            "crontab": self._crontab(),
+            "assure_execute": self._pick(
+                [self.MISSING, 0, 48, -1, 1.5, True, None, 2147483647, -2147483648, -3.7],
+                ["5", [], {}, 2147483648, -2147483649, 1e300, ""]),
+            "assure_execute_action": self._chance.choice([self.MISSING, "run", "wait", "x", 5, []]),
+            "run_on_passive": self._pick([self.MISSING, True, False, None, 0, 7, 1.5],
+                                         ["true", [], {}, ""]),
+            **self._account(), **self._command()}
+        definition = {member: value for member, value in definition.items()
+                      if value is not self.MISSING}
+        return self._pick([definition], [5, "text", None, [], {}, [definition]])
+
+
+def test_the_daemon_and_the_check_agree(machine, ctl):  # noqa: F811
+    # The clock stands still: what is loaded is looked at, nothing is to run.
+    machine.clock("2026-06-02 02:10:10", rate=0)
+    machine.template(maxDelay=0)
+    definitions = Definitions(20260602)
+    machine.account_directory("alice")
+    by_place = {}  # the file and the line of a definition to its full name
+    for number in range(120):
+        label = random.Random(number).choice(list(SOURCES))
+        directory = ACCOUNTS + "/alice" if label == "pkg_nonroot" else SOURCES[label]
+        prefix = f"{label}-alice" if label == "pkg_nonroot" else label
+        path = f"{directory}/f{number:03}.conf"
+        if number % 10 == 0:
+            names = ["default"]
+            lines = [json.dumps(definitions.one("x"))]
+            text = lines[0]
+            if not text.startswith("{"):
+                continue
+        else:
+            names = [f"n{i}" for i in range(12)]
+            lines = [json.dumps(definitions.one(name)) for name in names]
+            text = "[" + ",\n".join(lines) + "]"
+        machine.write(path, text)
+        for line, name in enumerate(names, 1):
+            by_place[path, line] = f"{prefix}-f{number:03}-{name}"
+    assert len(by_place) > 1000
+    machine.start_and_wait()
+    loaded = set(machine.entries())
+    _, answer = ctl.json("check")
+    refused = {(problem["file"], problem["line"]) for problem in answer["problems"]
+               if problem["severity"] == "error"}
+    assert answer["jobs"] == len(by_place)
+    assert {name for place, name in by_place.items() if place not in refused} == loaded
+    assert refused <= set(by_place)
+    assert 300 < len(loaded) < len(by_place) - 300, "there are enough of both"

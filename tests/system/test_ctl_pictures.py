@@ -1,0 +1,230 @@
+"""The tool's pictures of the jobs: the timeline as text, SVG and JSON, and the metrics."""
+
+import json
+import re
+import stat
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+from conftest import every_minute, never
+from ctl import ctl, expect_golden  # noqa: F401  (a fixture)
+from private_machine import wait_for
+from prometheus_client.parser import text_string_to_metric_families
+
+SVG = "{http://www.w3.org/2000/svg}"
+
+
+@pytest.fixture
+def appliance(machine):
+    """A machine whose clock stands still, with a fixed draw and a job of each kind."""
+    machine.clock("2026-06-02 02:10:10", rate=0, zone="UTC")
+    machine.template(schedule={"Minute": [17], "hour": [5], "day": [9], "month": [6], "week": [3]},
+                     maxDelay=0)
+    machine.jobs("pkg", "f.conf", [
+        every_minute("assured", crontab="0 0 31 2 *", assure_execute=4),
+        every_minute("daily", period="daily"),
+        every_minute("fixed", crontab="0,30 6,18 * * *"),
+        every_minute("hourly", period="hourly"),
+        every_minute("minutely"),
+        every_minute('<"&\\>', crontab="5 9 * * *"),
+        never("never")])
+    return machine
+
+
+@pytest.fixture
+def running(appliance):
+    """The same, with the daemon, which has started what was due."""
+    appliance.start_and_wait()
+    wait_for(lambda: appliance.runs("pkg-f-minutely"), what="the job of every minute")
+    names = lambda: [process["name"] for process in appliance.processes().values()]
+    wait_for(lambda: "pkg-f-minutely" not in names(), what="its end")
+    return appliance
+
+
+def answer(ctl, *arguments, **options):
+    """What the tool writes when all is well."""
+    done = ctl(*arguments, **options)
+    assert (done.returncode, done.stderr) == (0, "")
+    return done.stdout
+
+
+def test_the_timeline_on_a_terminal(running, ctl):
+    text = ctl.on_terminal("timeline", env={"NO_COLOR": "1"})
+    expect_golden("timeline.80", text)
+    assert max(map(len, text.splitlines())) <= 80
+    coloured = ctl.on_terminal("timeline")
+    assert "\033[33m▲\033[0m" in coloured
+    assert re.sub("\033\\[[0-9]*m", "", coloured) == text
+
+
+@pytest.mark.parametrize("hours", [1, 8, 168])
+def test_the_timeline_fits(running, ctl, hours):
+    for columns in (30, 57, 200):
+        text = ctl.on_terminal("timeline", "--hours", hours, columns=columns,
+                               env={"NO_COLOR": "1"})
+        assert len(text.splitlines()) > 5
+        assert max(map(len, text.splitlines())) <= columns
+
+
+def test_the_timeline_without_a_terminal(running, ctl):
+    lines = answer(ctl, "timeline").splitlines()
+    assert max(map(len, lines)) == 100
+    text = answer(ctl, "timeline", env={"LC_ALL": "C"})
+    assert text.isascii()
+    rows = dict(line.split(maxsplit=1) for line in text.splitlines()[3:9])
+    assert set(rows["pkg-f-minutely"]) == {"#"}
+    assert rows["pkg-f-assured"].startswith("!")
+    assert re.match("#  [.]+,+[.]+,+[.]", rows["pkg-f-hourly"])
+
+
+def test_the_timeline_in_json(running, ctl):
+    document = json.loads(answer(ctl, "timeline", "--hours", 2, "--json"))
+    assert (document["from"], document["until"]) == (
+        "2026-06-02T02:10:00+00:00", "2026-06-02T04:10:00+00:00")
+    assert document["idle_jobs"] == 5
+    starts = {job["name"]: job["starts"] for job in document["jobs"]}
+    assert list(starts) == ["pkg-f-hourly", "pkg-f-minutely"]
+    assert starts["pkg-f-hourly"] == [
+        {"earliest": "2026-06-02T02:17:00+00:00", "latest": "2026-06-02T02:17:00+00:00",
+         "undrawn": [], "overdue": False},
+        {"earliest": "2026-06-02T03:01:00+00:00", "latest": "2026-06-02T04:00:00+00:00",
+         "undrawn": ["Minute"], "overdue": False},
+        {"earliest": "2026-06-02T04:01:00+00:00", "latest": "2026-06-02T05:00:00+00:00",
+         "undrawn": ["Minute"], "overdue": False}]
+    assert len(starts["pkg-f-minutely"]) == 119  # all but the one that has been
+    assert [(entry["from"][11:16], entry["starts"], entry["possible"])
+            for entry in document["load"]] == [
+        ("02:00", 4, 0), ("02:15", 16, 0), ("02:30", 15, 0), ("02:45", 15, 0), ("03:00", 15, 1),
+        ("03:15", 15, 1), ("03:30", 15, 1), ("03:45", 15, 1), ("04:00", 10, 2)]
+
+
+def test_the_timeline_in_svg(running, ctl):
+    assert answer(ctl, "timeline", "--svg", "/tmp/picture.svg") == ""
+    text = running.read("/tmp/picture.svg")
+    assert answer(ctl, "timeline", "--svg", "-") == text
+    root = ElementTree.fromstring(text)
+    assert root.tag == SVG + "svg"
+    assert [child.tag for child in root][:2] == [SVG + "title", SVG + "desc"]
+    assert root.find(SVG + "title").text == "Job starts from 2026-06-02 02:10 to 2026-06-03 02:10"
+    titles = [title.text for title in root.iter(SVG + "title")]
+    for title in ('pkg-f-<"&\\>: 2026-06-02 09:05', "pkg-f-fixed: 2026-06-02 18:30",
+                  "pkg-f-assured: 2026-06-02 06:10, overdue",
+                  "pkg-f-minutely: 2026-06-02 02:11 to 2026-06-03 02:09, 1439 starts",
+                  "pkg-f-hourly: one start between 2026-06-02 03:01 and 2026-06-02 04:00; "
+                  "yet to be drawn: minute"):
+        assert titles.count(title) == 1, titles
+    assert not list(root.iter(SVG + "script"))
+    assert not re.search(r"https?://(?!www\.w3\.org/2000/svg)|@import|url\(", text)
+
+
+def test_a_picture_replaces_the_old_one_whole(running, ctl):
+    running.write("/tmp/old.svg", "old", mode=0o640)
+    running.path("/tmp/link.svg").symlink_to("old.svg")
+    answer(ctl, "timeline", "--svg", "/tmp/link.svg")
+    assert running.path("/tmp/link.svg").is_symlink()
+    assert ElementTree.fromstring(running.read("/tmp/old.svg")).tag == SVG + "svg"
+    assert stat.S_IMODE(running.path("/tmp/old.svg").stat().st_mode) == 0o640
+    answer(ctl, "timeline", "--svg", "/tmp/new.svg")
+    assert stat.S_IMODE(running.path("/tmp/new.svg").stat().st_mode) == 0o644
+
+
+@pytest.mark.parametrize("path, error", [
+    ("/nowhere/x.svg", "No such file or directory"), ("/tmp", "Is a directory"),
+    ("/dev/null", "Invalid argument"), ("/dev/full", "Invalid argument")])
+def test_a_picture_that_cannot_be_written(running, ctl, path, error):
+    before = sorted(running.path("/tmp").iterdir())
+    result = ctl("timeline", "--svg", path)
+    assert (result.returncode, result.stderr) == (2, f"kestcronctl: {path}: {error}\n")
+    assert sorted(running.path("/tmp").iterdir()) == before
+
+
+def test_a_full_disk_leaves_the_old_picture(running, ctl):
+    small = running.path("/mnt/small")
+    small.mkdir()
+    running.run("/usr/bin/mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/mnt/small", check=True)
+    running.write("/mnt/small/x.svg", "old")
+    result = ctl("timeline", "--svg", "/mnt/small/x.svg")
+    assert (result.returncode, result.stderr) == (
+        2, "kestcronctl: /mnt/small/x.svg: No space left on device\n")
+    assert running.read("/mnt/small/x.svg") == "old"
+    assert [entry.name for entry in small.iterdir()] == ["x.svg"]
+
+
+def test_two_forms_at_once_are_refused(running, ctl):
+    result = ctl("--json", "timeline", "--svg", "-")
+    assert (result.returncode, result.stdout) == (2, "")
+    assert "--json and --svg" in result.stderr
+
+
+def test_a_timeline_without_jobs(appliance, ctl):
+    appliance.path("/usr/local/etc/kestcron.d/f.conf").unlink()
+    appliance.start_and_wait()
+    assert answer(ctl, "timeline") == (
+        "today 02:10 to tomorrow 02:10\nNo job starts in these hours\n")
+    document = json.loads(answer(ctl, "--json", "timeline"))
+    assert (document["jobs"], document["idle_jobs"]) == ([], 0)
+    root = ElementTree.fromstring(answer(ctl, "timeline", "--svg", "-"))
+    assert "No job starts in these hours" in [text.text for text in root.iter(SVG + "text")]
+
+
+def samples(text):
+    """Name and labels to value, of a text that a reader takes; one type each."""
+    families = list(text_string_to_metric_families(text))
+    assert {family.type for family in families} == {"gauge"}
+    assert all(family.documentation for family in families)
+    found = [(sample.name, tuple(sorted(sample.labels.items())), sample.value)
+             for family in families for sample in family.samples]
+    values = {(name, labels): value for name, labels, value in found}
+    assert len(values) == len(found)
+    return values
+
+
+def test_the_metrics(running, ctl):
+    text = answer(ctl, "metrics")
+    values = samples(text)
+    assert values["kestcron_start_time_seconds", ()] > 1e9
+    text = re.sub(r"(?m)^(kestcron_start_time_seconds) \d+$", r"\1 0", text)
+    expect_golden("metrics.txt", text)
+    labels = (("job", 'pkg-f-<"&\\>'), ("user", "root"))
+    assert values["kestcron_job_next_run_timestamp_seconds", labels] == 1780391100
+    assert values["kestcron_jobs", ()] == 7
+
+
+def test_the_metrics_of_a_held_and_passive_machine(appliance, ctl):
+    appliance.write("/run/kestvorld.status", "2")
+    appliance.start_and_wait("--passive-mode")
+    values = samples(answer(ctl, "metrics"))
+    assert [values[f"kestcron_{name}", ()] for name in ("up", "passive", "held")] == [1, 1, 1]
+    assert not [name for name, _ in values if "next_run" in name]
+
+
+def test_the_metrics_without_the_daemon(running, ctl):
+    running.stop()
+    result = ctl("metrics")
+    assert result.returncode == 0
+    assert result.stderr.startswith("kestcronctl: kestcrond does not run")
+    values = samples(result.stdout)
+    assert (values["kestcron_up", ()], values["kestcron_jobs", ()]) == (0, 7)
+    assert ("kestcron_start_time_seconds", ()) not in values
+
+
+def test_the_metrics_without_a_document(appliance, ctl):
+    result = ctl("metrics")
+    assert result.returncode == 0
+    assert re.fullmatch("kestcronctl: there is neither .*: kestcrond has not run here\n",
+                        result.stderr)
+    values = samples(result.stdout)
+    assert (values["kestcron_up", ()], values["kestcron_jobs", ()]) == (0, 0)
+
+
+def test_the_metrics_say_when_they_cannot_be_had(appliance, ctl):
+    appliance.write("/run/kestcrond.config", "{")
+    result = ctl("metrics")
+    assert (result.returncode, result.stdout) == (2, "")
+    assert "is no whole JSON document" in result.stderr
+
+
+def test_the_metrics_have_no_other_form(running, ctl):
+    result = ctl("--json", "metrics")
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr == ("kestcronctl: metrics has a format of its own; use list --json\n")
