@@ -10,8 +10,10 @@ import json
 import os
 import re
 import signal
+import shutil
 import subprocess
 import sys
+import textwrap
 import time
 from collections import Counter
 from pathlib import Path
@@ -46,6 +48,7 @@ CHECKS = {
     "assured": "the overdue assured job ran once, without being due",
     "redrawn": "the minutes were drawn anew at the top of the hour",
     "dropped": "the job file dropped in was picked up and its job ran",
+    "told": "kestcronctl told of every job, and that the daemon runs",
     "stopped": "clean stop: process ended, pid file gone, documents written",
     "root": "jobs of the class root ran as root",
     "system": "jobs of the class system ran as system",
@@ -170,6 +173,7 @@ class Appliance(PrivateMachine):
         for directory, owner in OWNERS.items():
             self.run("chown", "-R", owner, directory, check=True)
         self.write(JOB_LOG, "", 0o666)
+        shutil.copy2(self.daemon_binary.with_name("kestcronctl"), self.path("/usr/bin/kestcronctl"))
 
     def install(self, inside):
         source = EXAMPLES / inside
@@ -257,6 +261,7 @@ class Show:
         self.drop_a_file_in()
         self.follow(lambda: self.starts[-1].clock > LAST_MINUTE and self.starts[-1].is_last(), 45,
                     f"the minute {LAST_MINUTE}")
+        self.ask()
         self.stop()
         self.await_last_jobs()
 
@@ -327,6 +332,19 @@ class Show:
         job = self.appliance.jobs()[DROPPED_IN_JOB]
         self.event(f"picked up: {DROPPED_IN_JOB}, {in_words(job['schedule'])}")
         self.follow(lambda: self.starts_of(DROPPED_IN_JOB), 15, "the new job's start")
+
+    def ask(self):
+        """What the operator's tool has to say at this moment."""
+        told = {}
+        for command in ("status", "list", "next -n 8", "timeline --hours 6", "log -n 3"):
+            result = self.appliance.run("kestcronctl", *command.split(),
+                                        env={"LC_ALL": "C.UTF-8"})
+            told[command] = result.stdout
+            print(paint(YELLOW, f"\n  $ kestcronctl {command}"))
+            print(textwrap.indent(result.stdout, "  "), end="")
+        print()
+        self.came_true["told"] = "running as process" in told["status"] and all(
+            job in told["list"] for job in self.appliance.jobs())
 
     def starts_of(self, job):
         return [start for start in self.starts if start.job == job]
