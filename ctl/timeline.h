@@ -37,7 +37,7 @@ struct QuarterHour {
     std::size_t starts = 0;   // known to take place in it
     std::size_t possible = 0; // those that may: their bands reach into it
 };
-constexpr std::time_t kQuarterHour = 15 * 60;
+constexpr std::time_t kQuarterHour = std::time_t{15} * 60;
 
 std::vector<QuarterHour> LoadOf(const ComingHours &hours);
 
