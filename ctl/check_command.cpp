@@ -101,6 +101,7 @@ struct Outcome {
     std::size_t jobs = 0;
     std::vector<Problem> problems;
     std::vector<std::string> unreadable;
+    std::vector<JudgedJob> judged; // jobs of the sources
 };
 
 void Append(std::vector<Problem> &problems, std::vector<Problem> more) {
@@ -181,6 +182,7 @@ void Checker::Check(const JobFileBatch &batch) {
 
 Outcome Checker::Finish() {
     Append(outcome_.problems, ReplacedJobs(jobs_));
+    outcome_.judged = std::move(jobs_);
     return std::move(outcome_);
 }
 
@@ -249,18 +251,15 @@ Json::Value ToJson(const Outcome &outcome) {
     return json;
 }
 
-void WriteText(const Outcome &outcome, const Screen &screen) {
-    for (const Problem &problem : outcome.problems) {
-        const Colour colour = problem.severity == Severity::Error ? Colour::Red : Colour::Yellow;
-        std::string text = problem.job.empty() ? "" : problem.job + ": ";
-        text += problem.message;
-        if (!problem.allowed.empty())
-            text += "; allowed: " + problem.allowed;
-        std::cout << Printable(problem.file) << ":" << problem.place.line << ":"
-                  << problem.place.column << ": "
-                  << Coloured(screen, colour, std::string(NameOf(problem.severity)) + ":") << " "
-                  << Printable(text) << "\n";
-    }
+void WriteText(const Problem &problem, const Screen &screen, std::ostream &stream) {
+    const Colour colour = problem.severity == Severity::Error ? Colour::Red : Colour::Yellow;
+    std::string text = problem.job.empty() ? "" : problem.job + ": ";
+    text += problem.message;
+    if (!problem.allowed.empty())
+        text += "; allowed: " + problem.allowed;
+    stream << Printable(problem.file) << ":" << problem.place.line << ":" << problem.place.column
+           << ": " << Coloured(screen, colour, std::string(NameOf(problem.severity)) + ":") << " "
+           << Printable(text) << "\n";
 }
 
 std::string Counted(std::size_t count, const std::string &noun) {
@@ -284,7 +283,8 @@ int Check(const Context &context, const CheckOptions &options) {
     if (context.json) {
         WriteJson(ToJson(outcome));
     } else {
-        WriteText(outcome, context.screen);
+        for (const Problem &problem : outcome.problems)
+            WriteText(problem, context.screen, std::cout);
         std::cout.flush();
         std::cerr << Summary(outcome) << "\n";
     }
@@ -294,4 +294,16 @@ int Check(const Context &context, const CheckOptions &options) {
                            ? ""
                            : ", and " + std::to_string(outcome.unreadable.size() - 1) + " more"));
     return outcome.problems.empty() ? 0 : 1;
+}
+
+void TellWhyNotLoaded(const Context &context, const std::string &name) {
+    const Outcome outcome = CheckAll(context, {});
+    for (const JudgedJob &job : outcome.judged)
+        if (job.name == name)
+            std::cerr << Printable(job.file) << ":" << job.place.line << ":" << job.place.column
+                      << ": it is defined here"
+                      << (job.accepted ? ", and would be loaded at a reload" : "") << "\n";
+    for (const Problem &problem : outcome.problems)
+        if (problem.job == name)
+            WriteText(problem, Screen(), std::cerr);
 }

@@ -14,6 +14,16 @@ bool IsMeant(const std::string &pattern, const std::string &name) {
     return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
 }
 
+const LiveJob &JobArgument(const Context &context, const Runtime &runtime,
+                           const std::string &name) {
+    try {
+        return FindJob(runtime, name);
+    } catch (const Failure &) {
+        TellWhyNotLoaded(context, name);
+        throw;
+    }
+}
+
 std::time_t TimeArgument(const Context &context, const std::string &text) {
     const std::optional<std::time_t> time =
         text.empty() ? context.now : ReadTime(text, context.now);

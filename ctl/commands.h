@@ -86,6 +86,14 @@ int Metrics(const Context &context);
 // part of a name. An empty one means all.
 bool IsMeant(const std::string &pattern, const std::string &name);
 
+// The job that the command line names; as FindJob, and where there is none, what job files have to
+// say of it goes to standard error first.
+const LiveJob &JobArgument(const Context &context, const Runtime &runtime, const std::string &name);
+
+// Writes to standard error where a job of that full name is defined and what there is to say of it;
+// nothing when it is nowhere.
+void TellWhyNotLoaded(const Context &context, const std::string &name);
+
 // Reads a time of the command line, empty for now. Throws Failure when it is none.
 std::time_t TimeArgument(const Context &context, const std::string &text);
 

@@ -1,4 +1,5 @@
 #include "core/coming_starts.h"
+#include "ctl/check_crontab.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/starts.h"
@@ -6,14 +7,15 @@
 #include "ctl/words.h"
 #include "job/json_members.h"
 #include "job/period.h"
+#include "log/printable.h"
 #include "platform/kestutils.h"
 
 #include <iostream>
 
 // The answer in JSON: "expression", "fields" (each with "field", "text", "items" and "words"; an
 // item has "text", "type", which is "exact", "random" or "any", and "from" and "to"), "draws" (each
-// with "schedule" and "words", the first one as this machine would draw) and "next", the first
-// starts of that one.
+// with "schedule" and "words", the first one as this machine would draw), "next", the first starts
+// of that one, and "remarks", what a check would say.
 
 namespace {
 
@@ -44,6 +46,23 @@ CronJob JobOf(const std::string &expression) {
     config["crontab"] = expression;
     config["cmd"] = "true";
     return CronJob(std::move(document));
+}
+
+// What a check of such a job would say of its expression.
+std::vector<std::string> RemarksOn(const CronJob &job) {
+    const std::string noText;
+    const JsonPlaces nowhere(noText);
+    const Json::Value &config = Member(job._jsJob, "config");
+    Subject subject(config, config, nowhere);
+    if (job.valid)
+        FindCrontabWarnings(subject, job.cronFields);
+    else
+        FindCrontabErrors(subject);
+    std::vector<std::string> remarks;
+    for (const Problem &problem : subject.Problems())
+        remarks.push_back(problem.message +
+                          (problem.allowed.empty() ? "" : "; allowed: " + problem.allowed));
+    return remarks;
 }
 
 std::string ItemInWords(const std::string &key, const CronRange &range) {
@@ -120,6 +139,7 @@ std::vector<Json::Value> Draws(const Context &context, CronJob job) {
 
 struct Explanation {
     std::string expression;
+    std::vector<std::string> remarks;
     std::vector<std::string> fields;
     CronJob job;
     std::vector<Json::Value> draws;
@@ -134,6 +154,9 @@ Json::Value ToJson(const Explanation &explanation) {
         json["fields"].append(
             FieldToJson(key, explanation.fields[i], explanation.job.cronFields.at(key)));
     }
+    json["remarks"] = Json::Value(Json::arrayValue);
+    for (const std::string &remark : explanation.remarks)
+        json["remarks"].append(remark);
     for (const Json::Value &draw : explanation.draws) {
         Json::Value one;
         one["schedule"] = draw;
@@ -153,7 +176,11 @@ void Write(const Explanation &explanation, const Context &context) {
         table.Add({FieldsInWords({key}), explanation.fields[i],
                    FieldInWords(key, explanation.job.cronFields.at(key))});
     }
-    std::cout << table.Show(context.screen) << "\n"
+    std::cout << table.Show(context.screen) << "\n";
+    for (const std::string &remark : explanation.remarks)
+        std::cout << Coloured(context.screen, Colour::Yellow, "Mind: ")
+                  << Wrapped(context.screen, Printable(remark), 6) << "\n";
+    std::cout << (explanation.remarks.empty() ? "" : "\n")
               << (explanation.draws.size() > 1 ? "Such as:\n" : "That is:\n");
     for (const Json::Value &draw : explanation.draws)
         std::cout << "  " << ScheduleInWords(draw) << "\n";
@@ -175,8 +202,10 @@ int Explain(const Context &context, const ExplainOptions &options) {
     Explanation explanation;
     explanation.expression = ExpressionOf(options);
     explanation.job = JobOf(explanation.expression);
+    explanation.remarks = RemarksOn(explanation.job);
     if (!explanation.job.valid)
-        throw Failure("\"" + explanation.expression + "\" is no crontab expression");
+        throw Failure("\"" + explanation.expression + "\" is no crontab expression: " +
+                      (explanation.remarks.empty() ? "" : explanation.remarks.front()));
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
     explanation.draws = Draws(context, explanation.job);
     explanation.starts = ComingStarts(explanation.job.cronFields, explanation.draws.front(),

@@ -34,7 +34,7 @@ int Next(const Context &context, const NextOptions &options) {
     TellCaveats(runtime, daemon, context);
     std::vector<const LiveJob *> jobs;
     if (!options.job.empty())
-        jobs.push_back(&FindJob(runtime, options.job));
+        jobs.push_back(&JobArgument(context, runtime, options.job));
     else
         for (const LiveJob &job : runtime.jobs)
             jobs.push_back(&job);

@@ -108,7 +108,7 @@ int Run(const Context &context, const RunOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
-    const LiveJob &job = FindJob(runtime, options.job);
+    const LiveJob &job = JobArgument(context, runtime, options.job);
     if (!XLIBCFileExist(job.staged.c_str()))
         throw Failure(job.staged + " is not there: the daemon stages it when it loads the job");
     CronJob prepared = job.job;

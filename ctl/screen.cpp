@@ -6,6 +6,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <langinfo.h>
+#include <sstream>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -91,6 +92,26 @@ std::string Fitted(const Screen &screen, const std::string &text, std::size_t wi
         cut += byte;
     }
     return cut + sign;
+}
+
+std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent) {
+    std::string wrapped;
+    std::size_t column = indent;
+    std::istringstream words(text);
+    for (std::string word; std::getline(words, word, ' ');) {
+        const std::size_t width = WidthOf(word);
+        if (column == indent) {
+            column += width;
+        } else if (screen.width != 0 && column + 1 + width > screen.width) {
+            wrapped += "\n" + std::string(indent, ' ');
+            column = indent + width;
+        } else {
+            wrapped += " ";
+            column += 1 + width;
+        }
+        wrapped += word;
+    }
+    return wrapped;
 }
 
 std::string Padded(const std::string &text, std::size_t width) {

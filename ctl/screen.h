@@ -28,6 +28,10 @@ std::size_t WidthOf(const std::string &text);
 // `text`, cut to `width` columns, with a sign that something is missing.
 std::string Fitted(const Screen &screen, const std::string &text, std::size_t width);
 
+// `text` behind `indent` columns that are taken already, broken at blanks into lines that fit, the
+// further ones indented as far.
+std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent);
+
 // `text` and blanks up to `width` columns.
 std::string Padded(const std::string &text, std::size_t width);
 

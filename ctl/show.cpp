@@ -103,8 +103,10 @@ Json::Value ToJson(const Facts &facts, std::time_t now) {
     return json;
 }
 
-void Line(const std::string &name, const std::string &text) {
-    std::cout << Padded(name.empty() ? "" : name + ":", 12) << Printable(text) << "\n";
+void Line(const Screen &screen, const std::string &name, const std::string &text) {
+    constexpr std::size_t names = 12; // columns
+    std::cout << Padded(name.empty() ? "" : name + ":", names)
+              << Wrapped(screen, Printable(text), names) << "\n";
 }
 
 std::string AssuranceInWords(const CronJob &job) {
@@ -115,32 +117,34 @@ std::string AssuranceInWords(const CronJob &job) {
 }
 
 void Write(const Facts &facts, const Context &context) {
+    const Screen &screen = context.screen;
     const LiveJob &job = facts.job;
     const Json::Value &document = job.job._jsJob;
     const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
-    std::cout << Coloured(context.screen, Colour::Bold, Printable(job.name)) << "\n";
-    Line("state", state.text + (job.process != 0 ? ", process " + std::to_string(job.process)
-                                                 : std::string()));
-    Line("account", job.account);
-    Line("command", TextMember(document, "cmd_str"));
-    Line("program", job.staged);
-    Line("", facts.staged.text);
-    Line("schedule", ScheduleInWords(Member(document, "schedule")));
-    Line("", "drawn as " + job.job.RenderSchedule());
-    Line("assured", AssuranceInWords(job.job));
-    Line("passive",
+    std::cout << Coloured(screen, Colour::Bold, Printable(job.name)) << "\n";
+    Line(screen, "state",
+         state.text +
+             (job.process != 0 ? ", process " + std::to_string(job.process) : std::string()));
+    Line(screen, "account", job.account);
+    Line(screen, "command", TextMember(document, "cmd_str"));
+    Line(screen, "program", job.staged);
+    Line(screen, "", facts.staged.text);
+    Line(screen, "schedule", ScheduleInWords(Member(document, "schedule")));
+    Line(screen, "", "drawn as " + job.job.RenderSchedule());
+    Line(screen, "assured", AssuranceInWords(job.job));
+    Line(screen, "passive",
          job.job.runOnPassive ? "run on a passive machine too" : "not run on a passive machine");
-    Line("last run", job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "none known");
+    Line(screen, "last run",
+         job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "none known");
     std::string name = "next runs";
     for (const JobStart &start : facts.starts)
-        Line(std::exchange(name, ""), NextInWords(start, context.now));
+        Line(screen, std::exchange(name, ""), NextInWords(start, context.now));
     if (facts.starts.empty())
-        Line(name, "never");
+        Line(screen, name, "never");
     std::cout << "\ndefinition:\n" << JsonToString(Member(document, "config")) << "\n\nlog:\n";
     for (const LogLine &line : facts.lines)
         std::cout << line.stamp
-                  << Coloured(context.screen, line.failed ? Colour::Red : Colour::None, line.text)
-                  << "\n";
+                  << Coloured(screen, line.failed ? Colour::Red : Colour::None, line.text) << "\n";
     if (facts.lines.empty())
         std::cout << (access(context.appliance.Locate(kExecutionLogFile).c_str(), R_OK) == 0
                           ? "no lines of it\n"
@@ -153,7 +157,7 @@ int Show(const Context &context, const ShowOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
-    const LiveJob &job = FindJob(runtime, options.job);
+    const LiveJob &job = JobArgument(context, runtime, options.job);
     const Json::Value &first = Member(job.job._jsJob, "cmd_list")[0U];
     const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
     const Facts facts{job,

@@ -84,6 +84,7 @@ COMMANDS = {
     "next-at": ["next", "--at", "2026-06-03 08:20", "-n", "3", "office"],
     "next-late": ["next", "-n", "3", "late"],
     "explain": ["explain", "0,30 8 * 2,3,4 1,5"],
+    "explain-remarks": ["explain", "*/20 8 13 2,3 5"],
     "status": ["status"],
     "log": ["log"],
     "log-last": ["log", "-n", "2"],
@@ -99,7 +100,7 @@ COMMANDS = {
 def test_what_is_told(known, ctl, name, form):
     result = ctl(*COMMANDS[name], *(["--json"] if form == "json" else []))
     assert result.returncode == (3 if name == "status" else 0)
-    if name in ("status", "explain") or name.startswith("log"):
+    if name.startswith(("status", "explain", "log")):
         assert result.stderr == ""
     else:
         assert result.stderr == (ERRORS + "kestcrond does not run: nothing starts by itself; this "
@@ -150,8 +151,9 @@ def test_draws_of_an_expression(known, ctl):
 
 
 @pytest.mark.parametrize("arguments,error", [
-    (["explain", "* * * *"], "no crontab expression"),
-    (["explain", "61 * * * *"], "no crontab expression"),
+    (["explain", "* * * *"], 'is no crontab expression: "crontab" has 4 fields; allowed: five'),
+    (["explain", "1-5 * * * *"], 'minute "1-5": there are no ranges with a dash; allowed: 1,2,3'),
+    (["explain", "61 * * * *"], 'minute "61" is out of range; allowed: 0 to 59'),
     (["explain", "--period", "yearly"], "no period"),
     (["explain", "--period", "crontab"], "runs as the member"),
     (["explain"], "explain wants"),
@@ -292,6 +294,26 @@ def test_another_system(known, ctl):
     (root / "etc/kestcrond.config").symlink_to("/run/kestcrond.config")
     result = ctl("list", "--root", "/image")
     assert result.returncode == 2 and "Too many levels of symbolic links" in result.stderr
+
+
+def test_why_a_job_is_not_there(machine, ctl):
+    machine.jobs("builtin", "f.conf", [never("x", cmd="/nowhere"), every_minute("y", crontab="* *"),
+                                       never("z")])
+    machine.start_and_wait()
+    machine.jobs("builtin", "g.conf", [never("new")])
+    told = lambda name: ctl("show", name).stderr.splitlines()
+    place = "/usr/kest/share/kestcron.d/f.conf:1:"
+    lines = told("builtin-f-x")
+    assert lines[0].startswith(place) and "it is defined here" in lines[0]
+    assert any(line.startswith(place) and '"/nowhere" does not exist: the job is not' in line
+               for line in lines[1:-1])
+    assert lines[-1].startswith(ERRORS + 'there is no job "builtin-f-x"')
+    lines = told("builtin-f-y")
+    assert lines[0].endswith("it is defined here") and '"crontab" has 2 fields' in lines[1]
+    assert told("builtin-g-new")[0].endswith(
+        "g.conf:1:11: it is defined here, and would be loaded at a reload")
+    assert len(told("builtin-f-nothing")) == 1
+    assert told("builtin-f-z") == []
 
 
 # --- With the daemon ----------------------------------------------------------------------------

@@ -26,6 +26,16 @@ TEST(Screen, CutsWhatDoesNotFit) {
     EXPECT_EQ(Fitted(kPipe, "äöüäö", 4), "äöü…");
 }
 
+TEST(Screen, BreaksLinesAtBlanks) {
+    EXPECT_EQ(Wrapped(kPipe, "one two three", 4), "one two three");
+    EXPECT_EQ(Wrapped({12, false, true}, "one two three", 4), "one two\n    three");
+    EXPECT_EQ(Wrapped({11, false, true}, "one two three", 4), "one two\n    three");
+    EXPECT_EQ(Wrapped({10, false, true}, "one two three", 4), "one\n    two\n    three");
+    EXPECT_EQ(Wrapped({4, false, true}, "longer", 4), "longer");
+    EXPECT_EQ(Wrapped(kPipe, "a  b ", 0), "a  b");
+    EXPECT_EQ(Wrapped(kPipe, "", 4), "");
+}
+
 Table SomeJobs() {
     Table table({"JOB", "ACCOUNT", "STATE"}, {1});
     table.Add({"builtin-core-backup", "root", "waiting"});
