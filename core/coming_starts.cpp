@@ -292,21 +292,22 @@ void JoinLastMinutes(std::vector<ComingStart> &starts) {
 } // namespace
 
 std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value &schedule,
-                                      std::time_t from, std::time_t until, std::size_t count) {
+                                      const Outlook &outlook, std::size_t count) {
     std::vector<ComingStart> starts;
-    const std::optional<std::tm> local = LocalTime(from);
-    if (!local)
+    const std::optional<std::tm> local = LocalTime(outlook.now);
+    const std::optional<std::tm> first = LocalTime(outlook.from);
+    if (!local || !first)
         return starts;
-    from -= local->tm_sec;
-    const Fields fields = FieldsOfJob(items, schedule, from);
-    const std::size_t spare = 2 * count; // each may be joined with one before
+    const std::time_t from = outlook.from - first->tm_sec;
+    const Fields fields = FieldsOfJob(items, schedule, outlook.now - local->tm_sec);
+    const std::size_t spare = std::max(count, 2 * count); // each may be joined with one before
     for (unsigned long set = 0; set < 1UL << kFields; ++set) {
         const FieldSet undrawn(set);
         bool possible = true;
         for (std::size_t i = 0; i < kFields; ++i)
             possible = possible && (!undrawn[i] || !fields.at(i).random.empty());
         if (possible)
-            AddStarts(fields, undrawn, from, until, spare, starts);
+            AddStarts(fields, undrawn, from, outlook.until, spare, starts);
     }
     std::stable_sort(starts.begin(), starts.end(), [](const ComingStart &a, const ComingStart &b) {
         return std::tie(a.earliest, a.latest) < std::tie(b.earliest, b.latest);

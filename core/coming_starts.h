@@ -25,11 +25,17 @@ struct ComingStart {
 // The calendar repeats itself after this time: what has not come until then never comes.
 constexpr std::time_t kCalendarRepeats = std::time_t{400} * 366 * 24 * 60 * 60;
 
-// The first `count` starts, in their order, of the job with these items and this drawn schedule, as
-// of `from`, whose own minute is the first that counts. Fewer when no more begin up to `until`;
-// none for a time that has no calendar.
+// What is looked at, and when.
+struct Outlook {
+    std::time_t now = 0;   // as of which the schedule is drawn
+    std::time_t from = 0;  // not before now; its own minute is the first that counts
+    std::time_t until = 0; // nothing that begins later counts
+};
+
+// The first `count` starts, in their order, of the job with these items and this drawn schedule.
+// Fewer when no more begin in time; none for a time that has no calendar.
 std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value &schedule,
-                                      std::time_t from, std::time_t until, std::size_t count);
+                                      const Outlook &outlook, std::size_t count);
 
 // The first moment after `after` at which the field `key` is drawn anew.
 std::time_t NextRedraw(const std::string &key, std::time_t after);

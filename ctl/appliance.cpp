@@ -6,6 +6,7 @@
 #include "ctl/failure.h"
 #include "ctl/log_line.h"
 #include "ctl/nearest.h"
+#include "ctl/utf8.h"
 #include "ctl/words.h"
 #include "job/account.h"
 #include "job/json_members.h"
@@ -15,6 +16,7 @@
 #include "platform/kestsdk.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -22,7 +24,7 @@
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
+#include <iterator>
 #include <memory>
 #include <pwd.h>
 #include <sstream>
@@ -37,15 +39,29 @@ std::string ErrorText() {
     return std::strerror(errno);
 }
 
+// The content of a small file; empty when there is none.
+std::string ReadFile(const std::string &path) {
+    constexpr std::size_t most = std::size_t{1} << 20;
+    std::string content;
+    const Descriptor file = OpenRegularFile(path);
+    if (!file || !ReadAll(file.Get(), most, content))
+        content.clear();
+    return content;
+}
+
 // A zone that is named is not looked up again at every conversion. A system without one has UTC.
 void TakeOnZone(const std::string &file) {
-    setenv("TZ", access(file.c_str(), R_OK) == 0 ? (":" + file).c_str() : "UTC0", 1);
+    setenv("TZ", ReadFile(file).empty() ? "UTC0" : (":" + file).c_str(), 1);
     tzset();
 }
 
 std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
     std::map<uid_t, std::string> accounts;
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(path.c_str(), "re"), std::fclose);
+    std::string content = ReadFile(path);
+    if (content.empty())
+        return accounts;
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fmemopen(content.data(), content.size(), "r"),
+                                                      std::fclose);
     while (const passwd *entry = file ? fgetpwent(file.get()) : nullptr)
         accounts.emplace(entry->pw_uid, entry->pw_name);
     return accounts;
@@ -108,7 +124,7 @@ std::string Appliance::Locate(const std::string &path) const {
         if (target.empty())
             continue;
         if (++links > mostLinks)
-            throw Failure(root_ + path + ": " + std::strerror(ELOOP));
+            return {};
         found = target.front() == '/' ? "" : directory;
         putAhead(target);
     }
@@ -136,14 +152,6 @@ std::optional<std::string> Appliance::AccountName(uid_t uid) const {
 // --- Processes ----------------------------------------------------------------------------------
 
 namespace {
-
-std::string ReadFile(const std::string &path) {
-    std::string content;
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file || !ReadAll(file.Get(), std::size_t{1} << 20, content))
-        content.clear();
-    return content;
-}
 
 std::string ProcessFile(pid_t pid, const char *name) {
     return "/proc/" + std::to_string(pid) + "/" + name;
@@ -202,6 +210,21 @@ bool IsNamed(pid_t pid, const char *name) {
     return named;
 }
 
+// Whether root started the process, and whether it is the one that holds the pid file, as the
+// daemon does for all its life: a pid that is left from before may be anybody's by now.
+bool IsTheDaemon(pid_t pid) {
+    struct stat status {};
+    if (stat(ProcessFile(pid, "").c_str(), &status) == -1 || status.st_uid != 0 ||
+        !IsNamed(pid, kDaemonName))
+        return false;
+    const Descriptor file = OpenRegularFile(kPidFile);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return file && fcntl(file.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK &&
+           lock.l_pid == pid;
+}
+
 // What is launched with a delay is a child of the daemon that has become nothing else yet.
 unsigned CountDelayed(pid_t daemon) {
     unsigned delayed = 0;
@@ -214,21 +237,64 @@ unsigned CountDelayed(pid_t daemon) {
     return delayed;
 }
 
-// Path of a staged program to a process that runs it. The kernel puts the interpreter of a script,
-// and what is written behind it, before the script's path.
-std::unordered_map<std::string, pid_t> RunningPrograms() {
-    constexpr std::size_t mostBefore = 2;
-    std::unordered_map<std::string, pid_t> running;
+// A process that may run a staged program.
+struct Candidate {
+    pid_t pid;
+    uid_t uid;
+    std::string program; // what it executes; empty where only root may ask
+    std::vector<std::string> arguments;
+};
+
+// Those that name something in the directory of the staged programs.
+std::vector<Candidate> Candidates() {
     const std::string directory = std::string(kRuntimeDirectory) + "/";
+    const auto isStaged = [&](const std::string &path) {
+        return path.compare(0, directory.size(), directory) == 0;
+    };
+    std::vector<Candidate> candidates;
     for (const pid_t pid : AllProcesses()) {
-        std::vector<std::string> candidates = ArgumentsOf(pid);
-        candidates.resize(std::min(candidates.size(), mostBefore + 1));
-        candidates.push_back(ReadLink(ProcessFile(pid, "exe")));
-        for (const std::string &path : candidates)
-            if (path.compare(0, directory.size(), directory) == 0)
-                running.emplace(path, pid);
+        struct stat status {};
+        if (stat(ProcessFile(pid, "").c_str(), &status) == -1)
+            continue;
+        Candidate found{pid, status.st_uid, ReadLink(ProcessFile(pid, "exe")), ArgumentsOf(pid)};
+        if (isStaged(found.program) ||
+            std::any_of(found.arguments.begin(), found.arguments.end(), isStaged))
+            candidates.push_back(std::move(found));
     }
-    return running;
+    return candidates;
+}
+
+// How many arguments may stand before the path of a script: its interpreter, what is written behind
+// that in its first line, and what that makes of it.
+std::size_t MostBeforeScript(const std::string &staged) {
+    constexpr std::size_t kernel = 2; // where the first line cannot be read
+    std::string line;
+    const Descriptor file = OpenRegularFile(staged);
+    std::array<char, 256> block{};
+    const ssize_t size = file ? read(file.Get(), block.data(), block.size()) : -1;
+    if (size <= 2 || block[0] != '#' || block[1] != '!')
+        return size < 0 ? kernel : 0;
+    line.assign(block.data(), static_cast<std::size_t>(size));
+    std::istringstream words(line.substr(0, line.find('\n')));
+    return static_cast<std::size_t>(std::distance(std::istream_iterator<std::string>(words), {}));
+}
+
+// A process that runs the job now; 0 for none. Anybody may give a process such arguments, so that
+// only the account's own count.
+pid_t ProcessOf(const LiveJob &job, const std::vector<Candidate> &candidates) {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    const bool known = KESTUserGetUGID(job.account.c_str(), &uid, &gid) == 0;
+    for (const Candidate &candidate : candidates) {
+        if (candidate.program == job.staged)
+            return candidate.pid;
+        const auto &arguments = candidate.arguments;
+        const auto found = std::find(arguments.begin(), arguments.end(), job.staged);
+        if (known && candidate.uid == uid && found != arguments.end() &&
+            static_cast<std::size_t>(found - arguments.begin()) <= MostBeforeScript(job.staged))
+            return candidate.pid;
+    }
+    return 0;
 }
 
 } // namespace
@@ -251,7 +317,7 @@ Daemon FindDaemon(const Appliance &appliance) {
         return daemon;
     daemon.held = IsVorldHeld();
     const pid_t pid = XLIBCReadPidFile(kPidFile);
-    if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsNamed(pid, kDaemonName))
+    if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsTheDaemon(pid))
         return daemon;
     const std::vector<std::string> arguments = ArgumentsOf(pid);
     daemon.pid = pid;
@@ -266,39 +332,49 @@ Daemon FindDaemon(const Appliance &appliance) {
 
 namespace {
 
-// The time at which each job was last launched, by its printed name, as the end of the execution
-// log tells it from `since` on. What is older stands in the runtime document.
-std::unordered_map<std::string, std::time_t> LaunchesSince(const std::string &log,
-                                                           std::time_t since) {
-    std::unordered_map<std::string, std::time_t> launches;
-    std::ifstream stream(log, std::ios::ate | std::ios::binary);
-    constexpr std::streamoff step = std::streamoff{256} * 1024;
-    std::streamoff begin = stream ? static_cast<std::streamoff>(stream.tellg()) : 0;
+// What the end of the execution log knows of a job.
+struct Recent {
+    std::time_t launched = 0; // by the daemon
+    std::time_t ran = 0;      // whoever started it
+};
+
+void TakeIn(const LogLine &line, std::unordered_map<std::string, Recent> &recent) {
+    if (!line.started)
+        return;
+    Recent &job = recent[line.job];
+    const std::time_t launched = line.time - line.delay;
+    job.ran = std::max(job.ran, launched);
+    if (!line.manual)
+        job.launched = std::max(job.launched, launched);
+}
+
+// What happened since `since`, by the printed names of jobs. What is older stands in the runtime
+// document; of a log without end only the last part is read.
+std::unordered_map<std::string, Recent> ReadRecent(const std::string &log, std::time_t since) {
+    constexpr std::size_t step = std::size_t{1} << 20;
+    constexpr int mostSteps = 64;
+    std::unordered_map<std::string, Recent> recent;
+    std::uintmax_t begin = 0;
+    const Descriptor file = OpenRegularFile(log, &begin);
     std::string rest; // of the line that began in the part before
-    while (begin > 0) {
-        const std::streamoff size = std::min(begin, step);
+    bool reached = !file;
+    for (int i = 0; i < mostSteps && begin > 0 && !reached; ++i) {
+        const std::size_t size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
         begin -= size;
-        std::string part(static_cast<std::size_t>(size), '\0');
-        stream.seekg(begin);
-        if (!stream.read(part.data(), size))
+        std::string part(size, '\0');
+        if (pread(file.Get(), part.data(), size, static_cast<off_t>(begin)) !=
+            static_cast<ssize_t>(size))
             break;
-        part += rest;
         const auto whole = begin == 0 ? 0 : part.find('\n') + 1;
-        std::istringstream lines(part.substr(whole));
+        std::istringstream lines((whole == 0 && begin != 0 ? "" : part.substr(whole)) + rest);
         rest = part.substr(0, whole);
-        std::time_t earliest = since;
-        for (std::string line; std::getline(lines, line);) {
-            const LogLine parsed = ParseLogLine(line);
-            if (parsed.time >= 0)
-                earliest = std::min(earliest, parsed.time);
-            std::time_t &last = launches[parsed.job];
-            if (parsed.started)
-                last = std::max(last, parsed.time - parsed.delay);
+        for (std::string text; std::getline(lines, text);) {
+            const LogLine line = ParseLogLine(text);
+            reached = reached || (line.time >= 0 && line.time < since);
+            TakeIn(line, recent);
         }
-        if (earliest < since)
-            break;
     }
-    return launches;
+    return recent;
 }
 
 std::time_t SavedAt(const std::string &path) {
@@ -317,18 +393,22 @@ LiveJob MakeLiveJob(CronJob parsed) {
 }
 
 // What happened after the document was written: launches end what was due.
-void BringUpToDate(LiveJob &live, std::time_t launched) {
-    if (launched <= live.lastRun)
+void BringUpToDate(LiveJob &live, const Recent &recent) {
+    const std::time_t known = live.lastRun;
+    live.lastRun = std::max(known, std::max(recent.ran, recent.launched));
+    if (recent.launched <= known)
         return;
-    live.lastRun = launched;
-    live.job._jsJob["lastExecution"] = Json::Int64{launched};
+    live.job._jsJob["lastExecution"] = Json::Int64{recent.launched};
     live.job._jsJob["expireTime"] = 0;
 }
+
+// What is read of an appliance is bounded: it may be an image that somebody else made.
+constexpr JsonLimits kReadLimits{std::size_t{1} << 28, 128};
 
 // Reads the document at `path`; false when there is none.
 bool ReadDocument(const std::string &path, Json::Value &document) {
     JsonOrigin origin;
-    if (JsonFromFile(path, document, kOwnFileLimits, &origin))
+    if (JsonFromFile(path, document, kReadLimits, &origin))
         return true;
     if (errno == ENOENT || errno == ENOTDIR)
         return false;
@@ -346,12 +426,11 @@ Runtime LoadRuntime(const Appliance &appliance) {
             break;
     }
     if (document.isNull())
-        throw Failure(std::string("there is neither ") + appliance.Locate(kRuntimeFile) + " nor " +
-                      runtime.path + ": kestcrond has not run here");
+        throw Failure(std::string("there is neither ") + kRuntimeFile + " nor " + kPersistentFile +
+                      ": kestcrond has not run here");
     runtime.saved = SavedAt(runtime.path);
-    runtime.live = runtime.path == kRuntimeFile && FindDaemon(appliance).Runs();
-    const auto launches = LaunchesSince(appliance.Locate(kExecutionLogFile), runtime.saved);
-    const auto running = appliance.IsThisOne() ? RunningPrograms() : decltype(RunningPrograms())();
+    const auto recent = ReadRecent(appliance.Locate(kExecutionLogFile), runtime.saved);
+    const auto candidates = appliance.IsThisOne() ? Candidates() : std::vector<Candidate>();
     const Json::Value &entries = Member(document, "jobs");
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
         CronJob parsed(*entry);
@@ -360,10 +439,9 @@ Runtime LoadRuntime(const Appliance &appliance) {
             continue;
         }
         LiveJob live = MakeLiveJob(std::move(parsed));
-        if (const auto found = launches.find(Printable(live.name)); found != launches.end())
+        if (const auto found = recent.find(Printable(live.name)); found != recent.end())
             BringUpToDate(live, found->second);
-        if (const auto found = running.find(live.staged); found != running.end())
-            live.process = found->second;
+        live.process = ProcessOf(live, candidates);
         runtime.jobs.push_back(std::move(live));
     }
     std::sort(runtime.jobs.begin(), runtime.jobs.end(),
@@ -419,11 +497,10 @@ const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
     if (!matches.empty()) {
         names.clear();
         for (const LiveJob *match : matches)
-            names.push_back(Printable(match->name));
-        throw Failure("more than one job is called \"" + Printable(name) +
-                      "\": " + Enumerated(names));
+            names.push_back(Shown(match->name));
+        throw Failure("more than one job is called \"" + Shown(name) + "\": " + Enumerated(names));
     }
     const std::vector<std::string> near = NearestJobs(name, names);
-    throw Failure("there is no job \"" + Printable(name) + "\"" +
-                  (near.empty() ? "" : "; there is " + Printable(Enumerated(near))));
+    throw Failure("there is no job \"" + Shown(name) + "\"" +
+                  (near.empty() ? "" : "; there is " + Shown(Enumerated(near))));
 }

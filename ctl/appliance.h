@@ -22,7 +22,8 @@ public:
     bool IsThisOne() const { return root_.empty(); }
 
     // Where the appliance's file `path` is found here; its links are followed as they lead there,
-    // the last one too. The file need not exist. Throws Failure for links that lead nowhere.
+    // the last one too. The file need not exist. Empty, which names
+    // nothing, for links that lead in a circle.
     std::string Locate(const std::string &path) const;
 
     bool HasAccount(const std::string &name) const;
@@ -56,15 +57,14 @@ struct LiveJob {
     std::string name;
     CronJob job;             // with what the execution log knows of its last run
     std::string account;     // empty when the definition names none
-    std::time_t lastRun = 0; // 0: none is known
+    std::time_t lastRun = 0; // by whomever; 0: none is known
     std::string staged;      // path of its staged program
     pid_t process = 0;       // one that runs it now; 0: none is seen
 };
 
 // The jobs and where they are known from.
 struct Runtime {
-    std::string path;  // of the document
-    bool live = false; // the one that the running daemon keeps, not the one of its last stop
+    std::string path; // of the document
     std::time_t saved = 0;
     std::vector<LiveJob> jobs;        // by name
     std::vector<std::string> corrupt; // entries that hold no job

@@ -3,8 +3,8 @@
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/messages.h"
+#include "ctl/utf8.h"
 #include "job/account.h"
-#include "log/printable.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -257,9 +257,9 @@ void WriteText(const Problem &problem, const Screen &screen, std::ostream &strea
     text += problem.message;
     if (!problem.allowed.empty())
         text += "; allowed: " + problem.allowed;
-    stream << Printable(problem.file) << ":" << problem.place.line << ":" << problem.place.column
+    stream << Shown(problem.file) << ":" << problem.place.line << ":" << problem.place.column
            << ": " << Coloured(screen, colour, std::string(NameOf(problem.severity)) + ":") << " "
-           << Printable(text) << "\n";
+           << Shown(text) << "\n";
 }
 
 std::string Counted(std::size_t count, const std::string &noun) {
@@ -300,7 +300,7 @@ void TellWhyNotLoaded(const Context &context, const std::string &name) {
     const Outcome outcome = CheckAll(context, {});
     for (const JudgedJob &job : outcome.judged)
         if (job.name == name)
-            std::cerr << Printable(job.file) << ":" << job.place.line << ":" << job.place.column
+            std::cerr << Shown(job.file) << ":" << job.place.line << ":" << job.place.column
                       << ": it is defined here"
                       << (job.accepted ? ", and would be loaded at a reload" : "") << "\n";
     for (const Problem &problem : outcome.problems)

@@ -2,7 +2,7 @@
 
 #include "ctl/failure.h"
 #include "ctl/times.h"
-#include "log/printable.h"
+#include "ctl/utf8.h"
 
 #include <fnmatch.h>
 #include <iostream>
@@ -19,15 +19,19 @@ const LiveJob &JobArgument(const Context &context, const Runtime &runtime,
     try {
         return FindJob(runtime, name);
     } catch (const Failure &) {
-        TellWhyNotLoaded(context, name);
+        try {
+            TellWhyNotLoaded(context, name);
+        } catch (const Failure &) { // what matters is that there is no such job
+        }
         throw;
     }
 }
 
 std::time_t TimeArgument(const Context &context, const std::string &text) {
+    constexpr std::time_t yearTenThousand = 253402300800;
     const std::optional<std::time_t> time =
         text.empty() ? context.now : ReadTime(text, context.now);
-    if (!time)
+    if (!time || *time < -yearTenThousand || *time >= yearTenThousand)
         throw Failure("\"" + text +
                       "\" is no time; write 2026-11-15 03:00, 03:00, yesterday, 2h "
                       "(ago) or +2h");
@@ -39,17 +43,26 @@ void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &co
         std::cerr << "kestcronctl: kestcrond does not run: nothing starts by itself; this is from "
                   << runtime.path << " of " << WhenInWords(runtime.saved, context.now) << "\n";
     for (const std::string &name : runtime.corrupt)
-        std::cerr << "kestcronctl: " << runtime.path << ": \"" << Printable(name)
-                  << "\" is no job\n";
+        std::cerr << "kestcronctl: " << runtime.path << ": \"" << Shown(name) << "\" is no job\n";
+}
+
+void TellWhatWaits(const Daemon &daemon) {
+    if (daemon.held)
+        std::cerr << "kestcronctl: the machine is held: only overdue jobs with "
+                     "\"assure_execute_action\" \"run\" start until it is not\n";
+    if (daemon.delayed != 0)
+        std::cerr << "kestcronctl: " << daemon.delayed
+                  << (daemon.delayed == 1 ? " job is" : " jobs are")
+                  << " launched and waiting for their turn, and in no log yet\n";
 }
 
 void WriteJson(const Json::Value &document) {
-    std::cout << JsonToString(document) << "\n";
+    std::cout << ValidUtf8(JsonToString(document)) << "\n";
 }
 
 void WriteJsonLine(const Json::Value &document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
-    std::cout << Json::writeString(builder, document) << "\n";
+    std::cout << ValidUtf8(Json::writeString(builder, document)) << "\n";
 }

@@ -101,6 +101,10 @@ std::time_t TimeArgument(const Context &context, const std::string &text);
 // run, that a document is an old one, that an entry is corrupt.
 void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context);
 
+// Says on standard error what keeps jobs from starting in their time: that the machine is held, and
+// that launched jobs wait for their turn.
+void TellWhatWaits(const Daemon &daemon);
+
 // Writes a document as the answer; in one line when it is one of many.
 void WriteJson(const Json::Value &document);
 void WriteJsonLine(const Json::Value &document);

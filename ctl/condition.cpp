@@ -6,12 +6,13 @@
 
 namespace {
 
-constexpr std::array<ConditionWords, 6> kWords{{
+constexpr std::array<ConditionWords, 7> kWords{{
     {"waiting", "waiting", Colour::None},
     {"due", "due", Colour::Green},
     {"running now", "running", Colour::Green},
     {"overdue", "overdue", Colour::Yellow},
     {"overdue, machine held", "held", Colour::Yellow},
+    {"held back, machine held", "held", Colour::Dim},
     {"held back, passive", "passive", Colour::Dim},
 }};
 
@@ -33,7 +34,7 @@ Condition ConditionOf(const LiveJob &job, const Daemon &daemon) {
     case JobState::NotReady:
         break;
     }
-    return Condition::Waiting;
+    return daemon.held ? Condition::NotNow : Condition::Waiting;
 }
 
 const ConditionWords &InWords(Condition condition) {

@@ -14,6 +14,7 @@ enum class Condition {
     Running,  // a process runs its program
     Overdue,  // assured, and has not run for too long
     Held,     // overdue, and waits because the machine is held
+    NotNow,   // waits, and would not start in its time either while the machine is held
     HeldBack, // not run on a passive machine
 };
 

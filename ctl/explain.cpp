@@ -4,10 +4,10 @@
 #include "ctl/failure.h"
 #include "ctl/starts.h"
 #include "ctl/times.h"
+#include "ctl/utf8.h"
 #include "ctl/words.h"
 #include "job/json_members.h"
 #include "job/period.h"
-#include "log/printable.h"
 #include "platform/kestutils.h"
 
 #include <iostream>
@@ -179,7 +179,7 @@ void Write(const Explanation &explanation, const Context &context) {
     std::cout << table.Show(context.screen) << "\n";
     for (const std::string &remark : explanation.remarks)
         std::cout << Coloured(context.screen, Colour::Yellow, "Mind: ")
-                  << Wrapped(context.screen, Printable(remark), 6) << "\n";
+                  << Wrapped(context.screen, Shown(remark), 6) << "\n";
     std::cout << (explanation.remarks.empty() ? "" : "\n")
               << (explanation.draws.size() > 1 ? "Such as:\n" : "That is:\n");
     for (const Json::Value &draw : explanation.draws)
@@ -208,8 +208,9 @@ int Explain(const Context &context, const ExplainOptions &options) {
                       (explanation.remarks.empty() ? "" : explanation.remarks.front()));
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
     explanation.draws = Draws(context, explanation.job);
-    explanation.starts = ComingStarts(explanation.job.cronFields, explanation.draws.front(),
-                                      context.now, context.now + kCalendarRepeats, kStarts);
+    explanation.starts =
+        ComingStarts(explanation.job.cronFields, explanation.draws.front(),
+                     {context.now, context.now, context.now + kCalendarRepeats}, kStarts);
     if (context.json)
         WriteJson(ToJson(explanation));
     else

@@ -8,7 +8,8 @@
 #include <vector>
 
 std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now) {
-    const std::vector<JobStart> starts = StartsOf(job, daemon, now, now + kCalendarRepeats, 1);
+    const std::vector<JobStart> starts =
+        StartsOf(job, daemon, {now, now, now + kCalendarRepeats}, 1);
     return starts.empty() ? std::nullopt : std::optional<JobStart>(starts.front());
 }
 

@@ -4,8 +4,8 @@
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/nearest.h"
+#include "ctl/utf8.h"
 #include "log/memorylogger.h"
-#include "log/printable.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -157,6 +157,7 @@ private:
                 [this](const Context &c) { return Log(c, options_.log); });
         log->add_flag("-f,--follow", options_.log.follow, "Go on with what comes");
         log->add_option("-n", options_.log.lines, "Only the last so many lines")
+            ->check(CLI::Range(0, 1000000000).description(""))
             ->type_name("NUMBER");
         log->add_option("--job", options_.log.job, "Only jobs that are meant by it")
             ->type_name("PATTERN");
@@ -176,6 +177,7 @@ private:
                 [this](const Context &c) { return Reload(c, options_.reload); });
         reload->add_option("--timeout", options_.reload.patience, "Seconds to wait for it")
             ->type_name("SECONDS")
+            ->check(CLI::Range(1, 86400).description(""))
             ->capture_default_str();
     }
 
@@ -204,7 +206,7 @@ int main(int argc, char *argv[]) {
         return Execute(parser);
     } catch (const std::exception &error) {
         std::cout.flush();
-        std::cerr << "kestcronctl: " << Printable(error.what()) << "\n";
+        std::cerr << "kestcronctl: " << Shown(error.what()) << "\n";
         return kUsage;
     }
 }

@@ -11,6 +11,7 @@ int List(const Context &context, const ListOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
     Json::Value answer(Json::arrayValue);
     Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
     for (const LiveJob &job : runtime.jobs) {

@@ -2,21 +2,18 @@
 #include "ctl/commands.h"
 #include "ctl/facts.h"
 #include "ctl/failure.h"
+#include "ctl/log_file.h"
 #include "ctl/log_line.h"
 #include "ctl/times.h"
-#include "platform/descriptor.h"
+#include "ctl/utf8.h"
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
 #include <iostream>
 #include <limits>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 // The answer in JSON: one object a line, with "time", "job" (null when the line tells of none),
@@ -35,59 +32,11 @@ struct Filter {
     }
 };
 
-// A log that may be rotated while it is read.
-class LogFile {
-public:
-    explicit LogFile(std::string path) : path_(std::move(path)) {}
-
-    // Opens the file that the path names now. Returns false with errno set when it cannot.
-    bool Open() {
-        file_ = Descriptor(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        rest_.clear();
-        return static_cast<bool>(file_);
-    }
-
-    bool IsOpen() const { return static_cast<bool>(file_); }
-
-    // The next whole line; false at the end of what there is.
-    bool ReadLine(std::string &line) {
-        for (auto end = rest_.find('\n'); true; end = rest_.find('\n')) {
-            if (end != std::string::npos) {
-                line = rest_.substr(0, end);
-                rest_.erase(0, end + 1);
-                return true;
-            }
-            std::array<char, 65536> block{};
-            const ssize_t size = read(file_.Get(), block.data(), block.size());
-            if (size <= 0)
-                return false;
-            rest_.append(block.data(), static_cast<std::size_t>(size));
-        }
-    }
-
-    // What stands behind the last whole line.
-    std::string TakeTorn() { return std::exchange(rest_, {}); }
-
-    // Whether the path names another file by now, or this one begins anew.
-    bool IsRotated() const {
-        struct stat opened {};
-        struct stat named {};
-        if (fstat(file_.Get(), &opened) == -1 || stat(path_.c_str(), &named) == -1)
-            return false; // between the old one and the new one
-        return opened.st_ino != named.st_ino || opened.st_dev != named.st_dev ||
-               opened.st_size < lseek(file_.Get(), 0, SEEK_CUR);
-    }
-
-private:
-    std::string path_;
-    Descriptor file_;
-    std::string rest_;
-};
-
 void Write(const Context &context, const LogLine &line) {
     if (!context.json) {
         std::cout << line.stamp
-                  << Coloured(context.screen, line.failed ? Colour::Red : Colour::None, line.text)
+                  << Coloured(context.screen, line.failed ? Colour::Red : Colour::None,
+                              Shown(line.text))
                   << "\n";
         return;
     }

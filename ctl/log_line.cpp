@@ -54,9 +54,15 @@ LogLine ParseLogLine(std::string_view line) {
     const std::string &text = parsed.text;
     if (StartsWith(text, "running job: ")) {
         parsed.job = Between(text, "running job: ", " with command: ");
-        parsed.failed = text.find(" failed, return code: ") != std::string::npos;
-        parsed.started = !parsed.failed;
-        ReadNumber(Between(text, ", delay[", "]"), parsed.delay);
+        // A command may hold any text; only what stands behind it is ours.
+        const auto note = text.rfind(" (state[");
+        parsed.started = note != std::string::npos && text.back() == ')';
+        parsed.failed = !parsed.started && text.find(" failed, return code: ") != std::string::npos;
+        if (parsed.started) {
+            const std::string told = text.substr(note);
+            ReadNumber(Between(told, ", delay[", "]"), parsed.delay);
+            parsed.manual = StartsWith(told, std::string(" (state[") + kManualState + "]");
+        }
     } else if (StartsWith(text, "Failed to ")) {
         parsed.job = Between(text, " for", " for user ");
         parsed.failed = true;

@@ -6,7 +6,6 @@
 #include "ctl/facts.h"
 #include "ctl/failure.h"
 #include "ctl/utf8.h"
-#include "log/printable.h"
 
 #include <array>
 #include <iostream>
@@ -151,7 +150,7 @@ Runtime JobsOrNone(const Context &context, const Daemon &daemon) {
     } catch (const Failure &failure) {
         if (HasDocument(context.appliance))
             throw;
-        std::cerr << "kestcronctl: " << Printable(failure.what()) << "\n";
+        std::cerr << "kestcronctl: " << Shown(failure.what()) << "\n";
         return {};
     }
 }

@@ -4,6 +4,7 @@
 #include "ctl/times.h"
 #include "ctl/words.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace {
@@ -11,7 +12,8 @@ namespace {
 // What is to be known about a start besides its time.
 std::string RemarkOf(const JobStart &start) {
     if (start.overdue)
-        return "overdue by then";
+        return start.undrawn.empty() ? "overdue by then"
+                                     : "overdue by then, unless it starts before";
     return start.undrawn.empty() ? "" : FieldsInWords(start.undrawn) + " not yet drawn";
 }
 
@@ -28,10 +30,11 @@ void WriteAsJson(const std::vector<JobStart> &starts) {
 } // namespace
 
 int Next(const Context &context, const NextOptions &options) {
-    const std::time_t from = TimeArgument(context, options.at);
+    const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
     std::vector<const LiveJob *> jobs;
     if (!options.job.empty())
         jobs.push_back(&JobArgument(context, runtime, options.job));
@@ -39,7 +42,7 @@ int Next(const Context &context, const NextOptions &options) {
         for (const LiveJob &job : runtime.jobs)
             jobs.push_back(&job);
     const std::vector<JobStart> starts =
-        StartsOf(jobs, daemon, from, from + kCalendarRepeats, options.count);
+        StartsOf(jobs, daemon, {context.now, from, from + kCalendarRepeats}, options.count);
     if (context.json) {
         WriteAsJson(starts);
         return 0;

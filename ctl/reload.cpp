@@ -2,9 +2,9 @@
 #include "core/paths.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/utf8.h"
 #include "ctl/words.h"
 #include "job/json_members.h"
-#include "log/printable.h"
 
 #include <cerrno>
 #include <chrono>
@@ -101,7 +101,7 @@ void Write(const Context &context, const Difference &difference, std::size_t job
     }
     const auto write = [&](Colour colour, const char *what, const std::vector<std::string> &names) {
         for (const std::string &name : names)
-            std::cout << Coloured(context.screen, colour, what) << " " << Printable(name) << "\n";
+            std::cout << Coloured(context.screen, colour, what) << " " << Shown(name) << "\n";
     };
     write(Colour::Green, "came   ", difference.came);
     write(Colour::Red, "went   ", difference.went);

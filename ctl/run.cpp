@@ -1,7 +1,8 @@
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/log_line.h"
 #include "ctl/messages.h"
-#include "log/printable.h"
+#include "ctl/utf8.h"
 #include "platform/descriptor.h"
 #include "platform/kestcore.h"
 
@@ -36,13 +37,24 @@ std::string NoteOf(const LiveJob &job, std::time_t now) {
     std::ostringstream time;
     char text[32] = "";
     std::strftime(text, sizeof text, "%d %H:%M:%S", &local);
-    return std::string("state[Manual], trig[") + text + "], tab[" + job.job.RenderSchedule() +
-           "], by[" + Asker() + "]";
+    return std::string("state[") + kManualState + "], trig[" + text + "], tab[" +
+           job.job.RenderSchedule() + "], by[" + Asker() + "]";
+}
+
+// Whether the staged program is one that the daemon has staged: nobody else may write where it
+// lies.
+bool IsStagedByDaemon(const std::string &staged) {
+    struct stat directory {};
+    return lstat(kRuntimeDirectory, &directory) == 0 && S_ISDIR(directory.st_mode) &&
+           directory.st_uid == 0 && (directory.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           XLIBCFileExist(staged.c_str());
 }
 
 // A job has the daemon's environment, directory and file mode mask, not those of somebody's shell:
-// what goes wrong at night shall go wrong here.
+// what goes wrong at night shall go wrong here. Nor has it the shell's terminal, into which it
+// could type; the session of its own keeps only what it writes there.
 void TakeOnSurroundings(const Daemon &daemon) {
+    setsid();
     if (chdir("/") == -1)
         std::cerr << "kestcronctl: /: " << std::strerror(errno) << "\n";
     if (const int null = open("/dev/null", O_RDONLY); null != -1) {
@@ -50,10 +62,12 @@ void TakeOnSurroundings(const Daemon &daemon) {
         if (null != STDIN_FILENO)
             close(null);
     }
-    if (!daemon.Runs())
-        return;
-    const std::string directory = "/proc/" + std::to_string(daemon.pid) + "/";
     clearenv();
+    if (!daemon.Runs()) {
+        setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
+        return;
+    }
+    const std::string directory = "/proc/" + std::to_string(daemon.pid) + "/";
     std::ifstream environment(directory + "environ");
     for (std::string variable; std::getline(environment, variable, '\0');)
         if (const auto equals = variable.find('='); equals != std::string::npos)
@@ -76,16 +90,23 @@ void TakeOnSurroundings(const Daemon &daemon) {
         std::cerr << "kestcronctl: " << error.what() << "\n";
     }
     for (const std::string &message : TakeMessages())
-        std::cerr << "kestcronctl: " << Printable(message) << "\n";
+        std::cerr << "kestcronctl: " << Shown(message) << "\n";
     std::cerr.flush();
     _exit(status);
 }
 
-// The keyboard's signals are for the job, which ends or does not.
+volatile std::sig_atomic_t runningJob = 0; // its session, for the signal handler
+
+void PassOn(int number) {
+    kill(-static_cast<pid_t>(runningJob), number);
+}
+
+// Signals to this program are for the job, which ends or does not.
 int WaitFor(pid_t pid) {
     constexpr int signalled = 128;
-    std::signal(SIGINT, SIG_IGN);
-    std::signal(SIGQUIT, SIG_IGN);
+    runningJob = pid;
+    for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
+        std::signal(number, PassOn);
     int status = 0;
     while (waitpid(pid, &status, 0) == -1)
         if (errno != EINTR)
@@ -109,8 +130,9 @@ int Run(const Context &context, const RunOptions &options) {
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
     const LiveJob &job = JobArgument(context, runtime, options.job);
-    if (!XLIBCFileExist(job.staged.c_str()))
-        throw Failure(job.staged + " is not there: the daemon stages it when it loads the job");
+    if (!IsStagedByDaemon(job.staged))
+        throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "
+                                   "loads jobs");
     CronJob prepared = job.job;
     prepared._jsJob["cmd_list"][0U] = job.staged;
     std::cout.flush();

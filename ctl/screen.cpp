@@ -1,6 +1,6 @@
 #include "ctl/screen.h"
 
-#include "log/printable.h"
+#include "ctl/utf8.h"
 
 #include <algorithm>
 #include <clocale>
@@ -126,7 +126,7 @@ Table::Table(std::vector<std::string> header, std::vector<std::size_t> dispensab
 
 void Table::Add(std::vector<std::string> row, Colour colour) {
     for (std::string &cell : row)
-        cell = Printable(cell);
+        cell = Shown(cell);
     rows_.push_back({std::move(row), colour});
 }
 

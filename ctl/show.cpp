@@ -2,20 +2,21 @@
 #include "ctl/commands.h"
 #include "ctl/condition.h"
 #include "ctl/facts.h"
+#include "ctl/log_file.h"
 #include "ctl/log_line.h"
 #include "ctl/times.h"
+#include "ctl/utf8.h"
 #include "ctl/words.h"
 #include "job/json_members.h"
 #include "log/printable.h"
 #include "platform/descriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
-#include <fstream>
 #include <iostream>
-#include <limits>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -30,10 +31,12 @@ namespace {
 constexpr std::size_t kStarts = 3;
 constexpr std::size_t kLogLines = 5;
 
+// The content of a program; nothing, with errno set, when it cannot be had.
 std::optional<std::string> ContentOf(const std::string &path) {
+    constexpr std::size_t most = std::size_t{1} << 28;
     std::string content;
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file || !ReadAll(file.Get(), std::numeric_limits<std::size_t>::max(), content))
+    const Descriptor file = OpenRegularFile(path);
+    if (!file || !ReadAll(file.Get(), most, content))
         return std::nullopt;
     return content;
 }
@@ -62,8 +65,9 @@ Staged Compare(const Context &context, const LiveJob &job, const std::string &pr
 std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
     std::deque<LogLine> lines;
     const std::string name = Printable(job.name);
-    std::ifstream log(context.appliance.Locate(kExecutionLogFile));
-    for (std::string text; std::getline(log, text);) {
+    LogFile log(context.appliance.Locate(kExecutionLogFile));
+    log.Open();
+    for (std::string text; log.IsOpen() && log.ReadLine(text);) {
         LogLine line = ParseLogLine(text);
         if (line.job != name)
             continue;
@@ -72,6 +76,13 @@ std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
             lines.pop_front();
     }
     return lines;
+}
+
+std::string WhyNoLines(const Context &context) {
+    const std::string path = context.appliance.Locate(kExecutionLogFile);
+    if (access(path.c_str(), R_OK) == 0 || errno == ENOENT)
+        return "no lines of it";
+    return path + ": " + std::strerror(errno);
 }
 
 struct Facts {
@@ -106,7 +117,7 @@ Json::Value ToJson(const Facts &facts, std::time_t now) {
 void Line(const Screen &screen, const std::string &name, const std::string &text) {
     constexpr std::size_t names = 12; // columns
     std::cout << Padded(name.empty() ? "" : name + ":", names)
-              << Wrapped(screen, Printable(text), names) << "\n";
+              << Wrapped(screen, Shown(text), names) << "\n";
 }
 
 std::string AssuranceInWords(const CronJob &job) {
@@ -121,7 +132,7 @@ void Write(const Facts &facts, const Context &context) {
     const LiveJob &job = facts.job;
     const Json::Value &document = job.job._jsJob;
     const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
-    std::cout << Coloured(screen, Colour::Bold, Printable(job.name)) << "\n";
+    std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
          state.text +
              (job.process != 0 ? ", process " + std::to_string(job.process) : std::string()));
@@ -141,14 +152,19 @@ void Write(const Facts &facts, const Context &context) {
         Line(screen, std::exchange(name, ""), NextInWords(start, context.now));
     if (facts.starts.empty())
         Line(screen, name, "never");
-    std::cout << "\ndefinition:\n" << JsonToString(Member(document, "config")) << "\n\nlog:\n";
+    std::cout << "\ndefinition:\n";
+    std::istringstream definition(JsonToString(Member(document, "config")));
+    for (std::string line; std::getline(definition, line);) {
+        const std::size_t depth = std::min(line.find_first_not_of('\t'), line.size());
+        std::cout << std::string(4 * depth, ' ') << Shown(line.substr(depth)) << "\n";
+    }
+    std::cout << "\nlog:\n";
     for (const LogLine &line : facts.lines)
         std::cout << line.stamp
-                  << Coloured(screen, line.failed ? Colour::Red : Colour::None, line.text) << "\n";
+                  << Coloured(screen, line.failed ? Colour::Red : Colour::None, Shown(line.text))
+                  << "\n";
     if (facts.lines.empty())
-        std::cout << (access(context.appliance.Locate(kExecutionLogFile).c_str(), R_OK) == 0
-                          ? "no lines of it\n"
-                          : "cannot be read here\n");
+        std::cout << WhyNoLines(context) << "\n";
 }
 
 } // namespace
@@ -157,15 +173,17 @@ int Show(const Context &context, const ShowOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
     const Json::Value &first = Member(job.job._jsJob, "cmd_list")[0U];
     const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
-    const Facts facts{job,
-                      daemon,
-                      program,
-                      Compare(context, job, program),
-                      StartsOf(job, daemon, context.now, context.now + kCalendarRepeats, kStarts),
-                      LinesOf(context, job)};
+    const Facts facts{
+        job,
+        daemon,
+        program,
+        Compare(context, job, program),
+        StartsOf(job, daemon, {context.now, context.now, context.now + kCalendarRepeats}, kStarts),
+        LinesOf(context, job)};
     if (context.json)
         WriteJson(ToJson(facts, context.now));
     else

@@ -5,6 +5,7 @@
 #include "ctl/failure.h"
 #include "ctl/times.h"
 #include "ctl/words.h"
+#include "job/schedule.h"
 
 #include <iostream>
 #include <map>
@@ -17,6 +18,7 @@
 namespace {
 
 struct Facts {
+    bool here = true; // this very appliance
     Daemon daemon;
     std::optional<Runtime> runtime;
     std::optional<ScheduleTemplate> schedule;
@@ -25,6 +27,7 @@ struct Facts {
 
 Facts Gather(const Context &context) {
     Facts facts;
+    facts.here = context.appliance.IsThisOne();
     facts.daemon = FindDaemon(context.appliance);
     try {
         facts.runtime = LoadRuntime(context.appliance);
@@ -45,8 +48,8 @@ Json::Value ToJson(const Facts &facts) {
     json["pid"] = runs ? Json::Value(daemon.pid) : Json::Value();
     json["since"] = TimeToJson(daemon.since);
     json["passive"] = runs ? Json::Value(daemon.passive) : Json::Value();
-    json["held"] = daemon.held;
-    json["delayed"] = daemon.delayed;
+    json["held"] = facts.here ? Json::Value(daemon.held) : Json::Value();
+    json["delayed"] = facts.here ? Json::Value(daemon.delayed) : Json::Value();
     json["jobs"] =
         facts.runtime ? Json::Value(Json::UInt64{facts.runtime->jobs.size()}) : Json::Value();
     json["document"] = facts.runtime ? Json::Value(facts.runtime->path) : Json::Value();
@@ -65,8 +68,9 @@ void Line(const std::string &name, const std::string &text) {
 void ShowDraw(const Facts &facts, std::time_t now) {
     const char *name = "draw";
     for (const std::string &key : FieldKeys()) {
-        const std::string value =
-            facts.schedule ? ValueInWords(key, facts.schedule->GetSingleScheduleValue(key)) : "-";
+        const std::int32_t drawn =
+            facts.schedule ? facts.schedule->GetSingleScheduleValue(key) : kAnyValue;
+        const std::string value = drawn == kAnyValue ? "-" : ValueInWords(key, drawn);
         Line(name, Padded(FieldsInWords({key}), 9) + Padded(value, 11) + "until " +
                        WhenInWords(facts.redraws.at(key), now));
         name = "";

@@ -42,13 +42,14 @@ std::time_t BeginOfQuarter(std::time_t time) {
 
 ComingHours LookAhead(const std::vector<LiveJob> &jobs, const Daemon &daemon, std::time_t now,
                       std::size_t hours) {
-    constexpr std::size_t all = std::numeric_limits<std::size_t>::max(); // the time is the limit
+    const std::size_t all = 2 * 60 * (hours + 1); // more than one a minute hardly are
     ComingHours coming;
     coming.from = now - Local(now).tm_sec;
     coming.until = coming.from + static_cast<std::time_t>(hours) * kHour;
     coming.held = daemon.held;
     for (const LiveJob &job : jobs) {
-        std::vector<JobStart> starts = StartsOf(job, daemon, coming.from, coming.until, all);
+        std::vector<JobStart> starts =
+            StartsOf(job, daemon, {coming.from, coming.from, coming.until}, all);
         while (!starts.empty() && starts.back().earliest >= coming.until)
             starts.pop_back();
         if (starts.empty())
@@ -144,19 +145,11 @@ Json::Value TimelineToJson(const ComingHours &hours) {
 
 namespace {
 
-// The file that `path` leads to, so that replacing it leaves a link in place; `path` itself where
-// it leads nowhere yet.
-std::string FollowLinks(const std::string &path) {
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
-                                                           std::free);
-    return real ? real.get() : path;
-}
-
-// Whoever looks at the file finds the old picture or the new one, never a part.
+// Whoever looks at the file finds the old picture or the new one, never a part. A link is replaced
+// itself, and a mode is not taken over: both may be somebody else's trap.
 bool WriteWhole(const std::string &path, const std::string &text) {
     struct stat status {};
-    const bool exists = stat(path.c_str(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode)) {
+    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return false;
     }
@@ -164,8 +157,7 @@ bool WriteWhole(const std::string &path, const std::string &text) {
     Descriptor file(mkostemp(fresh.data(), O_CLOEXEC));
     if (!file)
         return false;
-    const mode_t mode = exists ? status.st_mode & 07777 : 0644;
-    if (fchmod(file.Get(), mode) == 0 && WriteAll(file.Get(), text) && close(file.Release()) == 0 &&
+    if (fchmod(file.Get(), 0644) == 0 && WriteAll(file.Get(), text) && close(file.Release()) == 0 &&
         rename(fresh.c_str(), path.c_str()) == 0)
         return true;
     const int error = errno;
@@ -177,7 +169,7 @@ bool WriteWhole(const std::string &path, const std::string &text) {
 void WritePicture(const std::string &path, const std::string &picture) {
     if (path == "-")
         std::cout << picture;
-    else if (!WriteWhole(FollowLinks(path), picture))
+    else if (!WriteWhole(path, picture))
         throw Failure(path + ": " + std::strerror(errno));
 }
 

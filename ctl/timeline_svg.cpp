@@ -4,7 +4,6 @@
 #include "ctl/times.h"
 #include "ctl/utf8.h"
 #include "ctl/words.h"
-#include "log/printable.h"
 
 #include <algorithm>
 #include <array>
@@ -43,7 +42,7 @@ text{font-family:system-ui,-apple-system,'Segoe UI','DejaVu Sans',sans-serif;fil
 
 // Text inside an element. There are two characters of UTF-8 that a document may not hold.
 std::string Escaped(const std::string &text) {
-    const std::string valid = ValidUtf8(Printable(text));
+    const std::string valid = Shown(text);
     std::string escaped;
     for (std::size_t i = 0; i < valid.size(); ++i) {
         const bool forbidden =
@@ -146,7 +145,8 @@ std::string BandInWords(const JobStart &start) {
 }
 
 std::string QuarterInWords(const QuarterHour &quarter) {
-    std::string text = Moment(quarter.from) + " to " + ClockInWords(quarter.from + kQuarterHour) +
+    std::string text = Moment(quarter.from) + " to " +
+                       ClockInWords(quarter.from + kQuarterHour, quarter.from + kQuarterHour) +
                        ": " + Counted(quarter.starts, "start", "starts");
     if (quarter.possible != 0)
         text += ", up to " + std::to_string(quarter.possible) + " more";
@@ -161,7 +161,7 @@ public:
         : hours_(hours), marks_(ClockMarksOf(hours)), load_(LoadOf(hours)) {
         std::size_t longest = 12;
         for (const JobRow &row : hours.rows)
-            longest = std::max(longest, Shown(row.name).size());
+            longest = std::max(longest, Label(row.name).size());
         left_ = kMargin + kLetter * static_cast<double>(std::min(longest, kLongestName)) + 14;
         rowsBottom_ = kRowsTop + kRowHeight * static_cast<double>(hours.rows.size());
         loadBottom_ = rowsBottom_ + 34 + kLoadHeight;
@@ -241,7 +241,8 @@ private:
             if (mark.newDay || mark.minuteOfDay % labels == 0)
                 for (const double y : {kClockTop, loadBottom_ + 16})
                     text += Text(mark.newDay ? "day" : "small quiet", x, y, Anchor::Middle,
-                                 mark.newDay ? ShortDay(mark.time) : ClockInWords(mark.time));
+                                 mark.newDay ? ShortDay(mark.time)
+                                             : ClockInWords(mark.time, mark.time));
         }
         return text;
     }
@@ -252,10 +253,10 @@ private:
         return kRowsTop + kRowHeight * static_cast<double>(index);
     }
 
-    static std::string Shown(const std::string &name) {
+    static std::string Label(const std::string &name) {
         Screen page;
         page.utf8 = true;
-        return Fitted(page, ValidUtf8(Printable(name)), kLongestName);
+        return Fitted(page, Shown(name), kLongestName);
     }
 
     std::string Rows() const {
@@ -263,7 +264,7 @@ private:
         for (std::size_t i = 0; i < hours_.rows.size(); ++i) {
             const JobRow &row = hours_.rows[i];
             text +=
-                Text("name", kMargin, RowTop(i) + 15, Anchor::Begin, Shown(row.name), row.name) +
+                Text("name", kMargin, RowTop(i) + 15, Anchor::Begin, Label(row.name), row.name) +
                 Bands(row, RowTop(i)) + Starts(row, RowTop(i)) + Overdues(row, RowTop(i));
         }
         return text;

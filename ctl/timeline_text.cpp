@@ -1,7 +1,7 @@
 #include "ctl/timeline_text.h"
 
 #include "ctl/times.h"
-#include "log/printable.h"
+#include "ctl/utf8.h"
 
 #include <algorithm>
 #include <array>
@@ -45,7 +45,7 @@ public:
         const std::size_t width = std::max(screen.width == 0 ? usual : screen.width, narrowest);
         std::size_t longest = shortest;
         for (const JobRow &row : hours.rows)
-            longest = std::max(longest, WidthOf(Printable(row.name)));
+            longest = std::max(longest, WidthOf(Shown(row.name)));
         nameWidth_ = std::min(longest, width / 3);
         columns_ = width - nameWidth_ - 1;
         for (const JobRow &row : hours.rows)
@@ -116,7 +116,7 @@ private:
         for (const ClockMark &mark : marks_)
             if (mark.minuteOfDay % step == 0) {
                 ticks[ColumnOf(mark.time)] = true;
-                Write(labels, ColumnOf(mark.time), ClockInWords(mark.time));
+                Write(labels, ColumnOf(mark.time), ClockInWords(mark.time, mark.time));
             }
         return Labelled(Name(""), labels) + Labelled(Name(""), Axis(ticks));
     }
@@ -172,7 +172,7 @@ private:
     std::string Rows() const {
         std::string text;
         for (std::size_t i = 0; i < rows_.size(); ++i)
-            text += Labelled(Name(Printable(hours_.rows[i].name)), Drawn(rows_[i]));
+            text += Labelled(Name(Shown(hours_.rows[i].name)), Drawn(rows_[i]));
         return text;
     }
 

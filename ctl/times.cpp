@@ -57,8 +57,10 @@ std::optional<std::time_t> WithZone(std::tm local, const char *rest) {
     if (rest == nullptr)
         return std::nullopt;
     if (*rest == '\0') {
+        const int day = local.tm_mday;
         local.tm_isdst = -1;
-        return std::mktime(&local);
+        const std::time_t time = std::mktime(&local);
+        return local.tm_mday == day ? std::optional<std::time_t>(time) : std::nullopt;
     }
     std::tm zone{};
     const char *end = strptime(rest, "%z", &zone);
@@ -101,12 +103,13 @@ std::string DayInWords(std::time_t time, std::time_t now) {
     return day + Formatted(" %b %Y", local);
 }
 
-std::string ClockInWords(std::time_t time) {
-    return Formatted("%H:%M", Local(time));
+std::string ClockInWords(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    return Formatted("%H:%M", local) + ZoneUnlessOf(local, now);
 }
 
 std::string WhenInWords(std::time_t time, std::time_t now) {
-    return DayInWords(time, now) + " " + ClockInWords(time) + ZoneUnlessOf(Local(time), now);
+    return DayInWords(time, now) + " " + ClockInWords(time, now);
 }
 
 std::string DayInShort(std::time_t time, std::time_t now) {
@@ -125,7 +128,7 @@ std::string WhenInShort(std::time_t time, std::time_t now) {
     std::string day = DayInShort(time, now);
     if (local.tm_year != Local(now).tm_year && day.size() > 3)
         return day;
-    return day + (day.empty() ? "" : " ") + ClockInWords(time) + ZoneUnlessOf(local, now);
+    return day + (day.empty() ? "" : " ") + ClockInWords(time, now);
 }
 
 std::string SpanInWords(std::time_t seconds) {

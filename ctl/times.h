@@ -22,8 +22,8 @@ std::string DayInShort(std::time_t time, std::time_t now);
 // Only the day of it: "today", "Tue 9 Jun".
 std::string DayInWords(std::time_t time, std::time_t now);
 
-// "03:17", of a local time.
-std::string ClockInWords(std::time_t time);
+// "03:17", of a local time, its zone as in WhenInWords.
+std::string ClockInWords(std::time_t time, std::time_t now);
 
 // How long something takes: "3 d 4 h", "5 h 12 min", "7 min", "30 s".
 std::string SpanInWords(std::time_t seconds);

@@ -1,8 +1,11 @@
 #include "ctl/utf8.h"
 
+#include "log/printable.h"
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdio>
 
 namespace {
 
@@ -46,6 +49,32 @@ std::size_t LengthOfFirst(std::string_view text) {
     return lead->length;
 }
 
+// The number of a character of two or three bytes; 0 for others.
+unsigned NumberOf(std::string_view character) {
+    const auto bits = [&](std::size_t i, unsigned mask) {
+        return static_cast<unsigned char>(character[i]) & mask;
+    };
+    if (character.size() == 2)
+        return bits(0, 0x1FU) << 6U | bits(1, 0x3FU);
+    if (character.size() == 3)
+        return bits(0, 0x0FU) << 12U | bits(1, 0x3FU) << 6U | bits(2, 0x3FU);
+    return 0;
+}
+
+bool IsObeyed(unsigned number) {
+    const auto between = [number](unsigned first, unsigned last) {
+        return first <= number && number <= last;
+    };
+    return between(0x80, 0x9F) || number == 0x061C || between(0x200B, 0x200F) ||
+           between(0x2028, 0x202E) || between(0x2066, 0x2069) || number == 0xFEFF;
+}
+
+std::string Escaped(char letter, unsigned number) {
+    std::array<char, 8> text{};
+    std::snprintf(text.data(), text.size(), letter == 'x' ? "\\x%02x" : "\\u%04x", number);
+    return text.data();
+}
+
 } // namespace
 
 std::string ValidUtf8(std::string_view text) {
@@ -60,4 +89,22 @@ std::string ValidUtf8(std::string_view text) {
         text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return valid;
+}
+
+std::string Shown(std::string_view text) {
+    std::string shown;
+    shown.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t length = LengthOfFirst(text);
+        const std::string_view first = text.substr(0, std::max<std::size_t>(length, 1));
+        const unsigned number = length == 0 ? 0 : NumberOf(first);
+        if (length == 0)
+            shown += Escaped('x', static_cast<unsigned char>(first.front()));
+        else if (IsObeyed(number))
+            shown += Escaped('u', number);
+        else
+            shown += length == 1 ? Printable(first) : std::string(first);
+        text.remove_prefix(first.size());
+    }
+    return shown;
 }

@@ -10,4 +10,9 @@
 // of files and jobs may hold any bytes, while formats that others read admit characters only.
 std::string ValidUtf8(std::string_view text);
 
+// `text` as it may go to a terminal: without anything that the terminal would obey, or that would
+// put what stands beside it in another order. Control characters, bytes that belong to no character
+// and marks of writing direction are written as escapes: "\n", "\x1b", "\u202e".
+std::string Shown(std::string_view text);
+
 #endif

@@ -172,8 +172,8 @@ bool IsOnOneDay(const ComingStart &start, std::time_t now) {
     return DayInWords(start.earliest, now) == DayInWords(start.latest - 1, now);
 }
 
-std::string LastClock(const ComingStart &start) {
-    const std::string clock = ClockInWords(start.latest);
+std::string LastClock(const ComingStart &start, std::time_t now) {
+    const std::string clock = ClockInWords(start.latest, now);
     return clock == "00:00" ? "24:00" : clock;
 }
 
@@ -183,7 +183,7 @@ std::string StartInShort(const ComingStart &start, std::time_t now) {
     if (start.earliest == start.latest)
         return WhenInShort(start.earliest, now);
     if (IsOnOneDay(start, now))
-        return WhenInShort(start.earliest, now) + "-" + LastClock(start);
+        return WhenInShort(start.earliest, now) + "-" + LastClock(start, now);
     const std::string first = DayInShort(start.earliest, now);
     return (first.empty() ? "today" : first) + " - " + DayInShort(start.latest - 1, now);
 }
@@ -192,7 +192,7 @@ std::string StartInWords(const ComingStart &start, std::time_t now) {
     if (start.earliest == start.latest)
         return WhenInWords(start.earliest, now);
     if (IsOnOneDay(start, now))
-        return DayInWords(start.earliest, now) + " between " + ClockInWords(start.earliest) +
-               " and " + LastClock(start);
+        return DayInWords(start.earliest, now) + " between " + ClockInWords(start.earliest, now) +
+               " and " + LastClock(start, now);
     return "between " + WhenInWords(start.earliest, now) + " and " + WhenInWords(start.latest, now);
 }

@@ -2,10 +2,13 @@
 
 # Job names are written by package authors: they are never expanded, and quoted where that matters.
 _kestcronctl_jobs() {
-    local name
+    local name root=() i
+    for ((i = 1; i + 1 < COMP_CWORD; i++)); do
+        [[ ${COMP_WORDS[i]} != --root ]] || root=(--root "${COMP_WORDS[i + 1]}")
+    done
     while IFS= read -r name; do
         [[ $name != "$1"* || $name == *\\* ]] || COMPREPLY+=("$(printf '%q' "$name")")
-    done < <(kestcronctl list --json 2>/dev/null |
+    done < <(kestcronctl "${root[@]}" list --json 2>/dev/null |
         sed -n 's/^[[:space:]]*"name" : "\(.*\)",\{0,1\}$/\1/p')
 }
 

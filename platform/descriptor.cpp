@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -27,6 +29,22 @@ void Descriptor::Close() {
         const ErrnoKept kept;
         close(Release());
     }
+}
+
+Descriptor OpenRegularFile(const std::string &path, std::uintmax_t *size) {
+    const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status {};
+    if (!named || fstat(named.Get(), &status) == -1)
+        return {};
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return {};
+    }
+    if (size != nullptr)
+        *size = static_cast<std::uintmax_t>(status.st_size);
+    const std::string same = "/proc/self/fd/" + std::to_string(named.Get());
+    // Not waiting also for an owner who holds a lease.
+    return Descriptor(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
 bool ReadAll(int fd, std::size_t limit, std::string &content) {

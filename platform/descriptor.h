@@ -4,6 +4,7 @@
 #define PLATFORM_DESCRIPTOR_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,12 @@ public:
 private:
     int fd_ = -1;
 };
+
+// Opens the regular file that `path` leads to for reading. The name is looked up once, without
+// opening what it names: opening a device has effects of its own, and a second look-up could find
+// another file. Does not wait, neither in opening nor in reading. Without one, errno tells why not
+// (EISDIR, EINVAL for what is no file). `size`, when given, becomes its size.
+Descriptor OpenRegularFile(const std::string &path, std::uintmax_t *size = nullptr);
 
 // Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
 // than `limit` bytes (EFBIG); `content` is then unspecified.

@@ -17,25 +17,15 @@
 
 namespace {
 
-// Opens `path` for reading when it is a regular file of at most `limit` bytes. The name is looked
-// up once, without opening what it names: opening a device has effects of its own, and a second
-// look-up could find another file. Empty files are no documents; those of the kernel that let their
-// reader wait look empty too. Opening does not wait either, say for an owner who holds a lease.
-Descriptor OpenRegularFile(const std::string &path, std::size_t limit) {
-    const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
-    struct stat status {};
-    if (!named || fstat(named.Get(), &status) == -1)
-        return {};
-    if (!S_ISREG(status.st_mode)) {
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return {};
-    }
-    if (status.st_size == 0 || static_cast<std::uintmax_t>(status.st_size) > limit) {
-        errno = status.st_size == 0 ? EBADMSG : EFBIG;
-        return {};
-    }
-    const std::string same = "/proc/self/fd/" + std::to_string(named.Get());
-    return Descriptor(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+// Opens the regular file `path` when it has at most `limit` bytes. Empty files are no documents;
+// those of the kernel that let their reader wait look empty too.
+Descriptor OpenDocument(const std::string &path, std::size_t limit) {
+    std::uintmax_t size = 0;
+    Descriptor file = OpenRegularFile(path, &size);
+    if (!file || (size != 0 && size <= limit))
+        return file;
+    errno = size == 0 ? EBADMSG : EFBIG;
+    return {};
 }
 
 bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
@@ -124,7 +114,7 @@ bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits 
     JsonOrigin unasked;
     JsonOrigin &read = origin != nullptr ? *origin : unasked;
     read = {};
-    const Descriptor file = OpenRegularFile(path, limits.bytes);
+    const Descriptor file = OpenDocument(path, limits.bytes);
     if (!file || !ReadAll(file.Get(), limits.bytes, read.text))
         return false;
     if (Parse(read, limits.depth, value))

@@ -71,9 +71,12 @@ def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
         wait_for(lambda: any(minute.hour == hour and minute.minute > 2 for minute in ticks()), 120,
                  f"{hour} o'clock")
         now = machine.log_lines()[-1].split()[0]
-        promises = json.loads(ctl("next", "-n", "3000", "--at", now, "--json").stdout)
-        # What was launched while we asked is told by nobody.
-        snapshots.append((max(minute_of(now), *ticks()), promises))
+        clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still while we ask
+        later = (minute_of(now) + 5 * 60 * MINUTE).isoformat()
+        for start, ask in ((now, []), (later, ["--at", later])):
+            promises = json.loads(ctl("next", "-n", "3000", *ask, "--json", env=clock).stdout)
+            # What was launched while we asked is told by nobody.
+            snapshots.append((max(minute_of(start), *ticks()), promises))
 
     ticks = lambda: started(machine)[0].get("builtin-f-tick", [])
     for hour in (22, 0, 3, 9):

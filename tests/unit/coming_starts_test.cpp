@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -52,10 +53,12 @@ std::string Text(const ComingStart &start) {
     return text;
 }
 
-std::vector<std::string> Starts(const CronJob &job, std::time_t from, std::size_t count) {
+std::vector<std::string> Starts(const CronJob &job, std::time_t from, std::size_t count,
+                                std::optional<std::time_t> now = std::nullopt) {
     std::vector<std::string> texts;
     for (const ComingStart &start :
-         ComingStarts(job.cronFields, job._jsJob["schedule"], from, from + kCalendarRepeats, count))
+         ComingStarts(job.cronFields, job._jsJob["schedule"],
+                      {now.value_or(from), from, from + kCalendarRepeats}, count))
         texts.push_back(Text(start));
     return texts;
 }
@@ -145,14 +148,29 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
 }
 
+TEST(ComingStarts, OfALaterTimeKnowWhatIsDrawnUntilThen) {
+    const LocalZone zone("UTC0");
+    const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
+    const CronJob hourly = JobOf("~ * * * *", R"({"Minute": [17]})");
+    EXPECT_THAT(Starts(hourly, now + 60, 1, now), ElementsAre("2026-06-02 02:17"));
+    EXPECT_THAT(Starts(hourly, Utc(2026, 6, 2, 22, 0), 2, now),
+                ElementsAre("2026-06-02 22:00..2026-06-02 23:00 Minute",
+                            "2026-06-02 23:01..2026-06-03 00:00 Minute"));
+    const CronJob daily = JobOf("~ ~ * * *", R"({"Minute": [17], "hour": [22]})");
+    EXPECT_THAT(Starts(daily, Utc(2026, 6, 2, 22, 0), 1, now),
+                ElementsAre("2026-06-02 22:00..2026-06-02 22:59 Minute"));
+    EXPECT_THAT(Starts(daily, Utc(2026, 6, 10, 12, 0), 1, now),
+                ElementsAre("2026-06-10 12:00..2026-06-11 00:00 Minute,hour"));
+}
+
 TEST(ComingStarts, AreThoseOfTheLocalClock) {
     const LocalZone zone("Europe/Berlin");
     // 02:00 becomes 03:00 on 29 March, and 03:00 becomes 02:00 on 25 October.
     EXPECT_THAT(Starts(JobOf("30 2 * * *"), Utc(2026, 3, 28, 12, 0), 2),
                 ElementsAre("2026-03-30 02:30", "2026-03-31 02:30"));
-    const std::vector<ComingStart> twice =
-        ComingStarts(JobOf("30 2 * * *").cronFields, JobOf("30 2 * * *")._jsJob["schedule"],
-                     Utc(2026, 10, 24, 12, 0), Utc(2027, 1, 1, 0, 0), 3);
+    const std::vector<ComingStart> twice = ComingStarts(
+        JobOf("30 2 * * *").cronFields, JobOf("30 2 * * *")._jsJob["schedule"],
+        {Utc(2026, 10, 24, 12, 0), Utc(2026, 10, 24, 12, 0), Utc(2027, 1, 1, 0, 0)}, 3);
     ASSERT_THAT(twice, SizeIs(3));
     EXPECT_EQ(twice[0].earliest, Utc(2026, 10, 25, 0, 30));
     EXPECT_EQ(twice[1].earliest, Utc(2026, 10, 25, 1, 30));
@@ -161,8 +179,8 @@ TEST(ComingStarts, AreThoseOfTheLocalClock) {
 
 TEST(ComingStarts, AreNoneWithoutASchedule) {
     const LocalZone zone("UTC0");
-    EXPECT_THAT(ComingStarts({}, Json::Value(), 0, kCalendarRepeats, 3), IsEmpty());
-    EXPECT_THAT(ComingStarts({}, Json::Value(), INT64_MAX, INT64_MAX, 3), IsEmpty());
+    EXPECT_THAT(ComingStarts({}, Json::Value(), {0, 0, kCalendarRepeats}, 3), IsEmpty());
+    EXPECT_THAT(ComingStarts({}, Json::Value(), {INT64_MAX, INT64_MAX, INT64_MAX}, 3), IsEmpty());
     // An entry whose stored draw is broken is never due until it is drawn anew.
     EXPECT_THAT(Starts(JobOf("5 3 * * *", R"({"hour": "x"})"), Utc(2026, 6, 2, 2, 10), 1),
                 ElementsAre("2026-06-03 03:05"));
@@ -219,8 +237,8 @@ TEST(ComingStarts, HoldAllThatComes) {
         const std::time_t from =
             Utc(2026, 3, 25, static_cast<int>(round % 24), static_cast<int>(round));
         const std::vector<std::time_t> lived = Lived(job, from, days, clock);
-        const std::vector<ComingStart> coming =
-            ComingStarts(job.cronFields, job._jsJob["schedule"], from, from + days * kDay, 20000);
+        const std::vector<ComingStart> coming = ComingStarts(
+            job.cronFields, job._jsJob["schedule"], {from, from, from + days * kDay}, 20000);
         for (const std::time_t moment : lived)
             ASSERT_TRUE(std::any_of(coming.begin(), coming.end(),
                                     [moment](const ComingStart &start) {

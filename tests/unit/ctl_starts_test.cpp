@@ -37,7 +37,7 @@ LiveJob JobOf(const std::string &crontab, int hours = 0, std::time_t lastRun = k
 std::vector<std::pair<double, bool>> Starts(const LiveJob &job, std::size_t count,
                                             const Daemon &daemon = {}) {
     std::vector<std::pair<double, bool>> starts;
-    for (const JobStart &start : StartsOf(job, daemon, kNow, kNow + 400 * kDay, count))
+    for (const JobStart &start : StartsOf(job, daemon, {kNow, kNow, kNow + 400 * kDay}, count))
         starts.emplace_back(static_cast<double>(start.earliest - kMinuteOfNow) / kHour,
                             start.overdue);
     return starts;
@@ -82,11 +82,48 @@ TEST_F(StartsTest, ComeSoonerForAnAssuredJob) {
                 ElementsAre(S{3, false}, S{8, true}));
 }
 
+TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
+    // Drawn anew at midnight: if that is later than the moment at which it is overdue, it comes
+    // then.
+    const LiveJob job = JobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
+    LiveJob drawn = job;
+    drawn.job._jsJob["schedule"]["hour"] = FromText("[1]");
+    const std::vector<JobStart> starts = StartsOf(drawn, {}, {kNow, kNow, kNow + 2 * kDay}, 2);
+    ASSERT_EQ(starts.size(), 2U);
+    EXPECT_EQ(starts[0].earliest, Utc(2026, 6, 3, 0, 30));
+    EXPECT_EQ(starts[0].latest, Utc(2026, 6, 3, 23, 30));
+    EXPECT_EQ(starts[1].earliest, Utc(2026, 6, 3, 2, 9));
+    EXPECT_TRUE(starts[1].overdue);
+    EXPECT_THAT(starts[1].undrawn, ElementsAre("hour"));
+}
+
+TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
+    const LiveJob job = JobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour);
+    const std::vector<JobStart> starts =
+        StartsOf(job, {}, {kNow, kNow + 4 * kHour, kNow + kDay}, 2);
+    ASSERT_EQ(starts.size(), 2U);
+    EXPECT_EQ(starts[0].earliest, kMinuteOfNow + 8 * kHour);
+    EXPECT_EQ(starts[1].earliest, kMinuteOfNow + 13 * kHour);
+}
+
+TEST_F(StartsTest, StandStrangeTimes) {
+    for (const std::int64_t time : {std::int64_t{0}, INT64_MAX, INT64_MIN}) {
+        const std::vector<JobStart> starts =
+            StartsOf(JobOf("0 0 30 2 *", 5, time), {}, {kNow, kNow, kNow + kDay}, 100);
+        EXPECT_LE(starts.size(), 5U);
+        for (const JobStart &start : starts)
+            EXPECT_GE(start.earliest, kMinuteOfNow);
+    }
+    EXPECT_EQ(Starts(JobOf("0 0 30 2 *", -5), 3),
+              (std::vector<S>{{0, true}, {1 / 60.0, true}, {2 / 60.0, true}}));
+}
+
 TEST_F(StartsTest, AreMergedInOrder) {
     const LiveJob early = JobOf("30 * * * *");
     LiveJob late = JobOf("40 * * * *");
     late.name = "pkg-a-a";
-    const std::vector<JobStart> starts = StartsOf({&late, &early}, {}, kNow, kNow + kDay, 3);
+    const std::vector<JobStart> starts =
+        StartsOf({&late, &early}, {}, {kNow, kNow, kNow + kDay}, 3);
     ASSERT_EQ(starts.size(), 3U);
     EXPECT_EQ(starts[0].job, &early);
     EXPECT_EQ(starts[1].job, &late);
@@ -116,7 +153,7 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
         {0, false, false, false, false, 0, Condition::Waiting},
         {0, false, true, false, false, 0, Condition::Due},
         {0, false, true, true, false, 0, Condition::HeldBack},
-        {0, false, true, false, true, 0, Condition::Waiting},
+        {0, false, true, false, true, 0, Condition::NotNow},
         {5, false, false, false, false, 0, Condition::Overdue},
         {5, false, false, false, true, 0, Condition::Held},
         {5, true, false, false, true, 0, Condition::Overdue},

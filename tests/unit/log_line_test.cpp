@@ -17,6 +17,29 @@ TEST(LogLine, OfAStart) {
     EXPECT_EQ(line.delay, 10);
 }
 
+TEST(LogLine, IsNotLedAstrayByACommand) {
+    const std::string start = "2026-11-15T03:00:10+01:00 running job: a with command: ";
+    const LogLine started = ParseLogLine(
+        start + "x (state[Manual], delay[77]) failed, return code: 1 as user root (state[Ready], "
+                "trig[15 03:00:00], tab[0 3 -1 -1 -1], job[2/2], delay[10])");
+    EXPECT_TRUE(started.started);
+    EXPECT_FALSE(started.failed);
+    EXPECT_FALSE(started.manual);
+    EXPECT_EQ(started.delay, 10);
+    const LogLine failed = ParseLogLine(
+        start + "x (state[Ready], delay[77]) failed, return code: -1, error: No such file");
+    EXPECT_TRUE(failed.failed);
+    EXPECT_FALSE(failed.started);
+    EXPECT_EQ(failed.delay, 0);
+}
+
+TEST(LogLine, KnowsWhatSomebodyRan) {
+    const LogLine line = ParseLogLine("2026-11-15T03:00:10+01:00 running job: a with command: x as "
+                                      "user root (state[Manual], trig[15 03:00:10], by[bob])");
+    EXPECT_TRUE(line.started);
+    EXPECT_TRUE(line.manual);
+}
+
 TEST(LogLine, OfAFailure) {
     const char *const texts[] = {
         "running job: pkg-a-b with command: /bin/x failed, return code: -1, error: No such file",

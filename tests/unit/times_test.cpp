@@ -39,6 +39,13 @@ TEST(WhenInWords, NamesTheZoneWhereTheClockIsAnother) {
     EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 23, 30), now), "tomorrow 00:30 CET");
 }
 
+TEST(ClockInWords, NamesTheZoneLikewise) {
+    const LocalZone zone("Europe/Berlin");
+    const std::time_t now = Utc(2026, 10, 24, 22, 0);
+    EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 0, 59), now), "02:59");
+    EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 1, 0), now), "02:00 CET");
+}
+
 TEST(SpanInWords, HasTwoUnitsAtMost) {
     struct {
         std::time_t seconds;
@@ -90,9 +97,26 @@ TEST(ReadTime, ReadsWhatPeopleWrite) {
 
 TEST(ReadTime, RefusesTheRest) {
     const LocalZone zone("UTC0");
-    for (const char *text : {"", "x", "2026", "2026-13-01", "25:00", "2026-11-15 03:00 x",
-                             "2026-11-15x", "2x", "h", "-2h", "+", "+x", "@", "@x", "@1x",
-                             "99999999999999999999h", "999999999999w", "03:00:61x"})
+    for (const char *text : {"",
+                             "x",
+                             "2026",
+                             "2026-13-01",
+                             "25:00",
+                             "2026-11-15 03:00 x",
+                             "2026-11-15x",
+                             "2026-02-30",
+                             "2027-02-29 03:00",
+                             "2x",
+                             "h",
+                             "-2h",
+                             "+",
+                             "+x",
+                             "@",
+                             "@x",
+                             "@1x",
+                             "99999999999999999999h",
+                             "999999999999w",
+                             "03:00:61x"})
         EXPECT_EQ(ReadTime(text, 0), std::nullopt) << text;
 }
 
