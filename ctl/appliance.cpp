@@ -359,7 +359,7 @@ std::unordered_map<std::string, Recent> ReadRecent(const std::string &log, std::
     std::string rest; // of the line that began in the part before
     bool reached = !file;
     for (int i = 0; i < mostSteps && begin > 0 && !reached; ++i) {
-        const std::size_t size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
+        const auto size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
         begin -= size;
         std::string part(size, '\0');
         if (pread(file.Get(), part.data(), size, static_cast<off_t>(begin)) !=

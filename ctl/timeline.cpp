@@ -42,7 +42,7 @@ std::time_t BeginOfQuarter(std::time_t time) {
 
 ComingHours LookAhead(const std::vector<LiveJob> &jobs, const Daemon &daemon, std::time_t now,
                       std::size_t hours) {
-    const std::size_t all = 2 * 60 * (hours + 1); // more than one a minute hardly are
+    const std::size_t all = 120 * (hours + 1); // more than one a minute hardly are
     ComingHours coming;
     coming.from = now - Local(now).tm_sec;
     coming.until = coming.from + static_cast<std::time_t>(hours) * kHour;
