@@ -451,9 +451,13 @@ Runtime LoadRuntime(const Appliance &appliance) {
 
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
     ScheduleTemplate found;
-    for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile})
-        if (LoadScheduleTemplate(found, appliance.Locate(path)))
+    for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
+        const std::string file = appliance.Locate(path);
+        std::uintmax_t size = 0;
+        if (OpenRegularFile(file, &size) && size <= kReadLimits.bytes &&
+            LoadScheduleTemplate(found, file))
             return found;
+    }
     return std::nullopt;
 }
 

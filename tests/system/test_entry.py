@@ -188,7 +188,8 @@ def test_a_stale_pid_file_is_replaced(machine, content):
     assert machine.texts("kestcrond") == []
 
 
-@pytest.mark.parametrize("name", ["sleep", "kestcrond2", "akestcrond", "kestcron", "Kestcrond"])
+@pytest.mark.parametrize("name", ["sleep", "kestcrond2", "akestcrond", "kestcron", "Kestcrond",
+                                  "x"])
 def test_a_pid_file_of_another_program_is_replaced(machine, name):
     machine.write(f"/tmp/{name}", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
     other = machine.popen(f"/tmp/{name}", "100", env={"LD_PRELOAD": ""})
@@ -198,6 +199,7 @@ def test_a_pid_file_of_another_program_is_replaced(machine, name):
     machine.write(machine.PID_FILE, f"{pid_of_other}\n")
     pid = machine.start_and_wait()
     assert machine.read(machine.PID_FILE) == f"{pid}\n"
+    assert machine.texts() == []
     other.kill()
 
 

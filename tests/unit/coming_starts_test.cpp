@@ -177,6 +177,31 @@ TEST(ComingStarts, AreThoseOfTheLocalClock) {
     EXPECT_EQ(twice[2].earliest, Utc(2026, 10, 26, 1, 30));
 }
 
+TEST(NextRedraw, FindsTheHourThatBeginsAfterHalfAnHour) {
+    const LocalZone zone("Australia/Lord_Howe");
+    // At 02:00 on 5 April 2026 the clock is set back to 01:30.
+    EXPECT_EQ(NextRedraw("Minute", Utc(2026, 4, 4, 14, 10)), Utc(2026, 4, 4, 15, 30));
+    EXPECT_EQ(NextRedraw("Minute", Utc(2026, 4, 4, 15, 30)), Utc(2026, 4, 4, 16, 30));
+    // And on 4 October from 02:00 forward to 02:30.
+    EXPECT_EQ(NextRedraw("Minute", Utc(2026, 10, 3, 15, 10)), Utc(2026, 10, 3, 16, 0));
+}
+
+TEST(NextRedraw, FindsTheMidnightOfEachField) {
+    const LocalZone zone("UTC0");
+    const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
+    EXPECT_EQ(NextRedraw("Minute", now), Utc(2026, 6, 2, 3, 0));
+    EXPECT_EQ(NextRedraw("hour", now), Utc(2026, 6, 3, 0, 0));
+    EXPECT_EQ(NextRedraw("day", now), Utc(2026, 7, 1, 0, 0));
+    EXPECT_EQ(NextRedraw("month", now), Utc(2027, 1, 1, 0, 0));
+    EXPECT_EQ(NextRedraw("week", now), Utc(2026, 6, 8, 0, 0));
+    const std::time_t monday = Utc(2024, 1, 1, 0, 0); // all of them
+    for (const std::string &key : FieldKeys())
+        EXPECT_EQ(NextRedraw(key, monday - 1), monday) << key;
+    EXPECT_EQ(NextRedraw("week", monday), Utc(2024, 1, 8, 0, 0));
+    EXPECT_EQ(NextRedraw("month", monday), Utc(2025, 1, 1, 0, 0));
+    EXPECT_EQ(NextRedraw("day", monday), Utc(2024, 2, 1, 0, 0));
+}
+
 TEST(ComingStarts, AreNoneWithoutASchedule) {
     const LocalZone zone("UTC0");
     EXPECT_THAT(ComingStarts({}, Json::Value(), {0, 0, kCalendarRepeats}, 3), IsEmpty());
