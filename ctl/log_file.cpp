@@ -11,6 +11,15 @@ bool LogFile::Open() {
     return IsOpen();
 }
 
+void LogFile::SkipToLast(std::uintmax_t most) {
+    struct stat status {};
+    std::string cut;
+    if (fstat(file_.Get(), &status) == -1 || static_cast<std::uintmax_t>(status.st_size) <= most)
+        return;
+    lseek(file_.Get(), status.st_size - static_cast<off_t>(most), SEEK_SET);
+    ReadLine(cut);
+}
+
 bool LogFile::ReadLine(std::string &line) {
     constexpr std::size_t block = 65536;
     constexpr std::size_t longest = std::size_t{1} << 20;

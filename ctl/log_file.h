@@ -6,6 +6,7 @@
 #include "platform/descriptor.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -17,6 +18,9 @@ public:
     // Opens the file that the path names now. Returns false with errno set when it cannot.
     bool Open();
     bool IsOpen() const { return static_cast<bool>(file_); }
+
+    // Passes over all but the last `most` bytes, and the line that begins before them.
+    void SkipToLast(std::uintmax_t most);
 
     // The next whole line; false at the end of what there is. One without end comes in parts.
     bool ReadLine(std::string &line);

@@ -30,6 +30,7 @@ namespace {
 
 constexpr std::size_t kStarts = 3;
 constexpr std::size_t kLogLines = 5;
+constexpr std::size_t kLogBytes = std::size_t{1} << 26; // older lines are the log command's
 
 // The content of a program; nothing, with errno set, when it cannot be had.
 std::optional<std::string> ContentOf(const std::string &path) {
@@ -66,7 +67,8 @@ std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
     std::deque<LogLine> lines;
     const std::string name = Printable(job.name);
     LogFile log(context.appliance.Locate(kExecutionLogFile));
-    log.Open();
+    if (log.Open())
+        log.SkipToLast(kLogBytes);
     for (std::string text; log.IsOpen() && log.ReadLine(text);) {
         LogLine line = ParseLogLine(text);
         if (line.job != name)
