@@ -23,7 +23,7 @@ TEST(Shown, HasNothingThatATerminalObeys) {
          "\\x9b2J"},
         {"a\xffz", "a\\xffz"},
         {"\u009b2J", "\\u009b2J"},
-        {"a\xe2\x80\xaegnp", "a\\u202egnp"},
+        {"a\u202eb\u202c", "a\\u202eb\\u202c"},
         {"\xe2\x81\xa6x\xe2\x81\xa9", "\\u2066x\\u2069"},
         {"\u200bx\ufeff", "\\u200bx\\ufeff"},
         {"", ""},
