@@ -3,7 +3,7 @@
 #include "ctl/log_line.h"
 #include "ctl/messages.h"
 #include "ctl/utf8.h"
-#include "platform/descriptor.h"
+#include "platform/errno_kept.h"
 #include "platform/kestcore.h"
 
 #include <cerrno>
@@ -98,7 +98,10 @@ void TakeOnSurroundings(const Daemon &daemon) {
 volatile std::sig_atomic_t runningJob = 0; // its session, for the signal handler
 
 void PassOn(int number) {
-    kill(-static_cast<pid_t>(runningJob), number);
+    const ErrnoKept kept;
+    const auto job = static_cast<pid_t>(runningJob);
+    if (kill(-job, number) == -1) // it has no session of its own yet
+        kill(job, number);
 }
 
 // Signals to this program are for the job, which ends or does not.

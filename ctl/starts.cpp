@@ -13,6 +13,7 @@
 namespace {
 
 constexpr std::time_t kMinute = 60;
+constexpr std::time_t kHour = 60 * kMinute;
 
 bool ComesBefore(const JobStart &a, const JobStart &b) {
     return std::tie(a.earliest, a.latest, a.job->name) <
@@ -30,43 +31,58 @@ std::time_t LastKnown(const LiveJob &job) {
     return Sane(IntegerMember(document, "lastExecution", IntegerMember(document, "startup", 0)));
 }
 
-// Puts the starts of an assured job in order, those of its schedule and those for being overdue.
-class Assured {
+// Puts the starts of a job in order, those of its schedule and, when it is assured, those for being
+// overdue. What comes before `wanted` only counts for what follows.
+class Life {
 public:
-    Assured(const LiveJob &job, std::time_t from)
-        : job_(job), hours_(job.job.assureExecute), last_(LastKnown(job)), free_(from) {}
+    Life(const LiveJob &job, std::time_t from, std::time_t wanted, std::size_t most)
+        : job_(job), hours_(job.job.assureExecute), wanted_(wanted), most_(most),
+          last_(LastKnown(job)), free_(from) {}
 
-    void Add(const ComingStart &scheduled, std::size_t most) {
-        AddOverdueBefore(scheduled.earliest, most);
+    void Add(const ComingStart &scheduled) {
+        AddOverdueBefore(scheduled.earliest);
         // The draw may be later than the moment at which the job is overdue.
         if (const auto overdue = OverdueBefore(scheduled.latest))
-            starts_.push_back({{*overdue, *overdue, scheduled.undrawn}, &job_, true});
-        starts_.push_back({scheduled, &job_, false});
+            Keep({*overdue, *overdue, scheduled.undrawn}, true);
+        Keep(scheduled, false);
         last_ = scheduled.latest;
         free_ = scheduled.latest + kMinute;
     }
 
-    void AddOverdueBefore(std::time_t end, std::size_t most) {
-        while (starts_.size() < most) {
+    void AddOverdueBefore(std::time_t end) {
+        while (starts_.size() < most_) {
             const auto overdue = OverdueBefore(end);
             if (!overdue)
                 return;
-            starts_.push_back({{*overdue, *overdue, {}}, &job_, true});
-            last_ = *overdue;
-            free_ = *overdue + kMinute;
+            // One is as long after the other as the job may wait; those before are passed over.
+            const std::time_t wait = std::max(kMinute, kHour * hours_);
+            const std::time_t ahead = std::min(wanted_, end - 1) - *overdue;
+            last_ = *overdue + std::max(std::time_t{0}, ahead / wait * wait);
+            free_ = last_ + kMinute;
+            Keep({last_, last_, {}}, true);
         }
     }
 
-    std::vector<JobStart> Take() { return std::move(starts_); }
+    // In their order.
+    std::vector<JobStart> Take() {
+        std::stable_sort(starts_.begin(), starts_.end(), ComesBefore);
+        starts_.resize(std::min(starts_.size(), most_));
+        return std::move(starts_);
+    }
 
 private:
+    void Keep(const ComingStart &start, bool overdue) {
+        if (start.latest >= wanted_)
+            starts_.push_back({start, &job_, overdue});
+    }
+
     // The first free minute in which the job is overdue; nothing when that is not before `end`.
     std::optional<std::time_t> OverdueBefore(std::time_t end) const {
         if (hours_ == 0)
             return std::nullopt;
         std::time_t moment = free_;
         if (!IsOverdue(hours_, last_, moment + kMinute - 1)) {
-            moment = last_ + std::time_t{3600} * hours_ + 1;
+            moment = last_ + kHour * hours_ + 1;
             moment -= (moment - free_) % kMinute;
         }
         return moment < end ? std::optional<std::time_t>(moment) : std::nullopt;
@@ -74,10 +90,26 @@ private:
 
     const LiveJob &job_;
     std::int32_t hours_;
+    std::time_t wanted_;
+    std::size_t most_;
     std::time_t last_; // it ran, as far as can be told
     std::time_t free_; // no start before
     std::vector<JobStart> starts_;
 };
+
+// When an assured job is overdue at a later time depends on its starts until then: on the last one,
+// which lies as long before as it may wait, or there is none.
+void LiveUntil(std::time_t wanted, const LiveJob &job, std::time_t now, Life &life) {
+    constexpr std::time_t longest = 9600 * kHour; // as long as anybody waits
+    const std::time_t waits =
+        std::clamp(kHour * (job.job.assureExecute + std::time_t{24}), std::time_t{0}, longest);
+    const Outlook before{now, std::max(now, wanted - waits), wanted - 1};
+    for (const ComingStart &start :
+         ComingStarts(job.job.cronFields, Member(job.job._jsJob, "schedule"), before,
+                      static_cast<std::size_t>(longest / kMinute)))
+        if (start.latest < wanted)
+            life.Add(start);
+}
 
 } // namespace
 
@@ -85,33 +117,20 @@ std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const O
                                std::size_t count) {
     if (daemon.passive && !job.job.runOnPassive)
         return {};
-    const bool assured = job.job.assureExecute != 0;
-    const Json::Value &schedule = Member(job.job._jsJob, "schedule");
-    Outlook all = outlook;
-    std::size_t most = count;
-    all.from -= all.from % kMinute;
-    const std::time_t wanted = all.from;
+    Outlook ahead = outlook;
+    ahead.from -= ahead.from % kMinute;
     // What has run in a minute does not run in it again.
-    if (LastKnown(job) / kMinute == all.from / kMinute)
-        all.from += kMinute;
-    // When an assured job is overdue depends on its starts until then.
-    if (assured && outlook.from > outlook.now) {
-        constexpr std::size_t plenty = 100000;
-        all.from = outlook.now;
-        most +=
-            ComingStarts(job.job.cronFields, schedule, {all.now, all.now, wanted}, plenty).size();
-    }
-    Assured starts(job, all.from - all.from % kMinute);
-    for (const ComingStart &scheduled : ComingStarts(job.job.cronFields, schedule, all, most))
-        starts.Add(scheduled, 2 * most);
-    starts.AddOverdueBefore(all.until, 2 * most);
-    std::vector<JobStart> found = starts.Take();
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [&](const JobStart &start) { return start.latest < wanted; }),
-                found.end());
-    std::stable_sort(found.begin(), found.end(), ComesBefore);
-    found.resize(std::min(found.size(), count));
-    return found;
+    if (LastKnown(job) / kMinute == ahead.from / kMinute)
+        ahead.from += kMinute;
+    const bool later = outlook.from > outlook.now;
+    Life life(job, later ? outlook.now - outlook.now % kMinute : ahead.from, ahead.from, count);
+    if (later && job.job.assureExecute != 0)
+        LiveUntil(ahead.from, job, outlook.now, life);
+    for (const ComingStart &scheduled :
+         ComingStarts(job.job.cronFields, Member(job.job._jsJob, "schedule"), ahead, count))
+        life.Add(scheduled);
+    life.AddOverdueBefore(ahead.until);
+    return life.Take();
 }
 
 std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const Daemon &daemon,

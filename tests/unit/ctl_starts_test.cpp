@@ -106,6 +106,23 @@ TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
     EXPECT_EQ(starts[1].earliest, kMinuteOfNow + 13 * kHour);
 }
 
+TEST_F(StartsTest, OfAMuchLaterTimeAreFoundToo) {
+    const std::time_t later = kMinuteOfNow + 1000 * kDay;
+    const auto first = [&](const LiveJob &job) {
+        const std::vector<JobStart> starts = StartsOf(job, {}, {kNow, later, later + kDay}, 2);
+        return starts.empty() ? JobStart() : starts.front();
+    };
+    // Each 5 hours: 1000 days hold 4800 such waits.
+    EXPECT_EQ(first(JobOf("0 0 30 2 *", 5, kMinuteOfNow)).earliest, later);
+    EXPECT_TRUE(first(JobOf("0 0 30 2 *", 5, kMinuteOfNow)).overdue);
+    EXPECT_EQ(first(JobOf("0 0 30 2 *", 7, kMinuteOfNow)).earliest, later + 3 * kHour);
+    EXPECT_EQ(first(JobOf("0 0 30 2 *", -1)).earliest, later);
+    // One that starts every minute is never overdue.
+    EXPECT_EQ(first(JobOf("* * * * *", 5)).earliest, later);
+    EXPECT_FALSE(first(JobOf("* * * * *", 5)).overdue);
+    EXPECT_EQ(first(JobOf("0 3 * * *", 5)).earliest, later + 3000);
+}
+
 TEST_F(StartsTest, StandStrangeTimes) {
     for (const std::int64_t time : {std::int64_t{0}, INT64_MAX, INT64_MIN}) {
         const std::vector<JobStart> starts =
