@@ -354,10 +354,13 @@ std::unordered_map<std::string, Recent> ReadRecent(const std::string &log, std::
     constexpr std::size_t step = std::size_t{1} << 20;
     constexpr int mostSteps = 64;
     std::unordered_map<std::string, Recent> recent;
-    std::uintmax_t begin = 0;
-    const Descriptor file = OpenRegularFile(log, &begin);
+    struct stat status {};
+    const Descriptor file = OpenRegularFile(log);
+    if (!file || fstat(file.Get(), &status) == -1)
+        return recent;
+    auto begin = static_cast<std::uintmax_t>(status.st_size);
     std::string rest; // of the line that began in the part before
-    bool reached = !file;
+    bool reached = false;
     for (int i = 0; i < mostSteps && begin > 0 && !reached; ++i) {
         const auto size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
         begin -= size;
@@ -453,9 +456,7 @@ std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
     ScheduleTemplate found;
     for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
         const std::string file = appliance.Locate(path);
-        std::uintmax_t size = 0;
-        if (OpenRegularFile(file, &size) && size <= kReadLimits.bytes &&
-            LoadScheduleTemplate(found, file))
+        if (OpenRegularFile(file, {1, kReadLimits.bytes}) && LoadScheduleTemplate(found, file))
             return found;
     }
     return std::nullopt;

@@ -31,20 +31,20 @@ void Descriptor::Close() {
     }
 }
 
-Descriptor OpenRegularFile(const std::string &path, std::uintmax_t *size) {
+Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed) {
     const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat status {};
     if (!named || fstat(named.Get(), &status) == -1)
         return {};
-    if (!S_ISREG(status.st_mode)) {
+    const auto size = static_cast<std::uintmax_t>(status.st_size);
+    if (!S_ISREG(status.st_mode))
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return {};
-    }
-    if (size != nullptr)
-        *size = static_cast<std::uintmax_t>(status.st_size);
-    const std::string same = "/proc/self/fd/" + std::to_string(named.Get());
-    // Not waiting also for an owner who holds a lease.
-    return Descriptor(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    else if (size < allowed.least || size > allowed.most)
+        errno = size < allowed.least ? EBADMSG : EFBIG;
+    else // not waiting for an owner who holds a lease either
+        return Descriptor(open(("/proc/self/fd/" + std::to_string(named.Get())).c_str(),
+                               O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return {};
 }
 
 bool ReadAll(int fd, std::size_t limit, std::string &content) {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -29,11 +30,17 @@ private:
     int fd_ = -1;
 };
 
-// Opens the regular file that `path` leads to for reading. The name is looked up once, without
-// opening what it names: opening a device has effects of its own, and a second look-up could find
-// another file. Does not wait, neither in opening nor in reading. Without one, errno tells why not
-// (EISDIR, EINVAL for what is no file). `size`, when given, becomes its size.
-Descriptor OpenRegularFile(const std::string &path, std::uintmax_t *size = nullptr);
+// How large a file may be that is opened, in bytes.
+struct FileSize {
+    std::uintmax_t least = 0;
+    std::uintmax_t most = std::numeric_limits<std::uintmax_t>::max();
+};
+
+// Opens the regular file that `path` leads to for reading, if it is of that size. The name is
+// looked up once, without opening what it names: opening a device has effects of its own, and a
+// second look-up could find another file. Does not wait, neither in opening nor in reading. Without
+// one, errno tells why not (EISDIR, EINVAL for what is no file, EBADMSG for one too small, EFBIG).
+Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed = {});
 
 // Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
 // than `limit` bytes (EFBIG); `content` is then unspecified.

@@ -17,17 +17,6 @@
 
 namespace {
 
-// Opens the regular file `path` when it has at most `limit` bytes. Empty files are no documents;
-// those of the kernel that let their reader wait look empty too.
-Descriptor OpenDocument(const std::string &path, std::size_t limit) {
-    std::uintmax_t size = 0;
-    Descriptor file = OpenRegularFile(path, &size);
-    if (!file || (size != 0 && size <= limit))
-        return file;
-    errno = size == 0 ? EBADMSG : EFBIG;
-    return {};
-}
-
 bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
     const std::string &text = origin.text;
     // The library takes a zero byte for the end, and would not look at what follows.
@@ -114,7 +103,8 @@ bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits 
     JsonOrigin unasked;
     JsonOrigin &read = origin != nullptr ? *origin : unasked;
     read = {};
-    const Descriptor file = OpenDocument(path, limits.bytes);
+    // Empty files are no documents; those of the kernel that let their reader wait look empty too.
+    const Descriptor file = OpenRegularFile(path, {1, limits.bytes});
     if (!file || !ReadAll(file.Get(), limits.bytes, read.text))
         return false;
     if (Parse(read, limits.depth, value))

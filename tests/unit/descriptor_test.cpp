@@ -8,6 +8,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -59,6 +60,48 @@ TEST(ErrnoKept, PutsErrnoBack) {
         errno = EACCES;
     }
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(OpenRegularFile, OpensFilesOfTheSizeAllowed) {
+    const TemporaryDirectory directory;
+    WriteText(directory.File("five"), "12345");
+    WriteText(directory.File("empty"), "");
+    ASSERT_EQ(mkfifo(directory.File("pipe").c_str(), 0600), 0);
+    ASSERT_EQ(symlink("five", directory.File("link").c_str()), 0);
+    ASSERT_EQ(symlink("loop", directory.File("loop").c_str()), 0);
+    const struct {
+        const char *name;
+        FileSize allowed;
+        int error;
+    } rows[] = {
+        {"five", {}, 0},         {"five", {5, 5}, 0},     {"five", {6, 9}, EBADMSG},
+        {"five", {0, 4}, EFBIG}, {"empty", {}, 0},        {"empty", {1, 9}, EBADMSG},
+        {"link", {5, 5}, 0},     {"loop", {}, ELOOP},     {"pipe", {}, EINVAL},
+        {".", {}, EISDIR},       {"missing", {}, ENOENT},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const Descriptor file = OpenRegularFile(directory.File(row.name), row.allowed);
+        EXPECT_EQ(file ? 0 : errno, row.error);
+    }
+    EXPECT_FALSE(OpenRegularFile("/dev/null"));
+    EXPECT_EQ(errno, EINVAL);
+}
+
+// Some files of the kernel do something when they are opened, and look empty.
+TEST(OpenRegularFile, LooksAtTheSizeBeforeItOpens) {
+    const TemporaryDirectory directory;
+    WriteText(directory.File("empty"), "");
+    ASSERT_EQ(chmod(directory.File("empty").c_str(), 0), 0);
+    EXPECT_EQ(
+        InChild([&] {
+            if (chmod(directory.File(".").c_str(), 0755) == -1 || setuid(kOtherAccount) == -1)
+                return 1;
+            if (OpenRegularFile(directory.File("empty")) || errno != EACCES)
+                return 2;
+            return OpenRegularFile(directory.File("empty"), {1, 9}) || errno != EBADMSG ? 3 : 0;
+        }),
+        0);
 }
 
 TEST(ReadAll, ReadsUpToItsLimit) {
