@@ -43,12 +43,6 @@ constexpr std::int32_t kCycleSeconds = 60;
 
 namespace {
 
-// Whether the runtime directory is there, ours, and no link.
-bool IsOwnDirectory(const char *path) {
-    struct stat status {};
-    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
-}
-
 // Whether anything stands at `path` that somebody else put there, or a link, which may lead
 // anywhere.
 bool IsForeign(const char *path) {

@@ -16,6 +16,7 @@
 #include "platform/kestrandom.h"
 #include "platform/kestsdk.h"
 #include "platform/kestutils.h"
+#include "platform/move_aside.h"
 
 #include <cerrno>
 #include <csignal>
@@ -309,6 +310,9 @@ bool IsOfKernel(const std::string &path) {
 // Whether a program can be staged at all: errno tells why not.
 bool IsStageable(const std::string &name, const std::string &source) {
     struct stat status {};
+    // What lies in somebody else's directory could be exchanged before it is started.
+    if (!IsOwnDirectory(kRuntimeDirectory))
+        return false;
     // A name is one file in the runtime directory, never a way out of it.
     if (!IsCText(name) || !IsCText(source) || name.find('/') != std::string::npos) {
         errno = EINVAL;

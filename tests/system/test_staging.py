@@ -1,6 +1,7 @@
 """Staging: what is copied, to whom it belongs, and what is left alone."""
 
 import os
+import signal
 
 import pytest
 from conftest import RECORD, every_minute, never
@@ -323,6 +324,22 @@ def test_a_runtime_directory_taken_while_running_is_made_anew(machine):
     assert owner_and_mode(machine.path("/tmp/kestcrond")) == (0, 0, 0o755)
     count = len(machine.runs("builtin-f-x"))
     wait_for(lambda: len(machine.runs("builtin-f-x")) > count)
+
+
+def test_nothing_is_staged_into_a_foreign_directory(machine):
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.jobs("builtin", "g", [never("x")])
+    machine.start_with_faults("rename,renameat,renameat2:error=EBUSY", path="/tmp/kestcrond")
+    wait_for(lambda: machine.runs("builtin-f-x"))
+    directory = machine.path("/tmp/kestcrond")
+    machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
+    directory.mkdir()
+    machine.chown(directory, "alice")
+    machine.signal(signal.SIGHUP)
+    machine.wait_for_text("runtime dir (/tmp/kestcrond) create failed")
+    wait_for(lambda: sum(text.startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-")
+                         for text in machine.texts()) == 2)
+    assert os.listdir(directory) == []
 
 
 def test_a_set_id_program_loses_it(machine):

@@ -1,17 +1,37 @@
 #include "platform/move_aside.h"
 
+#include "tests/unit/support/child.h"
 #include "tests/unit/support/files.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
+
+TEST(IsOwnDirectory, IsNoLinkAndNobodyElses) {
+    const TemporaryDirectory directory;
+    std::filesystem::create_directory(directory.File("own"));
+    std::filesystem::create_directory(directory.File("other"));
+    ASSERT_EQ(chown(directory.File("other").c_str(), kOtherAccount, kOtherAccount), 0);
+    std::filesystem::create_symlink("own", directory.File("link"));
+    WriteText(directory.File("file"), "");
+    const struct {
+        const char *name;
+        int error;
+    } rows[] = {
+        {"own", 0}, {"other", EPERM}, {"link", ENOTDIR}, {"file", ENOTDIR}, {"missing", ENOENT}};
+    for (const auto &row : rows) {
+        const bool isOwn = IsOwnDirectory(directory.File(row.name).c_str());
+        EXPECT_EQ(isOwn ? 0 : errno, row.error) << row.name;
+    }
+}
 
 class MoveAsideTest : public testing::Test {
 protected:
