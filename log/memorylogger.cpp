@@ -26,7 +26,7 @@ using boost::interprocess::interprocess_sharable_mutex;
 using boost::interprocess::scoped_lock;
 using boost::interprocess::sharable_lock;
 
-Descriptor OpenLog(const std::string &path) {
+Descriptor OpenToAppend(const std::string &path) {
     return Descriptor(
         open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
 }
@@ -93,7 +93,7 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
     return false;
 }
 
-// Whether `path` still names the open file; a log may be rotated while we wait for its lock.
+// Whether `path` still names the open file; somebody may tidy up while we wait for the lock.
 bool Names(const std::string &path, const Descriptor &file) {
     const ErrnoKept kept;
     struct stat opened {};
@@ -126,8 +126,8 @@ void MemoryLogger::Flush() {
         return;
     }
     // The files are shared with other processes, so the whole way through the staging file is one
-    // step. Without a log there is nothing to wait for.
-    const Descriptor lock = LockLog();
+    // step. Where no log can be made there is nothing to wait for.
+    const Descriptor lock = LockFlush();
     AppendToStaging();
     MoveToLog();
 }
@@ -147,7 +147,7 @@ void MemoryLogger::AppendToStaging() {
 void MemoryLogger::MoveToLog() {
     const scoped_lock<interprocess_sharable_mutex> logLock(_logLock);
     const sharable_lock<interprocess_sharable_mutex> stagingLock(_stagingLock);
-    const Descriptor fs = OpenLog(_strLogPath);
+    const Descriptor fs = OpenToAppend(_strLogPath);
     std::string text;
     if (!fs) {
         LOG_ERROR("Failed [%s], err=%m", "!fs");
@@ -164,7 +164,7 @@ void MemoryLogger::MoveToLog() {
 }
 
 void MemoryLogger::KeepLogOpen() {
-    _keptLog = OpenLog(_strLogPath);
+    _keptLog = OpenToAppend(_strLogPath);
 }
 
 void MemoryLogger::FlushToKeptLog() {
@@ -174,17 +174,20 @@ void MemoryLogger::FlushToKeptLog() {
         LOG_ERROR("Failed [%s], err=%m", "!fs");
 }
 
-// Waits for the flushes of other processes; the lock is held as long as the descriptor.
-Descriptor MemoryLogger::LockLog() const {
+// Waits for the flushes of other processes; the lock is held as long as the descriptor. It lies on a
+// file of its own: the log may be rotated in the middle of a flush, and the next one would not meet
+// a lock on the old log.
+Descriptor MemoryLogger::LockFlush() const {
     const ErrnoKept kept;
-    constexpr int tries = 64; // nobody rotates a log as often
+    const std::string path = _strLogPath + ".lock";
+    constexpr int tries = 64; // nobody removes it as often
     for (int i = 0; i < tries; ++i) {
-        Descriptor log = OpenLog(_strLogPath);
-        if (!log)
+        Descriptor lock = OpenToAppend(path);
+        if (!lock)
             return {};
-        Lock(log);
-        if (Names(_strLogPath, log))
-            return log;
+        Lock(lock);
+        if (Names(path, lock))
+            return lock;
     }
     return {};
 }

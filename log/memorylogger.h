@@ -15,8 +15,9 @@ namespace KEST {
 
 // Collects text in memory and appends it to the log file in whole lines. A flush passes through a
 // staging file in memory-backed storage, which exists only while it lasts. Any number of processes
-// may flush to the same files: one flush waits for the other, and no line is lost, doubled or torn.
-// A process that fork made works on its own copy.
+// may flush to the same files: one flush waits for the other, and no line is lost, doubled or torn,
+// also when the log is rotated meanwhile. They take turns by a lock on the log's path + ".lock", an
+// empty file that stays. A process that fork made works on its own copy.
 class MemoryLogger {
 public:
     // `capacity`, in KiB, is the size above which the staging file is moved to the log at once.
@@ -52,7 +53,7 @@ public:
 
 private:
     void FlushToKeptLog();
-    Descriptor LockLog() const;
+    Descriptor LockFlush() const;
     std::string TakeBuffer();
     bool StagingIsFull() const;
 

@@ -33,6 +33,7 @@ protected:
 
     TemporaryDirectory directory_;
     std::string log_ = directory_.File("execute.log");
+    std::string lock_ = directory_.File("execute.log.lock");
     std::string staging_ = directory_.File("staging");
     KEST::MemoryLogger logger_{log_, staging_, 1};
     SyslogCapture messages_;
@@ -50,7 +51,7 @@ TEST_F(MemoryLoggerTest, AppendsWholeFlushesInOrder) {
     FlushLine("\n");
     FlushLine(bytes);
     EXPECT_EQ(ReadText(log_), "first\nsecond 2\n" + bytes);
-    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -294,7 +295,8 @@ TEST_F(MemoryLoggerTest, LosesTheLineOfALogThatCannotBeOpened) {
             ElementsAre("Failed [!fs], err=" + std::string(row.error) + " (" + row.error + ")"));
         EXPECT_FALSE(Stands(staging_));
     }
-    EXPECT_THAT(directory_.Names(), ElementsAre("directory", "fifo", "file"));
+    EXPECT_THAT(directory_.Names(),
+                ElementsAre("directory", "directory.lock", "fifo", "fifo.lock", "file"));
 }
 
 TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
@@ -328,7 +330,7 @@ protected:
                   }),
                   0);
         EXPECT_EQ(ReadText(log_), "old\n");
-        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
     }
 };
 
@@ -354,7 +356,7 @@ TEST_F(MemoryLoggerTest, ReachesAKeptLogAfterGivingUpItsRights) {
               }),
               0);
     EXPECT_EQ(ReadText(log_), "as root\nas nobody\nagain\n");
-    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
 }
 
 // Proves that the test above is about the log kept open.
@@ -375,8 +377,7 @@ TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
 
 // An account can stop its own processes, and one that waits for a lock would soon hold it.
 TEST_F(MemoryLoggerTest, NeitherWaitsForOthersNorHoldsThemUpWithAKeptLog) {
-    WriteText(log_, "");
-    const int other = open(log_.c_str(), O_RDWR | O_CLOEXEC);
+    const int other = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(other, LOCK_EX), 0);
     EXPECT_EQ(InChild([this] {
                   alarm(10);
@@ -451,7 +452,7 @@ protected:
                std::string(200, static_cast<char>('a' + process)) + "\n";
     }
 
-    void FlushFromManyProcesses(bool keepOpen) {
+    std::vector<pid_t> StartFlushing(bool keepOpen) {
         std::vector<pid_t> children;
         children.reserve(kProcesses);
         for (int process = 0; process < kProcesses; ++process)
@@ -462,43 +463,62 @@ protected:
                     FlushLine(Line(process, line));
                 return messages_.Messages().empty() ? 0 : 1;
             }));
+        return children;
+    }
+
+    static void ExpectSuccess(const std::vector<pid_t> &children) {
         for (const pid_t child : children)
             EXPECT_EQ(ExitStatusOf(child), 0);
     }
 
-    void ExpectEveryLineOnce() {
+    static void ExpectEveryLineOnce(const std::string &log) {
         std::multiset<std::string> expected;
         for (int process = 0; process < kProcesses; ++process)
             for (int line = 0; line < kLines; ++line)
                 expected.insert(Line(process, line));
         std::multiset<std::string> found;
-        std::istringstream text(ReadText(log_));
+        std::istringstream text(log);
         for (std::string line; std::getline(text, line);)
             found.insert(line + "\n");
         EXPECT_EQ(found.size(), 400U);
         EXPECT_TRUE(found == expected);
-        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log"));
     }
 };
 
 TEST_F(ManyProcessesTest, LoseAndDoubleNoLine) {
-    FlushFromManyProcesses(false);
-    ExpectEveryLineOnce();
+    ExpectSuccess(StartFlushing(false));
+    ExpectEveryLineOnce(ReadText(log_));
 }
 
 TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfAKeptLog) {
-    FlushFromManyProcesses(true);
-    ExpectEveryLineOnce();
+    ExpectSuccess(StartFlushing(true));
+    ExpectEveryLineOnce(ReadText(log_));
 }
 
-// Whoever waits for a log that is rotated meanwhile has waited for the wrong file.
-TEST_F(MemoryLoggerTest, WaitsForTheLogThatStandsThereNow) {
-    const auto lockedLog = [this] {
-        Descriptor log(open(log_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-        EXPECT_EQ(flock(log.Get(), LOCK_EX), 0);
-        return log;
+TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfALogThatIsRotated) {
+    const std::vector<pid_t> children = StartFlushing(false);
+    int rotations = 0;
+    for (int i = 0; i < 1000; ++i) {
+        if (std::rename(log_.c_str(), (log_ + "." + std::to_string(rotations)).c_str()) == 0)
+            ++rotations;
+        usleep(500);
+    }
+    ExpectSuccess(children);
+    EXPECT_GT(rotations, 0);
+    std::string text = Stands(log_) ? ReadText(log_) : "";
+    for (int i = 0; i < rotations; ++i)
+        text += ReadText(log_ + "." + std::to_string(i));
+    ExpectEveryLineOnce(text);
+}
+
+// Whoever waits for a lock that is tidied away meanwhile has waited for the wrong file.
+TEST_F(MemoryLoggerTest, WaitsForTheLockThatStandsThereNow) {
+    const auto lock = [this] {
+        Descriptor file(open(lock_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(flock(file.Get(), LOCK_EX), 0);
+        return file;
     };
-    Descriptor old = lockedLog();
+    Descriptor old = lock();
     const pid_t child = fork();
     if (child == 0) {
         // A copy of the descriptor would hold the lock as well.
@@ -507,16 +527,15 @@ TEST_F(MemoryLoggerTest, WaitsForTheLogThatStandsThereNow) {
         _exit(0);
     }
     usleep(100000);
-    std::filesystem::rename(log_, directory_.File("execute.log.1"));
-    Descriptor fresh = lockedLog();
+    std::filesystem::remove(lock_);
+    Descriptor fresh = lock();
     flock(old.Get(), LOCK_UN);
     usleep(100000);
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
-    EXPECT_EQ(ReadText(log_), "");
+    EXPECT_FALSE(Stands(log_));
     flock(fresh.Get(), LOCK_UN);
     EXPECT_EQ(ExitStatusOf(child), 0);
     EXPECT_EQ(ReadText(log_), "line\n");
-    EXPECT_EQ(ReadText(directory_.File("execute.log.1")), "");
 }
 
 } // namespace
