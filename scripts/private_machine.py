@@ -17,7 +17,7 @@ import threading
 import time
 from pathlib import Path
 
-FAKETIME_LIBRARY = next(Path("/usr/lib").glob("*/faketime/libfaketime.so.1"), None)
+FAKETIME_LIBRARY = "/usr/$LIB/faketime/libfaketime.so.1"  # as the loader of each program finds it
 SO_RCVBUFFORCE = 33  # the module does not name it
 
 # Runs inside the new namespaces, as process 1.
@@ -235,7 +235,7 @@ class PrivateMachine:
     def clock(self, start, rate=60, zone=None):
         """From now on programs are started with a clock that begins at `start` and runs `rate`
         times as fast; with rate 0 it stands still, while sleeps take their real time."""
-        self.environment.update(LD_PRELOAD=str(FAKETIME_LIBRARY), NO_FAKE_STAT="1",
+        self.environment.update(LD_PRELOAD=FAKETIME_LIBRARY, NO_FAKE_STAT="1",
                                 FAKETIME=f"@{start} x{rate}" if rate else start)
         if zone:
             self.environment["TZ"] = zone

@@ -29,6 +29,11 @@ echo "$(id -un) $(id -gn) [$*]" >> "/tmp/ran/${0##*/}"
 """
 
 
+def is_arm(program):
+    """Whether it is a program of 32-bit ARM, which runs emulated."""
+    return program.read_bytes()[16:20] == b"\x03\0\x28\0"
+
+
 class Appliance(PrivateMachine):
     def __enter__(self):
         super().__enter__()
@@ -38,6 +43,9 @@ class Appliance(PrivateMachine):
         self.write(RECORD, RECORD_PROGRAM, 0o755)
         self.path("/tmp/ran").mkdir()
         self.path("/tmp/ran").chmod(0o1777)
+        if is_arm(self.daemon_binary):
+            clock = self.daemon_binary.parent / "tests/arm/clock.so"
+            self.write("/usr/lib/arm-linux-gnueabihf/faketime/libfaketime.so.1", clock.read_bytes())
         self.environment.update(
             ASAN_OPTIONS="verify_asan_link_order=0:log_path=/tmp/sanitizer",
             UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer")
@@ -139,6 +147,16 @@ def pytest_addoption(parser):
     parser.addoption("--days", default=1, type=float, help="how long the long run is")
     parser.addoption("--valgrind", action="store_true", help="look for leaks too")
     parser.addoption("--coverage", default="", help="the build directory that takes line counts")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "native(reason): cannot be seen when the daemon is emulated")
+
+
+def pytest_runtest_setup(item):
+    mark = item.get_closest_marker("native")
+    if mark and is_arm(Path(item.config.getoption("--daemon"))):
+        pytest.skip(mark.kwargs["reason"])
 
 
 @pytest.fixture

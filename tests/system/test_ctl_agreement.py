@@ -4,6 +4,7 @@ import datetime
 import json
 import re
 
+import pytest
 from conftest import every_minute, never
 from ctl import ctl  # noqa: F401
 from private_machine import wait_for
@@ -71,6 +72,7 @@ def check_promises(promises, since, launched, overdue, looked):
                               launched.get(promise["job"], [])), (promise, since)
 
 
+@pytest.mark.native(reason="too slow for its deadline when emulated")
 def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
     """From Sunday, 31 May 2026, 22:50, so that all but the month is drawn anew at midnight."""
     machine.clock("2026-05-31 22:50:00", rate=1200)

@@ -145,6 +145,7 @@ def test_a_waiting_child_is_not_hurried(machine, number):
     assert machine.daemon_pid() == daemon
 
 
+@pytest.mark.native(reason="the signals blocked are the emulator's")
 def test_waiting_children_hold_nothing_of_the_daemon(machine):
     child = waiting_child(machine)
     assert sorted(os.listdir(machine.proc(child, "fd"))) == ["0", "1", "2"]

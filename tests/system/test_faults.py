@@ -30,6 +30,7 @@ def add_tick(machine):
 
 # --- Start --------------------------------------------------------------------------------------
 
+@pytest.mark.native(reason="the calls seen are the emulator's")
 def test_no_process_can_be_made(machine):
     assert machine.start_with_faults("fork,vfork,clone,clone3:error=EAGAIN") == 255
     assert machine.texts() == ["become_daemon failed"]
@@ -60,6 +61,7 @@ def test_a_process_without_a_name(machine):
     holder.kill()
 
 
+@pytest.mark.native(reason="the calls seen are the emulator's")
 def test_a_pid_file_that_cannot_be_looked_at(machine):
     machine.start_with_faults("fstat,newfstatat:error=EIO", path=machine.PID_FILE)
     machine.wait_for_text("become_daemon failed")
@@ -149,6 +151,7 @@ def test_a_copy_that_cannot_be_given_away(machine, tick, faults, texts):
     assert machine.texts() == texts + ["MoveBinaryToTmp failed."]
 
 
+@pytest.mark.native(reason="the emulator does not tell that a program could not be started")
 def test_a_program_that_vanishes_while_it_is_looked_at(machine, tick):
     machine.write("/usr/local/bin/odd", "#!/bin/sh\n", 0o755)
     machine.jobs("pkg", "f", [never("x", cmd="/usr/local/bin/odd")])
@@ -186,6 +189,7 @@ def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
     assert machine.read(LOG_FILE) == before
 
 
+@pytest.mark.native(reason="the calls seen are the emulator's")
 @pytest.mark.parametrize("fault,error", [
     ("fstat,newfstatat:error=EIO:when=3", "Input/output error"),
     ("write:error=ENOSPC", "No space left on device")])
@@ -275,6 +279,7 @@ def limit_memory(machine, pid, megabytes):
     machine.run("prlimit", "--pid", pid, f"--as={limit}", check=True, env={"LD_PRELOAD": ""})
 
 
+@pytest.mark.native(reason="the memory is the emulator's")
 @pytest.mark.usefixtures("plain")
 def test_memory_that_runs_out_at_the_start(machine):
     machine.write("/usr/local/etc/kestcron.d/greedy", GREEDY)
@@ -284,6 +289,7 @@ def test_memory_that_runs_out_at_the_start(machine):
     assert machine.read(machine.PID_FILE).strip().isdigit(), "a pid file stays after such a start"
 
 
+@pytest.mark.native(reason="the memory is the emulator's")
 @pytest.mark.usefixtures("plain")
 def test_memory_that_runs_out_while_running(machine):
     machine.path("/usr/kest/etc/kestcrond.st.config").unlink()

@@ -123,6 +123,7 @@ def test_a_copy_that_fails_half_way_leaves_nothing(machine):
     assert os.listdir(machine.path("/tmp/kestcrond")) == []
 
 
+@pytest.mark.native(reason="the emulator does not tell that a program could not be started")
 def test_a_copy_program_that_is_missing_or_killed(machine):
     machine.path("/usr/bin/cp").unlink()
     machine.jobs("builtin", "f", [never("x")])

@@ -1,5 +1,6 @@
 #include "job/overdue.h"
 
+#include <boost/multiprecision/cpp_int.hpp>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -53,7 +54,7 @@ TEST(IsOverdue, HoldsOnceMoreThanTheHoursHavePassed) {
 }
 
 TEST(IsOverdue, AgreesWithWiderArithmetic) {
-    __extension__ using Wide = __int128;
+    using Wide = boost::multiprecision::int128_t;
     const std::int32_t allHours[] = {kLeastHours, -2, -1, 0, 1, 2, 24, 596523, kMostHours};
     const std::int64_t allTimes[] = {kFirst,     kFirst + 3600, -3601,        -3600, -1,   0,
                                      1,          3599,          3600,         3601,  7200, 7201,
