@@ -174,9 +174,9 @@ void MemoryLogger::FlushToKeptLog() {
         LOG_ERROR("Failed [%s], err=%m", "!fs");
 }
 
-// Waits for the flushes of other processes; the lock is held as long as the descriptor. It lies on a
-// file of its own: the log may be rotated in the middle of a flush, and the next one would not meet
-// a lock on the old log.
+// Waits for the flushes of other processes; the lock is held as long as the descriptor. It lies on
+// a file of its own: the log may be rotated in the middle of a flush, and the next one would not
+// meet a lock on the old log.
 Descriptor MemoryLogger::LockFlush() const {
     const ErrnoKept kept;
     const std::string path = _strLogPath + ".lock";

@@ -5,8 +5,8 @@
 
 #include <string>
 
-// Whether `path` is a directory of the caller's own, and no link to one. Where it is not, errno tells
-// why (EPERM: somebody else's).
+// Whether `path` is a directory of the caller's own, and no link to one. Where it is not, errno
+// tells why (EPERM: somebody else's).
 bool IsOwnDirectory(const char *path);
 
 // Moves whatever stands at `path`, itself and not what it links to, into a new directory beside it
