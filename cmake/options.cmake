@@ -5,6 +5,7 @@ option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
 option(KESTCROND_BUILD_FUZZERS "Build the fuzz targets; needs clang" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)
 option(KESTCROND_HARDENING "Build with the compiler's and linker's protections" ON)
+option(KESTCROND_SMALL "Leave out of the programs what nothing calls" OFF)
 option(KESTCROND_COVERAGE "Count which lines run" OFF)
 set(KESTCROND_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 set(KESTCROND_PLATFORM_LIBRARIES "" CACHE STRING
@@ -44,6 +45,12 @@ if(KESTCROND_HARDENING AND NOT KESTCROND_SANITIZE)
     target_compile_options(kest_options INTERFACE
         $<${optimising}:-U_FORTIFY_SOURCE> $<${optimising}:-D_FORTIFY_SOURCE=2>)
     target_link_options(kest_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+
+if(KESTCROND_SMALL)
+    set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ON)
+    target_compile_options(kest_options INTERFACE -ffunction-sections -fdata-sections)
+    target_link_options(kest_options INTERFACE -Wl,--gc-sections -Wl,-O1 -Wl,--as-needed)
 endif()
 
 if(KESTCROND_SANITIZE)

@@ -1,0 +1,49 @@
+# The Debian package, made by `cpack` in a build directory configured for release or minsize.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_CONTACT "The developers of kestcrond <developers@kestcrond.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+"One process runs the jobs of an appliance on time: those of the system, of
+its packages, and of their accounts. Jobs are defined in JSON files. Times
+may be drawn at random, so that a thousand machines do not call one server
+in the same minute; runs that were missed can be made up for; a machine that
+stands by holds its jobs back; and a broken file harms nothing but itself.
+.
+kestcronctl checks job files, shows what will run and what ran, and says why
+something did not.")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "logrotate")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL arm-linux-gnueabihf)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+endif()
+
+# What only a package brings: a system of its maker's own has its own places for these.
+if(KESTCROND_DEBIAN)
+    set(debian ${PROJECT_BINARY_DIR}/debian)
+    configure_file(packaging/debian/changelog.in ${debian}/changelog.Debian @ONLY)
+    configure_file(CHANGELOG.md ${debian}/changelog COPYONLY)
+    install_compressed(${debian}/changelog.Debian ${CMAKE_INSTALL_DOCDIR})
+    install_compressed(${debian}/changelog ${CMAKE_INSTALL_DOCDIR})
+    install(FILES packaging/debian/copyright README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+    install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})
+    install(FILES packaging/systemd/kestcrond.service DESTINATION /usr/lib/systemd/system)
+    install(FILES packaging/default/kestcrond DESTINATION /etc/default)
+    install(FILES packaging/logrotate/kestcrond DESTINATION /etc/logrotate.d)
+    install(PROGRAMS packaging/init.d/kestcrond DESTINATION /etc/init.d)
+    install(FILES packaging/debian/lintian-overrides
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME kestcrond)
+    set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+        ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles
+        ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+        ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
+        ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+endif()
+include(CPack)
