@@ -100,8 +100,9 @@ bool CronDaemon::Init(bool passive) {
 }
 
 void CronDaemon::Run() {
-    while (!stopRequested) {
-        sleepSeconds = kCycleSeconds;
+    // A signal between setting the time to sleep and looking at what it asks for still cuts the
+    // sleep short.
+    for (sleepSeconds = kCycleSeconds; !stopRequested; sleepSeconds = kCycleSeconds) {
         RunCycle();
         // Cut short by a signal, and not made up for: the signal wants the next cycle.
         const ErrnoKept kept;
