@@ -191,7 +191,7 @@ def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
 
 @pytest.mark.native(reason="the calls seen are the emulator's")
 @pytest.mark.parametrize("fault,error", [
-    ("fstat,newfstatat:error=EIO:when=3", "Input/output error"),
+    ("fstat,newfstatat:error=EIO:when=1", "Input/output error"),
     ("write:error=ENOSPC", "No space left on device")])
 def test_a_log_that_cannot_be_written(machine, tick, fault, error):
     machine.start_with_faults(fault, path=LOG_FILE)
