@@ -38,6 +38,7 @@ if(KESTCROND_DEBIAN)
     install(FILES packaging/default/kestcrond DESTINATION /etc/default)
     install(FILES packaging/logrotate/kestcrond DESTINATION /etc/logrotate.d)
     install(PROGRAMS packaging/init.d/kestcrond DESTINATION /etc/init.d)
+    install(PROGRAMS packaging/ocf/kestcrond DESTINATION /usr/lib/ocf/resource.d/kestcrond)
     install(FILES packaging/debian/lintian-overrides
             DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME kestcrond)
     set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
