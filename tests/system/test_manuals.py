@@ -239,8 +239,7 @@ def test_lint(tmp_path):
     subprocess.run(["/usr/sbin/makewhatis", tmp_path], check=True)
     done = subprocess.run(["mandoc", "-T", "lint", "-W", "style", *pages], text=True,
                           capture_output=True, env={**os.environ, "MANPATH": str(tmp_path)})
-    said = (done.stdout + done.stderr).splitlines()
-    assert [line for line in said if "input text line longer than 80 bytes" not in line] == []
+    assert done.stdout + done.stderr == ""
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
