@@ -1,0 +1,103 @@
+################################################################################
+#
+# kestcrond
+#
+# Parsed by make, and its commands for files run; not built in Buildroot yet.
+#
+################################################################################
+
+# There is no place to download it from, so no hash either: the source is the tree
+# that this one lies in. A copy of this tree elsewhere says where the source is,
+# in local.mk:
+#   KESTCROND_SITE = /somewhere/kestcrond
+KESTCROND_SITE ?= $(abspath $(BR2_EXTERNAL_KESTCROND_PATH)/../..)
+KESTCROND_SITE_METHOD = local
+KESTCROND_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude=/build
+# The version stands in the project's line of CMakeLists.txt alone.
+KESTCROND_VERSION := $(shell sed -n 's/^project.kestcrond VERSION \([0-9.]*\) .*/\1/p' \
+	$(KESTCROND_SITE)/CMakeLists.txt)
+
+# No licence has been granted to the public.
+KESTCROND_LICENSE = PROPRIETARY
+KESTCROND_LICENSE_FILES = packaging/debian/copyright
+KESTCROND_REDISTRIBUTE = NO
+
+# Of boost only headers are used.
+KESTCROND_DEPENDENCIES += host-pkgconf boost jsoncpp
+
+# 64-bit time on 32-bit machines needs nothing here: the program asks glibc for it
+# by itself, and musl has no other.
+KESTCROND_CONF_OPTS = \
+	-DKESTCROND_BUILD_TESTS=OFF \
+	-DKESTCROND_BUILD_FUZZERS=OFF
+
+ifeq ($(BR2_PACKAGE_KESTCROND_CTL),y)
+KESTCROND_DEPENDENCIES += cli11
+KESTCROND_CONF_OPTS += -DKESTCROND_BUILD_CTL=ON
+else
+KESTCROND_CONF_OPTS += -DKESTCROND_BUILD_CTL=OFF
+endif
+
+ifeq ($(BR2_PACKAGE_KESTCROND_SMALL),y)
+KESTCROND_CONF_OPTS += -DKESTCROND_SMALL=ON
+else
+KESTCROND_CONF_OPTS += -DKESTCROND_SMALL=OFF
+endif
+
+# The stack protector is part of it, and that takes a library's help.
+ifeq ($(BR2_TOOLCHAIN_HAS_SSP),y)
+KESTCROND_CONF_OPTS += -DKESTCROND_HARDENING=ON
+else
+KESTCROND_CONF_OPTS += -DKESTCROND_HARDENING=OFF
+endif
+
+KESTCROND_PLATFORM_LIBRARIES = $(call qstrip,$(BR2_PACKAGE_KESTCROND_PLATFORM_LIBRARIES))
+ifneq ($(KESTCROND_PLATFORM_LIBRARIES),)
+KESTCROND_CONF_OPTS += -DKESTCROND_PLATFORM_LIBRARIES="$(KESTCROND_PLATFORM_LIBRARIES)"
+endif
+
+define KESTCROND_INSTALL_DEFAULTS
+	$(INSTALL) -D -m 0644 $(@D)/packaging/default/kestcrond \
+		$(TARGET_DIR)/etc/default/kestcrond
+endef
+KESTCROND_POST_INSTALL_TARGET_HOOKS += KESTCROND_INSTALL_DEFAULTS
+
+ifeq ($(BR2_PACKAGE_LOGROTATE),y)
+define KESTCROND_INSTALL_LOGROTATE
+	$(INSTALL) -D -m 0644 $(@D)/packaging/logrotate/kestcrond \
+		$(TARGET_DIR)/etc/logrotate.d/kestcrond
+endef
+KESTCROND_POST_INSTALL_TARGET_HOOKS += KESTCROND_INSTALL_LOGROTATE
+endif
+
+# Jobs to learn from are for people, and an appliance has none inside.
+define KESTCROND_REMOVE_EXAMPLES
+	rm -rf $(TARGET_DIR)/usr/share/kestcrond/examples
+endef
+KESTCROND_POST_INSTALL_TARGET_HOOKS += KESTCROND_REMOVE_EXAMPLES
+
+define KESTCROND_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(@D)/packaging/init.d/kestcrond \
+		$(TARGET_DIR)/etc/init.d/S60kestcrond
+endef
+
+define KESTCROND_INSTALL_INIT_SYSTEMD
+	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kestcrond.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/kestcrond.service
+endef
+
+# The places of job files. Packages and accounts come by their path, so that it is
+# open on the way.
+define KESTCROND_PERMISSIONS
+	/usr/kest d 0755 0 0 - - - - -
+	/usr/kest/share d 0755 0 0 - - - - -
+	/usr/kest/share/kestcron.d d 0750 0 0 - - - - -
+	/usr/kest/etc d 0755 0 0 - - - - -
+	/usr/kest/etc/kestcron.d d 0750 0 0 - - - - -
+	/usr/local d 0755 0 0 - - - - -
+	/usr/local/etc d 0755 0 0 - - - - -
+	/usr/local/etc/kestcron.d d 0750 0 0 - - - - -
+	/usr/local/etc/kestcron_nonroot.d d 0755 0 0 - - - - -
+endef
+
+$(eval $(cmake-package))

@@ -1,0 +1,72 @@
+# Parsed, not by bitbake, and its step for files run; not built yet.
+
+SUMMARY = "Job scheduler daemon for embedded Linux appliances"
+DESCRIPTION = "Runs the jobs of the system, its packages and their accounts on time. Jobs are \
+defined in JSON files."
+SECTION = "base"
+# No licence has been granted to the public.
+LICENSE = "CLOSED"
+
+# There is no place to download it from: the source is the tree that this layer lies in. A copy of the
+# layer elsewhere says where the source is, in local.conf:
+#   EXTERNALSRC:pn-kestcrond = "/somewhere/kestcrond"
+EXTERNALSRC ?= "${@os.path.abspath(os.path.join(d.getVar('THISDIR'), '../../../../..'))}"
+EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
+
+# The version stands in the project's line of CMakeLists.txt alone.
+def kestcrond_version(d):
+    import re
+    path = os.path.join(d.getVar('EXTERNALSRC'), 'CMakeLists.txt')
+    bb.parse.mark_dependency(d, path)
+    with open(path) as file:
+        return re.search(r'^project\(kestcrond VERSION ([0-9.]+) ', file.read(), re.M)[1]
+
+PV = "${@kestcrond_version(d)}"
+
+# Programs are copied with "/usr/bin/cp".
+REQUIRED_DISTRO_FEATURES = "usrmerge"
+
+inherit externalsrc cmake pkgconfig features_check systemd update-rc.d
+
+# Of boost only headers are used.
+DEPENDS = "boost jsoncpp"
+
+PACKAGECONFIG ??= "ctl"
+PACKAGECONFIG[ctl] = "-DKESTCROND_BUILD_CTL=ON,-DKESTCROND_BUILD_CTL=OFF,cli11"
+PACKAGECONFIG[small] = "-DKESTCROND_SMALL=ON,-DKESTCROND_SMALL=OFF"
+
+# The libraries that take the place of platform/posix, separated by semicolons, and the recipes that
+# provide them; docs/porting.md tells what they must do.
+KESTCROND_PLATFORM_LIBRARIES ?= ""
+KESTCROND_PLATFORM_DEPENDS ?= ""
+DEPENDS += "${KESTCROND_PLATFORM_DEPENDS}"
+
+# 64-bit time on 32-bit machines needs nothing here: the program asks glibc for it by itself, and musl
+# has no other.
+EXTRA_OECMAKE = "-DKESTCROND_BUILD_TESTS=OFF -DKESTCROND_BUILD_FUZZERS=OFF \
+    '-DKESTCROND_PLATFORM_LIBRARIES=${KESTCROND_PLATFORM_LIBRARIES}'"
+
+# The classes remove what a distribution without systemd or without init scripts has no use for.
+SYSTEMD_SERVICE:${PN} = "kestcrond.service"
+INITSCRIPT_NAME = "kestcrond"
+INITSCRIPT_PARAMS = "defaults 60"
+
+# The places of job files come with it. Packages and accounts come by their path, so that it is open
+# on the way.
+do_install:append() {
+    install -D -m 0644 ${S}/packaging/default/kestcrond ${D}${sysconfdir}/default/kestcrond
+    install -D -m 0644 ${S}/packaging/logrotate/kestcrond ${D}${sysconfdir}/logrotate.d/kestcrond
+    install -D -m 0755 ${S}/packaging/init.d/kestcrond ${D}${sysconfdir}/init.d/kestcrond
+    install -D -m 0644 ${S}/packaging/systemd/kestcrond.service \
+        ${D}${systemd_system_unitdir}/kestcrond.service
+    install -d -m 0755 ${D}/usr/kest ${D}/usr/kest/share ${D}/usr/kest/etc
+    install -d -m 0755 ${D}/usr/local ${D}/usr/local/etc ${D}/usr/local/etc/kestcron_nonroot.d
+    install -d -m 0750 ${D}/usr/kest/share/kestcron.d ${D}/usr/kest/etc/kestcron.d
+    install -d -m 0750 ${D}/usr/local/etc/kestcron.d
+}
+
+PACKAGES =+ "${PN}-ctl ${PN}-examples"
+FILES:${PN}-ctl = "${bindir}/kestcronctl ${datadir}/bash-completion/completions/kestcronctl"
+FILES:${PN}-examples = "${datadir}/kestcrond/examples"
+FILES:${PN} += "/usr/kest /usr/local"
+CONFFILES:${PN} = "${sysconfdir}/default/kestcrond ${sysconfdir}/logrotate.d/kestcrond"
