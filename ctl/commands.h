@@ -5,6 +5,8 @@
 #define CTL_COMMANDS_H
 
 #include "ctl/appliance.h"
+#include "ctl/processes.h"
+#include "ctl/runtime.h"
 #include "ctl/screen.h"
 
 #include <cstddef>

@@ -3,7 +3,8 @@
 #ifndef CTL_CONDITION_H
 #define CTL_CONDITION_H
 
-#include "ctl/appliance.h"
+#include "ctl/processes.h"
+#include "ctl/runtime.h"
 #include "ctl/screen.h"
 
 #include <string>

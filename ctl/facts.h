@@ -3,7 +3,8 @@
 #ifndef CTL_FACTS_H
 #define CTL_FACTS_H
 
-#include "ctl/appliance.h"
+#include "ctl/processes.h"
+#include "ctl/runtime.h"
 #include "ctl/starts.h"
 
 #include <ctime>

@@ -11,7 +11,8 @@
 #ifndef CTL_METRICS_H
 #define CTL_METRICS_H
 
-#include "ctl/appliance.h"
+#include "ctl/processes.h"
+#include "ctl/runtime.h"
 
 #include <cstdint>
 #include <ctime>

@@ -4,7 +4,8 @@
 #define CTL_STARTS_H
 
 #include "core/coming_starts.h"
-#include "ctl/appliance.h"
+#include "ctl/processes.h"
+#include "ctl/runtime.h"
 
 #include <cstddef>
 #include <ctime>

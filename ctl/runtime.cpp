@@ -1,0 +1,155 @@
+#include "ctl/runtime.h"
+
+#include "core/paths.h"
+#include "ctl/failure.h"
+#include "ctl/nearest.h"
+#include "ctl/processes.h"
+#include "ctl/recent.h"
+#include "ctl/utf8.h"
+#include "ctl/words.h"
+#include "job/account.h"
+#include "job/json_members.h"
+#include "log/printable.h"
+#include "platform/descriptor.h"
+#include "platform/kestsdk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <json/value.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace {
+
+std::time_t SavedAt(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+}
+
+LiveJob MakeLiveJob(CronJob parsed) {
+    LiveJob live;
+    live.job = std::move(parsed);
+    live.name = live.job.Name();
+    live.account = AccountOf(Member(live.job._jsJob, "config")).value_or("");
+    live.staged = std::string(kRuntimeDirectory) + "/" + live.name;
+    live.lastRun = IntegerMember(live.job._jsJob, "lastExecution", 0);
+    return live;
+}
+
+// What happened after the document was written: launches end what was due.
+void BringUpToDate(LiveJob &live, const Recent &recent) {
+    const std::time_t known = live.lastRun;
+    live.lastRun = std::max(known, std::max(recent.ran, recent.launched));
+    if (recent.launched <= known)
+        return;
+    live.job._jsJob["lastExecution"] = Json::Int64{recent.launched};
+    live.job._jsJob["expireTime"] = 0;
+}
+
+// What is read of an appliance is bounded: it may be an image that somebody else made.
+constexpr JsonLimits kReadLimits{std::size_t{1} << 28, 128};
+
+// Reads the document at `path`; false when there is none.
+bool ReadDocument(const std::string &path, Json::Value &document) {
+    JsonOrigin origin;
+    if (JsonFromFile(path, document, kReadLimits, &origin))
+        return true;
+    if (errno == ENOENT || errno == ENOTDIR)
+        return false;
+    throw Failure(path + ": " +
+                  (errno == EBADMSG ? "is no whole JSON document" : std::strerror(errno)));
+}
+
+} // namespace
+
+Runtime LoadRuntime(const Appliance &appliance) {
+    Runtime runtime;
+    Json::Value document;
+    for (const char *path : {kRuntimeFile, kPersistentFile}) {
+        runtime.path = appliance.Locate(path);
+        if (!document.isNull() || ReadDocument(runtime.path, document))
+            break;
+    }
+    if (document.isNull())
+        throw Failure(std::string("there is neither ") + kRuntimeFile + " nor " + kPersistentFile +
+                      ": kestcrond has not run here");
+    runtime.saved = SavedAt(runtime.path);
+    const auto recent = ReadRecent(appliance.Locate(kExecutionLogFile), runtime.saved);
+    const std::vector<Candidate> candidates = Candidates(appliance);
+    const Json::Value &entries = Member(document, "jobs");
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        CronJob parsed(*entry);
+        if (!parsed.valid) {
+            runtime.corrupt.push_back(entries.isObject() ? entry.name() : "");
+            continue;
+        }
+        LiveJob live = MakeLiveJob(std::move(parsed));
+        if (const auto found = recent.find(Printable(live.name)); found != recent.end())
+            BringUpToDate(live, found->second);
+        live.process = ProcessOf(live.staged, live.account, candidates);
+        runtime.jobs.push_back(std::move(live));
+    }
+    std::sort(runtime.jobs.begin(), runtime.jobs.end(),
+              [](const LiveJob &a, const LiveJob &b) { return a.name < b.name; });
+    return runtime;
+}
+
+std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
+    ScheduleTemplate found;
+    for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
+        const std::string file = appliance.Locate(path);
+        if (OpenRegularFile(file, {1, kReadLimits.bytes}) && LoadScheduleTemplate(found, file))
+            return found;
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+// The jobs of which the name, or its last part, is like `name`.
+std::vector<std::string> NearestJobs(const std::string &name,
+                                     const std::vector<std::string> &names) {
+    constexpr std::size_t most = 3;
+    std::vector<std::string> near = NearestOf(name, names, most);
+    std::vector<std::string> lastParts;
+    lastParts.reserve(names.size());
+    for (const std::string &full : names)
+        lastParts.push_back(full.substr(full.rfind('-') + 1));
+    if (near.empty())
+        for (const std::string &part : NearestOf(name, lastParts, most))
+            for (std::size_t i = 0; i < names.size() && near.size() < most; ++i)
+                if (lastParts[i] == part)
+                    near.push_back(names[i]);
+    std::sort(near.begin(), near.end());
+    near.erase(std::unique(near.begin(), near.end()), near.end());
+    return near;
+}
+
+} // namespace
+
+const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
+    std::vector<const LiveJob *> matches;
+    std::vector<std::string> names;
+    const std::string ending = "-" + name;
+    for (const LiveJob &live : runtime.jobs) {
+        if (live.name == name)
+            return live;
+        if (live.name.size() > ending.size() &&
+            live.name.compare(live.name.size() - ending.size(), ending.size(), ending) == 0)
+            matches.push_back(&live);
+        names.push_back(live.name);
+    }
+    if (matches.size() == 1)
+        return *matches.front();
+    if (!matches.empty()) {
+        names.clear();
+        for (const LiveJob *match : matches)
+            names.push_back(Shown(match->name));
+        throw Failure("more than one job is called \"" + Shown(name) + "\": " + Enumerated(names));
+    }
+    const std::vector<std::string> near = NearestJobs(name, names);
+    throw Failure("there is no job \"" + Shown(name) + "\"" +
+                  (near.empty() ? "" : "; there is " + Shown(Enumerated(near))));
+}
