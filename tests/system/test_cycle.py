@@ -272,14 +272,14 @@ def test_a_reload_cycle_launches_nothing(machine):
 
 
 REDRAWS = [
-    ("2026-06-10 09:59:40", {"Minute"}),                               # an ordinary hour
-    ("2026-06-01 09:59:40", {"Minute"}),                               # ... of a 1st and a Monday
-    ("2026-06-09 23:59:40", {"Minute", "hour"}),                       # an ordinary midnight
-    ("2026-06-07 23:59:40", {"Minute", "hour", "week"}),               # to a Monday
-    ("2026-08-31 23:59:40", {"Minute", "hour", "day"}),                # to the 1st, a Tuesday
-    ("2026-05-31 23:59:40", {"Minute", "hour", "day", "week"}),        # to the 1st, a Monday
-    ("2025-12-31 23:59:40", {"Minute", "hour", "day", "month"}),       # to 1 January, a Thursday
-    ("2028-12-31 23:59:40", set(FIELDS)),                              # to 1 January, a Monday
+    ("2026-06-10 09:58:50", {"Minute"}),                               # an ordinary hour
+    ("2026-06-01 09:58:50", {"Minute"}),                               # ... of a 1st and a Monday
+    ("2026-06-09 23:58:50", {"Minute", "hour"}),                       # an ordinary midnight
+    ("2026-06-07 23:58:50", {"Minute", "hour", "week"}),               # to a Monday
+    ("2026-08-31 23:58:50", {"Minute", "hour", "day"}),                # to the 1st, a Tuesday
+    ("2026-05-31 23:58:50", {"Minute", "hour", "day", "week"}),        # to the 1st, a Monday
+    ("2025-12-31 23:58:50", {"Minute", "hour", "day", "month"}),       # to 1 January, a Thursday
+    ("2028-12-31 23:58:50", set(FIELDS)),                              # to 1 January, a Monday
 ]
 
 
