@@ -377,7 +377,7 @@ def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine):
     machine.jobs("builtin", "f", [every_minute(name) for name in names])
     machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
     machine.write("/usr/bin/cp", SLOW_COPY.replace("sleep 1", "sleep 0.1"), 0o755)
-    machine.start_with_faults("setgid:delay_enter=150000")  # so long it takes a job to start
+    machine.start_with_faults("setgid:delay_enter=50000")  # so long it takes a job to start
     # A change while the jobs are loaded: the first cycle launches them all and sees it.
     wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
     machine.account_directory("bob")
