@@ -22,13 +22,13 @@ class Ctl:
         self._machine = machine
         shutil.copy2(binary, machine.path(TOOL))
 
-    def __call__(self, *arguments, user=None, env=None, **options):
+    def __call__(self, *arguments, user=None, env=None, timeout=300, **options):
         """With `user`, a number, as that account without further groups, and with the real clock,
         because the other one keeps files of root's."""
         become = ["/usr/bin/setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
         clock = {"LD_PRELOAD": ""} if user else {}
         return self._machine.run(*(become if user else []), TOOL, *arguments,
-                                 env={"LC_ALL": "C.UTF-8", **clock, **(env or {})}, **options)
+                                 env={"LC_ALL": "C.UTF-8", **clock, **(env or {})}, timeout=timeout, **options)
 
     def json(self, *arguments, **options):
         """The exit status and the answer in JSON; nothing else may be said."""
