@@ -15,6 +15,7 @@
 #include "log/memorylogger.h"
 #include "log/system_log.h"
 #include "platform/errno_kept.h"
+#include "platform/json_text.h"
 #include "platform/kestcore.h"
 #include "platform/kestsdk.h"
 #include "platform/move_aside.h"
@@ -23,6 +24,7 @@
 #include <cerrno>
 #include <ctime>
 #include <dirent.h>
+#include <malloc.h>
 #include <memory>
 #include <pwd.h>
 #include <sys/inotify.h>
@@ -93,9 +95,9 @@ bool CronDaemon::Init(bool passive) {
         LOG_ERROR("inotify init failed");
     if (!PrepareRuntimeDirectory())
         return false;
-    const Json::Value jobSet = LoadSources();
+    JobSet jobSet = LoadSources();
     LoadTemplate(kPersistentTemplateFile);
-    ApplyJobSet(PersistedDocument(), jobSet);
+    ApplyJobSet(PersistedDocument(), std::move(jobSet), {});
     return true;
 }
 
@@ -202,8 +204,9 @@ void CronDaemon::RegenerateOnTimeChange() {
 
 void CronDaemon::RegenerateField(const std::string &key) {
     scheduleTemplate.GenerateSchedule(key);
+    const std::int32_t shared = scheduleTemplate.GetSingleScheduleValue(key);
     for (CronJob &job : jobs)
-        job.GenerateFieldSchedule(key, scheduleTemplate.GetSingleScheduleValue(key));
+        job.GenerateFieldSchedule(key, shared);
 }
 
 void CronDaemon::Shutdown() {
@@ -301,23 +304,23 @@ std::vector<std::string> NamesIn(const Directory &directory) {
     return names;
 }
 
-// Runs each definition through the job parser and adds the accepted ones, as the parser left them,
-// to the job set. Returns false when any was rejected.
-bool AddJobDefinitions(Json::Value &jobSet, const Json::Value &definitions) {
+// Runs each definition through the job parser and adds the accepted ones to the job set. Returns
+// false when any was rejected.
+bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
     bool allAccepted = true;
-    for (const Json::Value &definition : definitions) {
+    for (Json::Value &definition : definitions) {
         Json::Value document;
-        document["config"] = definition;
+        document["config"] = std::move(definition);
         CronJob job(std::move(document));
         if (job.valid)
-            jobSet[job.Name()] = std::move(job._jsJob["config"]);
+            jobSet.insert_or_assign(job.Name(), std::move(job));
         else
             allAccepted = false;
     }
     return allAccepted;
 }
 
-void LoadJobFile(Json::Value &jobSet, const JobDirectory &directory, const std::string &fileName,
+void LoadJobFile(JobSet &jobSet, const JobDirectory &directory, const std::string &fileName,
                  JsonLimits &room) {
     const std::string path = PathIn(directory.path, fileName);
     const std::string base = FileBaseName(fileName);
@@ -333,11 +336,11 @@ void LoadJobFile(Json::Value &jobSet, const JobDirectory &directory, const std::
     for (Json::Value &definition : definitions)
         if (!NameDefinition(definition, directory, base))
             LOG_ERROR("Job (%s) must have a name!", base.c_str());
-    if (!AddJobDefinitions(jobSet, definitions))
+    if (!AddJobDefinitions(jobSet, std::move(definitions)))
         LOG_ERROR("Job JSON format error: %s", path.c_str());
 }
 
-bool LoadJobFiles(Json::Value &jobSet, const JobDirectory &directory) {
+bool LoadJobFiles(JobSet &jobSet, const JobDirectory &directory) {
     const Directory opened = OpenDirectory(directory.path);
     if (!opened)
         return false;
@@ -349,13 +352,13 @@ bool LoadJobFiles(Json::Value &jobSet, const JobDirectory &directory) {
 
 // Each of these loads one directory and returns whether it could be opened; what is wrong with
 // single files and jobs is reported and left out.
-bool LoadJobDirectory(Json::Value &jobSet, const std::string &directory, const std::string &label) {
+bool LoadJobDirectory(JobSet &jobSet, const std::string &directory, const std::string &label) {
     KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
     return LoadJobFiles(jobSet, {directory, label, {}});
 }
 
-bool LoadUserJobDirectory(Json::Value &jobSet, const std::string &account,
-                          const std::string &directory, const std::string &label) {
+bool LoadUserJobDirectory(JobSet &jobSet, const std::string &account, const std::string &directory,
+                          const std::string &label) {
     return LoadJobFiles(jobSet, {directory, label, account});
 }
 
@@ -369,15 +372,14 @@ void CronDaemon::ReloadJobs() {
     std::this_thread::sleep_until(lastLaunch + timeToStart);
     // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
     PrepareRuntimeDirectory();
-    Json::Value previous;
-    JobsToJson(previous);
+    JobSet parsed;
+    Json::Value previous = TakeJobs(parsed);
     RemoveAllWatches();
-    const Json::Value jobSet = LoadSources();
-    ApplyJobSet(std::move(previous), jobSet);
+    ApplyJobSet(std::move(previous), LoadSources(), std::move(parsed));
 }
 
-Json::Value CronDaemon::LoadSources() {
-    Json::Value jobSet(Json::objectValue);
+JobSet CronDaemon::LoadSources() {
+    JobSet jobSet;
     for (const JobSource &source : kJobSources) {
         const bool loaded = source.perAccount
                                 ? LoadNonRootJobDirectories(jobSet, source.directory, source.label)
@@ -388,7 +390,7 @@ Json::Value CronDaemon::LoadSources() {
     return jobSet;
 }
 
-bool CronDaemon::LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
+bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &directory,
                                            const std::string &label) {
     if (KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0755) != 0) {
         LOG_ERROR("create directory failed.");
@@ -426,8 +428,7 @@ std::string OwnerOf(const std::string &path) {
 
 } // namespace
 
-void CronDaemon::LoadAccount(Json::Value &jobSet, const std::string &path,
-                             const std::string &label) {
+void CronDaemon::LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label) {
     const std::string account = OwnerOf(path);
     if (account.empty())
         LOG_ERROR("Failed to dir user: %s", path.c_str());
@@ -442,15 +443,14 @@ void CronDaemon::LoadAccount(Json::Value &jobSet, const std::string &path,
 namespace {
 
 // Takes the entries of jobs that are no longer defined, or defined otherwise, out of `previous`.
-void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
-    if (!Member(previous, "jobs").isObject())
-        return;
-    Json::Value &entries = previous["jobs"];
+void RemoveChangedJobs(Json::Value &previous, const JobSet &jobSet) {
+    Json::Value &entries = ObjectMember(previous, "jobs");
     for (const std::string &name : entries.getMemberNames()) {
-        const Json::Value &definition = Member(jobSet, name);
-        if (definition.isNull())
+        const auto job = jobSet.find(name);
+        if (job == jobSet.end())
             LOG_ERROR("removed cleared jobs: %s", name.c_str());
-        else if (!JsonContains(Member(Member(entries, name), "config"), definition))
+        else if (!JsonContains(Member(Member(entries, name), "config"),
+                               Member(job->second.Document(), "config")))
             LOG_ERROR("removed modified jobs: %s", name.c_str());
         else
             continue;
@@ -459,66 +459,105 @@ void RemoveChangedJobs(Json::Value &previous, const Json::Value &jobSet) {
     }
 }
 
-} // namespace
-
-void CronDaemon::ApplyJobSet(Json::Value previous, const Json::Value &jobSet) {
-    RemoveChangedJobs(previous, jobSet);
-    MergeNewJobs(previous, jobSet);
-    RebuildJobList(previous);
-    SaveRuntimeFiles();
+// A load takes about as much memory again as the jobs, for a moment that is over now.
+void GiveMemoryBack() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
-void CronDaemon::MergeNewJobs(Json::Value &previous, const Json::Value &jobSet) {
+} // namespace
+
+void CronDaemon::ApplyJobSet(Json::Value previous, JobSet jobSet, JobSet parsed) {
+    RemoveChangedJobs(previous, jobSet);
+    MergeNewJobs(previous, std::move(jobSet), parsed);
+    RebuildJobList(std::move(previous), std::move(parsed));
+    SaveRuntimeFiles();
+    GiveMemoryBack();
+}
+
+void CronDaemon::MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &parsed) const {
+    std::array<std::int32_t, 5> shared{};
+    for (std::size_t i = 0; i < shared.size(); ++i)
+        shared[i] = scheduleTemplate.GetSingleScheduleValue(FieldKeys()[i]);
     Json::Value &entries = ObjectMember(previous, "jobs");
-    for (const std::string &name : jobSet.getMemberNames()) {
+    for (auto member = jobSet.begin(); member != jobSet.end();) {
+        const auto current = member++;
+        auto &[name, job] = *current;
         if (entries.isMember(name))
             continue;
-        Json::Value document;
-        document["config"] = Member(jobSet, name);
-        CronJob job(std::move(document));
-        for (const std::string &key : FieldKeys())
-            job.GenerateFieldSchedule(key, scheduleTemplate.GetSingleScheduleValue(key));
-        entries[name] = std::move(job._jsJob);
+        for (std::size_t i = 0; i < shared.size(); ++i)
+            job.GenerateFieldSchedule(FieldKeys()[i], shared[i]);
+        entries[name] = job.TakeDocument();
+        parsed.erase(name);
+        parsed.insert(jobSet.extract(current));
     }
 }
 
 namespace {
 
-// Says what the jobs are rebuilt from. A document larger than the system log takes is lost there.
+// Says what the jobs are rebuilt from, unless it is longer than the system log takes.
 void LogRuntime(const Json::Value &document) {
     const ErrnoKept kept;
     const SourceTag tag = TagOf(__FILE__);
     std::string text(tag.text, static_cast<std::size_t>(tag.length));
-    text += ":" + std::to_string(__LINE__) + " current runtime: " + JsonToString(document);
-    WriteSystemLog(LOG_INFO, text.c_str());
+    text += ":" + std::to_string(__LINE__) + " current runtime: ";
+    const std::size_t most = LongestSystemLogText();
+    text += JsonToString(document, most);
+    if (text.size() <= most)
+        WriteSystemLog(LOG_INFO, text.c_str());
 }
 
 } // namespace
 
-void CronDaemon::RebuildJobList(const Json::Value &document) {
+void CronDaemon::RebuildJobList(Json::Value document, JobSet parsed) {
     LogRuntime(document);
+    Json::Value &entries = document["jobs"];
     jobs.clear();
-    for (const Json::Value &entry : Member(document, "jobs")) {
-        CronJob job(entry);
+    jobs.reserve(entries.size());
+    KnownAccounts accounts;
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        const auto known = parsed.find(entry.name());
+        CronJob job = known == parsed.end() ? CronJob(std::move(*entry))
+                                            : CronJob(std::move(known->second), std::move(*entry));
         if (!job.valid)
             LOG_ERROR("job corrupt.");
-        else if (!MoveBinaryToTmp(job))
+        else if (!MoveBinaryToTmp(job, accounts))
             LOG_ERROR("MoveBinaryToTmp failed.");
         else
             jobs.push_back(std::move(job));
     }
 }
 
-void CronDaemon::JobsToJson(Json::Value &document) const {
-    document = Json::Value(Json::objectValue);
-    for (const CronJob &job : jobs)
-        document["jobs"][job.Name()] = job._jsJob;
+Json::Value CronDaemon::TakeJobs(JobSet &parsed) {
+    Json::Value document(Json::objectValue);
+    for (CronJob &job : jobs) {
+        const std::string name = job.Name();
+        document["jobs"][name] = job.TakeDocument();
+        parsed.emplace(name, std::move(job));
+    }
+    jobs.clear();
+    return document;
+}
+
+std::string CronDaemon::JobsToJson() const {
+    if (jobs.empty())
+        return "{}";
+    JsonText text;
+    text.BeginObject();
+    text.Name("jobs");
+    text.BeginObject();
+    for (const CronJob &job : jobs) {
+        text.Name(job.Name());
+        text.Append(job.Document());
+    }
+    text.EndObject();
+    text.EndObject();
+    return text.Take();
 }
 
 void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) const {
-    Json::Value document;
-    JobsToJson(document);
-    if (!JsonToFile(document, path, durability))
+    if (!JsonToFile(JobsToJson(), path, durability))
         LOG_ERROR("runtime config save failed (%s)", path.c_str());
 }
 

@@ -29,8 +29,12 @@
 #include <chrono>
 #include <cstdint>
 #include <json/value.h>
+#include <map>
 #include <string>
 #include <vector>
+
+// What the sources define: accepted jobs by their full names.
+using JobSet = std::map<std::string, CronJob>;
 
 class CronDaemon {
 public:
@@ -66,21 +70,25 @@ private:
     void ReloadJobs();
     // The job definitions of all sources by full job name. A source that fails is reported and left
     // out.
-    Json::Value LoadSources();
+    JobSet LoadSources();
     // Adds the accepted definitions of all package accounts to `jobSet` and watches their
     // directories. Returns whether the directory as a whole could be read; what is wrong with
     // single accounts, files and jobs is reported and left out.
-    bool LoadNonRootJobDirectories(Json::Value &jobSet, const std::string &directory,
+    bool LoadNonRootJobDirectories(JobSet &jobSet, const std::string &directory,
                                    const std::string &label);
-    void LoadAccount(Json::Value &jobSet, const std::string &path, const std::string &label);
+    void LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label);
 
     // Brings the jobs in line with `jobSet`: `previous`, a runtime document, loses the jobs that
     // are gone or changed, gains the new ones with fresh schedules, and becomes the live list.
-    void ApplyJobSet(Json::Value previous, const Json::Value &jobSet);
-    void MergeNewJobs(Json::Value &previous, const Json::Value &jobSet);
-    void RebuildJobList(const Json::Value &document);
+    // `parsed` has what is parsed already of the jobs whose documents are in the runtime document.
+    void ApplyJobSet(Json::Value previous, JobSet jobSet, JobSet parsed);
+    void MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &parsed) const;
+    void RebuildJobList(Json::Value document, JobSet parsed);
 
-    void JobsToJson(Json::Value &document) const;
+    // The runtime document: of jobs that are given up for it, because a copy would take as much
+    // memory again, the rest of them to `parsed`; and as text.
+    Json::Value TakeJobs(JobSet &parsed);
+    std::string JobsToJson() const;
     void SaveRuntimeConfig(const std::string &path, Durability durability) const;
     void LoadTemplate(const std::string &path);
     void SaveTemplate(const std::string &path, Durability durability) const;

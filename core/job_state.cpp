@@ -1,7 +1,5 @@
 #include "core/job_state.h"
 
-#include "job/json_members.h"
-
 #include <array>
 #include <cstddef>
 
@@ -23,7 +21,7 @@ JobFacts FactsOf(const CronJob &job, bool passiveMode, bool held) {
     facts.passiveMode = passiveMode;
     facts.runOnPassive = job.runOnPassive;
     facts.held = held;
-    facts.expireTime = IntegerMember(job._jsJob, "expireTime", 0);
+    facts.expireTime = job.ExpireTime();
     facts.overdue = job.IsAssureOverdue();
     facts.assureRun = job.assureRun;
     return facts;

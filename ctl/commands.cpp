@@ -3,6 +3,7 @@
 #include "ctl/failure.h"
 #include "ctl/times.h"
 #include "ctl/utf8.h"
+#include "platform/json_text.h"
 
 #include <fnmatch.h>
 #include <iostream>

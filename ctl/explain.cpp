@@ -52,7 +52,7 @@ CronJob JobOf(const std::string &expression) {
 std::vector<std::string> RemarksOn(const CronJob &job) {
     const std::string noText;
     const JsonPlaces nowhere(noText);
-    const Json::Value &config = Member(job._jsJob, "config");
+    const Json::Value &config = Member(job.Document(), "config");
     Subject subject(config, config, nowhere);
     if (job.valid)
         FindCrontabWarnings(subject, job.cronFields);
@@ -132,7 +132,7 @@ std::vector<Json::Value> Draws(const Context &context, CronJob job) {
         for (const std::string &key : FieldKeys())
             job.GenerateFieldSchedule(key,
                                       i == 0 && shared ? shared->GetSingleScheduleValue(key) : -1);
-        draws.push_back(Member(job._jsJob, "schedule"));
+        draws.push_back(Member(job.Document(), "schedule"));
     }
     return draws;
 }

@@ -26,7 +26,7 @@ using Definitions = std::map<std::string, Json::Value>;
 Definitions DefinitionsIn(const Runtime &runtime) {
     Definitions definitions;
     for (const LiveJob &job : runtime.jobs)
-        definitions[job.name] = Member(job.job._jsJob, "config");
+        definitions[job.name] = Member(job.job.Document(), "config");
     return definitions;
 }
 

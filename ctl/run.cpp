@@ -137,7 +137,7 @@ int Run(const Context &context, const RunOptions &options) {
         throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "
                                    "loads jobs");
     CronJob prepared = job.job;
-    prepared._jsJob["cmd_list"][0U] = job.staged;
+    prepared.PointAt(job.staged);
     std::cout.flush();
     const pid_t pid = XLIBCProcForkEx(71);
     if (pid == -1)

@@ -32,9 +32,9 @@ LiveJob MakeLiveJob(CronJob parsed) {
     LiveJob live;
     live.job = std::move(parsed);
     live.name = live.job.Name();
-    live.account = AccountOf(Member(live.job._jsJob, "config")).value_or("");
+    live.account = AccountOf(Member(live.job.Document(), "config")).value_or("");
     live.staged = std::string(kRuntimeDirectory) + "/" + live.name;
-    live.lastRun = IntegerMember(live.job._jsJob, "lastExecution", 0);
+    live.lastRun = IntegerMember(live.job.Document(), "lastExecution", 0);
     return live;
 }
 
@@ -44,8 +44,7 @@ void BringUpToDate(LiveJob &live, const Recent &recent) {
     live.lastRun = std::max(known, std::max(recent.ran, recent.launched));
     if (recent.launched <= known)
         return;
-    live.job._jsJob["lastExecution"] = Json::Int64{recent.launched};
-    live.job._jsJob["expireTime"] = 0;
+    live.job.NoteLaunch(recent.launched);
 }
 
 // What is read of an appliance is bounded: it may be an image that somebody else made.

@@ -10,6 +10,7 @@
 #include "job/json_members.h"
 #include "log/printable.h"
 #include "platform/descriptor.h"
+#include "platform/json_text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,7 +98,7 @@ struct Facts {
 };
 
 Json::Value ToJson(const Facts &facts, std::time_t now) {
-    const Json::Value &document = facts.job.job._jsJob;
+    const Json::Value &document = facts.job.job.Document();
     Json::Value json = JobToJson(facts.job, facts.daemon, now);
     json["definition"] = Member(document, "config");
     json["command"] = Member(document, "cmd_list");
@@ -132,7 +133,7 @@ std::string AssuranceInWords(const CronJob &job) {
 void Write(const Facts &facts, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = facts.job;
-    const Json::Value &document = job.job._jsJob;
+    const Json::Value &document = job.job.Document();
     const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
@@ -177,7 +178,7 @@ int Show(const Context &context, const ShowOptions &options) {
     TellCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
-    const Json::Value &first = Member(job.job._jsJob, "cmd_list")[0U];
+    const Json::Value &first = Member(job.job.Document(), "cmd_list")[0U];
     const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
     const Facts facts{
         job,

@@ -2,7 +2,6 @@
 
 #include "job/json_members.h"
 
-#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <vector>
 
@@ -26,8 +25,9 @@ std::optional<Command> FromList(const Json::Value &list) {
 
 Command FromText(const std::string &text) {
     std::vector<std::string> pieces;
-    boost::algorithm::split(pieces, text, boost::algorithm::is_any_of(" "),
-                            boost::algorithm::token_compress_on);
+    boost::algorithm::split(
+        pieces, text, [](char character) { return character == ' '; },
+        boost::algorithm::token_compress_on);
     Command command{Json::Value(Json::arrayValue), text};
     for (const std::string &piece : pieces)
         command.list.append(piece);

@@ -12,12 +12,14 @@
 #include "log/printable.h"
 #include "platform/descriptor.h"
 #include "platform/errno_kept.h"
+#include "platform/json_text.h"
 #include "platform/kestcore.h"
 #include "platform/kestrandom.h"
 #include "platform/kestsdk.h"
 #include "platform/kestutils.h"
 #include "platform/move_aside.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -70,6 +72,14 @@ CronJob::CronJob(Json::Value document) : _jsJob(std::move(document)) {
         LOG_ERROR("parse error");
     else
         valid = true;
+    ReadRuntimeMembers();
+}
+
+CronJob::CronJob(CronJob parsed, Json::Value document) : CronJob(std::move(parsed)) {
+    _jsJob = std::move(document);
+    scheduleText.clear();
+    ParseCommand(); // "cmd_list" names the staged copy, if there is one
+    ReadRuntimeMembers();
 }
 
 std::string CronJob::Name() const {
@@ -137,9 +147,10 @@ bool CronJob::ParseCommand() {
     std::optional<Command> command = NormalizeCommand(Member(_jsJob, "config"));
     if (!command)
         return false;
-    _jsJob["cmd_list"] = std::move(command->list);
-    _jsJob["cmd_str"] = command->text;
-    if (_jsJob["cmd_list"].empty()) {
+    Json::Value &list = _jsJob[Json::StaticString("cmd_list")];
+    list = std::move(command->list);
+    _jsJob[Json::StaticString("cmd_str")] = command->text;
+    if (list.empty()) {
         LOG_ERROR("Failed [%s], err=%m", R"(0 == _jsJob["cmd_list"].size())");
         return false;
     }
@@ -165,25 +176,51 @@ void SayWhyNobody(const Json::Value &config) {
 } // namespace
 
 JobUser ResolveJobUser(const Json::Value &config) {
+    KnownAccounts none;
+    return ResolveJobUser(config, none);
+}
+
+JobUser ResolveJobUser(const Json::Value &config, KnownAccounts &accounts) {
     JobUser user;
     const std::optional<std::string> account = AccountOf(config);
     if (!account) {
         SayWhyNobody(config);
         return user;
     }
+    const auto known = accounts.find(*account);
+    if (known != accounts.end())
+        return known->second;
     user.name = *account;
     user.valid =
         IsCText(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
-    if (!user.valid)
+    if (user.valid)
+        accounts.emplace(user.name, user);
+    else
         LOG_ERROR("user %s not exist", user.name.c_str());
     return user;
+}
+
+void CronJob::ReadRuntimeMembers() {
+    const Json::Value &schedule = Member(_jsJob, "schedule");
+    for (std::size_t i = 0; i < dueBits_.size(); ++i)
+        dueBits_[i] = AdmittedBits(Member(schedule, FieldKeys()[i]));
+    expireTime_ = IntegerMember(_jsJob, "expireTime", 0);
+    lastRun_ = IntegerMember(_jsJob, "lastExecution", IntegerMember(_jsJob, "startup", 0));
 }
 
 // --- Schedule -----------------------------------------------------------------------------------
 
 void CronJob::GenerateFieldSchedule(const std::string &key, std::int32_t templateValue) {
-    ObjectMember(_jsJob, "schedule")[key] =
-        DrawField(key, cronFields[key], templateValue, TheRandomSource());
+    Json::Value &schedule = ObjectMember(_jsJob, "schedule");
+    Json::Value drawn = DrawField(key, cronFields[key], templateValue, TheRandomSource());
+    const auto &keys = FieldKeys();
+    const auto *const known = std::find(keys.begin(), keys.end(), key);
+    if (known == keys.end()) {
+        schedule[key] = std::move(drawn);
+        return;
+    }
+    dueBits_[static_cast<std::size_t>(known - keys.begin())] = AdmittedBits(drawn);
+    schedule[Json::StaticString(known->c_str())] = std::move(drawn);
 }
 
 void CronJob::GenerateSchedule(const std::string &key) {
@@ -211,7 +248,7 @@ bool CronJob::IsDueNow() const {
     }
     const std::array<std::int32_t, 5> fields = FieldsOf(*local);
     for (std::size_t i = 0; i < fields.size(); ++i)
-        if (!MatchField(FieldKeys()[i], fields[i]))
+        if ((dueBits_[i] >> static_cast<unsigned>(fields[i]) & 1U) == 0)
             return false;
     return true;
 }
@@ -219,7 +256,8 @@ bool CronJob::IsDueNow() const {
 bool CronJob::CheckTrigger() {
     if (!IsDueNow())
         return false;
-    _jsJob["expireTime"] = Json::Int64{std::time(nullptr)};
+    expireTime_ = std::time(nullptr);
+    _jsJob[Json::StaticString("expireTime")] = Json::Int64{expireTime_};
     scheduleText = RenderSchedule();
     return true;
 }
@@ -229,9 +267,7 @@ std::string CronJob::RenderSchedule() const {
 }
 
 bool CronJob::IsAssureOverdue() const {
-    const std::int64_t startup = IntegerMember(_jsJob, "startup", 0);
-    return IsOverdue(assureExecute, IntegerMember(_jsJob, "lastExecution", startup),
-                     std::time(nullptr));
+    return assureExecute != 0 && IsOverdue(assureExecute, lastRun_, std::time(nullptr));
 }
 
 // --- Template -----------------------------------------------------------------------------------
@@ -268,7 +304,7 @@ bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string 
         return false;
     }
     static_cast<CronJob &>(scheduleTemplate) = std::move(loaded);
-    const Json::Value &maxDelay = Member(scheduleTemplate._jsJob, "maxDelay");
+    const Json::Value &maxDelay = Member(scheduleTemplate.Document(), "maxDelay");
     if (maxDelay.isInt() && maxDelay.asInt() >= 0)
         scheduleTemplate.maxDelay = maxDelay.asInt();
     return true;
@@ -276,12 +312,12 @@ bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string 
 
 bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::string &path,
                           Durability durability) {
-    Json::Value document = scheduleTemplate._jsJob;
+    Json::Value document = scheduleTemplate.Document();
     if (scheduleTemplate.maxDelay == ScheduleTemplate::kDefaultMaxDelay)
         document.removeMember("maxDelay");
     else
         document["maxDelay"] = scheduleTemplate.maxDelay;
-    return JsonToFile(document, path, durability);
+    return JsonToFile(JsonToString(document), path, durability);
 }
 
 // --- Staging ------------------------------------------------------------------------------------
@@ -327,52 +363,56 @@ bool IsStageable(const std::string &name, const std::string &source) {
     return false;
 }
 
-// Whether what was copied is a program or a link; the source may have become something else since
-// it was looked at.
-bool IsFileOrLink(const std::string &path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 &&
+// Puts what stands at `staged` out of the way, for the case that it is needed again. Returns
+// whether there was anything.
+bool SetAside(const std::string &staged, const std::string &aside) {
+    const ErrnoKept kept;
+    if (std::rename(staged.c_str(), aside.c_str()) == 0)
+        return true;
+    if (errno == ENOENT)
+        return false;
+    RemoveStaged(aside); // left behind by a crash
+    return std::rename(staged.c_str(), aside.c_str()) == 0;
+}
+
+// Whether what was copied to `staged` is a program or a link, which `status` then tells; the source
+// may have become something else since it was looked at.
+bool IsFileOrLink(const std::string &staged, struct stat &status) {
+    return lstat(staged.c_str(), &status) == 0 &&
            (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode));
 }
 
-// Puts a copy of `source` at `staged`. Nothing is written through what stood there; when the copy
-// fails, that stands there again.
-bool CopyProgram(const std::string &source, const std::string &staged) {
+// Puts a copy of `source` at `staged` and tells what it is. Nothing is written through what stood
+// there; when the copy fails, that stands there again.
+bool CopyProgram(const std::string &source, const std::string &staged, struct stat &status) {
     const std::string previous = std::string(kRuntimeDirectory) + "/.previous";
-    {
-        const ErrnoKept kept;
-        RemoveStaged(previous);
-        std::rename(staged.c_str(), previous.c_str());
-    }
-    if (XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
-        IsFileOrLink(staged)) {
-        RemoveStaged(previous);
-        return true;
-    }
+    const bool hadPrevious = SetAside(staged, previous);
+    const bool copied =
+        XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
+        IsFileOrLink(staged, status);
     const ErrnoKept kept;
-    RemoveStaged(staged);
-    std::rename(previous.c_str(), staged.c_str());
-    return false;
-}
-
-bool IsLink(const std::string &path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+    if (!copied)
+        RemoveStaged(staged);
+    if (copied && hadPrevious)
+        RemoveStaged(previous);
+    else if (hadPrevious)
+        std::rename(previous.c_str(), staged.c_str());
+    return copied;
 }
 
 // Gives the staged program to the job's account. A staged link is only followed to see that its
 // target exists: the target is somebody else's and keeps its owner.
-bool ChownIfNeeded(const std::string &staged, const JobUser &user) {
-    struct stat status {};
+bool ChownIfNeeded(const std::string &staged, struct stat status, const JobUser &user) {
+    const bool isLink = S_ISLNK(status.st_mode);
     if (!user.valid) {
         LOG_ERROR("Unable to get user group info");
         return false;
     }
-    if (stat(staged.c_str(), &status) == -1) {
+    if (isLink && stat(staged.c_str(), &status) == -1) {
         LOG_ERROR("Failed to stat [%s][%m]", staged.c_str());
         return false;
     }
-    if ((status.st_uid == user.uid && status.st_gid == user.gid) || IsLink(staged))
+    if (isLink || (status.st_uid == user.uid && status.st_gid == user.gid))
         return true;
     if (chown(staged.c_str(), user.uid, user.gid) == -1) {
         LOG_ERROR("Failed to chown [%s][%s][%m]", staged.c_str(), user.name.c_str());
@@ -383,25 +423,26 @@ bool ChownIfNeeded(const std::string &staged, const JobUser &user) {
 
 } // namespace
 
-bool MoveBinaryToTmp(CronJob &job) {
+bool MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts) {
     const std::string staged = std::string(kRuntimeDirectory) + "/" + job.Name();
-    Json::Value &program = job._jsJob["cmd_list"][0U];
-    const std::string source = program.asString();
+    const std::string source = Member(job.Document(), "cmd_list")[0U].asString();
+    struct stat status {};
     if (!XLIBCFileExist(source.c_str())) {
         LOG_ERROR("missing binary %s", source.c_str());
         return false;
     }
-    if (!IsStageable(job.Name(), source) || !CopyProgram(source, staged)) {
+    if (!IsStageable(job.Name(), source) || !CopyProgram(source, staged, status)) {
         LOG_ERROR("Failed to cp [%s][%s][0x%04X %s:%d]", source.c_str(), staged.c_str(),
                   static_cast<unsigned>(XLIBCErrGet()), XLIBCErrorGetFile(), XLIBCErrorGetLine());
         return false;
     }
-    program = staged;
-    if (!ChownIfNeeded(staged, ResolveJobUser(Member(job._jsJob, "config")))) {
+    job.PointAt(staged);
+    if (!ChownIfNeeded(staged, status,
+                       ResolveJobUser(Member(job.Document(), "config"), accounts))) {
         LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
         return false;
     }
-    if (!IsLink(staged) && chmod(staged.c_str(), 0700) == -1) {
+    if (!S_ISLNK(status.st_mode) && chmod(staged.c_str(), 0700) == -1) {
         LOG_ERROR("Failed to chmod [%s][%m]", staged.c_str());
         return false;
     }
@@ -410,9 +451,19 @@ bool MoveBinaryToTmp(CronJob &job) {
 
 // --- Execution ----------------------------------------------------------------------------------
 
+void CronJob::NoteLaunch(std::int64_t when) {
+    lastRun_ = when;
+    expireTime_ = 0;
+    _jsJob[Json::StaticString("lastExecution")] = Json::Int64{when};
+    _jsJob[Json::StaticString("expireTime")] = 0;
+}
+
+void CronJob::PointAt(const std::string &program) {
+    _jsJob[Json::StaticString("cmd_list")][0U] = program;
+}
+
 void CronJob::Launch(std::int32_t delay, const std::string &note) {
-    _jsJob["lastExecution"] = Json::Int64{std::time(nullptr)};
-    _jsJob["expireTime"] = 0;
+    NoteLaunch(std::time(nullptr));
     const pid_t pid = XLIBCProcForkEx(71);
     if (pid == -1) {
         LOG_ERROR("Failed to fork()");

@@ -11,10 +11,13 @@
 #include "job/cron_field.h"
 #include "platform/json_file.h"
 
+#include <array>
 #include <cstdint>
 #include <json/value.h>
+#include <map>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 class CronJob {
@@ -25,6 +28,16 @@ public:
     // Takes the document over, checks it, writes the defaults and parses it. `valid` tells whether
     // all went well; what did not is in the system log.
     explicit CronJob(Json::Value document);
+
+    // The same for the document that `parsed`, a valid job, has handed over: its definition is not
+    // checked and parsed again.
+    CronJob(CronJob parsed, Json::Value document);
+
+    // The document as it is now.
+    const Json::Value &Document() const { return _jsJob; }
+
+    // Hands the document over. What is left is of use to the next constructor only.
+    Json::Value TakeDocument() { return std::move(_jsJob); }
 
     // The full job name.
     std::string Name() const;
@@ -50,11 +63,20 @@ public:
     // otherwise changes nothing.
     bool CheckTrigger();
 
+    // When the job was found due and not launched yet, in seconds since the epoch; 0: it was not.
+    std::int64_t ExpireTime() const { return expireTime_; }
+
     // The schedule as text, such as "17 3 -1 -1 -1".
     std::string RenderSchedule() const;
 
     // Whether the job is assured and has not run, or been known, for more than its hours.
     bool IsAssureOverdue() const;
+
+    // Remembers a launch at `when`, in seconds since the epoch: nothing is due any more.
+    void NoteLaunch(std::int64_t when);
+
+    // Makes `program` the one that is run, with the arguments as they are.
+    void PointAt(const std::string &program);
 
     // Starts the job: stamps "lastExecution", clears "expireTime" and `scheduleText`, and forks a
     // process that waits `delay` seconds and then runs the command. Does not wait for it. When the
@@ -70,7 +92,6 @@ public:
     std::int32_t assureExecute = 0; // hours; 0: not assured
     std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
     bool runOnPassive = false;
-    Json::Value _jsJob;
     std::string scheduleText; // the schedule at the latest due match, empty once launched
     CronFields cronFields;
 
@@ -81,6 +102,14 @@ private:
     bool ParseCronField(const std::string &key, const std::string &text);
     bool ParseSettings();
     bool ParseCommand();
+    void ReadRuntimeMembers();
+
+    Json::Value _jsJob;
+    // Members of the document that each cycle asks for. To look them up in it would take a hundred
+    // times as long, so whatever writes those writes these.
+    std::array<std::uint64_t, 5> dueBits_{}; // AdmittedBits of each field
+    std::int64_t expireTime_ = 0;
+    std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
 };
 
 // The account that a job runs as.
@@ -91,7 +120,13 @@ struct JobUser {
     gid_t gid = 0;
 };
 
+// The accounts found so far, by name. A load asks for a few of them very often, and each question
+// reads the account database.
+using KnownAccounts = std::map<std::string, JobUser>;
+
 // The account that the definition `config` asks for; invalid, with a message, when there is none.
+// What is among `accounts` is not asked for again, what is found is added to them.
+JobUser ResolveJobUser(const Json::Value &config, KnownAccounts &accounts);
 JobUser ResolveJobUser(const Json::Value &config);
 
 // The directory of the staged programs, which only root may write.
@@ -101,7 +136,7 @@ constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
 // the job's account with mode 0700, and points the job at it. Nothing outside that directory
 // changes: a program that is a link stays one, and what it links to keeps owner and mode. Returns
 // false, with a message, when the job may not be admitted.
-bool MoveBinaryToTmp(CronJob &job);
+bool MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts);
 
 // The job that is never run: each field of its schedule is the draw that all jobs share.
 class ScheduleTemplate : public CronJob {

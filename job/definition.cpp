@@ -38,8 +38,8 @@ constexpr std::array<DefinitionRule, 7> kRules{{
      "crontab", R"(!jsConf.isMember("crontab") || !jsConf["crontab"].isString())"},
 }};
 
-void WriteWhenAbsent(Json::Value &object, const char *name, const Json::Value &value) {
-    if (!HasMember(object, name))
+void WriteWhenAbsent(Json::Value &object, Json::StaticString name, const Json::Value &value) {
+    if (!HasMember(object, name.c_str()))
         object[name] = value;
 }
 
@@ -58,13 +58,14 @@ const char *FirstBrokenRule(const Json::Value &document) {
 }
 
 void WriteDefaults(Json::Value &document, std::int64_t now) {
-    // Signed numbers, because that is what they are when they are read back from a file: an
-    // unsigned 0 would not equal it, and every restart would take the definition for a changed one.
-    WriteWhenAbsent(document, "startup", Json::Value(Json::Int64{now}));
+    // Static names, because a document only points to them: in many jobs that adds up. Signed
+    // numbers, because that is what they are when they are read back from a file: an unsigned 0
+    // would not equal it, and every restart would take the definition for a changed one.
+    WriteWhenAbsent(document, Json::StaticString("startup"), Json::Value(Json::Int64{now}));
     Json::Value &config = document["config"];
-    WriteWhenAbsent(config, "assure_execute", 0);
-    WriteWhenAbsent(config, "assure_execute_action", "wait");
-    WriteWhenAbsent(config, "run_on_passive", false);
+    WriteWhenAbsent(config, Json::StaticString("assure_execute"), 0);
+    WriteWhenAbsent(config, Json::StaticString("assure_execute_action"), "wait");
+    WriteWhenAbsent(config, Json::StaticString("run_on_passive"), false);
 }
 
 const char *FirstUnusableSetting(const Json::Value &config) {

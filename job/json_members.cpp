@@ -25,7 +25,7 @@ std::int64_t IntegerMember(const Json::Value &object, const char *name, std::int
 Json::Value &ObjectMember(Json::Value &value, const char *name) {
     if (!value.isObject())
         value = Json::Value(Json::objectValue);
-    Json::Value &member = value[name];
+    Json::Value &member = value[Json::StaticString(name)];
     if (!member.isObject())
         member = Json::Value(Json::objectValue);
     return member;

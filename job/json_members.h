@@ -20,7 +20,8 @@ std::string TextMember(const Json::Value &object, const char *name);
 // The member `name` as a number; `otherwise` when it is absent, not an integer or out of range.
 std::int64_t IntegerMember(const Json::Value &object, const char *name, std::int64_t otherwise);
 
-// The member `name` of `value`, which becomes an empty object first when it is anything else.
+// The member `name` of `value`, which becomes an empty object first when it is anything else. The
+// document may go on pointing to `name`: a literal.
 Json::Value &ObjectMember(Json::Value &value, const char *name);
 
 #endif

@@ -66,6 +66,22 @@ bool FieldAdmits(const Json::Value &array, std::int32_t value) {
     return admits;
 }
 
+std::uint64_t AdmittedBits(const Json::Value &array) {
+    if (!array.isArray())
+        return 0;
+    std::uint64_t bits = 0;
+    for (const Json::Value &element : array) {
+        if (!element.isInt())
+            return 0; // the whole field counts as empty
+        const std::int32_t admitted = element.asInt();
+        if (admitted == kAnyValue)
+            bits = ~std::uint64_t{0};
+        else if (admitted >= 0 && admitted < 64)
+            bits |= std::uint64_t{1} << static_cast<unsigned>(admitted);
+    }
+    return bits;
+}
+
 std::string ScheduleAsText(const Json::Value &schedule) {
     std::string text;
     for (const std::string &key : FieldKeys())

@@ -32,6 +32,9 @@ std::array<std::int32_t, 5> FieldsOf(const std::tm &local);
 // Whether a field's array admits `value`. Allocates nothing.
 bool FieldAdmits(const Json::Value &array, std::int32_t value);
 
+// The same for all values that a minute may have, each as a bit.
+std::uint64_t AdmittedBits(const Json::Value &array);
+
 // The five fields as text: values joined by ",", "X" for a field without values, fields joined by a
 // blank.
 std::string ScheduleAsText(const Json::Value &schedule);

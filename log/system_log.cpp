@@ -1,6 +1,9 @@
 #include "log/system_log.h"
 
+#include "platform/descriptor.h"
+
 #include <csignal>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <syslog.h>
 
@@ -43,6 +46,16 @@ private:
 };
 
 } // namespace
+
+std::size_t LongestSystemLogText() {
+    constexpr int usual = 212992;
+    int size = 0;
+    socklen_t length = sizeof size;
+    const Descriptor local(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!local || getsockopt(local.Get(), SOL_SOCKET, SO_SNDBUF, &size, &length) == -1)
+        size = usual;
+    return static_cast<std::size_t>(size);
+}
 
 void WriteSystemLog(int priority, const char *text) {
     constexpr timeval patient{0, 500000};

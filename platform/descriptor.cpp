@@ -49,7 +49,7 @@ Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed) {
 
 bool ReadAll(int fd, std::size_t limit, std::string &content) {
     content.clear();
-    std::array<char, 16384> block{};
+    std::array<char, 4096> block{}; // cleared each time: most files are small
     for (;;) {
         const ssize_t got = read(fd, block.data(), block.size());
         if (got == 0)

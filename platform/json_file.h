@@ -1,4 +1,4 @@
-// JSON documents as files and as text: what the platform's build of the JSON library adds to it.
+// JSON documents as files: what the platform's build of the JSON library adds to it.
 
 #ifndef PLATFORM_JSON_FILE_H
 #define PLATFORM_JSON_FILE_H
@@ -39,12 +39,9 @@ enum class Durability {
     Reboot   // flushed to the disk before the call returns
 };
 
-// Writes `value` to the file `path`, links followed, so that a reader finds the old document or the
-// new one, never a part. A file that exists keeps its mode, a new one gets 0644. On failure returns
-// false with errno set, and the old document stays.
-bool JsonToFile(const Json::Value &value, const std::string &path, Durability durability);
-
-// The document as indented text, without a newline at its end.
-std::string JsonToString(const Json::Value &value);
+// Writes the document `text`, and a newline, to the file `path`, links followed, so that a reader
+// finds the old document or the new one, never a part. A file that exists keeps its mode, a new one
+// gets 0644. On failure returns false with errno set, and the old document stays.
+bool JsonToFile(std::string text, const std::string &path, Durability durability);
 
 #endif

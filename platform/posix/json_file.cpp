@@ -10,12 +10,27 @@
 #include <exception>
 #include <fcntl.h>
 #include <json/reader.h>
-#include <json/writer.h>
+#include <map>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+// A reader takes longer to be made than to read a job.
+Json::CharReader &ReaderOfDepth(int depth) {
+    static std::map<int, std::unique_ptr<Json::CharReader>> readers;
+    std::unique_ptr<Json::CharReader> &reader = readers[depth];
+    if (!reader) {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["allowTrailingCommas"] = false;
+        builder["failIfExtra"] = true;
+        builder["stackLimit"] = depth;
+        reader.reset(builder.newCharReader());
+    }
+    return *reader;
+}
 
 bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
     const std::string &text = origin.text;
@@ -24,27 +39,15 @@ bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
         origin.fault = "There is a zero byte in the text.";
         return false;
     }
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["allowTrailingCommas"] = false;
-    builder["failIfExtra"] = true;
-    builder["stackLimit"] = depth;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     try {
-        return reader->parse(text.data(), text.data() + text.size(), &value, &origin.fault);
+        return ReaderOfDepth(depth).parse(text.data(), text.data() + text.size(), &value,
+                                          &origin.fault);
     } catch (const std::bad_alloc &) {
         throw;
     } catch (const std::exception &) {
         origin.fault = "Values are nested deeper than " + std::to_string(depth) + " levels.";
         return false;
     }
-}
-
-std::string ToText(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["commentStyle"] = "None";
-    builder["emitUTF8"] = true; // names come back byte for byte, whatever their encoding
-    return Json::writeString(builder, value);
 }
 
 // The file that `path` names when it is a link, so that replacing it leaves the link in place. It
@@ -114,10 +117,11 @@ bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits 
     return false;
 }
 
-bool JsonToFile(const Json::Value &value, const std::string &path, Durability durability) {
+bool JsonToFile(std::string text, const std::string &path, Durability durability) {
     const std::string target = FollowLinks(path);
     const std::string fresh = target + ".new";
-    if (!WriteNewFile(fresh, ToText(value) + "\n", ModeOf(target), durability) ||
+    text += '\n';
+    if (!WriteNewFile(fresh, text, ModeOf(target), durability) ||
         rename(fresh.c_str(), target.c_str()) == -1) {
         Discard(fresh);
         return false;
@@ -125,8 +129,4 @@ bool JsonToFile(const Json::Value &value, const std::string &path, Durability du
     if (durability == Durability::Reboot)
         FlushDirectoryOf(target);
     return true;
-}
-
-std::string JsonToString(const Json::Value &value) {
-    return ToText(value);
 }

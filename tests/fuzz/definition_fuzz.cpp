@@ -5,6 +5,7 @@
 
 #include "core/json_contains.h"
 #include "job/json_members.h"
+#include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 
 namespace {
@@ -16,12 +17,13 @@ void TryDefinition(const Json::Value &definition) {
     TryJob(job);
     if (!job.valid)
         return;
-    Require(JsonContains(definition, Member(job._jsJob, "config")), "what was defined stays");
+    Require(JsonContains(definition, Member(job.Document(), "config")), "what was defined stays");
     Json::Value saved;
-    Require(ReadDocument(JsonToString(job._jsJob), kOwnFileLimits, saved) && saved == job._jsJob,
+    Require(ReadDocument(JsonToString(job.Document()), kOwnFileLimits, saved) &&
+                saved == job.Document(),
             "a job's document is read back the same");
     const CronJob restarted(saved);
-    Require(restarted.valid && restarted._jsJob == saved, "a saved job comes back unchanged");
+    Require(restarted.valid && restarted.Document() == saved, "a saved job comes back unchanged");
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include "core/launch_note.h"
 #include "job/json_members.h"
 #include "job/schedule.h"
+#include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 
@@ -24,19 +25,24 @@ namespace {
 
 // The steps of the daemon that are tried. They are private, but the arguments of an explicit
 // instantiation may name what is.
-void LoadAccount(CronDaemon &daemon, Json::Value &jobSet, const std::string &path);
-void ApplyJobSet(CronDaemon &daemon, Json::Value previous, const Json::Value &jobSet);
+void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path);
+void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet, JobSet parsed);
+Json::Value TakeJobs(CronDaemon &daemon, JobSet &parsed);
 void RegenerateField(CronDaemon &daemon, const std::string &key);
 JobState StateOf(const CronDaemon &daemon, const CronJob &job, bool held);
 std::vector<CronJob> &JobsOf(CronDaemon &daemon);
 
-template <auto kLoad, auto kApply, auto kRegenerate, auto kState, auto kJobs>
+template <auto kLoad, auto kApply, auto kTake, auto kRegenerate, auto kState, auto kJobs>
 struct Opened {
-    friend void LoadAccount(CronDaemon &daemon, Json::Value &jobSet, const std::string &path) {
+    friend void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path) {
         (daemon.*kLoad)(jobSet, path, "pkg_nonroot");
     }
-    friend void ApplyJobSet(CronDaemon &daemon, Json::Value previous, const Json::Value &jobSet) {
-        (daemon.*kApply)(std::move(previous), jobSet);
+    friend void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet,
+                            JobSet parsed) {
+        (daemon.*kApply)(std::move(previous), std::move(jobSet), std::move(parsed));
+    }
+    friend Json::Value TakeJobs(CronDaemon &daemon, JobSet &parsed) {
+        return (daemon.*kTake)(parsed);
     }
     friend void RegenerateField(CronDaemon &daemon, const std::string &key) {
         (daemon.*kRegenerate)(key);
@@ -46,7 +52,7 @@ struct Opened {
     }
     friend std::vector<CronJob> &JobsOf(CronDaemon &daemon) { return daemon.*kJobs; }
 };
-template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyJobSet,
+template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyJobSet, &CronDaemon::TakeJobs,
                        &CronDaemon::RegenerateField, &CronDaemon::ComputeState, &CronDaemon::jobs>;
 
 Json::Value &SavedRuntime() {
@@ -58,34 +64,35 @@ Json::Value &SavedRuntime() {
 
 // What the linker puts in the place of the two functions that would touch the disk. The real ones
 // are named too: when one is declared otherwise some day, this no longer links.
-bool RealMoveBinaryToTmp(CronJob &job) __asm__("__real__Z15MoveBinaryToTmpR7CronJob");
-bool RealJsonToFile(const Json::Value &value, const std::string &path,
-                    Durability durability) __asm__("__real__Z10JsonToFileRKN4Json5ValueERKNSt7__"
-                                                   "cxx1112basic_stringIcSt11char_traitsIcESaIc"
-                                                   "EEE10Durability");
-bool StagedWithoutDisk(CronJob &job) __asm__("__wrap__Z15MoveBinaryToTmpR7CronJob");
-bool SavedWithoutDisk(const Json::Value &value, const std::string &path,
-                      Durability durability) __asm__("__wrap__Z10JsonToFileRKN4Json5ValueERKNSt7__"
-                                                     "cxx1112basic_stringIcSt11char_traitsIcESaIc"
-                                                     "EEE10Durability");
+bool RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts) __asm__(
+    "__real__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
+    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEE");
+bool RealJsonToFile(std::string text, const std::string &path, Durability durability) __asm__(
+    "__real__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
+    "IcESaIcEEERKS4_10Durability");
+bool StagedWithoutDisk(CronJob &job, KnownAccounts &accounts) __asm__(
+    "__wrap__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
+    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEE");
+bool SavedWithoutDisk(std::string text, const std::string &path, Durability durability) __asm__(
+    "__wrap__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
+    "IcESaIcEEERKS4_10Durability");
 
-[[gnu::used]] static bool (*const kRealStaging)(CronJob &) = RealMoveBinaryToTmp;
-[[gnu::used]] static bool (*const kRealSaving)(const Json::Value &, const std::string &,
+[[gnu::used]] static bool (*const kRealStaging)(CronJob &, KnownAccounts &) = RealMoveBinaryToTmp;
+[[gnu::used]] static bool (*const kRealSaving)(std::string, const std::string &,
                                                Durability) = RealJsonToFile;
 
-bool StagedWithoutDisk(CronJob &job) {
-    Json::Value &program = job._jsJob["cmd_list"][0U];
-    Require(program.isConvertibleTo(Json::stringValue), "a program has a name");
-    program = std::string(kRuntimeDirectory) + "/" + job.Name();
+bool StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/) {
+    Require(Member(job.Document(), "cmd_list")[0U].isConvertibleTo(Json::stringValue),
+            "a program has a name");
+    job.PointAt(std::string(kRuntimeDirectory) + "/" + job.Name());
     return true;
 }
 
-bool SavedWithoutDisk(const Json::Value &value, const std::string &path,
-                      Durability /*durability*/) {
+bool SavedWithoutDisk(std::string text, const std::string &path, Durability /*durability*/) {
     if (path != "/var/run/kestcrond.config")
         return true; // the template, which is not what is tried here
-    Require(ReadDocument(JsonToString(value), kOwnFileLimits, SavedRuntime()) &&
-                SavedRuntime() == value,
+    Require(ReadDocument(text, kOwnFileLimits, SavedRuntime()) &&
+                JsonToString(SavedRuntime()) == text,
             "a saved document is read back the same");
     return true;
 }
@@ -134,11 +141,25 @@ void RequireApplied(const Json::Value &previous, const Json::Value &jobSet,
         Require(jobSet.isMember(name), "a job that is not defined is gone");
 }
 
-Json::Value Apply(CronDaemon &daemon, const Json::Value &previous, const Json::Value &jobSet) {
+Json::Value DefinitionsOf(const JobSet &jobSet) {
+    Json::Value definitions(Json::objectValue);
+    for (const auto &[name, job] : jobSet)
+        definitions[name] = Member(job.Document(), "config");
+    return definitions;
+}
+
+Json::Value Apply(CronDaemon &daemon, const Json::Value &previous, const JobSet &jobSet,
+                  const JobSet &parsed = {}) {
     SavedRuntime() = Json::Value();
-    ApplyJobSet(daemon, previous, jobSet);
-    RequireApplied(previous, jobSet, SavedRuntime());
+    ApplyJobSet(daemon, previous, jobSet, parsed);
+    RequireApplied(previous, DefinitionsOf(jobSet), SavedRuntime());
     return SavedRuntime();
+}
+
+Json::Value Reload(CronDaemon &daemon, const JobSet &jobSet) {
+    JobSet parsed;
+    const Json::Value previous = TakeJobs(daemon, parsed);
+    return Apply(daemon, previous, jobSet, parsed);
 }
 
 void TryLiveJobs(CronDaemon &daemon) {
@@ -172,22 +193,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     Json::Value previous;
     ReadDocument(text.substr(next), kOwnFileLimits, previous);
     CronDaemon daemon;
-    Json::Value jobSet(Json::objectValue);
+    JobSet jobSet;
     const std::string &directory = AccountDirectory();
     WriteInput(text.substr(0, end));
     LoadAccount(daemon, jobSet, directory);
 
-    Require(JsonContains(previous, previous) && JsonContains(jobSet, jobSet),
+    const Json::Value definitions = DefinitionsOf(jobSet);
+    Require(JsonContains(previous, previous) && JsonContains(definitions, definitions),
             "a document contains itself");
-    Require(!JsonContains(previous, jobSet) || !JsonContains(jobSet, previous) ||
-                previous.type() == jobSet.type(),
+    Require(!JsonContains(previous, definitions) || !JsonContains(definitions, previous) ||
+                previous.type() == definitions.type(),
             "documents that contain each other are of one type");
     TryEntries(previous);
     const Json::Value started = Apply(daemon, previous, jobSet);
-    const Json::Value reloaded = Apply(daemon, started, jobSet);
-    Require(Member(reloaded, "jobs").size() == jobSet.size(), "every job is there after a reload");
-    Require(Apply(daemon, reloaded, jobSet) == reloaded,
-            "a reload without changes changes nothing");
+    const Json::Value restarted = Apply(daemon, started, jobSet);
+    Require(Member(restarted, "jobs").size() == jobSet.size(),
+            "every job is there after a restart");
+    Require(Reload(daemon, jobSet) == restarted, "a reload without changes changes nothing");
+    Require(Apply(daemon, restarted, jobSet) == restarted, "a restart changes nothing either");
     TryLiveJobs(daemon);
     return 0;
 }

@@ -10,8 +10,8 @@ namespace {
 
 // "maxDelay" is kept beside the document and written into it only to be saved.
 bool AreSame(const ScheduleTemplate &one, const ScheduleTemplate &other) {
-    Json::Value document = one._jsJob;
-    Json::Value otherDocument = other._jsJob;
+    Json::Value document = one.Document();
+    Json::Value otherDocument = other.Document();
     if (document.isObject())
         document.removeMember("maxDelay");
     if (otherDocument.isObject())

@@ -104,8 +104,8 @@ def test_members():
     """What the code looks up or writes in definitions, templates and entries is in a member list,
     and nothing else is."""
     lookups = re.compile(
-        r'(?:(?:Member|HasText|WriteWhenAbsent)\((?:[^"();]|\([^()]*\))*,\s*"(\w+)"'
-        r'|isMember\("(\w+)"\)|\["(\w+)"\])')
+        r'(?:(?:Member|HasText)\((?:[^"();]|\([^()]*\))*,\s*"(\w+)"'
+        r'|isMember\("(\w+)"\)|\["(\w+)"\]|StaticString\("(\w+)"\))')
     members = set()
     for name, source in CODE.items():
         if name.startswith(("job/", "core/")):
@@ -127,7 +127,7 @@ def test_each_member_of_a_definition_has_an_example():
 
 def test_defaults():
     """The defaults in the member list are those that the code writes."""
-    written = dict(re.findall(r'WriteWhenAbsent\(config, "(\w+)", "?(\w+)"?\)',
+    written = dict(re.findall(r'WriteWhenAbsent\(config, Json::StaticString\("(\w+)"\), "?(\w+)"?\)',
                               CODE["job/definition.cpp"]))
     written["maxDelay"] = re.search(r"kDefaultMaxDelay = (\d+)", CODE["job/cronjob.h"])[1]
     listed = section(PAGES[1], "Members") + section(PAGES[1], "The template")

@@ -4,6 +4,7 @@
 #include "job/cronjob.h"
 #include "job/schedule.h"
 #include "tests/unit/support/clock.h"
+#include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
 #include <algorithm>
@@ -29,9 +30,10 @@ CronJob JobOf(const std::string &crontab, const std::string &drawn = "{}") {
     for (const std::string &key : FieldKeys())
         job.GenerateSchedule(key);
     const Json::Value values = FromText(drawn);
+    Json::Value schedule = job.Document()["schedule"];
     for (const std::string &key : values.getMemberNames())
-        job._jsJob["schedule"][key] = values[key];
-    return job;
+        schedule[key] = values[key];
+    return With(job, "schedule", schedule);
 }
 
 std::string TimeText(std::time_t moment) {
@@ -57,7 +59,7 @@ std::vector<std::string> Starts(const CronJob &job, std::time_t from, std::size_
                                 std::optional<std::time_t> now = std::nullopt) {
     std::vector<std::string> texts;
     for (const ComingStart &start :
-         ComingStarts(job.cronFields, job._jsJob["schedule"],
+         ComingStarts(job.cronFields, job.Document()["schedule"],
                       {now.value_or(from), from, from + kCalendarRepeats}, count))
         texts.push_back(Text(start));
     return texts;
@@ -170,7 +172,7 @@ TEST(ComingStarts, AreThoseOfTheLocalClock) {
     EXPECT_THAT(Starts(JobOf("30 2 * * *"), Utc(2026, 3, 28, 12, 0), 2),
                 ElementsAre("2026-03-30 02:30", "2026-03-31 02:30"));
     const std::vector<ComingStart> twice = ComingStarts(
-        JobOf("30 2 * * *").cronFields, JobOf("30 2 * * *")._jsJob["schedule"],
+        JobOf("30 2 * * *").cronFields, JobOf("30 2 * * *").Document()["schedule"],
         {Utc(2026, 10, 24, 12, 0), Utc(2026, 10, 24, 12, 0), Utc(2027, 1, 1, 0, 0)}, 3);
     ASSERT_THAT(twice, SizeIs(3));
     EXPECT_EQ(twice[0].earliest, Utc(2026, 10, 25, 0, 30));
@@ -258,13 +260,13 @@ TEST(ComingStarts, HoldAllThatComes) {
         std::mt19937 bits(round);
         const CronJob job = JobOf(SomeField(bits, 0, 59) + " " + SomeField(bits, 0, 23) + " " +
                                   SomeField(bits, 1, 31) + " * " + SomeField(bits, 0, 6));
-        SCOPED_TRACE(job._jsJob["config"]["crontab"].asString());
+        SCOPED_TRACE(job.Document()["config"]["crontab"].asString());
         constexpr std::time_t days = 9;
         const std::time_t from =
             Utc(2026, 3, 25, static_cast<int>(round % 24), static_cast<int>(round));
         const std::vector<std::time_t> lived = Lived(job, from, days, clock);
         const std::vector<ComingStart> coming = ComingStarts(
-            job.cronFields, job._jsJob["schedule"], {from, from, from + days * kDay}, 20000);
+            job.cronFields, job.Document()["schedule"], {from, from, from + days * kDay}, 20000);
         for (const std::time_t moment : lived)
             ASSERT_TRUE(std::any_of(coming.begin(), coming.end(),
                                     [moment](const ComingStart &start) {

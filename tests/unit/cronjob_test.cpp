@@ -4,6 +4,7 @@
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/execution_log.h"
 #include "tests/unit/support/files.h"
+#include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 #include "tests/unit/support/memory.h"
 #include "tests/unit/syslog_capture.h"
@@ -46,6 +47,34 @@ CronJob ScheduledJob(const std::string &crontab) {
 
 // --- Construction -------------------------------------------------------------------------------
 
+TEST(CronJobConstruction, OfWhatIsParsedIsTheSameAsAfresh) {
+    const FixedClock clock(1700000000);
+    for (const char *members : {R"("name": "a", "user": "root", "period": "d", "cmd": "x  y")",
+                                R"("name": "a", "user": "root", "period": "w", "assure_execute": 5,
+                                   "assure_execute_action": "run", "run_on_passive": true,
+                                   "cmd_list": ["a b", 5])"}) {
+        SCOPED_TRACE(members);
+        CronJob job(Document(members));
+        for (const std::string &key : FieldKeys())
+            job.GenerateSchedule(key);
+        job.NoteLaunch(1600000000);
+        job.PointAt("/somewhere/else");
+        job.scheduleText = "of an earlier match";
+        Json::Value document = job.TakeDocument();
+        const CronJob fresh(document);
+        const CronJob again(std::move(job), std::move(document));
+        EXPECT_TRUE(again.valid);
+        EXPECT_EQ(again.Document(), fresh.Document());
+        EXPECT_EQ(again.scheduleText, "");
+        EXPECT_EQ(again.assureExecute, fresh.assureExecute);
+        EXPECT_EQ(again.assureRun, fresh.assureRun);
+        EXPECT_EQ(again.runOnPassive, fresh.runOnPassive);
+        EXPECT_EQ(again.cronFields.size(), fresh.cronFields.size());
+        EXPECT_EQ(again.IsAssureOverdue(), fresh.IsAssureOverdue());
+        EXPECT_EQ(again.ExpireTime(), 0);
+    }
+}
+
 TEST(CronJobConstruction, FillsInAWholeJob) {
     const FixedClock clock(1700000000);
     const SyslogCapture log;
@@ -58,7 +87,7 @@ TEST(CronJobConstruction, FillsInAWholeJob) {
     EXPECT_EQ(job.assureRun, 1);
     EXPECT_TRUE(job.runOnPassive);
     EXPECT_EQ(job.scheduleText, "");
-    EXPECT_EQ(job._jsJob, FromText(R"({"config": {"name": "backup", "user": "root",
+    EXPECT_EQ(job.Document(), FromText(R"({"config": {"name": "backup", "user": "root",
         "period": "Weekly", "cmd": "/usr/bin/backup.sh  -v", "assure_execute": 48,
         "assure_execute_action": "run", "run_on_passive": true}, "startup": 1700000000,
         "cmd_list": ["/usr/bin/backup.sh", "-v"], "cmd_str": "/usr/bin/backup.sh  -v"})"));
@@ -73,7 +102,7 @@ TEST(CronJobConstruction, WritesTheDefaults) {
     EXPECT_EQ(job.assureExecute, 0);
     EXPECT_EQ(job.assureRun, 0);
     EXPECT_FALSE(job.runOnPassive);
-    EXPECT_EQ(job._jsJob["config"],
+    EXPECT_EQ(job.Document()["config"],
               FromText(R"({"name": "a", "user": "root", "period": "d", "cmd": "b",
                            "assure_execute": 0, "assure_execute_action": "wait",
                            "run_on_passive": false})"));
@@ -93,9 +122,9 @@ TEST(CronJobConstruction, CarriesTheRuntimeMembersAlong) {
     const CronJob job(document);
     EXPECT_TRUE(job.valid);
     for (const char *name : {"startup", "lastExecution", "expireTime", "schedule", "other"})
-        EXPECT_EQ(job._jsJob[name], document[name]) << name;
-    EXPECT_EQ(job._jsJob["cmd_list"], FromText(R"(["b", "c"])"));
-    EXPECT_EQ(job._jsJob["cmd_str"], "b c ");
+        EXPECT_EQ(job.Document()[name], document[name]) << name;
+    EXPECT_EQ(job.Document()["cmd_list"], FromText(R"(["b", "c"])"));
+    EXPECT_EQ(job.Document()["cmd_str"], "b c ");
 }
 
 TEST(CronJobConstruction, ReadsTheSettings) {
@@ -335,7 +364,7 @@ TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
         Texts expected = row.texts;
         expected.emplace_back("parse error");
         EXPECT_EQ(log.Texts("cronjob"), expected);
-        EXPECT_EQ(job._jsJob["config"].isMember("assure_execute_action"), true);
+        EXPECT_EQ(job.Document()["config"].isMember("assure_execute_action"), true);
     }
 }
 
@@ -343,7 +372,7 @@ TEST(CronJobConstruction, ParsesTheCommandLast) {
     const SyslogCapture log;
     const CronJob unscheduled(
         Document(R"("name": "a", "user": "root", "period": "yearly", "cmd": "b")"));
-    EXPECT_FALSE(unscheduled._jsJob.isMember("cmd_list"));
+    EXPECT_FALSE(unscheduled.Document().isMember("cmd_list"));
     const CronJob empty(Document(R"("name": "a", "user": "root", "period": "d", "cmd_list": [],
                                     "assure_execute": 5)"));
     EXPECT_FALSE(empty.valid);
@@ -352,11 +381,11 @@ TEST(CronJobConstruction, ParsesTheCommandLast) {
 
 TEST(CronJobConstruction, LeavesADocumentThatBreaksARuleAsItIs) {
     const SyslogCapture log;
-    EXPECT_EQ(CronJob(FromText("{}"))._jsJob, FromText(R"({"config": null})"));
+    EXPECT_EQ(CronJob(FromText("{}")).Document(), FromText(R"({"config": null})"));
     const char *nameless = R"({"config": {"user": "root", "period": "d", "cmd": "b"}})";
-    EXPECT_EQ(CronJob(FromText(nameless))._jsJob, FromText(nameless));
+    EXPECT_EQ(CronJob(FromText(nameless)).Document(), FromText(nameless));
     const char *commandless = R"({"config": {"name": "a", "user": "root", "period": "d"}})";
-    EXPECT_EQ(CronJob(FromText(commandless))._jsJob, FromText(commandless));
+    EXPECT_EQ(CronJob(FromText(commandless)).Document(), FromText(commandless));
 }
 
 // An author's text is part of a message, and a message is one line.
@@ -468,6 +497,21 @@ TEST(ResolveJobUser, TellsWhichAccountIsMissing) {
     }
 }
 
+TEST(ResolveJobUser, AsksForAnAccountOnce) {
+    const SyslogCapture log;
+    KnownAccounts accounts;
+    const Json::Value root = FromText(R"({"user": "root"})");
+    EXPECT_EQ(ResolveJobUser(root, accounts).uid, 0U);
+    ASSERT_EQ(accounts.count("root"), 1U);
+    accounts["root"].uid = 17; // is believed
+    EXPECT_EQ(ResolveJobUser(root, accounts).uid, 17U);
+    EXPECT_EQ(ResolveJobUser(root).uid, 0U);
+    for (int i = 0; i < 2; ++i) // but what is missing may come
+        EXPECT_FALSE(ResolveJobUser(FromText(R"({"user": "no-such-root"})"), accounts).valid);
+    EXPECT_EQ(accounts.size(), 1U);
+    EXPECT_EQ(log.Texts("cronjob").size(), 2U);
+}
+
 // --- Schedule -----------------------------------------------------------------------------------
 
 TEST(GenerateFieldSchedule, TakesTheTemplatesValueWhereItFits) {
@@ -481,25 +525,24 @@ TEST(GenerateFieldSchedule, TakesTheTemplatesValueWhereItFits) {
     EXPECT_EQ(minutes[2], 5);
     EXPECT_EQ(minutes[3], -1);
     job.GenerateFieldSchedule("day", 30);
-    EXPECT_EQ(job._jsJob["schedule"]["day"], FromText("[30]"));
-    EXPECT_FALSE(job._jsJob["schedule"].isMember("hour"));
+    EXPECT_EQ(job.Document()["schedule"]["day"], FromText("[30]"));
+    EXPECT_FALSE(job.Document()["schedule"].isMember("hour"));
 }
 
 TEST(GenerateFieldSchedule, ReplacesWhatStoodThere) {
     for (const char *schedule : {"null", "5", "[]", R"("x")", R"({"hour": "x"})",
                                  R"({"hour": [1, 2, 3]})", R"({"hour": {"a": 1}})"}) {
         SCOPED_TRACE(schedule);
-        CronJob job = CrontabJob("* 7 * * *");
-        job._jsJob["schedule"] = FromText(schedule);
+        CronJob job = With(CrontabJob("* 7 * * *"), "schedule", FromText(schedule));
         job.GenerateSchedule("hour");
-        EXPECT_EQ(job._jsJob["schedule"], FromText(R"({"hour": [7]})"));
+        EXPECT_EQ(job.Document()["schedule"], FromText(R"({"hour": [7]})"));
     }
 }
 
 TEST(GenerateFieldSchedule, OfAFieldWithoutItemsIsEmpty) {
     CronJob job = CrontabJob("* * * * *");
     job.GenerateSchedule("fortnight");
-    EXPECT_EQ(job._jsJob["schedule"]["fortnight"], FromText("[]"));
+    EXPECT_EQ(job.Document()["schedule"]["fortnight"], FromText("[]"));
     EXPECT_EQ(job.cronFields.count("fortnight"), 1U);
     EXPECT_FALSE(job.MatchField("fortnight", 1));
 }
@@ -539,15 +582,14 @@ TEST(GetSingleScheduleValue, IsTheOnlyValueThereIs) {
         {"[5]", -1},
     };
     for (const Row &row : rows) {
-        CronJob job = CrontabJob("* * * * *");
-        job._jsJob["schedule"] = FromText(row.schedule);
+        const CronJob job = With(CrontabJob("* * * * *"), "schedule", FromText(row.schedule));
         EXPECT_EQ(job.GetSingleScheduleValue("hour"), row.value) << row.schedule;
     }
 }
 
 TEST(MatchField, LooksIntoItsOwnField) {
-    CronJob job = CrontabJob("* * * * *");
-    job._jsJob["schedule"] = FromText(R"({"Minute": [5], "hour": [6, -1], "day": [], "week": 5})");
+    const CronJob job = With(CrontabJob("* * * * *"), "schedule",
+                             FromText(R"({"Minute": [5], "hour": [6, -1], "day": [], "week": 5})"));
     EXPECT_TRUE(job.MatchField("Minute", 5));
     EXPECT_FALSE(job.MatchField("Minute", 6));
     EXPECT_TRUE(job.MatchField("hour", 5));
@@ -621,10 +663,11 @@ TEST(IsDueNow, HoldsInNoOtherMinuteOfAMonth) {
 TEST(IsDueNow, IsFalseWithoutAWholeSchedule) {
     const FixedClock clock(Utc(2026, 3, 4, 5, 6));
     for (const std::string &key : FieldKeys()) {
-        CronJob job = ScheduledJob("* * * * *");
+        const CronJob job = ScheduledJob("* * * * *");
         ASSERT_TRUE(job.IsDueNow());
-        job._jsJob["schedule"].removeMember(key);
-        EXPECT_FALSE(job.IsDueNow()) << key;
+        Json::Value schedule = job.Document()["schedule"];
+        schedule.removeMember(key);
+        EXPECT_FALSE(With(job, "schedule", schedule).IsDueNow()) << key;
     }
 }
 
@@ -643,7 +686,7 @@ TEST(CheckTrigger, StampsAJobThatIsDue) {
     const FixedClock clock(now);
     CronJob job = ScheduledJob("17 3 * * *");
     EXPECT_TRUE(job.CheckTrigger());
-    EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
+    EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
     EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
     EXPECT_EQ(job.RenderSchedule(), "17 3 -1 -1 -1");
 }
@@ -652,11 +695,10 @@ TEST(CheckTrigger, TakesThePlaceOfAnEarlierMatch) {
     const LocalZone zone("UTC0");
     const std::int64_t now = Utc(2026, 3, 4, 3, 17);
     const FixedClock clock(now);
-    CronJob job = ScheduledJob("17 3 * * *");
-    job._jsJob["expireTime"] = 42;
+    CronJob job = With(ScheduledJob("17 3 * * *"), "expireTime", 42);
     job.scheduleText = "as before";
     EXPECT_TRUE(job.CheckTrigger());
-    EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
+    EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
     EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
 }
 
@@ -667,22 +709,20 @@ TEST(CheckTrigger, AsksForNoEarlierRun) {
     const FixedClock clock(now);
     CronJob job = ScheduledJob("17 3 * * *");
     for (const std::int64_t lastExecution : {now, now - 5, now + 3600}) {
-        job._jsJob["lastExecution"] = Json::Int64{lastExecution};
-        job._jsJob["expireTime"] = 0;
+        job.NoteLaunch(lastExecution);
         EXPECT_TRUE(job.CheckTrigger());
-        EXPECT_EQ(job._jsJob["expireTime"].asInt64(), now);
+        EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
     }
 }
 
 TEST(CheckTrigger, ChangesNothingOtherwise) {
     const LocalZone zone("UTC0");
     const FixedClock clock(Utc(2026, 3, 4, 3, 18));
-    CronJob job = ScheduledJob("17 3 * * *");
-    job._jsJob["expireTime"] = 42;
+    CronJob job = With(ScheduledJob("17 3 * * *"), "expireTime", 42);
     job.scheduleText = "as before";
-    const Json::Value before = job._jsJob;
+    const Json::Value before = job.Document();
     EXPECT_FALSE(job.CheckTrigger());
-    EXPECT_EQ(job._jsJob, before);
+    EXPECT_EQ(job.Document(), before);
     EXPECT_EQ(job.scheduleText, "as before");
 }
 
@@ -712,9 +752,9 @@ TEST(IsAssureOverdue, CountsFromTheLastRunOrTheStart) {
         {-1, R"({"lastExecution": 1700000000})", true},
     };
     for (const Row &row : rows) {
-        CronJob job;
-        job.assureExecute = row.hours;
-        job._jsJob = FromText(row.members);
+        CronJob assured;
+        assured.assureExecute = row.hours;
+        const CronJob job(assured, FromText(row.members));
         EXPECT_EQ(job.IsAssureOverdue(), row.overdue) << row.hours << " " << row.members;
     }
 }
@@ -752,14 +792,13 @@ protected:
 TEST_F(LaunchTest, StampsTheJobAndRunsItsCommand) {
     const std::string file = directory_.File("ran");
     const std::string command = "id -un > " + file;
-    CronJob job = ShellJob("root", command);
-    job._jsJob["expireTime"] = 42;
+    CronJob job = With(ShellJob("root", command), "expireTime", 42);
     job.scheduleText = "0 3 -1 -1 -1";
     ASSERT_TRUE(job.valid);
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
     EXPECT_EQ(ReadText(file), "root\n");
-    EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-    EXPECT_EQ(job._jsJob["expireTime"], 0);
+    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
+    EXPECT_EQ(job.Document()["expireTime"], 0);
     EXPECT_EQ(job.scheduleText, "");
     EXPECT_EQ(ReadText(ExecutionLogPath()), time_ +
                                                 "running job: backup with command: /bin/sh -c " +
@@ -781,8 +820,10 @@ TEST_F(LaunchTest, LogsACommandThatDoesNotStart) {
         SCOPED_TRACE(user);
         std::filesystem::remove(ExecutionLogPath());
         CronJob job = ShellJob(user, "true");
-        job._jsJob["cmd_list"] = FromText(R"(["/no/such/program"])");
-        job._jsJob["cmd_str"] = "/no/such/program x";
+        Json::Value config = job.Document()["config"];
+        config.removeMember("cmd_list");
+        config["cmd"] = "/no/such/program x";
+        job = With(job, "config", config);
         EXPECT_EQ(RunToEnd(job, 0, ""), 0);
         std::string expected = running;
         expected.append(" as user ").append(user).append("\n").append(running);
@@ -812,8 +853,9 @@ TEST_F(LaunchTest, EndsAChildThatHasNoAccount) {
 // A second scheduler would be worse than a job that did not run.
 TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
     CronJob job = ShellJob("root", "true");
-    job._jsJob["cmd_list"] = FromText("[]");
-    job._jsJob["cmd_str"] = "";
+    Json::Value config = job.Document()["config"];
+    config["cmd_list"] = FromText("[]");
+    job = With(job, "config", config);
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
     const std::string running = time_ + "running job: backup with command: ";
     EXPECT_EQ(ReadText(ExecutionLogPath()), running + " as user root\n" + running +
@@ -839,8 +881,7 @@ TEST_F(LaunchTest, EndsAChildThatHasNoMemory) {
 TEST_F(LaunchTest, HasStampedAJobThatCannotBeForked) {
     EXPECT_EQ(InChild([&] {
                   const SyslogCapture log;
-                  CronJob job = ShellJob("root", "true");
-                  job._jsJob["expireTime"] = 42;
+                  CronJob job = With(ShellJob("root", "true"), "expireTime", 42);
                   job.scheduleText = "0 3 -1 -1 -1";
                   const rlimit limit{0, 0};
                   if (setrlimit(RLIMIT_NPROC, &limit) != 0 || setuid(kOtherAccount) != 0)
@@ -848,8 +889,8 @@ TEST_F(LaunchTest, HasStampedAJobThatCannotBeForked) {
                   job.Launch(0, "");
                   EXPECT_THAT(log.Texts("cronjob"),
                               ElementsAre("Failed to fork() (Resource temporarily unavailable)"));
-                  EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-                  EXPECT_EQ(job._jsJob["expireTime"], 0);
+                  EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
+                  EXPECT_EQ(job.Document()["expireTime"], 0);
                   EXPECT_EQ(job.scheduleText, "0 3 -1 -1 -1");
                   return HasFailure() ? 2 : 0;
               }),
@@ -860,17 +901,16 @@ TEST_F(LaunchTest, KnowsTimesOfAnyYear) {
     clock_.Set(Utc(2040, 1, 1, 0, 0));
     CronJob job = ShellJob("root", "true");
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2040, 1, 1, 0, 0));
+    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2040, 1, 1, 0, 0));
     EXPECT_THAT(ReadText(ExecutionLogPath()), StartsWith("2040-01-01T01:00:00+01:00 "));
 }
 
 TEST_F(LaunchTest, WaitsOutItsDelay) {
     const std::string file = directory_.File("ran");
-    CronJob job = ShellJob("root", "touch " + file);
-    job._jsJob["expireTime"] = 42;
+    CronJob job = With(ShellJob("root", "touch " + file), "expireTime", 42);
     job.Launch(1, "");
-    EXPECT_EQ(job._jsJob["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-    EXPECT_EQ(job._jsJob["expireTime"], 0);
+    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
+    EXPECT_EQ(job.Document()["expireTime"], 0);
     EXPECT_FALSE(Stands(file));
     EXPECT_FALSE(Stands(ExecutionLogPath()));
     EXPECT_EQ(ExitStatusOf(-1), 0);

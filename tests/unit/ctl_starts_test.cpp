@@ -2,6 +2,7 @@
 
 #include "ctl/condition.h"
 #include "tests/unit/support/clock.h"
+#include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
 #include <gmock/gmock.h>
@@ -87,7 +88,9 @@ TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
     // then.
     const LiveJob job = JobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
     LiveJob drawn = job;
-    drawn.job._jsJob["schedule"]["hour"] = FromText("[1]");
+    Json::Value schedule = drawn.job.Document()["schedule"];
+    schedule["hour"] = FromText("[1]");
+    drawn.job = With(drawn.job, "schedule", schedule);
     const std::vector<JobStart> starts = StartsOf(drawn, {}, {kNow, kNow, kNow + 2 * kDay}, 2);
     ASSERT_EQ(starts.size(), 2U);
     EXPECT_EQ(starts[0].earliest, Utc(2026, 6, 3, 0, 30));
@@ -178,8 +181,8 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
     };
     for (const auto &row : rows) {
         LiveJob job = JobOf("0 0 30 2 *", row.hours);
+        job.job = With(job.job, "expireTime", row.due ? 1 : 0);
         job.job.assureRun = row.run ? 1 : 0;
-        job.job._jsJob["expireTime"] = row.due ? 1 : 0;
         job.process = row.process;
         Daemon daemon;
         daemon.passive = row.passive;

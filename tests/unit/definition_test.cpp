@@ -1,6 +1,7 @@
 #include "job/definition.h"
 
 #include "platform/json_file.h"
+#include "platform/json_text.h"
 #include "tests/unit/support/files.h"
 #include "tests/unit/support/json_text.h"
 

@@ -5,6 +5,7 @@
 #include "job/cronjob.h"
 #include "job/schedule.h"
 #include "platform/json_file.h"
+#include "platform/json_text.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/files.h"
 #include "tests/unit/support/json_text.h"
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
+#include <json/writer.h>
 #include <random>
 #include <set>
 #include <sstream>
@@ -217,13 +219,29 @@ TEST(Property, ADocumentDoesNotContainWhatItLostOrChanged) {
     }
 }
 
+TEST(Property, TextIsLaidOutAsTheLibraryDoes) {
+    Chance chance(8);
+    Json::StreamWriterBuilder library;
+    library["commentStyle"] = "None";
+    library["emitUTF8"] = true;
+    for (int round = 0; round < 3000; ++round) {
+        Json::Value document = SomeDocument(chance, 5);
+        ForEach(document, [&](Json::Value &value) {
+            if (value.isArray() && chance.OneIn(3))
+                for (int more = chance.Between(1, 30); more > 0; --more)
+                    value.append(SomeLeaf(chance));
+        });
+        ASSERT_EQ(JsonToString(document), Json::writeString(library, document));
+    }
+}
+
 TEST(Property, WhatWasSavedIsReadBackTheSame) {
     Chance chance(5);
     const TemporaryDirectory directory;
     const std::string path = directory.File("document");
     for (int round = 0; round < 2000; ++round) {
         const Json::Value document = SomeDocument(chance, 6);
-        ASSERT_TRUE(JsonToFile(document, path, Durability::Process));
+        ASSERT_TRUE(JsonToFile(JsonToString(document), path, Durability::Process));
         Json::Value read;
         ASSERT_TRUE(JsonFromFile(path, read, kOwnFileLimits)) << JsonToString(document);
         ASSERT_EQ(read, document);
@@ -243,10 +261,10 @@ TEST(Property, ADefinitionReadBackFromARuntimeDocumentIsUnchanged) {
         document["config"] = config;
         const CronJob fresh(document);
         ASSERT_TRUE(fresh.valid);
-        ASSERT_TRUE(JsonToFile(fresh._jsJob, path, Durability::Process));
+        ASSERT_TRUE(JsonToFile(JsonToString(fresh.Document()), path, Durability::Process));
         Json::Value saved;
         ASSERT_TRUE(JsonFromFile(path, saved, kOwnFileLimits));
-        ASSERT_TRUE(JsonContains(saved["config"], fresh._jsJob["config"]));
+        ASSERT_TRUE(JsonContains(saved["config"], fresh.Document()["config"]));
     }
     EXPECT_TRUE(capture.Messages().empty());
 }

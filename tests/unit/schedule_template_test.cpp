@@ -1,5 +1,6 @@
 #include "job/cronjob.h"
 
+#include "platform/json_text.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/files.h"
 #include "tests/unit/support/json_text.h"
@@ -24,7 +25,7 @@ TEST(ScheduleTemplate, IsTheBuiltInOneDrawn) {
     const ScheduleTemplate scheduleTemplate;
     EXPECT_TRUE(scheduleTemplate.valid);
     EXPECT_EQ(scheduleTemplate.maxDelay, 300);
-    Json::Value document = scheduleTemplate._jsJob;
+    Json::Value document = scheduleTemplate.Document();
     document.removeMember("schedule");
     EXPECT_EQ(document, FromText(R"({"config": {"name": "scheduleTemplate", "user": "root",
         "cmd": "true", "period": "crontab", "crontab": "~ ~ ~ ~ ~", "assure_execute": 0,
@@ -84,7 +85,7 @@ protected:
         scheduleTemplate_.scheduleText = "text";
         const ScheduleTemplate before = scheduleTemplate_;
         EXPECT_FALSE(LoadScheduleTemplate(scheduleTemplate_, path));
-        EXPECT_EQ(scheduleTemplate_._jsJob, before._jsJob);
+        EXPECT_EQ(scheduleTemplate_.Document(), before.Document());
         EXPECT_EQ(scheduleTemplate_.maxDelay, 1234);
         EXPECT_EQ(scheduleTemplate_.scheduleText, "text");
         EXPECT_TRUE(scheduleTemplate_.valid);
@@ -103,7 +104,7 @@ TEST_F(TemplateFileTest, LoadsTheWholeJob) {
     EXPECT_EQ(scheduleTemplate_.assureRun, 1);
     EXPECT_TRUE(scheduleTemplate_.runOnPassive);
     EXPECT_EQ(scheduleTemplate_.scheduleText, "");
-    EXPECT_EQ(scheduleTemplate_._jsJob["startup"], 17);
+    EXPECT_EQ(scheduleTemplate_.Document()["startup"], 17);
     EXPECT_EQ(scheduleTemplate_.RenderSchedule(), "0 3 -1 -1 -1");
     EXPECT_EQ(scheduleTemplate_.cronFields.at("hour")[0].from, 3);
     EXPECT_EQ(scheduleTemplate_.maxDelay, 300);
@@ -115,10 +116,10 @@ TEST_F(TemplateFileTest, DrawsNothingWhenLoading) {
     document["config"]["crontab"] = "~ ~ ~ ~ ~";
     document["schedule"] = FromText(R"({"Minute": [99], "hour": []})");
     ASSERT_TRUE(LoadScheduleTemplate(scheduleTemplate_, Write(JsonToString(document))));
-    EXPECT_EQ(scheduleTemplate_._jsJob["schedule"], document["schedule"]);
+    EXPECT_EQ(scheduleTemplate_.Document()["schedule"], document["schedule"]);
     document.removeMember("schedule");
     ASSERT_TRUE(LoadScheduleTemplate(scheduleTemplate_, Write(JsonToString(document))));
-    EXPECT_FALSE(scheduleTemplate_._jsJob.isMember("schedule"));
+    EXPECT_FALSE(scheduleTemplate_.Document().isMember("schedule"));
 }
 
 TEST_F(TemplateFileTest, TakesAMaxDelayThatIsANumberOfSeconds) {
@@ -200,7 +201,7 @@ TEST_F(TemplateFileTest, SavesTheMaxDelayOnlyWhenItIsNotTheDefault) {
     }
     scheduleTemplate_.maxDelay = 300;
     EXPECT_TRUE(SaveScheduleTemplate(scheduleTemplate_, path, Durability::Reboot));
-    EXPECT_EQ(FromText(ReadText(path)), scheduleTemplate_._jsJob);
+    EXPECT_EQ(FromText(ReadText(path)), scheduleTemplate_.Document());
     EXPECT_FALSE(FromText(ReadText(path)).isMember("maxDelay"));
 }
 
@@ -221,19 +222,20 @@ TEST_F(TemplateFileTest, SavesWhatIsLoadedAsTheSame) {
         ScheduleTemplate loaded;
         ASSERT_TRUE(LoadScheduleTemplate(loaded, path));
         EXPECT_EQ(loaded.maxDelay, maxDelay);
-        loaded._jsJob.removeMember("maxDelay");
-        EXPECT_EQ(loaded._jsJob, scheduleTemplate_._jsJob);
+        Json::Value document = loaded.Document();
+        document.removeMember("maxDelay");
+        EXPECT_EQ(document, scheduleTemplate_.Document());
         EXPECT_EQ(loaded.RenderSchedule(), scheduleTemplate_.RenderSchedule());
     }
 }
 
 TEST_F(TemplateFileTest, SaysWhenItCannotSave) {
     const SyslogCapture log;
-    const Json::Value before = scheduleTemplate_._jsJob;
+    const Json::Value before = scheduleTemplate_.Document();
     EXPECT_FALSE(
         SaveScheduleTemplate(scheduleTemplate_, directory_.File("absent/st"), Durability::Process));
     EXPECT_FALSE(SaveScheduleTemplate(scheduleTemplate_, directory_.Path(), Durability::Process));
-    EXPECT_EQ(scheduleTemplate_._jsJob, before);
+    EXPECT_EQ(scheduleTemplate_.Document(), before);
     EXPECT_THAT(directory_.Names(), IsEmpty());
 }
 

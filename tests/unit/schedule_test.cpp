@@ -153,6 +153,19 @@ TEST(FieldAdmits, HoldsForAValueOfTheArrayOrForAnyValue) {
             << row.array << " " << row.value;
 }
 
+TEST(AdmittedBits, AreTheValuesThatAreAdmitted) {
+    for (const char *array : {"[5, -1]", "[-1]", "[5]", "[0]", "[59, 0, 30, 30]", "[63]", "[64]",
+                              "[-2, 7]", "[17.0]", "[]", "null", "-1", "{}", R"([5, "x"])",
+                              R"(["x", -1])", "[5, 99999999999]", "[4294967301]"}) {
+        const Json::Value field = FromText(array);
+        const std::uint64_t bits = AdmittedBits(field);
+        for (std::int32_t value = 0; value < 64; ++value)
+            EXPECT_EQ(bits >> static_cast<unsigned>(value) & 1U,
+                      FieldAdmits(field, value) ? 1U : 0U)
+                << array << " " << value;
+    }
+}
+
 TEST(ScheduleAsText, JoinsTheFieldsInTheirOrder) {
     struct Row {
         const char *schedule;

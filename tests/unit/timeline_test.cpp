@@ -4,6 +4,7 @@
 #include "ctl/timeline_text.h"
 #include "ctl/utf8.h"
 #include "job/schedule.h"
+#include "platform/json_text.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/json_text.h"
 

@@ -3,6 +3,7 @@
 #include "job/json_members.h"
 #include "job/schedule.h"
 #include "platform/descriptor.h"
+#include "platform/json_text.h"
 #include "tests/fuzz/support/machine.h"
 
 #include <algorithm>
@@ -108,22 +109,22 @@ bool IsDueAt(const CronJob &job, std::time_t when) {
 
 void TryDueCheck(CronJob &job, std::int64_t now) {
     SetClock(now);
-    const Json::Value before = job._jsJob;
+    const Json::Value before = job.Document();
     const bool due = IsDueAt(job, now);
     Require(job.IsDueNow() == due, "a job is due in the minutes of its schedule");
     Require(job.CheckTrigger() == due, "the due check finds a job that is due");
     if (due)
-        Require(IntegerMember(job._jsJob, "expireTime", 0) == now &&
+        Require(IntegerMember(job.Document(), "expireTime", 0) == now &&
                     job.scheduleText == job.RenderSchedule(),
                 "the due check leaves its stamp");
     else
-        Require(job._jsJob == before, "the due check changes nothing without need");
+        Require(job.Document() == before, "the due check changes nothing without need");
 }
 
 void TryOverdueCheck(const CronJob &job) {
     using Wide = __int128_t;
     const Wide last =
-        IntegerMember(job._jsJob, "lastExecution", IntegerMember(job._jsJob, "startup", 0));
+        IntegerMember(job.Document(), "lastExecution", IntegerMember(job.Document(), "startup", 0));
     const Wide due = last + Wide{3600} * job.assureExecute;
     Require(job.IsAssureOverdue() == (job.assureExecute != 0 && std::time(nullptr) > due),
             "an assured job is overdue after its hours");
@@ -148,7 +149,7 @@ void TryJob(CronJob &job) {
     const std::string rendered = job.RenderSchedule();
     Require(std::count(rendered.begin(), rendered.end(), ' ') == 4,
             "a schedule is written as five fields");
-    const JobUser user = ResolveJobUser(Member(job._jsJob, "config"));
+    const JobUser user = ResolveJobUser(Member(job.Document(), "config"));
     Require(!user.valid || user.name == "root" || user.name == kAccount,
             "only accounts that exist are found");
 }

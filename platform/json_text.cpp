@@ -1,0 +1,196 @@
+#include "platform/json_text.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <json/writer.h>
+
+namespace {
+
+// An array is put into one line when that is shorter than this, brackets included.
+constexpr std::size_t kLineLength = 74;
+// The writer takes no value for shorter than this, separator included.
+constexpr std::size_t kShortestElement = 3;
+
+bool HasMembers(const Json::Value &value) {
+    return (value.isArray() || value.isObject()) && !value.empty();
+}
+
+template <typename Number>
+void AppendNumber(std::string &text, Number number) {
+    std::array<char, 24> digits{};
+    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+    text.append(digits.data(), result.ptr);
+}
+
+void AppendEscaped(std::string &text, char character) {
+    constexpr std::string_view hexDigits = "0123456789abcdef";
+    constexpr std::string_view plain = "\"\\\b\f\n\r\t";
+    constexpr std::string_view letters = "\"\\bfnrt";
+    const auto known = plain.find(character);
+    if (known != std::string_view::npos) {
+        text += {'\\', letters[known]};
+        return;
+    }
+    const auto code = static_cast<unsigned char>(character);
+    text += "\\u00";
+    text += {hexDigits[code >> 4U], hexDigits[code & 0xfU]};
+}
+
+bool NeedsEscape(char character) {
+    return static_cast<unsigned char>(character) < 0x20 || character == '"' || character == '\\';
+}
+
+} // namespace
+
+void JsonText::Append(const Json::Value &value) {
+    if (text_.size() > most_)
+        return;
+    switch (value.type()) {
+    case Json::nullValue:
+        text_ += "null";
+        break;
+    case Json::booleanValue:
+        text_ += value.asBool() ? "true" : "false";
+        break;
+    case Json::intValue:
+        AppendNumber(text_, value.asLargestInt());
+        break;
+    case Json::uintValue:
+        AppendNumber(text_, value.asLargestUInt());
+        break;
+    case Json::realValue:
+        text_ += Json::valueToString(value.asDouble());
+        break;
+    case Json::stringValue: {
+        const char *begin = nullptr;
+        const char *end = nullptr;
+        value.getString(&begin, &end);
+        AppendQuoted({begin, static_cast<std::size_t>(end - begin)});
+        break;
+    }
+    case Json::arrayValue:
+        AppendArray(value);
+        break;
+    case Json::objectValue:
+        AppendObject(value);
+        break;
+    }
+    lineIsStarted_ = false;
+}
+
+void JsonText::AppendArray(const Json::Value &array) {
+    if (array.empty()) {
+        text_ += "[]";
+        return;
+    }
+    if (AppendInOneLine(array))
+        return;
+    Open('[');
+    bool isFirst = true;
+    for (const Json::Value &element : array) {
+        if (!std::exchange(isFirst, false))
+            text_ += ',';
+        StartLine();
+        lineIsStarted_ = true;
+        Append(element);
+    }
+    Close(']');
+}
+
+// Does nothing and returns false when the array takes more than one line.
+bool JsonText::AppendInOneLine(const Json::Value &array) {
+    if (array.size() * kShortestElement >= kLineLength)
+        return false;
+    for (const Json::Value &element : array)
+        if (HasMembers(element))
+            return false;
+    const std::size_t start = text_.size();
+    text_ += '[';
+    const char *separator = " ";
+    for (const Json::Value &element : array) {
+        text_ += std::exchange(separator, ", ");
+        const bool lineWasStarted = lineIsStarted_;
+        Append(element);
+        lineIsStarted_ = lineWasStarted;
+    }
+    text_ += " ]";
+    if (text_.size() - start < kLineLength)
+        return true;
+    text_.resize(start);
+    return false;
+}
+
+void JsonText::AppendObject(const Json::Value &object) {
+    if (object.empty()) {
+        text_ += "{}";
+        return;
+    }
+    BeginObject();
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        const char *end = nullptr;
+        const char *begin = member.memberName(&end);
+        Name({begin, static_cast<std::size_t>(end - begin)});
+        Append(*member);
+    }
+    EndObject();
+}
+
+void JsonText::BeginObject() {
+    Open('{');
+    isFirst_ = true;
+}
+
+void JsonText::Name(std::string_view name) {
+    if (!std::exchange(isFirst_, false))
+        text_ += ',';
+    StartLine();
+    AppendQuoted(name);
+    text_ += " : ";
+    lineIsStarted_ = false;
+}
+
+void JsonText::EndObject() {
+    Close('}');
+    isFirst_ = false; // of the object around it, which has this member
+}
+
+void JsonText::AppendQuoted(std::string_view text) {
+    text_ += '"';
+    const char *rest = text.data();
+    const char *const end = rest + text.size();
+    for (;;) {
+        const char *const odd = std::find_if(rest, end, NeedsEscape);
+        text_.append(rest, odd);
+        if (odd == end)
+            break;
+        AppendEscaped(text_, *odd);
+        rest = odd + 1;
+    }
+    text_ += '"';
+}
+
+void JsonText::Open(char bracket) {
+    if (!lineIsStarted_)
+        StartLine();
+    text_ += bracket;
+    ++depth_;
+}
+
+void JsonText::Close(char bracket) {
+    --depth_;
+    StartLine();
+    text_ += bracket;
+    lineIsStarted_ = false;
+}
+
+void JsonText::StartLine() {
+    text_ += '\n';
+    text_.append(depth_, '\t');
+}
+
+std::string JsonToString(const Json::Value &value, std::size_t most) {
+    JsonText text(most);
+    text.Append(value);
+    return text.Take();
+}

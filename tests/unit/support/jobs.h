@@ -1,0 +1,19 @@
+// Jobs as tests need them.
+
+#ifndef TESTS_UNIT_SUPPORT_JOBS_H
+#define TESTS_UNIT_SUPPORT_JOBS_H
+
+#include "job/cronjob.h"
+
+#include <json/value.h>
+#include <string>
+#include <utility>
+
+// The job with `value` as the member `name` of its document.
+inline CronJob With(CronJob job, const std::string &name, Json::Value value) {
+    Json::Value document = job.TakeDocument();
+    document[name] = std::move(value);
+    return CronJob(std::move(job), std::move(document));
+}
+
+#endif
