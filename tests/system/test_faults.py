@@ -135,6 +135,18 @@ def test_an_account_source_that_cannot_be_watched(machine, tick):
         "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
 
 
+@pytest.mark.parametrize("fault", ["open,openat:error=EACCES", "open,openat:error=EIO",
+                                   "read:error=EIO"])
+def test_a_job_file_that_cannot_be_read(machine, tick, fault):
+    file = "/usr/local/etc/kestcron.d/unreadable"
+    machine.jobs("pkg", "unreadable", [never("x")])
+    machine.jobs("pkg", "zz", [never("x")])
+    machine.start_with_faults(fault, path=file)
+    tick()
+    assert set(machine.entries()) == {"builtin-t-tick", "pkg-zz-x"}
+    assert machine.texts() == [f"JSON file read error: {file}"]
+
+
 # --- Staging ------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("faults,texts", [

@@ -3,8 +3,11 @@ what is not his, or harm the jobs of others."""
 
 import itertools
 import json
+import os
 import re
 import signal
+import socket
+import stat
 
 import pytest
 from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
@@ -65,6 +68,19 @@ def test_a_file_that_is_no_document(machine, kind):
     still_works(machine)
 
 
+def test_odd_files_do_not_make_the_daemon_grow(machine):
+    machine.start_and_wait()
+    before = peak_memory(machine)
+    for number, content in enumerate(NO_JSON.values()):
+        machine.write(f"{SOURCES['pkg']}/bad{number:02}", content)
+    with machine.path(SOURCES["pkg"] + "/sparse").open("wb") as sparse:
+        sparse.truncate(3 << 30)
+    machine.reload()
+    # The greatest file that is read at all is 1 MiB of text.
+    assert peak_memory(machine) < before + (200 if machine.is_sanitized() else 16)
+    assert len(machine.texts()) == len(NO_JSON) + 1
+
+
 def definition(text, name='"x"'):
     """A definition with odd text in it, as an author may write it."""
     return (b'[{"name":' + name.encode() + b',"user":"","period":"crontab","crontab":"0 0 31 2 *",'
@@ -109,6 +125,56 @@ def test_an_odd_name(machine, name):
     assert not machine.exists("/tmp/pwned")
     assert not any(set(text) & set(map(chr, range(32))) for text in machine.texts())
     assert all(machine.path(path).stat().st_uid == 0 for path in ("/", "/tmp", "/etc/passwd"))
+    still_works(machine)
+
+
+ODD_FILES = [b"a\nb", b"\x1b[2J", b"%n%s%n", b"\xff\xfe\xc0", b"-rf", b"a b", b"$(touch x)", b"..x",
+             b"\xe2\x80\xae", b"n" * 200, b"n" * 255]
+
+
+def test_odd_names_of_job_files(machine):
+    machine.account_directory("alice")
+    for name in ODD_FILES:
+        with open(os.fsencode(machine.path(ALICE)) + b"/" + name, "wb") as file:
+            file.write(json.dumps([never("x")]).encode())
+    machine.start_and_wait()
+    # One begins with a dot, and the longest has no room for the name of its copy.
+    before = machine.entries()
+    assert len(before) == len(ODD_FILES) - 2 + 1
+    text, last = machine.texts()
+    assert text.startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/pkg_nonroot-alice-nnn")
+    assert last == "MoveBinaryToTmp failed."
+    machine.stop()
+    machine.clock("2026-06-02 03:10:10")
+    machine.start_and_wait()
+    startups = lambda entries: {name: entry["startup"] for name, entry in entries.items()}
+    assert startups(machine.entries()) == startups(before), "each is known again by its name"
+    assert len(machine.texts()) == 2 * 2
+    machine.path(ALICE).rename(machine.path(SOURCES["pkg_nonroot"] + "/.away"))
+    machine.reload()
+    cleared = machine.texts()[2 * 2:]
+    assert len(cleared) == len(before) - 1
+    assert all(text.startswith("removed cleared jobs: pkg_nonroot-alice-") for text in cleared)
+    assert not any(set(text) & set(map(chr, range(32))) for text in cleared)
+    still_works(machine)
+
+
+def test_odd_entries_among_the_accounts(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    top = SOURCES["pkg_nonroot"]  # all of them come before that account
+    os.mkfifo(machine.path(top + "/a-fifo"))
+    machine.path(top + "/a-device").symlink_to("/dev/zero")
+    os.mknod(machine.path(top + "/a-node"), 0o666 | stat.S_IFCHR, os.makedev(1, 5))
+    machine.path(top + "/a-loop").symlink_to("a-loop")
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(machine.path(top + "/a-socket")))
+        machine.start_and_wait()
+    assert set(machine.entries()) == {"builtin-t-tick", "pkg_nonroot-bob-f-x"}
+    no_directory = lambda name: ["open directory failed.", f"Failed to load {top}/{name} config"]
+    assert machine.texts() == [
+        *no_directory("a-device"), *no_directory("a-fifo"),
+        f"stat error: {top}/a-loop", f"Failed to dir user: {top}/a-loop",
+        *no_directory("a-node"), *no_directory("a-socket")]
     still_works(machine)
 
 
@@ -249,6 +315,40 @@ def test_a_program_that_is_replaced_while_it_is_copied(machine):
         after = machine.path(name).lstat()
         assert (after.st_uid, after.st_mode) == (status.st_uid, status.st_mode)
     still_works(machine)
+
+
+def touched_since(machine, mark):
+    """What was made or changed in content, owner or mode since the file `mark` was."""
+    found = machine.run("find", "/etc", "/usr", "/srv/alice", "/tmp", "/run", "/var/log", "/dev",
+                        "-not", "-type", "d", "-cnewer", mark, env={"LD_PRELOAD": ""})
+    return set(found.stdout.splitlines())
+
+
+def test_nothing_else_of_the_system_is_touched(machine):
+    machine.write("/srv/alice/program", "#!/bin/sh\n", 0o6755, owner="alice")
+    machine.path("/srv/alice/link").symlink_to("/etc/shadow")
+    machine.path("/srv/alice/dangling").symlink_to("../../etc/planted")
+    machine.path("/srv/alice/directory").mkdir()
+    programs = ["/etc/passwd", "/usr/bin/passwd", "/srv/alice/program", "/srv/alice/link",
+                "/srv/alice/dangling", "/srv/alice/directory", "/dev/null", "/srv/alice/none"]
+    names = ["x", "../x", "../../etc/planted", "/etc/planted", "..", "x/../../../etc/planted"]
+    machine.jobs("pkg_nonroot", "f", [never(f"{name}{number}", cmd=program)
+                                      for name in names
+                                      for number, program in enumerate(programs)], account="alice")
+    machine.write("/run/mark", "")
+    wait_for(lambda: machine.write("/run/later", "") or "/run/later" in touched_since(
+        machine, "/run/mark"), what="a later moment by the clock of the file system")
+    machine.start_and_wait()
+    machine.reload()
+    still_works(machine)
+    machine.stop()
+    wait_for(lambda: not machine.daemons())
+    touched = {path for path in touched_since(machine, "/run/mark")
+               if not path.startswith(("/tmp/kestcrond/", "/tmp/ran/", "/dev/shm/"))}
+    assert touched - {"/run/mark", "/run/later"} == {
+        machine.LOG_FILE, machine.LOG_FILE + ".lock", machine.RUNTIME_FILE,
+        machine.RUNTIME_TEMPLATE, PERSISTENT_FILE, PERSISTENT_TEMPLATE}
+    assert not list(machine.path("/etc").glob("planted*"))
 
 
 # --- Watched directories ------------------------------------------------------------------------

@@ -1,10 +1,11 @@
 """The execution log: its bytes, its mode, its way through the staging file, its failures."""
 
+import json
 import os
 import re
 
 import pytest
-from conftest import every_minute, never
+from conftest import RECORD, SOURCES, every_minute, never
 from private_machine import wait_for
 
 STAGING = "/tmp/kestcrond.log"
@@ -181,6 +182,37 @@ def test_control_characters_forge_nothing(machine):
     machine.path("/usr/kest/share/kestcron.d/f").unlink()
     machine.reload()
     assert f"removed cleared jobs: builtin-f-{escaped}" in machine.texts()
+
+
+def test_control_characters_in_a_command_forge_nothing(machine):
+    command = f"{RECORD} a\n2026-06-02T02:10:10+00:00 running job: forged\r\x1b[31m\x7f"
+    machine.jobs("builtin", "f", [every_minute("x", cmd=command)])
+    machine.start_and_wait()
+    lines = wait_for(machine.log_lines)
+    shown = rf"{RECORD} a\n2026-06-02T02:10:10+00:00 running job: forged\x0d\x1b[31m\x7f"
+    assert all(f" running job: builtin-f-x with command: {shown} as user root (" in line
+               for line in lines)
+
+
+def test_a_command_longer_than_any_can_be(machine):
+    # More than a program can be given and, once it can be read, more than the staging file takes.
+    definition = json.dumps([every_minute("x", cmd="/usr/bin/true " + "X" * 300000)])
+    machine.write(SOURCES["builtin"] + "/f", definition.replace("X", "\1"))
+    machine.jobs("builtin", "t", [every_minute("tick")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("builtin-t-tick")) >= 3)
+    machine.stop()
+    of_long = wait_for(lambda: whole_pairs(machine), what="both lines of each start")
+    assert {len(line) // 100000 for line in of_long} == {12}
+    assert set(machine.texts()) <= {"Failed [!fsMem], err=No such file or directory"}
+
+
+def whole_pairs(machine):
+    """The lines of the long command, when each start has got the line of its failure too."""
+    lines = [line for line in machine.log_lines() if " running job: builtin-f-x with " in line]
+    failed = [line for line in lines
+              if line.endswith(" failed, return code: -1, error: Argument list too long")]
+    return lines if len(failed) * 2 == len(lines) > 0 else None
 
 
 def test_a_log_that_is_rotated_is_made_anew(machine):

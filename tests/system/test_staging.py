@@ -228,6 +228,20 @@ def test_a_link_that_leads_nowhere_from_the_staging_directory(machine):
         f"Failed to chown if permissions are incorrect [{STAGED}]"])
 
 
+def test_a_link_that_leads_to_the_copy_of_somebody_else(machine):
+    machine.jobs("builtin", "f", [never("x")])
+    machine.write("/srv/builtin-f-x", "#!/bin/sh\n", 0o755)  # so that it leads somewhere here too
+    machine.path("/srv/link").symlink_to("builtin-f-x")
+    machine.template(maxDelay=0)
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice",
+                                           cmd="/srv/link")])
+    machine.start_and_wait()
+    assert os.readlink(machine.path(STAGED)) == "builtin-f-x"
+    assert owner_and_mode(machine.staged("builtin-f-x")) == (0, 0, 0o700)
+    wait_for(lambda: any(line.endswith("error: Permission denied")
+                         for line in machine.log_lines()), what="a start that is refused")
+
+
 def test_an_account_that_does_not_exist(machine):
     machine.jobs("pkg", "f", [never("x", user="package", package_username="nobody-here"),
                               never("y", user="somebody"), never("z", user="packager"),

@@ -136,6 +136,41 @@ def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
         assert machine.read(PERSISTENT_TEMPLATE) != "", "the other one is saved all the same"
 
 
+@pytest.mark.parametrize("directory,fault", [
+    ("/var/run", "open,openat:error=ENOSPC"), ("/var/run", "rename,renameat,renameat2:error=EROFS"),
+    # By its descriptor a file is known by the path without links.
+    ("/run", "write:error=ENOSPC"), ("/run", "fchmod:error=EROFS"), ("/run", "close:error=EIO")])
+@pytest.mark.parametrize("file", ["kestcrond.config", "kestcrond.st.config"])
+def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fault, file):
+    machine.jobs("builtin", "f", OLD)
+    machine.start_and_wait()
+    machine.stop()
+    before = machine.read(f"/run/{file}")
+    machine.jobs("builtin", "f", NEW)
+    machine.start_with_faults(fault, path=f"{directory}/{file}.new")
+    runs = len(machine.runs("builtin-f-tick"))
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= runs + 2)
+    kind = "runtime" if file == "kestcrond.config" else "schedule template"
+    assert machine.texts() == ["removed modified jobs: builtin-f-x",
+                               f"{kind} config save failed (/var/run/{file})"]
+    assert machine.read(f"/run/{file}") == before
+    assert not machine.exists(f"/run/{file}.new")
+
+
+def test_a_start_from_a_disk_that_is_read_only(machine):
+    machine.jobs("builtin-dyn", "f", [every_minute("x")])
+    machine.run("mount", "--bind", "/usr/kest/etc", "/usr/kest/etc", check=True,
+                env={"LD_PRELOAD": ""})
+    machine.run("mount", "-o", "remount,bind,ro", "/usr/kest/etc", check=True,
+                env={"LD_PRELOAD": ""})
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("builtin-dyn-f-x")) >= 2)
+    assert machine.texts() == []
+    machine.stop()
+    assert machine.texts() == [f"runtime config save failed ({PERSISTENT_FILE})",
+                               f"schedule template config save failed ({PERSISTENT_TEMPLATE})"]
+
+
 @pytest.mark.parametrize("directory", ["/usr/kest/etc", "/run", "/tmp", "/var/log"])
 def test_a_disk_that_becomes_read_only(machine, directory):
     machine.jobs("builtin", "f", [every_minute("tick", cmd="/usr/bin/touch /home/ran"),
