@@ -327,12 +327,14 @@ void LoadJobFile(JobSet &jobSet, const JobDirectory &directory, const std::strin
     Json::Value document;
     JsonOrigin origin;
     const bool read = JsonFromFile(path, document, room, &origin);
-    TakeRoom(room, directory, origin.text.size());
-    if (!read) {
+    Json::Value definitions = DefinitionsOf(std::move(document));
+    const bool fits = TakeRoom(room, directory, origin.text.size(), definitions.size());
+    if (read && !fits)
+        errno = EFBIG;
+    if (!read || !fits) {
         LOG_ERROR("JSON file read error: %s", path.c_str());
         return;
     }
-    Json::Value definitions = DefinitionsOf(std::move(document));
     for (Json::Value &definition : definitions)
         if (!NameDefinition(definition, directory, base))
             LOG_ERROR("Job (%s) must have a name!", base.c_str());

@@ -10,9 +10,13 @@ bool IsJobFileName(const std::string &name) {
     return !name.empty() && name.front() != '.';
 }
 
-void TakeRoom(JsonLimits &room, const JobDirectory &directory, std::size_t size) {
-    if (!directory.account.empty())
-        room.bytes -= std::min(size, room.bytes);
+bool TakeRoom(JsonLimits &room, const JobDirectory &directory, std::size_t size, std::size_t jobs) {
+    if (directory.account.empty())
+        return true;
+    const std::size_t needed = std::max(size, jobs * kRoomOfJob);
+    const bool fits = needed <= room.bytes;
+    room.bytes -= fits ? needed : std::min(size, room.bytes);
+    return fits;
 }
 
 Json::Value DefinitionsOf(Json::Value document) {

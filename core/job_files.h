@@ -38,10 +38,12 @@ struct JobDirectory {
 // Whether a directory entry of this name is read: hidden ones are not.
 bool IsJobFileName(const std::string &name);
 
-// Takes `size` bytes, those of a file just read, from what the next file of the directory may have:
-// all files of an account together have the room of one, so that no account can make the daemon
-// grow without end.
-void TakeRoom(JsonLimits &room, const JobDirectory &directory, std::size_t size);
+// Takes what a file just read needs, its `size` in bytes or kRoomOfJob for each of its jobs if that
+// is more, from what the next file of the directory may have. All files of an account together have
+// the room of one, so that no account can make the daemon grow, or copy programs, without end.
+// Returns whether there was so much room; if not, the file is refused.
+bool TakeRoom(JsonLimits &room, const JobDirectory &directory, std::size_t size, std::size_t jobs);
+constexpr std::size_t kRoomOfJob = 1024;
 
 // The definitions in a job file: its array, or its one object, which is named after the file alone.
 // An empty array for any other document.

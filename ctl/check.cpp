@@ -1,5 +1,6 @@
 #include "ctl/check.h"
 
+#include "core/job_files.h"
 #include "core/job_name.h"
 #include "ctl/check_definition.h"
 #include "ctl/messages.h"
@@ -45,7 +46,8 @@ Problem FaultOf(const JobFile &file, const JsonPlaces &places) {
         return file.directory.account.empty()
                    ? error("the file is too large", "at most " + bytes)
                    : error("the files of this account are too large together up to this one",
-                           "at most " + bytes + " for all of them");
+                           "at most " + bytes + " for all of them, each job counted as at least " +
+                               std::to_string(kRoomOfJob));
     case EISDIR:
         return error("a directory is no job file", "a regular file");
     case EINVAL:

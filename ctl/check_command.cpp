@@ -169,8 +169,10 @@ void Checker::Check(const JobFileBatch &batch) {
         const bool read = JsonFromFile(batch.ofSource ? appliance_.Locate(path) : path,
                                        file.document, room, &file.origin);
         file.error = read ? 0 : errno;
-        if (IsJobFileName(name))
-            TakeRoom(room, batch.directory, file.origin.text.size());
+        const std::size_t jobs = DefinitionsOf(file.document).size();
+        if (IsJobFileName(name) &&
+            !TakeRoom(room, batch.directory, file.origin.text.size(), jobs) && read)
+            file.error = EFBIG;
         const auto asked = batch.files.find(name);
         if (asked == batch.files.end())
             continue;

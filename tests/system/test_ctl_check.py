@@ -343,6 +343,17 @@ def test_the_files_of_an_account_share_their_room(machine, ctl):  # noqa: F811
     assert ctl("check", "--errors-only", ACCOUNTS + "/alice/d").returncode == 0
 
 
+def test_the_jobs_of_an_account_share_its_room(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    for name, count in [("a", 400), ("b", 625), ("c", 100)]:
+        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}] * count))
+    machine.start_and_wait()
+    refused = [ACCOUNTS + "/alice/b"]
+    assert read_errors(machine) == refused
+    _, answer = ctl.json("check", "--errors-only")
+    assert [problem["file"] for problem in answer["problems"]] == refused
+
+
 def test_files_of_any_bytes(machine, ctl):  # noqa: F811
     special = damaged_files(7)
     for number, content in enumerate(special):

@@ -223,6 +223,20 @@ def test_an_account_cannot_make_the_daemon_grow(machine):
     assert peak_memory(machine) < most
 
 
+def test_an_account_cannot_hold_up_the_jobs_of_others(machine):
+    """Each job costs a copy of its program at each load."""
+    many = lambda count: json.dumps([{"name": f"{number}", "user": "", "period": "d", "cmd": "/usr/bin/true"}
+                                     for number in range(count)])
+    machine.account_directory("alice")
+    machine.write(f"{ALICE}/a", many(15))
+    machine.write(f"{ALICE}/b", many(15000))
+    machine.write(f"{ALICE}/c", many(7))
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    machine.start_and_wait()
+    assert machine.texts() == [f"JSON file read error: {ALICE}/b"]
+    assert len(machine.entries()) == 15 + 7 + 2  # his, and the others'
+
+
 # --- Documents of our own -----------------------------------------------------------------------
 
 def paths_in(value, path=()):

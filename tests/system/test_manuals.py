@@ -315,6 +315,7 @@ def test_what_is_said_of_fields_and_periods():
 
 @pytest.mark.parametrize("words,name,pattern", [
     (r"at most (\d+) MiB, and", "platform/json_file.h", r"size_t\{(1)\} << 20"),
+    (r"counted as at least (\d+) KiB", "core/job_files.h", r"kRoomOfJob = (1)024"),
     (r"at most (\d+) levels", "platform/json_file.h", r"<< 20, (\d+)\}"),
     (r"sleeps for (\d+) seconds; a signal", "core/crondaemon.cpp", r"kCycleSeconds = (\d+)"),
     (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)")])

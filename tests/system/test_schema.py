@@ -59,7 +59,8 @@ def test_it_is_a_schema():
     # The meta schema lets a misspelt keyword pass, which then says nothing.
     keywords = {"$schema", "$id", "$defs", "$ref", "$anchor", "$comment", "title", "description",
                 "default", "examples", "type", "const", "pattern", "minimum", "maximum", "items",
-                "minItems", "required", "properties", "allOf", "anyOf", "not", "if", "then", "else"}
+                "minItems", "maxItems", "required", "properties", "allOf", "anyOf", "not", "if",
+                "then", "else"}
     by_name = [MEMBERS, SCHEMA["$defs"], *(part["properties"] for part in parts(SCHEMA)
                                            if "properties" in part)]
     for part in parts({key: value for key, value in SCHEMA.items() if key != "examples"}):
@@ -152,13 +153,24 @@ def expect_the_same(machine, ctl, schema, directory, definitions):  # noqa: F811
     return len(definitions) - len(by_daemon), len(by_daemon)
 
 
-@pytest.mark.parametrize("schema,directory,seed", [(JOB_FILE, PKG, 1), (ACCOUNT_FILE, ALICE, 2)])
-def test_definitions_by_chance(machine, ctl, schema, directory, seed):  # noqa: F811
+@pytest.mark.parametrize("schema,directory,seed,count", [
+    (JOB_FILE, PKG, 1, 1500), (ACCOUNT_FILE, ALICE, 2, 1000), (ACCOUNT_FILE, ALICE, 5, 1000)])
+def test_definitions_by_chance(machine, ctl, schema, directory, seed, count):  # noqa: F811
     machine.account_directory("alice")
     chance = Definitions(seed)
     good, bad = expect_the_same(machine, ctl, schema, directory,
-                                [chance.one(f"n{number}") for number in range(1500)])
-    assert min(good, bad) > 300, "there are enough of both"
+                                [chance.one(f"n{number}") for number in range(count)])
+    assert min(good, bad) > 200, "there are enough of both"
+
+
+@pytest.mark.parametrize("count,valid", [(1024, True), (1025, False)])
+def test_as_many_jobs_as_an_account_may_have(machine, ctl, count, valid):  # noqa: F811
+    machine.account_directory("alice")
+    jobs = [{**GOOD, "name": f"{number}"} for number in range(count)]
+    machine.write(f"{ALICE}/many", json.dumps(jobs))
+    assert ACCOUNT_FILE.is_valid(jobs) == valid
+    assert (ctl("check", "--errors-only").returncode == 0) == valid
+    assert JOB_FILE.is_valid(jobs)
 
 
 def test_every_range_of_numbers(machine, ctl):  # noqa: F811

@@ -470,7 +470,7 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
         {ENOENT, "", "1:1 error: cannot be read: No such file or directory"},
         {EFBIG, "alice",
          "1:1 error: the files of this account are too large together up to this "
-         "one (at most 1048576 bytes for all of them)"},
+         "one (at most 1048576 bytes for all of them, each job counted as at least 1024)"},
     };
     for (const ErrorRow &row : rows) {
         JobFile file;

@@ -16,12 +16,20 @@ TEST(JobFiles, AreAllButHiddenOnes) {
 }
 
 TEST(JobFiles, OfAnAccountShareTheRoomOfOne) {
-    JsonLimits room{100, 64};
-    TakeRoom(room, {"/d", "pkg", ""}, 60);
-    EXPECT_EQ(room.bytes, 100U);
-    TakeRoom(room, {"/d", "pkg_nonroot", "alice"}, 60);
-    EXPECT_EQ(room.bytes, 40U);
-    TakeRoom(room, {"/d", "pkg_nonroot", "alice"}, 60);
+    const JobDirectory shared{"/d", "pkg", ""};
+    const JobDirectory own{"/d", "pkg_nonroot", "alice"};
+    JsonLimits room{5000, 64};
+    EXPECT_TRUE(TakeRoom(room, shared, 6000, 9));
+    EXPECT_EQ(room.bytes, 5000U);
+    EXPECT_TRUE(TakeRoom(room, own, 60, 0)); // no document, or one without jobs
+    EXPECT_EQ(room.bytes, 4940U);
+    EXPECT_TRUE(TakeRoom(room, own, 2000, 1));
+    EXPECT_EQ(room.bytes, 2940U);
+    EXPECT_FALSE(TakeRoom(room, own, 100, 3)); // it was read, for nothing
+    EXPECT_EQ(room.bytes, 2840U);
+    EXPECT_TRUE(TakeRoom(room, own, 100, 2));
+    EXPECT_EQ(room.bytes, 792U);
+    EXPECT_FALSE(TakeRoom(room, own, 900, 0));
     EXPECT_EQ(room.bytes, 0U);
 }
 
