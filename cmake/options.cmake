@@ -3,6 +3,7 @@
 option(KESTCROND_BUILD_CTL "Build kestcronctl; needs CLI11" ON)
 option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
 option(KESTCROND_BUILD_FUZZERS "Build the fuzz targets; needs clang" OFF)
+option(KESTCROND_BUILD_BENCH "Build the benchmarks; needs Google Benchmark" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)
 option(KESTCROND_HARDENING "Build with the compiler's and linker's protections" ON)
 option(KESTCROND_SMALL "Leave out of the programs what nothing calls" OFF)

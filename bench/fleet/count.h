@@ -1,0 +1,38 @@
+// What the server sees: starts counted by the second, and what can be said of them.
+
+#ifndef BENCH_FLEET_COUNT_H
+#define BENCH_FLEET_COUNT_H
+
+#include "bench/fleet/machine.h"
+
+#include <array>
+#include <cstdint>
+#include <json/value.h>
+#include <vector>
+
+// The starts of a fleet under one "maxDelay", from `from` to `to` of the simulation.
+class Server {
+public:
+    Server(std::int32_t maxDelay, Micros from, Micros to);
+
+    // Counts what a cycle launched, each start after its delay.
+    void Take(const Launches &launches);
+    void TakeOne(std::size_t job, Micros time);
+
+    // Per job and for all: "total", "mean" a minute, "peak" a minute and its number from the
+    // beginning, "second", the most in one second.
+    Json::Value Figures(const Jobs &jobs) const;
+
+    // The starts of each minute, all jobs together.
+    Json::Value Minutes() const;
+
+private:
+    using Seconds = std::vector<std::uint32_t>;
+    Seconds All() const;
+
+    std::int32_t maxDelay_;
+    Micros from_;
+    std::array<Seconds, kJobs> starts_;
+};
+
+#endif

@@ -1,0 +1,90 @@
+#include "bench/fleet/reference.h"
+
+#include "core/job_state.h"
+#include "core/redraw.h"
+#include "job/json_members.h"
+#include "job/overdue.h"
+#include "job/schedule.h"
+#include "log/memorylogger.h"
+
+#include <json/value.h>
+
+// The job model leans on one; nothing is launched here, so nothing is written.
+KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024);
+
+namespace {
+
+class Machine {
+public:
+    Machine(const Start &start, const Jobs &jobs, std::time_t begin)
+        : jobs_(jobs), begin_(begin), chance_(start.seed) {
+        for (std::size_t i = 0; i < kJobs; ++i)
+            lastRun_[i] = At(start.lastRun[i]);
+        for (const std::string &key : FieldKeys())
+            Redraw(key);
+    }
+
+    Launches Cycle(Micros now) {
+        Launches launches{now, {}};
+        for (std::size_t i = 0; i < kJobs; ++i) {
+            JobFacts facts;
+            facts.expireTime = IsDue(schedules_[i], UtcOf(At(now))) ? At(now) : 0;
+            facts.overdue = IsOverdue(jobs_[i].assuredHours, lastRun_[i], At(now));
+            if (!TraitsOf(StateOf(facts))->launched)
+                continue;
+            launches.jobs.set(i);
+            lastRun_[i] = At(now);
+        }
+        for (const std::string &key : FieldsToRedraw(UtcOf(At(now + kWork))))
+            Redraw(key);
+        return launches;
+    }
+
+private:
+    // A moment as the daemon knows it, in seconds.
+    std::time_t At(Micros time) const {
+        return static_cast<std::time_t>((begin_ * kSecond + time) / kSecond);
+    }
+
+    static bool IsDue(const Json::Value &schedule, const std::tm &local) {
+        for (std::size_t i = 0; i < kFields; ++i)
+            if (!FieldAdmits(Member(schedule, FieldKeys()[i]), FieldsOf(local)[i]))
+                return false;
+        return true;
+    }
+
+    // A repeatable number takes the place of the kernel's: handed in as if a template before this
+    // one had drawn it.
+    void Redraw(const std::string &key) {
+        const CronRange all = ParseCronItem(key, "~").range;
+        const auto number = static_cast<std::int32_t>(chance_.Between(all.from, all.to));
+        const Json::Value drawn = DrawField(key, {all}, number, random_);
+        for (std::size_t i = 0; i < kJobs; ++i) {
+            const CronRange &item = jobs_[i].fields[Place(key)];
+            schedules_[i][key] = DrawField(key, {item}, FieldValues(drawn).at(0), random_);
+        }
+    }
+    static std::size_t Place(const std::string &key) {
+        const auto *place = std::find(FieldKeys().begin(), FieldKeys().end(), key);
+        return static_cast<std::size_t>(place - FieldKeys().begin());
+    }
+
+    const Jobs &jobs_;
+    std::time_t begin_;
+    Chance chance_;
+    KEST::RANDOM::KESTRandom random_;
+    std::array<Json::Value, kJobs> schedules_;
+    std::array<std::time_t, kJobs> lastRun_{};
+};
+
+} // namespace
+
+std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std::time_t begin,
+                                       Micros length) {
+    Machine machine(start, jobs, begin);
+    std::vector<Launches> all;
+    for (Micros now = start.firstCycle; now < length - kWork; now += start.cycle)
+        if (const Launches launches = machine.Cycle(now); launches.jobs.any())
+            all.push_back(launches);
+    return all;
+}

@@ -1,0 +1,57 @@
+// Runs the measured functions so that something outside can count their instructions.
+//
+// Without arguments, under callgrind, each once and counted by itself. With NAME RUNS one function
+// so many times, for counters that count a whole process. With --list the names, how often a run
+// does what they name, and which are only there to compare with.
+
+#include "bench/cases.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#ifdef __has_include
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#endif
+#endif
+
+namespace {
+
+void RunEach() {
+#ifdef CALLGRIND_ZERO_STATS
+    for (const Case &what : Cases()) {
+        what.run(); // makes what is made only once
+        CALLGRIND_ZERO_STATS;
+        CALLGRIND_START_INSTRUMENTATION;
+        what.run();
+        CALLGRIND_STOP_INSTRUMENTATION;
+        CALLGRIND_DUMP_STATS_AT(what.name.c_str());
+    }
+#endif
+}
+
+bool RunOne(const char *name, int runs) {
+    for (const Case &what : Cases()) {
+        if (what.name != name)
+            continue;
+        for (int i = 0; i < runs; ++i)
+            what.run();
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc == 3)
+        return RunOne(argv[1], std::stoi(argv[2])) ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (argc == 2 && std::strcmp(argv[1], "--list") == 0)
+        for (const Case &what : Cases())
+            std::cout << what.name << " " << what.items
+                      << (what.isReference ? " reference\n" : "\n");
+    else
+        RunEach();
+    return EXIT_SUCCESS;
+}
