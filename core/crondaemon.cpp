@@ -142,8 +142,7 @@ JobState CronDaemon::ComputeState(const CronJob &job, bool held) const {
 namespace {
 
 std::string TriggerTime() {
-    const std::time_t now = std::time(nullptr);
-    const std::tm *local = std::localtime(&now);
+    const std::tm *local = LocalTimeOf(std::time(nullptr));
     if (local != nullptr)
         return FormatTriggerTime(*local);
     LOG_ERROR("Failed to get localtime. Not able to format date.");
@@ -188,8 +187,7 @@ const char *JobStateName(JobState state) {
 }
 
 void CronDaemon::RegenerateOnTimeChange() {
-    const std::time_t now = std::time(nullptr);
-    const std::tm *local = std::localtime(&now);
+    const std::tm *local = LocalTimeOf(std::time(nullptr));
     if (local == nullptr) {
         LOG_ERROR("Failed to get localtime. Not regenerating.");
         return;

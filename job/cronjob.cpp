@@ -47,9 +47,8 @@ KEST::RANDOM::KESTRandom &TheRandomSource() {
     return source;
 }
 
-// The local time of `now`, null when it cannot be had. All jobs ask within the same second, and
-// each conversion looks at the time zone's file again, which costs more than the rest of a due
-// check.
+} // namespace
+
 const std::tm *LocalTimeOf(std::time_t now) {
     static std::time_t converted = 0;
     static std::optional<std::tm> local;
@@ -60,8 +59,6 @@ const std::tm *LocalTimeOf(std::time_t now) {
     }
     return local ? &*local : nullptr;
 }
-
-} // namespace
 
 // --- Definition ---------------------------------------------------------------------------------
 

@@ -13,12 +13,18 @@
 
 #include <array>
 #include <cstdint>
+#include <ctime>
 #include <json/value.h>
 #include <map>
 #include <string>
 #include <sys/types.h>
 #include <utility>
 #include <vector>
+
+// The local time of `now`, null when it cannot be had. A cycle asks for that of one second for each
+// job and then some, and each conversion looks at the time zone's file again, which costs more than
+// the rest of a due check. Holds until the next call.
+const std::tm *LocalTimeOf(std::time_t now);
 
 class CronJob {
 public:
