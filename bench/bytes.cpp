@@ -1,0 +1,80 @@
+// Tells what each part of a loaded job takes of the heap, by taking it away: job_bytes.
+
+#include "job/cronjob.h"
+#include "log/memorylogger.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <malloc.h>
+#include <string>
+#include <vector>
+
+KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024);
+
+namespace {
+
+constexpr int kJobs = 1000;
+
+std::size_t Used() {
+    return mallinfo2().uordblks;
+}
+
+// As a load makes it from a file, with a program of two words.
+CronJob Job(int number) {
+    Json::Value document;
+    Json::Value &config = document["config"];
+    config["name"] = "pkg-backup-job" + std::to_string(10000 + number);
+    config["user"] = "root";
+    config["period"] = "crontab";
+    config["crontab"] = "15 3 * * *";
+    config["cmd"] = "/usr/bin/backup --quiet";
+    CronJob job(std::move(document));
+    for (const std::string &key : FieldKeys())
+        job.GenerateFieldSchedule(key, 17);
+    job.PointAt("/tmp/kestcrond/" + job.Name());
+    return job;
+}
+
+void Tell(const std::string &part, std::size_t bytes) {
+    std::printf("%-28s%7zu\n", part.c_str(), bytes / kJobs);
+}
+
+// What `take` frees in all jobs.
+template <typename Take>
+void TellTaken(const std::string &part, const Take &take) {
+    const std::size_t before = Used();
+    take();
+    Tell(part, before - Used());
+}
+
+} // namespace
+
+int main() {
+    Job(0); // makes what is made only once
+    std::vector<CronJob> jobs;
+    jobs.reserve(kJobs);
+    const std::size_t before = Used();
+    for (int i = 0; i < kJobs; ++i)
+        jobs.push_back(Job(i));
+    Tell("a job on the heap", Used() - before);
+    Tell("and in the list", sizeof(CronJob) * kJobs);
+    TellTaken("parsed fields", [&] {
+        for (CronJob &job : jobs)
+            job.cronFields.clear();
+    });
+    std::vector<Json::Value> documents;
+    documents.reserve(kJobs);
+    for (CronJob &job : jobs)
+        documents.push_back(job.TakeDocument());
+    for (const char *name : {"schedule", "cmd_list", "cmd_str", "startup"})
+        TellTaken(name, [&] {
+            for (Json::Value &document : documents)
+                document.removeMember(name);
+        });
+    TellTaken("config", [&] {
+        for (Json::Value &document : documents)
+            document.removeMember("config");
+    });
+    return EXIT_SUCCESS;
+}

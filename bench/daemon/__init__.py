@@ -1,0 +1,1 @@
+"""What scripts/bench is made of: the running daemon measured beside other cron daemons."""

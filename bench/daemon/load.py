@@ -1,0 +1,83 @@
+"""Start to ready, and SIGHUP to ready: CPU time and time on the wall.
+
+Ready is the daemon when its runtime documents are written and it sleeps. CPU time is that of the
+control group from the exec on, so that the loader and the process that detaches are in it. Of the
+other daemons it is the CPU time from the exec until no process of theirs has run for 0.3 seconds.
+"""
+
+import os
+import signal
+import time
+from pathlib import Path
+
+from . import daemons
+from .daemons import Kestcrond, idle_jobs
+from .measure import Arrivals, Cells
+
+LAYOUTS = (1, 100)  # jobs in a file
+
+
+def reload(machine):
+    """Tells the daemon to load again; returns CPU time and time, in nanoseconds."""
+    before = machine.group.cpu()
+    with Arrivals(machine.path("/run")) as arrivals:
+        asked = time.monotonic_ns()
+        os.kill(machine.main_pid(), signal.SIGHUP)
+        ready = arrivals.wait(Path(machine.RUNTIME_TEMPLATE).name, 300, machine.main_pid)
+    machine.settle()
+    return machine.group.cpu() - before, ready - asked
+
+
+def load_own(cells, count, per_file, copies):
+    with daemons.new(Kestcrond, copies) as machine:
+        machine.write_jobs(idle_jobs(count), per_file)
+        wall = machine.timed_start(300)
+        if machine.loaded() != count:
+            raise RuntimeError(f"{machine.loaded()} jobs loaded, not {count}")
+        name = "kestcrond" if copies else "kestcrond, no copies"
+        cells.add(machine.group.cpu() / 1e6, name, "start", "cpu", per_file, count)
+        cells.add(wall / 1e6, name, "start", "wall", per_file, count)
+        again, wall = reload(machine)
+        cells.add(again / 1e6, name, "reload", "cpu", per_file, count)
+        cells.add(wall / 1e6, name, "reload", "wall", per_file, count)
+
+
+def load_peer(cells, kind, count, per_file):
+    with daemons.new(kind) as machine:
+        machine.write_jobs(idle_jobs(count), per_file)
+        machine.start_ready()
+        cells.add(machine.group.cpu() / 1e6, kind.TITLE, "start", "cpu", per_file, count)
+
+
+def bare_copies(cells, count):
+    """As many starts of the copy program with nothing around them, on such a machine: where no copy
+    is yet, as at a start, and over those that are, as at a reload."""
+    with daemons.new(Kestcrond) as machine:
+        machine.path("/tmp/copies").mkdir()
+        for what in ("start", "reload"):
+            cpu, wall = machine.bare(count, "/usr/bin/cp", "-af", "/usr/bin/true", "/tmp/copies/@")
+            cells.add(cpu / 1e6, "bare copies", what, "cpu", 1, count)
+            cells.add(wall / 1e6, "bare copies", what, "wall", 1, count)
+
+
+def steps(bench, cells):
+    """What one repetition does: a cell's start, and how to fill it."""
+    for count in bench.sizes(100, 1000, 10000):
+        for per_file in LAYOUTS:
+            yield ("kestcrond, no copies", "start", "cpu", per_file, count), \
+                lambda: load_own(cells, count, per_file, copies=False)
+            for kind in daemons.PEER_BINARIES:
+                yield (kind.TITLE, "start", "cpu", per_file, count), \
+                    lambda: load_peer(cells, kind, count, per_file)
+    for count in bench.sizes(100, 1000):
+        yield ("kestcrond", "start", "cpu", 1, count), \
+            lambda: load_own(cells, count, 1, copies=True)
+        yield ("bare copies", "start", "cpu", 1, count), lambda: bare_copies(cells, count)
+
+
+def measure(bench):
+    cells = Cells("daemon", "what", "kind", "per_file", "jobs")
+    for _ in range(bench.repetitions(5)):
+        for cell, fill in steps(bench, cells):
+            bench.attempt(cells, cell, fill)
+    return cells.rows()
