@@ -98,6 +98,16 @@ public:
     std::int32_t assureExecute = 0; // hours; 0: not assured
     std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
     bool runOnPassive = false;
+
+private:
+    // Members of the document that each cycle asks for. To look them up in it would take a hundred
+    // times as long, so whatever writes those writes these. They stand beside what else a cycle
+    // reads, because after a minute of other programs each line of the cache has to be fetched.
+    std::array<std::uint64_t, 5> dueBits_{}; // AdmittedBits of each field
+    std::int64_t expireTime_ = 0;
+    std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
+
+public:
     std::string scheduleText; // the schedule at the latest due match, empty once launched
     CronFields cronFields;
 
@@ -111,11 +121,6 @@ private:
     void ReadRuntimeMembers();
 
     Json::Value _jsJob;
-    // Members of the document that each cycle asks for. To look them up in it would take a hundred
-    // times as long, so whatever writes those writes these.
-    std::array<std::uint64_t, 5> dueBits_{}; // AdmittedBits of each field
-    std::int64_t expireTime_ = 0;
-    std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
 };
 
 // The account that a job runs as.
