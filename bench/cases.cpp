@@ -2,6 +2,7 @@
 
 #include "core/job_state.h"
 #include "core/json_contains.h"
+#include "core/runtime_document.h"
 #include "job/cronjob.h"
 #include "job/json_members.h"
 #include "job/schedule.h"
@@ -181,20 +182,6 @@ void RenderByLibrary() {
     library["emitUTF8"] = true;
     for (const CronJob &job : TheJobs())
         sink = Json::writeString(library, job.Document()).size();
-}
-
-std::string RuntimeDocument(const std::vector<CronJob> &jobs) {
-    JsonText text;
-    text.BeginObject();
-    text.Name("jobs");
-    text.BeginObject();
-    for (const CronJob &job : jobs) {
-        text.Name(job.Name());
-        text.Append(job.Document());
-    }
-    text.EndObject();
-    text.EndObject();
-    return text.Take();
 }
 
 void Save(const std::vector<CronJob> &jobs) {

@@ -8,6 +8,7 @@
 #include "core/launch_spacing.h"
 #include "core/paths.h"
 #include "core/redraw.h"
+#include "core/runtime_document.h"
 #include "core/utils.h"
 #include "job/json_members.h"
 #include "job/schedule.h"
@@ -373,7 +374,7 @@ void CronDaemon::ReloadJobs() {
     // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
     PrepareRuntimeDirectory();
     JobSet parsed;
-    Json::Value previous = TakeJobs(parsed);
+    Json::Value previous = JobsToJson(parsed);
     RemoveAllWatches();
     ApplyJobSet(std::move(previous), LoadSources(), std::move(parsed));
 }
@@ -529,7 +530,7 @@ void CronDaemon::RebuildJobList(Json::Value document, JobSet parsed) {
     }
 }
 
-Json::Value CronDaemon::TakeJobs(JobSet &parsed) {
+Json::Value CronDaemon::JobsToJson(JobSet &parsed) {
     Json::Value document(Json::objectValue);
     for (CronJob &job : jobs) {
         const std::string name = job.Name();
@@ -540,24 +541,8 @@ Json::Value CronDaemon::TakeJobs(JobSet &parsed) {
     return document;
 }
 
-std::string CronDaemon::JobsToJson() const {
-    if (jobs.empty())
-        return "{}";
-    JsonText text;
-    text.BeginObject();
-    text.Name("jobs");
-    text.BeginObject();
-    for (const CronJob &job : jobs) {
-        text.Name(job.Name());
-        text.Append(job.Document());
-    }
-    text.EndObject();
-    text.EndObject();
-    return text.Take();
-}
-
 void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) const {
-    if (!JsonToFile(JobsToJson(), path, durability))
+    if (!JsonToFile(RuntimeDocument(jobs), path, durability))
         LOG_ERROR("runtime config save failed (%s)", path.c_str());
 }
 

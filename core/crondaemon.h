@@ -85,10 +85,9 @@ private:
     void MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &parsed) const;
     void RebuildJobList(Json::Value document, JobSet parsed);
 
-    // The runtime document: of jobs that are given up for it, because a copy would take as much
-    // memory again, the rest of them to `parsed`; and as text.
-    Json::Value TakeJobs(JobSet &parsed);
-    std::string JobsToJson() const;
+    // The runtime document of the jobs, which are given up for it, because a copy would take as
+    // much memory again. What is left of them goes to `parsed`.
+    Json::Value JobsToJson(JobSet &parsed);
     void SaveRuntimeConfig(const std::string &path, Durability durability) const;
     void LoadTemplate(const std::string &path);
     void SaveTemplate(const std::string &path, Durability durability) const;

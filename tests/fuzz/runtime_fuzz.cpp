@@ -27,7 +27,7 @@ namespace {
 // instantiation may name what is.
 void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path);
 void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet, JobSet parsed);
-Json::Value TakeJobs(CronDaemon &daemon, JobSet &parsed);
+Json::Value JobsToJson(CronDaemon &daemon, JobSet &parsed);
 void RegenerateField(CronDaemon &daemon, const std::string &key);
 JobState StateOf(const CronDaemon &daemon, const CronJob &job, bool held);
 std::vector<CronJob> &JobsOf(CronDaemon &daemon);
@@ -41,7 +41,7 @@ struct Opened {
                             JobSet parsed) {
         (daemon.*kApply)(std::move(previous), std::move(jobSet), std::move(parsed));
     }
-    friend Json::Value TakeJobs(CronDaemon &daemon, JobSet &parsed) {
+    friend Json::Value JobsToJson(CronDaemon &daemon, JobSet &parsed) {
         return (daemon.*kTake)(parsed);
     }
     friend void RegenerateField(CronDaemon &daemon, const std::string &key) {
@@ -52,7 +52,7 @@ struct Opened {
     }
     friend std::vector<CronJob> &JobsOf(CronDaemon &daemon) { return daemon.*kJobs; }
 };
-template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyJobSet, &CronDaemon::TakeJobs,
+template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyJobSet, &CronDaemon::JobsToJson,
                        &CronDaemon::RegenerateField, &CronDaemon::ComputeState, &CronDaemon::jobs>;
 
 Json::Value &SavedRuntime() {
@@ -158,7 +158,7 @@ Json::Value Apply(CronDaemon &daemon, const Json::Value &previous, const JobSet 
 
 Json::Value Reload(CronDaemon &daemon, const JobSet &jobSet) {
     JobSet parsed;
-    const Json::Value previous = TakeJobs(daemon, parsed);
+    const Json::Value previous = JobsToJson(daemon, parsed);
     return Apply(daemon, previous, jobSet, parsed);
 }
 
