@@ -88,6 +88,7 @@ bool StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/) {
     return true;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): it is what the real one is
 bool SavedWithoutDisk(std::string text, const std::string &path, Durability /*durability*/) {
     if (path != "/var/run/kestcrond.config")
         return true; // the template, which is not what is tried here

@@ -13,7 +13,7 @@
 inline CronJob With(CronJob job, const std::string &name, Json::Value value) {
     Json::Value document = job.TakeDocument();
     document[name] = std::move(value);
-    return CronJob(std::move(job), std::move(document));
+    return {std::move(job), std::move(document)};
 }
 
 #endif
