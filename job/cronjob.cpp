@@ -264,6 +264,7 @@ std::string CronJob::RenderSchedule() const {
 }
 
 bool CronJob::IsAssureOverdue() const {
+    // Most jobs are not assured, and each asks in each cycle: those need not read the clock.
     return assureExecute != 0 && IsOverdue(assureExecute, lastRun_, std::time(nullptr));
 }
 

@@ -1,5 +1,6 @@
 // JSON documents as indented text, laid out to the letter as the JSON library's own writer does it,
-// which takes ten times as long. Names and texts come back byte for byte, whatever their encoding.
+// which takes three times as long. Names and texts come back byte for byte, whatever their
+// encoding.
 
 #ifndef PLATFORM_JSON_TEXT_H
 #define PLATFORM_JSON_TEXT_H

@@ -144,6 +144,22 @@ def test_a_changed_job_starts_afresh(machine, change):
     assert machine.texts() == ["removed modified jobs: builtin-f-x"]
 
 
+def test_a_changed_job_is_what_it_says_now(machine):
+    """Not only its document: its fields, whose draws come later, and its settings too."""
+    machine.clock("2026-06-02 02:57:10")
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "t", [every_minute("tick", run_on_passive=True)])
+    machine.jobs("builtin", "f", [every_minute("x"), never("y", run_on_passive=True)])
+    machine.start_and_wait("--passive-mode")
+    machine.jobs("builtin", "f", [every_minute("x", run_on_passive=True),
+                                  every_minute("y", crontab="7,9 * * * *", run_on_passive=True)])
+    machine.reload()
+    wait_for(lambda: machine.runs("builtin-f-x"), what="a run that the old definition forbids")
+    drawn = machine.saved()
+    wait_for(lambda: machine.saved() != drawn, 60, "the draw of the next hour")
+    assert machine.entries()["builtin-f-y"]["schedule"]["Minute"] == [7, 9]
+
+
 def test_a_deleted_key_is_a_change(machine):
     machine.jobs("builtin", "f", [never("x", nice=1)])
     machine.start_and_wait()
