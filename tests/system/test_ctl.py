@@ -539,7 +539,7 @@ def test_delayed_starts_are_counted(machine, ctl):
 
 WITNESS = """#!/bin/bash
 { id; pwd; umask; env | grep -v FAKETIME_SHARED | sort; echo "[$1]" "[$2]"; cat; ls /proc/$$/fd
-  grep -E "^Sig[BIC]|^Cap|^Groups|NoNewPrivs" /proc/$$/status; } > /tmp/ran/$$ 2>&1
+  grep -E "^Sig[BIC]|^Cap|^Groups|NoNewPrivs" /proc/self/status; } > /tmp/ran/$$ 2>&1
 mv /tmp/ran/$$ /tmp/ran/$$.whole
 echo to-output
 echo to-error >&2
