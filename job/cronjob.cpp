@@ -361,41 +361,56 @@ bool IsStageable(const std::string &name, const std::string &source) {
     return false;
 }
 
-// Puts what stands at `staged` out of the way, for the case that it is needed again. Returns
-// whether there was anything.
-bool SetAside(const std::string &staged, const std::string &aside) {
-    const ErrnoKept kept;
-    if (std::rename(staged.c_str(), aside.c_str()) == 0)
-        return true;
-    if (errno == ENOENT)
-        return false;
-    RemoveStaged(aside); // left behind by a crash
-    return std::rename(staged.c_str(), aside.c_str()) == 0;
-}
+// What stood at a staged path, kept beside it until the new copy can be run.
+class PreviousCopy {
+public:
+    static constexpr const char *kPath = "/tmp/kestcrond/.previous";
 
-// Whether what was copied to `staged` is a program or a link, which `status` then tells; the source
-// may have become something else since it was looked at.
-bool IsFileOrLink(const std::string &staged, struct stat &status) {
-    return lstat(staged.c_str(), &status) == 0 &&
+    explicit PreviousCopy(std::string staged)
+        : staged_(std::move(staged)), isThere_(SetAside(staged_)) {}
+    PreviousCopy(const PreviousCopy &) = delete;
+    PreviousCopy &operator=(const PreviousCopy &) = delete;
+    ~PreviousCopy() {
+        if (isThere_)
+            RemoveStaged(kPath);
+    }
+
+    void PutBack() {
+        const ErrnoKept kept;
+        RemoveStaged(staged_);
+        if (std::exchange(isThere_, false))
+            std::rename(kPath, staged_.c_str());
+    }
+
+private:
+    // Returns whether there was anything.
+    static bool SetAside(const std::string &staged) {
+        const ErrnoKept kept;
+        struct stat status {};
+        if (lstat(staged.c_str(), &status) == -1 && errno == ENOENT)
+            return false; // as at each first load; a rename takes longer to find that out
+        if (std::rename(staged.c_str(), kPath) == 0)
+            return true;
+        RemoveStaged(kPath); // left behind by a crash
+        return std::rename(staged.c_str(), kPath) == 0;
+    }
+
+    std::string staged_;
+    bool isThere_;
+};
+
+// Puts a copy of `source` at `staged`, where nothing stands, and tells what it is: a program or a
+// link. The source may have become something else since it was looked at.
+bool CopyProgram(const std::string &source, const std::string &staged, struct stat &status) {
+    return XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
+           lstat(staged.c_str(), &status) == 0 &&
            (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode));
 }
 
-// Puts a copy of `source` at `staged` and tells what it is. Nothing is written through what stood
-// there; when the copy fails, that stands there again.
-bool CopyProgram(const std::string &source, const std::string &staged, struct stat &status) {
-    const std::string previous = std::string(kRuntimeDirectory) + "/.previous";
-    const bool hadPrevious = SetAside(staged, previous);
-    const bool copied =
-        XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
-        IsFileOrLink(staged, status);
-    const ErrnoKept kept;
-    if (!copied)
-        RemoveStaged(staged);
-    if (copied && hadPrevious)
-        RemoveStaged(previous);
-    else if (hadPrevious)
-        std::rename(previous.c_str(), staged.c_str());
-    return copied;
+bool FailToCopy(const std::string &source, const std::string &staged) {
+    LOG_ERROR("Failed to cp [%s][%s][0x%04X %s:%d]", source.c_str(), staged.c_str(),
+              static_cast<unsigned>(XLIBCErrGet()), XLIBCErrorGetFile(), XLIBCErrorGetLine());
+    return false;
 }
 
 // Gives the staged program to the job's account. A staged link is only followed to see that its
@@ -429,10 +444,12 @@ bool MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts) {
         LOG_ERROR("missing binary %s", source.c_str());
         return false;
     }
-    if (!IsStageable(job.Name(), source) || !CopyProgram(source, staged, status)) {
-        LOG_ERROR("Failed to cp [%s][%s][0x%04X %s:%d]", source.c_str(), staged.c_str(),
-                  static_cast<unsigned>(XLIBCErrGet()), XLIBCErrorGetFile(), XLIBCErrorGetLine());
-        return false;
+    if (!IsStageable(job.Name(), source))
+        return FailToCopy(source, staged);
+    PreviousCopy previous(staged);
+    if (!CopyProgram(source, staged, status)) {
+        previous.PutBack();
+        return FailToCopy(source, staged);
     }
     job.PointAt(staged);
     if (!ChownIfNeeded(staged, status,
@@ -525,6 +542,24 @@ void TakeOnAccount(const JobUser &user, const std::string &name) {
         report("setuid");
 }
 
+// Becomes the program. While a load puts a new copy into its place there is none, or one that
+// cannot be run yet; that is waited for.
+int StartProgram(char *const *arguments) {
+    constexpr int mostTries = 100;
+    constexpr useconds_t pause = 100000;
+    const auto isCopying = [] {
+        const ErrnoKept kept;
+        return access(PreviousCopy::kPath, F_OK) == 0;
+    };
+    for (int tries = 1;; ++tries) {
+        const bool wasCopying = isCopying();
+        const int rc = XLIBCExecv(arguments[0], arguments, 1);
+        if ((!wasCopying && !isCopying()) || tries == mostTries)
+            return rc;
+        usleep(pause);
+    }
+}
+
 } // namespace
 
 bool CronJob::RunInChild(const std::string &note) const {
@@ -546,7 +581,7 @@ bool CronJob::RunInChild(const std::string &note) const {
     // The account cannot open the log, but what goes wrong from here on belongs into it.
     executionLog.KeepLogOpen();
     TakeOnAccount(user, name);
-    const int rc = XLIBCExecv(arguments.Get()[0], arguments.Get(), 1);
+    const int rc = StartProgram(arguments.Get());
     if (rc < 0)
         WriteExecutionLog(running + " failed, return code: " + std::to_string(rc) +
                           ", error: " + std::strerror(errno));

@@ -369,7 +369,8 @@ exec /usr/bin/cp.real "$@"
 """
 
 
-def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine):
+@pytest.mark.parametrize("microseconds", [50000, 800000])
+def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine, microseconds):
     machine.clock("2026-06-02 02:10:10", rate=1)
     machine.template(maxDelay=0)
     machine.account_directory("alice")
@@ -377,7 +378,8 @@ def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine):
     machine.jobs("builtin", "f", [every_minute(name) for name in names])
     machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
     machine.write("/usr/bin/cp", SLOW_COPY.replace("sleep 1", "sleep 0.1"), 0o755)
-    machine.start_with_faults("setgid:delay_enter=50000")  # so long it takes a job to start
+    # So long it takes a job to start: some do when the copies are made.
+    machine.start_with_faults(f"setgid:delay_enter={microseconds}")
     # A change while the jobs are loaded: the first cycle launches them all and sees it.
     wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
     machine.account_directory("bob")
