@@ -14,9 +14,6 @@
 
 namespace {
 
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
-
 enum FieldIndex : std::size_t {
     kMinuteField,
     kHourField,

@@ -23,8 +23,12 @@ struct ComingStart {
     std::vector<std::string> undrawn; // keys of the fields to be drawn first; none when it is known
 };
 
+// In seconds.
+constexpr std::time_t kMinute = 60;
+constexpr std::time_t kHour = 60 * kMinute;
+
 // The calendar repeats itself after this time: what has not come until then never comes.
-constexpr std::time_t kCalendarRepeats = std::time_t{400} * 366 * 24 * 60 * 60;
+constexpr std::time_t kCalendarRepeats = std::time_t{400} * 366 * 24 * kHour;
 
 // What is looked at, and when.
 struct Outlook {

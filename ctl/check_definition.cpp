@@ -153,8 +153,8 @@ void FindErrors(Subject &subject, const std::vector<std::string> &messages) {
 
 namespace {
 
-void Warn(Subject &subject, const std::string &member, const std::string &text,
-          const std::string &allowed = {}) {
+void WarnByName(Subject &subject, const std::string &member, const std::string &text,
+                const std::string &allowed = {}) {
     subject.Add(Severity::Warning, {member, Named(member) + " " + text, allowed});
 }
 
@@ -179,18 +179,21 @@ void FindUnreadMembers(Subject &subject, const JobDirectory &directory, bool alo
     const Json::Value &written = subject.Written();
     const Json::Value &config = subject.Config();
     if (alone && written.isMember("name") && TextMember(written, "name") != "default")
-        Warn(subject, "name", "is not read: the only job of a file without an array is \"default\"",
-             "an array with this definition, where the job may have a name");
+        WarnByName(subject, "name",
+                   "is not read: the only job of a file without an array is \"default\"",
+                   "an array with this definition, where the job may have a name");
     for (const char *member : {"user", "package_username"})
         if (!directory.account.empty() && written.isMember(member) &&
             Member(written, member) != Member(config, member))
-            Warn(subject, member,
-                 "is not read: every job of this directory runs as " + Quoted(directory.account));
+            WarnByName(subject, member,
+                       "is not read: every job of this directory runs as " +
+                           Quoted(directory.account));
     if (written.isMember("cmd") && written.isMember("cmd_list"))
-        Warn(subject, "cmd", "is not read: \"cmd_list\" goes before it", "one of the two");
+        WarnByName(subject, "cmd", "is not read: \"cmd_list\" goes before it", "one of the two");
     if (written.isMember("crontab") && !RunsByCrontab(config).value_or(true))
-        Warn(subject, "crontab", "is not read: \"period\" is " + Excerpt(Member(config, "period")),
-             R"("crontab" as "period")");
+        WarnByName(subject, "crontab",
+                   "is not read: \"period\" is " + Excerpt(Member(config, "period")),
+                   R"("crontab" as "period")");
 }
 
 void FindPeriodWord(Subject &subject) {
@@ -208,10 +211,10 @@ void FindPeriodWord(Subject &subject) {
     for (const auto &row : words)
         if (expression && PeriodCrontab(row.front(), "own") == expression &&
             std::find(row.begin(), row.end(), period) == row.end())
-            Warn(subject, "period",
-                 Quoted(written) + " is read as \"" + row.front() +
-                     "\": only its first letter counts",
-                 AllowedFor("period"));
+            WarnByName(subject, "period",
+                       Quoted(written) + " is read as \"" + row.front() +
+                           "\": only its first letter counts",
+                       AllowedFor("period"));
 }
 
 } // namespace
@@ -232,17 +235,18 @@ void FindOddSettings(Subject &subject, const CronJob &job) {
     if (RunsByCrontab(subject.Config()).value_or(false))
         FindCrontabWarnings(subject, job.cronFields);
     if (!hours.isNull() && !hours.isInt())
-        Warn(subject, "assure_execute",
-             Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),
-             "a whole number of hours");
+        WarnByName(subject, "assure_execute",
+                   Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),
+                   "a whole number of hours");
     if (job.assureExecute < 0)
-        Warn(subject, "assure_execute", "is negative: the job is overdue in every cycle",
-             "hours, or 0 for never");
+        WarnByName(subject, "assure_execute", "is negative: the job is overdue in every cycle",
+                   "hours, or 0 for never");
     if (action.isNull())
         return;
     if (job.assureExecute == 0)
-        Warn(subject, "assure_execute_action", "is not read without hours in \"assure_execute\"");
+        WarnByName(subject, "assure_execute_action",
+                   "is not read without hours in \"assure_execute\"");
     else if (action != "run" && action != "wait")
-        Warn(subject, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
-             AllowedFor("assure_execute_action"));
+        WarnByName(subject, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
+                   AllowedFor("assure_execute_action"));
 }

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr std::size_t kDraws = 3;
-constexpr std::size_t kStarts = 5;
+constexpr std::size_t kStartsExplained = 5;
 
 std::string ExpressionOf(const ExplainOptions &options) {
     if (options.period.empty() == options.expression.empty())
@@ -210,7 +210,7 @@ int Explain(const Context &context, const ExplainOptions &options) {
     explanation.draws = Draws(context, explanation.job);
     explanation.starts =
         ComingStarts(explanation.job.cronFields, explanation.draws.front(),
-                     {context.now, context.now, context.now + kCalendarRepeats}, kStarts);
+                     {context.now, context.now, context.now + kCalendarRepeats}, kStartsExplained);
     if (context.json)
         WriteJson(ToJson(explanation));
     else

@@ -29,7 +29,7 @@
 
 namespace {
 
-constexpr std::size_t kStarts = 3;
+constexpr std::size_t kStartsShown = 3;
 constexpr std::size_t kLogLines = 5;
 constexpr std::size_t kLogBytes = std::size_t{1} << 26; // older lines are the log command's
 
@@ -88,7 +88,7 @@ std::string WhyNoLines(const Context &context) {
     return path + ": " + std::strerror(errno);
 }
 
-struct Facts {
+struct ShownFacts {
     const LiveJob &job;
     Daemon daemon;
     std::string program;
@@ -97,7 +97,7 @@ struct Facts {
     std::deque<LogLine> lines;
 };
 
-Json::Value ToJson(const Facts &facts, std::time_t now) {
+Json::Value ToJson(const ShownFacts &facts, std::time_t now) {
     const Json::Value &document = facts.job.job.Document();
     Json::Value json = JobToJson(facts.job, facts.daemon, now);
     json["definition"] = Member(document, "config");
@@ -130,7 +130,7 @@ std::string AssuranceInWords(const CronJob &job) {
            (job.assureRun == 1 ? ", even while the machine is held" : "");
 }
 
-void Write(const Facts &facts, const Context &context) {
+void Write(const ShownFacts &facts, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = facts.job;
     const Json::Value &document = job.job.Document();
@@ -180,13 +180,14 @@ int Show(const Context &context, const ShowOptions &options) {
     const LiveJob &job = JobArgument(context, runtime, options.job);
     const Json::Value &first = Member(job.job.Document(), "cmd_list")[0U];
     const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
-    const Facts facts{
-        job,
-        daemon,
-        program,
-        Compare(context, job, program),
-        StartsOf(job, daemon, {context.now, context.now, context.now + kCalendarRepeats}, kStarts),
-        LinesOf(context, job)};
+    const ShownFacts facts{job,
+                           daemon,
+                           program,
+                           Compare(context, job, program),
+                           StartsOf(job, daemon,
+                                    {context.now, context.now, context.now + kCalendarRepeats},
+                                    kStartsShown),
+                           LinesOf(context, job)};
     if (context.json)
         WriteJson(ToJson(facts, context.now));
     else

@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
-
 bool ComesBefore(const JobStart &a, const JobStart &b) {
     return std::tie(a.earliest, a.latest, a.job->name) <
            std::tie(b.earliest, b.latest, b.job->name);

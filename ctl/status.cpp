@@ -17,7 +17,7 @@
 
 namespace {
 
-struct Facts {
+struct StatusFacts {
     bool here = true; // this very appliance
     Daemon daemon;
     std::optional<Runtime> runtime;
@@ -25,8 +25,8 @@ struct Facts {
     std::map<std::string, std::time_t> redraws; // by field
 };
 
-Facts Gather(const Context &context) {
-    Facts facts;
+StatusFacts Gather(const Context &context) {
+    StatusFacts facts;
     facts.here = context.appliance.IsThisOne();
     facts.daemon = FindDaemon(context.appliance);
     try {
@@ -40,7 +40,7 @@ Facts Gather(const Context &context) {
     return facts;
 }
 
-Json::Value ToJson(const Facts &facts) {
+Json::Value ToJson(const StatusFacts &facts) {
     const Daemon &daemon = facts.daemon;
     const bool runs = daemon.Runs();
     Json::Value json;
@@ -65,7 +65,7 @@ void Line(const std::string &name, const std::string &text) {
 }
 
 // One line a field: what is drawn, and how long it holds.
-void ShowDraw(const Facts &facts, std::time_t now) {
+void ShowDraw(const StatusFacts &facts, std::time_t now) {
     const char *name = "draw";
     for (const std::string &key : FieldKeys()) {
         const std::int32_t drawn =
@@ -77,7 +77,7 @@ void ShowDraw(const Facts &facts, std::time_t now) {
     }
 }
 
-void Show(const Facts &facts, const Context &context) {
+void Show(const StatusFacts &facts, const Context &context) {
     const Daemon &daemon = facts.daemon;
     if (!context.appliance.IsThisOne())
         Line("kestcrond", "on another system, which does not run here");
@@ -107,7 +107,7 @@ void Show(const Facts &facts, const Context &context) {
 
 int Status(const Context &context) {
     constexpr int notRunning = 3; // as init scripts have it
-    const Facts facts = Gather(context);
+    const StatusFacts facts = Gather(context);
     if (context.json)
         WriteJson(ToJson(facts));
     else

@@ -1,5 +1,6 @@
 #include "ctl/timeline.h"
 
+#include "core/coming_starts.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/timeline_svg.h"
@@ -21,15 +22,6 @@
 #include <utility>
 
 namespace {
-
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
-
-std::tm Local(std::time_t time) {
-    std::tm local{};
-    localtime_r(&time, &local);
-    return local;
-}
 
 std::time_t BeginOfQuarter(std::time_t time) {
     const std::tm local = Local(time);

@@ -7,13 +7,13 @@
 #include <charconv>
 #include <cstdint>
 
-namespace {
-
 std::tm Local(std::time_t time) {
     std::tm local{};
     localtime_r(&time, &local);
     return local;
 }
+
+namespace {
 
 std::string Formatted(const char *format, const std::tm &local) {
     std::array<char, 64> text{};

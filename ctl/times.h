@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+std::tm Local(std::time_t time);
+
 // A local time as somebody at `now` would say it: "today 03:17", "tomorrow 00:05", "Tue 9 Jun
 // 03:17", in other years "9 Jun 2027 03:17". Where the clock has another offset from UTC than at
 // `now`, its zone follows.

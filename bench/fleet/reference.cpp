@@ -14,9 +14,9 @@ KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024);
 
 namespace {
 
-class Machine {
+class ReferenceMachine {
 public:
-    Machine(const Start &start, const Jobs &jobs, std::time_t begin)
+    ReferenceMachine(const Start &start, const Jobs &jobs, std::time_t begin)
         : jobs_(jobs), begin_(begin), chance_(start.seed) {
         for (std::size_t i = 0; i < kJobs; ++i)
             lastRun_[i] = At(start.lastRun[i]);
@@ -81,7 +81,7 @@ private:
 
 std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std::time_t begin,
                                        Micros length) {
-    Machine machine(start, jobs, begin);
+    ReferenceMachine machine(start, jobs, begin);
     std::vector<Launches> all;
     for (Micros now = start.firstCycle; now < length - kWork; now += start.cycle)
         if (const Launches launches = machine.Cycle(now); launches.jobs.any())

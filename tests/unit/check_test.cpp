@@ -53,7 +53,7 @@ JobFile Read(const std::string &text, const JobDirectory &directory = {"/jobs", 
 }
 
 // "LINE:COLUMN error MEMBER: MESSAGE [FOUND] (ALLOWED)", empty parts left out.
-std::string Shown(const Problem &problem) {
+std::string InText(const Problem &problem) {
     std::string text =
         std::to_string(problem.place.line) + ":" + std::to_string(problem.place.column);
     text += problem.severity == Severity::Error ? " error" : " warning";
@@ -66,7 +66,7 @@ std::string Shown(const Problem &problem) {
 std::vector<std::string> ProblemsOf(const JobFile &file) {
     std::vector<std::string> texts;
     for (const Problem &problem : CheckJobFile(file, TheSystem()).problems)
-        texts.push_back(Shown(problem));
+        texts.push_back(InText(problem));
     return texts;
 }
 
@@ -85,13 +85,14 @@ std::string DefinitionWith(const std::string &members) {
     return text + "}]";
 }
 
-struct Row {
+struct ProblemRow {
     const char *members; // of the definition
     const char *problem; // the only one; empty: none
 };
 
-void ExpectProblems(const std::vector<Row> &rows, const JobDirectory &directory = {"", "pkg", {}}) {
-    for (const Row &row : rows) {
+void ExpectProblems(const std::vector<ProblemRow> &rows,
+                    const JobDirectory &directory = {"", "pkg", {}}) {
+    for (const ProblemRow &row : rows) {
         SCOPED_TRACE(row.members);
         const JobFileReport report =
             CheckJobFile(Read(DefinitionWith(row.members), directory), TheSystem());
@@ -99,7 +100,7 @@ void ExpectProblems(const std::vector<Row> &rows, const JobDirectory &directory 
         std::vector<std::string> texts;
         bool refused = false;
         for (const Problem &problem : report.problems) {
-            texts.push_back(Shown(problem));
+            texts.push_back(InText(problem));
             refused = refused || problem.severity == Severity::Error;
             EXPECT_EQ(problem.file, "f.conf");
             EXPECT_EQ(problem.job, report.jobs.front().name);
@@ -530,7 +531,7 @@ TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
     ASSERT_EQ(problems.size(), 1U);
     EXPECT_EQ(problems.front().file, "first");
     EXPECT_EQ(problems.front().job, "a");
-    EXPECT_EQ(Shown(problems.front()),
+    EXPECT_EQ(InText(problems.front()),
               "3:7 warning name: replaced by the job of the same full name in second:3, which is "
               "read later [\"a\"] (one job of a full name)");
 }

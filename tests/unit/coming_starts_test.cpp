@@ -65,7 +65,7 @@ std::vector<std::string> Starts(const CronJob &job, std::time_t from, std::size_
     return texts;
 }
 
-struct Row {
+struct StartsRow {
     const char *crontab;
     const char *drawn;
     std::vector<std::string> starts;
@@ -74,7 +74,7 @@ struct Row {
 TEST(ComingStarts, AreKnownWhereNothingIsDrawn) {
     const LocalZone zone("UTC0");
     const std::int64_t from = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
-    const Row rows[] = {
+    const StartsRow rows[] = {
         {"* * * * *", "{}", {"2026-06-02 02:10", "2026-06-02 02:11"}},
         {"10 2 * * *", "{}", {"2026-06-02 02:10", "2026-06-03 02:10"}},
         {"9 2 * * *", "{}", {"2026-06-03 02:09", "2026-06-04 02:09"}},
@@ -87,14 +87,14 @@ TEST(ComingStarts, AreKnownWhereNothingIsDrawn) {
         {"0 0 30 2 *", "{}", {}},
         {"0 0 31 4,6,9,11 *", "{}", {}},
     };
-    for (const Row &row : rows)
+    for (const StartsRow &row : rows)
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
 }
 
 TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
     const LocalZone zone("UTC0");
     const std::int64_t from = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
-    const Row rows[] = {
+    const StartsRow rows[] = {
         // Hourly: this hour's minute is drawn, and holds up to the minute of the next draw.
         {"~ * * * *",
          R"({"Minute": [17]})",
@@ -147,7 +147,7 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
          {"2026-06-02 03:01..2026-06-02 03:59 Minute", "2026-06-02 03:05"}},
         {"0 0 30~31 2 *", R"({"day": [30]})", {}},
     };
-    for (const Row &row : rows)
+    for (const StartsRow &row : rows)
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
 }
 

@@ -1,5 +1,6 @@
 #include "ctl/starts.h"
 
+#include "core/coming_starts.h"
 #include "ctl/condition.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/jobs.h"
@@ -13,7 +14,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::time_t kHour = 3600;
 constexpr std::time_t kDay = 24 * kHour;
 const std::time_t kNow = Utc(2026, 6, 2, 2, 10, 30);
 const std::time_t kMinuteOfNow = Utc(2026, 6, 2, 2, 10);

@@ -13,8 +13,8 @@ namespace {
 
 using KEST::RANDOM::KESTRandom;
 
-constexpr std::int32_t kLowest = std::numeric_limits<std::int32_t>::min();
-constexpr std::int32_t kHighest = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kLowestNumber = std::numeric_limits<std::int32_t>::min();
+constexpr std::int32_t kHighestNumber = std::numeric_limits<std::int32_t>::max();
 
 TEST(KESTRandom, DrawsEveryValueBelowItsUpperBound) {
     struct Row {
@@ -28,8 +28,8 @@ TEST(KESTRandom, DrawsEveryValueBelowItsUpperBound) {
                         {0, 7},
                         {5, 7},
                         {-3, 4},
-                        {kLowest, kLowest + 3},
-                        {kHighest - 3, kHighest}};
+                        {kLowestNumber, kLowestNumber + 3},
+                        {kHighestNumber - 3, kHighestNumber}};
     KESTRandom random;
     for (const Row &row : rows) {
         SCOPED_TRACE(row.low);
@@ -53,10 +53,10 @@ TEST(KESTRandom, GivesTheLowerBoundWhenThereIsNoOther) {
                         {5, -100},
                         {0, 0},
                         {-1, 0},
-                        {kHighest, kHighest},
-                        {kHighest - 1, kHighest},
-                        {kHighest, 0},
-                        {kLowest, kLowest + 1}};
+                        {kHighestNumber, kHighestNumber},
+                        {kHighestNumber - 1, kHighestNumber},
+                        {kHighestNumber, 0},
+                        {kLowestNumber, kLowestNumber + 1}};
     KESTRandom random;
     for (const Row &row : rows)
         for (int i = 0; i < 20; ++i)
@@ -65,15 +65,15 @@ TEST(KESTRandom, GivesTheLowerBoundWhenThereIsNoOther) {
 
 TEST(KESTRandom, HasNoLowestUpperBound) {
     KESTRandom random;
-    EXPECT_EQ(random.random(5, kLowest), 5);
-    EXPECT_EQ(random.random(kLowest, kLowest), kLowest);
+    EXPECT_EQ(random.random(5, kLowestNumber), 5);
+    EXPECT_EQ(random.random(kLowestNumber, kLowestNumber), kLowestNumber);
 }
 
 TEST(KESTRandom, CoversTheWholeRangeOfItsType) {
     KESTRandom random;
     int negative = 0;
     for (int i = 0; i < 1000; ++i)
-        negative += random.random(kLowest, kHighest) < 0 ? 1 : 0;
+        negative += random.random(kLowestNumber, kHighestNumber) < 0 ? 1 : 0;
     // 500 are expected, and 16 is the standard deviation.
     EXPECT_GT(negative, 350);
     EXPECT_LT(negative, 650);
@@ -104,7 +104,7 @@ TEST(KESTRandom, DrawsAnewInEachProcess) {
     std::array<std::int32_t, 8> theirs{};
     EXPECT_EQ(InChild([&] {
                   for (std::int32_t &draw : theirs)
-                      draw = random.random(0, kHighest);
+                      draw = random.random(0, kHighestNumber);
                   return write(ends[1], theirs.data(), sizeof theirs) == sizeof theirs ? 0 : 1;
               }),
               0);
@@ -113,7 +113,7 @@ TEST(KESTRandom, DrawsAnewInEachProcess) {
     close(ends[1]);
     std::array<std::int32_t, 8> ours{};
     for (std::int32_t &draw : ours)
-        draw = random.random(0, kHighest);
+        draw = random.random(0, kHighestNumber);
     EXPECT_NE(ours, theirs);
 }
 

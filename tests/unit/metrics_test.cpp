@@ -1,5 +1,6 @@
 #include "ctl/metrics.h"
 
+#include "core/coming_starts.h"
 #include "job/schedule.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/json_text.h"
@@ -12,12 +13,11 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
-const std::time_t kNow = Utc(2026, 6, 2, 2, 10);
+const std::time_t kTenPastTwo = Utc(2026, 6, 2, 2, 10);
 
 // A job with the crontab, assured for a day; `more` are members of its document.
-LiveJob Job(const std::string &name, const std::string &crontab, const std::string &more = "{}") {
+LiveJob AssuredJob(const std::string &name, const std::string &crontab,
+                   const std::string &more = "{}") {
     Json::Value document = FromText(more);
     document["config"] = FromText(
         R"({"name": "x", "user": "root", "cmd": "x", "period": "c", "assure_execute": 24})");
@@ -46,7 +46,7 @@ std::string JobSample(const std::string &fact) {
 }
 
 TEST(Metrics, TellNothingOfADaemonThatIsNotThere) {
-    EXPECT_EQ(MetricsInText({}, {}, std::nullopt, kNow),
+    EXPECT_EQ(MetricsInText({}, {}, std::nullopt, kTenPastTwo),
               "# HELP kestcron_up Whether kestcrond runs.\n"
               "# TYPE kestcron_up gauge\n"
               "kestcron_up 0\n"
@@ -70,7 +70,7 @@ TEST(Metrics, TellOfTheDaemon) {
     daemon.since = 1780000000;
     daemon.passive = daemon.held = true;
     daemon.delayed = 3;
-    const std::string text = MetricsInText({}, daemon, 120, kNow);
+    const std::string text = MetricsInText({}, daemon, 120, kTenPastTwo);
     EXPECT_EQ(ValueOf(text, "kestcron_up"), "1");
     EXPECT_EQ(ValueOf(text, "kestcron_passive"), "1");
     EXPECT_EQ(ValueOf(text, "kestcron_held"), "1");
@@ -81,7 +81,7 @@ TEST(Metrics, TellOfTheDaemon) {
 
 TEST(Metrics, TellOfAJob) {
     const LocalZone zone("UTC0");
-    const FixedClock clock(kNow);
+    const FixedClock clock(kTenPastTwo);
     const auto number = [](std::time_t value) { return std::to_string(value); };
     struct Row {
         const char *what;
@@ -93,9 +93,9 @@ TEST(Metrics, TellOfAJob) {
         std::string last, next, latest, overdue, pending, running;
     };
     const std::time_t hour = Utc(2026, 6, 2, 2, 0);
-    const std::time_t recent = kNow - kHour;
+    const std::time_t recent = kTenPastTwo - kHour;
     const std::string ran = R"({"lastExecution": )" + number(recent) + "}";
-    const std::string late = R"({"lastExecution": )" + number(kNow - 25 * kHour) + "}";
+    const std::string late = R"({"lastExecution": )" + number(kTenPastTwo - 25 * kHour) + "}";
     const std::string due = R"({"expireTime": 1, "lastExecution": )" + number(recent) + "}";
     const std::string at = number(hour + kHour);
     const std::string now = number(hour + 10 * kMinute);
@@ -111,13 +111,13 @@ TEST(Metrics, TellOfAJob) {
          "0", "0", "0"},
     };
     for (const Row &row : rows) {
-        LiveJob job = Job("a", row.crontab, row.document);
+        LiveJob job = AssuredJob("a", row.crontab, row.document);
         job.lastRun = row.lastRun;
         job.process = row.process;
         Daemon daemon;
         daemon.pid = 7;
         daemon.passive = row.passive;
-        const std::string text = MetricsInText({job}, daemon, 300, kNow);
+        const std::string text = MetricsInText({job}, daemon, 300, kTenPastTwo);
         EXPECT_EQ(ValueOf(text, "kestcron_jobs"), "1") << row.what;
         EXPECT_EQ(ValueOf(text, JobSample("last_run_timestamp_seconds")), row.last) << row.what;
         EXPECT_EQ(ValueOf(text, JobSample("next_run_timestamp_seconds")), row.next) << row.what;
@@ -133,9 +133,9 @@ TEST(Metrics, TellOfAJob) {
 
 TEST(Metrics, QuoteLabels) {
     const LocalZone zone("UTC0");
-    const auto named = [](const std::string &name) { return Job(name, "0 3 * * *"); };
+    const auto named = [](const std::string &name) { return AssuredJob(name, "0 3 * * *"); };
     const std::string text = MetricsInText(
-        {named("a\"b\\c\nd"), named("x\xFE"), named("x\xFF"), named("é")}, {}, 300, kNow);
+        {named("a\"b\\c\nd"), named("x\xFE"), named("x\xFF"), named("é")}, {}, 300, kTenPastTwo);
     for (const char *label : {R"(job="a\"b\\c\nd",)", "job=\"x\xEF\xBF\xBD\",",
                               "job=\"x\xEF\xBF\xBD'\",", "job=\"é\","})
         EXPECT_THAT(text, HasSubstr(std::string("kestcron_job_running{") + label));
@@ -144,8 +144,8 @@ TEST(Metrics, QuoteLabels) {
 
 TEST(Metrics, KeepAFamilyTogether) {
     const LocalZone zone("UTC0");
-    const std::string text =
-        MetricsInText({Job("a", "0 3 * * *"), Job("b", "0 3 * * *")}, {}, 300, kNow);
+    const std::string text = MetricsInText(
+        {AssuredJob("a", "0 3 * * *"), AssuredJob("b", "0 3 * * *")}, {}, 300, kTenPastTwo);
     EXPECT_THAT(text, HasSubstr("# TYPE kestcron_job_running gauge\n"
                                 "kestcron_job_running{job=\"a\",user=\"root\"} 0\n"
                                 "kestcron_job_running{job=\"b\",user=\"root\"} 0\n"));

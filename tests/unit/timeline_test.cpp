@@ -1,8 +1,8 @@
 #include "ctl/timeline.h"
 
+#include "core/coming_starts.h"
 #include "ctl/timeline_svg.h"
 #include "ctl/timeline_text.h"
-#include "ctl/utf8.h"
 #include "job/schedule.h"
 #include "platform/json_text.h"
 #include "tests/unit/support/clock.h"
@@ -16,9 +16,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
 
 JobStart Known(std::time_t time) {
     return {{time, time, {}}, nullptr, false};
@@ -388,38 +385,6 @@ TEST(TimelineInSvg, SaysSoWhenThereIsNothing) {
     const std::string svg = TimelineInSvg(Hours(Utc(2026, 6, 2, 2, 10), 1, {}, 1));
     EXPECT_THAT(svg, HasSubstr(">No job starts in these hours<"));
     EXPECT_THAT(svg, HasSubstr("0 jobs, 0 starts; 1 job does not start in these hours"));
-}
-
-// --- Characters ---------------------------------------------------------------------------------
-
-TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
-    struct Row {
-        std::string text;
-        std::string valid; // "?" for a replacement
-    };
-    const Row rows[] = {
-        {"", ""},
-        {"aé€𐍈", "aé€𐍈"},
-        {"\x80", "?"},
-        {"\xC3", "?"},
-        {"\xC3(", "?("},
-        {"\xC1\x81", "??"},                       // longer than it need be
-        {"\xE0\x9F\xBF", "???"},                  // the same
-        {"\xF0\x8F\xBF\xBF", "????"},             // the same
-        {"\xED\xA0\x80", "???"},                  // a surrogate
-        {"\xED\x9F\xBF", "\xED\x9F\xBF"},         // the last before them
-        {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}, // the last of all
-        {"\xF4\x90\x80\x80", "????"},
-        {"\xF5\x80\x80\x80", "????"},
-        {"\xE2\x82", "??"},
-        {"\xE2\x82x\xFF", "??x?"},
-    };
-    for (const Row &row : rows) {
-        std::string valid;
-        for (const char character : row.valid)
-            valid += character == '?' ? "\xEF\xBF\xBD" : std::string(1, character);
-        EXPECT_EQ(ValidUtf8(row.text), valid) << testing::PrintToString(row.text);
-    }
 }
 
 } // namespace

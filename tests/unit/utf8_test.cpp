@@ -1,14 +1,39 @@
 #include "ctl/utf8.h"
 
 #include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
 TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
-    EXPECT_EQ(ValidUtf8("a\u00e4\u20ac\U0001f600"), "a\u00e4\u20ac\U0001f600");
-    EXPECT_EQ(ValidUtf8("a\xff\x80z"), "a\ufffd\ufffdz");
-    EXPECT_EQ(ValidUtf8("\xc0\xaf"), "\ufffd\ufffd");
-    EXPECT_EQ(ValidUtf8("\xe2\x82"), "\ufffd\ufffd");
+    struct Row {
+        std::string text;
+        std::string valid; // "?" for a replacement
+    };
+    const Row rows[] = {
+        {"", ""},
+        {"aé€𐍈", "aé€𐍈"},
+        {"\x80", "?"},
+        {"\xC3", "?"},
+        {"\xC3(", "?("},
+        {"\xC1\x81", "??"},                       // longer than it need be
+        {"\xE0\x9F\xBF", "???"},                  // the same
+        {"\xF0\x8F\xBF\xBF", "????"},             // the same
+        {"\xED\xA0\x80", "???"},                  // a surrogate
+        {"\xED\x9F\xBF", "\xED\x9F\xBF"},         // the last before them
+        {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}, // the last of all
+        {"\xF4\x90\x80\x80", "????"},
+        {"\xF5\x80\x80\x80", "????"},
+        {"\xE2\x82", "??"},
+        {"\xE2\x82x\xFF", "??x?"},
+        {"a\xFF\x80z", "a??z"},
+    };
+    for (const Row &row : rows) {
+        std::string valid;
+        for (const char character : row.valid)
+            valid += character == '?' ? "\xEF\xBF\xBD" : std::string(1, character);
+        EXPECT_EQ(ValidUtf8(row.text), valid) << testing::PrintToString(row.text);
+    }
 }
 
 TEST(Shown, HasNothingThatATerminalObeys) {
