@@ -84,7 +84,10 @@ std::uint64_t AdmittedBits(const Json::Value &array) {
 
 std::string ScheduleAsText(const Json::Value &schedule) {
     std::string text;
-    for (const std::string &key : FieldKeys())
-        text += (text.empty() ? "" : " ") + FieldAsText(Member(schedule, key));
+    for (const std::string &key : FieldKeys()) {
+        if (!text.empty())
+            text += ' ';
+        text += FieldAsText(Member(schedule, key));
+    }
     return text;
 }

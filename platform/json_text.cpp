@@ -13,7 +13,8 @@ constexpr std::size_t kLineLength = 74;
 constexpr std::size_t kShortestElement = 3;
 
 bool HasMembers(const Json::Value &value) {
-    return (value.isArray() || value.isObject()) && !value.empty();
+    const Json::ValueType type = value.type();
+    return (type == Json::arrayValue || type == Json::objectValue) && !value.empty();
 }
 
 template <typename Number>
@@ -37,8 +38,18 @@ void AppendEscaped(std::string &text, char character) {
     text += {hexDigits[code >> 4U], hexDigits[code & 0xfU]};
 }
 
+// By a table, because every byte of every name and text is asked for.
+constexpr auto kNeedsEscape = [] {
+    std::array<bool, 256> needs{};
+    for (std::size_t code = 0; code < 0x20; ++code)
+        needs[code] = true;
+    needs['"'] = true;
+    needs['\\'] = true;
+    return needs;
+}();
+
 bool NeedsEscape(char character) {
-    return static_cast<unsigned char>(character) < 0x20 || character == '"' || character == '\\';
+    return kNeedsEscape[static_cast<unsigned char>(character)];
 }
 
 } // namespace
@@ -127,7 +138,8 @@ void JsonText::AppendObject(const Json::Value &object) {
         return;
     }
     BeginObject();
-    for (auto member = object.begin(); member != object.end(); ++member) {
+    const auto last = object.end();
+    for (auto member = object.begin(); member != last; ++member) {
         const char *end = nullptr;
         const char *begin = member.memberName(&end);
         Name({begin, static_cast<std::size_t>(end - begin)});
@@ -185,8 +197,10 @@ void JsonText::Close(char bracket) {
 }
 
 void JsonText::StartLine() {
-    text_ += '\n';
-    text_.append(depth_, '\t');
+    constexpr std::string_view start = "\n\t\t\t\t\t\t\t";
+    text_ += start.substr(0, depth_ + 1);
+    if (depth_ >= start.size())
+        text_.append(depth_ + 1 - start.size(), '\t');
 }
 
 std::string JsonToString(const Json::Value &value, std::size_t most) {
