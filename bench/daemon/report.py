@@ -197,7 +197,9 @@ SECTIONS = {
     "cycle": ("A look at the jobs with nothing due", """
 Every daemon runs on a private machine of its own, all at the same time and by the real clock, with
 jobs of a day that never comes. A figure is the CPU time of the process that looks, by
-`/proc/PID/schedstat`, from one sleep to the next.""", cycle),
+`/proc/PID/schedstat`, from one sleep to the next. The others look when a minute begins; ours is told
+to load again at that moment, so that it looks right before them, those with a file per job last.""",
+              cycle),
     "drift": ("What a cycle adds to a minute", """
 A job that is due in every minute notes when it runs, beside so many jobs that are not due. The
 start of that one job is in the figure. A bare sleep is a program that does nothing but sleep 60
@@ -205,7 +207,9 @@ seconds: what the timer itself is late.""", drift),
     "load": ("Loading", """
 The CPU time of all processes of a control group, from the exec until the runtime documents are
 written and the daemon sleeps; of the others, until no process of theirs has run for 0.3 seconds.
-BusyBox has a crontab for each account, and looks each account up in a list that is as long.""",
+BusyBox has a crontab for each account, and looks each account up in a list that is as long. Where
+copies are left out, an empty file appears in place of each; the CPU time of making as many by
+themselves is taken off.""",
              load),
     "memory": ("Memory", """
 By `/proc/PID/smaps_rollup`, jobs in one file, one daemon at a time; of bcron both processes.""",
