@@ -90,8 +90,9 @@ public:
     void Launch(std::int32_t delay, const std::string &note);
 
     // In a child of its own: writes the execution log's line with `note`, takes on the account and
-    // becomes the command. Returns only when that fails: false when the job cannot be prepared,
-    // true, with a line in the execution log, when its command cannot be run.
+    // becomes the command, which it waits for while a load copies it, ten seconds at most. Returns
+    // only when that fails: false when the job cannot be prepared, true, with a line in the
+    // execution log, when its command cannot be run.
     bool RunInChild(const std::string &note) const;
 
     bool valid = false;

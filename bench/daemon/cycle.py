@@ -2,7 +2,7 @@
 
 The others look when a minute begins, one after the other, and the first of them finds the kernel's
 code as cold as a minute of other programs has left it. Ours looks a minute after it has loaded,
-whenever that was: it is told to load again when a minute begins, and looks among them from then on.
+whenever that was: it is told to load again when a minute begins, and looks just before them then.
 
 All daemons and sizes run at the same time, each on a machine of its own, by the real clock: nothing
 stands between a daemon and its system calls. Twice a second the time of each is read; what it took

@@ -197,3 +197,22 @@ def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
     wait_for(lambda: len(machine.runs("pkg-f-x")) > count)
     machine.stop()
     machine.run("rmdir", "/mnt/alone", env={"LD_PRELOAD": ""})
+
+
+def test_a_program_that_cannot_run_is_told_of_at_once(machine):
+    """Only a copy that is being made is waited for, ten seconds at most."""
+    machine.clock("2026-06-02 02:10:10", rate=1)
+    machine.write("/usr/local/bin/x", "#!/no/such/interpreter\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/x")])
+    machine.start_and_wait()
+    wait_for(lambda: "failed, return code: -1" in "".join(machine.log_lines()), 8)
+
+
+def test_a_copy_that_was_cut_short_is_not_waited_for_without_end(machine):
+    machine.write("/usr/local/bin/x", "#!/no/such/interpreter\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/x")])
+    machine.start_and_wait()
+    machine.write("/tmp/kestcrond/.previous", "")
+    told = lambda: len([line for line in machine.log_lines() if "return code: -1" in line])
+    before = told()
+    wait_for(lambda: told() > before + 3)
