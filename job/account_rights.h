@@ -1,0 +1,15 @@
+// Giving up root for good.
+
+#ifndef JOB_ACCOUNT_RIGHTS_H
+#define JOB_ACCOUNT_RIGHTS_H
+
+#include <string>
+#include <sys/types.h>
+
+// Takes on the account's groups, group and user, none of which can be undone. For work that is done
+// on behalf of an account: when any step fails, it returns false with errno set, and the process
+// must end without doing that work. It may be called with root's own account, and then changes
+// the groups only.
+bool BecomeAccount(const std::string &name, uid_t uid, gid_t gid);
+
+#endif
