@@ -32,7 +32,7 @@ CronJob Job(int number) {
     CronJob job(std::move(document));
     for (const std::string &key : FieldKeys())
         job.GenerateFieldSchedule(key, 17);
-    job.PointAt("/tmp/kestcrond/" + job.Name());
+    job.SetProgram("/tmp/kestcrond/" + job.Name());
     return job;
 }
 

@@ -10,8 +10,10 @@
 #include "core/redraw.h"
 #include "core/runtime_document.h"
 #include "core/utils.h"
+#include "job/account.h"
 #include "job/json_members.h"
 #include "job/schedule.h"
+#include "job/staging.h"
 #include "log/error_log.h"
 #include "log/memorylogger.h"
 #include "log/system_log.h"
@@ -19,20 +21,21 @@
 #include "platform/json_text.h"
 #include "platform/kestcore.h"
 #include "platform/kestsdk.h"
-#include "platform/move_aside.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <dirent.h>
+#include <functional>
 #include <malloc.h>
 #include <memory>
 #include <pwd.h>
+#include <set>
 #include <sys/inotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -46,32 +49,13 @@ constexpr std::int32_t kCycleSeconds = 60;
 
 namespace {
 
-// Whether anything stands at `path` that somebody else put there, or a link, which may lead
-// anywhere.
-bool IsForeign(const char *path) {
-    const ErrnoKept kept;
-    struct stat status {};
-    return lstat(path, &status) == 0 && (S_ISLNK(status.st_mode) || status.st_uid != geteuid());
-}
-
-// Makes the runtime directory. It lies where anybody may make one first, so what is not our own is
-// moved out of the way; that may take more than one try against somebody who is quick.
 bool PrepareRuntimeDirectory() {
-    constexpr int tries = 16;
-    bool made = false;
-    for (int i = 0; i < tries && !made; ++i) {
-        if (IsForeign(kRuntimeDirectory) && !MoveAside(kRuntimeDirectory))
-            break;
-        if (KESTFSMkdirP(kRuntimeDirectory, nullptr, 1, 0, 0, 0755) == -1 &&
-            !IsForeign(kRuntimeDirectory))
-            break;
-        made = IsOwnDirectory(kRuntimeDirectory);
-    }
-    if (!made) {
+    const Descriptor directory = MakeRuntimeDirectory();
+    if (!directory) {
         LOG_ERROR("runtime dir (%s) create failed", kRuntimeDirectory);
         return false;
     }
-    if (chmod(kRuntimeDirectory, 0755) == -1) {
+    if (fchmod(directory.Get(), 0755) == -1) {
         LOG_ERROR("Failed to chmod [%s][%m]", kRuntimeDirectory);
         return false;
     }
@@ -126,6 +110,10 @@ void CronDaemon::RunCycle() {
 void CronDaemon::Evaluate() {
     for (CronJob &job : jobs)
         job.CheckTrigger();
+    // A cleaner of "/tmp" may have taken the directory or the programs in it, and its name is then
+    // free for anybody. What is due is due after the load too.
+    if (!runtimeDirectory.IsSafe() || RuntimeDirectoryState::Now() != runtimeDirectory)
+        ReloadJobs();
     const bool held = IsVorldHeld();
     std::vector<JobState> states;
     states.reserve(jobs.size());
@@ -168,9 +156,33 @@ void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
         facts.scheduleText = jobs[i].scheduleText;
         facts.delay = launched * spacing;
         facts.rank = static_cast<std::size_t>(++launched);
-        jobs[i].Launch(facts.delay, LaunchNote(facts));
+        LaunchJob(jobs[i], facts);
     }
-    lastLaunch = std::chrono::steady_clock::now();
+}
+
+namespace {
+
+// Seconds of a clock that nobody sets.
+std::int64_t SteadyNow() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::seconds>(now).count();
+}
+
+} // namespace
+
+void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
+    const std::string name = job.Name();
+    if (facts.delay > 0 && IsOfAccountDirectory(name)) {
+        const std::string account =
+            TextMember(Member(job.Document(), "config"), "package_username");
+        const std::int64_t now = SteadyNow();
+        if (!waitingStarts.HasPlace(account, now)) {
+            job.RefuseLaunch();
+            return;
+        }
+        waitingStarts.Add(account, name, now + facts.delay + 1);
+    }
+    job.Launch(facts.delay, LaunchNote(facts));
 }
 
 bool IsLaunchState(JobState state) {
@@ -367,11 +379,6 @@ bool LoadUserJobDirectory(JobSet &jobSet, const std::string &account, const std:
 
 void CronDaemon::ReloadJobs() {
     reloadRequested = false;
-    // What was launched a moment ago, often in the cycle just before, is about to open its program:
-    // that must not be gone for the moment in which it is copied again.
-    constexpr std::chrono::milliseconds timeToStart(500);
-    std::this_thread::sleep_until(lastLaunch + timeToStart);
-    // A cleaner of "/tmp" may have taken the directory, and its name is then free for anybody.
     PrepareRuntimeDirectory();
     JobSet parsed;
     Json::Value previous = JobsToJson(parsed);
@@ -516,33 +523,68 @@ void CronDaemon::RebuildJobList(Json::Value document, JobSet parsed) {
     Json::Value &entries = document["jobs"];
     jobs.clear();
     jobs.reserve(entries.size());
-    KnownAccounts accounts;
-    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-        const auto known = parsed.find(entry.name());
-        CronJob job = known == parsed.end() ? CronJob(std::move(*entry))
-                                            : CronJob(std::move(known->second), std::move(*entry));
-        if (!job.valid)
-            LOG_ERROR("job corrupt.");
-        else if (!MoveBinaryToTmp(job, accounts))
-            LOG_ERROR("MoveBinaryToTmp failed.");
-        else
-            jobs.push_back(std::move(job));
+    unstaged.clear();
+    {
+        KnownAccounts accounts;
+        Staging staging(stopRequested);
+        for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+            const auto known = parsed.find(entry.name());
+            CronJob job = known == parsed.end()
+                              ? CronJob(std::move(*entry))
+                              : CronJob(std::move(known->second), std::move(*entry));
+            if (job.valid)
+                StageAndAdd(std::move(job), staging, accounts);
+            else
+                LOG_ERROR("job corrupt.");
+        }
+        RemoveUnusedPrograms(staging);
     }
+    runtimeDirectory = RuntimeDirectoryState::Now();
+}
+
+void CronDaemon::StageAndAdd(CronJob job, Staging &staging, KnownAccounts &accounts) {
+    // A stop does not wait for more copies. No job starts any more, and all are to be saved.
+    const StagingResult result =
+        stopRequested ? StagingResult::Stopped : MoveBinaryToTmp(job, accounts, staging);
+    if (result == StagingResult::Staged || result == StagingResult::Stopped) {
+        jobs.push_back(std::move(job));
+        return;
+    }
+    LOG_ERROR("MoveBinaryToTmp failed.");
+    if (result == StagingResult::Failed)
+        unstaged.push_back(std::move(job));
+}
+
+// Accounts could otherwise fill the directory with the programs of jobs that they rename.
+void CronDaemon::RemoveUnusedPrograms(Staging &staging) const {
+    std::set<std::string> used = waitingStarts.Jobs(SteadyNow());
+    for (const auto &list : {std::cref(jobs), std::cref(unstaged)})
+        for (const CronJob &job : list.get())
+            used.insert(job.Name());
+    staging.Remove([&used](const std::string &name) {
+        return IsOfAccountDirectory(name) && used.count(name) == 0;
+    });
 }
 
 Json::Value CronDaemon::JobsToJson(JobSet &parsed) {
     Json::Value document(Json::objectValue);
-    for (CronJob &job : jobs) {
-        const std::string name = job.Name();
-        document["jobs"][name] = job.TakeDocument();
-        parsed.emplace(name, std::move(job));
+    for (std::vector<CronJob> *list : {&jobs, &unstaged}) {
+        for (CronJob &job : *list) {
+            const std::string name = job.Name();
+            document["jobs"][name] = job.TakeDocument();
+            parsed.emplace(name, std::move(job));
+        }
+        list->clear();
     }
-    jobs.clear();
     return document;
 }
 
 void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) const {
-    if (!JsonToFile(RuntimeDocument(jobs), path, durability))
+    // What others read shows the jobs that run, what the next start reads shows all.
+    const bool isForOthers = durability == Durability::Process;
+    const std::string document =
+        isForOthers ? RuntimeDocument(jobs) : RuntimeDocument(jobs, unstaged);
+    if (!JsonToFile(document, path, durability))
         LOG_ERROR("runtime config save failed (%s)", path.c_str());
 }
 

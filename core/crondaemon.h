@@ -21,12 +21,14 @@
 #define CORE_CRONDAEMON_H
 
 #include "core/job_state.h"
+#include "core/launch_note.h"
+#include "core/waiting_starts.h"
 #include "job/cronjob.h"
+#include "job/runtime_directory.h"
 #include "platform/json_file.h"
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <json/value.h>
 #include <map>
@@ -54,6 +56,7 @@ private:
     void RunCycle();
     void Evaluate();
     void LaunchJobs(const std::vector<JobState> &states);
+    void LaunchJob(CronJob &job, const LaunchFacts &facts);
     JobState ComputeState(const CronJob &job, bool held) const;
     void RegenerateOnTimeChange();
     void RegenerateField(const std::string &key);
@@ -84,6 +87,8 @@ private:
     void ApplyJobSet(Json::Value previous, JobSet jobSet, JobSet parsed);
     void MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &parsed) const;
     void RebuildJobList(Json::Value document, JobSet parsed);
+    void StageAndAdd(CronJob job, Staging &staging, KnownAccounts &accounts);
+    void RemoveUnusedPrograms(Staging &staging) const;
 
     // The runtime document of the jobs, which are given up for it, because a copy would take as
     // much memory again. What is left of them goes to `parsed`.
@@ -99,8 +104,12 @@ private:
     std::int32_t inotifyFd = -1; // closed by Shutdown, never by a destructor
     std::uint32_t watchCount = 0;
     std::array<std::int32_t, kWatchLimit> watches{};
-    std::chrono::steady_clock::time_point lastLaunch;
+    RuntimeDirectoryState runtimeDirectory; // after the latest load
+    WaitingStarts waitingStarts;
     std::vector<CronJob> jobs;
+    // Jobs whose programs could not be copied at the latest load, in the order of their names. They
+    // do not run, but what is known of them is saved, and the next load tries them again.
+    std::vector<CronJob> unstaged;
     ScheduleTemplate scheduleTemplate;
 };
 

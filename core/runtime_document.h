@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-// The documents of the jobs, which are in the order of their names, as JSON text keyed by these.
-// Put together without a copy of them, which would take as much memory again.
-std::string RuntimeDocument(const std::vector<CronJob> &jobs);
+// The documents of the jobs in both lists, each in the order of its names, as JSON text keyed by
+// these. Put together without a copy of them, which would take as much memory again.
+std::string RuntimeDocument(const std::vector<CronJob> &jobs,
+                            const std::vector<CronJob> &more = {});
 
 #endif

@@ -5,6 +5,7 @@
 #include "ctl/files.h"
 #include "job/cronjob.h"
 #include "job/json_members.h"
+#include "job/runtime_directory.h"
 #include "platform/descriptor.h"
 #include "platform/kestcore.h"
 #include "platform/kestsdk.h"

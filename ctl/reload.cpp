@@ -5,6 +5,7 @@
 #include "ctl/utf8.h"
 #include "ctl/words.h"
 #include "job/json_members.h"
+#include "job/runtime_directory.h"
 
 #include <cerrno>
 #include <chrono>

@@ -3,6 +3,7 @@
 #include "ctl/log_line.h"
 #include "ctl/messages.h"
 #include "ctl/utf8.h"
+#include "job/runtime_directory.h"
 #include "platform/errno_kept.h"
 #include "platform/kestcore.h"
 
@@ -44,10 +45,7 @@ std::string NoteOf(const LiveJob &job, std::time_t now) {
 // Whether the staged program is one that the daemon has staged: nobody else may write where it
 // lies.
 bool IsStagedByDaemon(const std::string &staged) {
-    struct stat directory {};
-    return lstat(kRuntimeDirectory, &directory) == 0 && S_ISDIR(directory.st_mode) &&
-           directory.st_uid == 0 && (directory.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-           XLIBCFileExist(staged.c_str());
+    return OpenRuntimeDirectory() && XLIBCFileExist(staged.c_str());
 }
 
 // A job has the daemon's environment, directory and file mode mask, not those of somebody's shell:
@@ -82,7 +80,7 @@ void TakeOnSurroundings(const Daemon &daemon) {
     int status = kNotPrepared;
     try {
         TakeOnSurroundings(daemon);
-        if (job.RunInChild(note)) {
+        if (job.BecomeCommand(note)) {
             status = kNotRun;
             std::cerr << "kestcronctl: its command cannot be run; the execution log tells why\n";
         }
@@ -137,7 +135,7 @@ int Run(const Context &context, const RunOptions &options) {
         throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "
                                    "loads jobs");
     CronJob prepared = job.job;
-    prepared.PointAt(job.staged);
+    prepared.SetProgram(job.staged);
     std::cout.flush();
     const pid_t pid = XLIBCProcForkEx(71);
     if (pid == -1)

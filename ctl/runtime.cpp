@@ -9,6 +9,7 @@
 #include "ctl/words.h"
 #include "job/account.h"
 #include "job/json_members.h"
+#include "job/runtime_directory.h"
 #include "log/printable.h"
 #include "platform/descriptor.h"
 #include "platform/kestsdk.h"

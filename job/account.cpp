@@ -10,6 +10,10 @@ bool Mentions(const Json::Value &config, const char *word) {
 
 } // namespace
 
+bool IsOfAccountDirectory(const std::string &jobName) {
+    return jobName.rfind(std::string(kAccountSource) + "-", 0) == 0;
+}
+
 bool IsOfPackage(const Json::Value &config) {
     return Mentions(config, "package");
 }

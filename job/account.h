@@ -6,6 +6,22 @@
 #include <json/value.h>
 #include <optional>
 #include <string>
+#include <sys/types.h>
+
+// The account that a job runs as.
+struct JobUser {
+    bool valid = false;
+    std::string name;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+// The label of the source in which accounts have directories of their own.
+constexpr const char *kAccountSource = "pkg_nonroot";
+
+// Whether the job of this full name is defined in an account's own directory. No other source's
+// label begins like that one's.
+bool IsOfAccountDirectory(const std::string &jobName);
 
 // Whether the definition `config` is of a package: the class of an account is found anywhere in the
 // text of "user".

@@ -6,6 +6,7 @@
 #include "job/json_members.h"
 #include "job/overdue.h"
 #include "job/period.h"
+#include "job/runtime_directory.h"
 #include "job/schedule.h"
 #include "log/error_log.h"
 #include "log/memorylogger.h"
@@ -185,14 +186,15 @@ JobUser ResolveJobUser(const Json::Value &config, KnownAccounts &accounts) {
         return user;
     }
     const auto known = accounts.find(*account);
-    if (known != accounts.end())
-        return known->second;
-    user.name = *account;
-    user.valid =
-        IsCText(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
-    if (user.valid)
-        accounts.emplace(user.name, user);
-    else
+    if (known != accounts.end()) {
+        user = known->second;
+    } else {
+        user.name = *account;
+        user.valid =
+            IsCText(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
+        accounts.emplace(user.name, user); // one that is not found may have cost a time-out
+    }
+    if (!user.valid)
         LOG_ERROR("user %s not exist", user.name.c_str());
     return user;
 }
@@ -234,7 +236,13 @@ std::int32_t CronJob::GetSingleScheduleValue(const std::string &key) const {
 }
 
 bool CronJob::MatchField(const std::string &key, std::int32_t value) const {
-    return FieldAdmits(Member(Member(_jsJob, "schedule"), key), value);
+    const auto &keys = FieldKeys();
+    const auto *const known = std::find(keys.begin(), keys.end(), key);
+    return known != keys.end() && Admits(static_cast<std::size_t>(known - keys.begin()), value);
+}
+
+bool CronJob::Admits(std::size_t field, std::int32_t value) const {
+    return value >= 0 && value < 64 && (dueBits_[field] >> static_cast<unsigned>(value) & 1U) != 0;
 }
 
 bool CronJob::IsDueNow() const {
@@ -243,9 +251,9 @@ bool CronJob::IsDueNow() const {
         LOG_ERROR("Failed to get localtime");
         return false;
     }
-    const std::array<std::int32_t, 5> fields = FieldsOf(*local);
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        if ((dueBits_[i] >> static_cast<unsigned>(fields[i]) & 1U) == 0)
+    const std::array<std::int32_t, 5> values = FieldsOf(*local);
+    for (std::size_t field = 0; field < values.size(); ++field)
+        if (!Admits(field, values[field]))
             return false;
     return true;
 }
@@ -322,146 +330,73 @@ bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::s
 
 namespace {
 
-// Removes whatever stands at `path` inside the runtime directory.
-void RemoveStaged(const std::string &path) {
-    const ErrnoKept kept;
-    if (unlink(path.c_str()) == 0 || errno != EISDIR)
-        return;
-    // A directory copied with its owner: taken from him first, so that it stays as it is found.
-    const Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (directory && fchown(directory.Get(), 0, 0) == 0 && fchmod(directory.Get(), 0700) == 0) {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-}
-
-// Whether `path` lies on a file system that has no blocks, because the kernel makes up its files.
-bool IsOfKernel(const std::string &path) {
-    struct statvfs status {};
-    return statvfs(path.c_str(), &status) == 0 && status.f_blocks == 0;
-}
-
-// Whether a program can be staged at all: errno tells why not.
-bool IsStageable(const std::string &name, const std::string &source) {
-    struct stat status {};
-    // What lies in somebody else's directory could be exchanged before it is started.
-    if (!IsOwnDirectory(kRuntimeDirectory))
-        return false;
-    // A name is one file in the runtime directory, never a way out of it.
-    if (!IsCText(name) || !IsCText(source) || name.find('/') != std::string::npos) {
-        errno = EINVAL;
-        return false;
-    }
-    if (stat(source.c_str(), &status) == -1)
-        return false;
-    // The files of the kernel look empty, and some make their reader wait for ever.
-    if (S_ISREG(status.st_mode) && (status.st_size != 0 || !IsOfKernel(source)))
-        return true;
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    return false;
-}
-
-// What stood at a staged path, kept beside it until the new copy can be run.
-class PreviousCopy {
-public:
-    static constexpr const char *kPath = "/tmp/kestcrond/.previous";
-
-    explicit PreviousCopy(std::string staged)
-        : staged_(std::move(staged)), isThere_(SetAside(staged_)) {}
-    PreviousCopy(const PreviousCopy &) = delete;
-    PreviousCopy &operator=(const PreviousCopy &) = delete;
-    ~PreviousCopy() {
-        if (isThere_)
-            RemoveStaged(kPath);
-    }
-
-    void PutBack() {
-        const ErrnoKept kept;
-        RemoveStaged(staged_);
-        if (std::exchange(isThere_, false))
-            std::rename(kPath, staged_.c_str());
-    }
-
-private:
-    // Returns whether there was anything.
-    static bool SetAside(const std::string &staged) {
-        const ErrnoKept kept;
-        struct stat status {};
-        if (lstat(staged.c_str(), &status) == -1 && errno == ENOENT)
-            return false; // as at each first load; a rename takes longer to find that out
-        if (std::rename(staged.c_str(), kPath) == 0)
-            return true;
-        RemoveStaged(kPath); // left behind by a crash
-        return std::rename(staged.c_str(), kPath) == 0;
-    }
-
-    std::string staged_;
-    bool isThere_;
-};
-
-// Puts a copy of `source` at `staged`, where nothing stands, and tells what it is: a program or a
-// link. The source may have become something else since it was looked at.
-bool CopyProgram(const std::string &source, const std::string &staged, struct stat &status) {
-    return XLIBCExec("/usr/bin/cp", "-af", source.c_str(), staged.c_str(), nullptr) == 0 &&
-           lstat(staged.c_str(), &status) == 0 &&
-           (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode));
-}
-
-bool FailToCopy(const std::string &source, const std::string &staged) {
+// errno is what the message says of it.
+void ReportFailedCopy(const std::string &source, const std::string &staged,
+                      const ProgramCopy &copy) {
+    errno = copy.error;
     LOG_ERROR("Failed to cp [%s][%s][0x%04X %s:%d]", source.c_str(), staged.c_str(),
-              static_cast<unsigned>(XLIBCErrGet()), XLIBCErrorGetFile(), XLIBCErrorGetLine());
-    return false;
+              static_cast<unsigned>(copy.platformError), copy.platformFile.data(),
+              copy.platformLine);
 }
 
-// Gives the staged program to the job's account. A staged link is only followed to see that its
-// target exists: the target is somebody else's and keeps its owner.
-bool ChownIfNeeded(const std::string &staged, struct stat status, const JobUser &user) {
-    const bool isLink = S_ISLNK(status.st_mode);
-    if (!user.valid) {
-        LOG_ERROR("Unable to get user group info");
-        return false;
+// Reports the step that failed on the way of a copy into its place.
+void ReportFailedStep(Staging::Step step, const std::string &staged, const JobUser &user) {
+    if (step == Staging::Step::Chmod) {
+        LOG_ERROR("Failed to chmod [%s][%m]", staged.c_str());
+        return;
     }
-    if (isLink && stat(staged.c_str(), &status) == -1) {
+    if (step == Staging::Step::Stat)
         LOG_ERROR("Failed to stat [%s][%m]", staged.c_str());
-        return false;
-    }
-    if (isLink || (status.st_uid == user.uid && status.st_gid == user.gid))
-        return true;
-    if (chown(staged.c_str(), user.uid, user.gid) == -1) {
+    if (step == Staging::Step::Chown)
         LOG_ERROR("Failed to chown [%s][%s][%m]", staged.c_str(), user.name.c_str());
-        return false;
-    }
-    return true;
+    LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
+}
+
+StagingResult FailWithoutAccount(const std::string &staged, const JobUser &user) {
+    LOG_ERROR("Unable to get user group info");
+    ReportFailedStep(Staging::Step::None, staged, user);
+    return StagingResult::Refused;
 }
 
 } // namespace
 
-bool MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts) {
-    const std::string staged = std::string(kRuntimeDirectory) + "/" + job.Name();
+StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) {
+    const std::string name = job.Name();
+    const std::string staged = std::string(kRuntimeDirectory) + "/" + name;
     const std::string source = Member(job.Document(), "cmd_list")[0U].asString();
-    struct stat status {};
-    if (!XLIBCFileExist(source.c_str())) {
+    const bool isOfAccount = IsOfAccountDirectory(name);
+    JobUser user;
+    if (isOfAccount) {
+        user = ResolveJobUser(Member(job.Document(), "config"), accounts);
+        if (!user.valid)
+            return FailWithoutAccount(staged, user);
+    }
+    const ProgramCopy copy = staging.Copy(name, source, isOfAccount ? &user : nullptr);
+    if (copy.outcome == ProgramCopy::Outcome::NoProgram) {
+        errno = copy.error;
         LOG_ERROR("missing binary %s", source.c_str());
-        return false;
+        return StagingResult::Refused;
     }
-    if (!IsStageable(job.Name(), source))
-        return FailToCopy(source, staged);
-    PreviousCopy previous(staged);
-    if (!CopyProgram(source, staged, status)) {
-        previous.PutBack();
-        return FailToCopy(source, staged);
+    if (copy.outcome == ProgramCopy::Outcome::Stopped)
+        return StagingResult::Stopped;
+    if (copy.outcome != ProgramCopy::Outcome::Made) {
+        ReportFailedCopy(source, staged, copy);
+        return copy.outcome == ProgramCopy::Outcome::Refused ? StagingResult::Refused
+                                                             : StagingResult::Failed;
     }
-    job.PointAt(staged);
-    if (!ChownIfNeeded(staged, status,
-                       ResolveJobUser(Member(job.Document(), "config"), accounts))) {
-        LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
-        return false;
-    }
-    if (!S_ISLNK(status.st_mode) && chmod(staged.c_str(), 0700) == -1) {
-        LOG_ERROR("Failed to chmod [%s][%m]", staged.c_str());
-        return false;
-    }
-    return true;
+    job.SetProgram(staged);
+    if (!isOfAccount)
+        user = ResolveJobUser(Member(job.Document(), "config"), accounts);
+    if (!user.valid)
+        return FailWithoutAccount(staged, user);
+    const Staging::Step step = staging.PutInPlace(name, user);
+    if (step == Staging::Step::None)
+        return StagingResult::Staged;
+    if (step == Staging::Step::Rename)
+        ReportFailedCopy(source, staged, ProgramCopy{ProgramCopy::Outcome::Failed, errno});
+    else
+        ReportFailedStep(step, staged, user);
+    return StagingResult::Failed;
 }
 
 // --- Execution ----------------------------------------------------------------------------------
@@ -473,7 +408,7 @@ void CronJob::NoteLaunch(std::int64_t when) {
     _jsJob[Json::StaticString("expireTime")] = 0;
 }
 
-void CronJob::PointAt(const std::string &program) {
+void CronJob::SetProgram(const std::string &program) {
     _jsJob[Json::StaticString("cmd_list")][0U] = program;
 }
 
@@ -490,14 +425,19 @@ void CronJob::Launch(std::int32_t delay, const std::string &note) {
         try {
             if (delay > 0)
                 sleep(static_cast<unsigned>(delay));
-            if (RunInChild(note))
-                _exit(EXIT_SUCCESS); // as the command would have, had it been there
+            RunJobChild(note);
         } catch (const std::exception &error) {
             LOG_ERROR("caught a std::exception: %s", error.what());
         }
         _exit(EXIT_FAILURE);
     }
     scheduleText.clear();
+}
+
+void CronJob::RefuseLaunch() {
+    NoteLaunch(std::time(nullptr));
+    errno = EAGAIN;
+    LOG_ERROR("Failed to fork()");
 }
 
 namespace {
@@ -542,19 +482,18 @@ void TakeOnAccount(const JobUser &user, const std::string &name) {
         report("setuid");
 }
 
-// Becomes the program. While a load puts a new copy into its place there is none, or one that
-// cannot be run yet; that is waited for.
-int StartProgram(char *const *arguments) {
-    constexpr int mostTries = 100;
+// Becomes the program, if it is one that the daemon has staged. A load that closes the runtime
+// directory to others, or replaces the program in this very moment, is waited for.
+int StartProgram(char *const *arguments, uid_t uid) {
+    constexpr int mostTries = 600;
     constexpr useconds_t pause = 100000;
-    const auto isCopying = [] {
-        const ErrnoKept kept;
-        return access(PreviousCopy::kPath, F_OK) == 0;
-    };
     for (int tries = 1;; ++tries) {
-        const bool wasCopying = isCopying();
-        const int rc = XLIBCExecv(arguments[0], arguments, 1);
-        if ((!wasCopying && !isCopying()) || tries == mostTries)
+        const RuntimeDirectoryState before = RuntimeDirectoryState::Now();
+        int rc = -1;
+        if (!before.IsClosed() && (arguments[0] == nullptr || IsFitToRun(arguments[0], uid)))
+            rc = XLIBCExecv(arguments[0], arguments, 1);
+        const RuntimeDirectoryState after = RuntimeDirectoryState::Now();
+        if ((!before.IsClosed() && before == after) || tries == mostTries)
             return rc;
         usleep(pause);
     }
@@ -562,7 +501,12 @@ int StartProgram(char *const *arguments) {
 
 } // namespace
 
-bool CronJob::RunInChild(const std::string &note) const {
+void CronJob::RunJobChild(const std::string &note) const {
+    if (BecomeCommand(note))
+        _exit(EXIT_SUCCESS); // as the command would have, had it been there
+}
+
+bool CronJob::BecomeCommand(const std::string &note) const {
     const ArgumentVector arguments(Member(_jsJob, "cmd_list"));
     if (arguments.Get() == nullptr) {
         LOG_ERROR("new pszCmd failed");
@@ -581,7 +525,7 @@ bool CronJob::RunInChild(const std::string &note) const {
     // The account cannot open the log, but what goes wrong from here on belongs into it.
     executionLog.KeepLogOpen();
     TakeOnAccount(user, name);
-    const int rc = StartProgram(arguments.Get());
+    const int rc = StartProgram(arguments.Get(), user.uid);
     if (rc < 0)
         WriteExecutionLog(running + " failed, return code: " + std::to_string(rc) +
                           ", error: " + std::strerror(errno));

@@ -8,7 +8,9 @@
 #ifndef JOB_CRONJOB_H
 #define JOB_CRONJOB_H
 
+#include "job/account.h"
 #include "job/cron_field.h"
+#include "job/staging.h"
 #include "platform/json_file.h"
 
 #include <array>
@@ -82,7 +84,7 @@ public:
     void NoteLaunch(std::int64_t when);
 
     // Makes `program` the one that is run, with the arguments as they are.
-    void PointAt(const std::string &program);
+    void SetProgram(const std::string &program);
 
     // Starts the job: stamps "lastExecution", clears "expireTime" and `scheduleText`, and forks a
     // process that waits `delay` seconds and then runs the command. Does not wait for it. When the
@@ -90,10 +92,17 @@ public:
     void Launch(std::int32_t delay, const std::string &note);
 
     // In a child of its own: writes the execution log's line with `note`, takes on the account and
-    // becomes the command, which it waits for while a load copies it, ten seconds at most. Returns
-    // only when that fails: false when the job cannot be prepared, true, with a line in the
-    // execution log, when its command cannot be run.
-    bool RunInChild(const std::string &note) const;
+    // becomes the command. Ends the process with status 0 when the command cannot be run, which
+    // the execution log then says; returns only when the job cannot be prepared.
+    void RunJobChild(const std::string &note) const;
+
+    // The same, but returns true when the command cannot be run, and false when the job cannot be
+    // prepared.
+    bool BecomeCommand(const std::string &note) const;
+
+    // Stands for a Launch that was refused for want of resources: it is reported and remembered as
+    // one whose fork failed.
+    void RefuseLaunch();
 
     bool valid = false;
     std::int32_t assureExecute = 0; // hours; 0: not assured
@@ -113,6 +122,8 @@ public:
     CronFields cronFields;
 
 private:
+    // Whether the schedule's field with this index admits `value`.
+    bool Admits(std::size_t field, std::int32_t value) const;
     bool CheckJobConfig();
     bool ParseJobConfig();
     bool ParseCrontab();
@@ -124,31 +135,30 @@ private:
     Json::Value _jsJob;
 };
 
-// The account that a job runs as.
-struct JobUser {
-    bool valid = false;
-    std::string name;
-    uid_t uid = 0;
-    gid_t gid = 0;
-};
-
 // The accounts found so far, by name. A load asks for a few of them very often, and each question
 // reads the account database.
 using KnownAccounts = std::map<std::string, JobUser>;
 
 // The account that the definition `config` asks for; invalid, with a message, when there is none.
-// What is among `accounts` is not asked for again, what is found is added to them.
+// What is among `accounts` is not looked up again, and every look-up is added to them, failed ones
+// too.
 JobUser ResolveJobUser(const Json::Value &config, KnownAccounts &accounts);
 JobUser ResolveJobUser(const Json::Value &config);
 
-// The directory of the staged programs, which only root may write.
-constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
+// Whether the job's program could be staged.
+enum class StagingResult : unsigned char {
+    Staged,
+    Refused, // it has none that can be staged
+    Failed,  // it could not be copied this time
+    Stopped  // it was given up for a stop
+};
 
 // Copies the job's program into the runtime directory under the full job name, gives the copy to
 // the job's account with mode 0700, and points the job at it. Nothing outside that directory
-// changes: a program that is a link stays one, and what it links to keeps owner and mode. Returns
-// false, with a message, when the job may not be admitted.
-bool MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts);
+// changes: a program that is a link stays one, and what it links to keeps owner and mode. The
+// program of a job from an account's own directory is copied with the account's rights. What fails
+// is reported, and the job may then not be admitted.
+StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging);
 
 // The job that is never run: each field of its schedule is the draw that all jobs share.
 class ScheduleTemplate : public CronJob {

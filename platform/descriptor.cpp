@@ -78,15 +78,19 @@ bool WriteAll(int fd, std::string_view content) {
     return true;
 }
 
-void CloseInheritedDescriptors() {
+void CloseInheritedDescriptors(int kept) {
     // The system log's connection would be closed behind the C library's back, which would then
     // write messages into whatever file gets the number next.
     closelog();
-    const ErrnoKept kept;
-    if (close_range(STDERR_FILENO + 1, ~0U, 0) == 0)
+    const ErrnoKept error;
+    const auto first = static_cast<unsigned>(STDERR_FILENO + 1);
+    const auto hole = kept < 0 ? ~0U : static_cast<unsigned>(kept);
+    if ((hole <= first || close_range(first, hole - 1, 0) == 0) &&
+        (hole == ~0U || close_range(hole + 1, ~0U, 0) == 0))
         return;
     // A kernel before 5.9.
     const auto limit = static_cast<int>(std::min(sysconf(_SC_OPEN_MAX), 65536L));
     for (int fd = STDERR_FILENO + 1; fd < limit; ++fd)
-        close(fd);
+        if (fd != kept)
+            close(fd);
 }

@@ -49,8 +49,8 @@ bool ReadAll(int fd, std::size_t limit, std::string &content);
 // Writes all of `content` to `fd`. Returns false with errno set when a part could not be written.
 bool WriteAll(int fd, std::string_view content);
 
-// Closes every descriptor but standard input, output and error, the system log's included, which
-// the next message opens again.
-void CloseInheritedDescriptors();
+// Closes every descriptor but standard input, output and error and `kept`, the system log's
+// included, which the next message opens again.
+void CloseInheritedDescriptors(int kept = -1);
 
 #endif

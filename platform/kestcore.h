@@ -48,9 +48,10 @@ int XLIBCExecv(const char *path, char *const argv[], int flag);
 
 // Runs the program at `path` with the arguments that follow, up to a null pointer, and waits for
 // it. No shell is involved. Returns 0 when the program ended with exit status 0, its exit status
-// when that was another, and -1 when it could not be started or was killed. The result is known
-// whatever the caller does with SIGCHLD; when the caller ignores it, other children that end
-// meanwhile leave no zombie, as ever.
+// when that was another, and -1 when it could not be started or was killed. A program that takes
+// longer than ten seconds is killed: -1, with errno ETIMEDOUT. The result is known whatever the
+// caller does with SIGCHLD; when the caller ignores it, other children that end meanwhile leave no
+// zombie, as ever.
 int XLIBCExec(const char *path, ...) __attribute__((sentinel));
 
 // True when `path` exists, symbolic links followed.

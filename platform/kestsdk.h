@@ -8,7 +8,8 @@
 extern "C" {
 
 // Makes the directory `path`, with its missing parents when `parents` is not 0. Each directory made
-// belongs to `uid` and `gid` and has exactly the mode `mode`, whatever the umask. Returns 0 when
+// belongs to `uid` and `gid`. `path` has exactly the mode `mode`, its parents 0755, whatever the
+// umask. Returns 0 when
 // the directory stands afterwards, -1 with errno set otherwise. What stood before is left as it
 // was. `base` is null.
 int KESTFSMkdirP(const char *path, const char *base, int parents, uid_t uid, gid_t gid,

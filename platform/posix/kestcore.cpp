@@ -30,6 +30,7 @@ enum ErrorCode {
     kNotStarted = 0x0301,
     kProgramFailed = 0x0302,
     kProgramKilled = 0x0303,
+    kProgramTooSlow = 0x0304,
     kNoSuchFile = 0x0400
 };
 
@@ -121,6 +122,51 @@ int Spawn(pid_t &pid, const char *path, char *const argv[]) {
     return error;
 }
 
+// Blocks SIGCHLD for the length of a scope, so that a child's end can be waited for with a
+// time-out.
+class ChildSignalBlocked {
+public:
+    ChildSignalBlocked() {
+        sigemptyset(&set_);
+        sigaddset(&set_, SIGCHLD);
+        sigprocmask(SIG_BLOCK, &set_, &before_);
+    }
+    ChildSignalBlocked(const ChildSignalBlocked &) = delete;
+    ChildSignalBlocked &operator=(const ChildSignalBlocked &) = delete;
+    ~ChildSignalBlocked() {
+        const ErrnoKept kept;
+        sigprocmask(SIG_SETMASK, &before_, nullptr);
+    }
+
+    // Returns false when a whole second has passed without a signal.
+    bool WaitOneSecond() const {
+        constexpr timespec second{1, 0};
+        return sigtimedwait(&set_, nullptr, &second) != -1 || errno != EAGAIN;
+    }
+
+private:
+    sigset_t set_{};
+    sigset_t before_{};
+};
+
+// Collects the child `pid` if it ends within `seconds`. Returns its pid, 0 when it did not end, or
+// -1 with errno set. Whole seconds are counted, and not the time of a clock, which may be set.
+pid_t WaitFor(pid_t pid, int seconds, int &status) {
+    const ChildSignalBlocked blocked;
+    for (;;) {
+        const pid_t ended = waitpid(pid, &status, WNOHANG);
+        if (ended != 0 || seconds == 0)
+            return ended;
+        if (!blocked.WaitOneSecond())
+            --seconds;
+    }
+}
+
+// How long a program may take, in seconds, and how long its end after it was killed: a program that
+// waits for a broken device does not even end then, and is left behind.
+constexpr int kLongestRun = 10;
+constexpr int kLongestEnd = 1;
+
 int RunAndWait(const char *path, char *const argv[]) {
     const ExitStatusesKept statuses;
     pid_t pid = -1;
@@ -130,10 +176,14 @@ int RunAndWait(const char *path, char *const argv[]) {
         return Fail(kNotStarted, __LINE__);
     }
     int status = 0;
-    while (waitpid(pid, &status, 0) == -1)
-        if (errno != EINTR)
-            return Fail(kProgramKilled, __LINE__);
-    if (!WIFEXITED(status))
+    const pid_t ended = WaitFor(pid, kLongestRun, status);
+    if (ended == 0) {
+        kill(pid, SIGKILL);
+        WaitFor(pid, kLongestEnd, status);
+        errno = ETIMEDOUT;
+        return Fail(kProgramTooSlow, __LINE__);
+    }
+    if (ended == -1 || !WIFEXITED(status))
         return Fail(kProgramKilled, __LINE__);
     if (WEXITSTATUS(status) == 0)
         return Succeed();

@@ -36,7 +36,9 @@ bool MakeDirectory(const char *path, uid_t uid, gid_t gid, mode_t mode) {
     return mkdir(path, 0700) == 0 && chown(path, uid, gid) == 0 && chmod(path, mode) == 0;
 }
 
-bool MakeParents(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
+// Parents are open on the way: a closed one would keep the accounts from what lies in it.
+bool MakeParents(const std::string &path, uid_t uid, gid_t gid) {
+    constexpr mode_t mode = 0755;
     for (auto slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1))
         if (!MakeDirectory(path.substr(0, slash).c_str(), uid, gid, mode))
@@ -49,7 +51,7 @@ bool MakeParents(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
 int KESTFSMkdirP(const char *path, const char * /*base*/, int parents, uid_t uid, gid_t gid,
                  mode_t mode) {
     const int error = errno;
-    if (parents != 0 && !IsDirectory(path) && !MakeParents(path, uid, gid, mode))
+    if (parents != 0 && !IsDirectory(path) && !MakeParents(path, uid, gid))
         return -1;
     if (!MakeDirectory(path, uid, gid, mode))
         return -1;

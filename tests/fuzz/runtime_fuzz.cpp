@@ -84,7 +84,7 @@ bool SavedWithoutDisk(std::string text, const std::string &path, Durability dura
 bool StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/) {
     Require(Member(job.Document(), "cmd_list")[0U].isConvertibleTo(Json::stringValue),
             "a program has a name");
-    job.PointAt(std::string(kRuntimeDirectory) + "/" + job.Name());
+    job.SetProgram(std::string(kRuntimeDirectory) + "/" + job.Name());
     return true;
 }
 

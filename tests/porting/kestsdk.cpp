@@ -33,7 +33,7 @@ int KESTFSMkdirP(const char *path, const char * /*base*/, int parents, uid_t uid
     const std::string whole = path;
     for (auto slash = whole.find('/', 1); parents != 0 && slash != std::string::npos;
          slash = whole.find('/', slash + 1))
-        if (!MakeOne(whole.substr(0, slash), uid, gid, mode))
+        if (!MakeOne(whole.substr(0, slash), uid, gid, 0755))
             return -1;
     if (!MakeOne(whole, uid, gid, mode))
         return -1;

@@ -22,7 +22,7 @@ def test_missing_sources_are_made(machine):
     modes = {label: machine.path(path).stat().st_mode & 0o7777 for label, path in SOURCES.items()}
     assert modes == {"builtin": 0o750, "builtin-dyn": 0o750, "pkg": 0o750, "pkg_nonroot": 0o755}
     assert {machine.path(path).stat().st_uid for path in SOURCES.values()} == {0}
-    assert machine.path("/usr/kest").stat().st_mode & 0o7777 == 0o750
+    assert machine.path("/usr/kest").stat().st_mode & 0o7777 == 0o755
     assert machine.texts() == []
     assert machine.document() == {}
 

@@ -399,6 +399,16 @@ TEST_F(XLIBCExecTest, StartsAProgramThatHearsNoSignalForItsCaller) {
     ExpectDefaultSignals(ReadText(file), {SIGHUP, SIGINT, SIGTERM});
 }
 
+TEST_F(XLIBCExecTest, EndsAProgramThatTakesTooLong) {
+    for (void (*disposition)(int) : {SIG_DFL, SIG_IGN}) {
+        const ChildSignal signal(disposition);
+        EXPECT_EQ(XLIBCExec("/bin/sleep", "1000", nullptr), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        ExpectFailureRecorded();
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "nothing is left of it";
+    }
+}
+
 TEST_F(XLIBCExecTest, LeavesTheStatusOfOtherChildrenAlone) {
     const ChildSignal signal(SIG_DFL);
     const pid_t ended = MakeZombie();

@@ -34,8 +34,9 @@ TEST_F(MkdirTest, GivesItsModeWhateverTheUmask) {
             const Umask umask(mask);
             const std::string top = "top" + std::to_string(++number);
             EXPECT_EQ(Make(top + "/middle/last", mode), 0);
-            for (const std::string &name : {top, top + "/middle", top + "/middle/last"})
-                EXPECT_EQ(ModeOf(directory_.File(name)), mode) << name;
+            for (const std::string &name : {top, top + "/middle"})
+                EXPECT_EQ(ModeOf(directory_.File(name)), 0755U) << name;
+            EXPECT_EQ(ModeOf(directory_.File(top + "/middle/last")), mode);
         }
 }
 
@@ -50,6 +51,7 @@ TEST_F(MkdirTest, GivesWhatItMakesToTheAccount) {
 }
 
 TEST_F(MkdirTest, LeavesWhatStandsAsItIs) {
+    ASSERT_EQ(Make("a", 0701), 0);
     ASSERT_EQ(Make("a/b", 0701), 0);
     WriteText(directory_.File("a/b/file"), "kept");
     EXPECT_EQ(Make("a/b", 0755, 1, kOtherAccount), 0);

@@ -21,6 +21,15 @@ TEST(RuntimeDocument, HasTheDocumentOfEachJobByItsName) {
     EXPECT_EQ(RuntimeDocument(jobs), JsonToString(expected));
 }
 
+TEST(RuntimeDocument, HasTheJobsOfBothListsInTheOrderOfTheirNames) {
+    Json::Value expected;
+    for (const char *name : {"a", "b", "c", "d"})
+        expected["jobs"][name] = Job(name).Document();
+    EXPECT_EQ(RuntimeDocument({Job("b"), Job("c")}, {Job("a"), Job("d")}), JsonToString(expected));
+    EXPECT_EQ(RuntimeDocument({}, {Job("a"), Job("b"), Job("c"), Job("d")}),
+              JsonToString(expected));
+}
+
 TEST(RuntimeDocument, OfNoJobsIsAnEmptyObject) {
     EXPECT_EQ(RuntimeDocument({}), "{}");
 }
