@@ -330,6 +330,13 @@ bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::s
 
 namespace {
 
+// Whether the error says what stands at a path, and not that the machine could not find it out.
+bool IsAboutPath(int error) {
+    constexpr std::array<int, 7> errors{ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG,
+                                        EISDIR, EINVAL,  EACCES};
+    return std::find(errors.begin(), errors.end(), error) != errors.end();
+}
+
 // errno is what the message says of it.
 void ReportFailedCopy(const std::string &source, const std::string &staged,
                       const ProgramCopy &copy) {
@@ -352,10 +359,11 @@ void ReportFailedStep(Staging::Step step, const std::string &staged, const JobUs
     LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
 }
 
+// The look-up may have failed for a moment only, so that the job is not forgotten.
 StagingResult FailWithoutAccount(const std::string &staged, const JobUser &user) {
     LOG_ERROR("Unable to get user group info");
     ReportFailedStep(Staging::Step::None, staged, user);
-    return StagingResult::Refused;
+    return StagingResult::Failed;
 }
 
 } // namespace
@@ -375,14 +383,15 @@ StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &st
     if (copy.outcome == ProgramCopy::Outcome::NoProgram) {
         errno = copy.error;
         LOG_ERROR("missing binary %s", source.c_str());
-        return StagingResult::Refused;
+        return IsAboutPath(copy.error) ? StagingResult::Refused : StagingResult::Failed;
     }
     if (copy.outcome == ProgramCopy::Outcome::Stopped)
         return StagingResult::Stopped;
     if (copy.outcome != ProgramCopy::Outcome::Made) {
         ReportFailedCopy(source, staged, copy);
-        return copy.outcome == ProgramCopy::Outcome::Refused ? StagingResult::Refused
-                                                             : StagingResult::Failed;
+        return copy.outcome == ProgramCopy::Outcome::Refused && IsAboutPath(copy.error)
+                   ? StagingResult::Refused
+                   : StagingResult::Failed;
     }
     job.SetProgram(staged);
     if (!isOfAccount)

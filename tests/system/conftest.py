@@ -145,6 +145,9 @@ def never(name, **members):
 def pytest_addoption(parser):
     parser.addoption("--daemon", default="build/dev/kestcrond", help="the program to test")
     parser.addoption("--days", default=1, type=float, help="how long the long run is")
+    parser.addoption("--sweep", default=24, type=int, help="how many faults are drawn")
+    parser.addoption("--seed", default="1", help="which ones are drawn")
+    parser.addoption("--faults", default="", help="a file of faults, one to a line, to try instead")
     parser.addoption("--valgrind", action="store_true", help="look for leaks too")
     parser.addoption("--coverage", default="", help="the build directory that takes line counts")
 
