@@ -1,5 +1,6 @@
 #include "core/crondaemon.h"
 
+#include "core/account_files.h"
 #include "core/inotify_records.h"
 #include "core/job_files.h"
 #include "core/job_name.h"
@@ -226,7 +227,23 @@ void CronDaemon::Shutdown() {
 
 // --- Watching -----------------------------------------------------------------------------------
 
-bool CronDaemon::AddWatch(const std::string &path) {
+namespace {
+
+// By its descriptor where there is one. Without "/proc" that cannot be said; then the path must do.
+int AddInotifyWatch(int inotify, const std::string &path, int opened, std::uint32_t mask) {
+    if (opened != -1) {
+        const ErrnoKept kept;
+        const std::string link = "/proc/self/fd/" + std::to_string(opened);
+        const int watch = inotify_add_watch(inotify, link.c_str(), mask);
+        if (watch != -1 || errno != ENOENT)
+            return watch;
+    }
+    return inotify_add_watch(inotify, path.c_str(), mask);
+}
+
+} // namespace
+
+bool CronDaemon::AddWatch(const std::string &path, int opened) {
     constexpr std::uint32_t watchMask = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM |
                                         IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_DELETE_SELF |
                                         IN_MOVE_SELF;
@@ -234,7 +251,7 @@ bool CronDaemon::AddWatch(const std::string &path) {
         return true; // no changes are seen, but jobs are loaded
     std::int32_t watch = -1;
     if (watchCount < watches.size())
-        watch = inotify_add_watch(inotifyFd, path.c_str(), watchMask);
+        watch = AddInotifyWatch(inotifyFd, path, opened, watchMask);
     else
         errno = ENOSPC;
     if (watch < 0) {
@@ -272,6 +289,14 @@ bool HasNews(int inotify) {
 }
 
 } // namespace
+
+void CronDaemon::ForgetChanges() {
+    const ErrnoKept kept;
+    alignas(inotify_event) std::array<char, 16384> records{};
+    while (inotifyFd != -1 && HasNews(inotifyFd))
+        if (read(inotifyFd, records.data(), records.size()) <= 0 && errno != EINTR)
+            break;
+}
 
 void CronDaemon::PollChanges() {
     if (inotifyFd == -1 || !HasNews(inotifyFd))
@@ -331,48 +356,80 @@ bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
     return allAccepted;
 }
 
-void LoadJobFile(JobSet &jobSet, const JobDirectory &directory, const std::string &fileName,
-                 JsonLimits &room) {
-    const std::string path = PathIn(directory.path, fileName);
+// The definitions in the document of a job file, by their full names as far as they have one.
+Json::Value NamedDefinitions(Json::Value document, const JobDirectory &directory,
+                             const std::string &fileName) {
     const std::string base = FileBaseName(fileName);
-    Json::Value document;
-    JsonOrigin origin;
-    const bool read = JsonFromFile(path, document, room, &origin);
     Json::Value definitions = DefinitionsOf(std::move(document));
-    const bool fits = TakeRoom(room, directory, origin.text.size(), definitions.size());
-    if (read && !fits)
-        errno = EFBIG;
-    if (!read || !fits) {
-        LOG_ERROR("JSON file read error: %s", path.c_str());
-        return;
-    }
     for (Json::Value &definition : definitions)
         if (!NameDefinition(definition, directory, base))
             LOG_ERROR("Job (%s) must have a name!", base.c_str());
-    if (!AddJobDefinitions(jobSet, std::move(definitions)))
+    return definitions;
+}
+
+void LoadJobFile(JobSet &jobSet, const JobDirectory &directory, const std::string &fileName) {
+    const std::string path = PathIn(directory.path, fileName);
+    Json::Value document;
+    if (!JsonFromFile(path, document, kJobFileLimits))
+        LOG_ERROR("JSON file read error: %s", path.c_str());
+    else if (!AddJobDefinitions(jobSet, NamedDefinitions(std::move(document), directory, fileName)))
         LOG_ERROR("Job JSON format error: %s", path.c_str());
 }
 
-bool LoadJobFiles(JobSet &jobSet, const JobDirectory &directory) {
-    const Directory opened = OpenDirectory(directory.path);
-    if (!opened)
+// Returns false, and adds nothing, when the quota of the account does not admit the file.
+bool LoadAccountFile(JobSet &jobSet, const JobDirectory &directory, AccountFile file,
+                     AccountQuota &quota) {
+    const std::string path = PathIn(directory.path, file.name);
+    JsonOrigin origin;
+    Json::Value document;
+    if (const int error = ParseAccountFile(file, quota, origin, document)) {
+        errno = error;
+        if (error != EDQUOT)
+            LOG_ERROR("JSON file read error: %s", path.c_str());
+        return error != EDQUOT;
+    }
+    JobSet jobs;
+    const bool allAccepted =
+        AddJobDefinitions(jobs, NamedDefinitions(std::move(document), directory, file.name));
+    if (!ChargeDocument(quota, DocumentSize(jobs, quota.documentBytes)))
         return false;
-    JsonLimits room = kJobFileLimits;
-    for (const std::string &name : NamesIn(opened))
-        LoadJobFile(jobSet, directory, name, room);
+    for (auto &[name, job] : jobs)
+        jobSet.insert_or_assign(name, std::move(job));
+    if (!allAccepted)
+        LOG_ERROR("Job JSON format error: %s", path.c_str());
     return true;
 }
 
-// Each of these loads one directory and returns whether it could be opened; what is wrong with
-// single files and jobs is reported and left out.
+// Each of these loads one directory and returns whether it could be read; what is wrong with single
+// files and jobs is reported and left out.
 bool LoadJobDirectory(JobSet &jobSet, const std::string &directory, const std::string &label) {
     KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
-    return LoadJobFiles(jobSet, {directory, label, {}});
+    const Directory opened = OpenDirectory(directory);
+    if (!opened)
+        return false;
+    for (const std::string &name : NamesIn(opened))
+        LoadJobFile(jobSet, {directory, label, {}}, name);
+    return true;
 }
 
-bool LoadUserJobDirectory(JobSet &jobSet, const std::string &account, const std::string &directory,
-                          const std::string &label) {
-    return LoadJobFiles(jobSet, {directory, label, account});
+// `opened` is the directory, and is what is read, wherever its path leads by now.
+bool LoadUserJobDirectory(JobSet &jobSet, AccountLoad &load, int opened,
+                          const JobDirectory &directory) {
+    AccountFiles files;
+    const AccountReading reading = ReadAsAccount(opened, load.account, load.quota, files);
+    load.failed = reading == AccountReading::Failed;
+    if (reading == AccountReading::NotOpened)
+        LOG_ERROR("open directory failed.");
+    if (reading != AccountReading::Done)
+        return false;
+    const std::string inSource = directory.path.substr(directory.path.rfind('/') + 1);
+    for (AccountFile &file : files.files) {
+        const std::string name = PathIn(inSource, file.name);
+        if (!LoadAccountFile(jobSet, directory, std::move(file), load.quota))
+            load.leftOut.Add(name);
+    }
+    load.leftOut.AddUnnamed(files.unread, files.more);
+    return true;
 }
 
 } // namespace
@@ -383,6 +440,7 @@ void CronDaemon::ReloadJobs() {
     JobSet parsed;
     Json::Value previous = JobsToJson(parsed);
     RemoveAllWatches();
+    ForgetChanges();
     ApplyJobSet(std::move(previous), LoadSources(), std::move(parsed));
 }
 
@@ -412,37 +470,57 @@ bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &di
         LOG_ERROR("Failed to register %s", directory.c_str());
         return false;
     }
+    AccountLoads loads;
     for (const std::string &name : NamesIn(opened))
-        LoadAccount(jobSet, PathIn(directory, name), label);
+        LoadAccount(jobSet, PathIn(directory, name), label, loads);
+    for (const auto &[uid, load] : loads)
+        if (!load.leftOut.Empty())
+            LOG_ERROR("Quota of %s exceeded, left out: %s", load.account.name.c_str(),
+                      load.leftOut.Text().c_str());
     return true;
 }
 
 namespace {
 
-// The name of the account that owns `path`; empty, with a message, when there is none.
-std::string OwnerOf(const std::string &path) {
+// The account that owns `directory`, opened at `path`; invalid, with a message, when there is none.
+JobUser OwnerOf(const Descriptor &directory, const std::string &path) {
+    JobUser account;
     struct stat status {};
-    if (stat(path.c_str(), &status) == -1) {
+    if (!directory || fstat(directory.Get(), &status) == -1) {
         LOG_ERROR("stat error: %s", path.c_str());
-        return {};
+        return account;
+    }
+    if (IsOpenToOthers(status)) {
+        errno = EPERM;
+        return account;
     }
     const passwd *owner = getpwuid(status.st_uid);
     if (owner == nullptr) {
         LOG_ERROR("get uid error: %d", static_cast<int>(status.st_uid));
-        return {};
+        return account;
     }
-    return owner->pw_name;
+    account = {true, owner->pw_name, owner->pw_uid, owner->pw_gid};
+    return account;
 }
 
 } // namespace
 
-void CronDaemon::LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label) {
-    const std::string account = OwnerOf(path);
-    if (account.empty())
+void CronDaemon::LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label,
+                             AccountLoads &loads) {
+    const Descriptor directory = OpenForNaming(path);
+    const JobUser account = OwnerOf(directory, path);
+    if (!account.valid) {
         LOG_ERROR("Failed to dir user: %s", path.c_str());
-    else if (!AddWatch(path))
+        return;
+    }
+    if (!AddWatch(path, directory.Get())) {
         LOG_ERROR("Failed to register %s", path.c_str());
-    else if (!LoadUserJobDirectory(jobSet, account, path, label))
+        return;
+    }
+    AccountLoad &load = loads[account.uid];
+    load.account = account;
+    if (load.failed ||
+        !LoadUserJobDirectory(jobSet, load, directory.Get(), {path, label, account.name}))
         LOG_ERROR("Failed to load %s config", path.c_str());
 }
 

@@ -20,6 +20,7 @@
 #ifndef CORE_CRONDAEMON_H
 #define CORE_CRONDAEMON_H
 
+#include "core/account_files.h"
 #include "core/job_state.h"
 #include "core/launch_note.h"
 #include "core/waiting_starts.h"
@@ -37,6 +38,9 @@
 
 // What the sources define: accepted jobs by their full names.
 using JobSet = std::map<std::string, CronJob>;
+
+// The accounts of a load, by number.
+using AccountLoads = std::map<uid_t, AccountLoad>;
 
 class CronDaemon {
 public:
@@ -64,11 +68,15 @@ private:
 
     // Watches `path` for changes of itself and of what lies in it. Returns false, with a message,
     // when that cannot be done; true without a watch when the system has none to give at all.
-    bool AddWatch(const std::string &path);
+    // `opened`, when given, is a descriptor of what is to be watched, wherever `path` leads by now.
+    bool AddWatch(const std::string &path, int opened = -1);
     void RemoveAllWatches();
     // Looks, without waiting, whether anything watched has changed, and requests a reload if so.
     // Takes at most 1024 bytes of what the kernel has to say; the rest is left for the next look.
     void PollChanges();
+    // Drops all changes that were seen so far, for a load is about to find them by itself. Nothing
+    // is watched meanwhile, so there is an end to them.
+    void ForgetChanges();
 
     void ReloadJobs();
     // The job definitions of all sources by full job name. A source that fails is reported and left
@@ -79,7 +87,8 @@ private:
     // single accounts, files and jobs is reported and left out.
     bool LoadNonRootJobDirectories(JobSet &jobSet, const std::string &directory,
                                    const std::string &label);
-    void LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label);
+    void LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label,
+                     AccountLoads &loads);
 
     // Brings the jobs in line with `jobSet`: `previous`, a runtime document, loses the jobs that
     // are gone or changed, gains the new ones with fresh schedules, and becomes the live list.

@@ -3,8 +3,6 @@
 #ifndef CORE_JOB_FILES_H
 #define CORE_JOB_FILES_H
 
-#include "platform/json_file.h"
-
 #include <array>
 #include <cstddef>
 #include <json/value.h>
@@ -38,16 +36,50 @@ struct JobDirectory {
 // Whether a directory entry of this name is read: hidden ones are not.
 bool IsJobFileName(const std::string &name);
 
-// Takes what a file just read needs, its `size` in bytes or kRoomOfJob for each of its jobs if that
-// is more, from what the next file of the directory may have. All files of an account together have
-// the room of one, so that no account can make the daemon grow, or copy programs, without end.
-// Returns whether there was so much room; if not, the file is refused.
-bool TakeRoom(JsonLimits &room, const JobDirectory &directory, std::size_t size, std::size_t jobs);
-constexpr std::size_t kRoomOfJob = 1024;
+// What the job files of one account may still take, wherever they lie. It begins as much as one
+// file of any other source may have, so that no account can make the daemon grow, copy programs or
+// log errors without end. Files are charged in the order in which they are read; one that does not
+// fit is left out as a whole, and a smaller one behind it may still fit.
+struct AccountQuota {
+    std::size_t bytes = std::size_t{1} << 20;         // of text
+    std::size_t documentBytes = std::size_t{4} << 20; // of the runtime document
+};
+// Each entry of a directory counts as so many bytes of text at least, and so does each job.
+constexpr std::size_t kLeastCharge = 1024;
+
+// Charges an entry of `size` bytes, 0 when it could not be read. Returns false when there is not so
+// much left; it is then charged as an entry, as far as anything is left.
+bool ChargeFile(AccountQuota &quota, std::size_t size);
+
+// Charges the jobs of a file of `size` bytes, which is charged itself already, or what they take in
+// the runtime document. Each returns false and charges nothing when they do not fit.
+bool ChargeJobs(AccountQuota &quota, std::size_t size, std::size_t jobs);
+bool ChargeDocument(AccountQuota &quota, std::size_t documentBytes);
+
+// Names of what the quota of an account leaves out, for one message of all of it.
+class LeftOut {
+public:
+    static constexpr std::size_t kMostNames = 10;
+
+    void Add(const std::string &name);
+    // What comes behind names that were added; `more`: there is even more than that.
+    void AddUnnamed(std::size_t count, bool more);
+    bool Empty() const { return count_ == 0; }
+    // "a, b and 5 more": the first ten names and how many follow.
+    std::string Text() const;
+
+private:
+    std::string names_;
+    std::size_t count_ = 0;
+    std::size_t named_ = 0;
+    bool more_ = false;
+};
 
 // The definitions in a job file: its array, or its one object, which is named after the file alone.
 // An empty array for any other document.
 Json::Value DefinitionsOf(Json::Value document);
+// How many those are.
+std::size_t CountOfDefinitions(const Json::Value &document);
 
 // Gives the definition its full job name, and the account of a package account's directory.
 // `fileBaseName` is that of its file. Returns false and changes nothing when it has no name to

@@ -26,3 +26,22 @@ std::string RuntimeDocument(const std::vector<CronJob> &jobs, const std::vector<
     text.EndObject();
     return text.Take();
 }
+
+std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t most) {
+    // Numbers and their names that are yet to come, each in a line of its own.
+    constexpr std::size_t lineOfValue = sizeof "\n\t\t\t\t\t-1," - 1;
+    constexpr std::size_t otherLines = 512;
+    std::size_t toCome = 0;
+    JsonText text(most);
+    text.BeginObject();
+    text.Name("jobs");
+    text.BeginObject();
+    for (const auto &[name, job] : jobs) {
+        text.Name(name);
+        text.Append(job.Document());
+        toCome += otherLines;
+        for (const auto &[key, items] : job.cronFields)
+            toCome += items.size() * lineOfValue;
+    }
+    return text.Take().size() + toCome;
+}

@@ -5,6 +5,8 @@
 
 #include "job/cronjob.h"
 
+#include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,5 +14,9 @@
 // these. Put together without a copy of them, which would take as much memory again.
 std::string RuntimeDocument(const std::vector<CronJob> &jobs,
                             const std::vector<CronJob> &more = {});
+
+// How many bytes the jobs, by their names, take in that document at most, now and later, when they
+// have schedules and have been launched; some number above `most` when that is more.
+std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t most);
 
 #endif

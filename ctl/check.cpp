@@ -2,6 +2,7 @@
 
 #include "core/job_files.h"
 #include "core/job_name.h"
+#include "core/runtime_document.h"
 #include "ctl/check_definition.h"
 #include "ctl/messages.h"
 #include "job/json_members.h"
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <json/reader.h>
+#include <map>
 #include <memory>
 #include <unordered_map>
 #include <utility>
@@ -38,16 +40,17 @@ Problem FaultOf(const JobFile &file, const JsonPlaces &places) {
         problem.place = fault.place;
         return problem;
     }
-    const std::string bytes = std::to_string(kJobFileLimits.bytes) + " bytes";
     switch (file.error) {
     case EBADMSG:
         return error("the file is empty", "one JSON document");
     case EFBIG:
-        return file.directory.account.empty()
-                   ? error("the file is too large", "at most " + bytes)
-                   : error("the files of this account are too large together up to this one",
-                           "at most " + bytes + " for all of them, each job counted as at least " +
-                               std::to_string(kRoomOfJob));
+        return error("the file is too large",
+                     "at most " + std::to_string(kJobFileLimits.bytes) + " bytes");
+    case EDQUOT: {
+        Problem problem = BeyondQuota(file.directory.account);
+        problem.file = file.path;
+        return problem;
+    }
     case EISDIR:
         return error("a directory is no job file", "a regular file");
     case EINVAL:
@@ -146,6 +149,30 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
 }
 
 } // namespace
+
+std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
+    std::map<std::string, CronJob> jobs;
+    for (Json::Value &definition : DefinitionsOf(file.document)) {
+        NameDefinition(definition, file.directory, FileBaseName(file.name));
+        Json::Value document;
+        document["config"] = std::move(definition);
+        CronJob job(std::move(document));
+        if (job.valid)
+            jobs.insert_or_assign(job.Name(), std::move(job));
+    }
+    return DocumentSize(jobs, most);
+}
+
+Problem BeyondQuota(const std::string &account) {
+    const AccountQuota whole;
+    Problem problem;
+    problem.message = "the quota of " + Quoted(account) + " is used up before this file is read";
+    problem.allowed = std::to_string(whole.bytes) +
+                      " bytes for all files of the account, of which each and each job counts as " +
+                      std::to_string(kLeastCharge) + " at least, and " +
+                      std::to_string(whole.documentBytes) + " bytes of runtime document";
+    return problem;
+}
 
 JobFileReport CheckJobFile(const JobFile &file, const Surroundings &surroundings) {
     JobFileReport report;

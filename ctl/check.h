@@ -47,6 +47,13 @@ struct JobFileReport {
     std::vector<Problem> problems;
 };
 
+// How many bytes the jobs that the daemon accepts of the file take in the runtime document; some
+// number above `most` when that is more.
+std::size_t DocumentSizeOf(const JobFile &file, std::size_t most);
+
+// What there is to be said of a file that the quota of its account does not admit.
+Problem BeyondQuota(const std::string &account);
+
 JobFileReport CheckJobFile(const JobFile &file, const Surroundings &surroundings);
 
 // A warning for each of `jobs`, which are in the order in which the daemon reads them, that a later

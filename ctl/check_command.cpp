@@ -1,3 +1,4 @@
+#include "core/account_files.h"
 #include "ctl/check.h"
 #include "ctl/check_paths.h"
 #include "ctl/commands.h"
@@ -10,9 +11,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <tuple>
 #include <unistd.h>
@@ -119,26 +122,16 @@ public:
 
 private:
     void Take(const JobFile &file, std::vector<JudgedJob> &jobs);
-    std::vector<std::string> NamesToRead(const JobFileBatch &batch) const;
+    void CheckAccount(const JobFileBatch &batch);
+    void CheckUnread(const JobFileBatch &batch, const std::map<std::string, std::string> &unread);
+    bool Read(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
 
     const Appliance &appliance_;
     SystemFacts facts_;
     Outcome outcome_;
-    std::vector<JudgedJob> jobs_; // of the sources
+    std::vector<JudgedJob> jobs_;                // of the sources
+    std::map<std::string, AccountQuota> quotas_; // by account
 };
-
-// Those asked for; of an account all, because each takes of the room of the next.
-std::vector<std::string> Checker::NamesToRead(const JobFileBatch &batch) const {
-    std::map<std::string, std::string> names = batch.files;
-    if (!batch.directory.account.empty() && !names.empty())
-        for (const std::string &name : NamesIn(appliance_.Locate(batch.directory.path)))
-            names.emplace(name, "");
-    std::vector<std::string> sorted;
-    sorted.reserve(names.size());
-    for (const auto &[name, shown] : names)
-        sorted.push_back(name);
-    return sorted;
-}
 
 void Checker::Take(const JobFile &file, std::vector<JudgedJob> &jobs) {
     // Root reads everything, so what another may not read is not refused.
@@ -159,27 +152,102 @@ void Checker::Take(const JobFile &file, std::vector<JudgedJob> &jobs) {
 }
 
 void Checker::Check(const JobFileBatch &batch) {
+    if (batch.ofSource && !batch.directory.account.empty()) {
+        CheckAccount(batch);
+        return;
+    }
     std::vector<JudgedJob> own;
-    JsonLimits room = kJobFileLimits;
-    for (const std::string &name : NamesToRead(batch)) {
+    for (const auto &[name, shown] : batch.files) {
         JobFile file;
         const std::string path = batch.directory.path + "/" + name;
+        file.path = shown;
         file.name = name;
         file.directory = batch.directory;
         const bool read = JsonFromFile(batch.ofSource ? appliance_.Locate(path) : path,
-                                       file.document, room, &file.origin);
+                                       file.document, kJobFileLimits, &file.origin);
         file.error = read ? 0 : errno;
-        const std::size_t jobs = DefinitionsOf(file.document).size();
-        if (IsJobFileName(name) &&
-            !TakeRoom(room, batch.directory, file.origin.text.size(), jobs) && read)
-            file.error = EFBIG;
-        const auto asked = batch.files.find(name);
-        if (asked == batch.files.end())
-            continue;
-        file.path = asked->second;
         Take(file, batch.ofSource ? jobs_ : own);
     }
     Append(outcome_.problems, ReplacedJobs(own));
+}
+
+// As the daemon reads them, which only root can do, and only on its own system: elsewhere with the
+// rights there are, and links lead to files of that system.
+bool Checker::Read(const JobFileBatch &batch, const AccountQuota &quota,
+                   AccountFiles &files) const {
+    const std::string path = appliance_.Locate(batch.directory.path);
+    const Descriptor directory = OpenForNaming(path);
+    if (!directory)
+        return false;
+    struct stat status {};
+    if (appliance_.IsThisOne() && geteuid() == 0 && fstat(directory.Get(), &status) == 0)
+        if (const passwd *owner = getpwuid(status.st_uid))
+            return ReadAsAccount(directory.Get(),
+                                 {true, owner->pw_name, owner->pw_uid, owner->pw_gid}, quota,
+                                 files) == AccountReading::Done;
+    if (!ListAccountFiles(directory.Get(), quota, files))
+        return false;
+    AccountQuota left = quota;
+    for (AccountFile &file : files.files)
+        ReadAccountFile(AT_FDCWD, appliance_.Locate(batch.directory.path + "/" + file.name), left,
+                        file);
+    return true;
+}
+
+// All files of the account are read, whatever was asked for, because each takes of its quota.
+void Checker::CheckAccount(const JobFileBatch &batch) {
+    AccountQuota &quota = quotas_[batch.directory.account];
+    AccountFiles files;
+    if (!Read(batch, quota, files)) {
+        if (!batch.files.empty())
+            outcome_.unreadable.push_back(batch.directory.path + ": " + std::strerror(errno));
+        return;
+    }
+    std::map<std::string, std::string> asked = batch.files;
+    for (AccountFile &found : files.files) {
+        JobFile file;
+        file.name = found.name;
+        file.directory = batch.directory;
+        file.error = ParseAccountFile(found, quota, file.origin, file.document);
+        if (file.error == 0 && !ChargeDocument(quota, DocumentSizeOf(file, quota.documentBytes)))
+            file.error = EDQUOT;
+        const auto one = asked.find(file.name);
+        if (one == asked.end())
+            continue;
+        file.path = one->second;
+        asked.erase(one);
+        Take(file, jobs_);
+    }
+    CheckUnread(batch, asked);
+}
+
+// Hidden files, and those of the latest names in a directory with too many.
+void Checker::CheckUnread(const JobFileBatch &batch,
+                          const std::map<std::string, std::string> &unread) {
+    std::string first;
+    std::size_t count = 0;
+    for (const auto &[name, shown] : unread) {
+        JobFile file;
+        file.path = shown;
+        file.name = name;
+        file.directory = batch.directory;
+        if (IsJobFileName(name)) {
+            first = count++ == 0 ? shown : first;
+            continue;
+        }
+        const std::string path = appliance_.Locate(batch.directory.path + "/" + name);
+        const bool read = JsonFromFile(path, file.document, kJobFileLimits, &file.origin);
+        file.error = read ? 0 : errno;
+        Take(file, jobs_);
+    }
+    if (count == 0)
+        return;
+    Problem problem = BeyondQuota(batch.directory.account);
+    problem.file = first;
+    if (count > 1)
+        problem.message += ", and " + std::to_string(count - 1) + " more";
+    outcome_.problems.push_back(std::move(problem));
+    outcome_.files += count;
 }
 
 Outcome Checker::Finish() {
@@ -194,6 +262,7 @@ Outcome CheckAll(const Context &context, const CheckOptions &options) {
         paths.AddSources();
     for (const std::string &path : options.paths)
         paths.AddPath(path);
+    paths.AddTheirOtherDirectories();
     Checker checker(context.appliance);
     for (const JobFileBatch &batch : paths.Batches())
         checker.Check(batch);

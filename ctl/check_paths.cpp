@@ -1,5 +1,6 @@
 #include "ctl/check_paths.h"
 
+#include "core/account_files.h"
 #include "ctl/failure.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <unistd.h>
 
 namespace {
@@ -113,6 +115,11 @@ JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
             return nullptr;
         }
         directory.account = *owner;
+        if (IsOpenToOthers(status)) {
+            Refuse(shown, "belongs to root, and others may write to it",
+                   "a directory that only the account of its jobs may write to");
+            return nullptr;
+        }
     }
     if (!S_ISDIR(status.st_mode)) {
         Refuse(shown, "is no directory", "a directory");
@@ -191,4 +198,26 @@ void CheckPaths::AddPath(const std::string &path) {
     }
     if (JobFileBatch *batch = BatchAt(parent, parent))
         batch->files.emplace(whole.filename().string(), shown);
+}
+
+void CheckPaths::AddTheirOtherDirectories() {
+    std::set<std::string> accounts;
+    for (const auto &[rank, batch] : batches_)
+        if (!batch.directory.account.empty())
+            accounts.insert(batch.directory.account);
+    if (accounts.empty())
+        return;
+    const std::string top = kJobSources.at(AccountSource()).directory;
+    for (const std::string &name : NamesOf(appliance_.Locate(top))) {
+        JobFileBatch batch;
+        batch.directory = {PathIn(top, name), kJobSources.at(AccountSource()).label, {}};
+        batch.ofSource = true;
+        struct stat status {};
+        if (stat(appliance_.Locate(batch.directory.path).c_str(), &status) == -1 ||
+            !S_ISDIR(status.st_mode) || IsOpenToOthers(status))
+            continue;
+        batch.directory.account = appliance_.AccountName(status.st_uid).value_or("");
+        if (accounts.count(batch.directory.account) != 0)
+            batches_.try_emplace({AccountSource(), name}, std::move(batch));
+    }
 }

@@ -32,6 +32,10 @@ public:
     // when there is nothing at `path`.
     void AddPath(const std::string &path);
 
+    // The further directories of the accounts whose directories were added, without files: what
+    // lies in them takes of the same quota.
+    void AddTheirOtherDirectories();
+
     // In the order in which the daemon reads them, those of no source last.
     std::vector<JobFileBatch> Batches() const;
     // Directories that the daemon refuses as a whole.

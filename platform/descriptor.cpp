@@ -32,7 +32,11 @@ void Descriptor::Close() {
 }
 
 Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed) {
-    const Descriptor named(open(path.c_str(), O_PATH | O_CLOEXEC));
+    return OpenRegularFileAt(AT_FDCWD, path, allowed);
+}
+
+Descriptor OpenRegularFileAt(int directory, const std::string &path, const FileSize &allowed) {
+    const Descriptor named(openat(directory, path.c_str(), O_PATH | O_CLOEXEC));
     struct stat status {};
     if (!named || fstat(named.Get(), &status) == -1)
         return {};

@@ -40,7 +40,9 @@ struct FileSize {
 // looked up once, without opening what it names: opening a device has effects of its own, and a
 // second look-up could find another file. Does not wait, neither in opening nor in reading. Without
 // one, errno tells why not (EISDIR, EINVAL for what is no file, EBADMSG for one too small, EFBIG).
+// A relative path is looked up in `directory`, a descriptor of one or AT_FDCWD.
 Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed = {});
+Descriptor OpenRegularFileAt(int directory, const std::string &path, const FileSize &allowed = {});
 
 // Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
 // than `limit` bytes (EFBIG); `content` is then unspecified.

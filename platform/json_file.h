@@ -33,6 +33,9 @@ struct JsonOrigin {
 bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
                   JsonOrigin *origin = nullptr);
 
+// The same for a text that was read before, `origin.text`, which keeps to its limit in bytes.
+bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value);
+
 // How hard a document must be to lose.
 enum class Durability {
     Process, // outlives the program

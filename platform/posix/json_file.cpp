@@ -108,9 +108,12 @@ bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits 
     read = {};
     // Empty files are no documents; those of the kernel that let their reader wait look empty too.
     const Descriptor file = OpenRegularFile(path, {1, limits.bytes});
-    if (!file || !ReadAll(file.Get(), limits.bytes, read.text))
-        return false;
-    if (Parse(read, limits.depth, value))
+    return file && ReadAll(file.Get(), limits.bytes, read.text) &&
+           JsonFromText(read, limits.depth, value);
+}
+
+bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value) {
+    if (Parse(origin, depth, value))
         return true;
     value = Json::Value();
     errno = EBADMSG;

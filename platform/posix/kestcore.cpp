@@ -2,6 +2,7 @@
 
 #include "platform/descriptor.h"
 #include "platform/errno_kept.h"
+#include "platform/exit_statuses.h"
 
 #include <array>
 #include <cerrno>
@@ -76,32 +77,6 @@ bool IsZombie(pid_t pid) {
     const auto name = stat.rfind(')'); // the name before it may hold anything
     return name != std::string::npos && stat.compare(name, 3, ") Z") == 0;
 }
-
-// While an object of this class lives, a child's exit status can be waited for even though the
-// program ignores SIGCHLD. At its end SIGCHLD is as before, and children that ended meanwhile are
-// collected, as ignoring the signal would have done.
-class ExitStatusesKept {
-public:
-    ExitStatusesKept() {
-        sigaction(SIGCHLD, nullptr, &before_);
-        if (Ignored())
-            signal(SIGCHLD, SIG_DFL);
-    }
-    ExitStatusesKept(const ExitStatusesKept &) = delete;
-    ExitStatusesKept &operator=(const ExitStatusesKept &) = delete;
-    ~ExitStatusesKept() {
-        if (!Ignored())
-            return;
-        const ErrnoKept kept;
-        sigaction(SIGCHLD, &before_, nullptr);
-        while (waitpid(-1, nullptr, WNOHANG) > 0)
-            continue;
-    }
-
-private:
-    bool Ignored() const { return before_.sa_handler == SIG_IGN; }
-    struct sigaction before_ {};
-};
 
 // Starts `path` with every signal at its default action, but deaf to those that are meant for the
 // caller: whoever sends them to all processes of the caller's name must not hit what has just been

@@ -3,6 +3,7 @@
 import json
 import os
 import random
+import re
 
 import pytest
 from conftest import RECORD, SOURCES
@@ -327,31 +328,90 @@ def read_errors(machine):
     return sorted(text.removeprefix(PREFIX) for text in machine.texts() if text.startswith(PREFIX))
 
 
-def test_the_files_of_an_account_share_their_room(machine, ctl):  # noqa: F811
+def left_out(machine):
+    """The paths of what a quota left out, if only a few."""
+    told = [re.fullmatch("Quota of alice exceeded, left out: (.*)", text)
+            for text in machine.texts()]
+    return [f"{ACCOUNTS}/{name}" for match in told if match for name in match[1].split(", ")]
+
+
+def expect_left_out(machine, ctl, *names):  # noqa: F811
+    """The daemon and the tool must leave out these files of alice's, and nothing else."""
+    machine.start_and_wait()
+    paths = [f"{ACCOUNTS}/{name}" for name in names]
+    assert left_out(machine) == paths
+    assert len(machine.texts()) == 1
+    _, answer = ctl.json("check", "--errors-only")
+    assert [problem["file"] for problem in answer["problems"]] == paths
+    assert all('quota of "alice"' in problem["message"] for problem in answer["problems"])
+    for path in paths:
+        assert ctl("check", "--errors-only", path).returncode == 1
+
+
+def test_the_files_of_an_account_share_their_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for name, size in [("a", 400 << 10), (".hidden", 400 << 10), ("b", 400 << 10),
                        ("c", 300 << 10), ("d", 100 << 10)]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}])
                       + " " * size)
         machine.write(f"{PKG}/{name}", json.dumps([{**GOOD, "name": name}]) + " " * size)
-    machine.start_and_wait()
-    refused = [ACCOUNTS + "/alice/c"]
-    assert read_errors(machine) == refused
-    _, answer = ctl.json("check", "--errors-only")
-    assert [problem["file"] for problem in answer["problems"]] == refused
-    assert ctl("check", "--errors-only", refused[0]).returncode == 1
+    expect_left_out(machine, ctl, "alice/c")
     assert ctl("check", "--errors-only", ACCOUNTS + "/alice/d").returncode == 0
+    assert ctl("check", ACCOUNTS + "/alice/.hidden").returncode == 1
 
 
-def test_the_jobs_of_an_account_share_its_room(machine, ctl):  # noqa: F811
+def test_the_jobs_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for name, count in [("a", 400), ("b", 625), ("c", 100)]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}] * count))
-    machine.start_and_wait()
-    refused = [ACCOUNTS + "/alice/b"]
-    assert read_errors(machine) == refused
+    expect_left_out(machine, ctl, "alice/b")
+
+
+def test_the_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    machine.path(ACCOUNTS + "/also").mkdir()
+    machine.chown(machine.path(ACCOUNTS + "/also"), "alice")
+    for name, size in [("alice/a", 600 << 10), ("also/a", 600 << 10), ("also/b", 300 << 10)]:
+        machine.write(f"{ACCOUNTS}/{name}", json.dumps([GOOD]) + " " * size)
+    expect_left_out(machine, ctl, "also/a")
+
+
+def test_the_documents_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    for name, count in [("a", 50000), ("b", 50000), ("c", 1000)]:
+        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([
+            {**GOOD, "extra": [[[[[]]]]] * count}], separators=(",", ":")))
+    expect_left_out(machine, ctl, "alice/b")
+
+
+def test_more_files_than_a_quota_admits(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    machine.run("bash", "-c", f"cd {ACCOUNTS}/alice; for i in {{0001..1100}}; do echo [] > $i; done",
+                check=True, env={"LD_PRELOAD": ""})
     _, answer = ctl.json("check", "--errors-only")
-    assert [problem["file"] for problem in answer["problems"]] == refused
+    assert answer["files"] == 1100
+    # The first ten are named by themselves, as the daemon names them.
+    assert [problem["file"][-4:] for problem in answer["problems"]] == [
+        str(number) for number in range(1025, 1036)]
+    assert answer["problems"][-1]["message"].endswith(", and 65 more")
+
+
+def test_files_that_their_account_may_not_read(machine, ctl):  # noqa: F811
+    machine.account_directory("alice")
+    machine.write(ACCOUNTS + "/alice/f", json.dumps([GOOD]), 0o600)
+    machine.start_and_wait()
+    assert read_errors(machine) == [ACCOUNTS + "/alice/f"]
+    _, answer = ctl.json("check", "--errors-only")
+    assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
+        (ACCOUNTS + "/alice/f", "cannot be read: Permission denied")]
+
+
+def test_a_directory_of_roots_that_others_write_to(machine, ctl):  # noqa: F811
+    machine.write(ACCOUNTS + "/open/f", json.dumps([GOOD]))
+    machine.path(ACCOUNTS + "/open").chmod(0o777)
+    _, answer = ctl.json("check", "--errors-only")
+    assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
+        (ACCOUNTS + "/open", "belongs to root, and others may write to it")]
 
 
 def test_files_of_any_bytes(machine, ctl):  # noqa: F811

@@ -238,7 +238,7 @@ def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory
     documents = {}
     for number, content in enumerate(contents):
         if len(content) > 10000:
-            continue  # an account's files share their room
+            continue  # an account's files share its quota
         path = f"{directory}/{number:03}"
         machine.write(path, content)
         try:  # as lenient as the daemon's reader with texts, which are not the schema's business

@@ -469,9 +469,12 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
         {EISDIR, "", "1:1 error: a directory is no job file (a regular file)"},
         {EINVAL, "", "1:1 error: neither a regular file nor a link to one (a regular file)"},
         {ENOENT, "", "1:1 error: cannot be read: No such file or directory"},
-        {EFBIG, "alice",
-         "1:1 error: the files of this account are too large together up to this "
-         "one (at most 1048576 bytes for all of them, each job counted as at least 1024)"},
+        {EFBIG, "", "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {EFBIG, "alice", "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {EDQUOT, "alice",
+         "1:1 error: the quota of \"alice\" is used up before this file is read (1048576 bytes for "
+         "all files of the account, of which each and each job counts as 1024 at least, and "
+         "4194304 bytes of runtime document)"},
     };
     for (const ErrorRow &row : rows) {
         JobFile file;

@@ -15,22 +15,54 @@ TEST(JobFiles, AreAllButHiddenOnes) {
     EXPECT_FALSE(IsJobFileName(""));
 }
 
-TEST(JobFiles, OfAnAccountShareTheRoomOfOne) {
-    const JobDirectory shared{"/d", "pkg", ""};
-    const JobDirectory own{"/d", "pkg_nonroot", "alice"};
-    JsonLimits room{5000, 64};
-    EXPECT_TRUE(TakeRoom(room, shared, 6000, 9));
-    EXPECT_EQ(room.bytes, 5000U);
-    EXPECT_TRUE(TakeRoom(room, own, 60, 0)); // no document, or one without jobs
-    EXPECT_EQ(room.bytes, 4940U);
-    EXPECT_TRUE(TakeRoom(room, own, 2000, 1));
-    EXPECT_EQ(room.bytes, 2940U);
-    EXPECT_FALSE(TakeRoom(room, own, 100, 3)); // it was read, for nothing
-    EXPECT_EQ(room.bytes, 2840U);
-    EXPECT_TRUE(TakeRoom(room, own, 100, 2));
-    EXPECT_EQ(room.bytes, 792U);
-    EXPECT_FALSE(TakeRoom(room, own, 900, 0));
-    EXPECT_EQ(room.bytes, 0U);
+TEST(AccountQuota, AdmitsFilesAndJobsUntilItIsUsedUp) {
+    AccountQuota quota{5000, 0};
+    EXPECT_TRUE(ChargeFile(quota, 0)); // no file, but an entry
+    EXPECT_EQ(quota.bytes, 3976U);
+    EXPECT_TRUE(ChargeFile(quota, 1024));
+    EXPECT_TRUE(ChargeJobs(quota, 1024, 1)); // one is charged with its file
+    EXPECT_EQ(quota.bytes, 2952U);
+    EXPECT_TRUE(ChargeFile(quota, 1500));
+    EXPECT_TRUE(ChargeJobs(quota, 1500, 2));
+    EXPECT_EQ(quota.bytes, 904U);
+    EXPECT_FALSE(ChargeFile(quota, 10));
+    EXPECT_EQ(quota.bytes, 0U);
+    EXPECT_FALSE(ChargeFile(quota, 0));
+    EXPECT_TRUE(ChargeJobs(quota, 10, 1));
+    EXPECT_FALSE(ChargeJobs(quota, 10, 2));
+    EXPECT_EQ(quota.bytes, 0U);
+}
+
+TEST(AccountQuota, ChargesAFileThatDoesNotFitAsAnEntry) {
+    AccountQuota quota{5000, 0};
+    EXPECT_FALSE(ChargeFile(quota, 5001));
+    EXPECT_EQ(quota.bytes, 3976U);
+    EXPECT_TRUE(ChargeFile(quota, 3976));
+}
+
+TEST(AccountQuota, AdmitsWhatFitsIntoTheDocument) {
+    AccountQuota quota{0, 3000};
+    EXPECT_TRUE(ChargeDocument(quota, 2000));
+    EXPECT_FALSE(ChargeDocument(quota, 1001));
+    EXPECT_TRUE(ChargeDocument(quota, 1000));
+    EXPECT_EQ(quota.documentBytes, 0U);
+}
+
+TEST(LeftOut, IsToldInOneText) {
+    LeftOut leftOut;
+    EXPECT_TRUE(leftOut.Empty());
+    leftOut.Add("d/a");
+    EXPECT_FALSE(leftOut.Empty());
+    EXPECT_EQ(leftOut.Text(), "d/a");
+    for (const char *name : {"b", "c", "d", "e", "f", "g", "h", "i", "j"})
+        leftOut.Add(name);
+    EXPECT_EQ(leftOut.Text(), "d/a, b, c, d, e, f, g, h, i, j");
+    leftOut.Add("k");
+    EXPECT_EQ(leftOut.Text(), "d/a, b, c, d, e, f, g, h, i, j and 1 more");
+    leftOut.AddUnnamed(5, false);
+    EXPECT_EQ(leftOut.Text(), "d/a, b, c, d, e, f, g, h, i, j and 6 more");
+    leftOut.AddUnnamed(1, true);
+    EXPECT_EQ(leftOut.Text(), "d/a, b, c, d, e, f, g, h, i, j and at least 7 more");
 }
 
 TEST(Definitions, AreTheElementsOrTheOneObject) {
@@ -48,6 +80,8 @@ TEST(Definitions, AreTheElementsOrTheOneObject) {
     };
     for (const auto &row : rows)
         EXPECT_EQ(DefinitionsOf(FromText(row.document)), FromText(row.definitions)) << row.document;
+    for (const auto &row : rows)
+        EXPECT_EQ(CountOfDefinitions(FromText(row.document)), FromText(row.definitions).size());
 }
 
 TEST(Definitions, GetTheirFullNames) {

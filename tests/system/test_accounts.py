@@ -1,0 +1,312 @@
+"""Account directories: whose they are, with which rights they are read, and how much they may hold."""
+
+import json
+import os
+import re
+import signal
+import stat
+import subprocess
+import time
+
+import pytest
+from conftest import RECORD, SOURCES, every_minute, never
+from private_machine import wait_for
+
+TOP = SOURCES["pkg_nonroot"]
+ALICE = TOP + "/alice"
+
+
+@pytest.fixture(autouse=True)
+def witness(machine):
+    """A good job of another account, which must be loaded and run through it all."""
+    machine.template(maxDelay=0)
+    machine.jobs("pkg_nonroot", "f", [every_minute("tick")], account="bob")
+    yield
+    assert "pkg_nonroot-bob-f-tick" in machine.entries()
+
+
+def names(machine):
+    return set(machine.entries()) - {"pkg_nonroot-bob-f-tick"}
+
+
+def as_alice(machine, *command, **options):
+    """Starts a program as that account, with the real clock, and waits until it runs."""
+    process = machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", *command,
+                            env={"LD_PRELOAD": ""}, **options)
+    name = os.path.basename(command[0])
+    wait_for(lambda: name in {one["name"] for one in machine.processes().values()}, what=name)
+    return process
+
+
+def end(machine, process):
+    """Ends what as_alice() started: what it returned is only what brought it into the machine."""
+    machine.run("pkill", "-KILL", "-U", "alice", env={"LD_PRELOAD": ""})
+    process.wait(30)
+
+
+def compiled(machine, source):
+    """The path inside of a program made of this C source."""
+    program = machine.path("/usr/local/bin/attack")
+    subprocess.run(["cc", "-O2", "-o", program, "-x", "c", "-"], input=source, text=True, check=True)
+    return "/usr/local/bin/attack"
+
+
+def memory(machine, name):
+    """In MiB: VmRSS, or VmHWM for the peak."""
+    status = machine.proc(machine.daemon_pid(), "status").read_text()
+    return int(re.search(name + r":\s+(\d+) kB", status)[1]) / 1024
+
+
+# --- Whose a directory is -----------------------------------------------------------------------
+
+def test_a_link_that_its_account_leads_elsewhere(machine):
+    """Root linked the directory to a place of the account's, who leads the link on to "/tmp"."""
+    home = machine.path("/srv/alice")
+    home.mkdir(parents=True)
+    machine.chown(home, "alice")
+    machine.path(ALICE).symlink_to("/srv/alice/jobs")
+    machine.path("/srv/alice/jobs").symlink_to("/tmp/")
+    machine.write("/tmp/f", json.dumps([every_minute("x")]), owner="alice")
+    machine.start_and_wait()
+    assert names(machine) == set()
+    assert machine.texts() == [f"Failed to dir user: {ALICE}"]
+
+
+@pytest.mark.parametrize("mode", [0o775, 0o757, 0o1777])
+def test_a_directory_of_roots_that_others_write_to(machine, mode):
+    machine.write(TOP + "/open/f", json.dumps([never("x")]))
+    machine.path(TOP + "/open").chmod(mode)
+    machine.start_and_wait()
+    assert names(machine) == set()
+    assert machine.texts() == [f"Failed to dir user: {TOP}/open"]
+    machine.path(TOP + "/open").chmod(0o755)
+    wait_for(lambda: names(machine) == {"pkg_nonroot-root-f-x"}, what="a directory that is in order")
+
+
+EXCHANGE = r"""
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <stdio.h>
+int main(void) {
+    for (;;)
+        renameat2(AT_FDCWD, "/srv/alice/jobs", AT_FDCWD, "/srv/alice/other", RENAME_EXCHANGE);
+}
+"""
+
+
+def test_a_link_that_is_exchanged_all_the_time(machine):
+    """Whoever looks at the path, and then opens it, may see root's directory and open another."""
+    attack = compiled(machine, EXCHANGE)
+    for directory, owner in [("/srv/alice", "alice"), ("/srv/alice/own", "alice"),
+                             ("/srv/of-root", "root")]:
+        machine.path(directory).mkdir(parents=True)
+        machine.path(directory).chmod(0o755)
+        machine.chown(machine.path(directory), owner)
+    machine.write("/srv/alice/own/f", json.dumps([never("x")]), owner="alice")
+    machine.path(ALICE).symlink_to("/srv/alice/jobs")
+    machine.path("/srv/alice/jobs").symlink_to("/srv/alice/own")
+    machine.path("/srv/alice/other").symlink_to("/srv/of-root")
+    machine.start_and_wait()
+    racer = as_alice(machine, attack)
+    seen = set()
+    for _ in range(60):
+        machine.reload()
+        seen |= names(machine)
+    end(machine, racer)
+    assert seen == {"pkg_nonroot-alice-f-x"}
+
+
+# --- With which rights its files are read -------------------------------------------------------
+
+def test_what_the_account_may_not_read(machine):
+    machine.account_directory("alice")
+    machine.write("/root/secret", json.dumps([never("secret")]), 0o600)
+    machine.write("/srv/closed/file", json.dumps([never("closed")]))
+    machine.path("/srv/closed").chmod(0o700)
+    machine.write("/srv/crew", json.dumps([never("crew")]), 0o640)
+    os.chown(machine.path("/srv/crew"), 0, 3001)  # of a further group of the account
+    for name in ("/root/secret", "/srv/closed/file", "/srv/crew"):
+        machine.path(f"{ALICE}/{name.split('/')[2]}").symlink_to(name)
+    machine.write(ALICE + "/z-roots", json.dumps([never("roots")]), 0o600)
+    machine.start_and_wait()
+    assert names(machine) == {"pkg_nonroot-alice-crew-crew"}
+    assert machine.texts() == [f"JSON file read error: {ALICE}/{name}"
+                               for name in ("closed", "secret", "z-roots")]
+    for message in machine.messages(priority="err"):
+        assert message.text.endswith("(Permission denied)")
+
+
+def test_a_directory_that_its_account_cannot_read(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.path(ALICE).chmod(0o300)
+    machine.start_and_wait()
+    assert names(machine) == set()
+    assert machine.texts() == ["open directory failed.", f"Failed to load {ALICE} config"]
+
+
+def test_a_directory_that_its_account_does_not_reach(machine):
+    """Missing parents may have been made for root alone."""
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.path("/usr/local/etc").chmod(0o700)
+    machine.start_and_wait()
+    assert names(machine) == {"pkg_nonroot-alice-f-x"} and machine.texts() == []
+
+
+def test_what_is_no_file_is_not_opened(machine):
+    machine.account_directory("alice")
+    os.mkfifo(machine.path(ALICE + "/fifo"), 0o666)
+    machine.path(ALICE + "/terminal").symlink_to("/dev/tty")
+    machine.path(ALICE + "/zero").symlink_to("/dev/zero")
+    machine.path(ALICE + "/loop").symlink_to("loop")
+    machine.path(ALICE + "/directory").mkdir()
+    machine.path(ALICE + "/memory").symlink_to("/proc/self/mem")
+    machine.start_and_wait()
+    assert machine.texts() == [f"JSON file read error: {ALICE}/{name}" for name in (
+        "directory", "fifo", "loop", "memory", "terminal", "zero")]
+
+
+STOP = r"""
+#include <signal.h>
+int main(void) {
+    for (;;)
+        kill(-1, SIGSTOP); /* whatever runs as this account */
+}
+"""
+
+
+def takes_a_moment(machine):
+    """Gives the account a job in so many files that they are not read before somebody is quick."""
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.run("bash", "-c", f"cd {ALICE}; for i in {{1..1000}}; do echo [] > $i; done", check=True,
+                env={"LD_PRELOAD": ""})
+
+
+def test_a_reader_that_its_account_stops(machine):
+    attack = compiled(machine, STOP)
+    takes_a_moment(machine)
+    machine.path(TOP + "/also").mkdir()
+    machine.chown(machine.path(TOP + "/also"), "alice")
+    stopper = as_alice(machine, attack)
+    started = time.monotonic()
+    machine.start_and_wait()
+    assert 5 < time.monotonic() - started < 20, "one deadline for both directories"
+    end(machine, stopper)
+    assert names(machine) == set()
+    assert machine.texts() == [f"Failed to load {ALICE} config", f"Failed to load {TOP}/also config"]
+    assert [pid for pid, process in machine.processes().items()
+            if process["name"] == "kestcrond"] == [machine.daemon_pid()], "no process is left"
+    machine.reload()
+    assert names(machine) == {"pkg_nonroot-alice-f-x"}
+
+
+KILL = STOP.replace("SIGSTOP", "SIGKILL")
+
+
+def test_a_reader_that_its_account_kills(machine):
+    attack = compiled(machine, KILL)
+    takes_a_moment(machine)
+    killer = as_alice(machine, attack)
+    pid = machine.start_and_wait()
+    for _ in range(5):
+        machine.reload()
+    end(machine, killer)
+    assert machine.daemon_pid() == pid
+    assert f"Failed to load {ALICE} config" in machine.texts()
+    assert set(machine.texts()) <= {f"Failed to load {ALICE} config",
+                                    "removed cleared jobs: pkg_nonroot-alice-f-x"}
+    machine.reload()
+    assert names(machine) == {"pkg_nonroot-alice-f-x"}
+
+
+def test_no_reader_outlives_a_load(machine):
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    pid = machine.start_and_wait()
+    before = sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir())
+    for _ in range(5):
+        machine.reload()
+    children = [process for process in machine.processes().values()
+                if process["ppid"] == pid and process["state"] in "ZT"]
+    assert children == []
+    wait_for(lambda: sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir())
+             == before, what="the descriptors as before")
+
+
+# --- How much an account may have ---------------------------------------------------------------
+
+def test_a_directory_full_of_empty_files(machine):
+    machine.jobs("pkg_nonroot", "0-first", [never("x")], account="alice")
+    pid = machine.start_and_wait()
+    before = memory(machine, "VmHWM")
+    machine.run("bash", "-c", f"cd {ALICE} && touch {{00001..100000}}", check=True,
+                env={"LD_PRELOAD": ""})
+    loads = machine.loads()
+    machine.signal(signal.SIGHUP)
+    wait_for(lambda: machine.loads() > loads)
+    left_out = ", ".join(f"alice/{number:06}" for number in range(1024, 1034))
+    machine.wait_for_text(f"Quota of alice exceeded, left out: {left_out} and 98967 more")
+    assert names(machine) == {"pkg_nonroot-alice-0-first-x"}
+    texts = machine.texts()
+    told = [text for text in texts if "Quota" in text]
+    assert len(texts) <= 1024 * len(told)
+    assert f"JSON file read error: {ALICE}/001023" in texts
+    assert f"JSON file read error: {ALICE}/001024" not in texts
+    assert machine.daemon_pid() == pid
+    assert memory(machine, "VmHWM") < before + (100 if machine.is_sanitized() else 6)
+
+
+def test_nested_lists_grow_no_document(machine):
+    machine.account_directory("alice")
+    text = json.dumps([never("x", lists="@")]).replace('"@"', "[" + "[[[[]]]]," * 115000 + "0]")
+    assert len(text) < 1 << 20
+    machine.write(ALICE + "/nested", text)
+    machine.jobs("pkg_nonroot", "other", [never("x")], account="alice")
+    machine.start_and_wait()
+    assert names(machine) == {"pkg_nonroot-alice-other-x"}
+    assert machine.texts() == ["Quota of alice exceeded, left out: alice/nested"]
+    assert len(machine.read(machine.RUNTIME_FILE)) < 1 << 16
+
+
+@pytest.mark.parametrize("member,element", [("cmd", "a "), ("crontab", "1,"), ("extra", "\\u0001")])
+def test_what_is_derived_counts_too(machine, member, element):
+    """A document holds more than its definition: words of a command, values of a schedule."""
+    machine.account_directory("alice")
+    value = element * (1000000 // len(element)) + {"cmd": "a", "crontab": "1 1 1 1 1"}.get(member, "")
+    definition = json.dumps({**never("x"), member: "@"}).replace('"@"', f'"{value}"')
+    machine.write(ALICE + "/f", f"[{definition}]")
+    machine.start_and_wait()
+    size = len(machine.read(machine.RUNTIME_FILE))
+    assert size < (4 << 20) + 10000
+    assert bool(names(machine)) != bool(machine.texts())
+
+
+def test_two_directories_share_the_quota_of_their_account(machine):
+    machine.account_directory("alice")
+    machine.path(TOP + "/also").mkdir()
+    machine.chown(machine.path(TOP + "/also"), "alice")
+    many = lambda count: json.dumps([never(f"{number}", cmd="/usr/bin/true")
+                                     for number in range(count)])
+    machine.write(f"{TOP}/also/f", many(600))
+    machine.write(f"{ALICE}/f", many(600))
+    machine.write(f"{ALICE}/g", many(200))
+    machine.start_and_wait()
+    assert machine.texts() == ["Quota of alice exceeded, left out: also/f"]
+    assert len(names(machine)) == 600 + 200
+
+
+# --- How often it is read -----------------------------------------------------------------------
+
+def test_a_burst_of_changes_is_forgotten(machine):
+    """The queue of what has changed holds 16,384 records, of which each poll takes some thirty."""
+    machine.account_directory("alice")
+    machine.start_and_wait()
+    machine.run("bash", "-c", f"cd {ALICE}; for i in {{1..3000}}; do echo > .$i; done; rm .[1-9]*",
+                check=True, env={"LD_PRELOAD": ""})
+    before = machine.loads()
+    wait_for(lambda: machine.loads() > before, what="a reload")
+    ticks = lambda: len(machine.runs("pkg_nonroot-bob-f-tick"))
+    seen = ticks()
+    wait_for(lambda: ticks() >= seen + 8, what="cycles after the burst")
+    assert machine.loads() <= before + 2
+    before = machine.loads()
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    wait_for(lambda: names(machine) == {"pkg_nonroot-alice-f-x"}, what="a change after the burst")
