@@ -87,20 +87,28 @@ bool ListAccountFiles(int directory, const AccountQuota &quota, AccountFiles &fi
     return static_cast<bool>(opened);
 }
 
+namespace {
+
+bool ReadText(int directory, const std::string &path, const AccountQuota &left, std::string &text) {
+    const Descriptor opened = OpenRegularFileAt(directory, path, {1, kJobFileLimits.bytes});
+    struct stat status {};
+    if (!opened || fstat(opened.Get(), &status) == -1)
+        return false;
+    if (static_cast<std::uintmax_t>(status.st_size) <= left.bytes)
+        return ReadAll(opened.Get(), left.bytes, text);
+    errno = EDQUOT;
+    return false;
+}
+
+} // namespace
+
 void ReadAccountFile(int directory, const std::string &path, AccountQuota &left,
                      AccountFile &file) {
     if (left.bytes < kLeastCharge) {
         file.error = EDQUOT;
         return;
     }
-    const Descriptor opened = OpenRegularFileAt(directory, path, {1, kJobFileLimits.bytes});
-    struct stat status {};
-    if (!opened || fstat(opened.Get(), &status) == -1)
-        file.error = errno;
-    else if (static_cast<std::uintmax_t>(status.st_size) > left.bytes)
-        file.error = EDQUOT;
-    else if (!ReadAll(opened.Get(), left.bytes, file.text))
-        file.error = errno;
+    file.error = ReadText(directory, path, left, file.text) ? 0 : errno;
     if (file.error != 0)
         file.text.clear();
     if (!ChargeFile(left, file.text.size()))

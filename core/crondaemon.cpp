@@ -31,6 +31,7 @@
 #include <functional>
 #include <malloc.h>
 #include <memory>
+#include <new>
 #include <pwd.h>
 #include <set>
 #include <sys/inotify.h>
@@ -100,11 +101,16 @@ void CronDaemon::Run() {
 }
 
 void CronDaemon::RunCycle() {
-    if (reloadRequested) {
-        ReloadJobs();
-        executionLog.Flush();
-    } else {
-        Evaluate();
+    try {
+        if (reloadRequested) {
+            ReloadJobs();
+            executionLog.Flush();
+        } else {
+            Evaluate();
+        }
+    } catch (const std::bad_alloc &) {
+        PersistInNeed();
+        throw;
     }
 }
 
@@ -290,7 +296,7 @@ bool HasNews(int inotify) {
 
 } // namespace
 
-void CronDaemon::ForgetChanges() {
+void CronDaemon::ForgetChanges() const {
     const ErrnoKept kept;
     alignas(inotify_event) std::array<char, 16384> records{};
     while (inotifyFd != -1 && HasNews(inotifyFd))
@@ -437,11 +443,14 @@ bool LoadUserJobDirectory(JobSet &jobSet, AccountLoad &load, int opened,
 void CronDaemon::ReloadJobs() {
     reloadRequested = false;
     PrepareRuntimeDirectory();
-    JobSet parsed;
-    Json::Value previous = JobsToJson(parsed);
     RemoveAllWatches();
     ForgetChanges();
-    ApplyJobSet(std::move(previous), LoadSources(), std::move(parsed));
+    JobSet jobSet = LoadSources();
+    documentInLoad = RuntimeDocument(jobs, unstaged);
+    JobSet parsed;
+    Json::Value previous = JobsToJson(parsed);
+    ApplyJobSet(std::move(previous), std::move(jobSet), std::move(parsed));
+    documentInLoad = std::string();
 }
 
 JobSet CronDaemon::LoadSources() {
@@ -657,12 +666,12 @@ Json::Value CronDaemon::JobsToJson(JobSet &parsed) {
     return document;
 }
 
-void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) const {
+void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) {
     // What others read shows the jobs that run, what the next start reads shows all.
     const bool isForOthers = durability == Durability::Process;
-    const std::string document =
-        isForOthers ? RuntimeDocument(jobs) : RuntimeDocument(jobs, unstaged);
-    if (!JsonToFile(document, path, durability))
+    std::string document = isForOthers ? RuntimeDocument(jobs) : RuntimeDocument(jobs, unstaged);
+    KeepReserve(document.size());
+    if (!JsonToFile(std::move(document), path, durability))
         LOG_ERROR("runtime config save failed (%s)", path.c_str());
 }
 
@@ -685,7 +694,7 @@ void CronDaemon::SaveTemplate(const std::string &path, Durability durability) co
         LOG_ERROR("schedule template config save failed (%s)", path.c_str());
 }
 
-void CronDaemon::SaveRuntimeFiles() const {
+void CronDaemon::SaveRuntimeFiles() {
     SaveRuntimeConfig(kRuntimeFile, Durability::Process);
     SaveTemplate(kRuntimeTemplateFile, Durability::Process);
 }
@@ -698,4 +707,30 @@ void CronDaemon::PersistState() {
         close(inotifyFd);
     inotifyFd = -1;
     executionLog.Flush();
+}
+
+void CronDaemon::PersistInNeed() {
+    reserve.reset();
+    if (documentInLoad.empty()) {
+        PersistState();
+        return;
+    }
+    // Until a load is applied, the jobs are those before it, and no longer whole in `jobs`.
+    if (!JsonToFile(std::move(documentInLoad), kPersistentFile, Durability::Reboot))
+        LOG_ERROR("runtime config save failed (%s)", kPersistentFile);
+    SaveTemplate(kPersistentTemplateFile, Durability::Reboot);
+    executionLog.Flush();
+}
+
+void CronDaemon::KeepReserve(std::size_t documentSize) {
+    // The text that is saved grows by doubling, and is copied each time.
+    const std::size_t wanted = 4 * documentSize + (std::size_t{256} << 10);
+    if (wanted <= reserveSize)
+        return;
+    // Never written to, so that it takes addresses, but no memory before it is needed.
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[wanted]);
+    if (!larger)
+        return;
+    reserve = std::move(larger);
+    reserveSize = wanted;
 }

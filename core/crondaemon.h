@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <json/value.h>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -76,7 +77,7 @@ private:
     void PollChanges();
     // Drops all changes that were seen so far, for a load is about to find them by itself. Nothing
     // is watched meanwhile, so there is an end to them.
-    void ForgetChanges();
+    void ForgetChanges() const;
 
     void ReloadJobs();
     // The job definitions of all sources by full job name. A source that fails is reported and left
@@ -102,11 +103,15 @@ private:
     // The runtime document of the jobs, which are given up for it, because a copy would take as
     // much memory again. What is left of them goes to `parsed`.
     Json::Value JobsToJson(JobSet &parsed);
-    void SaveRuntimeConfig(const std::string &path, Durability durability) const;
+    void SaveRuntimeConfig(const std::string &path, Durability durability);
     void LoadTemplate(const std::string &path);
     void SaveTemplate(const std::string &path, Durability durability) const;
-    void SaveRuntimeFiles() const;
+    void SaveRuntimeFiles();
     void PersistState();
+    // Saves what is known when memory has run out, with the memory that was put by for it.
+    void PersistInNeed();
+    // Puts memory by that is enough to save a document of `documentSize` bytes, if there is any.
+    void KeepReserve(std::size_t documentSize);
 
     static constexpr std::uint32_t kWatchLimit = 1024;
     bool passiveMode = false;
@@ -120,6 +125,10 @@ private:
     // do not run, but what is known of them is saved, and the next load tries them again.
     std::vector<CronJob> unstaged;
     ScheduleTemplate scheduleTemplate;
+    std::unique_ptr<char[]> reserve;
+    std::size_t reserveSize = 0;
+    // What stands in `jobs` as a document while a load takes them apart; empty otherwise.
+    std::string documentInLoad;
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free &&

@@ -4,7 +4,7 @@ import re
 import signal
 
 import pytest
-from conftest import PERSISTENT_TEMPLATE, RECORD, every_minute, never
+from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
 from private_machine import wait_for
 
 LOG_FILE = "/var/log/kestcrond-execute.log"
@@ -314,4 +314,49 @@ def test_memory_that_runs_out_while_running(machine):
     machine.wait_for_text("caught a std::exception: std::bad_alloc")
     wait_for(lambda: not machine.daemons())
     assert not machine.exists(machine.PID_FILE)
-    assert not machine.exists("/usr/kest/etc/kestcrond.config"), "nothing is saved on such an end"
+    assert set(machine.document(PERSISTENT_FILE)["jobs"]) == {"builtin-f-x"}, "what is known is saved"
+    assert machine.exists(PERSISTENT_TEMPLATE)
+
+
+@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.usefixtures("plain")
+def test_memory_that_runs_out_in_a_cycle(machine):
+    """At the top of the hour the documents are written, and there is no memory left for them: what
+    is large comes from the system anew each time."""
+    machine.clock("2026-06-02 02:55:10")
+    machine.template(maxDelay=0)
+    for file in range(8):
+        machine.jobs("builtin", f"g{file}", [never(f"{number}", extra="x" * 30000)
+                                             for number in range(25)])
+    machine.jobs("builtin", "f", [every_minute("tick")])
+    pid = machine.start_and_wait(env={"GLIBC_TUNABLES": "glibc.malloc.mmap_threshold=65536"})
+    wait_for(lambda: machine.runs("builtin-f-tick"))
+    limit_memory(machine, pid, 1)
+    machine.wait_for_text("caught a std::exception: std::bad_alloc")
+    wait_for(lambda: not machine.exists(machine.PID_FILE))
+    jobs = machine.document(PERSISTENT_FILE)["jobs"]
+    assert len(jobs) == 201
+    assert jobs["builtin-f-tick"]["lastExecution"] > 0
+    assert not machine.exists(PERSISTENT_FILE + ".new")
+
+
+@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.usefixtures("plain")
+@pytest.mark.parametrize("megabytes", range(6, 30, 3))
+def test_memory_that_runs_out_somewhere_in_a_load(machine, megabytes):
+    machine.template(maxDelay=0)
+    machine.jobs("builtin", "f", [never(f"{number}", extra="x" * 10000) for number in range(100)]
+                 + [every_minute("tick")])
+    pid = machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-tick"))
+    for number in range(4):
+        machine.jobs("pkg", f"f{number}", [never(f"{i}", cmd="/usr/bin/true", extra="x" * 10000)
+                                           for i in range(100)])
+    limit_memory(machine, pid, megabytes)
+    machine.signal(signal.SIGHUP)
+    wait_for(lambda: not machine.daemon_pid() or len(machine.entries()) == 501)
+    if machine.daemon_pid():
+        machine.stop()
+    jobs = machine.document(PERSISTENT_FILE)["jobs"]
+    assert len(jobs) in (101, 501), "all of what was before the load, or all of what is after it"
+    assert jobs["builtin-f-tick"]["lastExecution"] > 0
