@@ -1,6 +1,7 @@
 #include "core/account_files.h"
 #include "ctl/check.h"
 #include "ctl/check_paths.h"
+#include "ctl/check_rights.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/messages.h"
@@ -264,9 +265,13 @@ Outcome CheckAll(const Context &context, const CheckOptions &options) {
         paths.AddPath(path);
     paths.AddTheirOtherDirectories();
     Checker checker(context.appliance);
-    for (const JobFileBatch &batch : paths.Batches())
+    CheckRights rights(context.appliance);
+    for (const JobFileBatch &batch : paths.Batches()) {
         checker.Check(batch);
+        rights.Check(batch);
+    }
     Outcome outcome = checker.Finish();
+    Append(outcome.problems, rights.Problems());
     Append(outcome.problems, paths.Problems());
     outcome.unreadable.insert(outcome.unreadable.begin(), paths.Unreadable().begin(),
                               paths.Unreadable().end());

@@ -3,7 +3,9 @@
 #include "core/paths.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/limits.h"
 #include "ctl/nearest.h"
+#include "ctl/runtime.h"
 #include "ctl/utf8.h"
 #include "log/memorylogger.h"
 
@@ -15,6 +17,7 @@
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -188,8 +191,13 @@ private:
 
 int Execute(const Parser &parser) {
     const Options &options = parser.GetOptions();
+    // To follow a log has no end, and does nothing but print its lines.
+    if (!options.root.empty() && !options.log.follow)
+        LimitTime(kUsage);
     const Context context{Appliance(options.root), DetectScreen(), options.json,
                           std::time(nullptr)};
+    if (!context.appliance.IsThisOne())
+        LimitMemory(LargestDocument(context.appliance));
     const int status = parser.GetCommand()(context);
     if (!std::cout.flush())
         throw Failure(std::string("standard output: ") + std::strerror(errno));
@@ -204,6 +212,11 @@ int main(int argc, char *argv[]) {
         if (const std::optional<int> status = parser.Parse(argc, argv))
             return *status;
         return Execute(parser);
+    } catch (const std::bad_alloc &) {
+        std::cout.flush();
+        std::cerr << "kestcronctl: this takes more memory than there is, or than the documents of "
+                     "another system are worth\n";
+        return kUsage;
     } catch (const std::exception &error) {
         std::cout.flush();
         std::cerr << "kestcronctl: " << Shown(error.what()) << "\n";

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <json/value.h>
 #include <sys/stat.h>
@@ -48,18 +49,28 @@ void BringUpToDate(LiveJob &live, const Recent &recent) {
     live.job.NoteLaunch(recent.launched);
 }
 
-// What is read of an appliance is bounded: it may be an image that somebody else made.
-constexpr JsonLimits kReadLimits{std::size_t{1} << 28, 128};
+// What is read of an appliance is bounded, the more so of another one: it may be an image that
+// somebody else made.
+JsonLimits ReadLimits(const Appliance &appliance) {
+    return {std::size_t{appliance.IsThisOne() ? 256U : 32U} << 20, 128};
+}
+
+std::string ReasonOf(int error, const JsonLimits &limits) {
+    if (error == EBADMSG)
+        return "is no whole JSON document";
+    if (error == EFBIG)
+        return "is larger than " + std::to_string(limits.bytes >> 20) + " MiB";
+    return std::strerror(error);
+}
 
 // Reads the document at `path`; false when there is none.
-bool ReadDocument(const std::string &path, Json::Value &document) {
+bool ReadDocument(const std::string &path, const JsonLimits &limits, Json::Value &document) {
     JsonOrigin origin;
-    if (JsonFromFile(path, document, kReadLimits, &origin))
+    if (JsonFromFile(path, document, limits, &origin))
         return true;
     if (errno == ENOENT || errno == ENOTDIR)
         return false;
-    throw Failure(path + ": " +
-                  (errno == EBADMSG ? "is no whole JSON document" : std::strerror(errno)));
+    throw Failure(path + ": " + ReasonOf(errno, limits));
 }
 
 } // namespace
@@ -69,7 +80,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
     Json::Value document;
     for (const char *path : {kRuntimeFile, kPersistentFile}) {
         runtime.path = appliance.Locate(path);
-        if (!document.isNull() || ReadDocument(runtime.path, document))
+        if (!document.isNull() || ReadDocument(runtime.path, ReadLimits(appliance), document))
             break;
     }
     if (document.isNull())
@@ -78,9 +89,10 @@ Runtime LoadRuntime(const Appliance &appliance) {
     runtime.saved = SavedAt(runtime.path);
     const auto recent = ReadRecent(appliance.Locate(kExecutionLogFile), runtime.saved);
     const std::vector<Candidate> candidates = Candidates(appliance);
-    const Json::Value &entries = Member(document, "jobs");
+    Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();
+    document = Json::Value();
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-        CronJob parsed(*entry);
+        CronJob parsed(std::move(*entry));
         if (!parsed.valid) {
             runtime.corrupt.push_back(entries.isObject() ? entry.name() : "");
             continue;
@@ -96,11 +108,23 @@ Runtime LoadRuntime(const Appliance &appliance) {
     return runtime;
 }
 
+std::size_t LargestDocument(const Appliance &appliance) {
+    std::uintmax_t largest = 0;
+    for (const char *path :
+         {kRuntimeFile, kPersistentFile, kRuntimeTemplateFile, kPersistentTemplateFile}) {
+        struct stat status {};
+        if (stat(appliance.Locate(path).c_str(), &status) == 0 && S_ISREG(status.st_mode))
+            largest = std::max(largest, static_cast<std::uintmax_t>(status.st_size));
+    }
+    return static_cast<std::size_t>(std::min<std::uintmax_t>(largest, ReadLimits(appliance).bytes));
+}
+
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
     ScheduleTemplate found;
     for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
         const std::string file = appliance.Locate(path);
-        if (OpenRegularFile(file, {1, kReadLimits.bytes}) && LoadScheduleTemplate(found, file))
+        if (OpenRegularFile(file, {1, ReadLimits(appliance).bytes}) &&
+            LoadScheduleTemplate(found, file))
             return found;
     }
     return std::nullopt;

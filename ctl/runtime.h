@@ -6,6 +6,7 @@
 #include "ctl/appliance.h"
 #include "job/cronjob.h"
 
+#include <cstddef>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -33,6 +34,9 @@ struct Runtime {
 // Reads the runtime document, or what was kept of it when there is none, the execution log as far
 // as it may be read, and the process table. Throws Failure when no document can be had.
 Runtime LoadRuntime(const Appliance &appliance);
+
+// The size of the largest document of the appliance that may be read, in bytes.
+std::size_t LargestDocument(const Appliance &appliance);
 
 // The schedule template; nothing when there is none.
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance);

@@ -263,6 +263,41 @@ def test_directories_that_others_may_write(machine, ctl):  # noqa: F811
         "pkg-f-b-e": '"/opt/b"', "pkg_nonroot-alice-f-b": '"/opt/b"'}
 
 
+def test_what_somebody_else_may_change(machine, ctl):  # noqa: F811
+    for name, mode, owner in [("fine", 0o644, "root"), ("of-bob", 0o644, "bob"), ("open", 0o666, "root")]:
+        machine.write(f"{PKG}/{name}", json.dumps([GOOD]), mode, owner=owner)
+    machine.write("/srv/bob/real", json.dumps([GOOD]), 0o644, owner="bob")
+    machine.path(PKG + "/to-bob").symlink_to("/srv/bob/real")
+    machine.account_directory("alice")
+    for name, mode, owner in [("fine", 0o664, "alice"), ("of-bob", 0o644, "bob"), ("open", 0o666, "alice"),
+                              ("of-root", 0o644, "root")]:
+        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([GOOD]), mode, owner=owner)
+    for name in ("linked", "shared"):
+        machine.path(f"/srv/{name}").mkdir()
+        machine.chown(machine.path(f"/srv/{name}"), "alice")
+    machine.write("/srv/linked/f", json.dumps([GOOD]), owner="alice")
+    machine.path(ACCOUNTS + "/linked").symlink_to("/srv/linked")
+    machine.path("/srv/shared").rename(machine.path(ACCOUNTS + "/shared"))
+    machine.write(ACCOUNTS + "/shared/f", json.dumps([GOOD]), owner="alice")
+    machine.path(ACCOUNTS + "/shared").chmod(0o777)
+    machine.path("/usr/local").chmod(0o777)
+    machine.path(PKG).chmod(0o1777)
+    _, answer = ctl.json("check")
+    told = {(problem["file"], problem["message"]) for problem in answer["problems"]
+            if "others than" in problem["message"] or "is a link" in problem["message"]}
+    below = "others than root may change this directory, and with it the job files below it"
+    both = 'others than root and "alice" may '
+    assert told == {
+        ("/usr/local", below), (PKG, "others than root may put job files into this directory"),
+        *((f"{PKG}/{name}", "others than root may change this file")
+          for name in ("of-bob", "open", "to-bob")),
+        *((f"{ACCOUNTS}/alice/{name}", both + "change this file") for name in ("of-bob", "open")),
+        (ACCOUNTS + "/linked", 'is a link to "/srv/linked": whoever may change what is there decides '
+                               'whose jobs it holds'),
+        (ACCOUNTS + "/shared", both + "put job files into this directory")}
+    assert all(problem["severity"] == "warning" for problem in answer["problems"])
+
+
 # --- The daemon says the same -------------------------------------------------------------------
 
 def test_what_is_not_admitted(machine, ctl):  # noqa: F811
