@@ -1,5 +1,6 @@
 #include "core/account_files.h"
 
+#include "core/account_record.h"
 #include "job/account_rights.h"
 #include "platform/errno_kept.h"
 #include "platform/exit_statuses.h"
@@ -7,10 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <dirent.h>
 #include <exception>
 #include <fcntl.h>
@@ -35,9 +34,6 @@ bool IsOpenToOthers(const struct stat &status) {
 // --- Reading ------------------------------------------------------------------------------------
 
 namespace {
-
-// As many entries of a directory are looked at; to go through more of them takes too long.
-constexpr std::size_t kMostEntries = std::size_t{1} << 18;
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR *)>;
 
@@ -70,11 +66,6 @@ void ListFirst(DIR *directory, std::size_t most, AccountFiles &files) {
     std::sort_heap(first.begin(), first.end());
     for (std::string &name : first)
         files.files.push_back({std::move(name), 0, {}});
-}
-
-// As many entries the quota admits, and some more are told by their names.
-std::size_t MostFiles(const AccountQuota &quota) {
-    return quota.bytes / kLeastCharge + LeftOut::kMostNames;
 }
 
 } // namespace
@@ -144,7 +135,7 @@ AccountReading ReadFiles(int directory, const AccountQuota &quota, AccountFiles 
 
 } // namespace
 
-// --- What the process says ----------------------------------------------------------------------
+// --- The process --------------------------------------------------------------------------------
 
 namespace {
 
@@ -170,94 +161,6 @@ private:
     std::size_t size_;
     void *memory_;
 };
-
-// A number and a text as they stand in that memory, and back: Take... returns false when there is
-// not so much.
-void Put(std::string &record, std::uint64_t number) {
-    record.append(reinterpret_cast<const char *>(&number), sizeof number);
-}
-
-void Put(std::string &record, const std::string &text) {
-    Put(record, text.size());
-    record += text;
-}
-
-bool Take(std::string_view &record, std::uint64_t &number) {
-    if (record.size() < sizeof number)
-        return false;
-    std::memcpy(&number, record.data(), sizeof number);
-    record.remove_prefix(sizeof number);
-    return true;
-}
-
-bool Take(std::string_view &record, std::string &text) {
-    std::uint64_t size = 0;
-    if (!Take(record, size) || size > record.size())
-        return false;
-    text = record.substr(0, static_cast<std::size_t>(size));
-    record.remove_prefix(text.size());
-    return true;
-}
-
-std::string RecordOf(AccountReading reading, int error, const AccountFiles &files) {
-    std::string record;
-    Put(record, static_cast<std::uint64_t>(reading));
-    Put(record, static_cast<std::uint64_t>(error));
-    Put(record, files.unread);
-    Put(record, files.more ? 1 : 0);
-    Put(record, files.files.size());
-    for (const AccountFile &file : files.files) {
-        Put(record, file.name);
-        Put(record, static_cast<std::uint64_t>(file.error));
-        Put(record, file.text);
-    }
-    return record;
-}
-
-// The process that wrote this may have been led astray by what it read: whatever it says is held
-// against what the quota admits.
-bool TakeFiles(std::string_view record, const AccountQuota &quota, AccountFiles &files) {
-    std::uint64_t unread = 0;
-    std::uint64_t more = 0;
-    std::uint64_t count = 0;
-    if (!Take(record, unread) || !Take(record, more) || !Take(record, count) ||
-        unread > kMostEntries || count > MostFiles(quota))
-        return false;
-    files.unread = static_cast<std::size_t>(unread);
-    files.more = more != 0;
-    files.files.resize(static_cast<std::size_t>(count));
-    for (AccountFile &file : files.files) {
-        std::uint64_t error = 0;
-        if (!Take(record, file.name) || !Take(record, error) || !Take(record, file.text) ||
-            !IsJobFileName(file.name) || file.name.size() > NAME_MAX ||
-            file.name.find('/') != std::string::npos || error > INT_MAX)
-            return false;
-        file.error = static_cast<int>(error);
-    }
-    return true;
-}
-
-AccountReading TakeReading(std::string_view record, const AccountQuota &quota,
-                           AccountFiles &files) {
-    std::uint64_t reading = 0;
-    std::uint64_t error = 0;
-    const bool whole = Take(record, reading) && Take(record, error) && error <= INT_MAX;
-    if (whole && reading == static_cast<std::uint64_t>(AccountReading::Done) &&
-        TakeFiles(record, quota, files))
-        return AccountReading::Done;
-    const bool notOpened =
-        whole && reading == static_cast<std::uint64_t>(AccountReading::NotOpened);
-    errno = whole && error != 0 ? static_cast<int>(error) : EBADMSG;
-    return notOpened ? AccountReading::NotOpened : AccountReading::Failed;
-}
-
-// What may have to be said at most: each name as long as names are, the texts up to the quota.
-std::size_t LongestRecord(const AccountQuota &quota) {
-    constexpr std::size_t perFile = NAME_MAX + 3 * sizeof(std::uint64_t);
-    return quota.bytes + (MostFiles(quota) + 2) * perFile;
-}
-
-// --- The process --------------------------------------------------------------------------------
 
 // By a time-out of a socket, the one kind of deadline that no clock that is set shortens.
 bool SetDeadline(int socket, std::time_t seconds) {
