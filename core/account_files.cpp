@@ -19,6 +19,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -184,8 +185,10 @@ bool AwaitReader(int socket, pid_t reader) {
     const ssize_t said = SetDeadline(socket, patience) ? ReceiveByte(socket) : -1;
     const int error = said == 0 ? ECHILD : errno == EAGAIN ? ETIMEDOUT : errno;
     kill(reader, SIGKILL);
-    // Its end of the socket is closed when it is gone, unless it hangs in the kernel.
+    // It closes its end of the socket as it ends, unless it hangs in the kernel.
     const bool gone = SetDeadline(socket, 1) && ReceiveByte(socket) == 0;
+    while (gone && waitpid(reader, nullptr, 0) == -1 && errno == EINTR)
+        continue;
     if (said == 1 && gone)
         return true;
     errno = said == 1 ? ETIMEDOUT : error;

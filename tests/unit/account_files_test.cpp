@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -74,6 +75,13 @@ TEST_F(AccountFilesTest, AreReadAsFarAsTheQuotaAdmits) {
         for (std::size_t i = 0; i < files.files.size(); ++i)
             EXPECT_EQ(files.files[i].error, i == 1 || i >= 5 ? EDQUOT : 0) << i;
     }
+}
+
+TEST_F(AccountFilesTest, LeaveNoProcess) {
+    BeAccessible(directory_);
+    Read(4711);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(AccountFilesTest, AreNotReadWithoutADirectory) {
