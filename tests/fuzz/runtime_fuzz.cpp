@@ -25,7 +25,7 @@ namespace {
 
 // The steps of the daemon that are tried. They are private, but the arguments of an explicit
 // instantiation may name what is.
-void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path);
+void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path, AccountLoads &loads);
 void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet, JobSet parsed);
 Json::Value JobsToJson(CronDaemon &daemon, JobSet &parsed);
 void RegenerateField(CronDaemon &daemon, const std::string &key);
@@ -34,8 +34,9 @@ std::vector<CronJob> &JobsOf(CronDaemon &daemon);
 
 template <auto kLoad, auto kApply, auto kTake, auto kRegenerate, auto kState, auto kJobs>
 struct Opened {
-    friend void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path) {
-        (daemon.*kLoad)(jobSet, path, "pkg_nonroot");
+    friend void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path,
+                            AccountLoads &loads) {
+        (daemon.*kLoad)(jobSet, path, "pkg_nonroot", loads);
     }
     friend void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet,
                             JobSet parsed) {
@@ -197,7 +198,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     JobSet jobSet;
     const std::string &directory = AccountDirectory();
     WriteInput(text.substr(0, end));
-    LoadAccount(daemon, jobSet, directory);
+    AccountLoads loads;
+    LoadAccount(daemon, jobSet, directory, loads);
 
     const Json::Value definitions = DefinitionsOf(jobSet);
     Require(JsonContains(previous, previous) && JsonContains(definitions, definitions),
