@@ -84,7 +84,8 @@ bool CronDaemon::Init(bool passive) {
         return false;
     JobSet jobSet = LoadSources();
     LoadTemplate(kPersistentTemplateFile);
-    ApplyJobSet(PersistedDocument(), std::move(jobSet), {});
+    if (!gaveUpLoad)
+        ApplyJobSet(PersistedDocument(), std::move(jobSet), {});
     return true;
 }
 
@@ -446,6 +447,8 @@ void CronDaemon::ReloadJobs() {
     RemoveAllWatches();
     ForgetChanges();
     JobSet jobSet = LoadSources();
+    if (gaveUpLoad)
+        return;
     documentInLoad = RuntimeDocument(jobs, unstaged);
     JobSet parsed;
     Json::Value previous = JobsToJson(parsed);
@@ -480,8 +483,14 @@ bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &di
         return false;
     }
     AccountLoads loads;
-    for (const std::string &name : NamesIn(opened))
+    for (const std::string &name : NamesIn(opened)) {
+        // Each may take ten seconds.
+        if (stopRequested) {
+            gaveUpLoad = true;
+            break;
+        }
         LoadAccount(jobSet, PathIn(directory, name), label, loads);
+    }
     for (const auto &[uid, load] : loads)
         if (!load.leftOut.Empty())
             LOG_ERROR("Quota of %s exceeded, left out: %s", load.account.name.c_str(),
@@ -567,6 +576,7 @@ void CronDaemon::ApplyJobSet(Json::Value previous, JobSet jobSet, JobSet parsed)
     RemoveChangedJobs(previous, jobSet);
     MergeNewJobs(previous, std::move(jobSet), parsed);
     RebuildJobList(std::move(previous), std::move(parsed));
+    hasLoaded = true;
     SaveRuntimeFiles();
     GiveMemoryBack();
 }
@@ -700,8 +710,10 @@ void CronDaemon::SaveRuntimeFiles() {
 }
 
 void CronDaemon::PersistState() {
-    SaveRuntimeConfig(kPersistentFile, Durability::Reboot);
-    SaveTemplate(kPersistentTemplateFile, Durability::Reboot);
+    if (hasLoaded) {
+        SaveRuntimeConfig(kPersistentFile, Durability::Reboot);
+        SaveTemplate(kPersistentTemplateFile, Durability::Reboot);
+    }
     RemoveAllWatches();
     if (inotifyFd != -1)
         close(inotifyFd);

@@ -120,6 +120,8 @@ private:
     std::array<std::int32_t, kWatchLimit> watches{};
     RuntimeDirectoryState runtimeDirectory; // after the latest load
     WaitingStarts waitingStarts;
+    bool hasLoaded = false;  // until then, what was saved is not replaced
+    bool gaveUpLoad = false; // for a stop, so that the jobs that were read are not all
     std::vector<CronJob> jobs;
     // Jobs whose programs could not be copied at the latest load, in the order of their names. They
     // do not run, but what is known of them is saved, and the next load tries them again.

@@ -56,7 +56,7 @@ bool MakeAndPutInPlace() {
     std::string place = std::string(kRuntimeDirectory) + ".XXXXXX";
     if (mkdtemp(place.data()) == nullptr)
         return errno == ENOENT && KESTFSMkdirP(kRuntimeDirectory, nullptr, 1, 0, 0, 0755) != -1;
-    const std::string fresh = place + "/moved-aside";
+    const std::string fresh = place + "/" + "moved-aside";
     const bool made =
         KESTFSMkdirP(fresh.c_str(), nullptr, 1, 0, 0, 0755) != -1 && PutInPlace(fresh);
     const ErrnoKept kept;

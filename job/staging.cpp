@@ -20,6 +20,7 @@ namespace {
 
 // Inside the runtime directory. No job has such a name, since all begin with the label of a source.
 constexpr const char *kArea = ".staging";
+constexpr const char *kAreaPath = "/tmp/kestcrond/.staging";
 // Inside that.
 constexpr const char *kTaken = "taken";
 constexpr const char *kPrevious = "previous";
@@ -29,7 +30,7 @@ std::string PathOf(const std::string &entry) {
 }
 
 std::string PathInArea(const std::string &entry) {
-    return PathOf(kArea) + "/" + entry;
+    return std::string(kAreaPath) + "/" + entry;
 }
 
 Descriptor OpenDirectoryAt(const Descriptor &directory, const std::string &name) {
@@ -89,7 +90,7 @@ Staging::Staging(const std::atomic<bool> &stopRequested)
     : stopRequested_(stopRequested), runtime_(OpenRuntimeDirectory(O_RDONLY)) {
     if (!runtime_)
         return;
-    RemoveEntry(runtime_, kArea, PathOf(kArea)); // left behind by a crash
+    RemoveEntry(runtime_, kArea, kAreaPath); // left behind by a crash
     area_ = MakeDirectoryAt(runtime_, kArea, 0, 0);
 }
 
@@ -97,7 +98,7 @@ Staging::~Staging() {
     const ErrnoKept kept;
     workshops_.clear();
     if (area_)
-        RemoveEntry(runtime_, kArea, PathOf(kArea));
+        RemoveEntry(runtime_, kArea, kAreaPath);
     if (isClosed_ && fchown(runtime_.Get(), 0, 0) == 0)
         fchmod(runtime_.Get(), 0755);
 }

@@ -260,6 +260,19 @@ def test_a_stop_does_not_wait_for_a_load(machine):
     assert not machine.exists("/tmp/kestcrond/.staging")
 
 
+def test_a_stop_before_the_first_load_is_done_loses_nothing(machine):
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(machine.log_lines)
+    machine.stop()
+    before = machine.document(PERSISTENT_FILE)
+    assert before["jobs"]["builtin-f-x"]["lastExecution"]
+    # The stop comes while the job files are read.
+    machine.start_with_faults("read:signal=TERM:when=1", path="/usr/kest/share/kestcron.d/f")
+    wait_for(lambda: not machine.daemons())
+    assert machine.document(PERSISTENT_FILE) == before
+
+
 def test_copies_that_are_stopped_harm_their_own_account_only(machine, attack):
     machine.jobs("pkg_nonroot", "f", [never(f"x{i}") for i in range(10)], account="alice")
     machine.jobs("pkg_nonroot", "f", [never("y")], account="bob")
