@@ -4,6 +4,8 @@
 #include <array>
 #include <charconv>
 #include <json/writer.h>
+#include <memory>
+#include <sstream>
 
 namespace {
 
@@ -38,11 +40,24 @@ void AppendEscaped(std::string &text, char character) {
     text += {hexDigits[code >> 4U], hexDigits[code & 0xfU]};
 }
 
+bool IsAscii(char character) {
+    return static_cast<unsigned char>(character) < 0x80;
+}
+
+// The library's own writer decides what becomes of bytes that are not UTF-8: its versions differ.
+std::string QuotedByLibrary(std::string_view text) {
+    static const std::unique_ptr<Json::StreamWriter> writer(
+        Json::StreamWriterBuilder().newStreamWriter());
+    std::ostringstream quoted;
+    writer->write(Json::Value(text.data(), text.data() + text.size()), &quoted);
+    return quoted.str();
+}
+
 // By a table, because every byte of every name and text is asked for.
 constexpr auto kNeedsEscape = [] {
     std::array<bool, 256> needs{};
-    for (std::size_t code = 0; code < 0x20; ++code)
-        needs[code] = true;
+    for (std::size_t code = 0; code < needs.size(); ++code)
+        needs[code] = code < 0x20 || code >= 0x80;
     needs['"'] = true;
     needs['\\'] = true;
     return needs;
@@ -168,6 +183,7 @@ void JsonText::EndObject() {
 }
 
 void JsonText::AppendQuoted(std::string_view text) {
+    const std::size_t start = text_.size();
     text_ += '"';
     const char *rest = text.data();
     const char *const end = rest + text.size();
@@ -176,6 +192,10 @@ void JsonText::AppendQuoted(std::string_view text) {
         text_.append(rest, odd);
         if (odd == end)
             break;
+        if (!IsAscii(*odd)) {
+            text_.replace(start, std::string::npos, QuotedByLibrary(text));
+            return;
+        }
         AppendEscaped(text_, *odd);
         rest = odd + 1;
     }

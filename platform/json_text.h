@@ -1,6 +1,7 @@
-// JSON documents as indented text, laid out to the letter as the JSON library's own writer does it,
-// which takes three times as long. Names and texts come back byte for byte, whatever their
-// encoding.
+// JSON documents as indented text, byte for byte as the JSON library's own writer gives it, which
+// takes three times as long. The text is ASCII: other characters become "\uXXXX", and bytes that
+// are not UTF-8 become U+FFFD, so that names and texts with such bytes do not come back as they
+// were.
 
 #ifndef PLATFORM_JSON_TEXT_H
 #define PLATFORM_JSON_TEXT_H

@@ -88,7 +88,7 @@ def definition(text, name='"x"'):
 
 
 @pytest.mark.parametrize("content", [
-    definition(b'"odd":"\xff\xfe\xc0\x80"'), b"\xef\xbb\xbf" + definition(b'"a":1'),
+    definition(b'"odd":"\xc3\xa9 \xf0\x9f\x98\x80"'), b"\xef\xbb\xbf" + definition(b'"a":1'),
     definition(b'"cmd":"' + RECORD.encode() + b'","cmd":"' + RECORD.encode() + b'"'),
     definition(b'"number":1' + b"0" * 400), definition(b'"number":1e400'),
     definition(b'"' + b"n" * 100000 + b'":1'), definition(b'"\\u0000":"\\u0000"'),
@@ -110,6 +110,45 @@ def test_an_odd_document(machine, content):
     after["builtin-t-tick"] = before["builtin-t-tick"]
     assert after == before
     assert not any("cleared" in text or "modified" in text for text in machine.texts())
+
+
+def write_raw(machine, name, content):
+    """Writes a job file of the account whose name is any bytes."""
+    with open(os.fsencode(machine.path(ALICE)) + b"/" + name, "wb") as file:
+        file.write(content)
+
+
+def test_text_that_is_not_utf_8_costs_its_own_history_alone(machine):
+    machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    write_raw(machine, b"odd", definition(b'"odd":"\xff\xfe\xc0\x80"'))
+    for name in (b"a\xff", b"a\xfe", b"a\xc3"):  # two of these become one name in the document
+        write_raw(machine, name, definition(b'"a":1'))
+    machine.start_and_wait()
+    for path in ("/run/kestcrond.config", PERSISTENT_FILE):
+        if path == PERSISTENT_FILE:
+            machine.stop()
+        text = machine.path(path).read_bytes()
+        assert text.isascii(), path
+        entries = json.loads(text)["jobs"]
+        others = {"pkg_nonroot-alice-good-x", "pkg_nonroot-bob-f-x", "builtin-t-tick"}
+        assert others < set(entries)
+        assert entries["pkg_nonroot-alice-odd-x"]["config"]["odd"] == "\ufffd" * 3
+        assert "pkg_nonroot-alice-a\ufffd-x" in entries
+    before = entries
+    machine.clock("2026-06-02 03:10:10")
+    machine.start_and_wait()
+    after = machine.entries()
+    assert set(after) == set(before)
+    assert {name for name in after if after[name]["startup"] == before[name]["startup"]} == others
+    lost = sorted(text for text in machine.texts() if "cleared" in text or "modified" in text)
+    assert "removed modified jobs: pkg_nonroot-alice-odd-x" in lost
+    assert all("pkg_nonroot-alice-odd-x" in text or "pkg_nonroot-alice-a" in text for text in lost)
+    assert len(os.listdir(machine.path("/tmp/kestcrond"))) == 7, "each has its own program"
+    before = len(machine.texts())
+    machine.reload()
+    assert len(machine.texts()) == before, "a reload costs nobody anything"
+    still_works(machine)
 
 
 @pytest.mark.parametrize("name", [
@@ -148,11 +187,14 @@ def test_odd_names_of_job_files(machine):
     machine.clock("2026-06-02 03:10:10")
     machine.start_and_wait()
     startups = lambda entries: {name: entry["startup"] for name, entry in entries.items()}
-    assert startups(machine.entries()) == startups(before), "each is known again by its name"
-    assert len(machine.texts()) == 2 * 2
+    after = machine.entries()
+    odd = {name for name in before if "\ufffd" in name}  # not UTF-8, and so not known again
+    assert len(odd) == 1 and set(after) == set(before)
+    assert {name for name in before if after[name]["startup"] != before[name]["startup"]} == odd
+    assert len(machine.texts()) == 2 * 2 + 1
     machine.path(ALICE).rename(machine.path(SOURCES["pkg_nonroot"] + "/.away"))
     machine.reload()
-    cleared = machine.texts()[2 * 2:]
+    cleared = machine.texts()[2 * 2 + 1:]
     assert len(cleared) == len(before) - 1
     assert all(text.startswith("removed cleared jobs: pkg_nonroot-alice-") for text in cleared)
     assert not any(set(text) & set(map(chr, range(32))) for text in cleared)

@@ -263,13 +263,24 @@ TEST_F(JsonToFileTest, WritesWhatIsReadBackAsTheSame) {
 
 TEST_F(JsonToFileTest, KeepsEveryValue) {
     Json::Value value(Json::objectValue);
-    value["caf\xc3\xa9"] = "\xff\xfe \xf0\x9f\x98\x80";
+    value["caf\xc3\xa9"] = "\xf0\x9f\x98\x80";
     value["bytes"] = std::string("\x01\x1f\x7f\0/\\\"\t\n", 9);
     value["numbers"] = FromText("[0, -1, 2147483647, -2147483648, 4294967296, 9223372036854775807, "
                                 "-9223372036854775808, 0.1, 1e300, 1700000000]");
     value[""] = Json::Value(Json::nullValue);
     EXPECT_TRUE(Save(value, path_));
     EXPECT_EQ(ReadBack(path_), value);
+}
+
+TEST_F(JsonToFileTest, ReplacesBytesThatAreNotUtf8) {
+    Json::Value value(Json::objectValue);
+    value["a\xff"] = "\xff\xfe x";
+    EXPECT_TRUE(Save(value, path_));
+    EXPECT_EQ(ReadBack(path_), FromText(R"({"a\ufffd": "\ufffd\ufffd x"})"));
+    // Of two names that become the same one is kept.
+    value["a\xfe"] = 1;
+    EXPECT_TRUE(Save(value, path_));
+    EXPECT_EQ(ReadBack(path_).getMemberNames(), FromText(R"({"a\ufffd": 0})").getMemberNames());
 }
 
 TEST_F(JsonToFileTest, MakesANewFileReadableByAll) {

@@ -35,6 +35,9 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
         R"("a b")",
         R"("\"\\/\b\f\n\r\t\u0000\u0001\u001f\u007f")",
         "\"caf\xc3\xa9 \xff\"",
+        "\"\xf0\x9f\x98\x80 \xe2\x80\xae \x7f\"",
+        "\"\xc0\xaf \xed\xa0\x80 \xf7\xbf\xbf\xbf \xe2\x82\"",
+        "{\"caf\xc3\xa9\": \"\", \"\xff\": 1, \"\xfe\\u0000\": 2}",
         "[]",
         "{}",
         "[1]",
@@ -59,7 +62,6 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
     };
     Json::StreamWriterBuilder library;
     library["commentStyle"] = "None";
-    library["emitUTF8"] = true;
     for (const std::string &row : rows) {
         const Json::Value value = FromText(row);
         EXPECT_EQ(JsonToString(value), Json::writeString(library, value)) << row;
@@ -69,6 +71,19 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
         value["odd"] = odd;
         EXPECT_EQ(JsonToString(value), Json::writeString(library, value)) << odd;
     }
+}
+
+// Whatever the bytes, every strict reader takes the text.
+TEST(JsonToString, IsPlainAscii) {
+    for (unsigned first = 0x80; first < 0x100; ++first)
+        for (const char *rest : {"", "x", "\"", "\\", "\x80", "\xbf\xbf", "\xbf\xbf\xbf", "\xff"}) {
+            Json::Value value(std::string(1, static_cast<char>(first)) + rest);
+            const std::string text = JsonToString(value);
+            EXPECT_EQ(text, Json::writeString(Json::StreamWriterBuilder(), value));
+            for (const char character : text)
+                EXPECT_TRUE(character >= 0x20 && character < 0x7f) << text;
+            FromText(text);
+        }
 }
 
 TEST(JsonToString, EndsSoonAfterTheMostThatIsAskedFor) {

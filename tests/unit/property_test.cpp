@@ -159,10 +159,20 @@ Json::Value SomeLeaf(Chance &chance) {
         return chance.Between(-1000, 1000) / 7.0;
     default:
         std::string text;
-        for (int length = chance.Between(0, 8); length > 0; --length)
-            text += static_cast<char>(chance.Between(0, 255));
+        for (int length = chance.Between(0, 8); length > 0; --length) {
+            text += static_cast<char>(chance.Between(0, 127));
+            if (chance.OneIn(4))
+                text += chance.OneIn(2) ? "\xc3\xa9" : "\xf0\x9f\x98\x80";
+        }
         return text;
     }
+}
+
+std::string SomeBytes(Chance &chance) {
+    std::string bytes;
+    for (int length = chance.Between(0, 8); length > 0; --length)
+        bytes += static_cast<char>(chance.Between(0, 255));
+    return bytes;
 }
 
 Json::Value SomeDocument(Chance &chance, int depth) {
@@ -223,13 +233,14 @@ TEST(Property, TextIsLaidOutAsTheLibraryDoes) {
     Chance chance(8);
     Json::StreamWriterBuilder library;
     library["commentStyle"] = "None";
-    library["emitUTF8"] = true;
     for (int round = 0; round < 3000; ++round) {
         Json::Value document = SomeDocument(chance, 5);
         ForEach(document, [&](Json::Value &value) {
             if (value.isArray() && chance.OneIn(3))
                 for (int more = chance.Between(1, 30); more > 0; --more)
                     value.append(SomeLeaf(chance));
+            if (value.isObject() && chance.OneIn(3))
+                value[SomeBytes(chance)] = SomeBytes(chance);
         });
         ASSERT_EQ(JsonToString(document), Json::writeString(library, document));
     }

@@ -23,8 +23,12 @@ std::string_view StartInput(const std::uint8_t *data, std::size_t size);
 // Makes `text` the content of a file in memory, the same one each time, and returns its path.
 const std::string &WriteInput(std::string_view text);
 
+// Whether every text in a document with this text is certainly UTF-8, and so comes back as it was.
+bool IsPlain(std::string_view text);
+
 // Reads `text` as the daemon reads a file with that content. What was read must come back the same
-// when it is written and read again; what was not must leave nothing behind.
+// when it is written and read again; what was not must leave nothing behind. Texts that are not
+// UTF-8 are given as they come back.
 bool ReadDocument(std::string_view text, const JsonLimits &limits, Json::Value &document);
 
 // The values that a field has, in the order of FieldKeys().
