@@ -5,8 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <memory>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -31,6 +35,54 @@ void Descriptor::Close() {
     }
 }
 
+namespace {
+
+constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC; // a lease is not waited for either
+
+// Opens what `path` leads to. No link is followed after the path has been resolved: whoever could
+// exchange the file since it was looked at has no device to put there but by a link.
+Descriptor OpenResolved(const std::string &path) {
+    const std::unique_ptr<char, decltype(&free)> resolved(realpath(path.c_str(), nullptr), free);
+    if (!resolved)
+        return {};
+    open_how how{};
+    how.flags = kReadFlags | O_NOFOLLOW;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    Descriptor file(
+        static_cast<int>(syscall(SYS_openat2, AT_FDCWD, resolved.get(), &how, sizeof how)));
+    if (!file && errno == ENOSYS) // a kernel before 5.6
+        file = Descriptor(open(resolved.get(), kReadFlags | O_NOFOLLOW));
+    return file;
+}
+
+// Opens the file at `path`, which must be the one with this status. What is looked up in a directory
+// is read with the rights of that directory's account, which could open anything it leads to itself.
+Descriptor OpenAgain(int directory, const std::string &path, const struct stat &status) {
+    Descriptor file = directory == AT_FDCWD
+                                ? OpenResolved(path)
+                                : Descriptor(openat(directory, path.c_str(), kReadFlags));
+    struct stat opened {};
+    if (!file || fstat(file.Get(), &opened) == -1)
+        return {};
+    if (opened.st_dev == status.st_dev && opened.st_ino == status.st_ino)
+        return file;
+    errno = ESTALE;
+    return {};
+}
+
+// Opens for reading the regular file that `named` stands for and `path` led to.
+Descriptor Reopen(const Descriptor &named, const struct stat &status, int directory,
+                  const std::string &path) {
+    const int error = errno;
+    Descriptor file(open(("/proc/self/fd/" + std::to_string(named.Get())).c_str(), kReadFlags));
+    if (file || errno != ENOENT)
+        return file;
+    errno = error; // that "/proc" is not mounted is no failure
+    return OpenAgain(directory, path, status);
+}
+
+} // namespace
+
 Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed) {
     return OpenRegularFileAt(AT_FDCWD, path, allowed);
 }
@@ -45,9 +97,19 @@ Descriptor OpenRegularFileAt(int directory, const std::string &path, const FileS
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     else if (size < allowed.least || size > allowed.most)
         errno = size < allowed.least ? EBADMSG : EFBIG;
-    else // not waiting for an owner who holds a lease either
-        return Descriptor(open(("/proc/self/fd/" + std::to_string(named.Get())).c_str(),
-                               O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    else
+        return Reopen(named, status, directory, path);
+    return {};
+}
+
+Descriptor OpenOwnFile(const std::string &path, int flags) {
+    Descriptor file(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) == -1)
+        return {};
+    if (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1)
+        return file;
+    errno = EPERM;
     return {};
 }
 

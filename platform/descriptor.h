@@ -38,11 +38,18 @@ struct FileSize {
 
 // Opens the regular file that `path` leads to for reading, if it is of that size. The name is
 // looked up once, without opening what it names: opening a device has effects of its own, and a
-// second look-up could find another file. Does not wait, neither in opening nor in reading. Without
-// one, errno tells why not (EISDIR, EINVAL for what is no file, EBADMSG for one too small, EFBIG).
-// A relative path is looked up in `directory`, a descriptor of one or AT_FDCWD.
+// second look-up could find another file. Where "/proc" is not mounted there is a second look-up,
+// which follows no link and must find the same file (ESTALE). Does not wait, neither in opening nor
+// in reading. Without one, errno tells why not (EISDIR, EINVAL for what is no file, EBADMSG for one
+// too small, EFBIG). A relative path is looked up in `directory`, a descriptor of one or AT_FDCWD.
 Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed = {});
 Descriptor OpenRegularFileAt(int directory, const std::string &path, const FileSize &allowed = {});
+
+// Opens the regular file of the caller's own with this one name at `path`, where others may have
+// put something else first. `flags` are those of open(2); a file that is made has mode 0600. No
+// link is followed, and nothing is waited for. Without one, errno tells why not (EPERM for anything
+// else).
+Descriptor OpenOwnFile(const std::string &path, int flags);
 
 // Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
 // than `limit` bytes (EFBIG); `content` is then unspecified.

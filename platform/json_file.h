@@ -43,8 +43,11 @@ enum class Durability {
 };
 
 // Writes the document `text`, and a newline, to the file `path`, links followed, so that a reader
-// finds the old document or the new one, never a part. A file that exists keeps its mode, a new one
-// gets 0644. On failure returns false with errno set, and the old document stays.
+// finds the old document or the new one, never a part. A file that exists keeps its owner, group
+// and mode, a new one gets 0644. A file that can be written but not replaced, such as a mount point
+// or one in a read-only directory, is written over in place, and then a reader may find a part. On
+// failure returns false with errno set, and the old document stays; anything but a regular file is
+// never written to.
 bool JsonToFile(std::string text, const std::string &path, Durability durability);
 
 #endif

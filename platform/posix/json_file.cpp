@@ -69,22 +69,66 @@ std::string FollowLinks(std::string path) {
     return path;
 }
 
-mode_t ModeOf(const std::string &path) {
-    const ErrnoKept kept;
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0644;
-}
-
 void Discard(const std::string &path) {
     const ErrnoKept kept;
     unlink(path.c_str());
 }
 
-bool WriteNewFile(const std::string &path, const std::string &text, mode_t mode,
+// The document that is to be replaced, as it stands.
+struct Standing {
+    bool isThere = false;
+    struct stat status {};
+};
+
+// Returns false with errno set for what is there but no file: a device that a link leads to must
+// not be exchanged for a document.
+bool LookAt(const std::string &path, Standing &standing) {
+    const ErrnoKept kept;
+    standing.isThere = lstat(path.c_str(), &standing.status) == 0;
+    return !standing.isThere || S_ISREG(standing.status.st_mode);
+}
+
+bool TakeOver(int file, const Standing &standing) {
+    if (!standing.isThere)
+        return fchmod(file, 0644) == 0;
+    // The mode last: a change of owner takes bits of it away.
+    return fchown(file, standing.status.st_uid, standing.status.st_gid) == 0 &&
+           fchmod(file, standing.status.st_mode & 07777) == 0;
+}
+
+bool WriteNewFile(const std::string &path, const std::string &text, const Standing &standing,
                   Durability durability) {
     Discard(path); // left behind by a crash
     Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file || fchmod(file.Get(), mode) == -1 || !WriteAll(file.Get(), text))
+    if (!file || !TakeOver(file.Get(), standing) || !WriteAll(file.Get(), text))
+        return false;
+    if (durability == Durability::Reboot && fsync(file.Get()) == -1)
+        return false;
+    return close(file.Release()) == 0;
+}
+
+// Whether a file cannot be replaced where it stands, although it may be written: it is a mount
+// point, its directory is read-only, or a new one cannot be given to the owner of the old one.
+bool IsForGood(int error) {
+    return error == EBUSY || error == EROFS || error == EACCES || error == EPERM || error == EXDEV;
+}
+
+// Writes over the document that stands at `path`. Nothing is lost when there is no space for the
+// new one; a sudden end in the middle leaves parts of both.
+bool OverwriteFile(const std::string &path, const std::string &text, Durability durability) {
+    Descriptor file(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) == -1)
+        return false;
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        errno = EPERM;
+        return false;
+    }
+    const auto size = static_cast<off_t>(text.size());
+    if (fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP &&
+        errno != ENOSYS)
+        return false;
+    if (!WriteAll(file.Get(), text) || ftruncate(file.Get(), size) == -1)
         return false;
     if (durability == Durability::Reboot && fsync(file.Get()) == -1)
         return false;
@@ -123,11 +167,16 @@ bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value) {
 bool JsonToFile(std::string text, const std::string &path, Durability durability) {
     const std::string target = FollowLinks(path);
     const std::string fresh = target + ".new";
+    Standing standing;
+    if (!LookAt(target, standing)) {
+        errno = S_ISDIR(standing.status.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
     text += '\n';
-    if (!WriteNewFile(fresh, text, ModeOf(target), durability) ||
+    if (!WriteNewFile(fresh, text, standing, durability) ||
         rename(fresh.c_str(), target.c_str()) == -1) {
         Discard(fresh);
-        return false;
+        return standing.isThere && IsForGood(errno) && OverwriteFile(target, text, durability);
     }
     if (durability == Durability::Reboot)
         FlushDirectoryOf(target);

@@ -8,9 +8,14 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -301,6 +306,80 @@ TEST_F(JsonToFileTest, KeepsTheModeOfAFileThatExists) {
         EXPECT_EQ(ModeOf(path_), mode);
         EXPECT_EQ(ReadBack(path_), document_);
     }
+}
+
+TEST_F(JsonToFileTest, KeepsTheOwnerAndGroupOfAFileThatExists) {
+    for (const mode_t mode : {0640U, 06750U}) {
+        WriteText(path_, "old");
+        ASSERT_EQ(chown(path_.c_str(), kOtherAccount, kOtherAccount + 1), 0);
+        ASSERT_EQ(chmod(path_.c_str(), mode), 0);
+        EXPECT_TRUE(Save(document_, path_));
+        struct stat status {};
+        ASSERT_EQ(stat(path_.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, kOtherAccount);
+        EXPECT_EQ(status.st_gid, kOtherAccount + 1);
+        EXPECT_EQ(ModeOf(path_), mode);
+    }
+}
+
+// As an account that may write the file but not what lies beside it.
+class UnreplaceableFileTest : public JsonToFileTest {
+protected:
+    UnreplaceableFileTest() {
+        WriteText(path_, "[\"" + std::string(10000, 'x') + "\"]");
+        chmod(path_.c_str(), 0666);
+        chmod(directory_.Path().c_str(), 0755);
+    }
+    int InOtherAccount(const std::function<int()> &task) {
+        return InChild([&] { return setuid(kOtherAccount) != 0 ? 100 : task(); });
+    }
+};
+
+TEST_F(UnreplaceableFileTest, IsWrittenOver) {
+    EXPECT_EQ(InOtherAccount([this] {
+                  return JsonToFile(JsonToString(document_), path_, Durability::Reboot) ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(ReadText(path_), JsonToString(document_) + "\n");
+    EXPECT_EQ(ModeOf(path_), 0666U);
+    EXPECT_THAT(directory_.Names(), ElementsAre("kestcrond.config"));
+}
+
+TEST_F(UnreplaceableFileTest, StaysWholeWhenTheNewDocumentDoesNotFit) {
+    EXPECT_EQ(InChild([this] {
+                  // A file system of its own, with 64 KiB.
+                  if (unshare(CLONE_NEWNS) != 0 ||
+                      mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("tmpfs", directory_.Path().c_str(), "tmpfs", 0, "size=64k") != 0)
+                      return 1;
+                  WriteText(path_, "[\"old\"]");
+                  chmod(path_.c_str(), 0666);
+                  chmod(directory_.Path().c_str(), 0755);
+                  if (setuid(kOtherAccount) != 0)
+                      return 2;
+                  if (Save(Json::Value(std::string(100000, 'y')), path_) || errno != ENOSPC)
+                      return 3;
+                  return ReadText(path_) == "[\"old\"]" ? 0 : 4;
+              }),
+              0);
+}
+
+TEST_F(UnreplaceableFileTest, IsLeftAloneWhenItHasAnotherName) {
+    const std::string before = ReadText(path_);
+    std::filesystem::create_hard_link(path_, directory_.File("second-name"));
+    EXPECT_EQ(InOtherAccount([this] { return Save(document_, path_) || errno != EPERM; }), 0);
+    EXPECT_EQ(ReadText(path_), before);
+}
+
+TEST_F(JsonToFileTest, LeavesADeviceAlone) {
+    const std::string device = directory_.File("null");
+    ASSERT_EQ(mknod(device.c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+    std::filesystem::create_symlink(device, path_);
+    EXPECT_FALSE(Save(document_, path_));
+    EXPECT_EQ(errno, EINVAL);
+    struct stat status {};
+    ASSERT_EQ(lstat(device.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
 }
 
 TEST_F(JsonToFileTest, ReplacesALongerDocumentWhole) {
