@@ -1,19 +1,24 @@
 #include "core/coming_starts.h"
 #include "core/paths.h"
+#include "core/unreadable.h"
 #include "ctl/commands.h"
 #include "ctl/facts.h"
 #include "ctl/failure.h"
 #include "ctl/times.h"
 #include "ctl/words.h"
 #include "job/schedule.h"
+#include "platform/kestcore.h"
 
 #include <iostream>
 #include <map>
+#include <string>
+#include <vector>
 
 // The answer in JSON: "running", "pid", "since", "passive", "held", "delayed" (launched jobs that
 // wait for their turn), "jobs", "draw" (the template's values as text), "max_delay" (seconds),
-// "redraw" (field to the time at which it is drawn anew) and "document" (the file that jobs are
-// known from). What is not known is null.
+// "redraw" (field to the time at which it is drawn anew), "document" (the file that jobs are known
+// from) and "unreadable" (the files that keep saved documents which could not be read). What is not
+// known is null.
 
 namespace {
 
@@ -23,7 +28,16 @@ struct StatusFacts {
     std::optional<Runtime> runtime;
     std::optional<ScheduleTemplate> schedule;
     std::map<std::string, std::time_t> redraws; // by field
+    std::vector<std::string> unreadable;
 };
+
+std::vector<std::string> KeptUnreadable(const Appliance &appliance) {
+    std::vector<std::string> kept;
+    for (const char *path : {kPersistentFile, kPersistentTemplateFile})
+        if (XLIBCFileExist(appliance.Locate(UnreadableName(path)).c_str()))
+            kept.push_back(UnreadableName(path));
+    return kept;
+}
 
 StatusFacts Gather(const Context &context) {
     StatusFacts facts;
@@ -37,6 +51,7 @@ StatusFacts Gather(const Context &context) {
     facts.schedule = FindTemplate(context.appliance);
     for (const std::string &key : FieldKeys())
         facts.redraws[key] = NextRedraw(key, context.now);
+    facts.unreadable = KeptUnreadable(context.appliance);
     return facts;
 }
 
@@ -57,6 +72,9 @@ Json::Value ToJson(const StatusFacts &facts) {
     json["max_delay"] = facts.schedule ? Json::Value(facts.schedule->maxDelay) : Json::Value();
     for (const auto &[key, time] : facts.redraws)
         json["redraw"][key] = Iso(time);
+    json["unreadable"] = Json::arrayValue;
+    for (const std::string &path : facts.unreadable)
+        json["unreadable"].append(path);
     return json;
 }
 
@@ -101,6 +119,8 @@ void Show(const StatusFacts &facts, const Context &context) {
     if (facts.schedule)
         Line("max delay", std::to_string(facts.schedule->maxDelay) + " s");
     ShowDraw(facts, context.now);
+    for (const std::string &path : facts.unreadable)
+        Line("unreadable", path + " keeps a saved document that could not be read");
 }
 
 } // namespace
