@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024);
+KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024, "/dev/null");
 
 namespace {
 

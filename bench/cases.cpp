@@ -22,7 +22,7 @@
 #include <unistd.h>
 
 // The job model writes to it; nothing here does.
-KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024);
+KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024, "/dev/null");
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include "core/paths.h"
 #include "core/redraw.h"
 #include "core/runtime_document.h"
+#include "core/unreadable.h"
 #include "core/utils.h"
 #include "job/account.h"
 #include "job/json_members.h"
@@ -18,6 +19,7 @@
 #include "log/error_log.h"
 #include "log/memorylogger.h"
 #include "log/system_log.h"
+#include "platform/descriptor.h"
 #include "platform/errno_kept.h"
 #include "platform/json_text.h"
 #include "platform/kestcore.h"
@@ -26,12 +28,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <ctime>
 #include <dirent.h>
 #include <functional>
 #include <malloc.h>
 #include <memory>
 #include <new>
+#include <poll.h>
 #include <pwd.h>
 #include <set>
 #include <sys/inotify.h>
@@ -64,11 +68,19 @@ bool PrepareRuntimeDirectory() {
     return true;
 }
 
+// The stop would overwrite what could not be read now.
+void KeepForLater(const std::string &path) {
+    const ErrnoKept kept;
+    if (!KeepUnreadable(path))
+        LOG_ERROR("unreadable document cannot be kept (%s)", path.c_str());
+}
+
 // The runtime document that the last shutdown saved; null when there is none.
 Json::Value PersistedDocument() {
     const ErrnoKept kept; // a machine that starts for the first time has none
     Json::Value document;
-    JsonFromFile(kPersistentFile, document, kOwnFileLimits);
+    if (!JsonFromFile(kPersistentFile, document, kOwnFileLimits) || !document.isObject())
+        KeepForLater(kPersistentFile);
     return document;
 }
 
@@ -94,11 +106,67 @@ void CronDaemon::Run() {
     // sleep short.
     for (sleepSeconds = kCycleSeconds; !stopRequested; sleepSeconds = kCycleSeconds) {
         RunCycle();
-        // Cut short by a signal, and not made up for: the signal wants the next cycle.
-        const ErrnoKept kept;
-        sleep(static_cast<unsigned>(sleepSeconds));
+        WaitForNextCycle();
     }
     Shutdown();
+}
+
+namespace {
+
+// While an object of this class lives, the daemon's signals wait, but for a call that is given
+// Before().
+class SignalsHeldBack {
+public:
+    SignalsHeldBack() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int number : {SIGHUP, SIGINT, SIGTERM})
+            sigaddset(&signals, number);
+        sigprocmask(SIG_BLOCK, &signals, &before_);
+    }
+    SignalsHeldBack(const SignalsHeldBack &) = delete;
+    SignalsHeldBack &operator=(const SignalsHeldBack &) = delete;
+    ~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+    const sigset_t &Before() const { return before_; }
+
+private:
+    sigset_t before_{};
+};
+
+timespec MonotonicTime() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+// From now until `seconds` after `start`; nothing when that is over.
+timespec LeftOf(std::int32_t seconds, const timespec &start) {
+    constexpr long second = 1000000000;
+    const timespec now = MonotonicTime();
+    timespec left{start.tv_sec + seconds - now.tv_sec, start.tv_nsec - now.tv_nsec};
+    if (left.tv_nsec < 0) {
+        left.tv_nsec += second;
+        --left.tv_sec;
+    }
+    return left.tv_sec < 0 ? timespec{} : left;
+}
+
+} // namespace
+
+// Cut short by a signal, and not made up for: the signal wants the next cycle. One that came since
+// the cycle looked has set the time to sleep to 0, and one that comes later interrupts the wait.
+void CronDaemon::WaitForNextCycle() const {
+    const ErrnoKept kept;
+    const SignalsHeldBack signals;
+    const timespec start = MonotonicTime();
+    for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
+        // What the system log could not take is sent as soon as it can.
+        const Descriptor log = CatchUpWithSystemLog();
+        pollfd more{log.Get(), POLLOUT, 0};
+        const timespec left = LeftOf(sleepSeconds, start);
+        ready = ppoll(&more, log ? 1 : 0, &left, &signals.Before());
+    }
 }
 
 void CronDaemon::RunCycle() {
@@ -601,16 +669,14 @@ void CronDaemon::MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &pars
 
 namespace {
 
-// Says what the jobs are rebuilt from, unless it is longer than the system log takes.
+// Says what the jobs are rebuilt from, as far as the system log takes it.
 void LogRuntime(const Json::Value &document) {
     const ErrnoKept kept;
     const SourceTag tag = TagOf(__FILE__);
     std::string text(tag.text, static_cast<std::size_t>(tag.length));
     text += ":" + std::to_string(__LINE__) + " current runtime: ";
-    const std::size_t most = LongestSystemLogText();
-    text += JsonToString(document, most);
-    if (text.size() <= most)
-        WriteSystemLog(LOG_INFO, text.c_str());
+    text += JsonToString(document, LongestSystemLogText());
+    WriteSystemLog(LOG_INFO, text.c_str());
 }
 
 } // namespace
@@ -695,8 +761,10 @@ bool IsThere(const std::string &path) {
 } // namespace
 
 void CronDaemon::LoadTemplate(const std::string &path) {
-    if (IsThere(path) && !LoadScheduleTemplate(scheduleTemplate, path))
-        LOG_ERROR("schedule template config load failed (%s)", path.c_str());
+    if (!IsThere(path) || LoadScheduleTemplate(scheduleTemplate, path))
+        return;
+    LOG_ERROR("schedule template config load failed (%s)", path.c_str());
+    KeepForLater(path);
 }
 
 void CronDaemon::SaveTemplate(const std::string &path, Durability durability) const {

@@ -11,8 +11,8 @@
 //
 // Who writes what: the signal handler sets `stopRequested` or `reloadRequested`, and `sleepSeconds`
 // to 0; so does PollChanges for a reload. ReloadJobs clears `reloadRequested`. Each cycle sets
-// `sleepSeconds` to 60. A signal that comes at an unlucky moment is served a cycle later. A job's
-// "expireTime" is set by its due check and cleared by its launch.
+// `sleepSeconds` to 60. No signal slips past the wait at the end of a cycle. A job's "expireTime"
+// is set by its due check and cleared by its launch.
 //
 // The jobs' documents, keyed by full job name, are the runtime document. It is rewritten whenever
 // the jobs or their schedules change, and kept over a restart by the shutdown save alone.
@@ -59,6 +59,7 @@ public:
 
 private:
     void RunCycle();
+    void WaitForNextCycle() const;
     void Evaluate();
     void LaunchJobs(const std::vector<JobState> &states);
     void LaunchJob(CronJob &job, const LaunchFacts &facts);

@@ -8,8 +8,10 @@ constexpr const char *kRuntimeTemplateFile = "/var/run/kestcrond.st.config";
 constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
 constexpr const char *kPersistentTemplateFile = "/usr/kest/etc/kestcrond.st.config";
 constexpr const char *kPidFile = "/var/run/kestcrond.pid";
+constexpr const char *kInstanceLockFile = "/var/run/kestcrond.lock";
 constexpr const char *kExecutionLogFile = "/var/log/kestcrond-execute.log";
 constexpr const char *kLogStagingFile = "/tmp/kestcrond.log";
+constexpr const char *kLogLockFile = "/var/run/kestcrond-execute.lock";
 constexpr unsigned kLogStagingKiB = 1024;
 
 constexpr const char *kDaemonName = "kestcrond";

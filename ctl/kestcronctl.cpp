@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB);
+KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB, kLogLockFile);
 
 namespace {
 

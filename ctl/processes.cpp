@@ -9,6 +9,7 @@
 #include "platform/descriptor.h"
 #include "platform/kestcore.h"
 #include "platform/kestsdk.h"
+#include "platform/process_owner.h"
 
 #include <algorithm>
 #include <array>
@@ -86,9 +87,7 @@ bool IsNamed(pid_t pid, const char *name) {
 // Whether root started the process, and whether it is the one that holds the pid file, as the
 // daemon does for all its life: a pid that is left from before may be anybody's by now.
 bool IsTheDaemon(pid_t pid) {
-    struct stat status {};
-    if (stat(ProcessFile(pid, "").c_str(), &status) == -1 || status.st_uid != 0 ||
-        !IsNamed(pid, kDaemonName))
+    if (!IsProcessOfRoot(pid) || !IsNamed(pid, kDaemonName))
         return false;
     const Descriptor file = OpenRegularFile(kPidFile);
     struct flock lock {};

@@ -5,17 +5,21 @@
 #include "log/error_log.h"
 #include "log/memorylogger.h"
 #include "platform/descriptor.h"
+#include "platform/errno_kept.h"
 #include "platform/kestcore.h"
+#include "platform/process_owner.h"
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 
 // Made before main and destroyed after it, the log first.
 static CronDaemon cronDaemon;
-KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB);
+KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB, kLogLockFile);
 
 namespace {
 
@@ -48,11 +52,41 @@ std::string get_pid_cmd(pid_t pid) {
 }
 
 // A pid file that names this very process is left from before a restart: a container hands out the
-// same pids again.
-bool is_running() {
+// same pids again. One that names an account's process of our name is left from before, too.
+bool is_named_by_pid_file() {
     const pid_t pid = XLIBCReadPidFile(kPidFile);
     return pid > 0 && pid != getpid() && XLIBCProcAlive(pid) == 1 &&
-           get_pid_cmd(pid) == kDaemonName;
+           get_pid_cmd(pid) == kDaemonName && IsProcessOfRoot(pid);
+}
+
+// The pid file may be removed while its daemon lives, and a service manager that has lost patience
+// with a start does so. What decides is a lock on a file that nobody removes; it ends with the
+// process. Closing any descriptor of the file would give it up.
+struct flock lock_of_instance() {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+bool is_locked() {
+    const ErrnoKept kept;
+    const Descriptor file = OpenOwnFile(kInstanceLockFile, O_RDWR);
+    struct flock lock = lock_of_instance();
+    return file && fcntl(file.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+bool lock_instance() {
+    Descriptor file = OpenOwnFile(kInstanceLockFile, O_RDWR | O_CREAT);
+    struct flock lock = lock_of_instance();
+    if (!file || fcntl(file.Get(), F_SETLK, &lock) == -1)
+        return false;
+    static_cast<void>(file.Release()); // locked for the rest of the process's life
+    return true;
+}
+
+bool is_running() {
+    return is_named_by_pid_file() || is_locked();
 }
 
 bool close_stdio() {
@@ -74,9 +108,31 @@ bool parse_arguments(int argc, char *argv[]) {
     return true;
 }
 
+void raise_limit(decltype(RLIMIT_FSIZE) resource, rlim_t soft, rlim_t hard) {
+    rlimit limit{};
+    getrlimit(resource, &limit);
+    limit = {std::max(limit.rlim_cur, soft), std::max(limit.rlim_max, hard)};
+    setrlimit(resource, &limit);
+}
+
+// The limits of the shell that happened to start the daemon are neither for it nor for its jobs:
+// they get at least what the kernel gives the first process, and leave no core unless they ask for
+// it.
+void set_limits() {
+    const ErrnoKept kept; // whoever may not raise them goes on with what there is
+    signal(SIGXFSZ, SIG_IGN);
+    raise_limit(RLIMIT_FSIZE, RLIM_INFINITY, RLIM_INFINITY);
+    raise_limit(RLIMIT_NOFILE, 1024, 4096);
+    rlimit core{};
+    getrlimit(RLIMIT_CORE, &core);
+    core.rlim_cur = 0;
+    setrlimit(RLIMIT_CORE, &core);
+}
+
 bool become_daemon() {
     if (daemon(0, 0) == -1)
         return false;
+    set_limits();
     // What the starter had open or blocked is not for the life of a daemon.
     CloseInheritedDescriptors();
     sigset_t none;
@@ -86,7 +142,7 @@ bool become_daemon() {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGCHLD, SIG_IGN); // ended jobs are reaped by the kernel
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    return XLIBCProcPidFileCreate(kPidFile) >= 0;
+    return lock_instance() && XLIBCProcPidFileCreate(kPidFile) >= 0;
 }
 
 // Initialises the daemon. An exception is reported here and counts as a failure of its own.

@@ -472,8 +472,12 @@ private:
     std::unique_ptr<char *[]> pointers_;
 };
 
+// A line with its newline has 16 KiB at most: an author decides how long a command is.
 void WriteExecutionLog(const std::string &text) {
-    executionLog.stream() << KEST::MemoryLogger::Timestamp() << Printable(text) << "\n";
+    constexpr std::size_t most = 16 * 1024;
+    executionLog.stream() << WithoutMiddle(KEST::MemoryLogger::Timestamp() + Printable(text),
+                                           most - 1)
+                          << "\n";
     executionLog.Flush();
 }
 
@@ -531,8 +535,9 @@ bool CronJob::BecomeCommand(const std::string &note) const {
     const std::string running =
         "running job: " + name + " with command: " + TextMember(_jsJob, "cmd_str");
     WriteExecutionLog(running + " as user " + user.name + (note.empty() ? "" : " (" + note + ")"));
-    // The account cannot open the log, but what goes wrong from here on belongs into it.
-    executionLog.KeepLogOpen();
+    // Another account cannot open the log, but what goes wrong from here on belongs into it.
+    if (user.uid != 0)
+        executionLog.KeepLogOpen();
     TakeOnAccount(user, name);
     const int rc = StartProgram(arguments.Get(), user.uid);
     if (rc < 0)

@@ -4,11 +4,13 @@
 #include "log/system_log.h"
 #include "platform/errno_kept.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <syslog.h>
 
 SourceTag TagOf(const char *file) {
@@ -19,16 +21,29 @@ SourceTag TagOf(const char *file) {
 
 namespace {
 
-// Longer than any system log takes; what does not fit is cut off.
 using MessageBuffer = std::array<char, 8192>;
 
-// No memory is asked for: there may be none left, and that may be the message.
-void EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
+constexpr std::string_view kCutSign = " [cut]";
+
+// Says at the end of a full buffer that there was more.
+void MarkAsCut(MessageBuffer &message) {
+    kCutSign.copy(message.data() + message.size() - 1 - kCutSign.size(), kCutSign.size());
+    message.back() = '\0';
+}
+
+// No memory is asked for: there may be none left, and that may be the message. Returns whether
+// there is space for all of it.
+bool EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
     std::size_t size = 0;
     for (const char *character = message.data(); *character != '\0'; ++character)
-        for (const char part : EscapeOf(*character))
-            if (part != '\0' && size + 1 < printable.size())
-                printable.at(size++) = part;
+        for (const char part : EscapeOf(*character)) {
+            if (part == '\0')
+                continue;
+            if (size + 1 == printable.size())
+                return false;
+            printable.at(size++) = part;
+        }
+    return true;
 }
 
 } // namespace
@@ -44,10 +59,12 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
     va_start(arguments, text);
     // The analyser does not see that va_start initialises the list.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    std::vsnprintf(message.data(), message.size(), text, arguments);
+    const int size = std::vsnprintf(message.data(), message.size(), text, arguments);
     va_end(arguments);
     const SourceTag tag = TagOf(file);
-    EscapeInto(printable, message);
+    const bool isWhole = static_cast<std::size_t>(std::max(size, 0)) < message.size();
+    if (!EscapeInto(printable, message) || !isWhole)
+        MarkAsCut(printable);
     std::array<char, sizeof printable + 256> whole{};
     if (error != 0)
         std::snprintf(whole.data(), whole.size(), "%.*s:%d %s (%s)", tag.length, tag.text, line,

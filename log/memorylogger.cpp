@@ -1,6 +1,7 @@
 #include "log/memorylogger.h"
 
 #include "log/error_log.h"
+#include "log/patience.h"
 #include "log/timestamp.h"
 #include "platform/errno_kept.h"
 #include "platform/move_aside.h"
@@ -29,19 +30,6 @@ using boost::interprocess::sharable_lock;
 Descriptor OpenToAppend(const std::string &path) {
     return Descriptor(
         open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
-}
-
-// Anybody may put something at the staging path: only a regular file of our own with this one name
-// is taken for the staging file.
-Descriptor OpenOwnFile(const std::string &path, int mode) {
-    Descriptor file(open(path.c_str(), mode | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (!file || fstat(file.Get(), &status) == -1)
-        return {};
-    if (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1)
-        return file;
-    errno = EPERM;
-    return {};
 }
 
 // Clears the path of whatever stands there, a directory with something in it too.
@@ -93,6 +81,18 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
     return false;
 }
 
+// Out of turn a part that did fit cannot be taken back: others may have written since.
+bool WriteAsItComes(const Descriptor &file, const std::string &text) {
+    return WriteAll(file.Get(), text);
+}
+
+// The log of a machine that wants none may lead to "/dev/null", which is not ours to close.
+bool CloseToOthers(const Descriptor &log) {
+    struct stat status {};
+    return fstat(log.Get(), &status) == 0 &&
+           (!S_ISREG(status.st_mode) || fchmod(log.Get(), 0600) == 0);
+}
+
 // Whether `path` still names the open file; somebody may tidy up while we wait for the lock.
 bool Names(const std::string &path, const Descriptor &file) {
     const ErrnoKept kept;
@@ -102,17 +102,32 @@ bool Names(const std::string &path, const Descriptor &file) {
            opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
 }
 
-// Where there are no locks, the log is written all the same.
-void Lock(const Descriptor &file) {
-    while (flock(file.Get(), LOCK_EX) == -1 && errno == EINTR)
-        continue;
+// Waits for the lock for five seconds at most; returns whether it is ours.
+bool Lock(const Descriptor &file) {
+    const Patience patience({5, 0});
+    while (flock(file.Get(), LOCK_EX) == -1)
+        if (errno != EINTR || patience.IsOver())
+            return false;
+    return true;
+}
+
+// Whether a file could not be opened because something else stands there.
+bool IsInTheWay(int error) {
+    return error == ELOOP || error == EPERM || error == EISDIR || error == ENXIO;
+}
+
+// A file that others may open can be locked by them.
+bool IsClosedToOthers(const Descriptor &file) {
+    struct stat status {};
+    return fstat(file.Get(), &status) == 0 && (status.st_mode & 077) == 0;
 }
 
 } // namespace
 
-MemoryLogger::MemoryLogger(std::string logPath, std::string stagingPath, unsigned capacity)
+MemoryLogger::MemoryLogger(std::string logPath, std::string stagingPath, unsigned capacity,
+                           std::string lockPath)
     : _strLogPath(std::move(logPath)), _stagingPath(std::move(stagingPath)),
-      _capacity(static_cast<std::uintmax_t>(capacity) * 1024) {}
+      _capacity(static_cast<std::uintmax_t>(capacity) * 1024), _lockPath(std::move(lockPath)) {}
 
 std::string MemoryLogger::Timestamp() {
     const std::time_t now = std::time(nullptr);
@@ -122,24 +137,36 @@ std::string MemoryLogger::Timestamp() {
 
 void MemoryLogger::Flush() {
     if (_keptLog) {
-        FlushToKeptLog();
+        // Without the lock: a process that runs as another account can be stopped by it, and would
+        // let all others wait. A single write appends a line whole all the same.
+        AppendDirectly(_keptLog, TakeBuffer(), WriteAsItComes);
         return;
     }
     // The files are shared with other processes, so the whole way through the staging file is one
-    // step. Where no log can be made there is nothing to wait for.
+    // step.
     const Descriptor lock = LockFlush();
+    if (!lock) {
+        AppendDirectly(OpenToAppend(_strLogPath), TakeBuffer(), WriteAsItComes);
+        return;
+    }
     AppendToStaging();
     MoveToLog();
 }
 
 void MemoryLogger::AppendToStaging() {
+    std::string text = TakeBuffer();
     {
         const scoped_lock<interprocess_sharable_mutex> lock(_stagingLock);
         const Descriptor staging = OpenStaging(_stagingPath);
-        const std::string text = TakeBuffer();
-        if (!staging || !AppendWhole(staging, text))
+        if (!staging)
             LOG_ERROR("open memory logger failed");
+        else if (!AppendWhole(staging, text))
+            LOG_ERROR("Failed to write [%s]", _stagingPath.c_str());
+        else
+            text.clear();
     }
+    if (!text.empty())
+        AppendDirectly(OpenToAppend(_strLogPath), text, AppendWhole);
     if (StagingIsFull())
         MoveToLog();
 }
@@ -149,17 +176,16 @@ void MemoryLogger::MoveToLog() {
     const sharable_lock<interprocess_sharable_mutex> stagingLock(_stagingLock);
     const Descriptor fs = OpenToAppend(_strLogPath);
     std::string text;
-    if (!fs) {
+    if (!fs)
         LOG_ERROR("Failed [%s], err=%m", "!fs");
-    } else if (const Descriptor fsMem = OpenOwnFile(_stagingPath, O_RDONLY);
-               !fsMem || !ReadAll(fsMem.Get(), std::numeric_limits<std::size_t>::max(), text)) {
+    else if (const Descriptor fsMem = OpenOwnFile(_stagingPath, O_RDONLY); !fsMem)
         LOG_ERROR("Failed [%s], err=%m", "!fsMem");
-    } else {
-        if (!AppendWhole(fs, text))
-            LOG_ERROR("Failed [%s], err=%m", "!fs");
-        if (fchmod(fs.Get(), 0600) == -1)
-            LOG_ERROR("Failed [%s], err=%m", "chmod(_strLogPath.c_str(), 0600)");
-    }
+    else if (!ReadAll(fsMem.Get(), std::numeric_limits<std::size_t>::max(), text))
+        LOG_ERROR("Failed to read [%s]", _stagingPath.c_str());
+    else if (!AppendWhole(fs, text))
+        LOG_ERROR("Failed to write [%s]", _strLogPath.c_str());
+    else if (!CloseToOthers(fs))
+        LOG_ERROR("Failed [%s], err=%m", "chmod(_strLogPath.c_str(), 0600)");
     ClearPath(_stagingPath);
 }
 
@@ -167,26 +193,28 @@ void MemoryLogger::KeepLogOpen() {
     _keptLog = OpenToAppend(_strLogPath);
 }
 
-void MemoryLogger::FlushToKeptLog() {
-    // Without the lock: a process that runs as another account can be stopped by it, and would let
-    // all others wait. A single write appends a line whole all the same.
-    if (!WriteAll(_keptLog.Get(), TakeBuffer()))
+// Appends the text, where the staging file is left out.
+void MemoryLogger::AppendDirectly(const Descriptor &log, const std::string &text,
+                                  bool (*append)(const Descriptor &, const std::string &)) const {
+    if (!log)
         LOG_ERROR("Failed [%s], err=%m", "!fs");
+    else if (!append(log, text))
+        LOG_ERROR("Failed to write [%s]", _strLogPath.c_str());
 }
 
-// Waits for the flushes of other processes; the lock is held as long as the descriptor. It lies on
-// a file of its own: the log may be rotated in the middle of a flush, and the next one would not
-// meet a lock on the old log.
+// The lock is held as long as the descriptor; none when it cannot be had. It lies on a file of its
+// own: the log may be rotated in the middle of a flush, and the next one would not meet a lock on
+// the old log.
 Descriptor MemoryLogger::LockFlush() const {
     const ErrnoKept kept;
-    const std::string path = _strLogPath + ".lock";
     constexpr int tries = 64; // nobody removes it as often
     for (int i = 0; i < tries; ++i) {
-        Descriptor lock = OpenToAppend(path);
-        if (!lock)
+        Descriptor lock = OpenOwnFile(_lockPath, O_RDWR | O_CREAT);
+        if (lock ? !IsClosedToOthers(lock) : IsInTheWay(errno))
+            ClearPath(_lockPath);
+        else if (!lock || !Lock(lock))
             return {};
-        Lock(lock);
-        if (Names(path, lock))
+        else if (Names(_lockPath, lock))
             return lock;
     }
     return {};

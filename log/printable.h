@@ -4,6 +4,7 @@
 #define LOG_PRINTABLE_H
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -16,5 +17,10 @@ Escape EscapeOf(char character);
 
 // `text` with each character written so: it always stays inside its line.
 std::string Printable(std::string_view text);
+
+// `text` when it has at most `most` bytes; otherwise its beginning and its end, with a sign in
+// between that counts the bytes left out, together at most `most` (64 or more). No character of
+// UTF-8 is taken apart.
+std::string WithoutMiddle(std::string text, std::size_t most);
 
 #endif

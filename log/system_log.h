@@ -3,17 +3,25 @@
 #ifndef LOG_SYSTEM_LOG_H
 #define LOG_SYSTEM_LOG_H
 
+#include "platform/descriptor.h"
+
 #include <cstddef>
 
 // Each program links an implementation. The daemon's writes `text` to the system log as syslog()
 // does, but never waits long: the log's socket takes a few messages only when nobody reads it, and
-// a scheduler has other things to do than to stand before it. A message that could not be handed
-// over within a second is lost, and so is each one after it that is not taken at once. errno may
+// a scheduler has other things to do than to stand before it. What is not taken within half a
+// second for all messages of a cycle is kept and sent later (log/system_log_sender.h). errno may
 // change. Uses SIGALRM and the real-time timer, and leaves both as they were set up, the timer
 // stopped.
 void WriteSystemLog(int priority, const char *text);
 
-// The length beyond which the system log takes no text, in bytes. It may take less.
+// Begins a new half second. Sends what is kept, as far as it is taken at once, and returns a
+// descriptor that polls as writable when the log takes more; none when there is nothing to wait
+// for.
+Descriptor CatchUpWithSystemLog();
+
+// The length beyond which the system log takes no text, in bytes; what is longer is cut. It may
+// take less.
 std::size_t LongestSystemLogText();
 
 #endif

@@ -37,8 +37,9 @@ void XLIBCProcFree(XLIBCProc *process);
 int XLIBCProcPidFileCreate(const char *path);
 
 // Forks. Returns -1 with errno set on failure, the child's pid in the parent and 0 in the child.
-// The child has standard input, output and error and no other descriptor; SIGINT, SIGTERM and
-// SIGPIPE have their default actions, SIGHUP is ignored, no signal is blocked. `flags` is 71.
+// The child begins a session of its own; it has standard input, output and error and no other
+// descriptor; SIGINT, SIGTERM and SIGPIPE have their default actions, SIGHUP is ignored, no signal
+// is blocked. `flags` is 71.
 pid_t XLIBCProcForkEx(int flags);
 
 // Replaces the process by the program at `path` with the arguments `argv`, which end with a null

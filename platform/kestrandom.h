@@ -8,7 +8,8 @@
 namespace KEST::RANDOM {
 
 // Draws from the kernel's random source, so that two machines cloned from one image that start in
-// the same second draw differently.
+// the same second draw differently. Never waits: while the kernel has no random numbers yet, what
+// tells machines apart is mixed instead.
 class KESTRandom {
 public:
     // A number from `low` to `high` - 1, each equally likely; `low` when there is no other.

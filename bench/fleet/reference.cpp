@@ -10,7 +10,7 @@
 #include <json/value.h>
 
 // The job model leans on one; nothing is launched here, so nothing is written.
-KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024);
+KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
 namespace {
 

@@ -238,6 +238,7 @@ pid_t XLIBCProcForkEx(int /*flags*/) {
     sigprocmask(SIG_BLOCK, &all, &before);
     const pid_t pid = fork();
     if (pid == 0) {
+        setsid(); // what it sends to its process group must not reach its parent
         for (const int number : {SIGINT, SIGTERM, SIGPIPE})
             signal(number, SIG_DFL);
         signal(SIGHUP, SIG_IGN);

@@ -7,10 +7,13 @@
 //     +2500000000y x60            so many years of 365 days from now
 
 #include <cerrno>
+#include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -95,6 +98,29 @@ extern "C" unsigned sleep(unsigned seconds) {
     SleepAtRate(seconds, &left);
     errno = kept;
     return static_cast<unsigned>(left + 0.5);
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) {
+    if (clock != CLOCK_MONOTONIC)
+        return static_cast<int>(syscall(SYS_clock_gettime64, clock, now));
+    const double rate = ReadSetting().rate;
+    const double faked = startedAt + (Now(CLOCK_MONOTONIC) - startedAt) * (rate > 0 ? rate : 1);
+    now->tv_sec = static_cast<std::time_t>(faked);
+    now->tv_nsec = static_cast<long>((faked - static_cast<double>(now->tv_sec)) * kNanoseconds);
+    return 0;
+}
+
+extern "C" int ppoll(pollfd *files, nfds_t count, const timespec *timeout, const sigset_t *mask) {
+    const double rate = ReadSetting().rate;
+    const double real = (static_cast<double>(timeout->tv_sec) +
+                         static_cast<double>(timeout->tv_nsec) / kNanoseconds) /
+                        (rate > 0 ? rate : 1);
+    timespec request{};
+    request.tv_sec = static_cast<std::time_t>(real);
+    request.tv_nsec =
+        static_cast<long>((real - static_cast<double>(request.tv_sec)) * kNanoseconds);
+    constexpr std::size_t maskSize = 8; // the kernel's
+    return static_cast<int>(syscall(SYS_ppoll_time64, files, count, &request, mask, maskSize));
 }
 
 extern "C" int nanosleep(const timespec *request, timespec *rest) {

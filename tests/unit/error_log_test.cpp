@@ -3,9 +3,7 @@
 #include "tests/unit/syslog_capture.h"
 
 #include <cerrno>
-#include <csignal>
 #include <gtest/gtest.h>
-#include <sys/time.h>
 #include <syslog.h>
 
 namespace {
@@ -91,31 +89,25 @@ TEST(LogErrorAt, CutsOffWhatIsTooLong) {
     LogErrorAt("cronjob.cpp", 7, "%s", path.c_str());
     ASSERT_EQ(log.Messages().size(), 1U);
     const std::string &text = log.Messages()[0].text;
-    EXPECT_EQ(text, "cronjob:7 " + path.substr(0, 8191));
+    EXPECT_EQ(text, "cronjob:7 " + path.substr(0, 8191 - 6) + " [cut]");
 }
 
-TEST(LogErrorAt, LeavesTheAlarmToOthers) {
-    struct sigaction before {};
-    sigset_t blocked;
-    signal(SIGALRM, SIG_IGN);
-    sigaction(SIGALRM, nullptr, &before);
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGALRM);
-    sigprocmask(SIG_BLOCK, &blocked, nullptr);
-    {
+TEST(LogErrorAt, SaysThatItIsCutWhenEscapesTakeTooMuchSpace) {
+    const struct {
+        std::size_t length;
+        const char *end;
+    } rows[] = {{8190, "xx"}, {8191, "xx"}, {8192, " [cut]"}};
+    for (const auto &row : rows) {
         const SyslogCapture log;
-        LogErrorAt("cronjob.cpp", 7, "error period");
+        LogErrorAt("cronjob.cpp", 7, "%s", std::string(row.length, 'x').c_str());
+        const std::string &text = log.Messages().at(0).text;
+        EXPECT_EQ(text.substr(text.size() - std::string(row.end).size()), row.end) << row.length;
     }
-    struct sigaction after {};
-    sigaction(SIGALRM, nullptr, &after);
-    EXPECT_EQ(after.sa_handler, before.sa_handler);
-    sigset_t still;
-    sigprocmask(SIG_UNBLOCK, &blocked, &still);
-    EXPECT_EQ(sigismember(&still, SIGALRM), 1);
-    itimerval timer{};
-    getitimer(ITIMER_REAL, &timer);
-    EXPECT_EQ(timer.it_value.tv_sec + timer.it_value.tv_usec, 0);
-    signal(SIGALRM, SIG_DFL);
+    const SyslogCapture log;
+    LogErrorAt("cronjob.cpp", 7, "%s", std::string(3000, '\1').c_str());
+    const std::string &text = log.Messages().at(0).text;
+    EXPECT_EQ(text.size(), std::string("cronjob:7 ").size() + 8191);
+    EXPECT_EQ(text.substr(text.size() - 6), " [cut]");
 }
 
 TEST(LogError, NamesTheLineItStandsIn) {

@@ -505,6 +505,17 @@ TEST(XLIBCProcForkEx, GivesTheChildItsState) {
               0);
 }
 
+// What a child sends to its process group, or a terminal does, reaches nobody else.
+TEST(XLIBCProcForkEx, LetsTheChildBeginASession) {
+    EXPECT_EQ(InChild([] {
+                  const pid_t child = XLIBCProcForkEx(71);
+                  if (child == 0)
+                      _exit(getsid(0) == getpid() && getpgrp() == getpid() ? 0 : 1);
+                  return ExitStatusOf(child);
+              }),
+              0);
+}
+
 TEST(XLIBCProcForkEx, TellsThatThereIsNoRoomForAChild) {
     EXPECT_EQ(InChild([] {
                   const rlimit limit{0, 0};

@@ -4,16 +4,21 @@
 #include "tests/unit/support/files.h"
 #include "tests/unit/syslog_capture.h"
 
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,9 +38,9 @@ protected:
 
     TemporaryDirectory directory_;
     std::string log_ = directory_.File("execute.log");
-    std::string lock_ = directory_.File("execute.log.lock");
+    std::string lock_ = directory_.File("lock");
     std::string staging_ = directory_.File("staging");
-    KEST::MemoryLogger logger_{log_, staging_, 1};
+    KEST::MemoryLogger logger_{log_, staging_, 1, lock_};
     SyslogCapture messages_;
 };
 
@@ -51,7 +56,7 @@ TEST_F(MemoryLoggerTest, AppendsWholeFlushesInOrder) {
     FlushLine("\n");
     FlushLine(bytes);
     EXPECT_EQ(ReadText(log_), "first\nsecond 2\n" + bytes);
-    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "lock"));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -251,7 +256,7 @@ TEST_F(MemoryLoggerTest, CountsTheWholeStagingFile) {
 }
 
 TEST_F(MemoryLoggerTest, HasRoomForLongFlushes) {
-    KEST::MemoryLogger logger(log_, staging_, 1024);
+    KEST::MemoryLogger logger(log_, staging_, 1024, lock_);
     std::string text(1048576, 'x');
     logger.stream() << text;
     logger.Flush();
@@ -287,7 +292,7 @@ TEST_F(MemoryLoggerTest, LosesTheLineOfALogThatCannotBeOpened) {
         SCOPED_TRACE(row.log);
         messages_.Clear();
         errno = 0;
-        KEST::MemoryLogger logger(directory_.File(row.log), staging_, 1);
+        KEST::MemoryLogger logger(directory_.File(row.log), staging_, 1, lock_);
         logger.stream() << "line\n";
         logger.Flush();
         EXPECT_THAT(
@@ -295,21 +300,20 @@ TEST_F(MemoryLoggerTest, LosesTheLineOfALogThatCannotBeOpened) {
             ElementsAre("Failed [!fs], err=" + std::string(row.error) + " (" + row.error + ")"));
         EXPECT_FALSE(Stands(staging_));
     }
-    EXPECT_THAT(directory_.Names(),
-                ElementsAre("directory", "directory.lock", "fifo", "fifo.lock", "file"));
+    EXPECT_THAT(directory_.Names(), ElementsAre("directory", "fifo", "file", "lock"));
 }
 
 TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
-    KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1);
+    KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1, lock_);
     logger.stream() << "line\n";
     logger.Flush();
     EXPECT_THAT(messages_.Texts("memorylogger"),
                 ElementsAre("open memory logger failed (No such file or directory)", kNoStaging));
-    EXPECT_EQ(ReadText(log_), "");
+    EXPECT_EQ(ReadText(log_), "line\n");
     messages_.Clear();
     std::filesystem::create_directory(directory_.File("absent"));
-    logger.Flush(); // the lost line does not come back later
-    EXPECT_EQ(ReadText(log_), "");
+    logger.Flush(); // the line does not come again
+    EXPECT_EQ(ReadText(log_), "line\n");
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -318,28 +322,66 @@ class FullDiskTest : public MemoryLoggerTest {
 protected:
     FullDiskTest() { WriteText(log_, "old\n"); }
 
-    // Expects a flush of `size` bytes to be lost whole, with this message.
-    void ExpectFlushIsLost(std::size_t size, const std::string &message) {
+    // Expects a flush of `size` bytes to be lost whole, with these messages.
+    void ExpectFlushIsLost(std::size_t size, const std::vector<std::string> &messages) {
         EXPECT_EQ(InChild([&] {
                       signal(SIGXFSZ, SIG_IGN);
                       const rlimit limit{100, 100};
                       if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
                           return 1;
                       FlushLine(std::string(size, 'x'));
-                      return messages_.Texts("memorylogger") == std::vector{message} ? 0 : 2;
+                      return messages_.Texts("memorylogger") == messages ? 0 : 2;
                   }),
                   0);
         EXPECT_EQ(ReadText(log_), "old\n");
-        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
+        EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "lock"));
+    }
+
+    std::string NotWritten(const std::string &path) const {
+        return "Failed to write [" + path + "] (File too large)";
     }
 };
 
 TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheLog) {
-    ExpectFlushIsLost(98, "Failed [!fs], err=File too large (File too large)");
+    ExpectFlushIsLost(98, {NotWritten(log_)});
 }
 
-TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheStagingFile) {
-    ExpectFlushIsLost(101, "open memory logger failed (File too large)");
+TEST_F(FullDiskTest, LosesAFlushThatFitsNowhere) {
+    ExpectFlushIsLost(101, {NotWritten(staging_), NotWritten(log_)});
+}
+
+TEST_F(MemoryLoggerTest, AppendsToTheLogWhatTheStagingFileDoesNotTake) {
+    EXPECT_EQ(InChild([this] {
+                  // A file system of its own, without a free page.
+                  const std::string full = directory_.File("full");
+                  std::filesystem::create_directory(full);
+                  if (unshare(CLONE_NEWNS) != 0 ||
+                      mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      mount("tmpfs", full.c_str(), "tmpfs", 0, "size=4k") != 0)
+                      return 1;
+                  WriteText(full + "/file", std::string(4096, 'x'));
+                  KEST::MemoryLogger logger(log_, full + "/staging", 1, lock_);
+                  logger.stream() << "line\n";
+                  logger.Flush();
+                  return messages_.Texts("memorylogger") ==
+                                 std::vector<std::string>{"Failed to write [" + full +
+                                                          "/staging] (No space left on device)"}
+                             ? 0
+                             : 2;
+              }),
+              0);
+    EXPECT_EQ(ReadText(log_), "line\n");
+}
+
+TEST_F(MemoryLoggerTest, LeavesTheModeOfADeviceAlone) {
+    const std::string device = directory_.File("null");
+    ASSERT_EQ(mknod(device.c_str(), S_IFCHR, makedev(1, 3)), 0);
+    ASSERT_EQ(chmod(device.c_str(), 0666), 0);
+    std::filesystem::create_symlink(device, log_);
+    FlushLine("line\n");
+    EXPECT_EQ(ModeOf(device), 0666U);
+    EXPECT_FALSE(Stands(staging_));
+    EXPECT_TRUE(messages_.Messages().empty());
 }
 
 // --- A log kept open ----------------------------------------------------------------------------
@@ -356,7 +398,7 @@ TEST_F(MemoryLoggerTest, ReachesAKeptLogAfterGivingUpItsRights) {
               }),
               0);
     EXPECT_EQ(ReadText(log_), "as root\nas nobody\nagain\n");
-    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "execute.log.lock"));
+    EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "lock"));
 }
 
 // Proves that the test above is about the log kept open.
@@ -366,9 +408,8 @@ TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
                       return 1;
                   FlushLine("as nobody\n");
                   const std::string error = "Permission denied";
-                  const std::vector<std::string> expected{
-                      "open memory logger failed (" + error + ")",
-                      "Failed [!fs], err=" + error + " (" + error + ")"};
+                  const std::vector<std::string> expected{"Failed [!fs], err=" + error + " (" +
+                                                          error + ")"};
                   return messages_.Texts("memorylogger") == expected ? 0 : 2;
               }),
               0);
@@ -399,8 +440,8 @@ TEST_F(MemoryLoggerTest, ReportsWhatDoesNotFitIntoAKeptLog) {
                       return 1;
                   FlushLine("line\n");
                   return messages_.Texts("memorylogger") ==
-                                 std::vector<std::string>{
-                                     "Failed [!fs], err=File too large (File too large)"}
+                                 std::vector<std::string>{"Failed to write [" + log_ +
+                                                          "] (File too large)"}
                              ? 0
                              : 2;
               }),
@@ -431,7 +472,7 @@ TEST_F(MemoryLoggerTest, HandsNoDescriptorToAnotherProgram) {
 }
 
 TEST_F(MemoryLoggerTest, FlushesAsEverWhenTheLogCannotBeKept) {
-    KEST::MemoryLogger logger(directory_.File("later/execute.log"), staging_, 1);
+    KEST::MemoryLogger logger(directory_.File("later/execute.log"), staging_, 1, lock_);
     logger.KeepLogOpen();
     std::filesystem::create_directory(directory_.File("later"));
     logger.stream() << "line\n";
@@ -536,6 +577,53 @@ TEST_F(MemoryLoggerTest, WaitsForTheLockThatStandsThereNow) {
     flock(fresh.Get(), LOCK_UN);
     EXPECT_EQ(ExitStatusOf(child), 0);
     EXPECT_EQ(ReadText(log_), "line\n");
+}
+
+// --- The lock -----------------------------------------------------------------------------------
+
+TEST_F(MemoryLoggerTest, ClosesTheLockToOthers) {
+    const Umask umask(0);
+    FlushLine("line\n");
+    EXPECT_EQ(ModeOf(lock_), 0600U);
+    std::filesystem::permissions(lock_, std::filesystem::perms(0644));
+    FlushLine("line\n");
+    EXPECT_EQ(ModeOf(lock_), 0600U);
+}
+
+// Nothing is made or locked through what stands in the lock's place.
+TEST_F(PlantedStagingTest, IsNotTakenForTheLock) {
+    for (const Plant &plant : kPlants) {
+        SCOPED_TRACE(plant.name);
+        std::filesystem::remove(log_);
+        std::filesystem::remove(lock_);
+        plant.put(lock_, victim_);
+        ExpectFlushIsSafe();
+        EXPECT_FALSE(Stands(directory_.File("nowhere")));
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(lock_)));
+    }
+}
+
+TEST_F(MemoryLoggerTest, DoesWithoutALockThatCannotBeMade) {
+    KEST::MemoryLogger logger(log_, staging_, 1, directory_.File("absent/lock"));
+    logger.stream() << "line\n";
+    logger.Flush();
+    EXPECT_EQ(ReadText(log_), "line\n");
+    EXPECT_FALSE(Stands(staging_));
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
+TEST_F(MemoryLoggerTest, WaitsFiveSecondsForALockAndNoLonger) {
+    const Descriptor other(open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(other.Get(), LOCK_EX), 0);
+    WriteText(staging_, "of the one who holds it\n");
+    const auto start = std::chrono::steady_clock::now();
+    FlushLine("line\n");
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(4900));
+    EXPECT_LE(waited, std::chrono::seconds(15));
+    EXPECT_EQ(ReadText(log_), "line\n");
+    EXPECT_EQ(ReadText(staging_), "of the one who holds it\n");
+    EXPECT_TRUE(messages_.Messages().empty());
 }
 
 } // namespace

@@ -39,4 +39,34 @@ TEST(Printable, LeavesNoControlCharacter) {
     }
 }
 
+TEST(WithoutMiddle, LeavesShortTextsAlone) {
+    for (const std::string &text : {std::string(), std::string(100, 'x')})
+        EXPECT_EQ(WithoutMiddle(text, 100), text);
+}
+
+TEST(WithoutMiddle, KeepsTheBeginningAndTheEnd) {
+    const std::string text = "begin" + std::string(1000, 'x') + "end";
+    EXPECT_EQ(WithoutMiddle(text, 100), text.substr(0, 26) + " [... 956 bytes left out ...] " +
+                                            text.substr(text.size() - 26));
+    for (std::size_t most = 64; most < text.size(); ++most)
+        EXPECT_LE(WithoutMiddle(text, most).size(), most);
+}
+
+TEST(WithoutMiddle, TakesNoCharacterApart) {
+    for (const char *character : {"\xc3\xa9", "\xe2\x80\xae", "\xf0\x9f\x98\x80"}) {
+        const std::string one = character;
+        for (std::size_t offset = 0; offset < one.size(); ++offset) {
+            std::string text(offset, 'x');
+            for (int i = 0; i < 100; ++i)
+                text += one;
+            const std::string cut = WithoutMiddle(text, 80);
+            const std::size_t start = cut.find(" [... ");
+            const std::size_t end = cut.find(" bytes left out ...] ") + 21;
+            EXPECT_EQ((start - offset) % one.size(), 0U);
+            EXPECT_EQ((cut.size() - end) % one.size(), 0U);
+        }
+    }
+    EXPECT_LE(WithoutMiddle(std::string(1000, '\x80'), 80).size(), 80U);
+}
+
 } // namespace

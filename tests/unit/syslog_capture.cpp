@@ -1,13 +1,9 @@
-// The checked variants are defined below, so no call may be redirected to them here.
-#undef _FORTIFY_SOURCE
-
 #include "tests/unit/syslog_capture.h"
 
-#include <array>
+#include "log/system_log.h"
+
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <regex>
 #include <sys/mman.h>
@@ -22,15 +18,6 @@ SyslogCapture *&TheCapture() {
 
 constexpr std::size_t kMessageSize = 16384;
 char *sharedMessage = nullptr;
-
-void Collect(int priority, const char *format, va_list arguments) {
-    std::array<char, kMessageSize> text{};
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    if (sharedMessage != nullptr)
-        std::memcpy(sharedMessage, text.data(), text.size());
-    else if (TheCapture() != nullptr)
-        TheCapture()->Add(priority, text.data());
-}
 
 } // namespace
 
@@ -69,39 +56,17 @@ std::vector<std::string> SyslogCapture::Texts(const std::string &tag) const {
     return texts;
 }
 
-extern "C" {
-
-// The C library declares them with names of its own for the parameters.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
-void syslog(int priority, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Collect(priority, format, arguments);
-    va_end(arguments);
+void WriteSystemLog(int priority, const char *text) {
+    if (sharedMessage != nullptr)
+        std::snprintf(sharedMessage, kMessageSize, "%s", text);
+    else if (TheCapture() != nullptr)
+        TheCapture()->Add(priority, text);
 }
 
-void vsyslog(int priority, const char *format, va_list arguments) {
-    Collect(priority, format, arguments);
-}
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
-
-// What a build with _FORTIFY_SOURCE calls instead. The names are the C library's.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-void __syslog_chk(int priority, int flag, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
-void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments)
-    __attribute__((format(printf, 3, 0)));
-
-void __syslog_chk(int priority, int /*flag*/, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Collect(priority, format, arguments);
-    va_end(arguments);
+Descriptor CatchUpWithSystemLog() {
+    return {};
 }
 
-void __vsyslog_chk(int priority, int /*flag*/, const char *format, va_list arguments) {
-    Collect(priority, format, arguments);
+std::size_t LongestSystemLogText() {
+    return kMessageSize;
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-
-} // extern "C"

@@ -1,5 +1,5 @@
-// What the code under test says to the system log. The test program defines the C library's syslog
-// calls itself, so that nothing of it reaches the log of the machine that runs the tests.
+// What the code under test says to the system log. It takes the place of log/system_log.cpp, so
+// that nothing of it reaches the log of the machine that runs the tests.
 
 #ifndef TESTS_UNIT_SYSLOG_CAPTURE_H
 #define TESTS_UNIT_SYSLOG_CAPTURE_H

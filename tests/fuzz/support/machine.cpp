@@ -1,16 +1,12 @@
-// The checked variants are defined below, so no call may be redirected to them here.
-#undef _FORTIFY_SOURCE
-
 #include "tests/fuzz/support/machine.h"
 
 #include "log/memorylogger.h"
+#include "log/system_log.h"
 #include "tests/fuzz/support/checks.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -23,7 +19,7 @@
 #include <syslog.h>
 
 // Jobs are never launched here, so nothing is ever written to it.
-KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024);
+KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
 namespace {
 
@@ -57,18 +53,6 @@ private:
     std::string path_;
 };
 
-// Messages are written in full, so that the sanitizers see what formatting them touches.
-void Drop(int priority, const char *format, va_list arguments) {
-    static std::array<char, 1U << 16> text{};
-    // The analyser does not see that va_start initialises the list.
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    if (priority == LOG_ERR)
-        Require(std::none_of(text.data(), text.data() + std::strlen(text.data()),
-                             [](unsigned char c) { return c < 0x20 || c == 0x7f; }),
-                "a message is one line");
-}
-
 } // namespace
 
 void ResetMachine(std::string_view input) {
@@ -90,6 +74,21 @@ void SetClock(std::int64_t now) {
 const std::string &ScratchDirectory() {
     static const Scratch scratch;
     return scratch.Path();
+}
+
+void WriteSystemLog(int priority, const char *text) {
+    if (priority == LOG_ERR)
+        Require(std::none_of(text, text + std::strlen(text),
+                             [](unsigned char c) { return c < 0x20 || c == 0x7f; }),
+                "a message is one line");
+}
+
+Descriptor CatchUpWithSystemLog() {
+    return {};
+}
+
+std::size_t LongestSystemLogText() {
+    return std::size_t{1} << 16;
 }
 
 extern "C" {
@@ -116,38 +115,11 @@ passwd *getpwuid(uid_t uid) {
     entry.pw_uid = uid;
     return &entry;
 }
-
-void syslog(int priority, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Drop(priority, format, arguments);
-    va_end(arguments);
-}
-
-void vsyslog(int priority, const char *format, va_list arguments) {
-    Drop(priority, format, arguments);
-}
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
-// What a build with _FORTIFY_SOURCE calls, and what the linker puts in the place of the platform's
-// account look-up. The names are theirs.
+// What the linker puts in the place of the platform's account look-up. The name is its own.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-void __syslog_chk(int priority, int flag, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
-void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments)
-    __attribute__((format(printf, 3, 0)));
 int __wrap_KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid);
-
-void __syslog_chk(int priority, int /*flag*/, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Drop(priority, format, arguments);
-    va_end(arguments);
-}
-
-void __vsyslog_chk(int priority, int /*flag*/, const char *format, va_list arguments) {
-    Drop(priority, format, arguments);
-}
 
 int __wrap_KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid) {
     if (std::strcmp(name, "root") != 0 && std::strcmp(name, kAccount) != 0)

@@ -18,4 +18,5 @@ std::string ExecutionLogPath() {
     return InLogDirectory("execute.log");
 }
 
-KEST::MemoryLogger executionLog(ExecutionLogPath(), InLogDirectory("staging"), 1024);
+KEST::MemoryLogger executionLog(ExecutionLogPath(), InLogDirectory("staging"), 1024,
+                                InLogDirectory("lock"));

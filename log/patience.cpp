@@ -1,0 +1,45 @@
+#include "log/patience.h"
+
+namespace {
+
+volatile std::sig_atomic_t timeIsUp = 0;
+
+void NoteThatTimeIsUp(int /*number*/) {
+    timeIsUp = 1;
+}
+
+} // namespace
+
+Patience::Patience(timeval most) {
+    constexpr timeval again{0, 1000}; // the call may begin to wait a moment after the time is over
+    struct sigaction interrupt {};
+    interrupt.sa_handler = NoteThatTimeIsUp; // without SA_RESTART
+    sigaction(SIGALRM, &interrupt, &action_);
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    sigprocmask(SIG_UNBLOCK, &alarm, &mask_);
+    timeIsUp = most.tv_sec == 0 && most.tv_usec == 0 ? 1 : 0;
+    const itimerval timer{again, timeIsUp != 0 ? again : most};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+Patience::~Patience() {
+    const itimerval stopped{};
+    setitimer(ITIMER_REAL, &stopped, nullptr);
+    sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    sigaction(SIGALRM, &action_, nullptr);
+}
+
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of an object that lives
+bool Patience::IsOver() const {
+    return timeIsUp != 0;
+}
+
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of an object that lives
+timeval Patience::Left() const {
+    itimerval timer{};
+    getitimer(ITIMER_REAL, &timer);
+    // Asked last: a timer that has run off has been set again.
+    return timeIsUp != 0 ? timeval{} : timer.it_value;
+}
