@@ -4,6 +4,7 @@ import errno
 import os
 import re
 import signal
+import subprocess
 import time
 
 import pytest
@@ -52,8 +53,7 @@ def test_starter_descriptors_are_not_kept(machine):
     targets = machine.run("bash", "-c", f"readlink /proc/{pid}/fd/*").stdout.split()
     assert "/etc/passwd" not in targets and "/tmp/starter" not in targets
     assert sorted(set(targets)) == sorted(
-        {"/dev/null", "anon_inode:inotify", "/run/kestcrond.pid"} |
-        {target for target in targets if target.startswith("socket:")})
+        {"/dev/null", "anon_inode:inotify", "/run/kestcrond.pid", "/run/kestcrond.lock"})
 
 
 def test_blocked_signals_of_the_starter_do_not_count(machine):
@@ -203,6 +203,60 @@ def test_a_pid_file_of_another_program_is_replaced(machine, name):
     other.kill()
 
 
+SLEEPER = """
+#include <sys/prctl.h>
+#include <unistd.h>
+int main(void) { prctl(PR_SET_DUMPABLE, 0); sleep(1000); return 0; }
+"""
+
+
+@pytest.mark.parametrize("mode", [0o755, 0o4755])
+def test_a_process_of_an_account_is_no_other_instance(machine, tmp_path, mode):
+    """The account has taken the pid of a daemon that died, and its name, and hides whose it is; or
+    has started a set-id program of root's under that name."""
+    (tmp_path / "sleeper.c").write_text(SLEEPER)
+    subprocess.run(["gcc", "-o", tmp_path / "sleeper", tmp_path / "sleeper.c"], check=True)
+    machine.write("/usr/local/bin/kestcrond", (tmp_path / "sleeper").read_bytes(), mode)
+    other = machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups",
+                          "/usr/local/bin/kestcrond", env={"LD_PRELOAD": ""})
+    [stranger] = wait_for(machine.daemons, what="the account's process")
+    machine.write(machine.PID_FILE, f"{stranger}\n")
+    assert machine.start_and_wait() != stranger
+    assert machine.texts() == []
+    other.kill()
+    other.wait()
+
+
+def test_a_daemon_whose_pid_file_was_removed_is_still_the_one(machine):
+    pid = machine.start_and_wait()
+    machine.path(machine.PID_FILE).unlink()
+    assert machine.start() == 255
+    assert machine.texts("kestcrond") == ["Daemon is running"]
+    assert machine.daemons() == [pid]
+    assert not machine.exists(machine.PID_FILE)
+
+
+def test_the_lock_of_the_instance_ends_with_it(machine):
+    pid = machine.start_and_wait()
+    machine.signal(signal.SIGKILL, pid)
+    wait_for(lambda: pid not in machine.processes())
+    machine.path(machine.PID_FILE).unlink()
+    machine.start_and_wait()
+    assert machine.texts() == []
+
+
+def test_a_waiting_job_does_not_hold_the_lock_of_the_instance(machine):
+    machine.template(maxDelay=3600)
+    machine.jobs("builtin", "f", [every_minute("x"), every_minute("y")])
+    pid = machine.start_and_wait()
+    waiting = wait_for(lambda: [child for child in machine.daemons() if child != pid])
+    machine.stop()
+    assert set(waiting) & set(machine.daemons())
+    machine.path(machine.PID_FILE).unlink(missing_ok=True)
+    machine.start_and_wait()
+    assert machine.texts() == []
+
+
 def test_a_pid_file_that_names_the_starter_itself_is_no_other_instance(machine):
     machine.run("bash", "-c", f"echo $BASHPID > {machine.PID_FILE}; exec {machine.DAEMON}",
                 check=True, env={"LD_PRELOAD": ""})
@@ -219,6 +273,63 @@ def test_init_failure_leaves_the_pid_file(machine):
     assert machine.read(machine.PID_FILE).strip().isdigit()
     machine.path("/tmp/kestcrond").unlink()
     machine.start_and_wait()
+
+
+def limits(machine, pid):
+    """Name to (soft, hard) limit of a process."""
+    lines = machine.proc(pid, "limits").read_text().splitlines()[1:]
+    return {line[:26].strip(): tuple(line[26:].split()[:2]) for line in lines}
+
+
+def test_limits_of_the_starter_do_not_count(machine):
+    machine.template(maxDelay=0)
+    machine.write("/usr/local/bin/limits", "#!/bin/sh\ncat /proc/self/limits > /tmp/ran/limits.new\n"
+                  "mv /tmp/ran/limits.new /tmp/ran/limits\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/limits")])
+    machine.run("bash", "-c", f"ulimit -f 0 -c unlimited; ulimit -S -n 20; exec {machine.DAEMON}",
+                env={"LD_PRELOAD": ""})  # a preloaded clock writes to a file of its own
+    pid = wait_for(machine.daemon_pid, what="the daemon")
+    found = limits(machine, pid)
+    assert found["Max file size"] == ("unlimited", "unlimited")
+    assert found["Max core file size"][0] == "0"
+    assert int(found["Max open files"][0]) >= 1024 and int(found["Max open files"][1]) >= 4096
+    assert signal.SIGXFSZ in signals(machine, pid, "SigIgn")
+    job = wait_for(lambda: machine.read("/tmp/ran/limits"), what="the job's report")
+    for name, (soft, hard) in found.items():
+        assert re.search(rf"^{name} +{soft} +{hard} ", job, re.M), name
+
+
+def test_a_limit_that_stays_ends_nothing(machine):
+    """A write beyond it fails like one on a full disk."""
+    pid = machine.start_and_wait()
+    machine.run("prlimit", f"--pid={pid}", "--fsize=10:10", check=True, env={"LD_PRELOAD": ""})
+    machine.signal(signal.SIGHUP)
+    machine.wait_for_text("schedule template config save failed (/var/run/kestcrond.st.config)")
+    assert machine.daemon_pid() == pid
+
+
+@pytest.mark.native(reason="the calls seen are the emulator's")
+def test_the_random_source_is_never_waited_for(machine):
+    """Early in the boot of a board the kernel has no random numbers for a long time."""
+    machine.jobs("builtin", "f", [{"name": "x", "user": "root", "period": "d", "cmd": "/usr/bin/true"}])
+    machine.start_traced("-e", "trace=getrandom", "-o", "/tmp/calls")
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    calls = [line for line in machine.read("/tmp/calls").splitlines() if "getrandom(" in line]
+    assert calls and all("GRND_NONBLOCK" in call or "GRND_INSECURE" in call for call in calls)
+
+
+def test_boards_without_random_numbers_draw_all_the_same(machine):
+    machine.start_with_faults("getrandom:error=EAGAIN")
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    first = machine.document(machine.RUNTIME_TEMPLATE)["schedule"]
+    machine.stop()
+    machine.path(machine.RUNTIME_TEMPLATE).unlink()
+    machine.path("/usr/kest/etc/kestcrond.st.config").unlink()
+    machine.write("/etc/machine-id", "0123456789abcdef0123456789abcdef\n")
+    machine.start_with_faults("getrandom:error=EAGAIN")
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    assert machine.document(machine.RUNTIME_TEMPLATE)["schedule"] != first
+    assert machine.texts() == []
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -240,6 +351,46 @@ def test_a_sleep_is_cut_short_by_a_stop(machine):
     machine.stop()
     assert time.monotonic() - started < 20, "not the rest of the minute"
     assert pid not in machine.processes()
+
+
+# Sends the signal right before the wait, when the daemon has decided to wait already.
+LATE_SIGNAL = """
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+static void come(void) {
+    static int count;
+    if (++count == 2)
+        kill(getpid(), SIGTERM);
+}
+unsigned sleep(unsigned seconds) {
+    come();
+    return ((unsigned (*)(unsigned))dlsym(RTLD_NEXT, "sleep"))(seconds);
+}
+int ppoll(struct pollfd *files, nfds_t count, const struct timespec *timeout, const sigset_t *mask) {
+    come();
+    return ((int (*)(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *))dlsym(
+        RTLD_NEXT, "ppoll"))(files, count, timeout, mask);
+}
+"""
+
+
+@pytest.mark.native(reason="what is preloaded is the host's")
+def test_no_signal_slips_past_the_wait(machine, tmp_path):
+    (tmp_path / "late.c").write_text(LATE_SIGNAL)
+    subprocess.run(["gcc", "-shared", "-fPIC", "-o", tmp_path / "late.so", tmp_path / "late.c"],
+                   check=True)
+    machine.write("/usr/local/lib/late.so", (tmp_path / "late.so").read_bytes(), 0o755)
+    # A minute takes ten seconds: a signal that has slipped past the second wait is late by that.
+    machine.clock("2026-06-02 02:10:10", rate=6)
+    clock = machine.environment["LD_PRELOAD"]
+    started = time.monotonic()
+    pid = machine.start_and_wait(env={"LD_PRELOAD": "/usr/local/lib/late.so:" + clock})
+    wait_for(lambda: pid not in machine.processes(), 60, "the end")
+    assert time.monotonic() - started < 17, "one wait, and not two"
 
 
 def test_other_signals_do_nothing(machine):

@@ -100,7 +100,7 @@ def test_a_command_that_cannot_be_started(machine, user, content, error):
                         failure)
     assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600
     assert machine.texts() == []
-    assert machine.path("/tmp").joinpath("kestcrond.log").exists() is False
+    wait_for(lambda: not machine.exists("/tmp/kestcrond.log"))
 
 
 def test_an_account_that_vanishes_before_the_launch(machine):
@@ -216,3 +216,13 @@ def test_a_copy_that_was_cut_short_is_not_waited_for_without_end(machine):
     told = lambda: len([line for line in machine.log_lines() if "return code: -1" in line])
     before = told()
     wait_for(lambda: told() > before + 3)
+
+
+def test_a_job_that_signals_its_process_group_hits_itself_alone(machine):
+    machine.template(maxDelay=3600)
+    machine.write("/usr/local/bin/rude", "#!/bin/sh\necho x >> /tmp/ran/rude\nkill -9 0\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("a", cmd="/usr/local/bin/rude"), every_minute("b")])
+    pid = machine.start_and_wait()
+    wait_for(lambda: len(machine.read("/tmp/ran/rude").splitlines()) >= 2, what="the rude job twice")
+    assert machine.daemon_pid() == pid
+    wait_for(lambda: machine.runs("builtin-f-b"), 90, "a job that was waiting for its turn")

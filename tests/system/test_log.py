@@ -3,6 +3,8 @@
 import json
 import os
 import re
+import signal
+import stat
 
 import pytest
 from conftest import RECORD, SOURCES, every_minute, never
@@ -195,7 +197,7 @@ def test_control_characters_in_a_command_forge_nothing(machine):
 
 
 def test_a_command_longer_than_any_can_be(machine):
-    # More than a program can be given and, once it can be read, more than the staging file takes.
+    # More than a program can be given, and each character of it is written as four.
     definition = json.dumps([every_minute("x", cmd="/usr/bin/true " + "X" * 300000)])
     machine.write(SOURCES["builtin"] + "/f", definition.replace("X", "\1"))
     machine.jobs("builtin", "t", [every_minute("tick")])
@@ -203,8 +205,13 @@ def test_a_command_longer_than_any_can_be(machine):
     wait_for(lambda: len(machine.runs("builtin-t-tick")) >= 3)
     machine.stop()
     of_long = wait_for(lambda: whole_pairs(machine), what="both lines of each start")
-    assert {len(line) // 100000 for line in of_long} == {12}
-    assert set(machine.texts()) <= {"Failed [!fsMem], err=No such file or directory"}
+    most = 16 * 1024
+    for line in of_long:
+        assert most - 64 < len(line) < most
+        assert re.search(r" running job: builtin-f-x with command: /usr/bin/true (\\x01)+.*"
+                         r" \[\.\.\. \d+ bytes left out \.\.\.\] ", line)
+        assert line.endswith(("job[1/2])", "error: Argument list too long"))
+    assert machine.texts() == []
 
 
 def whole_pairs(machine):
@@ -222,3 +229,89 @@ def test_a_log_that_is_rotated_is_made_anew(machine):
     machine.path(machine.LOG_FILE).rename(machine.path(machine.LOG_FILE + ".1"))
     wait_for(machine.log_lines)
     assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600
+
+
+# --- The way there ------------------------------------------------------------------------------
+
+LOCK = "/run/kestcrond-execute.lock"
+
+
+@pytest.mark.parametrize("plant", ["link", "fifo", "directory", "open"])
+def test_a_planted_lock(machine, plant):
+    """Nothing is made through what stands there, and nobody else can hold it."""
+    for path in (LOCK, machine.LOG_FILE + ".lock"):
+        if plant == "link":
+            machine.path(path).symlink_to("/etc/nologin")
+        elif plant == "fifo":
+            os.mkfifo(machine.path(path), 0o666)
+        elif plant == "directory":
+            machine.path(path).mkdir()
+        else:
+            machine.write(path, "", 0o666, owner="alice")
+            machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "flock", path,
+                          "sleep", "1000", env={"LD_PRELOAD": ""})
+    if plant == "open":
+        wait_for(lambda: "sleep" in {p["name"] for p in machine.processes().values()})
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.log_lines()) >= 3)
+    assert not machine.exists("/etc/nologin")
+    status = machine.path(LOCK).lstat()
+    assert stat.S_ISREG(status.st_mode) and status.st_mode & 0o7777 == 0o600 and status.st_uid == 0
+    assert machine.texts() == []
+
+
+def test_a_lock_that_is_never_let_go(machine):
+    """Starts, reloads and the stop come through all the same, and no line is lost."""
+    machine.jobs("builtin", "f", [every_minute("x", crontab="11 2 * * *")])
+    pid = machine.start_and_wait()
+    holders = []
+    for path in (LOCK, machine.LOG_FILE + ".lock"):
+        machine.path(path).touch(0o600)
+        holders.append(machine.popen("flock", path, "sleep", "1000", env={"LD_PRELOAD": ""}))
+    names = lambda: [process["name"] for process in machine.processes().values()]
+    wait_for(lambda: names().count("sleep") == 2)
+    wait_for(lambda: machine.runs("builtin-f-x"), what="a run of the job")
+    assert [" running job: builtin-f-x " in line for line in machine.log_lines()] == [True]
+    machine.signal(signal.SIGTERM)
+    wait_for(lambda: pid not in machine.processes(), what="the end")
+    for holder in holders:
+        holder.kill()
+
+
+def test_a_log_that_nobody_wants(machine):
+    machine.path(machine.LOG_FILE).symlink_to("/dev/null")
+    machine.jobs("builtin", "f", [every_minute("x")])
+    machine.start_and_wait()
+    wait_for(lambda: len(machine.runs("builtin-f-x")) >= 2)
+    machine.reload()
+    assert machine.path("/dev/null").stat().st_mode == stat.S_IFCHR | 0o666
+    assert machine.texts() == []
+
+
+def test_a_full_disk_on_the_way_loses_no_line(machine):
+    """Anybody can fill "/tmp"."""
+    machine.write("/bin/count", "#!/bin/sh\necho x >> /run/ran\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("x", cmd="/bin/count")])
+    machine.start_and_wait()
+    machine.run("mount", "-o", "remount,size=1m", "/tmp", check=True, env={"LD_PRELOAD": ""})
+    machine.run("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "dd", "if=/dev/zero",
+                "of=/tmp/full", "bs=4096", env={"LD_PRELOAD": ""})
+    count = lambda: len(machine.read("/run/ran").splitlines())
+    before = count()
+    wait_for(lambda: count() >= before + 3)
+    wait_for(lambda: machine.texts())
+    assert len(machine.log_lines()) >= count() - 1
+    assert set(machine.texts()) == {f"Failed to write [{STAGING}]"}
+
+
+def test_failures_of_roots_jobs_pass_through_the_staging_file(machine):
+    """What follows the start line takes the same way, in turn with others."""
+    machine.write("/usr/local/bin/odd", "", 0o755)
+    machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/odd")])
+    machine.start_traced("-e", "trace=open,openat", "-o", "/tmp/calls")
+    wait_for(lambda: any(" failed, return code: -1, " in line for line in machine.log_lines()))
+    machine.stop()
+    wait_for(lambda: not machine.daemons())
+    moved = machine.read("/tmp/calls").count(f'"{STAGING}", O_RDONLY')
+    assert moved >= len(machine.log_lines())

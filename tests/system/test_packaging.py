@@ -27,7 +27,9 @@ FILES = {
     "/etc/default/kestcrond": ("default/kestcrond", 0o644),
     "/etc/logrotate.d/kestcrond": ("logrotate/kestcrond", 0o644),
     "/etc/init.d/kestcrond": ("init.d/kestcrond", 0o755),
+    "/usr/lib/kestcrond/mount-programs": ("lib/mount-programs", 0o755),
     "/usr/lib/systemd/system/kestcrond.service": ("systemd/kestcrond.service", 0o644),
+    "/usr/lib/tmpfiles.d/kestcrond.conf": ("tmpfiles.d/kestcrond.conf", 0o644),
 }
 
 

@@ -2,14 +2,18 @@
 that are away."""
 
 import datetime
+import json
+import os
 import random
+import re
 import signal
 import socket
 import time
 
 import pytest
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
-from private_machine import wait_for
+from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
+from ctl import ctl  # noqa: F401  (a fixture)
+from private_machine import Message, wait_for
 
 DOCUMENTS = ["/run/kestcrond.config", PERSISTENT_FILE]
 TEMPLATES = ["/run/kestcrond.st.config", PERSISTENT_TEMPLATE]
@@ -114,7 +118,7 @@ def test_a_kill_at_each_step(machine, phase, calls):
 # --- Disks --------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("fault", ["open,openat:error=ENOSPC", "write:error=ENOSPC",
-                                   "fsync:error=EIO", "fchmod:error=EROFS", "close:error=EIO"])
+                                   "fsync:error=EIO", "fchmod:error=EIO", "close:error=EIO"])
 @pytest.mark.parametrize("file", [PERSISTENT_FILE, PERSISTENT_TEMPLATE])
 def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
     machine.jobs("builtin", "f", OLD)
@@ -137,9 +141,9 @@ def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
 
 
 @pytest.mark.parametrize("directory,fault", [
-    ("/var/run", "open,openat:error=ENOSPC"), ("/var/run", "rename,renameat,renameat2:error=EROFS"),
+    ("/var/run", "open,openat:error=ENOSPC"), ("/var/run", "rename,renameat,renameat2:error=EIO"),
     # By its descriptor a file is known by the path without links.
-    ("/run", "write:error=ENOSPC"), ("/run", "fchmod:error=EROFS"), ("/run", "close:error=EIO")])
+    ("/run", "write:error=ENOSPC"), ("/run", "fchmod:error=EIO"), ("/run", "close:error=EIO")])
 @pytest.mark.parametrize("file", ["kestcrond.config", "kestcrond.st.config"])
 def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fault, file):
     machine.jobs("builtin", "f", OLD)
@@ -156,6 +160,99 @@ def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fau
     assert machine.read(f"/run/{file}") == before
     assert not machine.exists(f"/run/{file}.new")
 
+
+@pytest.mark.parametrize("read_only", [False, True])
+def test_a_document_that_cannot_be_replaced_is_written_over(machine, read_only):
+    """A bind mount, as a machine with a read-only root has for what it must keep."""
+    machine.jobs("builtin", "f", OLD)
+    saved = {path: f"/srv/{path.rpartition('/')[2]}" for path in (PERSISTENT_FILE,
+                                                                  PERSISTENT_TEMPLATE)}
+    mount = lambda *options: machine.run("mount", *options, check=True, env={"LD_PRELOAD": ""})
+    for path, kept in saved.items():
+        machine.write(kept, machine.read(path) or json.dumps({"jobs": {}, "long": "x" * 20000}))
+        machine.path(path).touch()
+    if read_only:
+        mount("--bind", "/usr/kest/etc", "/usr/kest/etc")
+        mount("-o", "remount,bind,ro", "/usr/kest/etc")
+    for path, kept in saved.items():
+        mount("--bind", kept, path)
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-tick"))
+    machine.stop()
+    assert [text for text in machine.texts() if "save failed" in text] == []
+    entries = json.loads(machine.read("/srv/kestcrond.config"))["jobs"]
+    assert entries["builtin-f-tick"]["lastExecution"] > 0
+    assert json.loads(machine.read("/srv/kestcrond.st.config"))["config"]
+    assert not machine.exists(PERSISTENT_FILE + ".new")
+
+
+def test_documents_keep_their_owner_and_group(machine):
+    machine.jobs("builtin", "f", OLD)
+    for path in (*DOCUMENTS, *TEMPLATES):
+        content = machine.read(path) or "{}"
+        machine.write(path, content, 0o640)
+        os.chown(machine.path(path), 2001, 3001)
+    machine.run(machine.DAEMON, check=True)
+    wait_for(lambda: machine.runs("builtin-f-tick"))
+    machine.stop()
+    for path in (*DOCUMENTS, *TEMPLATES):
+        status = machine.path(path).stat()
+        assert (status.st_uid, status.st_gid, status.st_mode & 0o7777) == (2001, 3001, 0o640), path
+        assert machine.document(path) != {}
+
+
+# --- Documents that cannot be read --------------------------------------------------------------
+
+@pytest.mark.parametrize("broken", ["{\"jobs\": {", "[]", "\xff\n"])
+def test_a_document_that_cannot_be_read_is_kept(machine, ctl, broken):
+    machine.jobs("builtin", "f", OLD)
+    machine.write(PERSISTENT_FILE, broken)
+    machine.write(PERSISTENT_TEMPLATE, broken)
+    machine.start_and_wait()
+    machine.stop()
+    for path in (PERSISTENT_FILE, PERSISTENT_TEMPLATE):
+        assert machine.read(path + ".unreadable") == broken
+        assert machine.document(path)
+    assert [text for text in machine.texts() if not text.startswith(("schedule template config load",
+                                                                     "Failed", "crontab"))] == []
+    assert ctl.json("status")[1]["unreadable"] == [
+        PERSISTENT_FILE + ".unreadable", PERSISTENT_TEMPLATE + ".unreadable"]
+    assert f"{PERSISTENT_FILE}.unreadable keeps a saved document" in ctl("status").stdout
+    # The next one takes its place, and a good one leaves it alone.
+    machine.start_and_wait()
+    machine.stop()
+    assert machine.read(PERSISTENT_FILE + ".unreadable") == broken
+    machine.write(PERSISTENT_FILE, "another")
+    machine.start_and_wait()
+    machine.stop()
+    assert machine.read(PERSISTENT_FILE + ".unreadable") == "another"
+
+
+@pytest.mark.native(reason="the emulator reads /proc")
+def test_without_proc_all_files_are_read(machine):
+    machine.jobs("builtin", "f", OLD)
+    machine.write("/srv/job.conf", json.dumps([never("linked")]))
+    machine.path(f"{SOURCES['builtin']}/link").symlink_to("/srv/job.conf")
+    machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-tick"))
+    machine.stop()
+    before = machine.document(PERSISTENT_FILE)["jobs"]
+    machine.clock("2026-06-02 03:10:10")
+    machine.path(machine.RUNTIME_TEMPLATE).unlink()
+    # In a namespace of its own, where nothing is mounted on "/proc".
+    machine.run("unshare", "--mount", "bash", "-c", f"umount -l /proc && exec {machine.DAEMON}",
+                check=True)
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    after = machine.entries()
+    assert set(after) == set(before) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x",
+                                         "builtin-link-linked"}
+    for name in before:
+        assert after[name]["startup"] == before[name]["startup"]
+    assert not machine.exists(PERSISTENT_FILE + ".unreadable")
+    assert machine.texts() == []
+
+
+# --- Read-only disks ----------------------------------------------------------------------------
 
 def test_a_start_from_a_disk_that_is_read_only(machine):
     machine.jobs("builtin-dyn", "f", [every_minute("x")])
@@ -316,6 +413,84 @@ def test_a_system_log_that_nobody_reads(machine):
         machine.signal(signal.SIGTERM)
         wait_for(lambda: pid not in machine.processes())
     assert "builtin-f-x" in machine.document(PERSISTENT_FILE)["jobs"]
+
+
+def read_all(log, machine, wanted, seconds=30):
+    """Reads a log until a text is in it; returns the texts of its messages."""
+    texts = []
+    log.setblocking(False)
+
+    def more():
+        try:
+            while True:
+                texts.append(Message(log.recv(1 << 20).decode()).plain())
+        except BlockingIOError:
+            return wanted in texts
+    wait_for(more, seconds, wanted)
+    return texts
+
+
+def test_a_system_log_that_is_slow_gets_every_message_in_order(machine):
+    machine.close_system_log()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
+        slow.bind(str(machine.path("/dev/log")))
+        names = [f"bad{i:03}" for i in range(100)]
+        machine.jobs("builtin", "f", [every_minute("x"), *[every_minute(name, crontab=f"0 0 {name} * *")
+                                                           for name in names]])
+        machine.start_and_wait()
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        machine.path(f"{SOURCES['builtin']}/f").unlink()
+        machine.signal(signal.SIGHUP)
+        wait_for(lambda: not machine.entries(), what="the reload")
+        texts = read_all(slow, machine, "removed cleared jobs: builtin-f-x")
+    refused = [text.split()[0] for text in texts if text.endswith(" is not a valid number")]
+    assert refused == names
+    assert not any("are lost" in text for text in texts)
+
+
+def test_a_system_log_is_told_what_is_missing(machine):
+    machine.close_system_log()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
+        slow.bind(str(machine.path("/dev/log")))
+        machine.jobs("builtin", "f", [every_minute("x"),
+                                      *[every_minute(f"bad{i}", crontab=f"0 0 bad{i} * *")
+                                        for i in range(1000)]])
+        started = time.monotonic()
+        machine.start_and_wait()
+        assert time.monotonic() - started < 10
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        machine.path(f"{SOURCES['builtin']}/f").unlink()
+        machine.signal(signal.SIGHUP)
+        texts = read_all(slow, machine, "removed cleared jobs: builtin-f-x")
+    [missing] = [text for text in texts if "are lost" in text]
+    lost = int(re.fullmatch(r"system log was busy, (\d+) messages are lost", missing)[1])
+    # Two for each job that is refused, one for the file, one for the load, and the last one.
+    told = len([text for text in texts if "are lost" not in text])
+    assert told + lost == 2 * 1000 + 1 + 1 + 1
+
+
+def test_a_log_daemon_that_is_started_anew(machine):
+    machine.jobs("builtin", "f", [every_minute("x"), never("bad", period="yearly")])
+    machine.start_and_wait()
+    machine.wait_for_text("error period")
+    machine.close_system_log()
+    runs = len(machine.runs("builtin-f-x"))
+    machine.signal(signal.SIGHUP)
+    wait_for(lambda: len(machine.runs("builtin-f-x")) >= runs + 2)
+    machine.open_system_log()
+    machine.wait_for_text("error period", 2)
+
+
+def test_what_does_not_fit_into_the_system_log_is_cut(machine):
+    machine.jobs("builtin", "f", [never(f"{i:03}", text="x" * 2000) for i in range(200)])
+    machine.start_and_wait()
+    [message] = machine.messages("crondaemon", "info")
+    assert message.text.startswith('current runtime: {\n\t"jobs" : \n\t{\n\t\t"builtin-f-000"')
+    assert message.text.endswith(" [cut]") and len(message.text) > 100000
+    machine.jobs("pkg", "g", [never("x", cmd="/" + "y" * 20000)])
+    machine.reload()
+    [long] = [text for text in machine.texts() if text.startswith("missing binary /y")]
+    assert long.endswith("yyy [cut]") and len(long) == 8191
 
 
 def test_accounts_that_are_unknown_for_a_while(machine):
