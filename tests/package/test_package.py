@@ -17,6 +17,8 @@ from private_machine import PrivateMachine, wait_for  # noqa: E402
 SERVICE = "/lib/systemd/system/kestcrond.service"
 JOBS = "/usr/local/etc/kestcron.d/test"
 SCRIPT = "/etc/init.d/kestcrond"
+MOUNT = "/usr/lib/kestcrond/mount-programs"
+PROGRAMS = "/tmp/kestcrond"
 # Two jobs of one minute: the second waits.
 TWO_JOBS = """[
     {"name": "a", "user": "root", "period": "crontab", "crontab": "* * * * *", "cmd": "/bin/count"},
@@ -25,6 +27,13 @@ TWO_JOBS = """[
 # The second of them waits half an hour at most, which is half a minute here.
 SLOW = """{"config": {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
                       "crontab": "~ ~ ~ ~ ~"}, "maxDelay": 1800}"""
+
+
+# The clock of the machine, for a daemon that gets nothing of its starter's environment.
+CLOCK = """KESTCROND_OPTIONS=
+KESTCROND_ENVIRONMENT='LD_PRELOAD=/usr/$LIB/faketime/libfaketime.so.1 NO_FAKE_STAT=1
+FAKETIME_TIMESTAMP_FILE=/run/clock'
+"""
 
 
 @pytest.fixture(name="package", scope="session")
@@ -44,12 +53,14 @@ def machine():
         fresh.write("/usr/sbin/runlevel", "#!/bin/sh\necho N 2\n", 0o755)
         fresh.write("/bin/count", '#!/bin/sh\necho $$ >> "/run/ran.${0##*/}"\n', 0o755)
         fresh.clock("2026-06-02 02:10:10")
+        fresh.write("/run/clock", fresh.environment["FAKETIME"] + "\n")
+        fresh.write("/etc/default/kestcrond", CLOCK)
         yield fresh
 
 
 def install(machine, package):
     shutil.copy(package, machine.path("/root/kestcrond.deb"))
-    done = machine.run("/usr/bin/dpkg", "-i", "/root/kestcrond.deb",
+    done = machine.run("/usr/bin/dpkg", "--force-confold", "-i", "/root/kestcrond.deb",
                        env={"DEBIAN_FRONTEND": "noninteractive"})
     assert done.returncode == 0, done.stdout + done.stderr
     return done
@@ -63,7 +74,7 @@ def runs(machine, job):
 def files(machine):
     """Every path on the machine but those of dpkg itself and the caches of others."""
     found = machine.run("find", "/", "/tmp", "/run", "/var/log", "-xdev", env={"LD_PRELOAD": ""}).stdout
-    others = ("/proc/", "/sys/", "/dev/", "/root/", "/var/lib/dpkg/", "/var/cache/", "/usr/share/",
+    others = ("/etc/default/kestcrond", "/proc/", "/sys/", "/dev/", "/root/", "/var/lib/dpkg/", "/var/cache/", "/usr/share/",
               "/var/log/dpkg.log", "/etc/ld.so.cache")
     return {path for path in found.splitlines() if not path.startswith(others)}
 
@@ -120,7 +131,7 @@ def test_a_whole_life(machine, package, tmp_path):
     wait_for(lambda: runs(machine, "a") or runs(machine, "b"), 60, "a run of the jobs")
 
     # An upgrade exchanges the scheduler while a job waits, and what was changed by hand stays.
-    machine.write("/etc/default/kestcrond", "# mine\nKESTCROND_OPTIONS=\n")
+    machine.write("/etc/default/kestcrond", "# mine\n" + CLOCK)
     waiting = wait_for(lambda: [child for child in machine.daemons() if child != pid], 60,
                        "a job that waits")
     install(machine, newer(package, tmp_path))
@@ -173,9 +184,116 @@ def test_the_service_leaves_jobs_their_rights(package, tmp_path):
                     if "=" in line and not line.startswith("#"))
     assert settings["Type"] == "forking" and settings["PIDFile"] == "/run/kestcrond.pid"
     assert settings["KillMode"] == "process" and settings["OOMPolicy"] == "continue"
-    assert settings["Restart"] == "on-failure"
+    assert settings["Restart"] == "always"
+    assert settings["ExecStartPre"] == "-" + MOUNT
     assert settings["ExecReload"] == "/bin/kill -HUP $MAINPID"
     assert not {name for name in settings if name.startswith(("Protect", "Private", "NoNew"))}
+
+
+def test_no_cleaner_takes_the_programs_away(machine, package):
+    install(machine, package)
+    wait_for(machine.daemon_pid)
+    rules = machine.read("/usr/lib/tmpfiles.d/kestcrond.conf").splitlines()
+    assert "x " + PROGRAMS in rules and "x /tmp/kestcrond.log" in rules
+    machine.write("/usr/lib/tmpfiles.d/aged.conf", "d /tmp/other 0755 root root 1s\nq /tmp 1777 root root 1s\n")
+    machine.write(PROGRAMS + "/old", "x")
+    machine.write("/tmp/else", "x")
+    wait_for(lambda: machine.run("systemd-tmpfiles", "--clean", env={"LD_PRELOAD": ""}) and
+             not machine.exists("/tmp/else"), what="the cleaner")
+    assert machine.exists(PROGRAMS + "/old")
+
+
+@pytest.mark.parametrize("saved,slept", [
+    ("1780366200", "15"), ("1780366244", "15"), ("1780366199", ""), ("1780366300", "15"), ("0", ""),
+    ("99999999999999999999", ""), ("-1", ""), (None, "")])
+def test_an_upgrade_waits_out_the_minute_of_launches(machine, saved, slept):
+    text = (TOP / "packaging/debian/postinst").read_text()
+    function = re.search(r"^wait_out_launches\(\) \{.*?^\}$", text, re.M | re.S)[0]
+    if saved is not None:
+        machine.write("/usr/kest/etc/kestcrond.config",
+                      '{\n\t"jobs" : \n\t{\n\t\t"lastExecution" : 5,\n\t\t"x" : \n'
+                      f'\t\t"lastExecution" : {saved},\n\t\t"lastExecution" : 7\n')
+    else:
+        machine.path("/usr/kest/etc/kestcrond.config").unlink(missing_ok=True)
+    done = machine.run("/bin/dash", "-ec", "sleep() { printf %s $1; }\n"
+                       f"date() {{ echo 1780366245; }}\n{function}\nwait_out_launches")
+    assert (done.returncode, done.stdout, done.stderr) == (0, slept, "")
+
+
+# --- The file system of the programs ------------------------------------------------------------
+
+def mounted(machine):
+    """The options of what is mounted there, the newest last."""
+    return [line.split()[3].split(",") for line in machine.run("cat", "/proc/mounts").stdout.splitlines()
+            if line.split()[1] == PROGRAMS]
+
+
+def test_programs_have_a_file_system_of_their_own(machine, package):
+    install(machine, package)
+    wait_for(machine.daemon_pid)
+    [options] = mounted(machine)
+    assert {"rw", "nosuid", "nodev"} <= set(options) and "noexec" not in options
+    assert owner_and_mode(machine, PROGRAMS) == (0, 0, 0o755)
+    # It stays over a restart and an upgrade, and nothing is mounted over it.
+    assert machine.run(SCRIPT, "restart").returncode == 0
+    assert len(mounted(machine)) == 1
+    machine.write(JOBS, TWO_JOBS)
+    assert machine.run(SCRIPT, "reload").returncode == 0
+    wait_for(lambda: runs(machine, "a") and runs(machine, "b"), 60, "runs of the jobs")
+    # Nobody who fills "/tmp" keeps them from being staged.
+    machine.run("mount", "-o", "remount,size=1m", "/tmp", check=True, env={"LD_PRELOAD": ""})
+    machine.run("dd", "if=/dev/zero", "of=/tmp/full", "bs=4096", env={"LD_PRELOAD": ""})
+    machine.path(PROGRAMS + "/pkg-test-a").unlink()
+    assert machine.run(SCRIPT, "reload").returncode == 0
+    wait_for(lambda: machine.exists(PROGRAMS + "/pkg-test-a"), what="the copy")
+    assert machine.run("/usr/bin/dpkg", "-P", "kestcrond").returncode == 0
+    assert mounted(machine) == [] and not machine.exists(PROGRAMS)
+
+
+@pytest.mark.parametrize("size,expected", [("5m", "size=5120k"), ("", None)])
+def test_the_size_of_the_file_system_can_be_set(machine, package, size, expected):
+    machine.write("/etc/default/kestcrond", CLOCK + f'KESTCROND_PROGRAMS_SIZE="{size}"\n')
+    install(machine, package)
+    wait_for(machine.daemon_pid)
+    assert [option for options in mounted(machine) for option in options
+            if option.startswith("size=")] == ([expected] if expected else [])
+
+
+@pytest.mark.parametrize("plant", ["link", "directory", "file"])
+def test_what_somebody_put_there_is_not_mounted_over(machine, plant):
+    path = machine.path(PROGRAMS)
+    if plant == "link":
+        path.symlink_to("/etc")
+    elif plant == "directory":
+        path.mkdir()
+    else:
+        path.write_text("x")
+    machine.run("chown", "-h", "2999:2999", PROGRAMS, check=True)
+    shutil.copy(TOP / "packaging/lib/mount-programs", machine.path("/usr/local/bin/mount-programs"))
+    for shell in (["/bin/dash"], ["/bin/busybox", "sh"]):
+        assert machine.run(*shell, "/usr/local/bin/mount-programs").returncode == 0
+        assert len(mounted(machine)) == 1
+    assert owner_and_mode(machine, PROGRAMS) == (0, 0, 0o755)
+    assert machine.exists("/etc/passwd"), "the link was followed"
+    [aside] = machine.path("/tmp").glob("kestcrond.*")
+    assert aside.stat().st_mode & 0o7777 == 0o700 and list(aside.iterdir())
+
+
+def test_somebody_who_is_quick_leads_no_mount_astray(machine):
+    shutil.copy(TOP / "packaging/lib/mount-programs", machine.path("/usr/local/bin/mount-programs"))
+    vandal = machine.popen(
+        "setpriv", "--reuid=2999", "--regid=2999", "--clear-groups", "/bin/bash", "-c",
+        f"cd /tmp; while :; do mkdir {PROGRAMS}; mv {PROGRAMS} d.$RANDOM; ln -s /etc {PROGRAMS}; "
+        f"mv {PROGRAMS} l.$RANDOM; done 2>/dev/null", env={"LD_PRELOAD": ""})
+    for _ in range(20):
+        machine.run("/bin/dash", "/usr/local/bin/mount-programs", env={"LD_PRELOAD": ""})
+        points = machine.run("cat", "/proc/mounts", env={"LD_PRELOAD": ""}).stdout
+        assert {line.split()[1] for line in points.splitlines()
+                if line.startswith("kestcrond ")} <= {PROGRAMS}
+        machine.run("umount", PROGRAMS, env={"LD_PRELOAD": ""})
+        machine.run("rmdir", PROGRAMS, env={"LD_PRELOAD": ""})
+    vandal.kill()
+    vandal.wait()
 
 
 # --- The init script ----------------------------------------------------------------------------
@@ -277,3 +395,31 @@ def test_options_come_from_their_file(machine, service):
     assert command[1] == b"--passive-mode"
     machine.write("/etc/default/kestcrond", 'KESTCROND_OPTIONS="--unknown"\n')
     assert service("restart").returncode == 1
+
+
+def test_an_administrators_environment_stays_his(machine, service):
+    machine.write("/bin/count", "#!/bin/sh\nenv > /run/environment.new\n"
+                  "mv /run/environment.new /run/environment\n", 0o755)
+    machine.write(JOBS, TWO_JOBS)
+    machine.write("/etc/default/kestcrond", CLOCK + 'KESTCROND_ENVIRONMENT="$KESTCROND_ENVIRONMENT A=b"\n')
+    assert service("start", env={"SECRET": "x", "HOME": "/root"}).returncode == 0
+    names = {line.split("=")[0] for line in wait_for(
+        lambda: machine.read("/run/environment"), 60, "the job's report").splitlines()}
+    assert {"PATH", "A"} <= names
+    assert names <= {"PATH", "A", "LD_PRELOAD", "NO_FAKE_STAT", "FAKETIME_TIMESTAMP_FILE",
+                     "FAKETIME_SHARED", "PWD", "SHLVL", "_", "OLDPWD"}
+
+
+def test_a_process_of_an_account_is_no_daemon(machine, service):
+    machine.write("/usr/local/bin/kestcrond", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
+    other = machine.popen("setpriv", "--reuid=2999", "--regid=2999", "--clear-groups",
+                          "/usr/local/bin/kestcrond", "1000", env={"LD_PRELOAD": ""})
+    [stranger] = wait_for(machine.daemons, what="the account's process")
+    machine.write(machine.PID_FILE, f"{stranger}\n")
+    assert service("status").returncode == 1
+    assert service("stop").returncode == 0
+    assert other.poll() is None, "a stranger was ended"
+    assert service("start").returncode == 0
+    assert machine.daemon_pid() != stranger
+    other.kill()
+    other.wait()

@@ -59,6 +59,8 @@ endif
 define KESTCROND_INSTALL_DEFAULTS
 	$(INSTALL) -D -m 0644 $(@D)/packaging/default/kestcrond \
 		$(TARGET_DIR)/etc/default/kestcrond
+	$(INSTALL) -D -m 0755 $(@D)/packaging/lib/mount-programs \
+		$(TARGET_DIR)/usr/lib/kestcrond/mount-programs
 endef
 KESTCROND_POST_INSTALL_TARGET_HOOKS += KESTCROND_INSTALL_DEFAULTS
 
@@ -84,6 +86,8 @@ endef
 define KESTCROND_INSTALL_INIT_SYSTEMD
 	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/kestcrond.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/kestcrond.service
+	$(INSTALL) -D -m 0644 $(@D)/packaging/tmpfiles.d/kestcrond.conf \
+		$(TARGET_DIR)/usr/lib/tmpfiles.d/kestcrond.conf
 endef
 
 # The places of job files. Packages and accounts come by their path, so that it is

@@ -59,6 +59,9 @@ do_install:append() {
     install -D -m 0755 ${S}/packaging/init.d/kestcrond ${D}${sysconfdir}/init.d/kestcrond
     install -D -m 0644 ${S}/packaging/systemd/kestcrond.service \
         ${D}${systemd_system_unitdir}/kestcrond.service
+    install -D -m 0644 ${S}/packaging/tmpfiles.d/kestcrond.conf \
+        ${D}/usr/lib/tmpfiles.d/kestcrond.conf
+    install -D -m 0755 ${S}/packaging/lib/mount-programs ${D}/usr/lib/kestcrond/mount-programs
     install -d -m 0755 ${D}/usr/kest ${D}/usr/kest/share ${D}/usr/kest/etc
     install -d -m 0755 ${D}/usr/local ${D}/usr/local/etc ${D}/usr/local/etc/kestcron_nonroot.d
     install -d -m 0750 ${D}/usr/kest/share/kestcron.d ${D}/usr/kest/etc/kestcron.d
@@ -68,5 +71,5 @@ do_install:append() {
 PACKAGES =+ "${PN}-ctl ${PN}-examples"
 FILES:${PN}-ctl = "${bindir}/kestcronctl ${datadir}/bash-completion/completions/kestcronctl"
 FILES:${PN}-examples = "${datadir}/kestcrond/examples"
-FILES:${PN} += "/usr/kest /usr/local"
+FILES:${PN} += "/usr/kest /usr/local /usr/lib/kestcrond /usr/lib/tmpfiles.d"
 CONFFILES:${PN} = "${sysconfdir}/default/kestcrond ${sysconfdir}/logrotate.d/kestcrond"
