@@ -11,7 +11,7 @@ bool IsProcessOfRoot(pid_t pid) {
     const ErrnoKept kept;
     constexpr std::size_t most = 65536;
     const Descriptor file(
-        open(("/proc/" + std::to_string(pid) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
+        open(("/proc/" + std::to_string(pid) + "/" + "status").c_str(), O_RDONLY | O_CLOEXEC));
     std::string status;
     if (!file || !ReadAll(file.Get(), most, status))
         return false;

@@ -35,7 +35,7 @@ std::vector<std::string> AddressFiles() {
     std::vector<std::string> files;
     std::error_code ignored;
     for (const auto &interface : std::filesystem::directory_iterator("/sys/class/net", ignored))
-        files.push_back(interface.path().string() + "/address");
+        files.push_back((interface.path() / "address").string());
     std::sort(files.begin(), files.end());
     return files;
 }
