@@ -111,7 +111,11 @@ bool parse_arguments(int argc, char *argv[]) {
 void raise_limit(decltype(RLIMIT_FSIZE) resource, rlim_t soft, rlim_t hard) {
     rlimit limit{};
     getrlimit(resource, &limit);
-    limit = {std::max(limit.rlim_cur, soft), std::max(limit.rlim_max, hard)};
+    const rlimit wanted{std::max(limit.rlim_cur, soft), std::max(limit.rlim_max, hard)};
+    if (setrlimit(resource, &wanted) == 0)
+        return;
+    // Without the right to raise the hard limit there is what that allows.
+    limit.rlim_cur = std::min(wanted.rlim_cur, limit.rlim_max);
     setrlimit(resource, &limit);
 }
 

@@ -193,7 +193,8 @@ void JsonText::AppendQuoted(std::string_view text) {
         if (odd == end)
             break;
         if (!IsAscii(*odd)) {
-            text_.replace(start, std::string::npos, QuotedByLibrary(text));
+            text_.resize(start);
+            text_ += QuotedByLibrary(text);
             return;
         }
         AppendEscaped(text_, *odd);

@@ -9,6 +9,7 @@ The tests and the demonstration are built on this module.
 
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -300,9 +301,14 @@ class PrivateMachine:
             log.close()
 
     def _drain_while_open(self):
-        # Programs must not wait for somebody to ask for messages.
+        # Programs must not wait for somebody to ask for messages; the socket takes only a few.
         while self._drain():
-            time.sleep(0.05)
+            log = self._log
+            try:
+                if log is not None:
+                    select.select([log], [], [], 0.05)
+            except (OSError, ValueError):  # closed meanwhile
+                pass
 
     def _drain(self):
         """Takes in what has come so far; returns whether more can come."""

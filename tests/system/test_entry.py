@@ -286,7 +286,7 @@ def test_limits_of_the_starter_do_not_count(machine):
     machine.write("/usr/local/bin/limits", "#!/bin/sh\ncat /proc/self/limits > /tmp/ran/limits.new\n"
                   "mv /tmp/ran/limits.new /tmp/ran/limits\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/limits")])
-    machine.run("bash", "-c", f"ulimit -f 0 -c unlimited; ulimit -S -n 20; exec {machine.DAEMON}",
+    machine.run("bash", "-c", f"ulimit -S -f 0 -n 20; ulimit -S -c unlimited; exec {machine.DAEMON}",
                 env={"LD_PRELOAD": ""})  # a preloaded clock writes to a file of its own
     pid = wait_for(machine.daemon_pid, what="the daemon")
     found = limits(machine, pid)

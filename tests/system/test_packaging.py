@@ -414,6 +414,18 @@ def cmake(*arguments):
     assert done.returncode == 0, (done.stdout + done.stderr)[-4000:]
 
 
+@pytest.mark.parametrize("version,status", [("1.8.4", 1), ("1.9.0", 0)])
+def test_the_least_version_of_the_json_library_is_asked_for(tmp_path, version, status):
+    """An older one breaks off at the first job that is removed."""
+    (tmp_path / "jsoncpp.pc").write_text(
+        f"Name: jsoncpp\nDescription: JSON\nVersion: {version}\nLibs: -ljsoncpp\n"
+        "Cflags: -I/usr/include/jsoncpp\n")
+    done = subprocess.run(["cmake", "-S", TOP, "-B", tmp_path / "build", "-DKESTCROND_BUILD_CTL=OFF"],
+                          env={**os.environ, "PKG_CONFIG_PATH": str(tmp_path)}, capture_output=True,
+                          text=True, check=False)
+    assert (done.returncode != 0) == (status != 0), done.stderr
+
+
 @pytest.mark.native(reason="the maker's daemon is built for the machine that the tests run on")
 def test_a_makers_own_platform(tmp_path):
     """The daemon with the library of tests/porting: it hears another controller."""

@@ -60,7 +60,7 @@ def test_an_unchanged_restart_keeps_everything(machine):
         {"name": "w", "user": "root", "period": "weekly", "cmd": RECORD}])
     machine.write("/usr/local/etc/kestcron.d/raw.conf",
                   b'{"user":"root","period":"monthly","cmd":"' + RECORD.encode()
-                  + b'","odd":"\xff\xfe","zero":-0.0}')
+                  + b'","odd":"\xc3\xbf\xe2\x80\xae","zero":-0.0}')
     machine.start_and_wait()
     before = machine.document()
     machine.stop()

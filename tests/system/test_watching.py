@@ -197,7 +197,7 @@ def test_more_accounts_than_watches(machine):
     machine.start_and_wait()
     assert set(machine.entries()) == {"builtin-clock-tick", "pkg_nonroot-alice-a0001-x",
                                       "pkg_nonroot-alice-a1023-x"}
-    texts = machine.texts()
+    texts = wait_for(lambda: len(texts := machine.texts()) >= 2 * 77 and texts, what="all messages")
     assert texts[:2] == [f"Failed to listen {TOP}/a1024", f"Failed to register {TOP}/a1024"]
     assert len(texts) == 2 * 77
     cycles(machine, 2)
