@@ -55,12 +55,13 @@ Descriptor OpenResolved(const std::string &path) {
     return file;
 }
 
-// Opens the file at `path`, which must be the one with this status. What is looked up in a directory
-// is read with the rights of that directory's account, which could open anything it leads to itself.
+// Opens the file at `path`, which must be the one with this status. What is looked up in a
+// directory is read with the rights of that directory's account, which could open anything it leads
+// to itself.
 Descriptor OpenAgain(int directory, const std::string &path, const struct stat &status) {
     Descriptor file = directory == AT_FDCWD
-                                ? OpenResolved(path)
-                                : Descriptor(openat(directory, path.c_str(), kReadFlags));
+                          ? OpenResolved(path)
+                          : Descriptor(openat(directory, path.c_str(), kReadFlags));
     struct stat opened {};
     if (!file || fstat(file.Get(), &opened) == -1)
         return {};

@@ -65,28 +65,29 @@ Json::Value &SavedRuntime() {
 
 // What the linker puts in the place of the two functions that would touch the disk. The real ones
 // are named too: when one is declared otherwise some day, this no longer links.
-bool RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts) __asm__(
+StagingResult RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
     "__real__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
-    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEE");
+    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
 bool RealJsonToFile(std::string text, const std::string &path, Durability durability) __asm__(
     "__real__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
     "IcESaIcEEERKS4_10Durability");
-bool StagedWithoutDisk(CronJob &job, KnownAccounts &accounts) __asm__(
+StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
     "__wrap__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
-    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEE");
+    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
 bool SavedWithoutDisk(std::string text, const std::string &path, Durability durability) __asm__(
     "__wrap__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
     "IcESaIcEEERKS4_10Durability");
 
-[[gnu::used]] static bool (*const kRealStaging)(CronJob &, KnownAccounts &) = RealMoveBinaryToTmp;
+[[gnu::used]] static StagingResult (*const kRealStaging)(CronJob &, KnownAccounts &,
+                                                         Staging &) = RealMoveBinaryToTmp;
 [[gnu::used]] static bool (*const kRealSaving)(std::string, const std::string &,
                                                Durability) = RealJsonToFile;
 
-bool StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/) {
+StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/, Staging & /*staging*/) {
     Require(Member(job.Document(), "cmd_list")[0U].isConvertibleTo(Json::stringValue),
             "a program has a name");
     job.SetProgram(std::string(kRuntimeDirectory) + "/" + job.Name());
-    return true;
+    return StagingResult::Staged;
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): it is what the real one is
