@@ -188,8 +188,11 @@ void CronDaemon::Evaluate() {
         job.CheckTrigger();
     // A cleaner of "/tmp" may have taken the directory or the programs in it, and its name is then
     // free for anybody. What is due is due after the load too.
-    if (!runtimeDirectory.IsSafe() || RuntimeDirectoryState::Now() != runtimeDirectory)
+    if (!runtimeDirectory.IsSafe() || RuntimeDirectoryState::Now() != runtimeDirectory) {
         ReloadJobs();
+        if (stopRequested) // the load may have been given up
+            return;
+    }
     const bool held = IsVorldHeld();
     std::vector<JobState> states;
     states.reserve(jobs.size());

@@ -194,9 +194,11 @@ Greeting Prepare(const CopierPlace &place, int socket) {
     if (!place.workPath.empty() && !EnterNamespace(place))
         greeting = {Copier::Fault::NoNamespace, errno};
     LeaveDaemon(socket);
+    // What is still in its memory of the daemon is not for the account to see.
     if (greeting.fault == Copier::Fault::None && place.account != nullptr &&
-        !BecomeAccount(place.account->name, place.account->uid, place.account->gid,
-                       place.extraGroup))
+        (!BecomeAccount(place.account->name, place.account->uid, place.account->gid,
+                        place.extraGroup) ||
+         prctl(PR_SET_DUMPABLE, 0) == -1))
         greeting = {Copier::Fault::NoRights, errno};
     return greeting;
 }

@@ -86,12 +86,14 @@ ProgramCopy Failure(int error) {
 
 } // namespace
 
-Staging::Staging(const std::atomic<bool> &stopRequested)
-    : stopRequested_(stopRequested), runtime_(OpenRuntimeDirectory(O_RDONLY)) {
-    if (!runtime_)
-        return;
-    RemoveEntry(runtime_, kArea, kAreaPath); // left behind by a crash
-    area_ = MakeDirectoryAt(runtime_, kArea, 0, 0);
+Staging::Staging(const std::atomic<bool> &stopRequested) : stopRequested_(stopRequested) {
+    const ErrnoKept kept;
+    runtime_ = OpenRuntimeDirectory(O_RDONLY);
+    if (runtime_) {
+        RemoveEntry(runtime_, kArea, kAreaPath); // left behind by a crash
+        area_ = MakeDirectoryAt(runtime_, kArea, 0, 0);
+    }
+    areaError_ = errno;
 }
 
 Staging::~Staging() {
@@ -140,20 +142,22 @@ void Staging::OpenWorkshop(Workshop &workshop, const JobUser *account) {
 // from outside, gets no other one in the same load.
 Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
     if (!area_) {
-        errno = EPERM;
+        errno = areaError_;
         return nullptr;
     }
-    const auto [found, isNew] = workshops_.try_emplace(account == nullptr ? 0 : account->uid);
+    const uid_t uid = account == nullptr ? 0 : account->uid;
+    const auto [found, isNew] = workshops_.try_emplace(uid);
     Workshop &workshop = found->second;
-    const bool hasEnded = workshop.copier && !workshop.copier->IsUsable();
-    if (isNew || (account == nullptr && hasEnded)) {
-        if (hasEnded)
-            RemoveEntry(area_, "0", PathInArea("0"));
-        OpenWorkshop(workshop, account);
-    } else if (hasEnded || !workshop.copier) {
+    if (workshop.copier && workshop.copier->IsUsable())
+        return &workshop;
+    if (!isNew && account != nullptr) {
         errno = ECHILD;
+        return nullptr;
     }
-    return workshop.copier && workshop.copier->IsUsable() ? &workshop : nullptr;
+    if (!isNew)
+        RemoveEntry(area_, std::to_string(uid), PathInArea(std::to_string(uid)));
+    OpenWorkshop(workshop, account);
+    return workshop.copier ? &workshop : nullptr;
 }
 
 ProgramCopy Staging::Copy(const std::string &name, const std::string &source,
@@ -163,12 +167,15 @@ ProgramCopy Staging::Copy(const std::string &name, const std::string &source,
     Workshop *workshop = WorkshopFor(rights);
     if (workshop == nullptr)
         return Failure(errno);
+    const int refusal = RefusalOf(name, source);
+    if (refusal != 0) // nothing below may be done with such a name
+        return workshop->copier->Copy(name, source, refusal, stopRequested_);
     if (isClosed_) {
         CloseRuntimeDirectory(workshop->group);
+        RemoveEntry(area_, kPrevious, PathInArea(kPrevious));
         renameat(runtime_.Get(), name.c_str(), area_.Get(), kPrevious);
     }
-    ProgramCopy copy =
-        workshop->copier->Copy(name, source, RefusalOf(name, source), stopRequested_);
+    ProgramCopy copy = workshop->copier->Copy(name, source, 0, stopRequested_);
     const bool taken = TakeIn(*workshop, name, rights);
     const int error = errno;
     if (isClosed_) {
@@ -246,7 +253,10 @@ Staging::Step Staging::PutInPlace(const std::string &name, const JobUser &user) 
 
 void Staging::Remove(const std::function<bool(const std::string &name)> &isUnused) {
     const ErrnoKept kept;
-    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(kRuntimeDirectory), closedir);
+    Descriptor listed = OpenDirectoryAt(runtime_, ".");
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(fdopendir(listed.Get()), closedir);
+    if (entries)
+        listed.Release(); // it is closed with the list
     std::vector<std::string> unused;
     while (const dirent *entry = entries ? readdir(entries.get()) : nullptr)
         if (isUnused(entry->d_name))

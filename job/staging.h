@@ -62,6 +62,7 @@ private:
     const std::atomic<bool> &stopRequested_;
     Descriptor runtime_; // the runtime directory
     Descriptor area_;    // the directory in it that only root can enter
+    int areaError_ = 0;  // why there is none: errno
     bool isClosed_ = false;
     std::map<uid_t, Workshop> workshops_;
     Descriptor copy_; // the latest one, unless it is a link
