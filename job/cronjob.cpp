@@ -238,11 +238,8 @@ std::int32_t CronJob::GetSingleScheduleValue(const std::string &key) const {
 bool CronJob::MatchField(const std::string &key, std::int32_t value) const {
     const auto &keys = FieldKeys();
     const auto *const known = std::find(keys.begin(), keys.end(), key);
-    return known != keys.end() && Admits(static_cast<std::size_t>(known - keys.begin()), value);
-}
-
-bool CronJob::Admits(std::size_t field, std::int32_t value) const {
-    return value >= 0 && value < 64 && (dueBits_[field] >> static_cast<unsigned>(value) & 1U) != 0;
+    return known != keys.end() && value >= 0 && value < 64 &&
+           Admits(static_cast<std::size_t>(known - keys.begin()), value);
 }
 
 bool CronJob::IsDueNow() const {
