@@ -78,8 +78,8 @@ void CheckDueByLookUp() {
     for (const CronJob &job : TheJobs()) {
         bool due = true;
         for (std::size_t i = 0; i < fields.size() && due; ++i)
-            due =
-                FieldAdmits(Member(Member(job.Document(), "schedule"), FieldKeys()[i]), fields[i]);
+            due = Admits(AdmittedBits(Member(Member(job.Document(), "schedule"), FieldKeys()[i])),
+                         fields[i]);
         sink = due ? 1 : 0;
     }
 }

@@ -238,8 +238,8 @@ std::int32_t CronJob::GetSingleScheduleValue(const std::string &key) const {
 bool CronJob::MatchField(const std::string &key, std::int32_t value) const {
     const auto &keys = FieldKeys();
     const auto *const known = std::find(keys.begin(), keys.end(), key);
-    return known != keys.end() && value >= 0 && value < 64 &&
-           Admits(static_cast<std::size_t>(known - keys.begin()), value);
+    return known != keys.end() &&
+           Admits(dueBits_[static_cast<std::size_t>(known - keys.begin())], value);
 }
 
 bool CronJob::IsDueNow() const {
@@ -250,7 +250,7 @@ bool CronJob::IsDueNow() const {
     }
     const std::array<std::int32_t, 5> values = FieldsOf(*local);
     for (std::size_t field = 0; field < values.size(); ++field)
-        if (!Admits(field, values[field]))
+        if (!Admits(dueBits_[field], values[field]))
             return false;
     return true;
 }

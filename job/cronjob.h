@@ -122,10 +122,6 @@ public:
     CronFields cronFields;
 
 private:
-    // Whether the schedule's field with this index admits `value`, which is from 0 to 63.
-    bool Admits(std::size_t field, std::int32_t value) const {
-        return (dueBits_[field] >> static_cast<unsigned>(value) & 1U) != 0;
-    }
     bool CheckJobConfig();
     bool ParseJobConfig();
     bool ParseCrontab();

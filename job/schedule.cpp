@@ -53,19 +53,6 @@ std::array<std::int32_t, 5> FieldsOf(const std::tm &local) {
     return {local.tm_min, local.tm_hour, local.tm_mday, local.tm_mon + 1, local.tm_wday};
 }
 
-bool FieldAdmits(const Json::Value &array, std::int32_t value) {
-    if (!array.isArray())
-        return false;
-    bool admits = false;
-    for (const Json::Value &element : array) {
-        if (!element.isInt())
-            return false; // the whole field counts as empty
-        const std::int32_t admitted = element.asInt();
-        admits = admits || admitted == value || admitted == kAnyValue;
-    }
-    return admits;
-}
-
 std::uint64_t AdmittedBits(const Json::Value &array) {
     if (!array.isArray())
         return 0;

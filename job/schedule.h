@@ -29,11 +29,14 @@ std::vector<std::int32_t> FieldValues(const Json::Value &array);
 // What the five fields are compared with in the local minute `local`, in their order.
 std::array<std::int32_t, 5> FieldsOf(const std::tm &local);
 
-// Whether a field's array admits `value`. Allocates nothing.
-bool FieldAdmits(const Json::Value &array, std::int32_t value);
-
-// The same for all values that a minute may have, each as a bit.
+// The values that a field's array admits, of those that a minute may have: each as a bit. An array
+// that holds anything but integers admits none.
 std::uint64_t AdmittedBits(const Json::Value &array);
+
+// Whether `value` is among them.
+inline bool Admits(std::uint64_t bits, std::int32_t value) {
+    return value >= 0 && value < 64 && (bits >> static_cast<unsigned>(value) & 1U) != 0;
+}
 
 // The five fields as text: values joined by ",", "X" for a field without values, fields joined by a
 // blank.

@@ -48,7 +48,7 @@ private:
 
     static bool IsDue(const Json::Value &schedule, const std::tm &local) {
         for (std::size_t i = 0; i < kFields; ++i)
-            if (!FieldAdmits(Member(schedule, FieldKeys()[i]), FieldsOf(local)[i]))
+            if (!Admits(AdmittedBits(Member(schedule, FieldKeys()[i])), FieldsOf(local)[i]))
                 return false;
         return true;
     }
