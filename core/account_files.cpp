@@ -27,9 +27,17 @@ Descriptor OpenForNaming(const std::string &path) {
     return Descriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
 }
 
-bool IsOpenToOthers(const struct stat &status) {
-    return S_ISDIR(status.st_mode) && status.st_uid == 0 &&
-           (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+bool IsLink(const std::string &path) {
+    const ErrnoKept kept;
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+bool MayBeAccountDirectory(const struct stat &status, bool isLinked) {
+    const bool isRoots = status.st_uid == 0;
+    const bool isOpenToOthers = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return !S_ISDIR(status.st_mode) ||
+           (isLinked ? !isRoots && !isOpenToOthers : !isRoots || !isOpenToOthers);
 }
 
 // --- Reading ------------------------------------------------------------------------------------

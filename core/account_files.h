@@ -19,9 +19,15 @@
 // opened by it. Without one, errno tells why not.
 Descriptor OpenForNaming(const std::string &path);
 
-// Whether a directory of this status is root's while others may write to it. Its jobs would be
-// root's, and whoever can write to it would have put them there.
-bool IsOpenToOthers(const struct stat &status);
+// Whether `path` is a symbolic link. errno is left as it was.
+bool IsLink(const std::string &path);
+
+// Whether a directory of this status may be an account directory. One of root's that others may
+// write to may not: its jobs would be root's, and whoever can write to it would have put them
+// there. Where the way to it is a link, `isLinked`, the account of the link's target can lead it on
+// to any directory, so that one of root's, and one that anybody but its owner may write to, may not
+// either.
+bool MayBeAccountDirectory(const struct stat &status, bool isLinked);
 
 // An entry of an account directory.
 struct AccountFile {

@@ -189,7 +189,7 @@ void CronDaemon::Evaluate() {
     // A cleaner of "/tmp" may have taken the directory or the programs in it, and its name is then
     // free for anybody. What is due is due after the load too.
     if (!runtimeDirectory.IsSafe() || RuntimeDirectoryState::Now() != runtimeDirectory) {
-        ReloadJobs();
+        ReloadInCycle();
         if (stopRequested) // the load may have been given up
             return;
     }
@@ -201,6 +201,19 @@ void CronDaemon::Evaluate() {
     LaunchJobs(states);
     RegenerateOnTimeChange();
     PollChanges();
+}
+
+// A load that is not a cycle of its own. What was found due stays due, and so does its text.
+void CronDaemon::ReloadInCycle() {
+    std::map<std::string, std::string> texts;
+    for (const CronJob &job : jobs)
+        if (!job.scheduleText.empty())
+            texts.emplace(job.Name(), job.scheduleText);
+    sleepSeconds = kCycleSeconds; // a reload that was requested is this one
+    ReloadJobs();
+    for (CronJob &job : jobs)
+        if (const auto text = texts.find(job.Name()); text != texts.end())
+            job.scheduleText = text->second;
 }
 
 JobState CronDaemon::ComputeState(const CronJob &job, bool held) const {
@@ -251,15 +264,16 @@ std::int64_t SteadyNow() {
 
 void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
     const std::string name = job.Name();
-    if (facts.delay > 0 && IsOfAccountDirectory(name)) {
+    if (IsOfAccountDirectory(name)) {
         const std::string account =
             TextMember(Member(job.Document(), "config"), "package_username");
         const std::int64_t now = SteadyNow();
-        if (!waitingStarts.HasPlace(account, now)) {
+        if (facts.delay > 0 && !waitingStarts.HasPlace(account, now)) {
             job.RefuseLaunch();
             return;
         }
-        waitingStarts.Add(account, name, now + facts.delay + 1);
+        // Its program is needed for a moment longer, and so is that of a start without a delay.
+        waitingStarts.Add(account, name, now + facts.delay + 2);
     }
     job.Launch(facts.delay, LaunchNote(facts));
 }
@@ -290,6 +304,11 @@ void CronDaemon::RegenerateOnTimeChange() {
     for (const std::string &key : keys)
         RegenerateField(key);
     SaveRuntimeFiles();
+    // What kept their programs from being copied may be over.
+    if (!unstaged.empty()) {
+        reloadRequested = true;
+        sleepSeconds = 0;
+    }
 }
 
 void CronDaemon::RegenerateField(const std::string &key) {
@@ -310,11 +329,12 @@ namespace {
 // By its descriptor where there is one. Without "/proc" that cannot be said; then the path must do.
 int AddInotifyWatch(int inotify, const std::string &path, int opened, std::uint32_t mask) {
     if (opened != -1) {
-        const ErrnoKept kept;
+        const int error = errno;
         const std::string link = "/proc/self/fd/" + std::to_string(opened);
         const int watch = inotify_add_watch(inotify, link.c_str(), mask);
         if (watch != -1 || errno != ENOENT)
             return watch;
+        errno = error;
     }
     return inotify_add_watch(inotify, path.c_str(), mask);
 }
@@ -579,7 +599,7 @@ JobUser OwnerOf(const Descriptor &directory, const std::string &path) {
         LOG_ERROR("stat error: %s", path.c_str());
         return account;
     }
-    if (IsOpenToOthers(status)) {
+    if (!MayBeAccountDirectory(status, IsLink(path))) {
         errno = EPERM;
         return account;
     }
@@ -781,6 +801,7 @@ void CronDaemon::SaveRuntimeFiles() {
 }
 
 void CronDaemon::PersistState() {
+    reserve.reset();
     if (hasLoaded) {
         SaveRuntimeConfig(kPersistentFile, Durability::Reboot);
         SaveTemplate(kPersistentTemplateFile, Durability::Reboot);

@@ -61,6 +61,7 @@ private:
     void RunCycle();
     void WaitForNextCycle() const;
     void Evaluate();
+    void ReloadInCycle();
     void LaunchJobs(const std::vector<JobState> &states);
     void LaunchJob(CronJob &job, const LaunchFacts &facts);
     JobState ComputeState(const CronJob &job, bool held) const;

@@ -115,8 +115,11 @@ JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
             return nullptr;
         }
         directory.account = *owner;
-        if (IsOpenToOthers(status)) {
-            Refuse(shown, "belongs to root, and others may write to it",
+        const bool isLink = IsLink(appliance_.Locate(directory.path));
+        if (!MayBeAccountDirectory(status, isLink)) {
+            Refuse(shown,
+                   isLink ? "is a link to a directory of root's, or to one that others may write to"
+                          : "belongs to root, and others may write to it",
                    "a directory that only the account of its jobs may write to");
             return nullptr;
         }
@@ -214,7 +217,8 @@ void CheckPaths::AddTheirOtherDirectories() {
         batch.ofSource = true;
         struct stat status {};
         if (stat(appliance_.Locate(batch.directory.path).c_str(), &status) == -1 ||
-            !S_ISDIR(status.st_mode) || IsOpenToOthers(status))
+            !S_ISDIR(status.st_mode) ||
+            !MayBeAccountDirectory(status, IsLink(appliance_.Locate(batch.directory.path))))
             continue;
         batch.directory.account = appliance_.AccountName(status.st_uid).value_or("");
         if (accounts.count(batch.directory.account) != 0)

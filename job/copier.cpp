@@ -13,10 +13,10 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ constexpr const char *kProcessName = "kestcrond-stage";
 // Whole seconds. A copy has ten, which the platform library sees to; a process that does not answer
 // two seconds later was stopped.
 constexpr int kLongestAnswer = 12;
-constexpr int kAccountSeconds = 60;
+constexpr int kAccountSeconds = 30;
 
 // One request or answer is one packet.
 struct Request {
@@ -188,6 +188,13 @@ void LeaveDaemon(int socket) {
     CloseInheritedDescriptors(socket);
 }
 
+// The copy program fails at the limit instead of being ended by a signal.
+bool LimitFiles(std::uint64_t most) {
+    const rlimit limit{static_cast<rlim_t>(most), static_cast<rlim_t>(most)};
+    signal(SIGXFSZ, SIG_IGN);
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+
 Greeting Prepare(const CopierPlace &place, int socket) {
     errno = 0;
     Greeting greeting{Copier::Fault::None, 0};
@@ -198,7 +205,7 @@ Greeting Prepare(const CopierPlace &place, int socket) {
     if (greeting.fault == Copier::Fault::None && place.account != nullptr &&
         (!BecomeAccount(place.account->name, place.account->uid, place.account->gid,
                         place.extraGroup) ||
-         prctl(PR_SET_DUMPABLE, 0) == -1))
+         prctl(PR_SET_DUMPABLE, 0) == -1 || !LimitFiles(place.mostBytes)))
         greeting = {Copier::Fault::NoRights, errno};
     return greeting;
 }
@@ -234,23 +241,19 @@ bool Connect(Descriptor &ours, Descriptor &theirs) {
 
 } // namespace
 
-Copier::Copier(Descriptor socket, pid_t process)
-    : socket_(std::move(socket)), handle_(static_cast<int>(syscall(SYS_pidfd_open, process, 0))),
-      process_(process) {}
-
-// The group first: as long as its leader is there, the number cannot mean another group.
-Copier::~Copier() {
+// Its number may belong to another process once it is gone, which shows in the connection.
+void Copier::End() {
     const ErrnoKept kept;
-    if (handle_ && syscall(SYS_pidfd_send_signal, handle_.Get(), 0, nullptr, 0) == -1)
-        return;
-    kill(-process_, SIGKILL);
-    if (handle_)
-        syscall(SYS_pidfd_send_signal, handle_.Get(), SIGKILL, nullptr, 0);
-    else
+    char nothing = 0;
+    if (socket_ && recv(socket_.Get(), &nothing, sizeof nothing, MSG_PEEK | MSG_DONTWAIT) != 0) {
+        kill(-process_, SIGKILL);
         kill(process_, SIGKILL);
+    }
+    socket_.Close();
 }
 
-std::unique_ptr<Copier> Copier::Start(const CopierPlace &place, Fault &fault) {
+std::unique_ptr<Copier> Copier::Start(const CopierPlace &place, Fault &fault,
+                                      const std::atomic<bool> &stopRequested) {
     fault = Fault::NoProcess;
     Descriptor ours;
     Descriptor theirs;
@@ -265,7 +268,7 @@ std::unique_ptr<Copier> Copier::Start(const CopierPlace &place, Fault &fault) {
     theirs.Close();
     std::unique_ptr<Copier> copier(new Copier(std::move(ours), process));
     Greeting greeting{Fault::NoProcess, 0};
-    if (!copier->Receive(&greeting, sizeof greeting, nullptr))
+    if (!copier->Receive(&greeting, sizeof greeting, stopRequested))
         greeting = {Fault::NoProcess, errno};
     fault = greeting.fault;
     if (fault == Fault::None)
@@ -275,7 +278,7 @@ std::unique_ptr<Copier> Copier::Start(const CopierPlace &place, Fault &fault) {
     return nullptr;
 }
 
-bool Copier::Receive(void *reply, std::size_t size, const std::atomic<bool> *stopRequested) {
+bool Copier::Receive(void *reply, std::size_t size, const std::atomic<bool> &stopRequested) {
     for (int seconds = 0; seconds < kLongestAnswer;) {
         const ssize_t got = recv(socket_.Get(), reply, size, 0);
         if (got == static_cast<ssize_t>(size))
@@ -284,7 +287,7 @@ bool Copier::Receive(void *reply, std::size_t size, const std::atomic<bool> *sto
             errno = EPIPE;
             return false;
         }
-        if (stopRequested != nullptr && *stopRequested) {
+        if (stopRequested) {
             errno = ECANCELED;
             return false;
         }
@@ -302,11 +305,11 @@ ProgramCopy Copier::Copy(const std::string &name, const std::string &source, int
     request.refusal = refusal;
     ProgramCopy copy;
     if (send(socket_.Get(), &request, sizeof request, MSG_NOSIGNAL) == sizeof request &&
-        Receive(&copy, sizeof copy, &stopRequested))
+        Receive(&copy, sizeof copy, stopRequested))
         return copy;
     copy.error = errno;
     copy.outcome =
         copy.error == ECANCELED ? ProgramCopy::Outcome::Stopped : ProgramCopy::Outcome::Failed;
-    socket_.Close();
+    End();
     return copy;
 }

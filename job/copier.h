@@ -9,9 +9,12 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 
 // How a copy ended.
 struct ProgramCopy {
@@ -42,6 +45,7 @@ struct CopierPlace {
     int work = -1; // the same directory
 
     gid_t extraGroup = kNoGroup; // one more group that it belongs to
+    std::uint64_t mostBytes = 0; // no file that an account makes is larger
 };
 
 class Copier {
@@ -49,29 +53,30 @@ public:
     enum class Fault : unsigned char { None, NoProcess, NoNamespace, NoRights };
 
     // Starts the process. Returns null, with errno set and the reason in `fault`, when it cannot be
-    // had as it must be.
-    static std::unique_ptr<Copier> Start(const CopierPlace &place, Fault &fault);
+    // had as it must be, or `stopRequested` becomes true.
+    static std::unique_ptr<Copier> Start(const CopierPlace &place, Fault &fault,
+                                         const std::atomic<bool> &stopRequested);
 
     Copier(const Copier &) = delete;
     Copier &operator=(const Copier &) = delete;
     // Ends the process and the copy program that it runs.
-    ~Copier();
+    ~Copier() { End(); }
 
     // Has `source` copied to the entry `name` of the runtime directory, as the process sees it.
     // With `refusal`, an errno value, a program that is there is refused. Takes twelve seconds at
-    // most. An account's copies together take a minute at most; after that, and when its process
-    // was stopped or ended from outside, IsUsable becomes false. Gives up when `stopRequested`
-    // becomes true.
+    // most. An account's copies together take half a minute at most; after that, and when its
+    // process was stopped or ended from outside, IsUsable becomes false. Gives up when
+    // `stopRequested` becomes true.
     ProgramCopy Copy(const std::string &name, const std::string &source, int refusal,
                      const std::atomic<bool> &stopRequested);
     bool IsUsable() const { return static_cast<bool>(socket_); }
 
 private:
-    Copier(Descriptor socket, pid_t process);
-    bool Receive(void *reply, std::size_t size, const std::atomic<bool> *stopRequested);
+    Copier(Descriptor socket, pid_t process) : socket_(std::move(socket)), process_(process) {}
+    bool Receive(void *reply, std::size_t size, const std::atomic<bool> &stopRequested);
+    void End();
 
-    Descriptor socket_;
-    Descriptor handle_; // of the process, where the kernel has such
+    Descriptor socket_; // none once it has ended
     pid_t process_;
 };
 

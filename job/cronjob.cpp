@@ -492,18 +492,26 @@ void TakeOnAccount(const JobUser &user, const std::string &name) {
         report("setuid");
 }
 
-// Becomes the program, if it is one that the daemon has staged. A load that closes the runtime
-// directory to others, or replaces the program in this very moment, is waited for.
+// Runs the program once, if it is one that the daemon has staged.
+int TryProgram(char *const *arguments, uid_t uid) {
+    if (arguments[0] != nullptr && !IsFitToRun(arguments[0], uid))
+        return -1;
+    return XLIBCExecv(arguments[0], arguments, 1);
+}
+
+// Becomes the program. A load that closes the runtime directory to others is waited for, a minute
+// at most, and so is one that replaces the program in this very moment.
 int StartProgram(char *const *arguments, uid_t uid) {
     constexpr int mostTries = 600;
     constexpr useconds_t pause = 100000;
     for (int tries = 1;; ++tries) {
         const RuntimeDirectoryState before = RuntimeDirectoryState::Now();
-        int rc = -1;
-        if (!before.IsClosed() && (arguments[0] == nullptr || IsFitToRun(arguments[0], uid)))
-            rc = XLIBCExecv(arguments[0], arguments, 1);
-        const RuntimeDirectoryState after = RuntimeDirectoryState::Now();
-        if ((!before.IsClosed() && before == after) || tries == mostTries)
+        errno = EAGAIN;
+        const int rc = before.IsClosed() ? -1 : TryProgram(arguments, uid);
+        const bool mayBeReplaced = errno == ENOENT || errno == ETXTBSY || errno == EACCES;
+        const bool isWaitedFor =
+            before.IsClosed() || (mayBeReplaced && RuntimeDirectoryState::Now() != before);
+        if (rc >= 0 || !isWaitedFor || tries == mostTries)
             return rc;
         usleep(pause);
     }

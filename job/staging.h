@@ -12,7 +12,9 @@
 #include "job/copier.h"
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -32,7 +34,8 @@ public:
 
     // Copies the program at `source`, with the rights of `account` or, when it is null, of root,
     // and keeps the copy for PutInPlace. Takes ten seconds at most, and all copies of one account
-    // in one load a minute. What an account may run but not read becomes a link to it.
+    // in one load half a minute and a quarter of the file system. What an account may run but not
+    // read becomes a link to it.
     ProgramCopy Copy(const std::string &name, const std::string &source, const JobUser *account);
 
     // Gives the latest copy to `user`, with mode 0700, and makes it the staged program `name`. The
@@ -50,21 +53,35 @@ private:
         gid_t group = 0;      // that may then make entries there
         std::unique_ptr<Copier> copier;
     };
+    // What an account has used up.
+    struct Account {
+        unsigned workshops = 0;
+        std::uint64_t bytes = 0;
+    };
 
     Workshop *WorkshopFor(const JobUser *account);
+    Workshop *WorkshopOfAccount(const JobUser &account);
+    Workshop *WorkshopOfRoot();
     void OpenWorkshop(Workshop &workshop, const JobUser *account);
     bool OpenInNamespace(Workshop &workshop, const JobUser *account);
     void CloseRuntimeDirectory(gid_t group);
     bool TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account);
+    bool IsProgramOf(const JobUser *account);
     Step GiveTo(const JobUser &user) const;
     bool ReplaceProgram(const std::string &name);
+    void Clear(const Descriptor &directory, const std::string &name);
 
     const std::atomic<bool> &stopRequested_;
     Descriptor runtime_; // the runtime directory
     Descriptor area_;    // the directory in it that only root can enter
     int areaError_ = 0;  // why there is none: errno
     bool isClosed_ = false;
-    std::map<uid_t, Workshop> workshops_;
+    Workshop ofRoot_;
+    Workshop ofAccount_; // of the account that asked last
+    uid_t account_ = 0;
+    std::map<uid_t, Account> accounts_;
+    std::uint64_t mostBytes_ = std::numeric_limits<std::uint64_t>::max(); // of an account's copies
+    unsigned leftOver_ = 0;
     Descriptor copy_; // the latest one, unless it is a link
     int targetError_ = 0;
     bool isOfAccount_ = false;

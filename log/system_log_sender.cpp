@@ -68,7 +68,8 @@ SystemLogSender::~SystemLogSender() {
 }
 
 void SystemLogSender::StartAnewAfterFork() {
-    if (std::exchange(owner_, getpid()) == owner_)
+    const pid_t self = getpid();
+    if (std::exchange(owner_, self) == self)
         return;
     kept_.Clear();
     dropped_ = 0;

@@ -34,8 +34,10 @@ std::string Content(const std::string &path) {
 std::vector<std::string> AddressFiles() {
     std::vector<std::string> files;
     std::error_code ignored;
-    for (const auto &interface : std::filesystem::directory_iterator("/sys/class/net", ignored))
-        files.push_back((interface.path() / "address").string());
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator interface("/sys/class/net", ignored);
+         !ignored && interface != end; interface.increment(ignored))
+        files.push_back((interface->path() / "address").string());
     std::sort(files.begin(), files.end());
     return files;
 }

@@ -286,6 +286,53 @@ def test_copies_that_are_stopped_harm_their_own_account_only(machine, attack):
     wait_for(lambda: not [p for p in machine.processes().values() if p["name"] == "kestcrond-stage"])
 
 
+def test_what_an_account_leaves_behind_stops_no_load(machine, attack):
+    """It reaches its own work directory through the process that copies for it."""
+    machine.write("/usr/bin/cp", "#!/bin/sh\n[ $(id -u) = 0 ] || /usr/bin/sleep 120\n"
+                  "cat \"$2\" > \"$3\"\n", 0o755)
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
+    machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
+    attacker = attack("nest", uid=ALICE)
+    machine.start_and_wait()
+    assert attacker.stdout.readline() == "nested\n"
+    for _ in range(2):
+        assert "pkg_nonroot-bob-f-x" in machine.entries()
+        machine.reload()
+    end(machine, attacker)
+    machine.reload()
+    assert not [name for name in os.listdir(machine.path("/tmp/kestcrond"))
+                if name.startswith(".")]
+
+
+def test_an_account_has_a_quarter_of_the_file_system(machine):
+    machine.path("/tmp/kestcrond").mkdir()
+    machine.run("mount", "-t", "tmpfs", "-o", "mode=755,size=4m", "tmpfs", "/tmp/kestcrond",
+                check=True, env={"LD_PRELOAD": ""})
+    machine.write("/usr/local/bin/half", b"#!/bin/sh\n" + bytes(400 << 10), 0o755)
+    machine.write("/usr/local/bin/more", b"#!/bin/sh\n" + bytes(2 << 20), 0o755)
+    machine.jobs("pkg_nonroot", "f", [never("a", cmd="/usr/local/bin/half"),
+                                      never("b", cmd="/usr/local/bin/half"),
+                                      never("c", cmd="/usr/local/bin/half"),
+                                      never("d", cmd="/usr/local/bin/more")], account="alice")
+    machine.jobs("pkg_nonroot", "f", [never("a", cmd="/usr/local/bin/half")], account="bob")
+    machine.jobs("pkg", "f", [never("d", cmd="/usr/local/bin/more")])
+    machine.start_and_wait()
+    assert list(machine.entries()) == ["pkg-f-d", "pkg_nonroot-alice-f-a", "pkg_nonroot-alice-f-b",
+                                       "pkg_nonroot-bob-f-a"]
+    message = next(m for m in machine.messages("cronjob") if "alice-f-c" in m.text)
+    assert message.text.endswith("(Disk quota exceeded)")
+
+
+def test_what_could_not_be_copied_is_tried_again_in_an_hour(machine):
+    machine.clock("2026-06-02 02:55:10")
+    machine.write("/usr/bin/cp", "#!/bin/sh\nexit 1\n", 0o755)
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_and_wait()
+    assert machine.entries() == {}
+    machine.write("/usr/bin/cp", "#!/bin/sh\ncat \"$2\" > \"$3\"\n", 0o755)
+    wait_for(lambda: list(machine.entries()) == ["builtin-f-x"], what="the next hour")
+
+
 def test_waiting_starts_of_an_account_are_bounded(machine):
     machine.jobs("pkg_nonroot", "f", [every_minute(f"x{i:03}", cmd="/usr/bin/true")
                                       for i in range(1000)], account="alice")

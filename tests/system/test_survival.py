@@ -466,7 +466,8 @@ def test_a_system_log_is_told_what_is_missing(machine):
     lost = int(re.fullmatch(r"system log was busy, (\d+) messages are lost", missing)[1])
     # Two for each job that is refused, one for the file, one for the load, and the last one.
     told = len([text for text in texts if "are lost" not in text])
-    assert told + lost == 2 * 1000 + 1 + 1 + 1
+    # A start of the job may add one of its own.
+    assert 0 <= told + lost - (2 * 1000 + 1 + 1 + 1) <= 2
 
 
 def test_a_log_daemon_that_is_started_anew(machine):

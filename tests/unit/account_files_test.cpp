@@ -116,21 +116,22 @@ TEST_F(AccountFilesTest, AreParsedAndCharged) {
     }
 }
 
-TEST(IsOpenToOthers, HoldsForDirectoriesOfRootThatOthersWriteTo) {
+TEST(MayBeAccountDirectory, DependsOnItsOwnerItsModeAndTheWayToIt) {
     struct {
         mode_t mode;
         uid_t owner;
-        bool open;
-    } const rows[] = {{S_IFDIR | 0755, 0, false},
-                      {S_IFDIR | 0775, 0, true},
-                      {S_IFDIR | 01777, 0, true},
-                      {S_IFDIR | 0777, 1000, false},
-                      {S_IFREG | 0666, 0, false}};
+        bool isFit;
+        bool isFitBehindLink;
+    } const rows[] = {{S_IFDIR | 0755, 0, true, false},    {S_IFDIR | 0775, 0, false, false},
+                      {S_IFDIR | 01777, 0, false, false},  {S_IFDIR | 0755, 1000, true, true},
+                      {S_IFDIR | 0700, 1000, true, true},  {S_IFDIR | 0777, 1000, true, false},
+                      {S_IFDIR | 0775, 1000, true, false}, {S_IFREG | 0666, 0, true, true}};
     for (const auto &row : rows) {
         struct stat status {};
         status.st_mode = row.mode;
         status.st_uid = row.owner;
-        EXPECT_EQ(IsOpenToOthers(status), row.open) << std::oct << row.mode;
+        EXPECT_EQ(MayBeAccountDirectory(status, false), row.isFit) << std::oct << row.mode;
+        EXPECT_EQ(MayBeAccountDirectory(status, true), row.isFitBehindLink) << std::oct << row.mode;
     }
 }
 
