@@ -187,7 +187,7 @@ ssize_t ReceiveByte(int socket) {
 }
 
 // Whether the process at the other end of `socket` is through with its work in time. It is gone
-// when this returns true; else errno tells why not.
+// when this returns true; otherwise errno is set.
 bool AwaitReader(int socket, pid_t reader) {
     constexpr std::time_t patience = 10; // seconds
     const ssize_t said = SetDeadline(socket, patience) ? ReceiveByte(socket) : -1;
@@ -219,7 +219,7 @@ bool AwaitReader(int socket, pid_t reader) {
         const char done = 1;
         send(socket, &done, sizeof done, MSG_NOSIGNAL);
     } catch (const std::exception &) {
-        // Without memory: that nothing is said tells it.
+        // Without memory: the silence is the answer.
     }
     _exit(0);
 }

@@ -24,7 +24,7 @@ std::string RecordOf(AccountReading reading, int error, const AccountFiles &file
 
 // Reads such a record, behind which anything may follow. The process that wrote it may have been
 // led astray by what it read: what it says is held against what `quota` admits. Returns Failed,
-// with errno set, for what is no record.
+// with errno set, for anything else.
 AccountReading TakeReading(std::string_view record, const AccountQuota &quota, AccountFiles &files);
 
 #endif

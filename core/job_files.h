@@ -44,7 +44,7 @@ struct AccountQuota {
     std::size_t bytes = std::size_t{1} << 20;         // of text
     std::size_t documentBytes = std::size_t{4} << 20; // of the runtime document
 };
-// Each entry of a directory counts as so many bytes of text at least, and so does each job.
+// Each entry of a directory, and each job, counts as at least this many bytes of text.
 constexpr std::size_t kLeastCharge = 1024;
 
 // Charges an entry of `size` bytes, 0 when it could not be read. Returns false when there is not so

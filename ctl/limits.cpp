@@ -17,7 +17,7 @@ void EndInTime(int /*number*/) {
     _exit(statusAtEnd);
 }
 
-// Where the address sanitizer is at work, it takes memory of its own that is no document's.
+// Where the address sanitizer is at work, it takes memory of its own.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kMemoryIsCounted = false;
 #else
