@@ -471,7 +471,7 @@ private:
 
 // A line with its newline has 16 KiB at most: an author decides how long a command is.
 void WriteExecutionLog(const std::string &text) {
-    constexpr std::size_t most = 16 * 1024;
+    constexpr std::size_t most = std::size_t{16} << 10;
     executionLog.stream() << WithoutMiddle(KEST::MemoryLogger::Timestamp() + Printable(text),
                                            most - 1)
                           << "\n";

@@ -23,8 +23,6 @@ namespace {
 
 using MessageBuffer = std::array<char, 8192>;
 
-constexpr std::string_view kCutSign = " [cut]";
-
 // Says at the end of a full buffer that there was more.
 void MarkAsCut(MessageBuffer &message) {
     kCutSign.copy(message.data() + message.size() - 1 - kCutSign.size(), kCutSign.size());

@@ -3,6 +3,11 @@
 #ifndef LOG_ERROR_LOG_H
 #define LOG_ERROR_LOG_H
 
+#include <string_view>
+
+// Stands at the end of a message that was cut.
+constexpr std::string_view kCutSign = " [cut]";
+
 // Writes "TAG:LINE TEXT" to the system log at error priority, where TAG is the name of the source
 // file without directory and ending, and TEXT is `text` filled as by printf (%m included). When
 // errno is not 0, the error it names follows in brackets. errno is left as it was. Control

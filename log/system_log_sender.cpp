@@ -18,7 +18,6 @@
 namespace {
 
 constexpr timeval kPatience{0, 500000};
-constexpr std::string_view kCutSign = " [cut]";
 // A text that is kept takes no more of the space than this.
 constexpr std::size_t kMostKept = 8448;
 

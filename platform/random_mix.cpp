@@ -22,7 +22,7 @@ std::uint64_t Scramble(std::uint64_t state) {
 
 // The content of a small file and a zero byte, which keeps it apart from the next; the byte alone
 // when there is none.
-std::string Content(const std::string &path) {
+std::string IdentityIn(const std::string &path) {
     constexpr std::size_t most = 65536;
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     std::string content;
@@ -59,8 +59,8 @@ std::string DescribeMachine() {
     for (const char *path : {"/etc/machine-id", "/proc/device-tree/serial-number", "/proc/cpuinfo",
                              "/sys/class/dmi/id/product_serial", "/sys/class/dmi/id/product_uuid",
                              "/sys/class/dmi/id/board_serial", "/sys/block/mmcblk0/device/cid"})
-        machine += Content(path);
+        machine += IdentityIn(path);
     for (const std::string &path : AddressFiles())
-        machine += Content(path);
+        machine += IdentityIn(path);
     return machine;
 }
