@@ -16,7 +16,7 @@
 #include <vector>
 
 // Opens whatever `path` leads to, only to name it and what lies in it: a device or a pipe is not
-// opened by it. Without one, errno tells why not.
+// opened by it. Returns none with errno set on failure.
 Descriptor OpenForNaming(const std::string &path);
 
 // Whether `path` is a symbolic link. errno is left as it was.

@@ -53,7 +53,7 @@ bool IsOfKernel(const char *path) {
     return statvfs(path, &status) == 0 && status.f_blocks == 0;
 }
 
-// Whether `source` is a program that can be staged at all: errno tells why not. The files of the
+// Whether `source` is a program that can be staged at all; errno is set when not. The files of the
 // kernel look empty, and some make their reader wait for ever.
 bool IsStageable(const char *source) {
     struct stat status {};

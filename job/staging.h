@@ -23,7 +23,7 @@
 // One load's way into the runtime directory. Its processes end with it.
 class Staging {
 public:
-    // What can fail when a copy is put into place; errno tells why.
+    // What can fail when a copy is put into place. errno is set.
     enum class Step : unsigned char { None, Stat, Chown, Chmod, Rename };
 
     // A copy in the making is given up when `stopRequested` becomes true.

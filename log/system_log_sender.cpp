@@ -21,7 +21,7 @@ constexpr timeval kPatience{0, 500000};
 // A text that is kept takes no more of the space than this.
 constexpr std::size_t kMostKept = 8448;
 
-// What stands in front of a text: its priority, the time, and who speaks.
+// What stands in front of a text: its priority, the time and the name of the program.
 class Head {
 public:
     explicit Head(int priority) {
