@@ -35,7 +35,6 @@
 #include <malloc.h>
 #include <memory>
 #include <new>
-#include <poll.h>
 #include <pwd.h>
 #include <set>
 #include <sys/inotify.h>
@@ -163,9 +162,15 @@ void CronDaemon::WaitForNextCycle() const {
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
         // What the system log could not take is sent as soon as it can.
         const Descriptor log = CatchUpWithSystemLog();
-        pollfd more{log.Get(), POLLOUT, 0};
+        const bool isWatched = log && log.Get() < FD_SETSIZE;
+        fd_set writable;
+        FD_ZERO(&writable);
+        if (isWatched)
+            FD_SET(log.Get(), &writable);
         const timespec left = LeftOf(sleepSeconds, start);
-        ready = ppoll(&more, log ? 1 : 0, &left, &signals.Before());
+        // Not ppoll, of which glibc 2.36 takes the one with a 32-bit time where it is hardened.
+        ready = pselect(isWatched ? log.Get() + 1 : 0, nullptr, &writable, nullptr, &left,
+                        &signals.Before());
     }
 }
 

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
-#include <poll.h>
 #include <string>
+#include <sys/select.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -110,7 +110,8 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) {
     return 0;
 }
 
-extern "C" int ppoll(pollfd *files, nfds_t count, const timespec *timeout, const sigset_t *mask) {
+extern "C" int pselect(int count, fd_set *readable, fd_set *writable, fd_set *exceptional,
+                       const timespec *timeout, const sigset_t *mask) {
     const double rate = ReadSetting().rate;
     const double real = (static_cast<double>(timeout->tv_sec) +
                          static_cast<double>(timeout->tv_nsec) / kNanoseconds) /
@@ -120,7 +121,12 @@ extern "C" int ppoll(pollfd *files, nfds_t count, const timespec *timeout, const
     request.tv_nsec =
         static_cast<long>((real - static_cast<double>(request.tv_sec)) * kNanoseconds);
     constexpr std::size_t maskSize = 8; // the kernel's
-    return static_cast<int>(syscall(SYS_ppoll_time64, files, count, &request, mask, maskSize));
+    const struct {
+        const sigset_t *mask;
+        std::size_t size;
+    } during = {mask, maskSize};
+    return static_cast<int>(syscall(SYS_pselect6_time64, count, readable, writable, exceptional,
+                                    &request, &during));
 }
 
 extern "C" int nanosleep(const timespec *request, timespec *rest) {

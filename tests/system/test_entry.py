@@ -357,9 +357,9 @@ def test_a_sleep_is_cut_short_by_a_stop(machine):
 LATE_SIGNAL = """
 #define _GNU_SOURCE
 #include <dlfcn.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/select.h>
 #include <unistd.h>
 static void come(void) {
     static int count;
@@ -370,10 +370,11 @@ unsigned sleep(unsigned seconds) {
     come();
     return ((unsigned (*)(unsigned))dlsym(RTLD_NEXT, "sleep"))(seconds);
 }
-int ppoll(struct pollfd *files, nfds_t count, const struct timespec *timeout, const sigset_t *mask) {
+int pselect(int count, fd_set *readable, fd_set *writable, fd_set *exceptional,
+            const struct timespec *timeout, const sigset_t *mask) {
     come();
-    return ((int (*)(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *))dlsym(
-        RTLD_NEXT, "ppoll"))(files, count, timeout, mask);
+    return ((int (*)(int, fd_set *, fd_set *, fd_set *, const struct timespec *, const sigset_t *))
+            dlsym(RTLD_NEXT, "pselect"))(count, readable, writable, exceptional, timeout, mask);
 }
 """
 
