@@ -243,6 +243,15 @@ Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
 
 ProgramCopy Staging::Copy(const std::string &name, const std::string &source,
                           const JobUser *account) {
+    ProgramCopy copy = TryCopy(name, source, account);
+    // A stop may come while the copier starts, and may be one of all processes.
+    if (stopRequested_ && copy.outcome == ProgramCopy::Outcome::Failed)
+        copy.outcome = ProgramCopy::Outcome::Stopped;
+    return copy;
+}
+
+ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
+                             const JobUser *account) {
     isOfAccount_ = account != nullptr && account->uid != 0;
     const JobUser *rights = isOfAccount_ ? account : nullptr;
     Workshop *workshop = WorkshopFor(rights);

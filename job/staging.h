@@ -59,6 +59,7 @@ private:
         std::uint64_t bytes = 0;
     };
 
+    ProgramCopy TryCopy(const std::string &name, const std::string &source, const JobUser *account);
     Workshop *WorkshopFor(const JobUser *account);
     Workshop *WorkshopOfAccount(const JobUser &account);
     Workshop *WorkshopOfRoot();

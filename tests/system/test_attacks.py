@@ -260,6 +260,17 @@ def test_a_stop_does_not_wait_for_a_load(machine):
     assert not machine.exists("/tmp/kestcrond/.staging")
 
 
+def test_a_stop_before_the_first_copy_loses_nothing(machine):
+    machine.jobs("builtin", "f", [never("a")])
+    loads = machine.loads()
+    machine.start_with_faults("unshare:delay_enter=5000000")
+    wait_for(lambda: machine.loads() > loads)
+    machine.run("pkill", "-TERM", "-x", "kestcrond", env={"LD_PRELOAD": ""})
+    wait_for(lambda: not machine.daemons())
+    assert machine.texts() == []
+    assert list(machine.document(PERSISTENT_FILE)["jobs"]) == ["builtin-f-a"]
+
+
 def test_a_stop_before_the_first_load_is_done_loses_nothing(machine):
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [every_minute("x")])
