@@ -125,8 +125,8 @@ extern "C" int pselect(int count, fd_set *readable, fd_set *writable, fd_set *ex
         const sigset_t *mask;
         std::size_t size;
     } during = {mask, maskSize};
-    return static_cast<int>(syscall(SYS_pselect6_time64, count, readable, writable, exceptional,
-                                    &request, &during));
+    return static_cast<int>(
+        syscall(SYS_pselect6_time64, count, readable, writable, exceptional, &request, &during));
 }
 
 extern "C" int nanosleep(const timespec *request, timespec *rest) {
