@@ -21,6 +21,7 @@
 namespace {
 
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 using testing::ElementsAre;
 
 // A log that reads only when it is asked.
@@ -208,7 +209,7 @@ TEST_F(SystemLogSenderTest, DoesNotWaitLongAtItsEnd) {
     FillUp();
     const auto start = std::chrono::steady_clock::now();
     sender_.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(2000));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
 }
 
 TEST_F(SystemLogSenderTest, AnswersToASlowLogInTime) {
@@ -218,7 +219,7 @@ TEST_F(SystemLogSenderTest, AnswersToASlowLogInTime) {
     FillUp();
     for (int i = 0; i < 1000; ++i)
         sender_->Write(LOG_ERR, "more");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1500));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
 }
 
 } // namespace
