@@ -378,16 +378,22 @@ void CronDaemon::RemoveAllWatches() {
 
 namespace {
 
-// Whether there is something to read at once.
+// Whether there is something to read at once. A signal that comes in between is not a failure.
 bool HasNews(int inotify) {
+    const int error = errno;
     fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(inotify, &readable);
-    timeval noWait{0, 0};
-    if (select(inotify + 1, &readable, nullptr, nullptr, &noWait) == -1) {
+    int ready = -1;
+    do {
+        FD_ZERO(&readable);
+        FD_SET(inotify, &readable);
+        timeval noWait{0, 0};
+        ready = select(inotify + 1, &readable, nullptr, nullptr, &noWait);
+    } while (ready == -1 && errno == EINTR);
+    if (ready == -1) {
         LOG_ERROR("Failed to select inotify");
         return false;
     }
+    errno = error;
     return FD_ISSET(inotify, &readable);
 }
 

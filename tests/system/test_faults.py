@@ -114,6 +114,14 @@ def test_changes_that_cannot_be_asked_for(machine, tick):
     assert machine.loads() == 1
 
 
+def test_a_signal_while_changes_are_looked_for_is_not_a_failure(machine):
+    machine.jobs("builtin", "f", [never("x")])
+    machine.start_with_faults("select,pselect6:error=EINTR:when=1")
+    wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
+    machine.reload()
+    assert machine.texts() == []
+
+
 def test_an_account_source_that_cannot_be_opened(machine, tick):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.start_with_faults("open,openat:error=EMFILE", path="/usr/local/etc/kestcron_nonroot.d")
