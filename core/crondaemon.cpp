@@ -133,6 +133,15 @@ private:
     sigset_t before_{};
 };
 
+// The set of one descriptor; an empty one for -1.
+fd_set SetOf(int descriptor) {
+    fd_set set;
+    FD_ZERO(&set);
+    if (descriptor != -1)
+        FD_SET(descriptor, &set);
+    return set;
+}
+
 timespec MonotonicTime() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -162,15 +171,11 @@ void CronDaemon::WaitForNextCycle() const {
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
         // What the system log could not take is sent as soon as it can.
         const Descriptor log = CatchUpWithSystemLog();
-        const bool isWatched = log && log.Get() < FD_SETSIZE;
-        fd_set writable;
-        FD_ZERO(&writable);
-        if (isWatched)
-            FD_SET(log.Get(), &writable);
+        const int watched = log.Get() < FD_SETSIZE ? log.Get() : -1;
+        fd_set writable = SetOf(watched);
         const timespec left = LeftOf(sleepSeconds, start);
         // Not ppoll, of which glibc 2.36 takes the one with a 32-bit time where it is hardened.
-        ready = pselect(isWatched ? log.Get() + 1 : 0, nullptr, &writable, nullptr, &left,
-                        &signals.Before());
+        ready = pselect(watched + 1, nullptr, &writable, nullptr, &left, &signals.Before());
     }
 }
 
@@ -381,11 +386,9 @@ namespace {
 // Whether there is something to read at once. A signal that comes in between is not a failure.
 bool HasNews(int inotify) {
     const int error = errno;
-    fd_set readable;
     int ready = -1;
     do {
-        FD_ZERO(&readable);
-        FD_SET(inotify, &readable);
+        fd_set readable = SetOf(inotify);
         timeval noWait{0, 0};
         ready = select(inotify + 1, &readable, nullptr, nullptr, &noWait);
     } while (ready == -1 && errno == EINTR);
@@ -394,7 +397,7 @@ bool HasNews(int inotify) {
         return false;
     }
     errno = error;
-    return FD_ISSET(inotify, &readable);
+    return ready > 0;
 }
 
 } // namespace
