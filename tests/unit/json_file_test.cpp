@@ -129,10 +129,13 @@ TEST_F(JsonFromFileTest, TakesAByteOrderMark) {
 
 std::string Nested(int depth, const std::string &open, const std::string &innermost,
                    const std::string &close) {
-    std::string text = innermost;
-    for (int i = 0; i < depth; ++i)
-        text.insert(0, open).append(close);
-    return text;
+    std::string begin;
+    std::string end;
+    for (int i = 0; i < depth; ++i) {
+        begin += open;
+        end += close;
+    }
+    return begin + innermost + end;
 }
 
 // The innermost value counts, be it an array, an object or a number.
