@@ -333,7 +333,7 @@ protected:
         chmod(path_.c_str(), 0666);
         chmod(directory_.Path().c_str(), 0755);
     }
-    int InOtherAccount(const std::function<int()> &task) {
+    static int InOtherAccount(const std::function<int()> &task) {
         return InChild([&] { return setuid(kOtherAccount) != 0 ? 100 : task(); });
     }
 };

@@ -35,7 +35,7 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
         R"("a b")",
         R"("\"\\/\b\f\n\r\t\u0000\u0001\u001f\u007f")",
         "\"caf\xc3\xa9 \xff\"",
-        "\"\xf0\x9f\x98\x80 \xe2\x80\xae \x7f\"",
+        "\"\xf0\x9f\x98\x80 \xe2\x80\xa8 \x7f\"",
         "\"\xc0\xaf \xed\xa0\x80 \xf7\xbf\xbf\xbf \xe2\x82\"",
         "{\"caf\xc3\xa9\": \"\", \"\xff\": 1, \"\xfe\\u0000\": 2}",
         "[]",

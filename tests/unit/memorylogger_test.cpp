@@ -337,7 +337,7 @@ protected:
         EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "lock"));
     }
 
-    std::string NotWritten(const std::string &path) const {
+    static std::string NotWritten(const std::string &path) {
         return "Failed to write [" + path + "] (File too large)";
     }
 };
