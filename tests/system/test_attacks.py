@@ -260,6 +260,7 @@ def test_a_stop_does_not_wait_for_a_load(machine):
     assert not machine.exists("/tmp/kestcrond/.staging")
 
 
+@pytest.mark.native(reason="the calls seen are the emulator's")
 def test_a_stop_before_the_first_copy_loses_nothing(machine):
     machine.jobs("builtin", "f", [never("a")])
     loads = machine.loads()
