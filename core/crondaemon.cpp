@@ -171,10 +171,12 @@ void CronDaemon::WaitForNextCycle() const {
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
         // What the system log could not take is sent as soon as it can.
         const Descriptor log = CatchUpWithSystemLog();
+        // A set has no place for a larger number. What is kept is then sent in the next cycle.
         const int watched = log.Get() < FD_SETSIZE ? log.Get() : -1;
         fd_set writable = SetOf(watched);
         const timespec left = LeftOf(sleepSeconds, start);
-        // Not ppoll, of which glibc 2.36 takes the one with a 32-bit time where it is hardened.
+        // Not ppoll(): with _FORTIFY_SOURCE, glibc 2.36 calls the variant of it with a 32-bit time,
+        // which loses the fraction of a second on 32-bit machines.
         ready = pselect(watched + 1, nullptr, &writable, nullptr, &left, &signals.Before());
     }
 }
@@ -383,7 +385,7 @@ void CronDaemon::RemoveAllWatches() {
 
 namespace {
 
-// Whether there is something to read at once. A signal that comes in between is not a failure.
+// Whether there is something to read at once. A signal that interrupts the call is not a failure.
 bool HasNews(int inotify) {
     const int error = errno;
     int ready = -1;

@@ -244,7 +244,8 @@ Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
 ProgramCopy Staging::Copy(const std::string &name, const std::string &source,
                           const JobUser *account) {
     ProgramCopy copy = TryCopy(name, source, account);
-    // A stop may come while the copier starts, and may be one of all processes.
+    // A copy that fails during a stop was given up: the stop came while the copier started, or
+    // reached the copy program as well.
     if (stopRequested_ && copy.outcome == ProgramCopy::Outcome::Failed)
         copy.outcome = ProgramCopy::Outcome::Stopped;
     return copy;

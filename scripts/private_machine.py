@@ -126,6 +126,7 @@ class PrivateMachine:
         self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         self._log = None
         self._datagrams = []
+        self._messages = []  # those of them that have been asked for
         self._draining = threading.Lock()
 
     def __enter__(self):
@@ -323,8 +324,8 @@ class PrivateMachine:
     def messages(self, tag=None, priority=None):
         """What was written to the system log so far, in order."""
         self._drain()
-        messages = [Message(datagram) for datagram in list(self._datagrams)]
-        return [message for message in messages
+        self._messages += map(Message, self._datagrams[len(self._messages):])
+        return [message for message in self._messages
                 if tag in (None, message.tag) and priority in (None, message.priority)]
 
     def texts(self, tag=None, priority="err"):

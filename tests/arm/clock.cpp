@@ -63,19 +63,29 @@ Setting ReadSetting() {
     return {std::mktime(&local), rate};
 }
 
-int SleepAtRate(double seconds, double *left) {
+timespec InTimespec(double seconds) {
+    timespec time{};
+    time.tv_sec = static_cast<std::time_t>(seconds);
+    time.tv_nsec = static_cast<long>((seconds - static_cast<double>(time.tv_sec)) * kNanoseconds);
+    return time;
+}
+
+double InSeconds(const timespec &time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / kNanoseconds;
+}
+
+// How many seconds of the clock pass in a second.
+double Rate() {
     const double rate = ReadSetting().rate;
-    const double scale = rate > 0 ? rate : 1;
-    const double real = seconds / scale;
-    timespec request{};
-    request.tv_sec = static_cast<std::time_t>(real);
-    request.tv_nsec =
-        static_cast<long>((real - static_cast<double>(request.tv_sec)) * kNanoseconds);
+    return rate > 0 ? rate : 1;
+}
+
+int SleepAtRate(double seconds, double *left) {
+    const double rate = Rate();
+    const timespec request = InTimespec(seconds / rate);
     timespec rest{};
     const long result = syscall(SYS_clock_nanosleep_time64, CLOCK_MONOTONIC, 0, &request, &rest);
-    *left = result == 0 ? 0
-                        : scale * (static_cast<double>(rest.tv_sec) +
-                                   static_cast<double>(rest.tv_nsec) / kNanoseconds);
+    *left = result == 0 ? 0 : rate * InSeconds(rest);
     return result == 0 ? 0 : -1;
 }
 
@@ -103,23 +113,13 @@ extern "C" unsigned sleep(unsigned seconds) {
 extern "C" int clock_gettime(clockid_t clock, timespec *now) {
     if (clock != CLOCK_MONOTONIC)
         return static_cast<int>(syscall(SYS_clock_gettime64, clock, now));
-    const double rate = ReadSetting().rate;
-    const double faked = startedAt + (Now(CLOCK_MONOTONIC) - startedAt) * (rate > 0 ? rate : 1);
-    now->tv_sec = static_cast<std::time_t>(faked);
-    now->tv_nsec = static_cast<long>((faked - static_cast<double>(now->tv_sec)) * kNanoseconds);
+    *now = InTimespec(startedAt + (Now(CLOCK_MONOTONIC) - startedAt) * Rate());
     return 0;
 }
 
 extern "C" int pselect(int count, fd_set *readable, fd_set *writable, fd_set *exceptional,
                        const timespec *timeout, const sigset_t *mask) {
-    const double rate = ReadSetting().rate;
-    const double real = (static_cast<double>(timeout->tv_sec) +
-                         static_cast<double>(timeout->tv_nsec) / kNanoseconds) /
-                        (rate > 0 ? rate : 1);
-    timespec request{};
-    request.tv_sec = static_cast<std::time_t>(real);
-    request.tv_nsec =
-        static_cast<long>((real - static_cast<double>(request.tv_sec)) * kNanoseconds);
+    const timespec request = InTimespec(InSeconds(*timeout) / Rate());
     constexpr std::size_t maskSize = 8; // the kernel's
     const struct {
         const sigset_t *mask;
@@ -131,13 +131,8 @@ extern "C" int pselect(int count, fd_set *readable, fd_set *writable, fd_set *ex
 
 extern "C" int nanosleep(const timespec *request, timespec *rest) {
     double left = 0;
-    const int result = SleepAtRate(static_cast<double>(request->tv_sec) +
-                                       static_cast<double>(request->tv_nsec) / kNanoseconds,
-                                   &left);
-    if (rest != nullptr) {
-        rest->tv_sec = static_cast<std::time_t>(left);
-        rest->tv_nsec =
-            static_cast<long>((left - static_cast<double>(rest->tv_sec)) * kNanoseconds);
-    }
+    const int result = SleepAtRate(InSeconds(*request), &left);
+    if (rest != nullptr)
+        *rest = InTimespec(left);
     return result;
 }

@@ -2,6 +2,7 @@
 its runs, and short ways to put jobs and templates on it."""
 
 import json
+import platform
 import signal
 import subprocess
 import sys
@@ -22,6 +23,8 @@ PERSISTENT_FILE = "/usr/kest/etc/kestcrond.config"
 PERSISTENT_TEMPLATE = "/usr/kest/etc/kestcrond.st.config"
 RECORD = "/usr/local/bin/record"
 FIELDS = ["Minute", "hour", "day", "month", "week"]
+
+PSELECT = {"x86_64": "270", "aarch64": "72"}[platform.machine()]
 
 # Writes who runs it, how, and with what arguments, one line a run, to a file named after the job.
 RECORD_PROGRAM = """#!/bin/sh
@@ -115,9 +118,15 @@ class Appliance(PrivateMachine):
 
     def reload(self):
         """Asks for a reload and waits until its documents are written."""
+        # A load that a change of the files has begun may have read them before they were complete.
+        wait_for(self.is_between_cycles, what="the end of a cycle")
         before = self.loads(), self.saved()
         self.signal(signal.SIGHUP)
         wait_for(lambda: self.loads() > before[0] and self.saved() != before[1], what="a reload")
+
+    def is_between_cycles(self):
+        """Whether the daemon waits for its next cycle, which is the only thing it does by pselect()."""
+        return self.proc(self.daemon_pid(), "syscall").read_text().split()[0] == PSELECT
 
     def loads(self):
         """How many times the jobs were loaded so far."""

@@ -3,7 +3,6 @@
 import json
 import os
 import re
-import signal
 import stat
 import subprocess
 import time
@@ -226,7 +225,12 @@ def test_a_reader_that_its_account_stops(machine):
     assert 5 < time.monotonic() - started < 20, "one deadline for both directories"
     end(machine, stopper)
     assert names(machine) == set()
-    assert [text for text in machine.texts() if text.startswith("Failed to load")] == failures
+    texts = machine.texts()
+    assert texts[texts.index(failures[0]):][:2] == failures and texts.count(failures[0]) == 1
+    # In a load in which it was too late for the reader, it may have stopped the process that copies.
+    others = {text for text in texts if text not in failures and not text.startswith("Failed to cp ")}
+    assert others <= {"MoveBinaryToTmp failed.", "removed cleared jobs: pkg_nonroot-alice-f-x"}
+    assert len(texts) == len(failures) or texts[0] not in failures
     assert [pid for pid, process in machine.processes().items()
             if process["name"] == "kestcrond"] == [machine.daemon_pid()], "no process is left"
     machine.reload()
@@ -271,22 +275,17 @@ def test_no_reader_outlives_a_load(machine):
 
 def test_a_directory_full_of_empty_files(machine):
     machine.jobs("pkg_nonroot", "0-first", [never("x")], account="alice")
-    pid = machine.start_and_wait()
+    machine.start_and_wait()
     before = memory(machine, "VmHWM")
+    machine.stop()
     machine.run("bash", "-c", f"cd {ALICE} && touch {{00001..100000}}", check=True,
                 env={"LD_PRELOAD": ""})
-    loads = machine.loads()
-    machine.signal(signal.SIGHUP)
-    wait_for(lambda: machine.loads() > loads)
+    machine.start_and_wait()
     left_out = ", ".join(f"alice/{number:06}" for number in range(1024, 1034))
     machine.wait_for_text(f"Quota of alice exceeded, left out: {left_out} and 98967 more")
     assert names(machine) == {"pkg_nonroot-alice-0-first-x"}
-    texts = machine.texts()
-    told = [text for text in texts if "Quota" in text]
-    assert len(texts) <= 1024 * len(told)
-    assert f"JSON file read error: {ALICE}/001023" in texts
-    assert f"JSON file read error: {ALICE}/001024" not in texts
-    assert machine.daemon_pid() == pid
+    assert machine.texts()[:-1] == [f"JSON file read error: {ALICE}/{number:06}"
+                                    for number in range(1, 1024)]
     assert memory(machine, "VmHWM") < before + (100 if machine.is_sanitized() else 6)
 
 
