@@ -1,5 +1,6 @@
 """What the scripts decide by themselves."""
 
+import subprocess
 from importlib.machinery import SourceFileLoader
 from importlib.util import module_from_spec, spec_from_loader
 from pathlib import Path
@@ -34,3 +35,35 @@ def test_mutants_are_tried_although_a_test_failed_once(answers, sound, left):
     workshop = Workshop(*answers)
     assert load("mutate").is_sound(workshop) == sound
     assert len(workshop.answers) == left
+
+
+def compare_builds(daemon, other, *options):
+    return subprocess.run(
+        [SCRIPTS / "compare-builds", "--old-daemon", daemon, "--new-daemon", other, *options],
+        check=False, text=True, errors="replace", stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT, timeout=600)
+
+
+@pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
+def test_a_build_does_as_itself(request):
+    daemon = Path(request.config.getoption("--daemon")).resolve()
+    result = compare_builds(daemon, daemon, "--appliances", "12")
+    assert result.returncode == 0, result.stdout
+    assert result.stdout.startswith("12 appliances") and result.stdout.endswith(": 0 differ\n")
+
+
+@pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
+@pytest.mark.parametrize("text,other", [
+    (b"removed cleared jobs: %s", b"removed cleared job:  %s"),  # a message
+    (b"lastExecution", b"lastexecution"),  # a document
+    (b"missing binary", b"Missing binary")])
+def test_a_build_that_does_otherwise(request, tmp_path, text, other):
+    daemon = Path(request.config.getoption("--daemon")).resolve()
+    program = daemon.read_bytes()
+    assert text in program
+    (tmp_path / "kestcrond").write_bytes(program.replace(text, other))
+    (tmp_path / "kestcrond").chmod(0o755)
+    result = compare_builds(daemon, tmp_path / "kestcrond", "--appliances", "12", "--most", "1")
+    assert result.returncode == 1, result.stdout
+    assert "\n--- old\n+++ new\n" in result.stdout
+    assert other.split(b"%")[0].decode() in result.stdout and text[:10].decode() in result.stdout
