@@ -145,6 +145,14 @@ bool WriteAll(int fd, std::string_view content) {
     return true;
 }
 
+fd_set SelectSetOf(int fd) {
+    fd_set set;
+    FD_ZERO(&set);
+    if (fd != -1)
+        FD_SET(fd, &set);
+    return set;
+}
+
 void CloseInheritedDescriptors(int kept) {
     // The system log's connection would be closed behind the C library's back, which would then
     // write messages into whatever file gets the number next.

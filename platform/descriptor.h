@@ -8,6 +8,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <sys/select.h>
 
 // Owns one file descriptor and closes it at the end of its life, errno untouched.
 class Descriptor {
@@ -57,6 +58,9 @@ bool ReadAll(int fd, std::size_t limit, std::string &content);
 
 // Writes all of `content` to `fd`. Returns false with errno set when a part could not be written.
 bool WriteAll(int fd, std::string_view content);
+
+// The set of one descriptor below FD_SETSIZE, for select(); an empty one for -1.
+fd_set SelectSetOf(int fd);
 
 // Closes every descriptor but standard input, output and error and `kept`, the system log's
 // included, which the next message opens again.

@@ -4,9 +4,11 @@
 #define PLATFORM_JSON_FILE_H
 
 #include <cstddef>
+#include <functional>
 #include <json/value.h>
 #include <limits>
 #include <string>
+#include <string_view>
 
 // How much of a file a reader is willing to take.
 struct JsonLimits {
@@ -42,12 +44,22 @@ enum class Durability {
     Reboot   // flushed to the disk before the call returns
 };
 
-// Writes the document `text`, and a newline, to the file `path`, links followed, so that a reader
-// finds the old document or the new one, never a part. A file that exists keeps its owner, group
-// and mode, a new one gets 0644. A file that can be written but not replaced, such as a mount point
-// or one in a read-only directory, is written over in place, and then a reader may find a part. On
-// failure returns false with errno set, and the old document stays; anything but a regular file is
-// never written to.
-bool JsonToFile(std::string text, const std::string &path, Durability durability);
+// Takes the parts of a text in their order.
+using JsonSink = std::function<void(std::string_view part)>;
+
+// Writes a document, which `write` hands over in parts, and a newline to the file `path`, links
+// followed, so that a reader finds the old document or the new one, never a part. A file that
+// exists keeps its owner, group and mode, a new one gets 0644. A file that can be written but not
+// replaced, such as a mount point or one in a read-only directory, is written over in place, and
+// then a reader may find a part. On failure returns false with errno set, and the old document
+// stays; anything but a regular file is never written to. `write` may be called more than once,
+// and gives the same each time.
+bool JsonToFile(const std::function<void(const JsonSink &sink)> &write, const std::string &path,
+                Durability durability);
+
+// The same of a text that is there as a whole.
+inline bool JsonToFile(const std::string &text, const std::string &path, Durability durability) {
+    return JsonToFile([&](const JsonSink &sink) { sink(text); }, path, durability);
+}
 
 #endif

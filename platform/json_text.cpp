@@ -14,6 +14,10 @@ constexpr std::size_t kLineLength = 74;
 // The writer takes no value for shorter than this, separator included.
 constexpr std::size_t kShortestElement = 3;
 
+bool HasMembers(std::int32_t /*number*/) {
+    return false;
+}
+
 bool HasMembers(const Json::Value &value) {
     const Json::ValueType type = value.type();
     return (type == Json::arrayValue || type == Json::objectValue) && !value.empty();
@@ -105,7 +109,18 @@ void JsonText::Append(const Json::Value &value) {
     lineIsStarted_ = false;
 }
 
-void JsonText::AppendArray(const Json::Value &array) {
+void JsonText::Append(std::int64_t number) {
+    AppendNumber(text_, number);
+    lineIsStarted_ = false;
+}
+
+void JsonText::Append(const std::vector<std::int32_t> &numbers) {
+    AppendArray(numbers);
+    lineIsStarted_ = false;
+}
+
+template <typename Array>
+void JsonText::AppendArray(const Array &array) {
     if (array.empty()) {
         text_ += "[]";
         return;
@@ -114,27 +129,30 @@ void JsonText::AppendArray(const Json::Value &array) {
         return;
     Open('[');
     bool isFirst = true;
-    for (const Json::Value &element : array) {
+    for (const auto &element : array) {
         if (!std::exchange(isFirst, false))
             text_ += ',';
         StartLine();
         lineIsStarted_ = true;
         Append(element);
+        if (text_.size() > most_)
+            break;
     }
     Close(']');
 }
 
 // Does nothing and returns false when the array takes more than one line.
-bool JsonText::AppendInOneLine(const Json::Value &array) {
+template <typename Array>
+bool JsonText::AppendInOneLine(const Array &array) {
     if (array.size() * kShortestElement >= kLineLength)
         return false;
-    for (const Json::Value &element : array)
+    for (const auto &element : array)
         if (HasMembers(element))
             return false;
     const std::size_t start = text_.size();
     text_ += '[';
     const char *separator = " ";
-    for (const Json::Value &element : array) {
+    for (const auto &element : array) {
         text_ += std::exchange(separator, ", ");
         const bool lineWasStarted = lineIsStarted_;
         Append(element);
@@ -154,7 +172,7 @@ void JsonText::AppendObject(const Json::Value &object) {
     }
     BeginObject();
     const auto last = object.end();
-    for (auto member = object.begin(); member != last; ++member) {
+    for (auto member = object.begin(); member != last && text_.size() <= most_; ++member) {
         const char *end = nullptr;
         const char *begin = member.memberName(&end);
         Name({begin, static_cast<std::size_t>(end - begin)});

@@ -96,15 +96,45 @@ bool TakeOver(int file, const Standing &standing) {
            fchmod(file, standing.status.st_mode & 07777) == 0;
 }
 
-bool WriteNewFile(const std::string &path, const std::string &text, const Standing &standing,
+using Writer = std::function<void(const JsonSink &sink)>;
+
+// Returns false, with errno set, when a part could not be written. No more are then.
+bool WriteParts(int file, const Writer &write) {
+    int error = 0;
+    const auto take = [&](std::string_view part) {
+        if (error == 0 && !WriteAll(file, part))
+            error = errno;
+    };
+    write(take);
+    take("\n");
+    errno = error != 0 ? error : errno;
+    return error == 0;
+}
+
+bool WriteNewFile(const std::string &path, const Writer &write, const Standing &standing,
                   Durability durability) {
     Discard(path); // left behind by a crash
     Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file || !TakeOver(file.Get(), standing) || !WriteAll(file.Get(), text))
+    if (!file || !TakeOver(file.Get(), standing) || !WriteParts(file.Get(), write))
         return false;
     if (durability == Durability::Reboot && fsync(file.Get()) == -1)
         return false;
     return close(file.Release()) == 0;
+}
+
+// Writes the document to `fresh` and gives it the name `target`. Leaves nothing behind on failure.
+bool ReplaceFile(const std::string &fresh, const std::string &target, const Writer &write,
+                 const Standing &standing, Durability durability) {
+    try {
+        if (WriteNewFile(fresh, write, standing, durability) &&
+            rename(fresh.c_str(), target.c_str()) == 0)
+            return true;
+    } catch (const std::bad_alloc &) {
+        Discard(fresh);
+        throw;
+    }
+    Discard(fresh);
+    return false;
 }
 
 // Whether a file cannot be replaced where it stands, although it may be written: it is a mount
@@ -115,7 +145,7 @@ bool IsForGood(int error) {
 
 // Writes over the document that stands at `path`. Nothing is lost when there is no space for the
 // new one; a sudden end in the middle leaves parts of both.
-bool OverwriteFile(const std::string &path, const std::string &text, Durability durability) {
+bool OverwriteFile(const std::string &path, const Writer &write, Durability durability) {
     Descriptor file(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!file || fstat(file.Get(), &status) == -1)
@@ -124,11 +154,12 @@ bool OverwriteFile(const std::string &path, const std::string &text, Durability 
         errno = EPERM;
         return false;
     }
-    const auto size = static_cast<off_t>(text.size());
+    off_t size = 1; // the newline
+    write([&](std::string_view part) { size += static_cast<off_t>(part.size()); });
     if (fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP &&
         errno != ENOSYS)
         return false;
-    if (!WriteAll(file.Get(), text) || ftruncate(file.Get(), size) == -1)
+    if (!WriteParts(file.Get(), write) || ftruncate(file.Get(), size) == -1)
         return false;
     if (durability == Durability::Reboot && fsync(file.Get()) == -1)
         return false;
@@ -164,7 +195,7 @@ bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value) {
     return false;
 }
 
-bool JsonToFile(std::string text, const std::string &path, Durability durability) {
+bool JsonToFile(const Writer &write, const std::string &path, Durability durability) {
     const std::string target = FollowLinks(path);
     const std::string fresh = target + ".new";
     Standing standing;
@@ -172,12 +203,8 @@ bool JsonToFile(std::string text, const std::string &path, Durability durability
         errno = S_ISDIR(standing.status.st_mode) ? EISDIR : EINVAL;
         return false;
     }
-    text += '\n';
-    if (!WriteNewFile(fresh, text, standing, durability) ||
-        rename(fresh.c_str(), target.c_str()) == -1) {
-        Discard(fresh);
-        return standing.isThere && IsForGood(errno) && OverwriteFile(target, text, durability);
-    }
+    if (!ReplaceFile(fresh, target, write, standing, durability))
+        return standing.isThere && IsForGood(errno) && OverwriteFile(target, write, durability);
     if (durability == Durability::Reboot)
         FlushDirectoryOf(target);
     return true;
