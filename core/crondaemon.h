@@ -40,6 +40,13 @@
 // What the sources define: accepted jobs by their full names.
 using JobSet = std::map<std::string, CronJob>;
 
+// A job of which something is known: it lives, or was saved, or is new and in a job set.
+struct JobEntry {
+    std::string name;
+    CronJob *job = nullptr;       // it, or what is to become it
+    Json::Value *saved = nullptr; // its document, when it was saved
+};
+
 // The accounts of a load, by number.
 using AccountLoads = std::map<uid_t, AccountLoad>;
 
@@ -64,7 +71,6 @@ private:
     void ReloadInCycle();
     void LaunchJobs(const std::vector<JobState> &states);
     void LaunchJob(CronJob &job, const LaunchFacts &facts);
-    JobState ComputeState(const CronJob &job, bool held) const;
     void RegenerateOnTimeChange();
     void RegenerateField(const std::string &key);
     void Shutdown();
@@ -93,27 +99,31 @@ private:
     void LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label,
                      AccountLoads &loads);
 
-    // Brings the jobs in line with `jobSet`: `previous`, a runtime document, loses the jobs that
-    // are gone or changed, gains the new ones with fresh schedules, and becomes the live list.
-    // `parsed` has what is parsed already of the jobs whose documents are in the runtime document.
-    void ApplyJobSet(Json::Value previous, JobSet jobSet, JobSet parsed);
-    void MergeNewJobs(Json::Value &previous, JobSet jobSet, JobSet &parsed) const;
-    void RebuildJobList(Json::Value document, JobSet parsed);
-    void StageAndAdd(CronJob job, Staging &staging, KnownAccounts &accounts);
+    // The runtime document that the last shutdown saved; null when there is none.
+    static Json::Value PersistedDocument();
+    // Brings what was saved, or the jobs as they are, in line with `jobSet`: jobs that are gone or
+    // changed are left out, new ones are added with fresh schedules. What is the same stays as it
+    // is. Until it is known what the jobs are to be, they stay what they were.
+    void ApplyToSaved(Json::Value document, JobSet jobSet);
+    void ApplyToLive(JobSet jobSet);
+    // `document`: what `previous` comes from.
+    void ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &document, JobSet jobSet);
+    // Adds what only `jobSet` has. `previous` has nothing else.
+    std::vector<JobEntry> MergeNewJobs(std::vector<JobEntry> previous, JobSet &jobSet) const;
+    void RebuildJobList(const std::vector<JobEntry> &entries);
+    // Makes jobs of those that were saved, stages all, and makes those that stay the list of jobs.
+    void StageJobs(const std::vector<JobEntry> &entries);
+    // Returns whether the job stays.
+    bool Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) const;
     void RemoveUnusedPrograms(Staging &staging) const;
 
-    // The runtime document of the jobs, which are given up for it, because a copy would take as
-    // much memory again. What is left of them goes to `parsed`.
-    Json::Value JobsToJson(JobSet &parsed);
     void SaveRuntimeConfig(const std::string &path, Durability durability);
     void LoadTemplate(const std::string &path);
     void SaveTemplate(const std::string &path, Durability durability) const;
     void SaveRuntimeFiles();
     void PersistState();
-    // Saves what is known when memory has run out, with the memory that was put by for it.
-    void PersistInNeed();
-    // Puts memory by that is enough to save a document of `documentSize` bytes, if there is any.
-    void KeepReserve(std::size_t documentSize);
+    // Puts memory by that is enough to save jobs of `partSize` bytes each, if there is any.
+    void KeepReserve(std::size_t partSize);
 
     static constexpr std::uint32_t kWatchLimit = 1024;
     bool passiveMode = false;
@@ -122,17 +132,12 @@ private:
     std::array<std::int32_t, kWatchLimit> watches{};
     RuntimeDirectoryState runtimeDirectory; // after the latest load
     WaitingStarts waitingStarts;
-    bool hasLoaded = false;  // until then, what was saved is not replaced
-    bool gaveUpLoad = false; // for a stop, so that the jobs that were read are not all
-    std::vector<CronJob> jobs;
-    // Jobs whose programs could not be copied at the latest load, in the order of their names. They
-    // do not run, but what is known of them is saved, and the next load tries them again.
-    std::vector<CronJob> unstaged;
+    bool hasLoaded = false;    // until then, what was saved is not replaced
+    bool gaveUpLoad = false;   // for a stop, so that the jobs that were read are not all
+    std::vector<CronJob> jobs; // in the order of their names
     ScheduleTemplate scheduleTemplate;
     std::unique_ptr<char[]> reserve;
     std::size_t reserveSize = 0;
-    // What stands in `jobs` as a document while a load takes them apart; empty otherwise.
-    std::string documentInLoad;
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free &&

@@ -3,28 +3,33 @@
 #include "platform/json_text.h"
 
 #include <algorithm>
-#include <functional>
-#include <iterator>
 
-std::string RuntimeDocument(const std::vector<CronJob> &jobs, const std::vector<CronJob> &more) {
-    if (jobs.empty() && more.empty())
-        return "{}";
-    std::vector<std::reference_wrapper<const CronJob>> all;
-    all.reserve(jobs.size() + more.size());
-    std::merge(
-        jobs.begin(), jobs.end(), more.begin(), more.end(), std::back_inserter(all),
-        [](const CronJob &left, const CronJob &right) { return left.Name() < right.Name(); });
+void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSink &sink) {
+    constexpr std::size_t partSize = std::size_t{64} << 10;
+    const auto isShown = [&](const CronJob &job) {
+        return shown == JobsShown::All || !job.waitsForProgram;
+    };
+    if (std::none_of(jobs.begin(), jobs.end(), isShown)) {
+        sink("{}");
+        return;
+    }
     JsonText text;
     text.BeginObject();
     text.Name("jobs");
     text.BeginObject();
-    for (const CronJob &job : all) {
+    for (const CronJob &job : jobs) {
+        if (!isShown(job))
+            continue;
         text.Name(job.Name());
-        text.Append(job.Document());
+        job.AppendTo(text);
+        if (text.Size() < partSize)
+            continue;
+        sink(text.Part());
+        text.ForgetPart();
     }
     text.EndObject();
     text.EndObject();
-    return text.Take();
+    sink(text.Part());
 }
 
 std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t most) {
@@ -38,10 +43,11 @@ std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t
     text.BeginObject();
     for (const auto &[name, job] : jobs) {
         text.Name(name);
-        text.Append(job.Document());
+        job.AppendNewTo(text);
         toCome += otherLines;
-        for (const auto &[key, items] : job.cronFields)
-            toCome += items.size() * lineOfValue;
+        toCome += job.ItemCount() * lineOfValue;
+        if (text.Size() > most)
+            break;
     }
     return text.Take().size() + toCome;
 }

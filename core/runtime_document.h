@@ -4,16 +4,22 @@
 #define CORE_RUNTIME_DOCUMENT_H
 
 #include "job/cronjob.h"
+#include "platform/json_file.h"
 
 #include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
 
-// The documents of the jobs in both lists, each in the order of its names, as JSON text keyed by
-// these. Put together without a copy of them, which would take as much memory again.
-std::string RuntimeDocument(const std::vector<CronJob> &jobs,
-                            const std::vector<CronJob> &more = {});
+// Which jobs a document shows.
+enum class JobsShown : unsigned char {
+    Running, // all but those that wait for their programs
+    All
+};
+
+// Hands the documents of the jobs, in the order of their names, to `sink` as JSON text keyed by
+// these, a part after the other, for the whole would take more memory than the jobs.
+void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSink &sink);
 
 // How many bytes the jobs, by their names, take in that document at most, now and later, when they
 // have schedules and have been launched; some number above `most` when that is more.

@@ -3,10 +3,16 @@
 #include "log/error_log.h"
 #include "platform/kestsdk.h"
 
-bool IsVorldHeld() {
-    constexpr int held = 2;
+bool AskWhetherHeld(bool &held) {
     int status = 1;
-    if (KESTVorldStatusGet(1, &status) == -1)
+    const bool isKnown = KESTVorldStatusGet(1, &status) != -1;
+    held = status == 2;
+    return isKnown;
+}
+
+bool IsVorldHeld() {
+    bool held = false;
+    if (!AskWhetherHeld(held))
         LOG_ERROR("Fail to KESTVorldStatusGet()");
-    return status == held;
+    return held;
 }

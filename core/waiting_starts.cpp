@@ -1,6 +1,12 @@
 #include "core/waiting_starts.h"
 
 #include <algorithm>
+#include <chrono>
+
+std::int64_t WaitingStarts::Now() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::seconds>(now).count();
+}
 
 bool WaitingStarts::HasPlace(const std::string &account, std::int64_t now) {
     const auto found = starts_.find(account);

@@ -19,7 +19,10 @@ public:
     // How many starts of one account may wait at a time.
     static constexpr std::size_t kMostOfAccount = 1000;
 
-    // Whether one more start of `account` may wait at `now`, in seconds of a clock that is not set.
+    // Seconds of a clock that nobody sets.
+    static std::int64_t Now();
+
+    // Whether one more start of `account` may wait at `now`.
     bool HasPlace(const std::string &account, std::int64_t now);
 
     // Adds a start of the job `name` that waits until `end`.

@@ -101,7 +101,8 @@ bool Appliance::HasAccount(const std::string &name) const {
     uid_t uid = 0;
     gid_t gid = 0;
     if (IsThisOne())
-        return KESTUserGetUGID(name.c_str(), &uid, &gid) == 0;
+        return name.find('\0') == std::string::npos &&
+               KESTUserGetUGID(name.c_str(), &uid, &gid) == 0;
     return std::any_of(accounts_.begin(), accounts_.end(),
                        [&](const auto &account) { return account.second == name; });
 }

@@ -4,7 +4,6 @@
 #include "core/job_name.h"
 #include "core/runtime_document.h"
 #include "ctl/check_definition.h"
-#include "ctl/messages.h"
 #include "job/json_members.h"
 
 #include <cerrno>
@@ -126,19 +125,17 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
     const Json::Value config = InDirectory(std::move(definition), file);
     Json::Value document;
     document["config"] = config;
-    TakeMessages();
-    const CronJob job(std::move(document));
-    const std::vector<std::string> messages = TakeMessages();
+    std::vector<DefinitionFault> faults;
+    const CronJob job(std::move(document), faults);
     Subject subject(written, config, places);
-    if (!job.valid)
-        FindErrors(subject, messages);
+    AddErrors(subject, faults);
     FindMisreadings(subject, file.directory, alone);
     if (job.valid) {
         FindOddSettings(subject, job);
         FindObstacles(subject, job, surroundings);
     }
     const std::string name = ShownName(config, file);
-    for (Problem problem : subject.Problems()) {
+    for (Problem &problem : subject.TakeProblems()) {
         problem.file = file.path;
         problem.job = name;
         report.problems.push_back(std::move(problem));
@@ -156,7 +153,8 @@ std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
         NameDefinition(definition, file.directory, FileBaseName(file.name));
         Json::Value document;
         document["config"] = std::move(definition);
-        CronJob job(std::move(document));
+        std::vector<DefinitionFault> faults;
+        CronJob job(std::move(document), faults, 1);
         if (job.valid)
             jobs.insert_or_assign(job.Name(), std::move(job));
     }

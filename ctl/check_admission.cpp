@@ -135,7 +135,7 @@ void FindShellSyntax(Subject &subject, const Json::Value &words) {
 
 void FindObstacles(Subject &subject, const CronJob &job, const Surroundings &surroundings) {
     const Account account = surroundings.account(subject.Config());
-    const Json::Value &words = Member(job.Document(), "cmd_list");
+    const Json::Value words = Member(job.Document(), "cmd_list");
     const std::string member = HasMember(subject.Config(), "cmd_list") ? "cmd_list" : "cmd";
     FindNameObstacles(subject, job.Name());
     FindAccountObstacles(subject, account);

@@ -4,7 +4,6 @@
 #include "ctl/check_rights.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
-#include "ctl/messages.h"
 #include "ctl/utf8.h"
 #include "job/account.h"
 
@@ -46,8 +45,7 @@ Account SystemFacts::AccountOf(const Json::Value &config) {
     Account account{::AccountOf(config).value_or(""), false};
     const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
     if (isNew)
-        entry->second =
-            account.name.find('\0') == std::string::npos && appliance_.HasAccount(account.name);
+        entry->second = appliance_.HasAccount(account.name);
     account.exists = entry->second;
     return account;
 }

@@ -4,10 +4,14 @@
 #include "job/json_members.h"
 #include "platform/kestutils.h"
 
-#include <algorithm>
 #include <array>
 #include <optional>
 #include <set>
+
+std::optional<std::size_t> StartOfCrontab(const Subject &subject) {
+    const Json::Value &written = Member(subject.Written(), "crontab");
+    return written.isString() ? subject.Places().OffsetOfText(written) : std::nullopt;
+}
 
 namespace {
 
@@ -31,12 +35,11 @@ std::vector<Piece> Split(const Piece &whole, const std::string &separator) {
     return pieces;
 }
 
-// The fields; with another number of them than there must be, keys are missing or empty.
+// The fields of an expression without errors.
 std::vector<Piece> FieldsOf(const Subject &subject) {
     const Json::Value &written = Member(subject.Written(), "crontab");
-    std::vector<Piece> fields =
-        Split({{}, written.asString(), subject.Places().OffsetOfText(written)}, " ");
-    for (std::size_t i = 0; i < std::min(fields.size(), FieldKeys().size()); ++i)
+    std::vector<Piece> fields = Split({{}, written.asString(), StartOfCrontab(subject)}, " ");
+    for (std::size_t i = 0; i < fields.size(); ++i)
         fields[i].key = FieldKeys().at(i);
     return fields;
 }
@@ -117,17 +120,28 @@ void AddNotANumber(Subject &subject, const Piece &item, const std::string &offen
     AddAt(subject, Severity::Error, item, message, allowed);
 }
 
-void FindItemErrors(Subject &subject, const Piece &item) {
-    const CronItem parsed = ParseCronItem(item.key, item.text);
+// Whether there is a field without a character.
+bool HasEmptyField(const std::string &expression) {
+    return expression.empty() || expression.front() == ' ' || expression.back() == ' ' ||
+           expression.find("  ") != std::string::npos;
+}
+
+} // namespace
+
+void AddItemError(Subject &subject, const DefinitionFault &fault,
+                  std::optional<std::size_t> start) {
+    Piece item{FieldKeys().at(fault.number), fault.text, {}};
+    if (start)
+        item.offset = *start + fault.offset;
     const std::string subjectOfAll = NameOf(item.key) + " " + Quoted(item.text);
     const auto add = [&](const std::string &message) {
         AddAt(subject, Severity::Error, item, subjectOfAll + message, AllowedIn(item.key));
     };
-    switch (parsed.fault) {
+    switch (fault.item.fault) {
     case CronItemFault::None:
         break;
     case CronItemFault::NotANumber:
-        AddNotANumber(subject, item, parsed.offender);
+        AddNotANumber(subject, item, fault.item.offender);
         break;
     case CronItemFault::Reversed:
         add(" ends before it begins");
@@ -141,25 +155,14 @@ void FindItemErrors(Subject &subject, const Piece &item) {
     }
 }
 
-} // namespace
-
-void FindCrontabErrors(Subject &subject) {
-    const std::vector<Piece> fields = FieldsOf(subject);
-    if (fields.size() != FieldKeys().size()) {
-        const bool blanks = std::any_of(fields.begin(), fields.end(),
-                                        [](const Piece &field) { return field.text.empty(); });
-        subject.Add(Severity::Error,
-                    {"crontab",
-                     "\"crontab\" has " + std::to_string(fields.size()) +
-                         (fields.size() == 1 ? " field" : " fields") +
-                         (blanks ? ", as there is one between any two blanks" : ""),
-                     "five fields separated by one blank each: " +
-                         FieldsInWords({FieldKeys().begin(), FieldKeys().end()})});
-        return;
-    }
-    for (const Piece &field : fields)
-        for (const Piece &item : Split(field, ","))
-            FindItemErrors(subject, item);
+void AddFieldCountError(Subject &subject, const DefinitionFault &fault) {
+    subject.Add(Severity::Error,
+                {"crontab",
+                 "\"crontab\" has " + std::to_string(fault.number) +
+                     (fault.number == 1 ? " field" : " fields") +
+                     (HasEmptyField(fault.text) ? ", as there is one between any two blanks" : ""),
+                 "five fields separated by one blank each: " +
+                     FieldsInWords({FieldKeys().begin(), FieldKeys().end()})});
 }
 
 // --- Warnings -----------------------------------------------------------------------------------

@@ -2,8 +2,6 @@
 
 #include "ctl/check_crontab.h"
 #include "ctl/nearest.h"
-#include "job/command.h"
-#include "job/definition.h"
 #include "job/json_members.h"
 #include "job/period.h"
 
@@ -64,89 +62,37 @@ void AddUnusable(Subject &subject, const std::string &member) {
                  AllowedFor(member)});
 }
 
-// The members whose rules are broken, so that nothing more need be said of them.
-struct BrokenRules {
-    bool crontab = false;
-    bool command = false;
-};
-
-BrokenRules FindBrokenRules(Subject &subject) {
-    BrokenRules broken;
-    for (const DefinitionRule &rule : DefinitionRules()) {
-        const std::string member = rule.member;
-        if (member.empty() || !rule.broken(subject.Config()))
-            continue;
-        AddUnusable(subject, member);
-        broken.crontab = broken.crontab || member == "crontab";
-        broken.command = broken.command || member == "cmd";
-    }
-    return broken;
+void AddArgument(Subject &subject, std::size_t index) {
+    const Json::Value &list = Member(subject.Written(), "cmd_list");
+    const Json::Value &element = list[static_cast<Json::ArrayIndex>(index)];
+    subject.Add(Severity::Error, {"cmd_list", "an argument cannot be " + Excerpt(element), "a text",
+                                  subject.Places().Of(element), Excerpt(element)});
 }
 
-void FindScheduleErrors(Subject &subject, const BrokenRules &broken) {
-    const Json::Value &config = subject.Config();
-    const std::optional<bool> byCrontab = RunsByCrontab(config);
-    if (!byCrontab && !TextMember(config, "period").empty())
-        AddUnusable(subject, "period");
-    if (!byCrontab.value_or(false) || broken.crontab)
-        return;
-    if (Member(config, "crontab").isString())
-        FindCrontabErrors(subject);
+void AddError(Subject &subject, const DefinitionFault &fault,
+              std::optional<std::size_t> startOfCrontab) {
+    using Kind = DefinitionFault::Kind;
+    const bool hasCrontab = Member(subject.Written(), "crontab").isString();
+    if (fault.kind == Kind::Item)
+        AddItemError(subject, fault, startOfCrontab);
+    else if (fault.kind == Kind::FieldCount && hasCrontab)
+        AddFieldCountError(subject, fault);
+    else if (fault.kind == Kind::Argument)
+        AddArgument(subject, fault.number);
+    else if (*fault.member == '\0')
+        subject.Add(Severity::Error,
+                    {"", "a definition cannot be " + Excerpt(subject.Config()), "an object"});
     else
-        AddUnusable(subject, "crontab");
-}
-
-void FindSettingErrors(Subject &subject) {
-    Json::Value config = subject.Config();
-    const char *member = FirstUnusableSetting(config);
-    while (member != nullptr && HasMember(config, member)) {
-        AddUnusable(subject, member);
-        config.removeMember(member);
-        member = FirstUnusableSetting(config);
-    }
-}
-
-void FindElementErrors(Subject &subject, const Json::Value &list) {
-    for (const Json::Value &element : list) {
-        Json::Value alone;
-        alone["cmd_list"].append(element);
-        if (!NormalizeCommand(alone))
-            subject.Add(Severity::Error,
-                        {"cmd_list", "an argument cannot be " + Excerpt(element), "a text",
-                         subject.Places().Of(element), Excerpt(element)});
-    }
-}
-
-void FindCommandErrors(Subject &subject) {
-    const std::optional<Command> command = NormalizeCommand(subject.Config());
-    const Json::Value &written = Member(subject.Written(), "cmd_list");
-    if (command && !command->list.empty())
-        return;
-    if (written.isArray() && !written.empty())
-        FindElementErrors(subject, written);
-    else
-        AddUnusable(subject, "cmd_list");
+        AddUnusable(subject, fault.member);
 }
 
 } // namespace
 
-void FindErrors(Subject &subject, const std::vector<std::string> &messages) {
-    if (!subject.Config().isObject()) {
-        subject.Add(Severity::Error,
-                    {"", "a definition cannot be " + Excerpt(subject.Config()), "an object"});
-        return;
-    }
-    const BrokenRules broken = FindBrokenRules(subject);
-    FindScheduleErrors(subject, broken);
-    FindSettingErrors(subject);
-    if (!broken.command)
-        FindCommandErrors(subject);
-    if (!subject.Problems().empty())
-        return;
-    std::string text = "the definition is refused";
-    for (const std::string &message : messages)
-        text += ": " + message;
-    subject.Add(Severity::Error, {"", text});
+void AddErrors(Subject &subject, const std::vector<DefinitionFault> &faults) {
+    const std::optional<std::size_t> startOfCrontab =
+        faults.empty() ? std::nullopt : StartOfCrontab(subject);
+    for (const DefinitionFault &fault : faults)
+        AddError(subject, fault, startOfCrontab);
 }
 
 // --- Misreadings --------------------------------------------------------------------------------
@@ -233,7 +179,7 @@ void FindOddSettings(Subject &subject, const CronJob &job) {
     const Json::Value &hours = Member(subject.Written(), "assure_execute");
     const Json::Value &action = Member(subject.Written(), "assure_execute_action");
     if (RunsByCrontab(subject.Config()).value_or(false))
-        FindCrontabWarnings(subject, job.cronFields);
+        FindCrontabWarnings(subject, job.cronFields());
     if (!hours.isNull() && !hours.isInt())
         WarnByName(subject, "assure_execute",
                    Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),

@@ -6,13 +6,12 @@
 #include "core/job_files.h"
 #include "ctl/problem.h"
 #include "job/cronjob.h"
+#include "job/definition.h"
 
-#include <string>
 #include <vector>
 
-// Why the daemon refuses the definition: all that its rules tell, and `messages`, those of its
-// parser, where they tell nothing. Called for what it refuses, this finds at least one error.
-void FindErrors(Subject &subject, const std::vector<std::string> &messages);
+// Adds each of `faults`, those for which the daemon refuses the definition.
+void AddErrors(Subject &subject, const std::vector<DefinitionFault> &faults);
 
 // Members that nobody reads and words that are read as others, in a definition of `directory`.
 // `alone`: it is the one object of its file.

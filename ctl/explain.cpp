@@ -1,5 +1,6 @@
-#include "core/coming_starts.h"
 #include "ctl/check_crontab.h"
+#include "ctl/check_definition.h"
+#include "ctl/coming_starts.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/starts.h"
@@ -36,30 +37,28 @@ std::string ExpressionOf(const ExplainOptions &options) {
     return *expression;
 }
 
-// A job with that expression.
-CronJob JobOf(const std::string &expression) {
-    Json::Value document;
-    Json::Value &config = document["config"];
+// The definition of a job with that expression.
+Json::Value DefinitionWith(const std::string &expression) {
+    Json::Value config;
     config["name"] = "explained";
     config["user"] = "root";
     config["period"] = "crontab";
     config["crontab"] = expression;
     config["cmd"] = "true";
-    return CronJob(std::move(document));
+    return config;
 }
 
-// What a check of such a job would say of its expression.
-std::vector<std::string> RemarksOn(const CronJob &job) {
+// What a check of that job would say of its expression.
+std::vector<std::string> RemarksOn(const Json::Value &config, const CronJob &job,
+                                   const std::vector<DefinitionFault> &faults) {
     const std::string noText;
     const JsonPlaces nowhere(noText);
-    const Json::Value &config = Member(job.Document(), "config");
     Subject subject(config, config, nowhere);
+    AddErrors(subject, faults);
     if (job.valid)
-        FindCrontabWarnings(subject, job.cronFields);
-    else
-        FindCrontabErrors(subject);
+        FindCrontabWarnings(subject, job.cronFields());
     std::vector<std::string> remarks;
-    for (const Problem &problem : subject.Problems())
+    for (const Problem &problem : subject.TakeProblems())
         remarks.push_back(problem.message +
                           (problem.allowed.empty() ? "" : "; allowed: " + problem.allowed));
     return remarks;
@@ -124,7 +123,7 @@ Json::Value FieldToJson(const std::string &key, const std::string &text,
 std::vector<Json::Value> Draws(const Context &context, CronJob job) {
     const std::optional<ScheduleTemplate> shared = FindTemplate(context.appliance);
     bool random = false;
-    for (const auto &[key, items] : job.cronFields)
+    for (const auto &[key, items] : job.cronFields())
         for (const CronRange &item : items)
             random = random || item.type == CronRange::Random;
     std::vector<Json::Value> draws;
@@ -132,7 +131,7 @@ std::vector<Json::Value> Draws(const Context &context, CronJob job) {
         for (const std::string &key : FieldKeys())
             job.GenerateFieldSchedule(key,
                                       i == 0 && shared ? shared->GetSingleScheduleValue(key) : -1);
-        draws.push_back(Member(job.Document(), "schedule"));
+        draws.push_back(job.ScheduleDocument());
     }
     return draws;
 }
@@ -152,7 +151,7 @@ Json::Value ToJson(const Explanation &explanation) {
     for (std::size_t i = 0; i < explanation.fields.size(); ++i) {
         const std::string &key = FieldKeys().at(i);
         json["fields"].append(
-            FieldToJson(key, explanation.fields[i], explanation.job.cronFields.at(key)));
+            FieldToJson(key, explanation.fields[i], explanation.job.cronFields().at(key)));
     }
     json["remarks"] = Json::Value(Json::arrayValue);
     for (const std::string &remark : explanation.remarks)
@@ -174,7 +173,7 @@ void Write(const Explanation &explanation, const Context &context) {
     for (std::size_t i = 0; i < explanation.fields.size(); ++i) {
         const std::string &key = FieldKeys().at(i);
         table.Add({FieldsInWords({key}), explanation.fields[i],
-                   FieldInWords(key, explanation.job.cronFields.at(key))});
+                   FieldInWords(key, explanation.job.cronFields().at(key))});
     }
     std::cout << table.Show(context.screen) << "\n";
     for (const std::string &remark : explanation.remarks)
@@ -201,15 +200,18 @@ void Write(const Explanation &explanation, const Context &context) {
 int Explain(const Context &context, const ExplainOptions &options) {
     Explanation explanation;
     explanation.expression = ExpressionOf(options);
-    explanation.job = JobOf(explanation.expression);
-    explanation.remarks = RemarksOn(explanation.job);
+    std::vector<DefinitionFault> faults;
+    Json::Value document;
+    document["config"] = DefinitionWith(explanation.expression);
+    explanation.job = CronJob(document, faults);
+    explanation.remarks = RemarksOn(document["config"], explanation.job, faults);
     if (!explanation.job.valid)
         throw Failure("\"" + explanation.expression + "\" is no crontab expression: " +
                       (explanation.remarks.empty() ? "" : explanation.remarks.front()));
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
     explanation.draws = Draws(context, explanation.job);
     explanation.starts =
-        ComingStarts(explanation.job.cronFields, explanation.draws.front(),
+        ComingStarts(explanation.job.cronFields(), explanation.draws.front(),
                      {context.now, context.now, context.now + kCalendarRepeats}, kStartsExplained);
     if (context.json)
         WriteJson(ToJson(explanation));

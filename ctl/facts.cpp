@@ -25,7 +25,7 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now)
     json["name"] = job.name;
     json["account"] = job.account;
     json["schedule"] = job.job.RenderSchedule();
-    json["schedule_text"] = ScheduleInWords(Member(job.job.Document(), "schedule"));
+    json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument());
     json["state"] = InWords(ConditionOf(job, daemon)).json;
     json["last_run"] = TimeToJson(job.lastRun);
     json["next"] = next ? StartToJson(*next, next->overdue) : Json::Value();

@@ -23,7 +23,7 @@ int List(const Context &context, const ListOptions &options) {
         }
         const ConditionWords &state = InWords(ConditionOf(job, daemon));
         const std::optional<JobStart> next = NextStart(job, daemon, context.now);
-        table.Add({job.name, job.account, ScheduleInWords(Member(job.job.Document(), "schedule")),
+        table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument()),
                    job.lastRun != 0 ? WhenInShort(job.lastRun, context.now) : "-",
                    next ? StartInShort(*next, context.now) : "never", state.text},
                   state.colour);

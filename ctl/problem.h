@@ -9,6 +9,7 @@
 #include <json/value.h>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 enum class Severity {
@@ -55,8 +56,8 @@ public:
 
     void Add(Severity severity, const Finding &finding);
 
-    // Without file and job.
-    const std::vector<Problem> &Problems() const { return problems_; }
+    // What was added, without file and job.
+    std::vector<Problem> TakeProblems() { return std::move(problems_); }
 
 private:
     const Json::Value &written_;

@@ -130,7 +130,7 @@ Daemon FindDaemon(const Appliance &appliance) {
     Daemon daemon;
     if (!appliance.IsThisOne())
         return daemon;
-    daemon.held = IsVorldHeld();
+    AskWhetherHeld(daemon.held);
     const pid_t pid = XLIBCReadPidFile(kPidFile);
     if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsTheDaemon(pid))
         return daemon;

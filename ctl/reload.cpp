@@ -27,7 +27,7 @@ using Definitions = std::map<std::string, Json::Value>;
 Definitions DefinitionsIn(const Runtime &runtime) {
     Definitions definitions;
     for (const LiveJob &job : runtime.jobs)
-        definitions[job.name] = Member(job.job.Document(), "config");
+        definitions[job.name] = job.job.Config();
     return definitions;
 }
 

@@ -1,10 +1,14 @@
+#include "core/paths.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/log_line.h"
-#include "ctl/messages.h"
 #include "ctl/utf8.h"
+#include "job/account.h"
+#include "job/json_members.h"
 #include "job/runtime_directory.h"
+#include "log/memorylogger.h"
 #include "platform/errno_kept.h"
+#include "platform/json_text.h"
 #include "platform/kestcore.h"
 
 #include <cerrno>
@@ -14,11 +18,13 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <pwd.h>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -76,19 +82,40 @@ void TakeOnSurroundings(const Daemon &daemon) {
             umask(static_cast<mode_t>(std::strtoul(word.c_str(), nullptr, 8)));
 }
 
+// Why the job cannot be prepared, in the words of the daemon's messages; nothing when it can.
+std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &appliance) {
+    const Json::Value config = job.Config();
+    const std::optional<std::string> account = AccountOf(config);
+    if (account && appliance.HasAccount(*account))
+        return {};
+    const std::string group = "Failed to get user group info for job [" + job.Name() + "]";
+    if (account)
+        return {"user " + *account + " not exist", group};
+    const std::string user = IsOfPackage(config)
+                                 ? "you are not package! error user in config"
+                                 : "wrong user " + TextMember(config, "user") +
+                                       "! you can only specify root/system/package in config [" +
+                                       JsonToString(Member(config, "name")) + "]";
+    return {user, "Unable to determine user", group};
+}
+
 [[noreturn]] void BecomeJob(const CronJob &job, const Daemon &daemon, const std::string &note) {
     int status = kNotPrepared;
     try {
         TakeOnSurroundings(daemon);
+        executionLog.BeSilent();
         if (job.BecomeCommand(note)) {
             status = kNotRun;
             std::cerr << "kestcronctl: its command cannot be run; the execution log tells why\n";
+        } else {
+            std::cerr << "kestcronctl: it cannot be prepared any more; the system log tells why\n";
         }
     } catch (const std::exception &error) {
         std::cerr << "kestcronctl: " << error.what() << "\n";
     }
-    for (const std::string &message : TakeMessages())
-        std::cerr << "kestcronctl: " << Shown(message) << "\n";
+    if (executionLog.LogError() != 0)
+        std::cerr << "kestcronctl: " << kExecutionLogFile << ": "
+                  << std::strerror(executionLog.LogError()) << "\n";
     std::cerr.flush();
     _exit(status);
 }
@@ -135,7 +162,12 @@ int Run(const Context &context, const RunOptions &options) {
         throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "
                                    "loads jobs");
     CronJob prepared = job.job;
-    prepared.SetProgram(job.staged);
+    prepared.SetStaged(true);
+    const std::vector<std::string> reasons = WhyNotPrepared(prepared, context.appliance);
+    for (const std::string &reason : reasons)
+        std::cerr << "kestcronctl: " << Shown(reason) << "\n";
+    if (!reasons.empty())
+        return kNotPrepared;
     std::cout.flush();
     const pid_t pid = XLIBCProcForkEx(71);
     if (pid == -1)

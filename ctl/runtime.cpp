@@ -30,13 +30,13 @@ std::time_t SavedAt(const std::string &path) {
     return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
 }
 
-LiveJob MakeLiveJob(CronJob parsed) {
+LiveJob MakeLiveJob(CronJob parsed, std::time_t lastRun) {
     LiveJob live;
     live.job = std::move(parsed);
     live.name = live.job.Name();
-    live.account = AccountOf(Member(live.job.Document(), "config")).value_or("");
-    live.staged = std::string(kRuntimeDirectory) + "/" + live.name;
-    live.lastRun = IntegerMember(live.job.Document(), "lastExecution", 0);
+    live.account = live.job.Account().value_or("");
+    live.staged = StagedPath(live.name);
+    live.lastRun = lastRun;
     return live;
 }
 
@@ -92,12 +92,14 @@ Runtime LoadRuntime(const Appliance &appliance) {
     Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();
     document = Json::Value();
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-        CronJob parsed(std::move(*entry));
+        std::vector<DefinitionFault> faults;
+        const std::time_t lastRun = IntegerMember(std::as_const(*entry), "lastExecution", 0);
+        CronJob parsed(std::move(*entry), faults, 1);
         if (!parsed.valid) {
             runtime.corrupt.push_back(entries.isObject() ? entry.name() : "");
             continue;
         }
-        LiveJob live = MakeLiveJob(std::move(parsed));
+        LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
         if (const auto found = recent.find(Printable(live.name)); found != recent.end())
             BringUpToDate(live, found->second);
         live.process = ProcessOf(live.staged, live.account, candidates);
@@ -122,9 +124,10 @@ std::size_t LargestDocument(const Appliance &appliance) {
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
     ScheduleTemplate found;
     for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
-        const std::string file = appliance.Locate(path);
-        if (OpenRegularFile(file, {1, ReadLimits(appliance).bytes}) &&
-            LoadScheduleTemplate(found, file))
+        Json::Value document;
+        std::vector<DefinitionFault> faults;
+        if (JsonFromFile(appliance.Locate(path), document, ReadLimits(appliance)) &&
+            TakeScheduleTemplate(found, std::move(document), faults))
             return found;
     }
     return std::nullopt;

@@ -98,7 +98,7 @@ struct ShownFacts {
 };
 
 Json::Value ToJson(const ShownFacts &facts, std::time_t now) {
-    const Json::Value &document = facts.job.job.Document();
+    const Json::Value document = facts.job.job.Document();
     Json::Value json = JobToJson(facts.job, facts.daemon, now);
     json["definition"] = Member(document, "config");
     json["command"] = Member(document, "cmd_list");
@@ -133,7 +133,7 @@ std::string AssuranceInWords(const CronJob &job) {
 void Write(const ShownFacts &facts, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = facts.job;
-    const Json::Value &document = job.job.Document();
+    const Json::Value document = job.job.Document();
     const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
@@ -178,8 +178,7 @@ int Show(const Context &context, const ShowOptions &options) {
     TellCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
-    const Json::Value &first = Member(job.job.Document(), "cmd_list")[0U];
-    const std::string program = first.isConvertibleTo(Json::stringValue) ? first.asString() : "";
+    const std::string &program = job.job.Program();
     const ShownFacts facts{job,
                            daemon,
                            program,

@@ -24,8 +24,7 @@ std::time_t Sane(std::int64_t time) {
 }
 
 std::time_t LastKnown(const LiveJob &job) {
-    const Json::Value &document = job.job.Document();
-    return Sane(IntegerMember(document, "lastExecution", IntegerMember(document, "startup", 0)));
+    return Sane(job.job.LastRun());
 }
 
 // Puts the starts of a job in order, those of its schedule and, when it is assured, those for being
@@ -102,7 +101,7 @@ void LiveUntil(std::time_t wanted, const LiveJob &job, std::time_t now, Life &li
         std::clamp(kHour * (job.job.assureExecute + std::time_t{24}), std::time_t{0}, longest);
     const Outlook before{now, std::max(now, wanted - waits), wanted - 1};
     for (const ComingStart &start :
-         ComingStarts(job.job.cronFields, Member(job.job.Document(), "schedule"), before,
+         ComingStarts(job.job.cronFields(), job.job.ScheduleDocument(), before,
                       static_cast<std::size_t>(longest / kMinute)))
         if (start.latest < wanted)
             life.Add(start);
@@ -124,7 +123,7 @@ std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const O
     if (later && job.job.assureExecute != 0)
         LiveUntil(ahead.from, job, outlook.now, life);
     for (const ComingStart &scheduled :
-         ComingStarts(job.job.cronFields, Member(job.job.Document(), "schedule"), ahead, count))
+         ComingStarts(job.job.cronFields(), job.job.ScheduleDocument(), ahead, count))
         life.Add(scheduled);
     life.AddOverdueBefore(ahead.until);
     return life.Take();

@@ -3,7 +3,7 @@
 #ifndef CTL_STARTS_H
 #define CTL_STARTS_H
 
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 #include "ctl/processes.h"
 #include "ctl/runtime.h"
 

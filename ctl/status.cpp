@@ -1,6 +1,6 @@
-#include "core/coming_starts.h"
 #include "core/paths.h"
 #include "core/unreadable.h"
+#include "ctl/coming_starts.h"
 #include "ctl/commands.h"
 #include "ctl/facts.h"
 #include "ctl/failure.h"

@@ -1,6 +1,6 @@
 #include "ctl/timeline.h"
 
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/timeline_svg.h"

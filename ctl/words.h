@@ -3,7 +3,7 @@
 #ifndef CTL_WORDS_H
 #define CTL_WORDS_H
 
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 
 #include <cstdint>
 #include <ctime>

@@ -65,19 +65,12 @@ bool IsStageable(const char *source) {
     return false;
 }
 
-ProgramCopy Ended(ProgramCopy::Outcome outcome, int error) {
-    ProgramCopy copy;
-    copy.outcome = outcome;
-    copy.error = error;
-    return copy;
-}
-
 // A link to a program that may be run but not read.
 ProgramCopy Link(const std::string &source, const std::string &target) {
     const std::string absolute = source.front() == '/' ? source : "/" + source;
-    return symlink(absolute.c_str(), target.c_str()) == 0
-               ? Ended(ProgramCopy::Outcome::Made, 0)
-               : Ended(ProgramCopy::Outcome::Failed, errno);
+    if (symlink(absolute.c_str(), target.c_str()) == 0)
+        return {ProgramCopy::Outcome::Made};
+    return {ProgramCopy::Outcome::Failed, errno};
 }
 
 ProgramCopy RunCopyProgram(const char *source, const std::string &target) {
@@ -101,19 +94,19 @@ ProgramCopy Answer(const Request &request, bool isRoot) {
     const std::string target = std::string(kRuntimeDirectory) + "/" + request.name.data();
     errno = 0;
     if (!XLIBCFileExist(source))
-        return Ended(!isRoot && errno == EACCES ? ProgramCopy::Outcome::Failed
-                                                : ProgramCopy::Outcome::NoProgram,
-                     errno);
+        return {!isRoot && errno == EACCES ? ProgramCopy::Outcome::Failed
+                                           : ProgramCopy::Outcome::NoProgram,
+                errno};
     if (request.refusal != 0)
-        return Ended(ProgramCopy::Outcome::Refused, request.refusal);
+        return {ProgramCopy::Outcome::Refused, request.refusal};
     if (!IsStageable(source))
-        return Ended(ProgramCopy::Outcome::Refused, errno);
+        return {ProgramCopy::Outcome::Refused, errno};
     // Held open meanwhile: then nobody gets a lease on it, for which the copy program would wait.
     const Descriptor held = OpenRegularFile(source);
     if (!held && errno == EACCES && access(source, X_OK) == 0)
         return Link(source, target);
     if (!held)
-        return Ended(ProgramCopy::Outcome::Failed, errno);
+        return {ProgramCopy::Outcome::Failed, errno};
     return RunCopyProgram(source, target);
 }
 

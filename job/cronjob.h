@@ -10,23 +10,23 @@
 
 #include "job/account.h"
 #include "job/cron_field.h"
+#include "job/definition.h"
+#include "job/job_document.h"
+#include "job/schedule.h"
 #include "job/staging.h"
 #include "platform/json_file.h"
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <json/value.h>
+#include <limits>
 #include <map>
+#include <optional>
 #include <string>
-#include <sys/types.h>
+#include <type_traits>
 #include <utility>
 #include <vector>
-
-// The local time of `now`, null when it cannot be had. A cycle asks for that of one second for each
-// job and then some, and each conversion looks at the time zone's file again, which costs more than
-// the rest of a due check. Holds until the next call.
-const std::tm *LocalTimeOf(std::time_t now);
 
 class CronJob {
 public:
@@ -37,18 +37,37 @@ public:
     // all went well; what did not is in the system log.
     explicit CronJob(Json::Value document);
 
-    // The same for the document that `parsed`, a valid job, has handed over: its definition is not
-    // checked and parsed again.
-    CronJob(CronJob parsed, Json::Value document);
+    // The same, but says nothing: what is wrong is added to `faults`, as many of them as
+    // `mostFaults`.
+    CronJob(Json::Value document, std::vector<DefinitionFault> &faults,
+            std::size_t mostFaults = std::numeric_limits<std::size_t>::max());
 
-    // The document as it is now.
-    const Json::Value &Document() const { return _jsJob; }
+    // The document as it is now. Put together for the caller.
+    Json::Value Document() const;
 
-    // Hands the document over. What is left is of use to the next constructor only.
-    Json::Value TakeDocument() { return std::move(_jsJob); }
+    // Its member "config".
+    Json::Value Config() const { return _jsJob.Config(); }
+
+    // Its member "schedule".
+    Json::Value ScheduleDocument() const;
+
+    // Appends the document to `text`, where it is the value of a member of "jobs".
+    void AppendTo(JsonText &text) const;
+    // The same as if the job were staged, nothing drawn, and it had never run.
+    void AppendNewTo(JsonText &text) const { _jsJob.AppendTo(text); }
+
+    // Whether `other` is defined by the same text. When not, it may still be by the same values.
+    bool HasConfigOf(const CronJob &other) const { return _jsJob.HasConfigOf(other._jsJob); }
 
     // The full job name.
-    std::string Name() const;
+    const std::string &Name() const { return name_; }
+
+    // The account that it runs as; none when its definition names none.
+    const std::optional<std::string> &Account() const { return account_; }
+
+    // The parsed crontab: the items of each field by its key.
+    CronFields cronFields() const;
+    std::size_t ItemCount() const { return schedule_.ItemCount(); }
 
     // Draws "schedule"[key] anew from the field's items. Random items take `templateValue` where it
     // fits them; -1 fits none.
@@ -71,6 +90,9 @@ public:
     // otherwise changes nothing.
     bool CheckTrigger();
 
+    // "lastExecution", or "startup" without one, or 0.
+    std::int64_t LastRun() const { return lastRun_; }
+
     // When the job was found due and not launched yet, in seconds since the epoch; 0: it was not.
     std::int64_t ExpireTime() const { return expireTime_; }
 
@@ -83,8 +105,13 @@ public:
     // Remembers a launch at `when`, in seconds since the epoch: nothing is due any more.
     void NoteLaunch(std::int64_t when);
 
-    // Makes `program` the one that is run, with the arguments as they are.
-    void SetProgram(const std::string &program);
+    // The path that the definition's command begins with.
+    const std::string &Program() const { return program_; }
+
+    // Whether a copy of the program is what is run: the one of the job's name in the runtime
+    // directory. Only jobs that are staged run.
+    bool IsStaged() const { return isStaged_; }
+    void SetStaged(bool isStaged) { isStaged_ = isStaged; }
 
     // Starts the job: stamps "lastExecution", clears "expireTime" and `scheduleText`, and forks a
     // process that waits `delay` seconds and then runs the command. Does not wait for it. When the
@@ -105,43 +132,59 @@ public:
     void RefuseLaunch();
 
     bool valid = false;
-    std::int32_t assureExecute = 0; // hours; 0: not assured
-    std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
     bool runOnPassive = false;
+    // Its program could not be copied at the latest load. It does not run, but what is known of it
+    // is saved, and the next load tries again.
+    bool waitsForProgram = false;
 
 private:
-    // Members of the document that each cycle asks for. To look them up in it would take a hundred
-    // times as long, so whatever writes those writes these. They stand beside what else a cycle
-    // reads, because after a minute of other programs each line of the cache has to be fetched.
-    std::array<std::uint64_t, 5> dueBits_{}; // AdmittedBits of each field
+    bool isStaged_ = false;
+    bool hasExpireTime_ = false;    // whether the document has the member as a number of ours
+    bool hasLastExecution_ = false; // the same
+
+public:
+    std::int32_t assureExecute = 0; // hours; 0: not assured
+    std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
+
+private:
+    // What each cycle asks for stands together, because after a minute of other programs each line
+    // of the cache has to be fetched.
     std::int64_t expireTime_ = 0;
     std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
+    Schedule schedule_;
 
 public:
     std::string scheduleText; // the schedule at the latest due match, empty once launched
-    CronFields cronFields;
 
 private:
-    bool CheckJobConfig();
-    bool ParseJobConfig();
-    bool ParseCrontab();
-    bool ParseCronField(const std::string &key, const std::string &text);
-    bool ParseSettings();
-    bool ParseCommand();
-    void ReadRuntimeMembers();
+    void TakeDefinition(Json::Value &document, Definition definition);
+    void TakeRuntimeMembers(Json::Value &document);
+    void AddDrawn(Json::Value &schedule) const;
+    void AppendSchedule(JsonText &text) const;
 
-    Json::Value _jsJob;
+    std::string name_;
+    std::optional<std::string> account_;
+    std::string program_;
+    JobDocument _jsJob; // but for what is kept in other members
 };
+
+// A load moves jobs when nothing may go wrong any more.
+static_assert(std::is_nothrow_move_constructible_v<CronJob> &&
+              std::is_nothrow_move_assignable_v<CronJob>);
+
+// Reports the first fault of a definition that is refused.
+void LogFault(const DefinitionFault &fault);
 
 // The accounts found so far, by name. A load asks for a few of them very often, and each question
 // reads the account database.
 using KnownAccounts = std::map<std::string, JobUser>;
 
 // The account that the definition `config` asks for; invalid, with a message, when there is none.
-// What is among `accounts` is not looked up again, and every look-up is added to them, failed ones
-// too.
-JobUser ResolveJobUser(const Json::Value &config, KnownAccounts &accounts);
 JobUser ResolveJobUser(const Json::Value &config);
+
+// That of `job`. What is among `accounts` is not looked up again, and every look-up is added to
+// them, failed ones too.
+JobUser ResolveJobUser(const CronJob &job, KnownAccounts &accounts);
 
 // Whether the job's program could be staged.
 enum class StagingResult : unsigned char {
@@ -173,9 +216,14 @@ public:
 // Makes `scheduleTemplate` the built-in one, drawn afresh.
 void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate);
 
-// Replaces `scheduleTemplate` by the one in the file `path`, its stored draw included. Returns
-// false and changes nothing when the file cannot be read or holds no valid job. A "maxDelay" that
-// is no integer of at least 0 leaves `maxDelay` as it was.
+// Replaces `scheduleTemplate` by the one in `document`, its stored draw included. Returns false and
+// changes nothing when it holds no valid job; the first reason is added to `faults`. A "maxDelay"
+// that is no integer of at least 0 leaves `maxDelay` as it was.
+bool TakeScheduleTemplate(ScheduleTemplate &scheduleTemplate, Json::Value document,
+                          std::vector<DefinitionFault> &faults);
+
+// The same with what is in the file `path`. A file that cannot be read changes nothing either; what
+// keeps its job from being valid is reported.
 bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string &path);
 
 // Writes the template to the file `path`, "maxDelay" only when it is not the default. Returns

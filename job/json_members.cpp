@@ -8,6 +8,10 @@ const Json::Value &Member(const Json::Value &object, const std::string &name) {
     return object.isObject() ? object[name] : Json::Value::nullSingleton();
 }
 
+Json::Value Member(Json::Value &&object, const char *name) {
+    return Member(static_cast<const Json::Value &>(object), name);
+}
+
 bool HasMember(const Json::Value &object, const char *name) {
     return object.isObject() && object.isMember(name);
 }

@@ -10,6 +10,8 @@
 // The member `name` of `object`; null when there is none or `object` is not an object.
 const Json::Value &Member(const Json::Value &object, const char *name);
 const Json::Value &Member(const Json::Value &object, const std::string &name);
+// The same of an object that does not last: a copy.
+Json::Value Member(Json::Value &&object, const char *name);
 
 // Whether `object` is an object with a member `name`, of any type.
 bool HasMember(const Json::Value &object, const char *name);

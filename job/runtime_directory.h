@@ -14,6 +14,11 @@
 
 constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
 
+// Where the copy of a job's program is, by the full job name.
+inline std::string StagedPath(const std::string &jobName) {
+    return std::string(kRuntimeDirectory) + "/" + jobName;
+}
+
 // Makes the runtime directory when there is none of root's own, and moves what stands in its place
 // aside, unless that is a file of root's (ENOTDIR). It comes into being under a fresh name, so that
 // nobody can be quicker. Returns its descriptor, or none with errno set.

@@ -1,6 +1,7 @@
 #include "job/schedule.h"
 
-#include "job/json_members.h"
+#include <cstdint>
+#include <limits>
 
 namespace {
 
@@ -19,22 +20,33 @@ std::int32_t DrawItem(const CronRange &item, std::int32_t templateValue, bool te
     return item.from;
 }
 
-std::string FieldAsText(const Json::Value &array) {
+bool IsUsable(const std::string &key, std::int32_t templateValue) {
+    return templateValue != kAnyValue && IsValidFieldValue(key, templateValue);
+}
+
+std::uint64_t BitOf(std::int32_t value) {
+    if (value == kAnyValue)
+        return ~std::uint64_t{0};
+    return value >= 0 && value < 64 ? std::uint64_t{1} << static_cast<unsigned>(value) : 0;
+}
+
+std::string FieldAsText(const std::vector<std::int32_t> &values) {
     std::string text;
-    for (const std::int32_t value : FieldValues(array))
+    for (const std::int32_t value : values)
         text += (text.empty() ? "" : ",") + std::to_string(value);
     return text.empty() ? "X" : text;
 }
 
 } // namespace
 
-Json::Value DrawField(const std::string &key, const std::vector<CronRange> &items,
-                      std::int32_t templateValue, KEST::RANDOM::KESTRandom &random) {
-    const bool usable = templateValue != kAnyValue && IsValidFieldValue(key, templateValue);
-    Json::Value array(Json::arrayValue);
+std::vector<std::int32_t> DrawField(const std::string &key, const std::vector<CronRange> &items,
+                                    std::int32_t templateValue, KEST::RANDOM::KESTRandom &random) {
+    const bool usable = IsUsable(key, templateValue);
+    std::vector<std::int32_t> values;
+    values.reserve(items.size());
     for (const CronRange &item : items)
-        array.append(DrawItem(item, templateValue, usable, random));
-    return array;
+        values.push_back(DrawItem(item, templateValue, usable, random));
+    return values;
 }
 
 std::vector<std::int32_t> FieldValues(const Json::Value &array) {
@@ -43,7 +55,7 @@ std::vector<std::int32_t> FieldValues(const Json::Value &array) {
         return values;
     for (const Json::Value &element : array) {
         if (!element.isInt())
-            return {};
+            return {}; // the whole field counts as empty
         values.push_back(element.asInt());
     }
     return values;
@@ -53,28 +65,78 @@ std::array<std::int32_t, 5> FieldsOf(const std::tm &local) {
     return {local.tm_min, local.tm_hour, local.tm_mday, local.tm_mon + 1, local.tm_wday};
 }
 
-std::uint64_t AdmittedBits(const Json::Value &array) {
-    if (!array.isArray())
-        return 0;
+std::uint64_t AdmittedBits(const std::vector<std::int32_t> &values) {
     std::uint64_t bits = 0;
-    for (const Json::Value &element : array) {
-        if (!element.isInt())
-            return 0; // the whole field counts as empty
-        const std::int32_t admitted = element.asInt();
-        if (admitted == kAnyValue)
-            bits = ~std::uint64_t{0};
-        else if (admitted >= 0 && admitted < 64)
-            bits |= std::uint64_t{1} << static_cast<unsigned>(admitted);
-    }
+    for (const std::int32_t value : values)
+        bits |= BitOf(value);
     return bits;
 }
 
-std::string ScheduleAsText(const Json::Value &schedule) {
+std::string ScheduleAsText(const std::array<std::vector<std::int32_t>, 5> &values) {
     std::string text;
-    for (const std::string &key : FieldKeys()) {
-        if (!text.empty())
-            text += ' ';
-        text += FieldAsText(Member(schedule, key));
-    }
+    for (const std::vector<std::int32_t> &field : values)
+        text += (text.empty() ? "" : " ") + FieldAsText(field);
     return text;
+}
+
+Schedule::Schedule(const std::array<std::vector<CronRange>, 5> &items) {
+    std::size_t count = 0;
+    for (const std::vector<CronRange> &field : items)
+        count += field.size();
+    items_.reserve(count);
+    for (std::size_t field = 0; field < items.size(); ++field) {
+        for (const CronRange &item : items[field])
+            items_.push_back({static_cast<std::int8_t>(item.type),
+                              static_cast<std::int8_t>(item.from),
+                              static_cast<std::int8_t>(item.to), 0});
+        ends_[field] = static_cast<std::uint32_t>(items_.size());
+    }
+}
+
+std::vector<CronRange> Schedule::Items(std::size_t field) const {
+    std::vector<CronRange> items;
+    for (std::size_t i = Begin(field); i < ends_[field]; ++i)
+        items.push_back(
+            {static_cast<CronRange::Type>(items_[i].type), items_[i].from, items_[i].to});
+    return items;
+}
+
+void Schedule::Draw(std::size_t field, std::int32_t templateValue,
+                    KEST::RANDOM::KESTRandom &random) {
+    Put(field, DrawField(FieldKeys().at(field), Items(field), templateValue, random));
+}
+
+void Schedule::Put(std::size_t field, const std::vector<std::int32_t> &values) {
+    for (std::size_t i = 0; i < values.size(); ++i)
+        items_[Begin(field) + i].drawn = static_cast<std::int8_t>(values[i]);
+    bits_[field] = AdmittedBits(values);
+    drawn_ |= 1U << field;
+}
+
+bool Schedule::Take(std::size_t field, const Json::Value &array) {
+    using Limits = std::numeric_limits<std::int8_t>;
+    const std::vector<std::int32_t> values = FieldValues(array);
+    bits_[field] = AdmittedBits(values);
+    drawn_ &= ~(1U << field);
+    if (!array.isArray() || array.size() != ends_[field] - Begin(field) ||
+        values.size() != array.size())
+        return false;
+    for (Json::ArrayIndex i = 0; i < array.size(); ++i)
+        if (array[i].type() != Json::intValue || values[i] < Limits::min() ||
+            values[i] > Limits::max())
+            return false;
+    Put(field, values);
+    return true;
+}
+
+std::vector<std::int32_t> Schedule::Drawn(std::size_t field) const {
+    std::vector<std::int32_t> values;
+    GetDrawn(field, values);
+    return values;
+}
+
+void Schedule::GetDrawn(std::size_t field, std::vector<std::int32_t> &values) const {
+    values.clear();
+    for (std::size_t i = Begin(field); i < ends_[field]; ++i)
+        values.push_back(items_[i].drawn);
 }

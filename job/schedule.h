@@ -1,5 +1,6 @@
-// A job's schedule: for each field the values that a due minute may have, with every random item
-// already drawn. Kept as JSON arrays, because it is part of the job's document.
+// A job's schedule: the items of each field of its crontab expression, and for each item the value
+// that a due minute must have, with random ones already drawn. In the job's document it is an
+// object with an array of numbers for each field.
 
 #ifndef JOB_SCHEDULE_H
 #define JOB_SCHEDULE_H
@@ -8,6 +9,7 @@
 #include "platform/kestrandom.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <json/value.h>
@@ -17,11 +19,11 @@
 // The value that stands for every value of its field, and for no value where one is asked for.
 constexpr std::int32_t kAnyValue = -1;
 
-// Draws one field: an array with one number per item, in their order. An exact item gives its
-// value, an item for every value kAnyValue. A random item takes `templateValue` when that is a
-// value of the field `key` and lies within the item; otherwise it is drawn.
-Json::Value DrawField(const std::string &key, const std::vector<CronRange> &items,
-                      std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
+// Draws one field: one number per item, in their order. An exact item gives its value, an item for
+// every value kAnyValue. A random item takes `templateValue` when that is a value of the field
+// `key` and lies within the item; otherwise it is drawn.
+std::vector<std::int32_t> DrawField(const std::string &key, const std::vector<CronRange> &items,
+                                    std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
 
 // The numbers of a field's array; none when it is not an array or any element is not an integer.
 std::vector<std::int32_t> FieldValues(const Json::Value &array);
@@ -29,9 +31,8 @@ std::vector<std::int32_t> FieldValues(const Json::Value &array);
 // What the five fields are compared with in the local minute `local`, in their order.
 std::array<std::int32_t, 5> FieldsOf(const std::tm &local);
 
-// The values that a field's array admits, of those that a minute may have: each as a bit. An array
-// that holds anything but integers admits none.
-std::uint64_t AdmittedBits(const Json::Value &array);
+// The values that a field's numbers admit, of those that a minute may have: each as a bit.
+std::uint64_t AdmittedBits(const std::vector<std::int32_t> &values);
 
 // Whether `value` is among them.
 inline bool Admits(std::uint64_t bits, std::int32_t value) {
@@ -40,6 +41,52 @@ inline bool Admits(std::uint64_t bits, std::int32_t value) {
 
 // The five fields as text: values joined by ",", "X" for a field without values, fields joined by a
 // blank.
-std::string ScheduleAsText(const Json::Value &schedule);
+std::string ScheduleAsText(const std::array<std::vector<std::int32_t>, 5> &values);
+
+// The schedule of one job. Fields are known by their numbers, in the order of FieldKeys().
+class Schedule {
+public:
+    Schedule() = default;
+
+    // Nothing is drawn yet. The items keep to the values of their fields.
+    explicit Schedule(const std::array<std::vector<CronRange>, 5> &items);
+
+    std::vector<CronRange> Items(std::size_t field) const;
+    std::size_t ItemCount() const { return items_.size(); }
+
+    // Draws a field as DrawField() does.
+    void Draw(std::size_t field, std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
+
+    // Makes `array` what was drawn for the field. Returns false when it is not an integer of one
+    // byte for each item: the field is then not drawn here, but admits what the array admits.
+    bool Take(std::size_t field, const Json::Value &array);
+
+    bool IsDrawn(std::size_t field) const { return (drawn_ >> field & 1U) != 0; }
+    bool IsAnyDrawn() const { return drawn_ != 0; }
+    // What was drawn for the field, one number per item.
+    std::vector<std::int32_t> Drawn(std::size_t field) const;
+    void GetDrawn(std::size_t field, std::vector<std::int32_t> &values) const;
+
+    // Whether the field admits `value`.
+    bool Admits(std::size_t field, std::int32_t value) const {
+        return ::Admits(bits_[field], value);
+    }
+
+private:
+    // All that a field may hold fits into a byte.
+    struct Item {
+        std::int8_t type;
+        std::int8_t from;
+        std::int8_t to;
+        std::int8_t drawn;
+    };
+    void Put(std::size_t field, const std::vector<std::int32_t> &values);
+    std::size_t Begin(std::size_t field) const { return field == 0 ? 0 : ends_[field - 1]; }
+
+    std::array<std::uint64_t, 5> bits_{}; // what each field admits
+    std::vector<Item> items_;             // of all fields
+    std::array<std::uint32_t, 5> ends_{}; // of each field's items
+    unsigned drawn_ = 0;                  // a bit for each field
+};
 
 #endif

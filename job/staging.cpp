@@ -26,10 +26,6 @@ constexpr const char *kAreaPath = "/tmp/kestcrond/.staging";
 constexpr const char *kTaken = "taken";
 constexpr const char *kPrevious = "previous";
 
-std::string PathOf(const std::string &entry) {
-    return std::string(kRuntimeDirectory) + "/" + entry;
-}
-
 std::string PathInArea(const std::string &entry) {
     return std::string(kAreaPath) + "/" + entry;
 }
@@ -117,12 +113,6 @@ gid_t UnusedGroup() {
     KEST::RANDOM::KESTRandom random;
     constexpr std::int32_t first = 1 << 30;
     return static_cast<gid_t>(random.random(first, std::numeric_limits<std::int32_t>::max()));
-}
-
-ProgramCopy Failure(int error) {
-    ProgramCopy copy;
-    copy.error = error;
-    return copy;
 }
 
 } // namespace
@@ -257,7 +247,7 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
     const JobUser *rights = isOfAccount_ ? account : nullptr;
     Workshop *workshop = WorkshopFor(rights);
     if (workshop == nullptr)
-        return Failure(errno);
+        return {ProgramCopy::Outcome::Failed, errno};
     const int refusal = RefusalOf(name, source);
     if (refusal != 0) // nothing below may be done with such a name
         return workshop->copier->Copy(name, source, refusal, stopRequested_);
@@ -275,7 +265,7 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
     }
     targetError_ = copy.targetError;
     if (copy.outcome == ProgramCopy::Outcome::Made && !taken)
-        return Failure(error);
+        return {ProgramCopy::Outcome::Failed, error};
     return copy;
 }
 
@@ -351,8 +341,8 @@ Staging::Step Staging::PutInPlace(const std::string &name, const JobUser &user) 
     if (!ReplaceProgram(name))
         return Step::Rename;
     struct stat status {};
-    return copy_ || isOfAccount_ || stat(PathOf(name).c_str(), &status) == 0 ? Step::None
-                                                                             : Step::Stat;
+    return copy_ || isOfAccount_ || stat(StagedPath(name).c_str(), &status) == 0 ? Step::None
+                                                                                 : Step::Stat;
 }
 
 void Staging::Remove(const std::function<bool(const std::string &name)> &isUnused) {

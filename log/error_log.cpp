@@ -13,10 +13,32 @@
 #include <string_view>
 #include <syslog.h>
 
+namespace {
+
+// The README has the same list for those who look for a message's line.
+struct SourcePart {
+    std::string_view name;
+    int firstLine;
+};
+constexpr std::array<SourcePart, 7> kParts{{
+    {"cronjob.schedule.cpp", 1000},
+    {"cronjob.staging.cpp", 2000},
+    {"cronjob.start.cpp", 3000},
+    {"cronjob.template.cpp", 4000},
+    {"crondaemon.sources.cpp", 1000},
+    {"crondaemon.state.cpp", 2000},
+    {"crondaemon.watching.cpp", 3000},
+}};
+
+} // namespace
+
 SourceTag TagOf(const char *file) {
     const char *slash = std::strrchr(file, '/');
     const char *name = slash == nullptr ? file : slash + 1;
-    return {name, static_cast<int>(std::strcspn(name, "."))};
+    const auto *const part = std::find_if(kParts.begin(), kParts.end(),
+                                          [&](const SourcePart &one) { return one.name == name; });
+    return {name, static_cast<int>(std::strcspn(name, ".")),
+            part == kParts.end() ? 0 : part->firstLine};
 }
 
 namespace {
@@ -65,10 +87,10 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
         MarkAsCut(printable);
     std::array<char, sizeof printable + 256> whole{};
     if (error != 0)
-        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s (%s)", tag.length, tag.text, line,
-                      printable.data(), std::strerror(error));
+        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s (%s)", tag.length, tag.text,
+                      tag.firstLine + line, printable.data(), std::strerror(error));
     else
-        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s", tag.length, tag.text, line,
-                      printable.data());
+        std::snprintf(whole.data(), whole.size(), "%.*s:%d %s", tag.length, tag.text,
+                      tag.firstLine + line, printable.data());
     WriteSystemLog(LOG_ERR, whole.data());
 }

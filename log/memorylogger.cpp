@@ -159,9 +159,9 @@ void MemoryLogger::AppendToStaging() {
         const scoped_lock<interprocess_sharable_mutex> lock(_stagingLock);
         const Descriptor staging = OpenStaging(_stagingPath);
         if (!staging)
-            LOG_ERROR("open memory logger failed");
+            Fail(Step::OpenStaging);
         else if (!AppendWhole(staging, text))
-            LOG_ERROR("Failed to write [%s]", _stagingPath.c_str());
+            Fail(Step::WriteStaging);
         else
             text.clear();
     }
@@ -177,15 +177,15 @@ void MemoryLogger::MoveToLog() {
     const Descriptor fs = OpenToAppend(_strLogPath);
     std::string text;
     if (!fs)
-        LOG_ERROR("Failed [%s], err=%m", "!fs");
+        Fail(Step::OpenLog);
     else if (const Descriptor fsMem = OpenOwnFile(_stagingPath, O_RDONLY); !fsMem)
-        LOG_ERROR("Failed [%s], err=%m", "!fsMem");
+        Fail(Step::ReopenStaging);
     else if (!ReadAll(fsMem.Get(), std::numeric_limits<std::size_t>::max(), text))
-        LOG_ERROR("Failed to read [%s]", _stagingPath.c_str());
+        Fail(Step::ReadStaging);
     else if (!AppendWhole(fs, text))
-        LOG_ERROR("Failed to write [%s]", _strLogPath.c_str());
+        Fail(Step::WriteLog);
     else if (!CloseToOthers(fs))
-        LOG_ERROR("Failed [%s], err=%m", "chmod(_strLogPath.c_str(), 0600)");
+        Fail(Step::Close);
     ClearPath(_stagingPath);
 }
 
@@ -195,11 +195,42 @@ void MemoryLogger::KeepLogOpen() {
 
 // Appends the text, where the staging file is left out.
 void MemoryLogger::AppendDirectly(const Descriptor &log, const std::string &text,
-                                  bool (*append)(const Descriptor &, const std::string &)) const {
+                                  bool (*append)(const Descriptor &, const std::string &)) {
     if (!log)
-        LOG_ERROR("Failed [%s], err=%m", "!fs");
+        Fail(Step::OpenLog);
     else if (!append(log, text))
+        Fail(Step::WriteLog);
+}
+
+// errno is what the message tells of it.
+void MemoryLogger::Fail(Step step) {
+    if (step == Step::OpenLog || step == Step::WriteLog)
+        _logError = errno;
+    if (_isSilent)
+        return;
+    switch (step) {
+    case Step::OpenStaging:
+        LOG_ERROR("open memory logger failed");
+        break;
+    case Step::WriteStaging:
+        LOG_ERROR("Failed to write [%s]", _stagingPath.c_str());
+        break;
+    case Step::OpenLog:
+        LOG_ERROR("Failed [%s], err=%m", "!fs");
+        break;
+    case Step::ReopenStaging:
+        LOG_ERROR("Failed [%s], err=%m", "!fsMem");
+        break;
+    case Step::ReadStaging:
+        LOG_ERROR("Failed to read [%s]", _stagingPath.c_str());
+        break;
+    case Step::WriteLog:
         LOG_ERROR("Failed to write [%s]", _strLogPath.c_str());
+        break;
+    case Step::Close:
+        LOG_ERROR("Failed [%s], err=%m", "chmod(_strLogPath.c_str(), 0600)");
+        break;
+    }
 }
 
 // The lock is held as long as the descriptor; none when it cannot be had. It lies on a file of its

@@ -55,9 +55,24 @@ public:
     // an exec.
     void KeepLogOpen();
 
+    // From now on failures are not reported.
+    void BeSilent() { _isSilent = true; }
+    // errno of the latest failure to open or write the log itself; 0: there was none.
+    int LogError() const { return _logError; }
+
 private:
+    enum class Step {
+        OpenStaging,
+        WriteStaging,
+        OpenLog,
+        ReopenStaging,
+        ReadStaging,
+        WriteLog,
+        Close
+    };
     void AppendDirectly(const Descriptor &log, const std::string &text,
-                        bool (*append)(const Descriptor &, const std::string &)) const;
+                        bool (*append)(const Descriptor &, const std::string &));
+    void Fail(Step step);
     Descriptor LockFlush() const;
     std::string TakeBuffer();
     bool StagingIsFull() const;
@@ -70,6 +85,8 @@ private:
     boost::interprocess::interprocess_sharable_mutex _stagingLock;
     boost::interprocess::interprocess_sharable_mutex _logLock;
     Descriptor _keptLog;
+    bool _isSilent = false;
+    int _logError = 0;
 };
 
 } // namespace KEST

@@ -7,12 +7,11 @@
 
 #include <cstddef>
 
-// Each program links an implementation. The daemon's writes `text` to the system log as syslog()
-// does, but never waits long: the log's socket takes a few messages only when nobody reads it, and
-// a scheduler has other things to do than to stand before it. What is not taken within half a
-// second for all messages of a cycle is kept and sent later (log/system_log_sender.h). errno may
-// change. Uses SIGALRM and the real-time timer, and leaves both as they were set up, the timer
-// stopped.
+// Writes `text` to the system log as syslog() does, but never waits long: the log's socket takes a
+// few messages only when nobody reads it, and a scheduler has other things to do than to stand
+// before it. What is not taken within half a second for all messages of a cycle is kept and sent
+// later (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and
+// leaves both as they were set up, the timer stopped.
 void WriteSystemLog(int priority, const char *text);
 
 // Begins a new half second. Sends what is kept, as far as it is taken at once, and returns a

@@ -48,7 +48,8 @@ private:
 
     static bool IsDue(const Json::Value &schedule, const std::tm &local) {
         for (std::size_t i = 0; i < kFields; ++i)
-            if (!Admits(AdmittedBits(Member(schedule, FieldKeys()[i])), FieldsOf(local)[i]))
+            if (!Admits(AdmittedBits(FieldValues(Member(schedule, FieldKeys()[i]))),
+                        FieldsOf(local)[i]))
                 return false;
         return true;
     }
@@ -58,10 +59,12 @@ private:
     void Redraw(const std::string &key) {
         const CronRange all = ParseCronItem(key, "~").range;
         const auto number = static_cast<std::int32_t>(chance_.Between(all.from, all.to));
-        const Json::Value drawn = DrawField(key, {all}, number, random_);
+        const std::int32_t drawn = DrawField(key, {all}, number, random_).at(0);
         for (std::size_t i = 0; i < kJobs; ++i) {
             const CronRange &item = jobs_[i].fields[Place(key)];
-            schedules_[i][key] = DrawField(key, {item}, FieldValues(drawn).at(0), random_);
+            Json::Value &array = schedules_[i][key];
+            array = Json::Value(Json::arrayValue);
+            array.append(DrawField(key, {item}, drawn, random_).at(0));
         }
     }
     static std::size_t Place(const std::string &key) {

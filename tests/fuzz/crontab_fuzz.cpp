@@ -98,7 +98,8 @@ void TryCrontab(const std::string &crontab) {
     CronJob job(document);
     const std::optional<CronFields> expected = ExpectedFields(crontab);
     Require(job.valid == expected.has_value(), "both parsers accept the same crontabs");
-    Require(!expected || AreSame(job.cronFields, *expected), "both parsers read the same crontab");
+    Require(!expected || AreSame(job.cronFields(), *expected),
+            "both parsers read the same crontab");
     TryJob(job);
 }
 

@@ -1,23 +1,64 @@
 // Feeds a job file to the reader and each definition in it to the job model. Beyond that nothing is
 // thrown: what the reader takes survives being saved, the schedule of a job lies in its fields and
 // decides alone when the job is due, and an accepted job is accepted again, unchanged, when its
-// saved document comes back at the next start.
+// saved document comes back at the next start. Faults are the same however many of them are asked
+// for, and lead to what was written.
 
 #include "core/json_contains.h"
+#include "job/definition.h"
 #include "job/json_members.h"
 #include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 
+#include <algorithm>
+#include <vector>
+
 namespace {
 
+bool AreSame(const DefinitionFault &one, const DefinitionFault &other) {
+    return one.kind == other.kind && one.member == other.member && one.rule == other.rule &&
+           one.number == other.number && one.offset == other.offset && one.text == other.text &&
+           one.item.fault == other.item.fault;
+}
+
+// Whether what the fault is about is where it says.
+bool IsInPlace(const DefinitionFault &fault, const Json::Value &definition) {
+    using Kind = DefinitionFault::Kind;
+    if (fault.kind == Kind::Item)
+        return TextMember(definition, "crontab")
+                   .compare(fault.offset, fault.text.size(), fault.text) == 0;
+    if (fault.kind == Kind::FieldCount)
+        return TextMember(definition, "crontab") == fault.text && fault.number != 5;
+    if (fault.kind == Kind::Argument)
+        return fault.number < Member(definition, "cmd_list").size();
+    return true;
+}
+
+void TryFaults(const Json::Value &definition) {
+    const std::vector<DefinitionFault> faults = ParseDefinition(definition).faults;
+    for (const std::size_t most : {std::size_t{1}, std::size_t{3}}) {
+        const std::vector<DefinitionFault> first = ParseDefinition(definition, most).faults;
+        Require(first.size() == std::min(most, faults.size()) &&
+                    std::equal(first.begin(), first.end(), faults.begin(), AreSame),
+                "the first faults are the same as among all");
+    }
+    for (const DefinitionFault &fault : faults)
+        Require(IsInPlace(fault, definition), "a fault leads to what it is about");
+}
+
 void TryDefinition(const Json::Value &definition) {
+    TryFaults(definition);
     Json::Value document;
     document["config"] = definition;
     CronJob job(document);
     TryJob(job);
+    std::vector<DefinitionFault> faults;
+    const CronJob silent(document, faults);
+    Require(silent.valid == job.valid && faults.empty() == job.valid,
+            "a job is valid when its definition has no faults");
     if (!job.valid)
         return;
-    Require(JsonContains(definition, Member(job.Document(), "config")), "what was defined stays");
+    Require(JsonContains(definition, job.Config()), "what was defined stays");
     Json::Value saved;
     Require(ReadDocument(JsonToString(job.Document()), kOwnFileLimits, saved) &&
                 saved == job.Document(),

@@ -7,15 +7,16 @@
 // The saved documents are kept in memory, and no program is staged.
 
 #include "core/crondaemon.h"
+#include "core/job_state.h"
 #include "core/json_contains.h"
 #include "core/launch_note.h"
 #include "job/json_members.h"
-#include "job/schedule.h"
 #include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -26,35 +27,30 @@ namespace {
 // The steps of the daemon that are tried. They are private, but the arguments of an explicit
 // instantiation may name what is.
 void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path, AccountLoads &loads);
-void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet, JobSet parsed);
-Json::Value JobsToJson(CronDaemon &daemon, JobSet &parsed);
+void ApplyToSaved(CronDaemon &daemon, Json::Value document, JobSet jobSet);
+void ApplyToLive(CronDaemon &daemon, JobSet jobSet);
 void RegenerateField(CronDaemon &daemon, const std::string &key);
-JobState StateOf(const CronDaemon &daemon, const CronJob &job, bool held);
 std::vector<CronJob> &JobsOf(CronDaemon &daemon);
 
-template <auto kLoad, auto kApply, auto kTake, auto kRegenerate, auto kState, auto kJobs>
+template <auto kLoad, auto kSaved, auto kLive, auto kRegenerate, auto kJobs>
 struct Opened {
     friend void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path,
                             AccountLoads &loads) {
         (daemon.*kLoad)(jobSet, path, "pkg_nonroot", loads);
     }
-    friend void ApplyJobSet(CronDaemon &daemon, Json::Value previous, JobSet jobSet,
-                            JobSet parsed) {
-        (daemon.*kApply)(std::move(previous), std::move(jobSet), std::move(parsed));
+    friend void ApplyToSaved(CronDaemon &daemon, Json::Value document, JobSet jobSet) {
+        (daemon.*kSaved)(std::move(document), std::move(jobSet));
     }
-    friend Json::Value JobsToJson(CronDaemon &daemon, JobSet &parsed) {
-        return (daemon.*kTake)(parsed);
+    friend void ApplyToLive(CronDaemon &daemon, JobSet jobSet) {
+        (daemon.*kLive)(std::move(jobSet));
     }
     friend void RegenerateField(CronDaemon &daemon, const std::string &key) {
         (daemon.*kRegenerate)(key);
     }
-    friend JobState StateOf(const CronDaemon &daemon, const CronJob &job, bool held) {
-        return (daemon.*kState)(job, held);
-    }
     friend std::vector<CronJob> &JobsOf(CronDaemon &daemon) { return daemon.*kJobs; }
 };
-template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyJobSet, &CronDaemon::JobsToJson,
-                       &CronDaemon::RegenerateField, &CronDaemon::ComputeState, &CronDaemon::jobs>;
+template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyToSaved,
+                       &CronDaemon::ApplyToLive, &CronDaemon::RegenerateField, &CronDaemon::jobs>;
 
 Json::Value &SavedRuntime() {
     static Json::Value document;
@@ -68,32 +64,34 @@ Json::Value &SavedRuntime() {
 StagingResult RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
     "__real__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
     "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
-bool RealJsonToFile(std::string text, const std::string &path, Durability durability) __asm__(
-    "__real__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
-    "IcESaIcEEERKS4_10Durability");
+using Writer = std::function<void(const JsonSink &sink)>;
+bool RealJsonToFile(const Writer &write, const std::string &path, Durability durability) __asm__(
+    "__real__Z10JsonToFileRKSt8functionIFvRKS_IFvSt17basic_string_viewIcSt11char_t"
+    "raitsIcEEEEEERKNSt7__cxx1112basic_stringIcS2_SaIcEEE10Durability");
 StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
     "__wrap__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
     "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
-bool SavedWithoutDisk(std::string text, const std::string &path, Durability durability) __asm__(
-    "__wrap__Z10JsonToFileNSt7__cxx1112basic_stringIcSt11char_traits"
-    "IcESaIcEEERKS4_10Durability");
+bool SavedWithoutDisk(const Writer &write, const std::string &path, Durability durability) __asm__(
+    "__wrap__Z10JsonToFileRKSt8functionIFvRKS_IFvSt17basic_string_viewIcSt11char_t"
+    "raitsIcEEEEEERKNSt7__cxx1112basic_stringIcS2_SaIcEEE10Durability");
 
 [[gnu::used]] static StagingResult (*const kRealStaging)(CronJob &, KnownAccounts &,
                                                          Staging &) = RealMoveBinaryToTmp;
-[[gnu::used]] static bool (*const kRealSaving)(std::string, const std::string &,
+[[gnu::used]] static bool (*const kRealSaving)(const Writer &, const std::string &,
                                                Durability) = RealJsonToFile;
 
 StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/, Staging & /*staging*/) {
     Require(Member(job.Document(), "cmd_list")[0U].isConvertibleTo(Json::stringValue),
             "a program has a name");
-    job.SetProgram(std::string(kRuntimeDirectory) + "/" + job.Name());
+    job.SetStaged(true);
     return StagingResult::Staged;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): it is what the real one is
-bool SavedWithoutDisk(std::string text, const std::string &path, Durability /*durability*/) {
+bool SavedWithoutDisk(const Writer &write, const std::string &path, Durability /*durability*/) {
     if (path != "/var/run/kestcrond.config")
         return true; // the template, which is not what is tried here
+    std::string text;
+    write([&](std::string_view part) { text += part; });
     Require(ReadDocument(text, kOwnFileLimits, SavedRuntime()), "a saved document is read back");
     return true;
 }
@@ -129,7 +127,7 @@ void RequireApplied(const Json::Value &previous, const Json::Value &jobSet,
         if (!JsonContains(Member(before, "config"), jobSet[name])) {
             Require(Member(after, "config") == jobSet[name], "a new definition is taken");
             Require(!HasMember(after, "lastExecution"), "a new job has never run");
-            Require(ScheduleAsText(after["schedule"]).find('X') == std::string::npos,
+            Require(CronJob(after).RenderSchedule().find('X') == std::string::npos,
                     "a new job has a schedule");
         } else if (after.isNull()) {
             Require(!CronJob(before).valid, "only what is no job is dropped");
@@ -145,22 +143,22 @@ void RequireApplied(const Json::Value &previous, const Json::Value &jobSet,
 Json::Value DefinitionsOf(const JobSet &jobSet) {
     Json::Value definitions(Json::objectValue);
     for (const auto &[name, job] : jobSet)
-        definitions[name] = Member(job.Document(), "config");
+        definitions[name] = job.Config();
     return definitions;
 }
 
-Json::Value Apply(CronDaemon &daemon, const Json::Value &previous, const JobSet &jobSet,
-                  const JobSet &parsed = {}) {
+Json::Value Restart(CronDaemon &daemon, const Json::Value &previous, const JobSet &jobSet) {
     SavedRuntime() = Json::Value();
-    ApplyJobSet(daemon, previous, jobSet, parsed);
+    ApplyToSaved(daemon, previous, jobSet);
     RequireApplied(previous, DefinitionsOf(jobSet), SavedRuntime());
     return SavedRuntime();
 }
 
 Json::Value Reload(CronDaemon &daemon, const JobSet &jobSet) {
-    JobSet parsed;
-    const Json::Value previous = JobsToJson(daemon, parsed);
-    return Apply(daemon, previous, jobSet, parsed);
+    const Json::Value previous = SavedRuntime();
+    ApplyToLive(daemon, jobSet);
+    RequireApplied(previous, DefinitionsOf(jobSet), SavedRuntime());
+    return SavedRuntime();
 }
 
 void TryLiveJobs(CronDaemon &daemon) {
@@ -169,7 +167,7 @@ void TryLiveJobs(CronDaemon &daemon) {
     for (CronJob &job : JobsOf(daemon)) {
         TryJob(job);
         LaunchFacts facts;
-        facts.state = JobStateName(StateOf(daemon, job, true));
+        facts.state = JobStateName(StateOf(FactsOf(job, false, true)));
         facts.scheduleText = job.scheduleText;
         Require(LaunchNote(facts).find(facts.state) != std::string::npos, "a launch is explained");
     }
@@ -202,10 +200,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     if (!IsPlain(text)) {
         // Names may become equal when they are saved, and each job with one starts afresh.
-        ApplyJobSet(daemon, previous, jobSet, {});
-        JobSet parsed;
-        const Json::Value taken = JobsToJson(daemon, parsed);
-        ApplyJobSet(daemon, taken, jobSet, std::move(parsed));
+        ApplyToSaved(daemon, previous, jobSet);
+        ApplyToLive(daemon, jobSet);
         TryLiveJobs(daemon);
         return 0;
     }
@@ -216,12 +212,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                 previous.type() == definitions.type(),
             "documents that contain each other are of one type");
     TryEntries(previous);
-    const Json::Value started = Apply(daemon, previous, jobSet);
-    const Json::Value restarted = Apply(daemon, started, jobSet);
+    const Json::Value started = Restart(daemon, previous, jobSet);
+    const Json::Value restarted = Restart(daemon, started, jobSet);
     Require(Member(restarted, "jobs").size() == jobSet.size(),
             "every job is there after a restart");
     Require(Reload(daemon, jobSet) == restarted, "a reload without changes changes nothing");
-    Require(Apply(daemon, restarted, jobSet) == restarted, "a restart changes nothing either");
+    Require(Restart(daemon, restarted, jobSet) == restarted, "a restart changes nothing either");
     TryLiveJobs(daemon);
     return 0;
 }

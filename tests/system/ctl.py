@@ -60,8 +60,10 @@ class Ctl:
 
 @pytest.fixture
 def ctl(machine, request):
-    """The tool that lies beside the daemon under test, installed on the appliance."""
-    return Ctl(machine, Path(request.config.getoption("--daemon")).resolve().parent / "kestcronctl")
+    """The tool that lies beside the daemon under test, installed on the appliance. Whatever it is
+    asked, it writes nothing to the system log."""
+    yield Ctl(machine, Path(request.config.getoption("--daemon")).resolve().parent / "kestcronctl")
+    assert [message for message in machine.messages() if message.program == "kestcronctl"] == []
 
 
 def expect_golden(name, text):

@@ -301,6 +301,22 @@ def test_nested_lists_grow_no_document(machine):
     assert len(machine.read(machine.RUNTIME_FILE)) < 1 << 16
 
 
+@pytest.mark.native(reason="the memory is the emulator's")
+def test_deep_lists_take_no_more_memory_than_they_do_as_values(machine):
+    """As text in a document, each of their elements has a line of its own, and blanks in it."""
+    machine.jobs("pkg_nonroot", "other", [never("x")], account="alice")
+    machine.start_and_wait()
+    before = memory(machine, "VmHWM")
+    machine.stop()
+    text = json.dumps([never("x", lists="@")]).replace(
+        '"@"', "[" * 58 + "[]" + ",[]" * 300000 + "]" * 58)
+    assert len(text) < 1 << 20
+    machine.write(ALICE + "/nested", text)
+    machine.start_and_wait()
+    assert names(machine) == {"pkg_nonroot-alice-other-x"}
+    assert memory(machine, "VmHWM") < before + (400 if machine.is_sanitized() else 65)
+
+
 @pytest.mark.parametrize("member,element", [("cmd", "a "), ("crontab", "1,"), ("extra", "\\u0001")])
 def test_what_is_derived_counts_too(machine, member, element):
     """A document holds more than its definition: words of a command, values of a schedule."""

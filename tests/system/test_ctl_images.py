@@ -120,6 +120,15 @@ def test_a_document_that_is_too_large(machine, ctl):  # noqa: F811
     assert ctl("--root", ROOT, "list").returncode == 0
 
 
+def test_an_entry_full_of_faults(machine, ctl):  # noqa: F811
+    """The first of them is enough to leave it out."""
+    machine.path(ROOT).mkdir()
+    document(machine, json.dumps({"jobs": {
+        "a": job("a"), "b": job("b", crontab="x," * 400000 + "1 * * * *")}}))
+    done = ctl("--root", ROOT, "list")
+    assert done.returncode == 0 and '"b" is no job' in done.stderr
+
+
 def test_a_document_of_the_daemon_is_worth_its_memory(machine, ctl):  # noqa: F811
     """Those that it writes itself are read, however many jobs there are."""
     if machine.is_sanitized():

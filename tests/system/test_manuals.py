@@ -192,8 +192,10 @@ def told_messages():
 
 def test_messages():
     """Each message of the code is told in full under its tag, and no other."""
-    said = {Path(name).stem: texts for name, source in CODE.items()
-            if name.endswith(".cpp") and (texts := formats(source))}
+    said = {}
+    for name, source in CODE.items():
+        if name.endswith(".cpp") and (texts := formats(source)):
+            said.setdefault(Path(name).name.split(".")[0], []).extend(texts)
     told = told_messages()
     assert sum(map(len, said.values())) >= 60
     assert set(said) == set(told)
@@ -205,9 +207,9 @@ def test_messages():
 
 def test_fixed_words_of_messages():
     """What the code fills into a message by itself is told too."""
-    words = {text for name in ("log/memorylogger.cpp", "job/cronjob.cpp")
-             for call in re.findall(r'LOG_ERROR\("Failed \[%s\], err=%m", ([^;]*)\);', CODE[name])
-             for text in strings(call)}
+    calls = re.findall(r'LOG_ERROR\("Failed \[%s\], err=%m", ([^;]*)\);', CODE["log/memorylogger.cpp"])
+    calls += re.findall(r'\{Kind::NoCommand, "cmd_list", ([^;]*)\}', CODE["job/definition.cpp"])
+    words = {text for call in calls for text in strings(call)}
     assert len(words) == 4
     assert [word for word in words if f".Ql {word}\n" not in manual(PAGES[0])
             and f".Ql {word} ,\n" not in manual(PAGES[0])] == []
@@ -216,7 +218,7 @@ def test_fixed_words_of_messages():
 def test_lines_of_the_execution_log_that_tell_of_failures():
     told = [one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M)
             if "ERROR" in one]
-    text = CODE["job/cronjob.cpp"]
+    text = CODE["job/cronjob.start.cpp"]
     steps = set(re.findall(r'report\("(\w+)"\)', text))
     assert len(steps) == 3
     pieces = strings(re.search(r"WriteExecutionLog\(std::string\((.*?)\);", text, re.S)[1])

@@ -1,4 +1,4 @@
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 
 #include "core/redraw.h"
 #include "job/cronjob.h"
@@ -59,7 +59,7 @@ std::vector<std::string> Starts(const CronJob &job, std::time_t from, std::size_
                                 std::optional<std::time_t> now = std::nullopt) {
     std::vector<std::string> texts;
     for (const ComingStart &start :
-         ComingStarts(job.cronFields, job.Document()["schedule"],
+         ComingStarts(job.cronFields(), job.Document()["schedule"],
                       {now.value_or(from), from, from + kCalendarRepeats}, count))
         texts.push_back(Text(start));
     return texts;
@@ -172,7 +172,7 @@ TEST(ComingStarts, AreThoseOfTheLocalClock) {
     EXPECT_THAT(Starts(JobOf("30 2 * * *"), Utc(2026, 3, 28, 12, 0), 2),
                 ElementsAre("2026-03-30 02:30", "2026-03-31 02:30"));
     const std::vector<ComingStart> twice = ComingStarts(
-        JobOf("30 2 * * *").cronFields, JobOf("30 2 * * *").Document()["schedule"],
+        JobOf("30 2 * * *").cronFields(), JobOf("30 2 * * *").Document()["schedule"],
         {Utc(2026, 10, 24, 12, 0), Utc(2026, 10, 24, 12, 0), Utc(2027, 1, 1, 0, 0)}, 3);
     ASSERT_THAT(twice, SizeIs(3));
     EXPECT_EQ(twice[0].earliest, Utc(2026, 10, 25, 0, 30));
@@ -266,7 +266,7 @@ TEST(ComingStarts, HoldAllThatComes) {
             Utc(2026, 3, 25, static_cast<int>(round % 24), static_cast<int>(round));
         const std::vector<std::time_t> lived = Lived(job, from, days, clock);
         const std::vector<ComingStart> coming = ComingStarts(
-            job.cronFields, job.Document()["schedule"], {from, from, from + days * kDay}, 20000);
+            job.cronFields(), job.Document()["schedule"], {from, from, from + days * kDay}, 20000);
         for (const std::time_t moment : lived)
             ASSERT_TRUE(std::any_of(coming.begin(), coming.end(),
                                     [moment](const ComingStart &start) {

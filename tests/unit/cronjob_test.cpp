@@ -1,5 +1,6 @@
 #include "job/cronjob.h"
 
+#include "job/json_members.h"
 #include "tests/unit/support/child.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/execution_log.h"
@@ -9,6 +10,7 @@
 #include "tests/unit/support/memory.h"
 #include "tests/unit/syslog_capture.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,35 +47,82 @@ CronJob ScheduledJob(const std::string &crontab) {
     return job;
 }
 
-// --- Construction -------------------------------------------------------------------------------
+// --- Document -----------------------------------------------------------------------------------
 
-TEST(CronJobConstruction, OfWhatIsParsedIsTheSameAsAfresh) {
+// The document as the runtime document has it.
+std::string Saved(const CronJob &job) {
+    JsonText text(std::string::npos, 2);
+    job.AppendTo(text);
+    return text.Take();
+}
+
+std::string AsValueOfJobs(const Json::Value &document) {
+    JsonText text(std::string::npos, 2);
+    text.Append(document);
+    return text.Take();
+}
+
+TEST(CronJobDocument, IsSavedAsItIs) {
     const FixedClock clock(1700000000);
-    for (const char *members : {R"("name": "a", "user": "root", "period": "d", "cmd": "x  y")",
-                                R"("name": "a", "user": "root", "period": "w", "assure_execute": 5,
-                                   "assure_execute_action": "run", "run_on_passive": true,
-                                   "cmd_list": ["a b", 5])"}) {
-        SCOPED_TRACE(members);
-        CronJob job(Document(members));
-        for (const std::string &key : FieldKeys())
+    const SyslogCapture log;
+    const char *const config =
+        R"("config": {"name": "a", "user": "root", "period": "crontab", "cmd": "b  c",)"
+        R"( "crontab": "~,5 1~3,1~3 * * 0"})";
+    for (
+        const std::string more :
+        {R"("x": null)", R"("expireTime": 5, "lastExecution": 7)",
+         R"("expireTime": "x", "lastExecution": 7.0)", R"("expireTime": null)",
+         R"("expireTime": 99999999999999999999, "lastExecution": -1)",
+         R"("lastExecution": [{"a": [1, 2]}], "startup": "x")",
+         R"("schedule": {"Minute": [1, 5], "hour": [2, 3], "day": [-1], "month": [-1], "week": [0]})",
+         R"("schedule": {"Minute": [1], "hour": [2, 3], "day": [-1], "month": [-1], "week": [0]})",
+         R"("schedule": {"Minute": [1, 5.0], "hour": [2, 300], "x": [1]})",
+         R"("schedule": {"hour": [2, 3]})", R"("schedule": {})", R"("schedule": null)",
+         R"("schedule": [[1, 5]])", R"("schedule": {"Minute": "x", "week": [0]})",
+         R"("a": 1, "cmd_list": 5, "cmd_str": {}, "d": 1.5, "m": [[]], "t": {"u": {}}, "z": "\n\t")",
+         "\"\u00e4\": \"\u20ac\"", "\"a\": \"\xff\", \"\xff\": 1"}) {
+        SCOPED_TRACE(more);
+        const CronJob fresh(FromText("{" + std::string(config) + ", " + more + "}"));
+        ASSERT_TRUE(fresh.valid);
+        const Json::Value members = FromText("{" + more + "}");
+        for (const std::string &name : members.getMemberNames())
+            if (name != "cmd_list" && name != "cmd_str") {
+                EXPECT_EQ(fresh.Document()[name], members[name]) << name;
+            }
+        CronJob job = fresh;
+        EXPECT_EQ(Saved(job), AsValueOfJobs(job.Document()));
+        EXPECT_EQ(job.Document()["cmd_list"], FromText(R"(["b", "c"])"));
+        job.SetStaged(true);
+        EXPECT_EQ(job.Document()["cmd_list"], FromText(R"(["/tmp/kestcrond/a", "c"])"));
+        EXPECT_EQ(Saved(job), AsValueOfJobs(job.Document()));
+        for (const std::string &key : FieldKeys()) {
             job.GenerateSchedule(key);
+            EXPECT_EQ(Saved(job), AsValueOfJobs(job.Document())) << key;
+            EXPECT_EQ(job.GetScheduleValues(key), FieldValues(job.Document()["schedule"][key]));
+        }
         job.NoteLaunch(1600000000);
-        job.SetProgram("/somewhere/else");
-        job.scheduleText = "of an earlier match";
-        Json::Value document = job.TakeDocument();
-        const CronJob fresh(document);
-        const CronJob again(std::move(job), std::move(document));
-        EXPECT_TRUE(again.valid);
-        EXPECT_EQ(again.Document(), fresh.Document());
-        EXPECT_EQ(again.scheduleText, "");
-        EXPECT_EQ(again.assureExecute, fresh.assureExecute);
-        EXPECT_EQ(again.assureRun, fresh.assureRun);
-        EXPECT_EQ(again.runOnPassive, fresh.runOnPassive);
-        EXPECT_EQ(again.cronFields.size(), fresh.cronFields.size());
-        EXPECT_EQ(again.IsAssureOverdue(), fresh.IsAssureOverdue());
-        EXPECT_EQ(again.ExpireTime(), 0);
+        EXPECT_EQ(Saved(job), AsValueOfJobs(job.Document()));
+        EXPECT_EQ(job.Document()["expireTime"], 0);
+        EXPECT_EQ(job.Document()["lastExecution"], 1600000000);
+        for (const std::string &name : members.getMemberNames())
+            if (name == "x" || name == "a" || name == "startup") {
+                EXPECT_EQ(job.Document()[name], members[name]) << name;
+            }
     }
 }
+
+TEST(CronJobDocument, KnowsTheSameDefinition) {
+    const FixedClock clock(1700000000);
+    const char *const config = R"("name": "a", "user": "root", "period": "d", "cmd": "b")";
+    CronJob job(Document(config));
+    job.GenerateSchedule("hour");
+    job.NoteLaunch(17);
+    EXPECT_TRUE(job.HasConfigOf(CronJob(Document(config))));
+    for (const char *more : {R"(, "x": 1)", R"(, "assure_execute": 1)", R"(, "cmd": "c")"})
+        EXPECT_FALSE(job.HasConfigOf(CronJob(Document(std::string(config) + more)))) << more;
+}
+
+// --- Construction -------------------------------------------------------------------------------
 
 TEST(CronJobConstruction, FillsInAWholeJob) {
     const FixedClock clock(1700000000);
@@ -91,7 +140,7 @@ TEST(CronJobConstruction, FillsInAWholeJob) {
         "period": "Weekly", "cmd": "/usr/bin/backup.sh  -v", "assure_execute": 48,
         "assure_execute_action": "run", "run_on_passive": true}, "startup": 1700000000,
         "cmd_list": ["/usr/bin/backup.sh", "-v"], "cmd_str": "/usr/bin/backup.sh  -v"})"));
-    EXPECT_EQ(job.cronFields.size(), 5U);
+    EXPECT_EQ(job.cronFields().size(), 5U);
     EXPECT_TRUE(log.Messages().empty());
 }
 
@@ -168,11 +217,11 @@ struct ParsedField {
 };
 
 void ExpectFields(const CronJob &job, const std::vector<ParsedField> &fields) {
-    EXPECT_EQ(job.cronFields.size(), fields.size());
+    EXPECT_EQ(job.cronFields().size(), fields.size());
     for (const ParsedField &field : fields) {
         SCOPED_TRACE(field.key);
-        ASSERT_EQ(job.cronFields.count(field.key), 1U);
-        const std::vector<CronRange> &items = job.cronFields.at(field.key);
+        ASSERT_EQ(job.cronFields().count(field.key), 1U);
+        const std::vector<CronRange> items = job.cronFields().at(field.key);
         ASSERT_EQ(items.size(), field.items.size());
         for (std::size_t i = 0; i < items.size(); ++i) {
             EXPECT_EQ(items[i].type, field.items[i].type);
@@ -254,7 +303,7 @@ TEST(CronJobConstruction, TakesTheCrontabOfThePeriod) {
         ASSERT_TRUE(job.valid);
         std::string text;
         for (const std::string &key : FieldKeys()) {
-            const CronRange &item = job.cronFields.at(key).at(0);
+            const CronRange item = job.cronFields().at(key).at(0);
             text += text.empty() ? "" : " ";
             text += item.type == CronRange::Random ? "R"
                     : item.type == CronRange::Any  ? "*"
@@ -368,6 +417,34 @@ TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
     }
 }
 
+TEST(CronJobConstruction, GivesTheFaultsInsteadOfMessages) {
+    const FixedClock clock(1700000000);
+    const char *const rows[] = {
+        "7",
+        "{}",
+        R"({"config": {"name": "a", "period": "yearly", "cmd": 5}})",
+        R"({"config": {"name": "a", "user": "root", "period": "d", "cmd": "b"}})",
+        R"({"config": {"name": "a", "user": "root", "period": "c", "cmd_list": [],
+                       "crontab": "1,x,3,60 * * * *", "assure_execute": 5}})",
+    };
+    for (const char *row : rows) {
+        SCOPED_TRACE(row);
+        SyslogCapture log;
+        const CronJob loud(FromText(row));
+        log.Clear();
+        const std::size_t all = ParseDefinition(Member(FromText(row), "config")).faults.size();
+        std::vector<DefinitionFault> faults(1); // of another job
+        const CronJob silent(FromText(row), faults);
+        EXPECT_EQ(faults.size(), 1 + all);
+        EXPECT_EQ(silent.valid, all == 0);
+        EXPECT_EQ(silent.valid, loud.valid);
+        EXPECT_EQ(silent.Document(), loud.Document());
+        const CronJob bounded(FromText(row), faults, 1);
+        EXPECT_EQ(faults.size(), 1 + all + std::min<std::size_t>(all, 1));
+        EXPECT_TRUE(log.Messages().empty());
+    }
+}
+
 TEST(CronJobConstruction, ParsesTheCommandLast) {
     const SyslogCapture log;
     const CronJob unscheduled(
@@ -400,8 +477,8 @@ TEST(CronJobConstruction, KeepsTheItemsBeforeTheBadOne) {
     const SyslogCapture log;
     const CronJob job = CrontabJob("0 1,2,24,3 * * *");
     EXPECT_FALSE(job.valid);
-    EXPECT_EQ(job.cronFields.size(), 2U);
-    EXPECT_EQ(job.cronFields.at("hour").size(), 2U);
+    EXPECT_EQ(job.cronFields().size(), 2U);
+    EXPECT_EQ(job.cronFields().at("hour").size(), 2U);
 }
 
 TEST(CronJobConstruction, WithoutADocumentIsAnInvalidJob) {
@@ -500,13 +577,17 @@ TEST(ResolveJobUser, TellsWhichAccountIsMissing) {
 TEST(ResolveJobUser, AsksForAnAccountOnce) {
     const SyslogCapture log;
     KnownAccounts accounts;
-    const Json::Value root = FromText(R"({"user": "root"})");
+    const auto jobOf = [](const std::string &user) {
+        return CronJob(
+            Document(R"("name": "a", "period": "d", "cmd": "b", "user": ")" + user + "\""));
+    };
+    const CronJob root = jobOf("root");
     EXPECT_EQ(ResolveJobUser(root, accounts).uid, 0U);
     ASSERT_EQ(accounts.count("root"), 1U);
     accounts["root"].uid = 17; // is believed
     EXPECT_EQ(ResolveJobUser(root, accounts).uid, 17U);
-    EXPECT_EQ(ResolveJobUser(root).uid, 0U);
-    const Json::Value missing = FromText(R"({"user": "no-such-root"})");
+    EXPECT_EQ(ResolveJobUser(root.Config()).uid, 0U);
+    const CronJob missing = jobOf("no-such-root");
     EXPECT_FALSE(ResolveJobUser(missing, accounts).valid);
     ASSERT_EQ(accounts.count("no-such-root"), 1U) << "a failed look-up may have cost a time-out";
     accounts["no-such-root"].valid = true;
@@ -543,11 +624,11 @@ TEST(GenerateFieldSchedule, ReplacesWhatStoodThere) {
     }
 }
 
-TEST(GenerateFieldSchedule, OfAFieldWithoutItemsIsEmpty) {
+TEST(GenerateFieldSchedule, KnowsNoOtherFields) {
     CronJob job = CrontabJob("* * * * *");
+    const Json::Value before = job.Document();
     job.GenerateSchedule("fortnight");
-    EXPECT_EQ(job.Document()["schedule"]["fortnight"], FromText("[]"));
-    EXPECT_EQ(job.cronFields.count("fortnight"), 1U);
+    EXPECT_EQ(job.Document(), before);
     EXPECT_FALSE(job.MatchField("fortnight", 1));
 }
 
@@ -748,17 +829,20 @@ TEST(IsAssureOverdue, CountsFromTheLastRunOrTheStart) {
         {2, R"({"lastExecution": 0, "startup": 1700000000})", true},
         {2, R"({"lastExecution": "x", "startup": 1700000000})", false},
         {2, R"({"lastExecution": "x", "startup": 1699992799})", true},
-        {2, R"({"lastExecution": 9e30})", true}, // no time at all, and never known
-        {1, "{}", true},
+        {2, R"({"lastExecution": 9e30, "startup": "x"})", true}, // no time at all, and never known
+        {1, R"({"startup": "x"})", true},
         {0, "{}", false},
         {0, R"({"lastExecution": 0})", false},
         {1, R"({"lastExecution": 9223372036854775807})", false},
         {-1, R"({"lastExecution": 1700000000})", true},
     };
     for (const Row &row : rows) {
-        CronJob assured;
-        assured.assureExecute = row.hours;
-        const CronJob job(assured, FromText(row.members));
+        Json::Value document = FromText(row.members);
+        document["config"] =
+            FromText(R"({"name": "a", "user": "root", "period": "d", "cmd": "b"})");
+        document["config"]["assure_execute"] = row.hours;
+        const CronJob job(document);
+        ASSERT_TRUE(job.valid);
         EXPECT_EQ(job.IsAssureOverdue(), row.overdue) << row.hours << " " << row.members;
     }
 }
@@ -856,10 +940,8 @@ TEST_F(LaunchTest, EndsAChildThatHasNoAccount) {
 
 // A second scheduler would be worse than a job that did not run.
 TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
-    CronJob job = ShellJob("root", "true");
-    Json::Value config = job.Document()["config"];
-    config["cmd_list"] = FromText("[]");
-    job = With(job, "config", config);
+    const SyslogCapture log;
+    CronJob job(Document(R"("name": "backup", "user": "root", "period": "never", "cmd": "true")"));
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
     const std::string running = time_ + "running job: backup with command: ";
     EXPECT_EQ(ReadText(ExecutionLogPath()), running + " as user root\n" + running +

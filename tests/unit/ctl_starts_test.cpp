@@ -1,6 +1,6 @@
 #include "ctl/starts.h"
 
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 #include "ctl/condition.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/jobs.h"
@@ -14,11 +14,12 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::time_t kDay = 24 * kHour;
+constexpr std::time_t kDayLength = 24 * kHour;
 const std::time_t kNow = Utc(2026, 6, 2, 2, 10, 30);
 const std::time_t kMinuteOfNow = Utc(2026, 6, 2, 2, 10);
 
-LiveJob JobOf(const std::string &crontab, int hours = 0, std::time_t lastRun = kNow - kDay) {
+LiveJob LiveJobOf(const std::string &crontab, int hours = 0,
+                  std::time_t lastRun = kNow - kDayLength) {
     Json::Value document =
         FromText(R"({"config": {"name": "pkg-a-b", "user": "root", "cmd": "x", "period": "c"}})");
     document["config"]["crontab"] = crontab;
@@ -38,7 +39,8 @@ LiveJob JobOf(const std::string &crontab, int hours = 0, std::time_t lastRun = k
 std::vector<std::pair<double, bool>> Starts(const LiveJob &job, std::size_t count,
                                             const Daemon &daemon = {}) {
     std::vector<std::pair<double, bool>> starts;
-    for (const JobStart &start : StartsOf(job, daemon, {kNow, kNow, kNow + 400 * kDay}, count))
+    for (const JobStart &start :
+         StartsOf(job, daemon, {kNow, kNow, kNow + 400 * kDayLength}, count))
         starts.emplace_back(static_cast<double>(start.earliest - kMinuteOfNow) / kHour,
                             start.overdue);
     return starts;
@@ -51,21 +53,22 @@ class StartsTest : public testing::Test {
 };
 
 TEST_F(StartsTest, AreThoseOfTheSchedule) {
-    EXPECT_THAT(Starts(JobOf("10 * * * *"), 3), ElementsAre(S{0, false}, S{1, false}, S{2, false}));
-    EXPECT_THAT(Starts(JobOf("0 0 30 2 *"), 3), IsEmpty());
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *"), 3),
+                ElementsAre(S{0, false}, S{1, false}, S{2, false}));
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *"), 3), IsEmpty());
 }
 
 TEST_F(StartsTest, AreNotInTheMinuteThatItHasRunIn) {
-    EXPECT_THAT(Starts(JobOf("10 * * * *", 0, kMinuteOfNow + 2), 2),
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow + 2), 2),
                 ElementsAre(S{1, false}, S{2, false}));
-    EXPECT_THAT(Starts(JobOf("10 * * * *", 0, kMinuteOfNow - 1), 2),
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow - 1), 2),
                 ElementsAre(S{0, false}, S{1, false}));
 }
 
 TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
     Daemon passive;
     passive.passive = true;
-    LiveJob job = JobOf("10 * * * *");
+    LiveJob job = LiveJobOf("10 * * * *");
     EXPECT_THAT(Starts(job, 3, passive), IsEmpty());
     job.job.runOnPassive = true;
     EXPECT_THAT(Starts(job, 1, passive), ElementsAre(S{0, false}));
@@ -73,25 +76,26 @@ TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
 
 TEST_F(StartsTest, ComeSoonerForAnAssuredJob) {
     // Never by its schedule: whenever it has waited for more than 5 hours.
-    EXPECT_THAT(Starts(JobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour), 2),
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour), 2),
                 ElementsAre(S{3, true}, S{8, true}));
     // Overdue by now.
-    EXPECT_THAT(Starts(JobOf("0 0 30 2 *", 5, kNow - 6 * kHour), 1), ElementsAre(S{0, true}));
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kNow - 6 * kHour), 1), ElementsAre(S{0, true}));
     // Its schedule comes sooner.
-    EXPECT_THAT(Starts(JobOf("10 * * * *", 5), 1), ElementsAre(S{0, false}));
-    EXPECT_THAT(Starts(JobOf("10 5 * * *", 5, kMinuteOfNow), 2),
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 5), 1), ElementsAre(S{0, false}));
+    EXPECT_THAT(Starts(LiveJobOf("10 5 * * *", 5, kMinuteOfNow), 2),
                 ElementsAre(S{3, false}, S{8, true}));
 }
 
 TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
     // Drawn anew at midnight: if that is later than the moment at which it is overdue, it comes
     // then.
-    const LiveJob job = JobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
+    const LiveJob job = LiveJobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
     LiveJob drawn = job;
     Json::Value schedule = drawn.job.Document()["schedule"];
     schedule["hour"] = FromText("[1]");
     drawn.job = With(drawn.job, "schedule", schedule);
-    const std::vector<JobStart> starts = StartsOf(drawn, {}, {kNow, kNow, kNow + 2 * kDay}, 2);
+    const std::vector<JobStart> starts =
+        StartsOf(drawn, {}, {kNow, kNow, kNow + 2 * kDayLength}, 2);
     ASSERT_EQ(starts.size(), 2U);
     EXPECT_EQ(starts[0].earliest, Utc(2026, 6, 3, 0, 30));
     EXPECT_EQ(starts[0].latest, Utc(2026, 6, 3, 23, 30));
@@ -101,49 +105,50 @@ TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
 }
 
 TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
-    const LiveJob job = JobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour);
+    const LiveJob job = LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour);
     const std::vector<JobStart> starts =
-        StartsOf(job, {}, {kNow, kNow + 4 * kHour, kNow + kDay}, 2);
+        StartsOf(job, {}, {kNow, kNow + 4 * kHour, kNow + kDayLength}, 2);
     ASSERT_EQ(starts.size(), 2U);
     EXPECT_EQ(starts[0].earliest, kMinuteOfNow + 8 * kHour);
     EXPECT_EQ(starts[1].earliest, kMinuteOfNow + 13 * kHour);
 }
 
 TEST_F(StartsTest, OfAMuchLaterTimeAreFoundToo) {
-    const std::time_t later = kMinuteOfNow + 1000 * kDay;
+    const std::time_t later = kMinuteOfNow + 1000 * kDayLength;
     const auto first = [&](const LiveJob &job) {
-        const std::vector<JobStart> starts = StartsOf(job, {}, {kNow, later, later + kDay}, 2);
+        const std::vector<JobStart> starts =
+            StartsOf(job, {}, {kNow, later, later + kDayLength}, 2);
         return starts.empty() ? JobStart() : starts.front();
     };
     // Each 5 hours: 1000 days hold 4800 such waits.
-    EXPECT_EQ(first(JobOf("0 0 30 2 *", 5, kMinuteOfNow)).earliest, later);
-    EXPECT_TRUE(first(JobOf("0 0 30 2 *", 5, kMinuteOfNow)).overdue);
-    EXPECT_EQ(first(JobOf("0 0 30 2 *", 7, kMinuteOfNow)).earliest, later + 3 * kHour);
-    EXPECT_EQ(first(JobOf("0 0 30 2 *", -1)).earliest, later);
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).earliest, later);
+    EXPECT_TRUE(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).overdue);
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 7, kMinuteOfNow)).earliest, later + 3 * kHour);
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", -1)).earliest, later);
     // One that starts every minute is never overdue.
-    EXPECT_EQ(first(JobOf("* * * * *", 5)).earliest, later);
-    EXPECT_FALSE(first(JobOf("* * * * *", 5)).overdue);
-    EXPECT_EQ(first(JobOf("0 3 * * *", 5)).earliest, later + 3000);
+    EXPECT_EQ(first(LiveJobOf("* * * * *", 5)).earliest, later);
+    EXPECT_FALSE(first(LiveJobOf("* * * * *", 5)).overdue);
+    EXPECT_EQ(first(LiveJobOf("0 3 * * *", 5)).earliest, later + 3000);
 }
 
 TEST_F(StartsTest, StandStrangeTimes) {
     for (const std::int64_t time : {std::int64_t{0}, INT64_MAX, INT64_MIN}) {
         const std::vector<JobStart> starts =
-            StartsOf(JobOf("0 0 30 2 *", 5, time), {}, {kNow, kNow, kNow + kDay}, 100);
+            StartsOf(LiveJobOf("0 0 30 2 *", 5, time), {}, {kNow, kNow, kNow + kDayLength}, 100);
         EXPECT_LE(starts.size(), 5U);
         for (const JobStart &start : starts)
             EXPECT_GE(start.earliest, kMinuteOfNow);
     }
-    EXPECT_EQ(Starts(JobOf("0 0 30 2 *", -5), 3),
+    EXPECT_EQ(Starts(LiveJobOf("0 0 30 2 *", -5), 3),
               (std::vector<S>{{0, true}, {1 / 60.0, true}, {2 / 60.0, true}}));
 }
 
 TEST_F(StartsTest, AreMergedInOrder) {
-    const LiveJob early = JobOf("30 * * * *");
-    LiveJob late = JobOf("40 * * * *");
+    const LiveJob early = LiveJobOf("30 * * * *");
+    LiveJob late = LiveJobOf("40 * * * *");
     late.name = "pkg-a-a";
     const std::vector<JobStart> starts =
-        StartsOf({&late, &early}, {}, {kNow, kNow, kNow + kDay}, 3);
+        StartsOf({&late, &early}, {}, {kNow, kNow, kNow + kDayLength}, 3);
     ASSERT_EQ(starts.size(), 3U);
     EXPECT_EQ(starts[0].job, &early);
     EXPECT_EQ(starts[1].job, &late);
@@ -180,7 +185,7 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
         {5, true, false, true, true, 77, Condition::Running},
     };
     for (const auto &row : rows) {
-        LiveJob job = JobOf("0 0 30 2 *", row.hours);
+        LiveJob job = LiveJobOf("0 0 30 2 *", row.hours);
         job.job = With(job.job, "expireTime", row.due ? 1 : 0);
         job.job.assureRun = row.run ? 1 : 0;
         job.process = row.process;

@@ -317,6 +317,21 @@ TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
+TEST_F(MemoryLoggerTest, IsSilentWhenItIsTold) {
+    KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1, lock_);
+    logger.BeSilent();
+    logger.stream() << "line\n";
+    logger.Flush();
+    EXPECT_EQ(logger.LogError(), 0); // nothing is lost
+    EXPECT_EQ(ReadText(log_), "line\n");
+    std::filesystem::remove(log_);
+    std::filesystem::create_directory(log_);
+    logger.stream() << "line\n";
+    logger.Flush();
+    EXPECT_EQ(logger.LogError(), EISDIR);
+    EXPECT_TRUE(messages_.Messages().empty());
+}
+
 // Files that cannot grow past 100 bytes stand for a disk that is full.
 class FullDiskTest : public MemoryLoggerTest {
 protected:

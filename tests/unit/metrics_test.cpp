@@ -1,6 +1,6 @@
 #include "ctl/metrics.h"
 
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 #include "job/schedule.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/json_text.h"

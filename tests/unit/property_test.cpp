@@ -135,9 +135,10 @@ TEST(Property, DrawnValuesLieInTheirItems) {
         item.from = chance.Between(bounds.low, bounds.high);
         item.to = chance.Between(item.from, bounds.high);
         const int shared = chance.Between(-2, 70);
-        const Json::Value drawn = DrawField(FieldKeys()[field], {item}, shared, random);
+        const std::vector<std::int32_t> drawn =
+            DrawField(FieldKeys()[field], {item}, shared, random);
         ASSERT_EQ(drawn.size(), 1U);
-        const int value = drawn[0].asInt();
+        const int value = drawn[0];
         ASSERT_TRUE(item.from <= value && value <= item.to) << item.from << '~' << item.to;
         if (item.from <= shared && shared <= item.to) {
             ASSERT_EQ(value, shared);

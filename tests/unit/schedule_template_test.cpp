@@ -67,8 +67,8 @@ TEST(MakeDefaultScheduleTemplate, ReplacesALoadedOne) {
     MakeDefaultScheduleTemplate(scheduleTemplate);
     EXPECT_EQ(scheduleTemplate.maxDelay, 300);
     EXPECT_EQ(scheduleTemplate.Name(), "scheduleTemplate");
-    EXPECT_EQ(scheduleTemplate.cronFields.at("hour").size(), 1U);
-    EXPECT_EQ(scheduleTemplate.cronFields.at("hour")[0].type, CronRange::Random);
+    EXPECT_EQ(scheduleTemplate.cronFields().at("hour").size(), 1U);
+    EXPECT_EQ(scheduleTemplate.cronFields().at("hour")[0].type, CronRange::Random);
 }
 
 class TemplateFileTest : public testing::Test {
@@ -89,7 +89,7 @@ protected:
         EXPECT_EQ(scheduleTemplate_.maxDelay, 1234);
         EXPECT_EQ(scheduleTemplate_.scheduleText, "text");
         EXPECT_TRUE(scheduleTemplate_.valid);
-        EXPECT_EQ(scheduleTemplate_.cronFields.size(), 5U);
+        EXPECT_EQ(scheduleTemplate_.cronFields().size(), 5U);
     }
 
     TemporaryDirectory directory_;
@@ -106,8 +106,24 @@ TEST_F(TemplateFileTest, LoadsTheWholeJob) {
     EXPECT_EQ(scheduleTemplate_.scheduleText, "");
     EXPECT_EQ(scheduleTemplate_.Document()["startup"], 17);
     EXPECT_EQ(scheduleTemplate_.RenderSchedule(), "0 3 -1 -1 -1");
-    EXPECT_EQ(scheduleTemplate_.cronFields.at("hour")[0].from, 3);
+    EXPECT_EQ(scheduleTemplate_.cronFields().at("hour")[0].from, 3);
     EXPECT_EQ(scheduleTemplate_.maxDelay, 300);
+}
+
+TEST_F(TemplateFileTest, IsTakenOverFromADocumentWithoutMessages) {
+    const SyslogCapture log;
+    std::vector<DefinitionFault> faults;
+    EXPECT_FALSE(TakeScheduleTemplate(scheduleTemplate_, FromText(R"({"maxDelay": 5})"), faults));
+    EXPECT_EQ(faults.size(), 1U);
+    EXPECT_EQ(scheduleTemplate_.maxDelay, 300);
+    EXPECT_TRUE(scheduleTemplate_.valid);
+    Json::Value document = FromText(kFixed);
+    document["maxDelay"] = 5;
+    EXPECT_TRUE(TakeScheduleTemplate(scheduleTemplate_, document, faults));
+    EXPECT_EQ(faults.size(), 1U);
+    EXPECT_EQ(scheduleTemplate_.maxDelay, 5);
+    EXPECT_EQ(scheduleTemplate_.RenderSchedule(), "0 3 -1 -1 -1");
+    EXPECT_TRUE(log.Messages().empty());
 }
 
 // Draws are made at their own time, not by loading.

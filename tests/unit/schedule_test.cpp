@@ -2,19 +2,21 @@
 
 #include "tests/unit/support/json_text.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
 
 namespace {
 
+using testing::ElementsAre;
+
 class DrawFieldTest : public testing::Test {
 protected:
     // The one number that an item gives.
     std::int32_t Draw(const std::string &key, const CronRange &item, std::int32_t templateValue) {
-        const Json::Value array = DrawField(key, {item}, templateValue, random_);
-        EXPECT_EQ(array.size(), 1U);
-        EXPECT_EQ(array[0].type(), Json::intValue);
-        return array[0].asInt();
+        const std::vector<std::int32_t> values = DrawField(key, {item}, templateValue, random_);
+        EXPECT_EQ(values.size(), 1U);
+        return values.at(0);
     }
 
     KEST::RANDOM::KESTRandom random_;
@@ -83,8 +85,8 @@ TEST_F(DrawFieldTest, GivesOneNumberPerItemInTheirOrder) {
                                        {CronRange::Random, 0, 59},
                                        {CronRange::Any, -1, -1},
                                        {CronRange::Exact, 5, -1}};
-    EXPECT_EQ(DrawField("Minute", items, 17, random_), FromText("[30, 5, 17, -1, 5]"));
-    EXPECT_EQ(DrawField("Minute", {}, 17, random_), FromText("[]"));
+    EXPECT_THAT(DrawField("Minute", items, 17, random_), ElementsAre(30, 5, 17, -1, 5));
+    EXPECT_THAT(DrawField("Minute", {}, 17, random_), ElementsAre());
 }
 
 TEST(FieldValues, AreTheIntegersOfAnArray) {
@@ -156,31 +158,85 @@ TEST(Admits, HoldsForAValueOfTheArrayOrForAnyValue) {
         {"[-1]", -1, false},
     };
     for (const Row &row : rows)
-        EXPECT_EQ(Admits(AdmittedBits(FromText(row.array)), row.value), row.admits)
+        EXPECT_EQ(Admits(AdmittedBits(FieldValues(FromText(row.array))), row.value), row.admits)
             << row.array << " " << row.value;
 }
 
 TEST(ScheduleAsText, JoinsTheFieldsInTheirOrder) {
+    EXPECT_EQ(ScheduleAsText({{{17}, {3}, {-1}, {-1}, {-1}}}), "17 3 -1 -1 -1");
+    EXPECT_EQ(ScheduleAsText({{{59}, {23}, {31}, {12}, {6}}}), "59 23 31 12 6");
+    EXPECT_EQ(ScheduleAsText({{{0, 30, 0}, {3, -1}, {1}, {2}, {4}}}), "0,30,0 3,-1 1 2 4");
+    EXPECT_EQ(ScheduleAsText({{{}, {3}, {}, {}, {}}}), "X 3 X X X");
+}
+
+class ScheduleTest : public testing::Test {
+protected:
+    KEST::RANDOM::KESTRandom random_;
+    Schedule schedule_{{{{{CronRange::Random, 0, 59}, {CronRange::Exact, 5, -1}},
+                         {{CronRange::Any, -1, -1}},
+                         {{CronRange::Exact, 31, -1}},
+                         {{CronRange::Any, -1, -1}},
+                         {}}}};
+};
+
+TEST_F(ScheduleTest, AdmitsNothingBeforeItIsDrawn) {
+    EXPECT_FALSE(schedule_.IsAnyDrawn());
+    EXPECT_FALSE(schedule_.Admits(1, 5));
+    EXPECT_EQ(schedule_.ItemCount(), 5U);
+}
+
+TEST_F(ScheduleTest, DrawsEachFieldAlone) {
+    schedule_.Draw(0, 17, random_);
+    EXPECT_TRUE(schedule_.IsDrawn(0));
+    EXPECT_FALSE(schedule_.IsDrawn(1));
+    EXPECT_THAT(schedule_.Drawn(0), ElementsAre(17, 5));
+    EXPECT_TRUE(schedule_.Admits(0, 17));
+    EXPECT_TRUE(schedule_.Admits(0, 5));
+    EXPECT_FALSE(schedule_.Admits(0, 6));
+    schedule_.Draw(0, 18, random_);
+    EXPECT_FALSE(schedule_.Admits(0, 17));
+    schedule_.Draw(1, 18, random_);
+    EXPECT_THAT(schedule_.Drawn(1), ElementsAre(kAnyValue));
+    EXPECT_TRUE(schedule_.Admits(1, 23));
+    schedule_.Draw(4, 3, random_);
+    EXPECT_TRUE(schedule_.IsDrawn(4));
+    EXPECT_THAT(schedule_.Drawn(4), ElementsAre());
+}
+
+TEST_F(ScheduleTest, TakesWhatADrawCouldHaveGiven) {
     struct Row {
-        const char *schedule;
-        const char *text;
+        const char *array;
+        bool taken;
+        bool admitsFive;
     };
     const Row rows[] = {
-        {R"({"Minute": [17], "hour": [3], "day": [-1], "month": [-1], "week": [-1]})",
-         "17 3 -1 -1 -1"},
-        {R"({"week": [6], "month": [12], "day": [31], "hour": [23], "Minute": [59]})",
-         "59 23 31 12 6"},
-        {R"({"Minute": [0, 30, 0], "hour": [3, -1], "day": [1], "month": [2], "week": [4]})",
-         "0,30,0 3,-1 1 2 4"},
-        {R"({"Minute": [], "hour": [3], "day": 5, "week": ["x"]})", "X 3 X X X"},
-        {R"({"minute": [5], "hour": [5, "x"], "day": [1], "month": [1], "week": [1]})",
-         "X X 1 1 1"},
-        {"{}", "X X X X X"},
-        {"null", "X X X X X"},
-        {"[1, 2, 3, 4, 5]", "X X X X X"},
+        {"[7, 5]", true, true},        {"[70, -1]", true, true},  {"[7]", false, false},
+        {"[7, 5, 5]", false, true},    {"[7, 5.0]", false, true}, {"[7, 300]", false, false},
+        {R"([5, "x"])", false, false}, {"null", false, false},    {"[]", false, false},
+        {"{}", false, false},
     };
-    for (const Row &row : rows)
-        EXPECT_EQ(ScheduleAsText(FromText(row.schedule)), row.text) << row.schedule;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.array);
+        const Json::Value array = FromText(row.array);
+        EXPECT_EQ(schedule_.Take(0, array), row.taken);
+        EXPECT_EQ(schedule_.IsDrawn(0), row.taken);
+        EXPECT_EQ(schedule_.Admits(0, 5), row.admitsFive);
+        if (row.taken) {
+            EXPECT_EQ(schedule_.Drawn(0), FieldValues(array));
+        }
+    }
+}
+
+TEST_F(ScheduleTest, KeepsTheItems) {
+    const std::vector<CronRange> items = schedule_.Items(0);
+    ASSERT_EQ(items.size(), 2U);
+    EXPECT_EQ(items[0].type, CronRange::Random);
+    EXPECT_EQ(items[0].from, 0);
+    EXPECT_EQ(items[0].to, 59);
+    EXPECT_EQ(items[1].type, CronRange::Exact);
+    EXPECT_EQ(items[1].from, 5);
+    EXPECT_EQ(items[1].to, -1);
+    EXPECT_TRUE(schedule_.Items(4).empty());
 }
 
 } // namespace

@@ -100,10 +100,10 @@ void TryDraws(CronJob &job, std::int32_t shared) {
     for (std::size_t i = 0; i < kFieldBounds.size(); ++i) {
         const std::string &key = FieldKeys()[i];
         job.GenerateFieldSchedule(key, shared);
-        const std::vector<CronRange> &items = job.cronFields[key];
+        const std::vector<CronRange> items = job.cronFields()[key];
         const std::vector<std::int32_t> values = job.GetScheduleValues(key);
         Require(values.size() == items.size(), "each item has its value");
-        Require(!job.valid || !items.empty(), "no field of a valid job is empty");
+        Require(!items.empty(), "no field of a valid job is empty");
         for (std::size_t j = 0; j < items.size(); ++j) {
             RequireInField(items[j], kFieldBounds[i]);
             RequireDrawn(items[j], values[j], shared);
@@ -159,6 +159,14 @@ void TryJob(CronJob &job) {
         1835481540, // Tuesday, 29 February 2028, 23:59:00
         1780366210, // Tuesday, 2 June 2026, 02:10:10
     };
+    const std::string rendered = job.RenderSchedule();
+    Require(std::count(rendered.begin(), rendered.end(), ' ') == 4,
+            "a schedule is written as five fields");
+    const JobUser user = ResolveJobUser(job.Config());
+    Require(!user.valid || user.name == "root" || user.name == kAccount,
+            "only accounts that exist are found");
+    if (!job.valid)
+        return;
     // As it came, with whatever it has for a schedule, and then with ones of our own.
     for (const std::int64_t moment : moments)
         TryDueCheck(job, moment);
@@ -167,10 +175,4 @@ void TryJob(CronJob &job) {
         TryDraws(job, shared);
         TryDueCheck(job, moments.back());
     }
-    const std::string rendered = job.RenderSchedule();
-    Require(std::count(rendered.begin(), rendered.end(), ' ') == 4,
-            "a schedule is written as five fields");
-    const JobUser user = ResolveJobUser(Member(job.Document(), "config"));
-    Require(!user.valid || user.name == "root" || user.name == kAccount,
-            "only accounts that exist are found");
 }

@@ -40,8 +40,9 @@ struct Bounds {
 constexpr std::array<Bounds, 5> kFieldBounds{
     {{0, 59, 59}, {0, 23, 23}, {1, 31, 28}, {1, 12, 12}, {0, 6, 6}}};
 
-// Does with the job, be it valid or not, everything the daemon does short of staging and launching
-// it, and requires that the results are right. Leaves it with another schedule.
+// Does with the job everything the daemon does short of staging and launching it, and requires that
+// the results are right. Leaves it with another schedule. One that is not valid only shows what it
+// holds.
 void TryJob(CronJob &job);
 
 #endif

@@ -10,10 +10,10 @@
 #include <utility>
 
 // The job with `value` as the member `name` of its document.
-inline CronJob With(CronJob job, const std::string &name, Json::Value value) {
-    Json::Value document = job.TakeDocument();
+inline CronJob With(const CronJob &job, const std::string &name, Json::Value value) {
+    Json::Value document = job.Document();
     document[name] = std::move(value);
-    return {std::move(job), std::move(document)};
+    return CronJob(std::move(document));
 }
 
 #endif

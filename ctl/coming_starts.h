@@ -6,8 +6,8 @@
 // also fail to come: where day and weekday both have a say, and where the minute of a given hour is
 // drawn as 0.
 
-#ifndef CORE_COMING_STARTS_H
-#define CORE_COMING_STARTS_H
+#ifndef CTL_COMING_STARTS_H
+#define CTL_COMING_STARTS_H
 
 #include "job/cron_field.h"
 

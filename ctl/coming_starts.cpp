@@ -1,4 +1,4 @@
-#include "core/coming_starts.h"
+#include "ctl/coming_starts.h"
 
 #include "core/redraw.h"
 #include "job/json_members.h"
