@@ -238,7 +238,7 @@ void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
 
 namespace {
 
-// A number that is no state is reported.
+// Reports a number that is not a state.
 JobStateTraits KnownTraits(JobState state) {
     const JobStateTraits *traits = TraitsOf(state);
     if (traits == nullptr)

@@ -103,7 +103,7 @@ private:
     static Json::Value PersistedDocument();
     // Brings what was saved, or the jobs as they are, in line with `jobSet`: jobs that are gone or
     // changed are left out, new ones are added with fresh schedules. What is the same stays as it
-    // is. Until it is known what the jobs are to be, they stay what they were.
+    // is. `jobs` is replaced when all have been staged, and not at all when that throws.
     void ApplyToSaved(Json::Value document, JobSet jobSet);
     void ApplyToLive(JobSet jobSet);
     // `document`: what `previous` comes from.

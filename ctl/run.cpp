@@ -108,7 +108,7 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
             status = kNotRun;
             std::cerr << "kestcronctl: its command cannot be run; the execution log tells why\n";
         } else {
-            std::cerr << "kestcronctl: it cannot be prepared any more; the system log tells why\n";
+            std::cerr << "kestcronctl: the job cannot be prepared; the system log shows why\n";
         }
     } catch (const std::exception &error) {
         std::cerr << "kestcronctl: " << error.what() << "\n";

@@ -218,7 +218,7 @@ void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate);
 
 // Replaces `scheduleTemplate` by the one in `document`, its stored draw included. Returns false and
 // changes nothing when it holds no valid job; the first reason is added to `faults`. A "maxDelay"
-// that is no integer of at least 0 leaves `maxDelay` as it was.
+// that is not an integer of at least 0 leaves `maxDelay` as it was.
 bool TakeScheduleTemplate(ScheduleTemplate &scheduleTemplate, Json::Value document,
                           std::vector<DefinitionFault> &faults);
 

@@ -202,7 +202,7 @@ void MemoryLogger::AppendDirectly(const Descriptor &log, const std::string &text
         Fail(Step::WriteLog);
 }
 
-// errno is what the message tells of it.
+// The message reports errno.
 void MemoryLogger::Fail(Step step) {
     if (step == Step::OpenLog || step == Step::WriteLog)
         _logError = errno;

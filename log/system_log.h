@@ -7,10 +7,10 @@
 
 #include <cstddef>
 
-// Writes `text` to the system log as syslog() does, but never waits long: the log's socket takes a
-// few messages only when nobody reads it, and a scheduler has other things to do than to stand
-// before it. What is not taken within half a second for all messages of a cycle is kept and sent
-// later (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and
+// Writes `text` to the system log as syslog() does, but never waits long: the log's socket takes
+// only a few messages when nobody reads it, and a scheduler must not block on it. What is not taken
+// within half a second for all messages of a cycle is kept and sent later
+// (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and
 // leaves both as they were set up, the timer stopped.
 void WriteSystemLog(int priority, const char *text);
 

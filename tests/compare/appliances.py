@@ -98,7 +98,7 @@ def odd_value(chance):
 
 
 def broken(chance, good):
-    """What a file may hold that is no document, or hardly one."""
+    """The content of a file that is not a JSON document, or an unusual one."""
     special = [b"", b" ", b"\n", b"{", b"[", b"nul", b"null", b"5", b'"text"', b"true", b"[]",
                b"{}", b"[[]]", b"[[],{},5,null]", b"\xef\xbb\xbf" + good, b"[" * 65 + b"]" * 65,
                b"[" * 63 + b"]" * 63, b'{"a":' * 70 + b"1" + b"}" * 70, b"[1,]",
@@ -276,13 +276,13 @@ class Definitions:
 
 
 def some_member(chance, pairs):
-    """One of the names with their values, more often one whose value is no text."""
+    """Picks a pair of name and value. Half of the time its value is not a text, if there is one."""
     others = [pair for pair in pairs if not isinstance(pair[1], str) or isinstance(pair[1], Raw)]
     return chance.choice(others if others and chance.random() < 0.5 else pairs)
 
 
 def same_but_written_otherwise(chance, value):
-    """A value that some would take for the same."""
+    """A value that a careless comparison takes for the same."""
     if value is None or value is False or value == 0:
         return chance.choice([0, Raw("0.0"), Raw("0.0"), Raw("-0"), Raw("-0.0"), False, None, "",
                               [], {}])
