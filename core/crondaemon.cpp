@@ -53,8 +53,10 @@ bool CronDaemon::Init(bool passive) {
         return false;
     JobSet jobSet = LoadSources();
     LoadTemplate(kPersistentTemplateFile);
-    if (!gaveUpLoad)
-        ApplyToSaved(PersistedDocument(), std::move(jobSet));
+    if (gaveUpLoad)
+        return true;
+    ApplyToSaved(PersistedDocument(), std::move(jobSet));
+    FinishLoad();
     return true;
 }
 
@@ -185,8 +187,10 @@ void CronDaemon::ReloadJobs() {
     RemoveAllWatches();
     ForgetChanges();
     JobSet jobSet = LoadSources();
-    if (!gaveUpLoad)
-        ApplyToLive(std::move(jobSet));
+    if (gaveUpLoad)
+        return;
+    ApplyToLive(std::move(jobSet));
+    FinishLoad();
 }
 
 namespace {
@@ -222,7 +226,7 @@ void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
 }
 
 void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
-    const std::string &name = job.Name();
+    const std::string name = job.Name();
     if (IsOfAccountDirectory(name)) {
         const std::string account = job.Account().value_or("");
         const std::int64_t now = WaitingStarts::Now();

@@ -110,6 +110,8 @@ private:
     void ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &document, JobSet jobSet);
     // Adds what only `jobSet` has. `previous` has nothing else.
     std::vector<JobEntry> MergeNewJobs(std::vector<JobEntry> previous, JobSet &jobSet) const;
+    // When nothing of the load is left but the jobs.
+    void FinishLoad();
     void RebuildJobList(const std::vector<JobEntry> &entries);
     // Makes jobs of those that were saved, stages all, and makes those that stay the list of jobs.
     void StageJobs(const std::vector<JobEntry> &entries);

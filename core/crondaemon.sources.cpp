@@ -52,7 +52,7 @@ bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
         document["config"] = std::move(definition);
         CronJob job(std::move(document));
         if (job.valid)
-            jobSet.insert_or_assign(std::string(job.Name()), std::move(job));
+            jobSet.insert_or_assign(job.Name(), std::move(job));
         else
             allAccepted = false;
     }

@@ -147,10 +147,13 @@ void CronDaemon::ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &
     previous = MergeNewJobs(std::move(previous), jobSet);
     LogRuntime(previous, document);
     RebuildJobList(previous);
-    jobSet.clear();
+}
+
+void CronDaemon::FinishLoad() {
     hasLoaded = true;
-    SaveRuntimeFiles();
+    ShareTexts(jobs);
     GiveMemoryBack();
+    SaveRuntimeFiles();
 }
 
 std::vector<JobEntry> CronDaemon::MergeNewJobs(std::vector<JobEntry> previous,

@@ -178,7 +178,7 @@ int Show(const Context &context, const ShowOptions &options) {
     TellCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
-    const std::string &program = job.job.Program();
+    const std::string program = job.job.Program();
     const ShownFacts facts{job,
                            daemon,
                            program,

@@ -67,7 +67,7 @@ CronJob::CronJob(Json::Value document, std::vector<DefinitionFault> &faults,
 }
 
 void CronJob::TakeDefinition(Json::Value &document, Definition definition) {
-    name_ = std::move(definition.name);
+    name_ = SharedText(definition.name);
     account_ = std::move(definition.account);
     assureExecute = definition.assureExecute;
     assureRun = definition.assureRun ? 1 : 0;
@@ -77,11 +77,27 @@ void CronJob::TakeDefinition(Json::Value &document, Definition definition) {
         return;
     Json::Value &list = document["cmd_list"];
     list = std::move(definition.command.list);
-    program_ = list[0U].asString();
+    program_ = SharedText(list[0U].asString());
     // As it is when the job is staged, which it nearly always is.
-    list[0U] = StagedPath(name_);
+    list[0U] = StagedPath(definition.name);
     document["cmd_str"] = definition.command.text;
     TakeRuntimeMembers(document);
+}
+
+void ShareTexts(std::vector<CronJob> &jobs) {
+    const auto block = std::make_shared<std::string>();
+    std::size_t size = 0;
+    for (CronJob &job : jobs)
+        for (const SharedText *text : job.Texts())
+            size += text->View().size();
+    try {
+        block->reserve(size);
+    } catch (const std::exception &) {
+        return;
+    }
+    for (CronJob &job : jobs)
+        for (SharedText *text : job.Texts())
+            text->MoveTo(block);
 }
 
 // --- Document -----------------------------------------------------------------------------------
@@ -152,20 +168,31 @@ void CronJob::AddDrawn(Json::Value &schedule) const {
     }
 }
 
+// Half of the text of a document is its schedule.
 void CronJob::AppendSchedule(JsonText &text) const {
-    // The order of the names in JSON.
-    constexpr std::array<std::size_t, 5> order{0, 2, 1, 3, 4};
+    struct FieldText {
+        std::size_t field;
+        std::string_view name;
+    };
+    constexpr std::array<FieldText, 5> fields{{
+        {0, ",\n\t\t\t\t\"Minute\" : "},
+        {2, ",\n\t\t\t\t\"day\" : "},
+        {1, ",\n\t\t\t\t\"hour\" : "},
+        {3, ",\n\t\t\t\t\"month\" : "},
+        {4, ",\n\t\t\t\t\"week\" : "},
+    }};
     std::vector<std::int32_t> drawn;
-    text.Name("schedule");
-    text.BeginObject();
-    for (const std::size_t field : order) {
+    text.AppendMembers(BeginningOf(ChangingMember::Schedule));
+    text.AppendMembers("\n\t\t\t{");
+    bool isFirst = true;
+    for (const auto &[field, name] : fields) {
         if (!schedule_.IsDrawn(field))
             continue;
-        text.Name(FieldKeys()[field]);
+        text.AppendMembers(name.substr(std::exchange(isFirst, false) ? 1 : 0));
         schedule_.GetDrawn(field, drawn);
         text.Append(drawn);
     }
-    text.EndObject();
+    text.AppendMembers("\n\t\t\t}");
 }
 
 void CronJob::AppendTo(JsonText &text) const {
@@ -180,7 +207,7 @@ void CronJob::AppendTo(JsonText &text) const {
         if (isExpireTime ? !hasExpireTime_
                          : member != ChangingMember::LastExecution || !hasLastExecution_)
             return;
-        to.Name(NameOf(member));
+        to.AppendMembers(BeginningOf(member));
         to.Append(isExpireTime ? expireTime_ : lastRun_);
     });
 }

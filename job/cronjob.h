@@ -13,6 +13,7 @@
 #include "job/definition.h"
 #include "job/job_document.h"
 #include "job/schedule.h"
+#include "job/shared_text.h"
 #include "job/staging.h"
 #include "platform/json_file.h"
 
@@ -60,7 +61,7 @@ public:
     bool HasConfigOf(const CronJob &other) const { return _jsJob.HasConfigOf(other._jsJob); }
 
     // The full job name.
-    const std::string &Name() const { return name_; }
+    std::string Name() const { return std::string(name_.View()); }
 
     // The account that it runs as; none when its definition names none.
     const std::optional<std::string> &Account() const { return account_; }
@@ -106,7 +107,7 @@ public:
     void NoteLaunch(std::int64_t when);
 
     // The path that the definition's command begins with.
-    const std::string &Program() const { return program_; }
+    std::string Program() const { return std::string(program_.View()); }
 
     // Whether a copy of the program is what is run: the one of the job's name in the runtime
     // directory. Only jobs that are staged run.
@@ -156,21 +157,28 @@ private:
 public:
     std::string scheduleText; // the schedule at the latest due match, empty once launched
 
+    friend void ShareTexts(std::vector<CronJob> &jobs);
+
 private:
+    std::array<SharedText *, 3> Texts() { return {&name_, &program_, &_jsJob.Text()}; }
     void TakeDefinition(Json::Value &document, Definition definition);
     void TakeRuntimeMembers(Json::Value &document);
     void AddDrawn(Json::Value &schedule) const;
     void AppendSchedule(JsonText &text) const;
 
-    std::string name_;
+    SharedText name_;
+    SharedText program_;
     std::optional<std::string> account_;
-    std::string program_;
     JobDocument _jsJob; // but for what is kept in other members
 };
 
 // A load moves jobs when nothing may go wrong any more.
 static_assert(std::is_nothrow_move_constructible_v<CronJob> &&
               std::is_nothrow_move_assignable_v<CronJob>);
+
+// Makes the texts of all `jobs` lie together. Those of a load lie among its JSON, and would keep
+// the memory that it leaves from being given back. Without memory for it they stay where they are.
+void ShareTexts(std::vector<CronJob> &jobs);
 
 // Reports the first fault of a definition that is refused.
 void LogFault(const DefinitionFault &fault);

@@ -21,9 +21,9 @@ struct Phrase {
 };
 
 constexpr std::array<Phrase, 25> kPhrases{{
-    {'\x01', ",\n\t\t\t\"expireTime\" : null"},
-    {'\x02', ",\n\t\t\t\"lastExecution\" : null"},
-    {'\x03', ",\n\t\t\t\"schedule\" : null"},
+    {'\x01', ",\n\t\t\t\"expireTime\" : "},
+    {'\x02', ",\n\t\t\t\"lastExecution\" : "},
+    {'\x03', ",\n\t\t\t\"schedule\" : "},
     {'\x04', "\n\t\t\t\"cmd_list\" : [ \"/tmp/kestcrond/"},
     {'\x05', ",\n\t\t\t\"cmd_str\" : \""},
     {'\x06', ",\n\t\t\t\"config\" : "},
@@ -94,6 +94,11 @@ bool IsCode(char character) {
     return code < kPhraseOf.size() && !kPhraseOf[code].empty();
 }
 
+// Sooner said.
+bool MayBeCode(char character) {
+    return static_cast<unsigned char>(character) < kPhraseOf.size();
+}
+
 std::string Unpacked(std::string_view packed) {
     std::string text;
     for (const char character : packed) {
@@ -116,6 +121,10 @@ Json::Value Parsed(const std::string &text) {
 
 } // namespace
 
+std::string_view BeginningOf(ChangingMember member) {
+    return kPhrases.at(static_cast<std::size_t>(member)).text;
+}
+
 JobDocument::JobDocument(Json::Value document) {
     const bool hasPlaces =
         document.isObject() && document.isMember("config") &&
@@ -129,13 +138,12 @@ JobDocument::JobDocument(Json::Value document) {
 
 // Returns whether the text says all. A long one does not: deep inside lists, a character may take a
 // line of many blanks. What is not UTF-8 is lost, and becomes an escape like other characters.
-bool JobDocument::Pack(Json::Value &document) {
-    for (const char *member : kChangingMembers)
-        document[member] = Json::Value();
+bool JobDocument::Pack(const Json::Value &document) {
     JsonText text(kLongestText, kDepth);
     text.BeginObject();
     text.ForgetPart();
     std::string packed;
+    std::size_t change = 0; // the next changing member
     bool isShort = true;
     bool isPlain = true;
     const auto pack = [&] {
@@ -150,15 +158,17 @@ bool JobDocument::Pack(Json::Value &document) {
         const char *end = nullptr;
         const char *begin = member.memberName(&end);
         const std::string_view name(begin, static_cast<std::size_t>(end - begin));
+        while (change < kChangingMembers.size() && kChangingMembers.at(change) < name)
+            packed += kPhrases.at(change++).code;
         text.Name(name);
         configBegin_ = name == "config" ? pack() : configBegin_;
         text.Append(*member);
         const std::uint32_t packedEnd = pack();
         configEnd_ = name == "config" ? packedEnd : configEnd_;
     }
-    for (const char *member : kChangingMembers)
-        document.removeMember(member);
-    text_.assign(packed); // with no more memory than that
+    while (change < kChangingMembers.size())
+        packed += kPhrases.at(change++).code;
+    text_ = SharedText(packed);
     return isShort && (isPlain || ToJson() == document);
 }
 
@@ -176,8 +186,8 @@ const ChangingMember *JobDocument::AppendUntilChange(std::string_view &rest, Jso
             rest.remove_prefix(1);
             continue;
         }
-        const auto size =
-            static_cast<std::size_t>(std::find_if(rest.begin(), rest.end(), IsCode) - rest.begin());
+        const auto *const end = std::find_if(rest.begin() + 1, rest.end(), MayBeCode);
+        const auto size = static_cast<std::size_t>(end - rest.begin());
         text.AppendMembers(rest.substr(0, size));
         rest.remove_prefix(size);
     }

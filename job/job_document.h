@@ -4,6 +4,7 @@
 #ifndef JOB_JOB_DOCUMENT_H
 #define JOB_JOB_DOCUMENT_H
 
+#include "job/shared_text.h"
 #include "platform/json_text.h"
 
 #include <array>
@@ -19,6 +20,9 @@
 // and have their places in its text.
 enum class ChangingMember : unsigned char { ExpireTime, LastExecution, Schedule };
 constexpr std::array<const char *, 3> kChangingMembers{"expireTime", "lastExecution", "schedule"};
+
+// The beginning of its text there, up to the value.
+std::string_view BeginningOf(ChangingMember member);
 
 // The rest of a document.
 class JobDocument {
@@ -42,7 +46,10 @@ public:
     Json::Value Config() const;
 
     // Whether it is kept as text.
-    bool IsText() const { return !text_.empty(); }
+    bool IsText() const { return !text_.IsEmpty(); }
+
+    // What is kept as text.
+    SharedText &Text() { return text_; }
 
     // Whether both are kept as text and "config" is the same in both. When not, it may still be the
     // same.
@@ -57,20 +64,20 @@ public:
             return;
         }
         text.BeginObject();
-        for (std::string_view rest = text_; !rest.empty();)
+        for (std::string_view rest = text_.View(); !rest.empty();)
             if (const ChangingMember *member = AppendUntilChange(rest, text))
                 appendMember(*member, text);
         text.EndObject();
     }
 
 private:
-    bool Pack(Json::Value &document);
+    bool Pack(const Json::Value &document);
     static const ChangingMember *AppendUntilChange(std::string_view &rest, JsonText &text);
     std::string_view ConfigText() const {
-        return std::string_view(text_).substr(configBegin_, configEnd_ - configBegin_);
+        return text_.View().substr(configBegin_, configEnd_ - configBegin_);
     }
 
-    std::string text_; // of the members; empty: see below
+    SharedText text_; // of the members; empty: see below
     std::uint32_t configBegin_ = 0;
     std::uint32_t configEnd_ = 0;
     std::shared_ptr<const Json::Value> asItIs_; // shared by copies of the object

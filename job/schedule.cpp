@@ -1,5 +1,6 @@
 #include "job/schedule.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 
@@ -83,21 +84,23 @@ Schedule::Schedule(const std::array<std::vector<CronRange>, 5> &items) {
     std::size_t count = 0;
     for (const std::vector<CronRange> &field : items)
         count += field.size();
-    items_.reserve(count);
+    if (count > few_.size())
+        many_.resize(count);
+    Item *end = ItemsBegin();
     for (std::size_t field = 0; field < items.size(); ++field) {
         for (const CronRange &item : items[field])
-            items_.push_back({static_cast<std::int8_t>(item.type),
-                              static_cast<std::int8_t>(item.from),
-                              static_cast<std::int8_t>(item.to), 0});
-        ends_[field] = static_cast<std::uint32_t>(items_.size());
+            *end++ = {static_cast<std::int8_t>(item.type), static_cast<std::int8_t>(item.from),
+                      static_cast<std::int8_t>(item.to), 0};
+        ends_[field] = static_cast<std::uint32_t>(end - ItemsBegin());
     }
 }
 
 std::vector<CronRange> Schedule::Items(std::size_t field) const {
     std::vector<CronRange> items;
-    for (std::size_t i = Begin(field); i < ends_[field]; ++i)
-        items.push_back(
-            {static_cast<CronRange::Type>(items_[i].type), items_[i].from, items_[i].to});
+    for (std::size_t i = Begin(field); i < ends_[field]; ++i) {
+        const Item &item = ItemsBegin()[i];
+        items.push_back({static_cast<CronRange::Type>(item.type), item.from, item.to});
+    }
     return items;
 }
 
@@ -108,7 +111,7 @@ void Schedule::Draw(std::size_t field, std::int32_t templateValue,
 
 void Schedule::Put(std::size_t field, const std::vector<std::int32_t> &values) {
     for (std::size_t i = 0; i < values.size(); ++i)
-        items_[Begin(field) + i].drawn = static_cast<std::int8_t>(values[i]);
+        ItemsBegin()[Begin(field) + i].drawn = static_cast<std::int8_t>(values[i]);
     bits_[field] = AdmittedBits(values);
     drawn_ |= 1U << field;
 }
@@ -136,7 +139,8 @@ std::vector<std::int32_t> Schedule::Drawn(std::size_t field) const {
 }
 
 void Schedule::GetDrawn(std::size_t field, std::vector<std::int32_t> &values) const {
-    values.clear();
-    for (std::size_t i = Begin(field); i < ends_[field]; ++i)
-        values.push_back(items_[i].drawn);
+    const Item *const begin = ItemsBegin() + Begin(field);
+    const Item *const end = ItemsBegin() + ends_[field];
+    values.resize(static_cast<std::size_t>(end - begin));
+    std::transform(begin, end, values.begin(), [](const Item &item) { return item.drawn; });
 }

@@ -52,7 +52,7 @@ public:
     explicit Schedule(const std::array<std::vector<CronRange>, 5> &items);
 
     std::vector<CronRange> Items(std::size_t field) const;
-    std::size_t ItemCount() const { return items_.size(); }
+    std::size_t ItemCount() const { return ends_.back(); }
 
     // Draws a field as DrawField() does.
     void Draw(std::size_t field, std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
@@ -81,10 +81,13 @@ private:
         std::int8_t drawn;
     };
     void Put(std::size_t field, const std::vector<std::int32_t> &values);
+    Item *ItemsBegin() { return many_.empty() ? few_.data() : many_.data(); }
+    const Item *ItemsBegin() const { return many_.empty() ? few_.data() : many_.data(); }
     std::size_t Begin(std::size_t field) const { return field == 0 ? 0 : ends_[field - 1]; }
 
     std::array<std::uint64_t, 5> bits_{}; // what each field admits
-    std::vector<Item> items_;             // of all fields
+    std::array<Item, 8> few_{};           // the items of all fields, when they fit
+    std::vector<Item> many_;              // else
     std::array<std::uint32_t, 5> ends_{}; // of each field's items
     unsigned drawn_ = 0;                  // a bit for each field
 };

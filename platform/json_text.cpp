@@ -115,7 +115,13 @@ void JsonText::Append(std::int64_t number) {
 }
 
 void JsonText::Append(const std::vector<std::int32_t> &numbers) {
-    AppendArray(numbers);
+    if (numbers.size() == 1) { // as in most schedules
+        text_ += "[ ";
+        AppendNumber(text_, numbers.front());
+        text_ += " ]";
+    } else {
+        AppendArray(numbers);
+    }
     lineIsStarted_ = false;
 }
 

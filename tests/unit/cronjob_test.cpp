@@ -122,6 +122,35 @@ TEST(CronJobDocument, KnowsTheSameDefinition) {
         EXPECT_FALSE(job.HasConfigOf(CronJob(Document(std::string(config) + more)))) << more;
 }
 
+TEST(CronJobTexts, OfAListLieTogetherAndAreTheSame) {
+    const FixedClock clock(1700000000);
+    std::vector<CronJob> jobs;
+    for (const char *name : {"a", "b", "a-job-with-quite-a-long-name"})
+        jobs.emplace_back(Document(R"("name": ")" + std::string(name) +
+                                   R"(", "user": "root", "period": "d", "cmd": "/bin/)" + name +
+                                   "\""));
+    jobs.emplace_back(); // an invalid one
+    jobs.emplace_back(Document(R"("name": "kept as JSON", "user": "root", "period": "d",
+                                  "cmd": "b", "x": ")" +
+                               std::string(100000, 'x') + "\""));
+    const std::vector<CronJob> before = jobs;
+    ShareTexts(jobs);
+    const std::vector<CronJob> copies = jobs;
+    jobs.erase(jobs.begin()); // the others keep what they share
+    ShareTexts(jobs);
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        EXPECT_EQ(copies[i].Name(), before[i].Name());
+        EXPECT_EQ(copies[i].Program(), before[i].Program());
+        EXPECT_EQ(copies[i].Document(), before[i].Document());
+    }
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        EXPECT_EQ(jobs[i].Document(), before[i + 1].Document());
+        EXPECT_EQ(jobs[i].HasConfigOf(before[i + 1]), !jobs[i].Name().empty() && i != 3);
+    }
+    jobs.clear();
+    ShareTexts(jobs);
+}
+
 // --- Construction -------------------------------------------------------------------------------
 
 TEST(CronJobConstruction, FillsInAWholeJob) {

@@ -239,4 +239,30 @@ TEST_F(ScheduleTest, KeepsTheItems) {
     EXPECT_TRUE(schedule_.Items(4).empty());
 }
 
+TEST(ScheduleOfAnySize, IsKeptWhole) {
+    for (const std::int32_t count : {1, 8, 9, 1000}) {
+        SCOPED_TRACE(count);
+        std::array<std::vector<CronRange>, 5> items;
+        for (std::int32_t i = 0; i < count; ++i)
+            items[i % 2 == 0 ? 1 : 3].push_back({CronRange::Exact, i % 12, -1});
+        Schedule schedule(items);
+        KEST::RANDOM::KESTRandom random;
+        for (std::size_t field = 0; field < items.size(); ++field)
+            schedule.Draw(field, kAnyValue, random);
+        Schedule moved = std::move(schedule);
+        const Schedule copy = moved;
+        EXPECT_EQ(copy.ItemCount(), static_cast<std::size_t>(count));
+        for (std::size_t field = 0; field < items.size(); ++field) {
+            const std::vector<CronRange> kept = copy.Items(field);
+            const std::vector<std::int32_t> drawn = copy.Drawn(field);
+            ASSERT_EQ(kept.size(), items.at(field).size());
+            ASSERT_EQ(drawn.size(), kept.size());
+            for (std::size_t i = 0; i < kept.size(); ++i) {
+                EXPECT_EQ(kept[i].from, items.at(field)[i].from);
+                EXPECT_EQ(drawn[i], kept[i].from);
+            }
+        }
+    }
+}
+
 } // namespace
