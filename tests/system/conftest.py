@@ -95,7 +95,7 @@ class Appliance(PrivateMachine):
         """What the runs of a job recorded."""
         return self.read(f"/tmp/ran/{job}").splitlines()
 
-    def wait_for_text(self, text, count=1, seconds=30):
+    def wait_for_text(self, text, count=1, seconds=60):
         """Waits until the system log holds an error with exactly this text `count` times."""
         wait_for(lambda: self.texts().count(text) >= count, seconds, f"{text!r} in {self.texts()}")
 
@@ -117,16 +117,21 @@ class Appliance(PrivateMachine):
             stderr=subprocess.DEVNULL).wait(60)
 
     def reload(self):
-        """Asks for a reload and waits until its documents are written."""
+        """Asks for a reload and waits until it is over."""
         # A load that a change of the files has begun may have read them before they were complete.
         wait_for(self.is_between_cycles, what="the end of a cycle")
         before = self.loads(), self.saved()
         self.signal(signal.SIGHUP)
         wait_for(lambda: self.loads() > before[0] and self.saved() != before[1], what="a reload")
+        # It may have been one that the daemon had begun by itself: that which was asked for follows.
+        wait_for(self.is_between_cycles, what="the end of the reload")
 
     def is_between_cycles(self):
         """Whether the daemon waits for its next cycle, which is the only thing it does by pselect()."""
-        return self.proc(self.daemon_pid(), "syscall").read_text().split()[0] == PSELECT
+        try:
+            return self.proc(self.daemon_pid(), "syscall").read_text().split()[0] == PSELECT
+        except (FileNotFoundError, ProcessLookupError):
+            return False  # it has ended
 
     def loads(self):
         """How many times the jobs were loaded so far."""
