@@ -76,9 +76,9 @@ def test_a_runtime_directory_that_goes_away_is_nobody_elses(machine, attack):
     wait_for(lambda: machine.runs("builtin-f-x"))
     attack("take_directory")
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
-    wait_for(lambda: machine.path("/tmp/kestcrond").exists()
-             and machine.path("/tmp/kestcrond").stat().st_uid == 0
-             and len(machine.runs("builtin-f-x")) >= 3, what="the directory of root's again")
+    owner = lambda: machine.run("stat", "-c", "%u", "/tmp/kestcrond", env={"LD_PRELOAD": ""}).stdout
+    wait_for(lambda: owner() == "0\n" and len(machine.runs("builtin-f-x")) >= 3,
+             what="the directory of root's again")
     assert machine.read("/tmp/ran/taken") == ""
 
 
@@ -100,9 +100,8 @@ def test_a_mount_over_tmp_is_noticed(machine, attack):
 
 def test_a_start_does_not_trust_what_it_finds(machine):
     """A waiting start finds the directory gone, made by somebody else, and its program planted."""
-    machine.template(maxDelay=3600)
-    machine.jobs("builtin", "f", [every_minute("a", crontab="11 2 * * *"),
-                                  every_minute("x", crontab="11 2 * * *")])
+    machine.template(maxDelay=1200)
+    machine.jobs("builtin", "f", [every_minute("a"), every_minute("x")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("builtin-f-a"))
     machine.signal(signal.SIGKILL)
@@ -232,7 +231,7 @@ def test_a_copy_takes_ten_seconds_at_most(machine):
     assert message.text.startswith("Failed to cp [/usr/local/bin/slow]")
     assert "[0x0304 kestcore.cpp:" in message.text
     assert message.text.endswith(" (Connection timed out)")
-    assert not [p for p in machine.processes().values() if p["name"] == "sleep"]
+    wait_for(lambda: not [p for p in machine.processes().values() if p["name"] == "sleep"])
 
 
 def test_a_stop_does_not_wait_for_a_load(machine):
@@ -342,7 +341,8 @@ def test_what_could_not_be_copied_is_tried_again_in_an_hour(machine):
     machine.start_and_wait()
     assert machine.entries() == {}
     machine.write("/usr/bin/cp", "#!/bin/sh\ncat \"$2\" > \"$3\"\n", 0o755)
-    wait_for(lambda: list(machine.entries()) == ["builtin-f-x"], what="the next hour")
+    # A busy machine may step over the first minute of an hour.
+    wait_for(lambda: list(machine.entries()) == ["builtin-f-x"], 150, "the next hour")
 
 
 def test_waiting_starts_of_an_account_are_bounded(machine):
@@ -395,9 +395,8 @@ def test_programs_of_renamed_jobs_are_removed(machine):
 
 
 def test_a_program_that_a_waiting_start_needs_is_kept(machine):
-    machine.template(maxDelay=600)
-    machine.jobs("pkg_nonroot", "f", [every_minute("a", crontab="11 2 * * *"),
-                                      every_minute("b", crontab="11 2 * * *")], account="alice")
+    machine.template(maxDelay=900)
+    machine.jobs("pkg_nonroot", "f", [every_minute("a"), every_minute("b")], account="alice")
     machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg_nonroot-alice-f-a"))
     machine.jobs("pkg_nonroot", "f", [never("c")], account="alice")
@@ -459,5 +458,6 @@ def test_without_a_namespace_starts_wait_for_the_load(machine):
                                   every_minute("b", crontab="11 2 * * *")])
     machine.start_with_faults("unshare:error=EPERM")
     wait_for(lambda: machine.entries())
+    wait_for(machine.is_between_cycles, what="the cycle that launches both")
     machine.signal(signal.SIGHUP)
     wait_for(lambda: len(machine.runs("builtin-f-b")) == 1, 90)

@@ -4,7 +4,6 @@ import json
 import os
 import re
 import signal
-import time
 from pathlib import Path
 
 import pytest
@@ -548,6 +547,7 @@ exit 7
 
 
 def test_a_run_is_what_the_daemon_would_do(machine, ctl):
+    machine.clock("2026-06-02 02:12:10", rate=0)  # the daemon starts it in its first look alone
     machine.write("/usr/local/bin/witness", WITNESS, 0o755)
     machine.jobs("pkg", "f", [{"name": "own", "user": "package", "package_username": "alice",
                                "period": "crontab", "crontab": "12 2 * * *",
@@ -669,15 +669,13 @@ def test_following_a_log_that_is_rotated(known, ctl, tmp_path):
         with log.with_suffix(".1").open("a") as stream:
             stream.write(line + " 3\n")
         wait_for(lambda: len(lines()) == 4)
-        log.write_text(line + " 4\n")
-        wait_for(lambda: len(lines()) == 5)
+        log.write_text(f"{line} 4\n{line} 5\n")
+        wait_for(lambda: len(lines()) == 6)
         with log.open("r+") as stream:  # as some rotate: copied and cut
             stream.truncate()
-        time.sleep(0.3)
-        with log.open("a") as stream:
-            stream.write(line + " 5\n")
-        wait_for(lambda: len(lines()) == 6)
-        assert lines()[1:] == [f"{line} {number}" for number in range(1, 6)]
+            stream.write(line + " 6\n")
+        wait_for(lambda: len(lines()) == 7)
+        assert lines()[1:] == [f"{line} {number}" for number in range(1, 7)]
     finally:
         follower.terminate()
         follower.wait()

@@ -59,6 +59,7 @@ def test_everything_is_broken(machine, ctl):  # noqa: F811
     ctl("list", "--root", "/.")
     assert errors(machine) == []
     machine.start_and_wait()
+    machine.wait_for_text("Fail to KESTVorldStatusGet()")  # of the first cycle
     reported = machine.texts()
     for text in (*REPORTED, *CLASSES, "Fail to KESTVorldStatusGet()",
                  f"Failed to parse schedule template from [{PERSISTENT_TEMPLATE}]"):

@@ -101,7 +101,7 @@ def test_a_line_for_the_log_that_was_just_put_aside(machine):
     machine.write("/usr/local/bin/broken", "#!/nowhere\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("late", user="package", package_username="alice",
                                                cmd="/usr/local/bin/broken")])
-    machine.start_traced("-o", "/dev/null", "-e", "inject=setuid:delay_enter=1500000")
+    machine.start_traced("-o", "/dev/null", "-e", "inject=setuid:delay_enter=10000000")
     wait_for(lambda: any(has_group_of_alice(machine, pid) for pid in machine.processes()),
              what="the process that takes on its account")
     rotate(machine, "-f")

@@ -88,7 +88,7 @@ def test_only_a_stop_keeps_what_is_known(machine):
     machine.start()
     wait_for(lambda: machine.saved() != saved, what="the first load")
     assert "lastExecution" not in machine.entries()["builtin-f-x"]
-    wait_for(lambda: len(machine.runs("builtin-f-x")) >= 2)
+    wait_for(machine.is_between_cycles, what="the end of the first cycle")
     machine.stop()
     assert machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"] > 0
 
@@ -156,7 +156,8 @@ def test_a_changed_job_is_what_it_says_now(machine):
     machine.reload()
     wait_for(lambda: machine.runs("builtin-f-x"), what="a run that the old definition forbids")
     drawn = machine.saved()
-    wait_for(lambda: machine.saved() != drawn, 60, "the draw of the next hour")
+    # A busy machine may have stepped over it, or over the first minute of another.
+    wait_for(lambda: machine.saved() != drawn, 150, "the draw of an hour")
     assert machine.entries()["builtin-f-y"]["schedule"]["Minute"] == [7, 9]
 
 

@@ -314,8 +314,7 @@ def test_any_year(machine, moment):
     wait_for(lambda: len(machine.log_lines()) >= 5)
     start = datetime.datetime.fromisoformat(moment + "+00:00")
     seen = [datetime.datetime.fromisoformat(stamp) for stamp in stamps(machine)]
-    assert start <= seen[0] <= start + datetime.timedelta(minutes=10)
-    assert seen == sorted(seen)
+    assert start <= min(seen) <= max(seen) <= start + datetime.timedelta(hours=1)
     machine.stop()
     saved = machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"]
     assert saved >= start.timestamp()
@@ -346,24 +345,43 @@ def test_a_clock_that_is_set(machine, jump):
     wait_for(lambda: len(machine.log_lines()) >= seen + 3)
     assert machine.daemon_pid() == pid
     # Overdue is what the clock says: an hour without a run, forwards only.
-    assert bool(machine.runs("builtin-f-assured")) == (jump > "2026-06-02 02:10:10")
+    if jump > "2026-06-02 02:10:10":
+        wait_for(lambda: machine.runs("builtin-f-assured"))
+    else:
+        assert machine.runs("builtin-f-assured") == []
     assert machine.texts() == []
 
 
-@pytest.mark.parametrize("moment,job,least,most", [
-    # 02:00 becomes 03:00: no minute of that hour comes.
-    ("2026-03-29 01:57:10", "* 2 * * *", 0, 0), ("2026-03-29 01:57:10", "1 3 * * *", 1, 1),
-    # 03:00 becomes 02:00: the hour comes twice. A busy machine may step over some minutes.
-    pytest.param("2026-10-25 01:57:10", "* 2 * * *", 80, 120, marks=pytest.mark.native(
-        reason="a cycle is too short for an emulator"))])
-def test_daylight_saving(machine, moment, job, least, most):
-    rate, cycles = (600, 126) if least > 1 else (60, 6)
-    machine.clock(moment, rate=rate, zone="Europe/Berlin")
+# 02:00 becomes 03:00: no minute of that hour comes. A busy machine may step over some of the next.
+@pytest.mark.parametrize("job,least,most", [("* 2 * * *", 0, 0), ("1,2,3,4,5 3 * * *", 1, 5)])
+def test_an_hour_that_does_not_come(machine, job, least, most):
+    machine.clock("2026-03-29 01:50:10", zone="Europe/Berlin")
     machine.jobs("builtin", "f", [every_minute("x", crontab=job), every_minute("tick")])
     machine.start_and_wait()
-    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= cycles, 120)
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= 18
+             and len(machine.runs("builtin-f-x")) >= least)
     assert {stamp[19:] for stamp in stamps(machine)} == {"+01:00", "+02:00"}
-    assert least <= len(machine.runs("builtin-f-x")) <= most
+    assert len(machine.runs("builtin-f-x")) <= most
+
+
+@pytest.mark.native(reason="a cycle is too short for an emulator")
+def test_an_hour_that_comes_twice(machine):
+    """03:00 becomes 02:00."""
+    machine.clock("2026-10-25 01:57:10", rate=600, zone="Europe/Berlin")
+    machine.jobs("builtin", "f", [every_minute("x", crontab="* 2 * * *"), every_minute("tick")])
+    machine.start_and_wait()
+    wait_for(lambda: machine.log_lines() and stamps(machine)[-1] > "2026-10-25T03:05")
+    machine.stop()
+    wait_for(lambda: not machine.daemons(), what="the lines of all jobs")
+
+    def launches(job):
+        """When its starts were that were launched in that hour."""
+        return [line[11:25] for line in machine.log_lines()
+                if f" running job: builtin-f-{job} " in line and " trig[25 02:" in line]
+
+    assert {stamp[8:] for stamp in launches("x") if stamp < "03"} == {"+02:00", "+01:00"}
+    # As often as the one that is always due, but that a minute may end between look and launch.
+    assert abs(len(launches("x")) - len(launches("tick"))) <= 2
 
 
 def test_a_leap_second_changes_nothing(machine):
@@ -459,7 +477,7 @@ def test_a_system_log_is_told_what_is_missing(machine):
                                         for i in range(1000)]])
         started = time.monotonic()
         machine.start_and_wait()
-        assert time.monotonic() - started < 10
+        assert time.monotonic() - started < 30, "not half a second for each message"
         wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
         machine.path(f"{SOURCES['builtin']}/f").unlink()
         machine.signal(signal.SIGHUP)

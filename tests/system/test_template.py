@@ -71,10 +71,11 @@ def test_a_template_with_several_values_is_not_shared(machine):
 def test_a_fixed_template_pins_the_jobs(machine):
     machine.template("0 3 * * *", maxDelay=0)
     machine.jobs("pkg", "f", [every_minute("x", crontab="~ ~ ~ ~ ~")])
-    machine.clock("2026-06-02 01:59:40", rate=20)
+    machine.clock("2026-06-02 01:58:10")
     machine.start_and_wait()
     saved = machine.saved()
-    wait_for(lambda: machine.saved() != saved, what="the redraw")
+    # A busy machine may step over the first minute of an hour.
+    wait_for(lambda: machine.saved() != saved, 150, "the redraw")
     assert schedule(machine, "pkg-f-x")[0] == [0]
     assert template(machine)["schedule"]["Minute"] == [0]
 
@@ -145,15 +146,16 @@ def test_a_job_without_values_is_never_due(machine):
 
 
 @pytest.mark.parametrize("crontab,due", [
-    ("10~14 2 * * *", True), ("10~14 3 * * *", False), ("* * 2 6 2", True),
+    ("10~29 2 * * *", True), ("10~29 3 * * *", False), ("* * 2 6 2", True),
     ("* * 2 * 1", False), ("* * 3 * 2", False), ("* * * 5 *", False), ("* * * * 2,3", True)])
 def test_all_fields_must_match(machine, crontab, due):
     machine.template(maxDelay=0, schedule=machine.drawn())
     if "~" in crontab:
-        crontab = crontab.replace("10~14", "10,11,12,13,14")
+        crontab = crontab.replace("10~29", ",".join(map(str, range(10, 30))))
     machine.jobs("pkg", "f", [every_minute("x", crontab=crontab), every_minute("tick")])
     machine.start_and_wait()
-    wait_for(lambda: len(machine.runs("pkg-f-tick")) >= 3)
+    wait_for(lambda: len(machine.runs("pkg-f-tick")) >= 3
+             and (not due or machine.runs("pkg-f-x")))
     assert bool(machine.runs("pkg-f-x")) == due
     if due:
         expected = crontab.replace("*", "-1")
