@@ -170,7 +170,7 @@ void CronDaemon::Evaluate() {
 
 // A load that is not a cycle of its own. What was found due stays due, and so does its text.
 void CronDaemon::ReloadInCycle() {
-    std::map<std::string, std::string> texts;
+    std::map<std::string, std::string, std::less<>> texts;
     for (const CronJob &job : jobs)
         if (!job.scheduleText.empty())
             texts.emplace(job.Name(), job.scheduleText);
@@ -226,7 +226,7 @@ void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
 }
 
 void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
-    const std::string name = job.Name();
+    const std::string name(job.Name());
     if (IsOfAccountDirectory(name)) {
         const std::string account = job.Account().value_or("");
         const std::int64_t now = WaitingStarts::Now();

@@ -37,8 +37,8 @@
 #include <string>
 #include <vector>
 
-// What the sources define: accepted jobs by their full names.
-using JobSet = std::map<std::string, CronJob>;
+// What the sources define: the accepted jobs, in the order in which they were read.
+using JobSet = std::vector<CronJob>;
 
 // A job of which something is known: it lives, or was saved, or is new and in a job set.
 struct JobEntry {
@@ -88,8 +88,7 @@ private:
     void ForgetChanges() const;
 
     void ReloadJobs();
-    // The job definitions of all sources by full job name. A source that fails is reported and left
-    // out.
+    // The job definitions of all sources. A source that fails is reported and left out.
     JobSet LoadSources();
     // Adds the accepted definitions of all package accounts to `jobSet` and watches their
     // directories. Returns whether the directory as a whole could be read; what is wrong with
@@ -108,13 +107,15 @@ private:
     void ApplyToLive(JobSet jobSet);
     // `document`: what `previous` comes from.
     void ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &document, JobSet jobSet);
-    // Adds what only `jobSet` has. `previous` has nothing else.
+    // Adds what only `jobSet` has. `previous` has nothing else. Gives an entry for each of
+    // `jobSet`.
     std::vector<JobEntry> MergeNewJobs(std::vector<JobEntry> previous, JobSet &jobSet) const;
     // When nothing of the load is left but the jobs.
     void FinishLoad();
-    void RebuildJobList(const std::vector<JobEntry> &entries);
+    void RebuildJobList(const std::vector<JobEntry> &entries, JobSet jobSet);
     // Makes jobs of those that were saved, stages all, and makes those that stay the list of jobs.
-    void StageJobs(const std::vector<JobEntry> &entries);
+    // Each of `entries` is for the one of `jobSet` at its place.
+    void StageJobs(const std::vector<JobEntry> &entries, JobSet jobSet);
     // Returns whether the job stays.
     bool Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) const;
     void RemoveUnusedPrograms(Staging &staging) const;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
+#include <iterator>
 #include <memory>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -52,7 +53,7 @@ bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
         document["config"] = std::move(definition);
         CronJob job(std::move(document));
         if (job.valid)
-            jobSet.insert_or_assign(job.Name(), std::move(job));
+            jobSet.push_back(std::move(job));
         else
             allAccepted = false;
     }
@@ -94,10 +95,10 @@ bool LoadAccountFile(JobSet &jobSet, const JobDirectory &directory, AccountFile 
     JobSet jobs;
     const bool allAccepted =
         AddJobDefinitions(jobs, NamedDefinitions(std::move(document), directory, file.name));
+    SortByName(jobs);
     if (!ChargeDocument(quota, DocumentSize(jobs, quota.documentBytes)))
         return false;
-    for (auto &[name, job] : jobs)
-        jobSet.insert_or_assign(name, std::move(job));
+    std::move(jobs.begin(), jobs.end(), std::back_inserter(jobSet));
     if (!allAccepted)
         LOG_ERROR("Job JSON format error: %s", path.c_str());
     return true;

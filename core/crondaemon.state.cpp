@@ -47,7 +47,7 @@ std::vector<JobEntry> EntriesOf(std::vector<CronJob> &jobs) {
     std::vector<JobEntry> entries;
     entries.reserve(jobs.size());
     for (CronJob &job : jobs)
-        entries.push_back({job.Name(), &job, nullptr});
+        entries.push_back({std::string(job.Name()), &job, nullptr});
     return entries;
 }
 
@@ -58,13 +58,21 @@ bool IsUnchanged(const JobEntry &entry, const CronJob &job) {
     return entry.job->HasConfigOf(job) || JsonContains(entry.job->Config(), job.Config());
 }
 
+// Null when `jobSet`, which is in the order of the names, has none of that name.
+const CronJob *JobOf(const JobSet &jobSet, const std::string &name) {
+    const auto job = std::lower_bound(
+        jobSet.begin(), jobSet.end(), name,
+        [](const CronJob &one, const std::string &wanted) { return one.Name() < wanted; });
+    return job == jobSet.end() || job->Name() != name ? nullptr : &*job;
+}
+
 // Takes the jobs that are no longer defined, or defined otherwise, out of `previous`.
 void RemoveChangedJobs(std::vector<JobEntry> &previous, const JobSet &jobSet) {
     const auto isGone = [&](const JobEntry &entry) {
-        const auto job = jobSet.find(entry.name);
-        if (job == jobSet.end())
+        const CronJob *const job = JobOf(jobSet, entry.name);
+        if (job == nullptr)
             LOG_ERROR("removed cleared jobs: %s", entry.name.c_str());
-        else if (!IsUnchanged(entry, job->second))
+        else if (!IsUnchanged(entry, *job))
             LOG_ERROR("removed modified jobs: %s", entry.name.c_str());
         else
             return false;
@@ -143,10 +151,11 @@ void CronDaemon::ApplyToLive(JobSet jobSet) {
 
 void CronDaemon::ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &document,
                              JobSet jobSet) {
+    SortByName(jobSet);
     RemoveChangedJobs(previous, jobSet);
     previous = MergeNewJobs(std::move(previous), jobSet);
     LogRuntime(previous, document);
-    RebuildJobList(previous);
+    RebuildJobList(previous, std::move(jobSet));
 }
 
 void CronDaemon::FinishLoad() {
@@ -164,8 +173,8 @@ std::vector<JobEntry> CronDaemon::MergeNewJobs(std::vector<JobEntry> previous,
     std::vector<JobEntry> merged;
     merged.reserve(jobSet.size());
     auto known = previous.begin(); // both are in the order of the names
-    for (auto &[name, job] : jobSet) {
-        if (known != previous.end() && known->name == name) {
+    for (CronJob &job : jobSet) {
+        if (known != previous.end() && known->name == job.Name()) {
             merged.push_back(std::move(*known++));
             if (merged.back().job == nullptr)
                 merged.back().job = &job;
@@ -173,23 +182,21 @@ std::vector<JobEntry> CronDaemon::MergeNewJobs(std::vector<JobEntry> previous,
         }
         for (std::size_t i = 0; i < shared.size(); ++i)
             job.GenerateFieldSchedule(FieldKeys()[i], shared[i]);
-        merged.push_back({name, &job, nullptr});
+        merged.push_back({std::string(job.Name()), &job, nullptr});
     }
     return merged;
 }
 
-void CronDaemon::RebuildJobList(const std::vector<JobEntry> &entries) {
-    StageJobs(entries);
+void CronDaemon::RebuildJobList(const std::vector<JobEntry> &entries, JobSet jobSet) {
+    StageJobs(entries, std::move(jobSet));
     runtimeDirectory = RuntimeDirectoryState::Now();
 }
 
-void CronDaemon::StageJobs(const std::vector<JobEntry> &entries) {
+void CronDaemon::StageJobs(const std::vector<JobEntry> &entries, JobSet jobSet) {
     KnownAccounts accounts;
     Staging staging(stopRequested);
     std::vector<CronJob *> kept;
-    std::vector<CronJob> rebuilt;
     kept.reserve(entries.size());
-    rebuilt.reserve(entries.size());
     for (const JobEntry &entry : entries) {
         if (entry.saved != nullptr)
             *entry.job = CronJob(std::exchange(*entry.saved, {}));
@@ -198,10 +205,15 @@ void CronDaemon::StageJobs(const std::vector<JobEntry> &entries) {
         else if (Stage(*entry.job, staging, accounts))
             kept.push_back(entry.job);
     }
-    // From here on nothing fails.
-    for (CronJob *job : kept)
-        rebuilt.push_back(std::move(*job));
-    jobs = std::move(rebuilt);
+    // From here on nothing fails. No job that stays is in a place before its own.
+    auto place = jobSet.begin();
+    for (CronJob *job : kept) {
+        if (job != &*place)
+            *place = std::move(*job);
+        ++place;
+    }
+    jobSet.erase(place, jobSet.end());
+    jobs = std::move(jobSet);
     RemoveUnusedPrograms(staging);
 }
 
@@ -223,7 +235,7 @@ bool CronDaemon::Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) 
 void CronDaemon::RemoveUnusedPrograms(Staging &staging) const {
     std::set<std::string> used = waitingStarts.Jobs(WaitingStarts::Now());
     for (const CronJob &job : jobs)
-        used.insert(job.Name());
+        used.emplace(job.Name());
     staging.Remove([&used](const std::string &name) {
         return IsOfAccountDirectory(name) && used.count(name) == 0;
     });

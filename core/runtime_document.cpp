@@ -32,7 +32,7 @@ void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSin
     sink(text.Part());
 }
 
-std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t most) {
+std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most) {
     // Numbers and their names that are yet to come, each in a line of its own.
     constexpr std::size_t lineOfValue = sizeof "\n\t\t\t\t\t-1," - 1;
     constexpr std::size_t otherLines = 512;
@@ -41,8 +41,8 @@ std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t
     text.BeginObject();
     text.Name("jobs");
     text.BeginObject();
-    for (const auto &[name, job] : jobs) {
-        text.Name(name);
+    for (const CronJob &job : jobs) {
+        text.Name(job.Name());
         job.AppendNewTo(text);
         toCome += otherLines;
         toCome += job.ItemCount() * lineOfValue;

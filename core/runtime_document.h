@@ -7,8 +7,6 @@
 #include "platform/json_file.h"
 
 #include <cstddef>
-#include <map>
-#include <string>
 #include <vector>
 
 // Which jobs a document shows.
@@ -21,8 +19,8 @@ enum class JobsShown : unsigned char {
 // these, a part after the other, for the whole would take more memory than the jobs.
 void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSink &sink);
 
-// How many bytes the jobs, by their names, take in that document at most, now and later, when they
-// have schedules and have been launched; some number above `most` when that is more.
-std::size_t DocumentSize(const std::map<std::string, CronJob> &jobs, std::size_t most);
+// How many bytes the jobs, no two of a name, take in that document at most, now and later, when
+// they have schedules and have been launched; some number above `most` when that is more.
+std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most);
 
 #endif

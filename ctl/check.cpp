@@ -148,7 +148,7 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
 } // namespace
 
 std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
-    std::map<std::string, CronJob> jobs;
+    std::vector<CronJob> jobs;
     for (Json::Value &definition : DefinitionsOf(file.document)) {
         NameDefinition(definition, file.directory, FileBaseName(file.name));
         Json::Value document;
@@ -156,8 +156,9 @@ std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
         std::vector<DefinitionFault> faults;
         CronJob job(std::move(document), faults, 1);
         if (job.valid)
-            jobs.insert_or_assign(job.Name(), std::move(job));
+            jobs.push_back(std::move(job));
     }
+    SortByName(jobs);
     return DocumentSize(jobs, most);
 }
 

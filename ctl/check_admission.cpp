@@ -137,7 +137,7 @@ void FindObstacles(Subject &subject, const CronJob &job, const Surroundings &sur
     const Account account = surroundings.account(subject.Config());
     const Json::Value words = Member(job.Document(), "cmd_list");
     const std::string member = HasMember(subject.Config(), "cmd_list") ? "cmd_list" : "cmd";
-    FindNameObstacles(subject, job.Name());
+    FindNameObstacles(subject, std::string(job.Name()));
     FindAccountObstacles(subject, account);
     if (member == "cmd")
         FindShellSyntax(subject, words);

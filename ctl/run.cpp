@@ -88,7 +88,8 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
     const std::optional<std::string> account = AccountOf(config);
     if (account && appliance.HasAccount(*account))
         return {};
-    const std::string group = "Failed to get user group info for job [" + job.Name() + "]";
+    const std::string group =
+        "Failed to get user group info for job [" + std::string(job.Name()) + "]";
     if (account)
         return {"user " + *account + " not exist", group};
     const std::string user = IsOfPackage(config)

@@ -4,6 +4,7 @@
 #include "job/runtime_directory.h"
 #include "log/error_log.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <string>
@@ -63,6 +64,9 @@ CronJob::CronJob(Json::Value document, std::vector<DefinitionFault> &faults,
     valid = parsed.faults.empty();
     TakeDefinition(document, std::move(parsed.definition));
     _jsJob = JobDocument(std::move(document));
+    const auto block = std::make_shared<std::string>();
+    block->reserve(TextSize());
+    MoveTexts(block);
     std::move(parsed.faults.begin(), parsed.faults.end(), std::back_inserter(faults));
 }
 
@@ -84,20 +88,41 @@ void CronJob::TakeDefinition(Json::Value &document, Definition definition) {
     TakeRuntimeMembers(document);
 }
 
+void SortByName(std::vector<CronJob> &jobs) {
+    std::stable_sort(jobs.begin(), jobs.end(), [](const CronJob &one, const CronJob &other) {
+        return one.Name() < other.Name();
+    });
+    const auto first =
+        std::unique(jobs.rbegin(), jobs.rend(), [](const CronJob &one, const CronJob &other) {
+            return one.Name() == other.Name();
+        });
+    jobs.erase(jobs.begin(), first.base());
+}
+
 void ShareTexts(std::vector<CronJob> &jobs) {
-    const auto block = std::make_shared<std::string>();
     std::size_t size = 0;
     for (CronJob &job : jobs)
-        for (const SharedText *text : job.Texts())
-            size += text->View().size();
+        size += job.TextSize();
     try {
+        const auto block = std::make_shared<std::string>();
         block->reserve(size);
+        for (CronJob &job : jobs)
+            job.MoveTexts(block);
     } catch (const std::exception &) {
         return;
     }
-    for (CronJob &job : jobs)
-        for (SharedText *text : job.Texts())
-            text->MoveTo(block);
+}
+
+std::size_t CronJob::TextSize() {
+    std::size_t size = 0;
+    for (const SharedText *text : Texts())
+        size += text->View().size();
+    return size;
+}
+
+void CronJob::MoveTexts(const std::shared_ptr<std::string> &block) {
+    for (SharedText *text : Texts())
+        text->MoveTo(block);
 }
 
 // --- Document -----------------------------------------------------------------------------------

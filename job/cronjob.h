@@ -23,8 +23,10 @@
 #include <json/value.h>
 #include <limits>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -61,7 +63,7 @@ public:
     bool HasConfigOf(const CronJob &other) const { return _jsJob.HasConfigOf(other._jsJob); }
 
     // The full job name.
-    std::string Name() const { return std::string(name_.View()); }
+    std::string_view Name() const { return name_.View(); }
 
     // The account that it runs as; none when its definition names none.
     const std::optional<std::string> &Account() const { return account_; }
@@ -161,6 +163,8 @@ public:
 
 private:
     std::array<SharedText *, 3> Texts() { return {&name_, &program_, &_jsJob.Text()}; }
+    std::size_t TextSize();
+    void MoveTexts(const std::shared_ptr<std::string> &block);
     void TakeDefinition(Json::Value &document, Definition definition);
     void TakeRuntimeMembers(Json::Value &document);
     void AddDrawn(Json::Value &schedule) const;
@@ -175,6 +179,9 @@ private:
 // A load moves jobs when nothing may go wrong any more.
 static_assert(std::is_nothrow_move_constructible_v<CronJob> &&
               std::is_nothrow_move_assignable_v<CronJob>);
+
+// Puts the jobs into the order of their names. Of two of a name the later one stays.
+void SortByName(std::vector<CronJob> &jobs);
 
 // Makes the texts of all `jobs` lie together. Those of a load lie among its JSON, and would keep
 // the memory that it leaves from being given back. Without memory for it they stay where they are.

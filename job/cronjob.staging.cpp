@@ -48,7 +48,7 @@ StagingResult FailWithoutAccount(const std::string &staged, const JobUser &user)
 } // namespace
 
 StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) {
-    const std::string name = job.Name();
+    const std::string name(job.Name());
     const std::string staged = StagedPath(name);
     const std::string source = job.Program();
     const bool isOfAccount = IsOfAccountDirectory(name);

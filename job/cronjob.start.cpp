@@ -194,7 +194,7 @@ bool CronJob::BecomeCommand(const std::string &note) const {
         return false;
     }
     signal(SIGCHLD, SIG_DFL);
-    const std::string &name = Name();
+    const std::string name(Name());
     const JobUser user = ResolveJobUser(Member(document, "config"));
     if (!user.valid) {
         LOG_ERROR("Failed to get user group info for job [%s]", name.c_str());

@@ -32,7 +32,7 @@ void ApplyToLive(CronDaemon &daemon, JobSet jobSet);
 void RegenerateField(CronDaemon &daemon, const std::string &key);
 std::vector<CronJob> &JobsOf(CronDaemon &daemon);
 
-template <auto kLoad, auto kSaved, auto kLive, auto kRegenerate, auto kJobs>
+template <auto kLoad, auto kSaved, auto kLive, auto kFinish, auto kRegenerate, auto kJobs>
 struct Opened {
     friend void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path,
                             AccountLoads &loads) {
@@ -40,9 +40,11 @@ struct Opened {
     }
     friend void ApplyToSaved(CronDaemon &daemon, Json::Value document, JobSet jobSet) {
         (daemon.*kSaved)(std::move(document), std::move(jobSet));
+        (daemon.*kFinish)();
     }
     friend void ApplyToLive(CronDaemon &daemon, JobSet jobSet) {
         (daemon.*kLive)(std::move(jobSet));
+        (daemon.*kFinish)();
     }
     friend void RegenerateField(CronDaemon &daemon, const std::string &key) {
         (daemon.*kRegenerate)(key);
@@ -50,7 +52,8 @@ struct Opened {
     friend std::vector<CronJob> &JobsOf(CronDaemon &daemon) { return daemon.*kJobs; }
 };
 template struct Opened<&CronDaemon::LoadAccount, &CronDaemon::ApplyToSaved,
-                       &CronDaemon::ApplyToLive, &CronDaemon::RegenerateField, &CronDaemon::jobs>;
+                       &CronDaemon::ApplyToLive, &CronDaemon::FinishLoad,
+                       &CronDaemon::RegenerateField, &CronDaemon::jobs>;
 
 Json::Value &SavedRuntime() {
     static Json::Value document;
@@ -142,8 +145,8 @@ void RequireApplied(const Json::Value &previous, const Json::Value &jobSet,
 
 Json::Value DefinitionsOf(const JobSet &jobSet) {
     Json::Value definitions(Json::objectValue);
-    for (const auto &[name, job] : jobSet)
-        definitions[name] = job.Config();
+    for (const CronJob &job : jobSet)
+        definitions[std::string(job.Name())] = job.Config();
     return definitions;
 }
 

@@ -23,7 +23,7 @@ std::string TextOf(const std::vector<CronJob> &jobs, JobsShown shown) {
 std::string Expected(const std::vector<CronJob> &jobs) {
     Json::Value expected;
     for (const CronJob &job : jobs)
-        expected["jobs"][job.Name()] = job.Document();
+        expected["jobs"][std::string(job.Name())] = job.Document();
     return JsonToString(expected);
 }
 
