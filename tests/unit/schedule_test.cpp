@@ -249,8 +249,9 @@ TEST(ScheduleOfAnySize, IsKeptWhole) {
         KEST::RANDOM::KESTRandom random;
         for (std::size_t field = 0; field < items.size(); ++field)
             schedule.Draw(field, kAnyValue, random);
-        Schedule moved = std::move(schedule);
-        const Schedule copy = moved;
+        const Schedule moved = std::move(schedule);
+        Schedule copy;
+        copy = moved;
         EXPECT_EQ(copy.ItemCount(), static_cast<std::size_t>(count));
         for (std::size_t field = 0; field < items.size(); ++field) {
             const std::vector<CronRange> kept = copy.Items(field);
