@@ -208,7 +208,7 @@ void CronJob::AppendSchedule(JsonText &text) const {
     }};
     std::vector<std::int32_t> drawn;
     text.AppendMembers(BeginningOf(ChangingMember::Schedule));
-    text.AppendMembers("\n\t\t\t{");
+    text.BeginObject();
     bool isFirst = true;
     for (const auto &[field, name] : fields) {
         if (!schedule_.IsDrawn(field))
@@ -217,7 +217,7 @@ void CronJob::AppendSchedule(JsonText &text) const {
         schedule_.GetDrawn(field, drawn);
         text.Append(drawn);
     }
-    text.AppendMembers("\n\t\t\t}");
+    text.EndObject();
 }
 
 void CronJob::AppendTo(JsonText &text) const {

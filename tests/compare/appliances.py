@@ -174,6 +174,9 @@ class Definitions:
         return {"period": self.chance.choice(["crontab"] * 5 + ["Cron", "c", "crontabs"]),
                 "crontab": self.crontab()}
 
+    # Of the items of a field. A list of many takes more than one line in a document.
+    COUNTS = [1] * 9 + [2] * 3 + [4] * 2 + [30]
+
     def crontab(self):
         chance = self.chance
         kind = chance.random()
@@ -182,7 +185,7 @@ class Definitions:
         if kind < 0.33:
             return chance.choice(["", "* * * *", "* * * * * *", " * * * * *", "* * * * * ",
                                   "*  * * *", "* * * *\t*", "@daily", "0 0 31 2 *", "* * * * *\n"])
-        return " ".join(",".join(self.item(field) for _ in range(chance.choice([1, 1, 1, 2, 4])))
+        return " ".join(",".join(self.item(field) for _ in range(chance.choice(self.COUNTS)))
                         for field in range(5))
 
     def item(self, field):

@@ -111,6 +111,22 @@ TEST(CronJobDocument, IsSavedAsItIs) {
     }
 }
 
+TEST(CronJobDocument, OfAnyNumberOfItemsIsSavedAsItIs) {
+    const FixedClock clock(1700000000);
+    for (const int count : {1, 2, 15, 16, 17, 18, 24, 25, 26, 60}) {
+        SCOPED_TRACE(count);
+        std::string items = "59";
+        for (int i = 1; i < count; ++i)
+            items += "," + std::to_string(i % 60);
+        for (const std::string &crontab : {items + " * * * *", "* * * * " + std::string("~,0"),
+                                           items + " 0 1 2 " + std::string("~,0")}) {
+            CronJob job = ScheduledJob(crontab);
+            job.SetStaged(true);
+            EXPECT_EQ(Saved(job), AsValueOfJobs(job.Document()));
+        }
+    }
+}
+
 TEST(CronJobDocument, KnowsTheSameDefinition) {
     const FixedClock clock(1700000000);
     const char *const config = R"("name": "a", "user": "root", "period": "d", "cmd": "b")";
