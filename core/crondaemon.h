@@ -110,11 +110,12 @@ private:
     // Adds what only `jobSet` has. `previous` has nothing else. Gives an entry for each of
     // `jobSet`.
     std::vector<JobEntry> MergeNewJobs(std::vector<JobEntry> previous, JobSet &jobSet) const;
-    // When nothing of the load is left but the jobs.
+    // Gives the memory of a load back and saves the documents. Called when the load has been
+    // applied and nothing of it is left but the jobs.
     void FinishLoad();
     void RebuildJobList(const std::vector<JobEntry> &entries, JobSet jobSet);
     // Makes jobs of those that were saved, stages all, and makes those that stay the list of jobs.
-    // Each of `entries` is for the one of `jobSet` at its place.
+    // Entry i belongs to job i of `jobSet`.
     void StageJobs(const std::vector<JobEntry> &entries, JobSet jobSet);
     // Returns whether the job stays.
     bool Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) const;
@@ -125,7 +126,8 @@ private:
     void SaveTemplate(const std::string &path, Durability durability) const;
     void SaveRuntimeFiles();
     void PersistState();
-    // Puts memory by that is enough to save jobs of `partSize` bytes each, if there is any.
+    // Holds memory in reserve that is enough to save jobs of `partSize` bytes each, if there is
+    // any.
     void KeepReserve(std::size_t partSize);
 
     static constexpr std::uint32_t kWatchLimit = 1024;

@@ -44,7 +44,8 @@ void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &co
         std::cerr << "kestcronctl: kestcrond does not run: nothing starts by itself; this is from "
                   << runtime.path << " of " << WhenInWords(runtime.saved, context.now) << "\n";
     for (const std::string &name : runtime.corrupt)
-        std::cerr << "kestcronctl: " << runtime.path << ": \"" << Shown(name) << "\" is no job\n";
+        std::cerr << "kestcronctl: " << runtime.path << ": \"" << Shown(name)
+                  << "\" is not a valid job\n";
 }
 
 void TellWhatWaits(const Daemon &daemon) {

@@ -107,7 +107,7 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
         executionLog.BeSilent();
         if (job.BecomeCommand(note)) {
             status = kNotRun;
-            std::cerr << "kestcronctl: its command cannot be run; the execution log tells why\n";
+            std::cerr << "kestcronctl: its command cannot be run; the execution log shows why\n";
         } else {
             std::cerr << "kestcronctl: the job cannot be prepared; the system log shows why\n";
         }

@@ -62,7 +62,7 @@ public:
     // Whether `other` is defined by the same text. When not, it may still be by the same values.
     bool HasConfigOf(const CronJob &other) const { return _jsJob.HasConfigOf(other._jsJob); }
 
-    // The full job name.
+    // The full job name. Valid until the job is changed or its texts are moved.
     std::string_view Name() const { return name_.View(); }
 
     // The account that it runs as; none when its definition names none.
@@ -183,8 +183,8 @@ static_assert(std::is_nothrow_move_constructible_v<CronJob> &&
 // Puts the jobs into the order of their names. Of two of a name the later one stays.
 void SortByName(std::vector<CronJob> &jobs);
 
-// Makes the texts of all `jobs` lie together. Those of a load lie among its JSON, and would keep
-// the memory that it leaves from being given back. Without memory for it they stay where they are.
+// Moves the texts of all `jobs` into one block of memory. Left among the JSON of a load, they would
+// keep its pages from being given back. Changes nothing when there is no memory for the block.
 void ShareTexts(std::vector<CronJob> &jobs);
 
 // Reports the first fault of a definition that is refused.

@@ -7,11 +7,11 @@
 
 #include <cstddef>
 
-// Writes `text` to the system log as syslog() does, but never waits long: the log's socket takes
-// only a few messages when nobody reads it, and a scheduler must not block on it. What is not taken
-// within half a second for all messages of a cycle is kept and sent later
-// (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and
-// leaves both as they were set up, the timer stopped.
+// Writes `text` to the system log as syslog() does, but does not block for long: the log's socket
+// holds only a few messages while no process reads them. All messages of a cycle together wait for
+// half a second at most. Messages that the log has not taken by then are kept and sent later
+// (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and restores
+// both, with the timer stopped.
 void WriteSystemLog(int priority, const char *text);
 
 // Begins a new half second. Sends what is kept, as far as it is taken at once, and returns a

@@ -215,7 +215,7 @@ def test_entries_that_are_no_jobs(known, ctl):
         {"jobs": {"good": JOBS["builtin-core-never"], "b\nad": 7, "worse": {"config": []}}}))
     result = ctl("list", "--json")
     assert [job["name"] for job in json.loads(result.stdout)] == ["builtin-core-never"]
-    assert '"b\\nad" is no job\n' in result.stderr and '"worse" is no job\n' in result.stderr
+    assert '"b\\nad" is not a valid job\n' in result.stderr and '"worse" is not a valid job\n' in result.stderr
     for jobs in (7, [], [1], None, "x"):
         known.write(known.RUNTIME_FILE, json.dumps({"jobs": jobs}))
         assert json.loads(ctl("list", "--json").stdout) == []
@@ -578,7 +578,7 @@ def test_the_exit_status_of_a_run(machine, ctl, program, status):
     if status == 137:
         assert result.stderr == ERRORS + "ended by signal 9 (Killed)\n"
     if status == 127:
-        assert result.stderr == ERRORS + "its command cannot be run; the execution log tells why\n"
+        assert result.stderr == ERRORS + "its command cannot be run; the execution log shows why\n"
         assert "failed, return code: -1, error: No such file" in machine.log_lines()[-1]
 
 

@@ -126,7 +126,7 @@ def test_an_entry_full_of_faults(machine, ctl):  # noqa: F811
     document(machine, json.dumps({"jobs": {
         "a": job("a"), "b": job("b", crontab="x," * 400000 + "1 * * * *")}}))
     done = ctl("--root", ROOT, "list")
-    assert done.returncode == 0 and '"b" is no job' in done.stderr
+    assert done.returncode == 0 and '"b" is not a valid job' in done.stderr
 
 
 def test_a_document_of_the_daemon_is_worth_its_memory(machine, ctl):  # noqa: F811

@@ -109,6 +109,6 @@ def test_a_run_whose_log_cannot_be_written(left, ctl, log, error):  # noqa: F811
     result = ctl("run", "y")
     assert result.returncode == 127
     assert result.stderr.splitlines()[1:] == [
-        ERRORS + "its command cannot be run; the execution log tells why",
+        ERRORS + "its command cannot be run; the execution log shows why",
         f"{ERRORS}/var/log/kestcrond-execute.log: {error}"]
     assert errors(left) == []
