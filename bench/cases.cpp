@@ -1,15 +1,15 @@
 #include "bench/cases.h"
 
+#include "base/descriptor.h"
+#include "base/json_contains.h"
+#include "base/json_members.h"
+#include "base/json_text.h"
 #include "core/job_state.h"
-#include "core/json_contains.h"
 #include "core/runtime_document.h"
 #include "job/cronjob.h"
-#include "job/json_members.h"
 #include "job/schedule.h"
 #include "log/memorylogger.h"
-#include "platform/descriptor.h"
 #include "platform/json_file.h"
-#include "platform/json_text.h"
 
 #include <cstdio>
 #include <cstdlib>

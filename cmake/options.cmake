@@ -10,7 +10,7 @@ option(KESTCROND_SMALL "Leave out of the programs what nothing calls" OFF)
 option(KESTCROND_COVERAGE "Count which lines run" OFF)
 set(KESTCROND_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 set(KESTCROND_PLATFORM_LIBRARIES "" CACHE STRING
-    "The maker's libraries that provide everything declared in platform/*.h; empty: platform/posix")
+    "The maker's libraries that provide everything declared in src/platform/*.h; empty: src/platform/posix")
 
 if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE Release)

@@ -1,8 +1,8 @@
 #include "bench/fleet/reference.h"
 
+#include "base/json_members.h"
 #include "core/job_state.h"
 #include "core/redraw.h"
-#include "job/json_members.h"
 #include "job/overdue.h"
 #include "job/schedule.h"
 #include "log/memorylogger.h"

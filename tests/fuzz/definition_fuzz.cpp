@@ -4,10 +4,10 @@
 // saved document comes back at the next start. Faults are the same however many of them are asked
 // for, and lead to what was written.
 
-#include "core/json_contains.h"
+#include "base/json_contains.h"
+#include "base/json_members.h"
+#include "base/json_text.h"
 #include "job/definition.h"
-#include "job/json_members.h"
-#include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 
 #include <algorithm>

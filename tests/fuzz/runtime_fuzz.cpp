@@ -6,12 +6,12 @@
 //
 // The saved documents are kept in memory, and no program is staged.
 
+#include "base/json_contains.h"
+#include "base/json_members.h"
+#include "base/json_text.h"
 #include "core/crondaemon.h"
 #include "core/job_state.h"
-#include "core/json_contains.h"
 #include "core/launch_note.h"
-#include "job/json_members.h"
-#include "platform/json_text.h"
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 

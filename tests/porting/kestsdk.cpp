@@ -1,6 +1,6 @@
 #include "platform/kestsdk.h"
 
-#include "platform/errno_kept.h"
+#include "base/errno_kept.h"
 
 #include <cerrno>
 #include <fstream>

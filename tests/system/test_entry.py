@@ -433,7 +433,7 @@ def test_a_pid_file_that_cannot_be_made_ends_the_start(machine):
 def test_messages_lead_to_the_source(machine):
     machine.start_and_wait()
     machine.start()
-    source = (os.path.dirname(__file__) + "/../../daemon/kestcrond.cpp")
+    source = (os.path.dirname(__file__) + "/../../src/daemon/kestcrond.cpp")
     message = machine.messages("kestcrond")[0]
     with open(source, encoding="utf-8") as file:
         line = file.read().splitlines()[message.line - 1]

@@ -11,7 +11,7 @@ import pytest
 
 TOP = Path(__file__).resolve().parents[2]
 PAGES = [TOP / "man/kestcrond.8", TOP / "man/kestcron.job.5"]
-ROOMS = ["platform", "log", "job", "core", "daemon"]
+LAYERS = ["base", "platform", "log", "job", "core", "daemon"]
 
 # What may stand in a string or a raw string, and what is no code.
 TOKEN = re.compile(r'R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|//[^\n]*|/\*.*?\*/', re.S)
@@ -19,8 +19,8 @@ TOKEN = re.compile(r'R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|//[^\n]*|
 # Only these paths are the daemon's: those of programs and examples are anybody's.
 OWN_PATH = re.compile(r"(?<![\w.])(?:/usr/kest|/usr/local/etc|/tmp/kestcrond|/var/run|/run|"
                       r"/var/log)[\w./-]*")
-CODE = {str(path.relative_to(TOP)): path.read_text()
-        for room in ROOMS for path in sorted((TOP / room).rglob("*"))
+CODE = {str(path.relative_to(TOP / "src")): path.read_text()
+        for layer in LAYERS for path in sorted((TOP / "src" / layer).rglob("*"))
         if path.suffix in (".cpp", ".h")}
 
 
@@ -136,7 +136,7 @@ def test_defaults():
 
 
 def test_options():
-    options = {text for name in ("daemon/kestcrond.cpp", "core/paths.h")
+    options = {text for name in ("daemon/kestcrond.cpp", "base/paths.h")
                for text in strings(CODE[name]) if text.startswith("-")}
     assert options == {f"-{word}" for word in heads(PAGES, "Fl")}
     synopsis = section(PAGES[0], "SYNOPSIS", "Sh")

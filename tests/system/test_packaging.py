@@ -367,8 +367,8 @@ def test_yocto_packages(recipe):
 
 # --- A platform of the maker's own ---------------------------------------------------------------
 
-HEADERS = [header for header in sorted((TOP / "platform").glob("*.h"))
-           if (TOP / "platform/posix" / f"{header.stem}.cpp").exists()]
+HEADERS = [header for header in sorted((TOP / "src/platform").glob("*.h"))
+           if (TOP / "src/platform/posix" / f"{header.stem}.cpp").exists()]
 
 
 def declared(header):
@@ -393,16 +393,16 @@ def test_porting_tells_every_call():
     assert set(re.findall(r"\b(?:XLIBC|KEST[A-Z])\w+|\bJson(?:From|To)\w+", guide)) <= names | {
         "XLIBCProc", "KESTUtils", "KESTRandom", "KESTCROND_PLATFORM_LIBRARIES",
         "KESTCROND_BUILD_TESTS"}
-    for header in (TOP / "platform").glob("*.h"):
-        assert f"`platform/{header.name}`" in guide
-        assert (header in HEADERS) == (f"`platform/posix/{header.stem}.cpp`" in guide)
+    for header in (TOP / "src/platform").glob("*.h"):
+        assert f"`src/platform/{header.name}`" in guide
+        assert (header in HEADERS) == (f"`src/platform/posix/{header.stem}.cpp`" in guide)
 
 
 def test_no_call_is_overlooked():
-    """What the library of platform/posix gives to its users is what the headers declare."""
+    """What the library of src/platform/posix gives to its users is what the headers declare."""
     names = {re.search(r"(\w+)\(", call)[1] for header in HEADERS for call in declared(header)}
     defined = set()
-    for source in (TOP / "platform/posix").glob("*.cpp"):
+    for source in (TOP / "src/platform/posix").glob("*.cpp"):
         text = re.sub(r"^namespace \{.*?^\} // namespace$", "", source.read_text(),
                       flags=re.M | re.S)
         defined |= set(re.findall(r"^\w[\w:<>:\* &]*?(\w+)\([^;]*?\) \{$", text, re.M))

@@ -1,9 +1,9 @@
 #include "tests/fuzz/support/checks.h"
 
-#include "job/json_members.h"
+#include "base/descriptor.h"
+#include "base/json_members.h"
+#include "base/json_text.h"
 #include "job/schedule.h"
-#include "platform/descriptor.h"
-#include "platform/json_text.h"
 #include "tests/fuzz/support/machine.h"
 
 #include <algorithm>

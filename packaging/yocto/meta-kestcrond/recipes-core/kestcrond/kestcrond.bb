@@ -35,7 +35,7 @@ PACKAGECONFIG ??= "ctl"
 PACKAGECONFIG[ctl] = "-DKESTCROND_BUILD_CTL=ON,-DKESTCROND_BUILD_CTL=OFF,cli11"
 PACKAGECONFIG[small] = "-DKESTCROND_SMALL=ON,-DKESTCROND_SMALL=OFF"
 
-# The libraries that take the place of platform/posix, separated by semicolons, and the recipes that
+# The libraries that take the place of src/platform/posix, separated by semicolons, and the recipes that
 # provide them; docs/porting.md tells what they must do.
 KESTCROND_PLATFORM_LIBRARIES ?= ""
 KESTCROND_PLATFORM_DEPENDS ?= ""

@@ -1,0 +1,20 @@
+// The files of the daemon that others know too: the tool reads them.
+
+#ifndef BASE_PATHS_H
+#define BASE_PATHS_H
+
+constexpr const char *kRuntimeFile = "/var/run/kestcrond.config";
+constexpr const char *kRuntimeTemplateFile = "/var/run/kestcrond.st.config";
+constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
+constexpr const char *kPersistentTemplateFile = "/usr/kest/etc/kestcrond.st.config";
+constexpr const char *kPidFile = "/var/run/kestcrond.pid";
+constexpr const char *kInstanceLockFile = "/var/run/kestcrond.lock";
+constexpr const char *kExecutionLogFile = "/var/log/kestcrond-execute.log";
+constexpr const char *kLogStagingFile = "/tmp/kestcrond.log";
+constexpr const char *kLogLockFile = "/var/run/kestcrond-execute.lock";
+constexpr unsigned kLogStagingKiB = 1024;
+
+constexpr const char *kDaemonName = "kestcrond";
+constexpr const char *kPassiveOption = "--passive-mode";
+
+#endif

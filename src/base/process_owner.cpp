@@ -1,0 +1,20 @@
+#include "base/process_owner.h"
+
+#include "base/descriptor.h"
+#include "base/errno_kept.h"
+
+#include <cstddef>
+#include <fcntl.h>
+#include <string>
+
+bool IsProcessOfRoot(pid_t pid) {
+    const ErrnoKept kept;
+    constexpr std::size_t most = 65536;
+    const Descriptor file(
+        open(("/proc/" + std::to_string(pid) + "/" + "status").c_str(), O_RDONLY | O_CLOEXEC));
+    std::string status;
+    if (!file || !ReadAll(file.Get(), most, status))
+        return false;
+    // The name, which may hold anything but a newline that is written as one, stands before it.
+    return status.find("\nUid:\t0\t0\t0\t") != std::string::npos;
+}

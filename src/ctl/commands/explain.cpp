@@ -1,0 +1,221 @@
+#include "base/json_members.h"
+#include "ctl/check/crontab.h"
+#include "ctl/check/definition.h"
+#include "ctl/commands/commands.h"
+#include "ctl/display/coming_starts.h"
+#include "ctl/display/starts.h"
+#include "ctl/display/times.h"
+#include "ctl/display/utf8.h"
+#include "ctl/display/words.h"
+#include "ctl/system/failure.h"
+#include "job/period.h"
+#include "platform/kestutils.h"
+
+#include <iostream>
+
+// The answer in JSON: "expression", "fields" (each with "field", "text", "items" and "words"; an
+// item has "text", "type", which is "exact", "random" or "any", and "from" and "to"), "draws" (each
+// with "schedule" and "words", the first one as this machine would draw), "next", the first starts
+// of that one, and "remarks", what a check would say.
+
+namespace {
+
+constexpr std::size_t kDraws = 3;
+constexpr std::size_t kStartsExplained = 5;
+
+std::string ExpressionOf(const ExplainOptions &options) {
+    if (options.period.empty() == options.expression.empty())
+        throw Failure("explain wants an expression in quotes, or --period and a word");
+    if (options.period.empty())
+        return options.expression;
+    const std::optional<std::string> expression = PeriodCrontab(options.period, "");
+    if (!expression)
+        throw Failure("\"" + options.period + "\" is no period: it begins with h, d, w, m or c");
+    if (expression->empty())
+        throw Failure("\"" + options.period +
+                      R"(" runs as the member "crontab" says; explain that)");
+    return *expression;
+}
+
+// The definition of a job with that expression.
+Json::Value DefinitionWith(const std::string &expression) {
+    Json::Value config;
+    config["name"] = "explained";
+    config["user"] = "root";
+    config["period"] = "crontab";
+    config["crontab"] = expression;
+    config["cmd"] = "true";
+    return config;
+}
+
+// What a check of that job would say of its expression.
+std::vector<std::string> RemarksOn(const Json::Value &config, const CronJob &job,
+                                   const std::vector<DefinitionFault> &faults) {
+    const std::string noText;
+    const JsonPlaces nowhere(noText);
+    Subject subject(config, config, nowhere);
+    AddErrors(subject, faults);
+    if (job.valid)
+        FindCrontabWarnings(subject, job.cronFields());
+    std::vector<std::string> remarks;
+    for (const Problem &problem : subject.TakeProblems())
+        remarks.push_back(problem.message +
+                          (problem.allowed.empty() ? "" : "; allowed: " + problem.allowed));
+    return remarks;
+}
+
+std::string ItemInWords(const std::string &key, const CronRange &range) {
+    if (range.type == CronRange::Any)
+        return "every " + FieldsInWords({key});
+    if (range.type == CronRange::Exact)
+        return ValueInWords(key, range.from);
+    return "one from " + ValueInWords(key, range.from) + " to " + ValueInWords(key, range.to);
+}
+
+const char *RedrawInWords(const std::string &key) {
+    switch (key.front()) {
+    case 'M':
+        return "every hour";
+    case 'h':
+        return "every midnight";
+    case 'd':
+        return "every 1st of a month";
+    case 'm':
+        return "every 1 January";
+    default:
+        return "every Monday";
+    }
+}
+
+std::string FieldInWords(const std::string &key, const std::vector<CronRange> &items) {
+    std::vector<std::string> texts;
+    bool random = false;
+    for (const CronRange &item : items) {
+        texts.push_back(ItemInWords(key, item));
+        random = random || item.type == CronRange::Random;
+    }
+    return Enumerated(texts) + (random ? std::string(", drawn anew ") + RedrawInWords(key) : "");
+}
+
+Json::Value FieldToJson(const std::string &key, const std::string &text,
+                        const std::vector<CronRange> &items) {
+    constexpr const char *types[] = {"exact", "random", "any"};
+    const std::vector<std::string> pieces = KESTUtils::StringExplode(text, ",");
+    Json::Value json;
+    json["field"] = key;
+    json["text"] = text;
+    json["words"] = FieldInWords(key, items);
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        Json::Value item;
+        item["text"] = pieces.at(i);
+        item["type"] = types[items[i].type];
+        item["from"] = items[i].type == CronRange::Any ? Json::Value() : items[i].from;
+        item["to"] = items[i].type == CronRange::Any      ? Json::Value()
+                     : items[i].type == CronRange::Random ? items[i].to
+                                                          : items[i].from;
+        json["items"].append(item);
+    }
+    return json;
+}
+
+// The first as this machine would draw it, if its own draw is known; the others by chance. One is
+// enough where nothing is drawn.
+std::vector<Json::Value> Draws(const Context &context, CronJob job) {
+    const std::optional<ScheduleTemplate> shared = FindTemplate(context.appliance);
+    bool random = false;
+    for (const auto &[key, items] : job.cronFields())
+        for (const CronRange &item : items)
+            random = random || item.type == CronRange::Random;
+    std::vector<Json::Value> draws;
+    for (std::size_t i = 0; i < (random ? kDraws : 1); ++i) {
+        for (const std::string &key : FieldKeys())
+            job.GenerateFieldSchedule(key,
+                                      i == 0 && shared ? shared->GetSingleScheduleValue(key) : -1);
+        draws.push_back(job.ScheduleDocument());
+    }
+    return draws;
+}
+
+struct Explanation {
+    std::string expression;
+    std::vector<std::string> remarks;
+    std::vector<std::string> fields;
+    CronJob job;
+    std::vector<Json::Value> draws;
+    std::vector<ComingStart> starts;
+};
+
+Json::Value ToJson(const Explanation &explanation) {
+    Json::Value json;
+    json["expression"] = explanation.expression;
+    for (std::size_t i = 0; i < explanation.fields.size(); ++i) {
+        const std::string &key = FieldKeys().at(i);
+        json["fields"].append(
+            FieldToJson(key, explanation.fields[i], explanation.job.cronFields().at(key)));
+    }
+    json["remarks"] = Json::Value(Json::arrayValue);
+    for (const std::string &remark : explanation.remarks)
+        json["remarks"].append(remark);
+    for (const Json::Value &draw : explanation.draws) {
+        Json::Value one;
+        one["schedule"] = draw;
+        one["words"] = ScheduleInWords(draw);
+        json["draws"].append(one);
+    }
+    json["next"] = Json::Value(Json::arrayValue);
+    for (const ComingStart &start : explanation.starts)
+        json["next"].append(StartToJson(start, false));
+    return json;
+}
+
+void Write(const Explanation &explanation, const Context &context) {
+    Table table({"FIELD", "TEXT", "MEANING"});
+    for (std::size_t i = 0; i < explanation.fields.size(); ++i) {
+        const std::string &key = FieldKeys().at(i);
+        table.Add({FieldsInWords({key}), explanation.fields[i],
+                   FieldInWords(key, explanation.job.cronFields().at(key))});
+    }
+    std::cout << table.Show(context.screen) << "\n";
+    for (const std::string &remark : explanation.remarks)
+        std::cout << Coloured(context.screen, Colour::Yellow, "Mind: ")
+                  << Wrapped(context.screen, Shown(remark), 6) << "\n";
+    std::cout << (explanation.remarks.empty() ? "" : "\n")
+              << (explanation.draws.size() > 1 ? "Such as:\n" : "That is:\n");
+    for (const Json::Value &draw : explanation.draws)
+        std::cout << "  " << ScheduleInWords(draw) << "\n";
+    std::cout << "\nThe next starts"
+              << (explanation.draws.size() > 1 ? ", of the first of these:\n" : ":\n");
+    for (const ComingStart &start : explanation.starts)
+        std::cout << "  " << StartInWords(start, context.now)
+                  << (start.undrawn.empty()
+                          ? ""
+                          : ", " + FieldsInWords(start.undrawn) + " not yet drawn")
+                  << "\n";
+    if (explanation.starts.empty())
+        std::cout << "  never\n";
+}
+
+} // namespace
+
+int Explain(const Context &context, const ExplainOptions &options) {
+    Explanation explanation;
+    explanation.expression = ExpressionOf(options);
+    std::vector<DefinitionFault> faults;
+    Json::Value document;
+    document["config"] = DefinitionWith(explanation.expression);
+    explanation.job = CronJob(document, faults);
+    explanation.remarks = RemarksOn(document["config"], explanation.job, faults);
+    if (!explanation.job.valid)
+        throw Failure("\"" + explanation.expression + "\" is no crontab expression: " +
+                      (explanation.remarks.empty() ? "" : explanation.remarks.front()));
+    explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
+    explanation.draws = Draws(context, explanation.job);
+    explanation.starts =
+        ComingStarts(explanation.job.cronFields(), explanation.draws.front(),
+                     {context.now, context.now, context.now + kCalendarRepeats}, kStartsExplained);
+    if (context.json)
+        WriteJson(ToJson(explanation));
+    else
+        Write(explanation, context);
+    return 0;
+}

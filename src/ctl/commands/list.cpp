@@ -1,0 +1,36 @@
+#include "base/json_members.h"
+#include "ctl/commands/commands.h"
+#include "ctl/display/times.h"
+#include "ctl/display/words.h"
+#include "ctl/system/condition.h"
+#include "ctl/system/facts.h"
+
+#include <iostream>
+
+int List(const Context &context, const ListOptions &options) {
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
+    Json::Value answer(Json::arrayValue);
+    Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
+    for (const LiveJob &job : runtime.jobs) {
+        if (!IsMeant(options.pattern, job.name))
+            continue;
+        if (context.json) {
+            answer.append(JobToJson(job, daemon, context.now));
+            continue;
+        }
+        const ConditionWords &state = InWords(ConditionOf(job, daemon));
+        const std::optional<JobStart> next = NextStart(job, daemon, context.now);
+        table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument()),
+                   job.lastRun != 0 ? WhenInShort(job.lastRun, context.now) : "-",
+                   next ? StartInShort(*next, context.now) : "never", state.text},
+                  state.colour);
+    }
+    if (context.json)
+        WriteJson(answer);
+    else
+        std::cout << table.Show(context.screen);
+    return 0;
+}

@@ -1,0 +1,59 @@
+#include "ctl/commands/commands.h"
+#include "ctl/display/starts.h"
+#include "ctl/display/times.h"
+#include "ctl/display/words.h"
+#include "ctl/system/facts.h"
+
+#include <algorithm>
+#include <iostream>
+
+namespace {
+
+// What is to be known about a start besides its time.
+std::string RemarkOf(const JobStart &start) {
+    if (start.overdue)
+        return start.undrawn.empty() ? "overdue by then"
+                                     : "overdue by then, unless it starts before";
+    return start.undrawn.empty() ? "" : FieldsInWords(start.undrawn) + " not yet drawn";
+}
+
+void WriteAsJson(const std::vector<JobStart> &starts) {
+    Json::Value answer(Json::arrayValue);
+    for (const JobStart &start : starts) {
+        Json::Value json = StartToJson(start, start.overdue);
+        json["job"] = start.job->name;
+        answer.append(std::move(json));
+    }
+    WriteJson(answer);
+}
+
+} // namespace
+
+int Next(const Context &context, const NextOptions &options) {
+    const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
+    std::vector<const LiveJob *> jobs;
+    if (!options.job.empty())
+        jobs.push_back(&JobArgument(context, runtime, options.job));
+    else
+        for (const LiveJob &job : runtime.jobs)
+            jobs.push_back(&job);
+    const std::vector<JobStart> starts =
+        StartsOf(jobs, daemon, {context.now, from, from + kCalendarRepeats}, options.count);
+    if (context.json) {
+        WriteAsJson(starts);
+        return 0;
+    }
+    if (starts.empty()) {
+        std::cout << "never\n";
+        return 0;
+    }
+    Table table({"TIME", "JOB", "REMARK"}, {2});
+    for (const JobStart &start : starts)
+        table.Add({StartInWords(start, context.now), start.job->name, RemarkOf(start)});
+    std::cout << table.Show(context.screen);
+    return 0;
+}

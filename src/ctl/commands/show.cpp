@@ -1,0 +1,195 @@
+#include "base/descriptor.h"
+#include "base/json_members.h"
+#include "base/json_text.h"
+#include "base/paths.h"
+#include "base/printable.h"
+#include "ctl/commands/commands.h"
+#include "ctl/display/times.h"
+#include "ctl/display/utf8.h"
+#include "ctl/display/words.h"
+#include "ctl/system/condition.h"
+#include "ctl/system/facts.h"
+#include "ctl/system/log_file.h"
+#include "ctl/system/log_line.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <iostream>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+// The answer in JSON: the members of a job in `list`, and "definition", "command" (an array),
+// "assure_execute" (hours), "assure_run", "run_on_passive", "program", "staged" (paths),
+// "staged_state" ("same", "differs", "missing", "unknown"), "starts" (the next ones) and "log"
+// (lines).
+
+namespace {
+
+constexpr std::size_t kStartsShown = 3;
+constexpr std::size_t kLogLines = 5;
+constexpr std::size_t kLogBytes = std::size_t{1} << 26; // older lines are the log command's
+
+// The content of a program; nothing, with errno set, when it cannot be had.
+std::optional<std::string> ContentOf(const std::string &path) {
+    constexpr std::size_t most = std::size_t{1} << 28;
+    std::string content;
+    const Descriptor file = OpenRegularFile(path);
+    if (!file || !ReadAll(file.Get(), most, content))
+        return std::nullopt;
+    return content;
+}
+
+struct Staged {
+    const char *word; // in JSON
+    std::string text;
+};
+
+// How the staged program and the one it was copied from compare by now.
+Staged Compare(const Context &context, const LiveJob &job, const std::string &program) {
+    const std::string staged = context.appliance.Locate(job.staged);
+    if (access(staged.c_str(), F_OK) == -1)
+        return {"missing", "not staged: no daemon has loaded it since /tmp was cleaned"};
+    const auto copy = ContentOf(staged);
+    if (!copy)
+        return {"unknown", "staged; only root can compare it with its source"};
+    const auto source = ContentOf(context.appliance.Locate(program));
+    if (!source)
+        return {"differs", std::string("staged; its source: ") + std::strerror(errno)};
+    if (*copy == *source)
+        return {"same", "staged, the same as its source"};
+    return {"differs", "staged; its source has changed since, a reload takes that over"};
+}
+
+std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
+    std::deque<LogLine> lines;
+    const std::string name = Printable(job.name);
+    LogFile log(context.appliance.Locate(kExecutionLogFile));
+    if (log.Open())
+        log.SkipToLast(kLogBytes);
+    for (std::string text; log.IsOpen() && log.ReadLine(text);) {
+        LogLine line = ParseLogLine(text);
+        if (line.job != name)
+            continue;
+        lines.push_back(std::move(line));
+        if (lines.size() > kLogLines)
+            lines.pop_front();
+    }
+    return lines;
+}
+
+std::string WhyNoLines(const Context &context) {
+    const std::string path = context.appliance.Locate(kExecutionLogFile);
+    if (access(path.c_str(), R_OK) == 0 || errno == ENOENT)
+        return "no lines of it";
+    return path + ": " + std::strerror(errno);
+}
+
+struct ShownFacts {
+    const LiveJob &job;
+    Daemon daemon;
+    std::string program;
+    Staged staged;
+    std::vector<JobStart> starts;
+    std::deque<LogLine> lines;
+};
+
+Json::Value ToJson(const ShownFacts &facts, std::time_t now) {
+    const Json::Value document = facts.job.job.Document();
+    Json::Value json = JobToJson(facts.job, facts.daemon, now);
+    json["definition"] = Member(document, "config");
+    json["command"] = Member(document, "cmd_list");
+    json["assure_execute"] = facts.job.job.assureExecute;
+    json["assure_run"] = facts.job.job.assureRun == 1;
+    json["run_on_passive"] = facts.job.job.runOnPassive;
+    json["program"] = facts.program;
+    json["staged"] = facts.job.staged;
+    json["staged_state"] = facts.staged.word;
+    json["starts"] = Json::Value(Json::arrayValue);
+    for (const JobStart &start : facts.starts)
+        json["starts"].append(StartToJson(start, start.overdue));
+    json["log"] = Json::Value(Json::arrayValue);
+    for (const LogLine &line : facts.lines)
+        json["log"].append(line.stamp + line.text);
+    return json;
+}
+
+void Line(const Screen &screen, const std::string &name, const std::string &text) {
+    constexpr std::size_t names = 12; // columns
+    std::cout << Padded(name.empty() ? "" : name + ":", names)
+              << Wrapped(screen, Shown(text), names) << "\n";
+}
+
+std::string AssuranceInWords(const CronJob &job) {
+    if (job.assureExecute == 0)
+        return "no: a missed run is not made up for";
+    return "run after " + std::to_string(job.assureExecute) + " h without a run" +
+           (job.assureRun == 1 ? ", even while the machine is held" : "");
+}
+
+void Write(const ShownFacts &facts, const Context &context) {
+    const Screen &screen = context.screen;
+    const LiveJob &job = facts.job;
+    const Json::Value document = job.job.Document();
+    const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
+    std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
+    Line(screen, "state",
+         state.text +
+             (job.process != 0 ? ", process " + std::to_string(job.process) : std::string()));
+    Line(screen, "account", job.account);
+    Line(screen, "command", TextMember(document, "cmd_str"));
+    Line(screen, "program", job.staged);
+    Line(screen, "", facts.staged.text);
+    Line(screen, "schedule", ScheduleInWords(Member(document, "schedule")));
+    Line(screen, "", "drawn as " + job.job.RenderSchedule());
+    Line(screen, "assured", AssuranceInWords(job.job));
+    Line(screen, "passive",
+         job.job.runOnPassive ? "run on a passive machine too" : "not run on a passive machine");
+    Line(screen, "last run",
+         job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "none known");
+    std::string name = "next runs";
+    for (const JobStart &start : facts.starts)
+        Line(screen, std::exchange(name, ""), NextInWords(start, context.now));
+    if (facts.starts.empty())
+        Line(screen, name, "never");
+    std::cout << "\ndefinition:\n";
+    std::istringstream definition(JsonToString(Member(document, "config")));
+    for (std::string line; std::getline(definition, line);) {
+        const std::size_t depth = std::min(line.find_first_not_of('\t'), line.size());
+        std::cout << std::string(4 * depth, ' ') << Shown(line.substr(depth)) << "\n";
+    }
+    std::cout << "\nlog:\n";
+    for (const LogLine &line : facts.lines)
+        std::cout << line.stamp
+                  << Coloured(screen, line.failed ? Colour::Red : Colour::None, Shown(line.text))
+                  << "\n";
+    if (facts.lines.empty())
+        std::cout << WhyNoLines(context) << "\n";
+}
+
+} // namespace
+
+int Show(const Context &context, const ShowOptions &options) {
+    const Runtime runtime = LoadRuntime(context.appliance);
+    const Daemon daemon = FindDaemon(context.appliance);
+    TellCaveats(runtime, daemon, context);
+    TellWhatWaits(daemon);
+    const LiveJob &job = JobArgument(context, runtime, options.job);
+    const std::string program = job.job.Program();
+    const ShownFacts facts{job,
+                           daemon,
+                           program,
+                           Compare(context, job, program),
+                           StartsOf(job, daemon,
+                                    {context.now, context.now, context.now + kCalendarRepeats},
+                                    kStartsShown),
+                           LinesOf(context, job)};
+    if (context.json)
+        WriteJson(ToJson(facts, context.now));
+    else
+        Write(facts, context);
+    return 0;
+}

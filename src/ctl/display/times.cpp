@@ -1,0 +1,175 @@
+#include "ctl/display/times.h"
+
+#include "log/timestamp.h"
+
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cstdint>
+
+std::tm Local(std::time_t time) {
+    std::tm local{};
+    localtime_r(&time, &local);
+    return local;
+}
+
+namespace {
+
+std::string Formatted(const char *format, const std::tm &local) {
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), format, &local);
+    return text.data();
+}
+
+std::time_t Midnight(std::tm local, int days) {
+    local.tm_mday += days;
+    local.tm_hour = local.tm_min = local.tm_sec = 0;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+bool IsSameDay(const std::tm &a, const std::tm &b) {
+    return a.tm_year == b.tm_year && a.tm_yday == b.tm_yday;
+}
+
+// A whole number of a unit, before or after now.
+std::optional<std::time_t> ReadSpan(const std::string &text) {
+    struct Unit {
+        const char *name;
+        std::time_t seconds;
+    };
+    constexpr std::array<Unit, 6> units{
+        {{"s", 1}, {"min", 60}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}}};
+    constexpr std::time_t most = 100'000'000; // of the largest unit; far beyond every calendar
+    std::time_t number = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (read.ec != std::errc() || number < 0 || number > most)
+        return std::nullopt;
+    const std::string name(read.ptr, text.data() + text.size());
+    for (const Unit &unit : units)
+        if (name == unit.name)
+            return number * unit.seconds;
+    return std::nullopt;
+}
+
+// The rest of a time behind its clock: nothing, "Z", or an offset from UTC.
+std::optional<std::time_t> WithZone(std::tm local, const char *rest) {
+    if (rest == nullptr)
+        return std::nullopt;
+    if (*rest == '\0') {
+        const int day = local.tm_mday;
+        local.tm_isdst = -1;
+        const std::time_t time = std::mktime(&local);
+        return local.tm_mday == day ? std::optional<std::time_t>(time) : std::nullopt;
+    }
+    std::tm zone{};
+    const char *end = strptime(rest, "%z", &zone);
+    if (end == nullptr || *end != '\0')
+        return std::nullopt;
+    return timegm(&local) - zone.tm_gmtoff;
+}
+
+std::optional<std::time_t> ReadCalendar(const std::string &text, std::time_t now) {
+    const std::tm today = Local(now);
+    for (const char *format : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",
+                               "%Y-%m-%d %H:%M", "%Y-%m-%d", "%H:%M:%S", "%H:%M"}) {
+        std::tm local = today;
+        local.tm_hour = local.tm_min = local.tm_sec = 0;
+        const char *rest = strptime(text.c_str(), format, &local);
+        if (const auto time = WithZone(local, rest))
+            return time;
+    }
+    return std::nullopt;
+}
+
+std::string ZoneUnlessOf(const std::tm &local, std::time_t now) {
+    return local.tm_gmtoff == Local(now).tm_gmtoff ? "" : Formatted(" %Z", local);
+}
+
+} // namespace
+
+std::string DayInWords(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    const std::tm today = Local(now);
+    if (IsSameDay(local, today))
+        return "today";
+    if (IsSameDay(local, Local(Midnight(today, 1))))
+        return "tomorrow";
+    if (IsSameDay(local, Local(Midnight(today, -1))))
+        return "yesterday";
+    const std::string day = std::to_string(local.tm_mday);
+    if (local.tm_year == today.tm_year)
+        return Formatted("%a ", local) + day + Formatted(" %b", local);
+    return day + Formatted(" %b %Y", local);
+}
+
+std::string ClockInWords(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    return Formatted("%H:%M", local) + ZoneUnlessOf(local, now);
+}
+
+std::string WhenInWords(std::time_t time, std::time_t now) {
+    return DayInWords(time, now) + " " + ClockInWords(time, now);
+}
+
+std::string DayInShort(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    const std::tm today = Local(now);
+    if (IsSameDay(local, today))
+        return "";
+    if (Midnight(today, -6) <= time && time < Midnight(today, 7))
+        return Formatted("%a", local);
+    const std::string day = std::to_string(local.tm_mday);
+    return day + Formatted(local.tm_year == today.tm_year ? " %b" : " %b %Y", local);
+}
+
+std::string WhenInShort(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    std::string day = DayInShort(time, now);
+    if (local.tm_year != Local(now).tm_year && day.size() > 3)
+        return day;
+    return day + (day.empty() ? "" : " ") + ClockInWords(time, now);
+}
+
+std::string SpanInWords(std::time_t seconds) {
+    const auto number = [](std::time_t value) { return std::to_string(value); };
+    const std::time_t minutes = seconds / 60;
+    const std::time_t hours = minutes / 60;
+    if (hours >= 24)
+        return number(hours / 24) + " d " + number(hours % 24) + " h";
+    if (hours > 0)
+        return number(hours) + " h " + number(minutes % 60) + " min";
+    return minutes > 0 ? number(minutes) + " min" : number(seconds) + " s";
+}
+
+std::string Iso(std::time_t time) {
+    std::string text = FormatTimestamp(Local(time));
+    text.pop_back();
+    return text;
+}
+
+std::optional<std::time_t> ReadTime(const std::string &text, std::time_t now) {
+    const std::tm today = Local(now);
+    if (text == "now")
+        return now;
+    if (text == "today")
+        return Midnight(today, 0);
+    if (text == "tomorrow")
+        return Midnight(today, 1);
+    if (text == "yesterday")
+        return Midnight(today, -1);
+    if (!text.empty() && text.front() == '@') {
+        std::int64_t seconds = 0;
+        const char *end = text.data() + text.size();
+        const auto read = std::from_chars(text.data() + 1, end, seconds);
+        return read.ec == std::errc() && read.ptr == end ? std::optional<std::time_t>(seconds)
+                                                         : std::nullopt;
+    }
+    if (!text.empty() && text.front() == '+') {
+        const auto span = ReadSpan(text.substr(1));
+        return span ? std::optional<std::time_t>(now + *span) : std::nullopt;
+    }
+    if (const auto span = ReadSpan(text))
+        return now - *span;
+    return ReadCalendar(text, now);
+}

@@ -1,0 +1,198 @@
+#include "ctl/display/words.h"
+
+#include "base/json_members.h"
+#include "ctl/display/times.h"
+#include "job/schedule.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace {
+
+constexpr std::array<const char *, 7> kDays{"Sunday",   "Monday", "Tuesday", "Wednesday",
+                                            "Thursday", "Friday", "Saturday"};
+constexpr std::array<const char *, 12> kMonths{"January",   "February", "March",    "April",
+                                               "May",       "June",     "July",     "August",
+                                               "September", "October",  "November", "December"};
+
+// The values of one field, in order and each once.
+struct Values {
+    std::string key;
+    std::vector<std::int32_t> values;
+    bool any = false; // all of them
+};
+
+Values ValuesOf(const Json::Value &schedule, const std::string &key) {
+    Values field{key, FieldValues(Member(schedule, key)), false};
+    std::sort(field.values.begin(), field.values.end());
+    field.values.erase(std::unique(field.values.begin(), field.values.end()), field.values.end());
+    field.any =
+        std::find(field.values.begin(), field.values.end(), kAnyValue) != field.values.end();
+    return field;
+}
+
+std::string Ordinal(std::int32_t number) {
+    const std::int32_t last = number % 10;
+    const bool teen = number / 10 == 1;
+    const char *ending = teen || last == 0 || last > 3 ? "th"
+                         : last == 1                   ? "st"
+                         : last == 2                   ? "nd"
+                                                       : "rd";
+    return std::to_string(number) + ending;
+}
+
+using InWords = std::string (*)(const std::string &, std::int32_t);
+
+// The values one after another; three and more in a row as "8 to 10".
+std::string List(const Values &field, InWords inWords) {
+    const std::vector<std::int32_t> &values = field.values;
+    std::vector<std::string> texts;
+    for (std::size_t first = 0, last = 0; first < values.size(); first = last + 1) {
+        last = first;
+        while (last + 1 < values.size() && values[last + 1] == values[last] + 1)
+            ++last;
+        if (last == first + 1)
+            last = first;
+        const std::string text = inWords(field.key, values[first]);
+        texts.push_back(last == first ? text : text + " to " + inWords(field.key, values[last]));
+    }
+    return Enumerated(texts);
+}
+
+std::string Numbers(const Values &field) {
+    return List(field,
+                [](const std::string &, std::int32_t value) { return std::to_string(value); });
+}
+
+std::string TwoDigits(std::int32_t number) {
+    return (number < 10 ? "0" : "") + std::to_string(number);
+}
+
+// "03:17 and 03:47", as long as they are few.
+std::string Clocks(const Values &minutes, const Values &hours) {
+    constexpr std::size_t few = 4;
+    if (minutes.values.size() * hours.values.size() > few)
+        return std::string(minutes.values.size() == 1 ? "minute " : "minutes ") + Numbers(minutes) +
+               " of the hours " + Numbers(hours);
+    std::vector<std::string> clocks;
+    for (const std::int32_t hour : hours.values)
+        for (const std::int32_t minute : minutes.values)
+            clocks.push_back(TwoDigits(hour) + ":" + TwoDigits(minute));
+    return Enumerated(clocks);
+}
+
+std::string DaysInWords(const Values &day, const Values &month, const Values &week) {
+    const std::string months = month.any ? "" : " of " + List(month, ValueInWords);
+    const std::string weekdays = List(week, [](const std::string &key, std::int32_t value) {
+        return ValueInWords(key, value) + "s";
+    });
+    const std::string ordinals =
+        List(day, [](const std::string &, std::int32_t value) { return Ordinal(value); });
+    if (day.any && week.any)
+        return month.any ? "daily" : "daily in " + List(month, ValueInWords);
+    if (day.any)
+        return "on " + weekdays + (month.any ? "" : " in " + List(month, ValueInWords));
+    const std::string dates = "the " + ordinals + months;
+    if (!week.any)
+        return "on " + weekdays + " that are " + dates;
+    return (month.any ? "monthly on " : "yearly on ") + dates;
+}
+
+// The minutes from one start to the next where they are the same all the time; 0 otherwise.
+std::int32_t EvenStep(const Values &minutes) {
+    constexpr std::int32_t hour = 60;
+    const std::vector<std::int32_t> &values = minutes.values;
+    const auto count = static_cast<std::int32_t>(values.size());
+    if (count < 3 || hour % count != 0)
+        return 0;
+    for (std::int32_t i = 0; i < count; ++i)
+        if (values[static_cast<std::size_t>(i)] != i * (hour / count))
+            return 0;
+    return hour / count;
+}
+
+std::string TimesInWords(const Values &minute, const Values &hour, const std::string &days) {
+    const bool daily = days == "daily";
+    if (!hour.any)
+        return minute.any ? (daily ? "" : days + ", ") + "every minute of the " +
+                                (hour.values.size() == 1 ? "hour " : "hours ") + Numbers(hour)
+                          : days + " at " + Clocks(minute, hour);
+    const std::int32_t step = EvenStep(minute);
+    const std::string often =
+        minute.any  ? "every minute"
+        : step != 0 ? "every " + std::to_string(step) + " minutes"
+                    : std::string("hourly at ") +
+                          (minute.values.size() == 1 ? "minute " : "minutes ") + Numbers(minute);
+    return daily ? often : often + ", " + days;
+}
+
+} // namespace
+
+std::string ScheduleInWords(const Json::Value &schedule) {
+    std::array<Values, 5> fields;
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        fields.at(i) = ValuesOf(schedule, FieldKeys().at(i));
+        if (fields.at(i).values.empty())
+            return "never";
+    }
+    const auto &[minute, hour, day, month, week] = fields;
+    return TimesInWords(minute, hour, DaysInWords(day, month, week));
+}
+
+std::string FieldsInWords(const std::vector<std::string> &keys) {
+    std::vector<std::string> names;
+    names.reserve(keys.size());
+    for (const std::string &key : keys)
+        names.emplace_back(key == "Minute" ? "minute" : key == "week" ? "weekday" : key);
+    return Enumerated(names);
+}
+
+std::string ValueInWords(const std::string &key, std::int32_t value) {
+    const auto index = static_cast<std::size_t>(value);
+    if (key == "week" && index < kDays.size())
+        return kDays.at(index);
+    if (key == "month" && index - 1 < kMonths.size())
+        return kMonths.at(index - 1);
+    return std::to_string(value);
+}
+
+std::string Enumerated(const std::vector<std::string> &texts) {
+    std::string list;
+    for (std::size_t i = 0; i < texts.size(); ++i)
+        list += (i == 0 ? "" : i + 1 == texts.size() ? " and " : ", ") + texts[i];
+    return list;
+}
+
+namespace {
+
+// Whether a start that comes between two minutes comes on one day. The next midnight still counts:
+// it is the last minute of a draw.
+bool IsOnOneDay(const ComingStart &start, std::time_t now) {
+    return DayInWords(start.earliest, now) == DayInWords(start.latest - 1, now);
+}
+
+std::string LastClock(const ComingStart &start, std::time_t now) {
+    const std::string clock = ClockInWords(start.latest, now);
+    return clock == "00:00" ? "24:00" : clock;
+}
+
+} // namespace
+
+std::string StartInShort(const ComingStart &start, std::time_t now) {
+    if (start.earliest == start.latest)
+        return WhenInShort(start.earliest, now);
+    if (IsOnOneDay(start, now))
+        return WhenInShort(start.earliest, now) + "-" + LastClock(start, now);
+    const std::string first = DayInShort(start.earliest, now);
+    return (first.empty() ? "today" : first) + " - " + DayInShort(start.latest - 1, now);
+}
+
+std::string StartInWords(const ComingStart &start, std::time_t now) {
+    if (start.earliest == start.latest)
+        return WhenInWords(start.earliest, now);
+    if (IsOnOneDay(start, now))
+        return DayInWords(start.earliest, now) + " between " + ClockInWords(start.earliest, now) +
+               " and " + LastClock(start, now);
+    return "between " + WhenInWords(start.earliest, now) + " and " + WhenInWords(start.latest, now);
+}

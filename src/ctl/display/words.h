@@ -1,0 +1,34 @@
+// Schedules and starts in words.
+
+#ifndef CTL_DISPLAY_WORDS_H
+#define CTL_DISPLAY_WORDS_H
+
+#include "ctl/display/coming_starts.h"
+
+#include <cstdint>
+#include <ctime>
+#include <json/value.h>
+#include <string>
+#include <vector>
+
+// A drawn schedule: "daily at 03:17", "hourly at minute 5", "on Tuesdays at 00:30", "monthly on the
+// 17th at 03:17", "every minute", "never". It need not ever come.
+std::string ScheduleInWords(const Json::Value &schedule);
+
+// The names of fields in a sentence: "minute and hour".
+std::string FieldsInWords(const std::vector<std::string> &keys);
+
+// One value of the field `key`: "7", but "March" and "Tuesday".
+std::string ValueInWords(const std::string &key, std::int32_t value);
+
+// "a", "a and b", "a, b and c"
+std::string Enumerated(const std::vector<std::string> &texts);
+
+// When a start comes, as seen from `now`: "today 03:17", "tomorrow between 00:00 and 23:59",
+// "between Mon 8 Jun 00:00 and Sun 14 Jun 23:59".
+std::string StartInWords(const ComingStart &start, std::time_t now);
+
+// The same for a column of a table: "Wed 00:01-24:00", "8 Jun - 14 Jun".
+std::string StartInShort(const ComingStart &start, std::time_t now);
+
+#endif

@@ -1,0 +1,129 @@
+#include "ctl/system/appliance.h"
+
+#include "core/job_files.h"
+#include "ctl/system/failure.h"
+#include "ctl/system/files.h"
+#include "platform/kestsdk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <dirent.h>
+#include <memory>
+#include <pwd.h>
+#include <sstream>
+#include <sys/stat.h>
+
+namespace {
+
+std::string ErrorText() {
+    return std::strerror(errno);
+}
+
+// A zone that is named is not looked up again at every conversion. A system without one has UTC.
+void TakeOnZone(const std::string &file) {
+    setenv("TZ", ReadFile(file).empty() ? "UTC0" : (":" + file).c_str(), 1);
+    tzset();
+}
+
+std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
+    std::map<uid_t, std::string> accounts;
+    std::string content = ReadFile(path);
+    if (content.empty())
+        return accounts;
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fmemopen(content.data(), content.size(), "r"),
+                                                      std::fclose);
+    while (const passwd *entry = file ? fgetpwent(file.get()) : nullptr)
+        accounts.emplace(entry->pw_uid, entry->pw_name);
+    return accounts;
+}
+
+} // namespace
+
+Appliance::Appliance(const std::string &root) {
+    if (root.empty()) {
+        if (std::getenv("TZ") == nullptr)
+            TakeOnZone("/etc/localtime");
+        return;
+    }
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(root.c_str(), nullptr),
+                                                           std::free);
+    struct stat status {};
+    if (!real || stat(real.get(), &status) == -1)
+        throw Failure(root + ": " + ErrorText());
+    if (!S_ISDIR(status.st_mode))
+        throw Failure(root + ": " + std::strerror(ENOTDIR));
+    root_ = std::strcmp(real.get(), "/") == 0 ? "/." : real.get();
+    accounts_ = ReadAccounts(Locate("/etc/passwd"));
+    TakeOnZone(Locate("/etc/localtime"));
+}
+
+std::string Appliance::Locate(const std::string &path) const {
+    if (IsThisOne())
+        return path;
+    constexpr int mostLinks = 40; // as many as the kernel follows
+    int links = 0;
+    std::deque<std::string> ahead;
+    std::string found;
+    const auto putAhead = [&](const std::string &further) {
+        std::deque<std::string> parts;
+        std::istringstream stream(further);
+        for (std::string part; std::getline(stream, part, '/');)
+            parts.push_back(part);
+        ahead.insert(ahead.begin(), parts.begin(), parts.end());
+    };
+    putAhead(path);
+    while (!ahead.empty()) {
+        const std::string part = ahead.front();
+        ahead.pop_front();
+        if (part == "..")
+            found.erase(std::min(found.rfind('/'), found.size()));
+        if (part.empty() || part == "." || part == "..")
+            continue;
+        const std::string directory = found;
+        found.append("/").append(part);
+        const std::string target = ReadLink(root_ + found);
+        if (target.empty())
+            continue;
+        if (++links > mostLinks)
+            return {};
+        found = target.front() == '/' ? "" : directory;
+        putAhead(target);
+    }
+    return root_ + found;
+}
+
+bool Appliance::HasAccount(const std::string &name) const {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    if (IsThisOne())
+        return name.find('\0') == std::string::npos &&
+               KESTUserGetUGID(name.c_str(), &uid, &gid) == 0;
+    return std::any_of(accounts_.begin(), accounts_.end(),
+                       [&](const auto &account) { return account.second == name; });
+}
+
+std::optional<std::string> Appliance::AccountName(uid_t uid) const {
+    if (IsThisOne()) {
+        const passwd *entry = getpwuid(uid);
+        return entry != nullptr ? std::optional<std::string>(entry->pw_name) : std::nullopt;
+    }
+    const auto found = accounts_.find(uid);
+    return found != accounts_.end() ? std::optional<std::string>(found->second) : std::nullopt;
+}
+
+std::vector<std::string> NamesIn(const std::string &directory) {
+    const std::unique_ptr<DIR, int (*)(DIR *)> opened(opendir(directory.c_str()), closedir);
+    if (!opened)
+        throw Failure(directory + ": " + ErrorText());
+    std::vector<std::string> names;
+    while (const dirent *entry = readdir(opened.get()))
+        if (IsJobFileName(entry->d_name))
+            names.emplace_back(entry->d_name);
+    std::sort(names.begin(), names.end());
+    return names;
+}

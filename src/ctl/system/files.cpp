@@ -1,0 +1,24 @@
+#include "ctl/system/files.h"
+
+#include "base/descriptor.h"
+
+#include <climits>
+#include <cstddef>
+#include <sys/types.h>
+#include <unistd.h>
+
+std::string ReadFile(const std::string &path) {
+    constexpr std::size_t most = std::size_t{1} << 20;
+    std::string content;
+    const Descriptor file = OpenRegularFile(path);
+    if (!file || !ReadAll(file.Get(), most, content))
+        content.clear();
+    return content;
+}
+
+std::string ReadLink(const std::string &path) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+    target.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return target;
+}

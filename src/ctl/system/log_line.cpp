@@ -1,0 +1,71 @@
+#include "ctl/system/log_line.h"
+
+#include "job/cron_field.h"
+
+#include <cstdio>
+#include <optional>
+
+namespace {
+
+constexpr std::size_t kTimestampLength = 25; // "2026-11-15T03:00:00+01:00"
+
+std::optional<std::time_t> ReadTimestamp(const std::string &text) {
+    std::tm utc{};
+    char sign = '+';
+    int hours = 0;
+    int minutes = 0;
+    // NOLINTNEXTLINE(cert-err34-c): a number out of range makes a strange time, and no harm.
+    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &utc.tm_year, &utc.tm_mon,
+                    &utc.tm_mday, &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &sign, &hours,
+                    &minutes) != 9)
+        return std::nullopt;
+    utc.tm_year -= 1900;
+    utc.tm_mon -= 1;
+    const std::time_t offset = (std::time_t{hours} * 60 + minutes) * 60;
+    return timegm(&utc) - (sign == '-' ? -offset : offset);
+}
+
+// What stands in `text` between the first `before` and the next `after`; empty when it does not.
+std::string Between(const std::string &text, const std::string &before, const std::string &after) {
+    const auto start = text.find(before);
+    if (start == std::string::npos)
+        return {};
+    const auto end = text.find(after, start + before.size());
+    if (end == std::string::npos)
+        return {};
+    return text.substr(start + before.size(), end - start - before.size());
+}
+
+bool StartsWith(const std::string &text, const std::string &start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+} // namespace
+
+LogLine ParseLogLine(std::string_view line) {
+    LogLine parsed;
+    parsed.text = std::string(line);
+    if (line.size() > kTimestampLength && line[kTimestampLength] == ' ')
+        if (const auto time = ReadTimestamp(parsed.text.substr(0, kTimestampLength))) {
+            parsed.time = *time;
+            parsed.stamp = parsed.text.substr(0, kTimestampLength + 1);
+            parsed.text.erase(0, kTimestampLength + 1);
+        }
+    const std::string &text = parsed.text;
+    if (StartsWith(text, "running job: ")) {
+        parsed.job = Between(text, "running job: ", " with command: ");
+        // A command may hold any text; only what stands behind it is ours.
+        const auto note = text.rfind(" (state[");
+        parsed.started = note != std::string::npos && text.back() == ')';
+        parsed.failed = !parsed.started && text.find(" failed, return code: ") != std::string::npos;
+        if (parsed.started) {
+            const std::string told = text.substr(note);
+            ReadNumber(Between(told, ", delay[", "]"), parsed.delay);
+            parsed.manual = StartsWith(told, std::string(" (state[") + kManualState + "]");
+        }
+    } else if (StartsWith(text, "Failed to ")) {
+        parsed.job = Between(text, " for", " for user ");
+        parsed.failed = true;
+    }
+    return parsed;
+}

@@ -1,0 +1,181 @@
+#include "ctl/system/processes.h"
+
+#include "base/descriptor.h"
+#include "base/json_members.h"
+#include "base/paths.h"
+#include "base/process_owner.h"
+#include "core/utils.h"
+#include "ctl/system/files.h"
+#include "job/cronjob.h"
+#include "job/runtime_directory.h"
+#include "platform/kestcore.h"
+#include "platform/kestsdk.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+std::string ProcessFile(pid_t pid, const char *name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+std::vector<std::string> ArgumentsOf(pid_t pid) {
+    std::vector<std::string> arguments;
+    std::istringstream stream(ReadFile(ProcessFile(pid, "cmdline")));
+    for (std::string argument; std::getline(stream, argument, '\0');)
+        arguments.push_back(argument);
+    return arguments;
+}
+
+std::vector<pid_t> AllProcesses() {
+    std::vector<pid_t> pids;
+    const std::unique_ptr<DIR, int (*)(DIR *)> proc(opendir("/proc"), closedir);
+    while (const dirent *entry = proc ? readdir(proc.get()) : nullptr) {
+        std::int32_t pid = 0;
+        if (ReadNumber(entry->d_name, pid))
+            pids.push_back(pid);
+    }
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
+// The fields of "/proc/PID/stat" from the process's state on, which is the first; none when it is
+// gone.
+std::vector<std::string> StatOf(pid_t pid) {
+    const std::string stat = ReadFile(ProcessFile(pid, "stat"));
+    const auto name = stat.rfind(')'); // may hold blanks and brackets
+    std::vector<std::string> fields;
+    if (name == std::string::npos)
+        return fields;
+    std::istringstream stream(stat.substr(name + 1));
+    for (std::string field; stream >> field;)
+        fields.push_back(field);
+    return fields;
+}
+
+std::time_t StartOf(pid_t pid) {
+    constexpr std::size_t startField = 19;
+    const std::vector<std::string> fields = StatOf(pid);
+    const std::string boot = ReadFile("/proc/stat");
+    const auto found = boot.find("\nbtime ");
+    if (fields.size() <= startField || found == std::string::npos)
+        return 0;
+    const std::int64_t ticks = std::strtoll(fields[startField].c_str(), nullptr, 10);
+    return std::strtoll(boot.c_str() + found + 7, nullptr, 10) + ticks / sysconf(_SC_CLK_TCK);
+}
+
+bool IsNamed(pid_t pid, const char *name) {
+    XLIBCProc *process = nullptr;
+    const bool named =
+        XLIBCProcGetByPid(pid, &process) == 0 && std::strcmp(process->command, name) == 0;
+    XLIBCProcFree(process);
+    return named;
+}
+
+// Whether root started the process, and whether it is the one that holds the pid file, as the
+// daemon does for all its life: a pid that is left from before may be anybody's by now.
+bool IsTheDaemon(pid_t pid) {
+    if (!IsProcessOfRoot(pid) || !IsNamed(pid, kDaemonName))
+        return false;
+    const Descriptor file = OpenRegularFile(kPidFile);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return file && fcntl(file.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK &&
+           lock.l_pid == pid;
+}
+
+// What is launched with a delay is a child of the daemon that has become nothing else yet.
+unsigned CountDelayed(pid_t daemon) {
+    unsigned delayed = 0;
+    for (const pid_t pid : AllProcesses()) {
+        const std::vector<std::string> fields = StatOf(pid);
+        if (fields.size() > 1 && fields[1] == std::to_string(daemon) && fields[0] != "Z" &&
+            IsNamed(pid, kDaemonName))
+            ++delayed;
+    }
+    return delayed;
+}
+
+// How many arguments may stand before the path of a script: its interpreter, what is written behind
+// that in its first line, and what that makes of it.
+std::size_t MostBeforeScript(const std::string &staged) {
+    constexpr std::size_t kernel = 2; // where the first line cannot be read
+    std::string line;
+    const Descriptor file = OpenRegularFile(staged);
+    std::array<char, 256> block{};
+    const ssize_t size = file ? read(file.Get(), block.data(), block.size()) : -1;
+    if (size <= 2 || block[0] != '#' || block[1] != '!')
+        return size < 0 ? kernel : 0;
+    line.assign(block.data(), static_cast<std::size_t>(size));
+    std::istringstream words(line.substr(0, line.find('\n')));
+    return static_cast<std::size_t>(std::distance(std::istream_iterator<std::string>(words), {}));
+}
+
+} // namespace
+
+Daemon FindDaemon(const Appliance &appliance) {
+    Daemon daemon;
+    if (!appliance.IsThisOne())
+        return daemon;
+    AskWhetherHeld(daemon.held);
+    const pid_t pid = XLIBCReadPidFile(kPidFile);
+    if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsTheDaemon(pid))
+        return daemon;
+    const std::vector<std::string> arguments = ArgumentsOf(pid);
+    daemon.pid = pid;
+    daemon.since = StartOf(pid);
+    daemon.passive =
+        std::find(arguments.begin(), arguments.end(), kPassiveOption) != arguments.end();
+    daemon.delayed = CountDelayed(pid);
+    return daemon;
+}
+
+std::vector<Candidate> Candidates(const Appliance &appliance) {
+    const std::string directory = std::string(kRuntimeDirectory) + "/";
+    const auto isStaged = [&](const std::string &path) {
+        return path.compare(0, directory.size(), directory) == 0;
+    };
+    std::vector<Candidate> candidates;
+    if (!appliance.IsThisOne())
+        return candidates;
+    for (const pid_t pid : AllProcesses()) {
+        struct stat status {};
+        if (stat(ProcessFile(pid, "").c_str(), &status) == -1)
+            continue;
+        Candidate found{pid, status.st_uid, ReadLink(ProcessFile(pid, "exe")), ArgumentsOf(pid)};
+        if (isStaged(found.program) ||
+            std::any_of(found.arguments.begin(), found.arguments.end(), isStaged))
+            candidates.push_back(std::move(found));
+    }
+    return candidates;
+}
+
+pid_t ProcessOf(const std::string &staged, const std::string &account,
+                const std::vector<Candidate> &candidates) {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    const bool known = KESTUserGetUGID(account.c_str(), &uid, &gid) == 0;
+    for (const Candidate &candidate : candidates) {
+        if (candidate.program == staged)
+            return candidate.pid;
+        const auto &arguments = candidate.arguments;
+        const auto found = std::find(arguments.begin(), arguments.end(), staged);
+        if (known && candidate.uid == uid && found != arguments.end() &&
+            static_cast<std::size_t>(found - arguments.begin()) <= MostBeforeScript(staged))
+            return candidate.pid;
+    }
+    return 0;
+}

@@ -1,0 +1,182 @@
+#include "ctl/system/runtime.h"
+
+#include "base/descriptor.h"
+#include "base/json_members.h"
+#include "base/paths.h"
+#include "base/printable.h"
+#include "ctl/check/nearest.h"
+#include "ctl/display/recent.h"
+#include "ctl/display/utf8.h"
+#include "ctl/display/words.h"
+#include "ctl/system/failure.h"
+#include "ctl/system/processes.h"
+#include "job/account.h"
+#include "job/runtime_directory.h"
+#include "platform/kestsdk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <json/value.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace {
+
+std::time_t SavedAt(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+}
+
+LiveJob MakeLiveJob(CronJob parsed, std::time_t lastRun) {
+    LiveJob live;
+    live.job = std::move(parsed);
+    live.name = live.job.Name();
+    live.account = live.job.Account().value_or("");
+    live.staged = StagedPath(live.name);
+    live.lastRun = lastRun;
+    return live;
+}
+
+// What happened after the document was written: launches end what was due.
+void BringUpToDate(LiveJob &live, const Recent &recent) {
+    const std::time_t known = live.lastRun;
+    live.lastRun = std::max(known, std::max(recent.ran, recent.launched));
+    if (recent.launched <= known)
+        return;
+    live.job.NoteLaunch(recent.launched);
+}
+
+// What is read of an appliance is bounded, the more so of another one: it may be an image that
+// somebody else made.
+JsonLimits ReadLimits(const Appliance &appliance) {
+    return {std::size_t{appliance.IsThisOne() ? 256U : 32U} << 20, 128};
+}
+
+std::string ReasonOf(int error, const JsonLimits &limits) {
+    if (error == EBADMSG)
+        return "is no whole JSON document";
+    if (error == EFBIG)
+        return "is larger than " + std::to_string(limits.bytes >> 20) + " MiB";
+    return std::strerror(error);
+}
+
+// Reads the document at `path`; false when there is none.
+bool ReadDocument(const std::string &path, const JsonLimits &limits, Json::Value &document) {
+    JsonOrigin origin;
+    if (JsonFromFile(path, document, limits, &origin))
+        return true;
+    if (errno == ENOENT || errno == ENOTDIR)
+        return false;
+    throw Failure(path + ": " + ReasonOf(errno, limits));
+}
+
+} // namespace
+
+Runtime LoadRuntime(const Appliance &appliance) {
+    Runtime runtime;
+    Json::Value document;
+    for (const char *path : {kRuntimeFile, kPersistentFile}) {
+        runtime.path = appliance.Locate(path);
+        if (!document.isNull() || ReadDocument(runtime.path, ReadLimits(appliance), document))
+            break;
+    }
+    if (document.isNull())
+        throw Failure(std::string("there is neither ") + kRuntimeFile + " nor " + kPersistentFile +
+                      ": kestcrond has not run here");
+    runtime.saved = SavedAt(runtime.path);
+    const auto recent = ReadRecent(appliance.Locate(kExecutionLogFile), runtime.saved);
+    const std::vector<Candidate> candidates = Candidates(appliance);
+    Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();
+    document = Json::Value();
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        std::vector<DefinitionFault> faults;
+        const std::time_t lastRun = IntegerMember(std::as_const(*entry), "lastExecution", 0);
+        CronJob parsed(std::move(*entry), faults, 1);
+        if (!parsed.valid) {
+            runtime.corrupt.push_back(entries.isObject() ? entry.name() : "");
+            continue;
+        }
+        LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
+        if (const auto found = recent.find(Printable(live.name)); found != recent.end())
+            BringUpToDate(live, found->second);
+        live.process = ProcessOf(live.staged, live.account, candidates);
+        runtime.jobs.push_back(std::move(live));
+    }
+    std::sort(runtime.jobs.begin(), runtime.jobs.end(),
+              [](const LiveJob &a, const LiveJob &b) { return a.name < b.name; });
+    return runtime;
+}
+
+std::size_t LargestDocument(const Appliance &appliance) {
+    std::uintmax_t largest = 0;
+    for (const char *path :
+         {kRuntimeFile, kPersistentFile, kRuntimeTemplateFile, kPersistentTemplateFile}) {
+        struct stat status {};
+        if (stat(appliance.Locate(path).c_str(), &status) == 0 && S_ISREG(status.st_mode))
+            largest = std::max(largest, static_cast<std::uintmax_t>(status.st_size));
+    }
+    return static_cast<std::size_t>(std::min<std::uintmax_t>(largest, ReadLimits(appliance).bytes));
+}
+
+std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
+    ScheduleTemplate found;
+    for (const char *path : {kRuntimeTemplateFile, kPersistentTemplateFile}) {
+        Json::Value document;
+        std::vector<DefinitionFault> faults;
+        if (JsonFromFile(appliance.Locate(path), document, ReadLimits(appliance)) &&
+            TakeScheduleTemplate(found, std::move(document), faults))
+            return found;
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+// The jobs of which the name, or its last part, is like `name`.
+std::vector<std::string> NearestJobs(const std::string &name,
+                                     const std::vector<std::string> &names) {
+    constexpr std::size_t most = 3;
+    std::vector<std::string> near = NearestOf(name, names, most);
+    std::vector<std::string> lastParts;
+    lastParts.reserve(names.size());
+    for (const std::string &full : names)
+        lastParts.push_back(full.substr(full.rfind('-') + 1));
+    if (near.empty())
+        for (const std::string &part : NearestOf(name, lastParts, most))
+            for (std::size_t i = 0; i < names.size() && near.size() < most; ++i)
+                if (lastParts[i] == part)
+                    near.push_back(names[i]);
+    std::sort(near.begin(), near.end());
+    near.erase(std::unique(near.begin(), near.end()), near.end());
+    return near;
+}
+
+} // namespace
+
+const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
+    std::vector<const LiveJob *> matches;
+    std::vector<std::string> names;
+    const std::string ending = "-" + name;
+    for (const LiveJob &live : runtime.jobs) {
+        if (live.name == name)
+            return live;
+        if (live.name.size() > ending.size() &&
+            live.name.compare(live.name.size() - ending.size(), ending.size(), ending) == 0)
+            matches.push_back(&live);
+        names.push_back(live.name);
+    }
+    if (matches.size() == 1)
+        return *matches.front();
+    if (!matches.empty()) {
+        names.clear();
+        for (const LiveJob *match : matches)
+            names.push_back(Shown(match->name));
+        throw Failure("more than one job is called \"" + Shown(name) + "\": " + Enumerated(names));
+    }
+    const std::vector<std::string> near = NearestJobs(name, names);
+    throw Failure("there is no job \"" + Shown(name) + "\"" +
+                  (near.empty() ? "" : "; there is " + Shown(Enumerated(near))));
+}

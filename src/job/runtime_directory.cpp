@@ -1,0 +1,131 @@
+#include "job/runtime_directory.h"
+
+#include "base/errno_kept.h"
+#include "base/move_aside.h"
+#include "platform/kestsdk.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
+
+Descriptor OpenDirectory(int access) {
+    return Descriptor(open(kRuntimeDirectory, access | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Whether something else of root's stands there, which is the operator's business.
+bool IsTakenByRoot() {
+    const ErrnoKept kept;
+    struct stat status {};
+    return lstat(kRuntimeDirectory, &status) == 0 && status.st_uid == 0 &&
+           !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+Descriptor OpenRootsDirectory() {
+    Descriptor directory = OpenDirectory(O_RDONLY);
+    struct stat status {};
+    if (directory && fstat(directory.Get(), &status) == 0 && status.st_uid == 0)
+        return directory;
+    return {};
+}
+
+// Gives the directory `fresh` the name of the runtime directory, whatever stands there. What stood
+// there, if anything, has the name `fresh` afterwards. Somebody may be making and removing things
+// at that name all the while, and each of the two ways fails in another case.
+bool PutInPlace(const std::string &fresh) {
+    constexpr int tries = 64;
+    for (int i = 0; i < tries; ++i) {
+        if (std::rename(fresh.c_str(), kRuntimeDirectory) == 0)
+            return true;
+        if (renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, kRuntimeDirectory, RENAME_EXCHANGE) == 0)
+            return true;
+        // A file system that cannot exchange two names.
+        if (errno == EINVAL || errno == ENOSYS)
+            MoveAside(kRuntimeDirectory);
+    }
+    return false;
+}
+
+bool MakeAndPutInPlace() {
+    std::string place = std::string(kRuntimeDirectory) + ".XXXXXX";
+    if (mkdtemp(place.data()) == nullptr)
+        return errno == ENOENT && KESTFSMkdirP(kRuntimeDirectory, nullptr, 1, 0, 0, 0755) != -1;
+    const std::string fresh = place + "/" + "moved-aside";
+    const bool made =
+        KESTFSMkdirP(fresh.c_str(), nullptr, 1, 0, 0, 0755) != -1 && PutInPlace(fresh);
+    const ErrnoKept kept;
+    if (!made)
+        rmdir(fresh.c_str());
+    rmdir(place.c_str()); // it stays, closed, around what was moved aside
+    return made;
+}
+
+} // namespace
+
+Descriptor MakeRuntimeDirectory() {
+    {
+        const ErrnoKept kept;
+        if (Descriptor directory = OpenRootsDirectory())
+            return directory;
+    }
+    if (IsTakenByRoot()) {
+        errno = ENOTDIR;
+        return {};
+    }
+    return MakeAndPutInPlace() ? OpenRootsDirectory() : Descriptor();
+}
+
+Descriptor OpenRuntimeDirectory(int access) {
+    Descriptor directory = OpenDirectory(access);
+    struct stat status {};
+    if (!directory || fstat(directory.Get(), &status) == -1)
+        return {};
+    if (status.st_uid == 0 && (status.st_mode & kWritableByOthers) == 0)
+        return directory;
+    errno = EPERM;
+    return {};
+}
+
+RuntimeDirectoryState RuntimeDirectoryState::Now() {
+    const ErrnoKept kept;
+    const Descriptor directory = OpenDirectory(O_PATH);
+    RuntimeDirectoryState state;
+    struct stat status {};
+    if (!directory || fstat(directory.Get(), &status) == -1 || status.st_uid != 0)
+        return state;
+    state.isClosed_ = (status.st_mode & S_IXOTH) == 0;
+    state.isSafe_ = (status.st_mode & kWritableByOthers) == 0;
+    state.device_ = status.st_dev;
+    state.inode_ = status.st_ino;
+    state.changed_ = status.st_mtim;
+    return state;
+}
+
+bool RuntimeDirectoryState::operator==(const RuntimeDirectoryState &other) const {
+    const auto all = [](const RuntimeDirectoryState &state) {
+        return std::tuple(state.isSafe_, state.isClosed_, state.device_, state.inode_,
+                          state.changed_.tv_sec, state.changed_.tv_nsec);
+    };
+    return all(*this) == all(other);
+}
+
+bool IsFitToRun(const std::string &path, uid_t uid) {
+    const std::string prefix = std::string(kRuntimeDirectory) + "/";
+    if (path.compare(0, prefix.size(), prefix) != 0)
+        return true;
+    const Descriptor directory = OpenRuntimeDirectory();
+    struct stat status {};
+    if (!directory ||
+        fstatat(directory.Get(), path.c_str() + prefix.size(), &status, AT_SYMLINK_NOFOLLOW) == -1)
+        return false;
+    if (status.st_uid == 0 || status.st_uid == uid)
+        return true;
+    errno = EPERM;
+    return false;
+}

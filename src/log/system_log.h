@@ -1,0 +1,26 @@
+// The way into the system log.
+
+#ifndef LOG_SYSTEM_LOG_H
+#define LOG_SYSTEM_LOG_H
+
+#include "base/descriptor.h"
+
+#include <cstddef>
+
+// Writes `text` to the system log as syslog() does, but does not block for long: the log's socket
+// holds only a few messages while no process reads them. All messages of a cycle together wait for
+// half a second at most. Messages that the log has not taken by then are kept and sent later
+// (log/system_log_sender.h). errno may change. Uses SIGALRM and the real-time timer, and restores
+// both, with the timer stopped.
+void WriteSystemLog(int priority, const char *text);
+
+// Begins a new half second. Sends what is kept, as far as it is taken at once, and returns a
+// descriptor that polls as writable when the log takes more; none when there is nothing to wait
+// for.
+Descriptor CatchUpWithSystemLog();
+
+// The length beyond which the system log takes no text, in bytes; what is longer is cut. It may
+// take less.
+std::size_t LongestSystemLogText();
+
+#endif

@@ -1,0 +1,211 @@
+#include "platform/json_file.h"
+
+#include "base/descriptor.h"
+#include "base/errno_kept.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <json/reader.h>
+#include <map>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// A reader takes longer to be made than to read a job.
+Json::CharReader &ReaderOfDepth(int depth) {
+    static std::map<int, std::unique_ptr<Json::CharReader>> readers;
+    std::unique_ptr<Json::CharReader> &reader = readers[depth];
+    if (!reader) {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["allowTrailingCommas"] = false;
+        builder["failIfExtra"] = true;
+        builder["stackLimit"] = depth;
+        reader.reset(builder.newCharReader());
+    }
+    return *reader;
+}
+
+bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
+    const std::string &text = origin.text;
+    // The library takes a zero byte for the end, and would not look at what follows.
+    if (text.find('\0') != std::string::npos) {
+        origin.fault = "There is a zero byte in the text.";
+        return false;
+    }
+    try {
+        return ReaderOfDepth(depth).parse(text.data(), text.data() + text.size(), &value,
+                                          &origin.fault);
+    } catch (const std::bad_alloc &) {
+        throw;
+    } catch (const std::exception &) {
+        origin.fault = "Values are nested deeper than " + std::to_string(depth) + " levels.";
+        return false;
+    }
+}
+
+// The file that `path` names when it is a link, so that replacing it leaves the link in place. It
+// need not exist yet.
+std::string FollowLinks(std::string path) {
+    const ErrnoKept kept;
+    constexpr int mostLinks = 40; // as many as the kernel follows
+    std::array<char, PATH_MAX> target{};
+    for (int i = 0; i < mostLinks; ++i) {
+        const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+        if (length <= 0)
+            break;
+        if (target[0] != '/')
+            path.erase(path.rfind('/') + 1);
+        else
+            path.clear();
+        path.append(target.data(), static_cast<std::size_t>(length));
+    }
+    return path;
+}
+
+void Discard(const std::string &path) {
+    const ErrnoKept kept;
+    unlink(path.c_str());
+}
+
+// The document that is to be replaced, as it stands.
+struct Standing {
+    bool isThere = false;
+    struct stat status {};
+};
+
+// Returns false with errno set for what is there but no file: a device that a link leads to must
+// not be exchanged for a document.
+bool LookAt(const std::string &path, Standing &standing) {
+    const ErrnoKept kept;
+    standing.isThere = lstat(path.c_str(), &standing.status) == 0;
+    return !standing.isThere || S_ISREG(standing.status.st_mode);
+}
+
+bool TakeOver(int file, const Standing &standing) {
+    if (!standing.isThere)
+        return fchmod(file, 0644) == 0;
+    // The mode last: a change of owner takes bits of it away.
+    return fchown(file, standing.status.st_uid, standing.status.st_gid) == 0 &&
+           fchmod(file, standing.status.st_mode & 07777) == 0;
+}
+
+using Writer = std::function<void(const JsonSink &sink)>;
+
+// Returns false, with errno set, when a part could not be written. No more are then.
+bool WriteParts(int file, const Writer &write) {
+    int error = 0;
+    const auto take = [&](std::string_view part) {
+        if (error == 0 && !WriteAll(file, part))
+            error = errno;
+    };
+    write(take);
+    take("\n");
+    errno = error != 0 ? error : errno;
+    return error == 0;
+}
+
+bool WriteNewFile(const std::string &path, const Writer &write, const Standing &standing,
+                  Durability durability) {
+    Discard(path); // left behind by a crash
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file || !TakeOver(file.Get(), standing) || !WriteParts(file.Get(), write))
+        return false;
+    if (durability == Durability::Reboot && fsync(file.Get()) == -1)
+        return false;
+    return close(file.Release()) == 0;
+}
+
+// Writes the document to `fresh` and gives it the name `target`. Leaves nothing behind on failure.
+bool ReplaceFile(const std::string &fresh, const std::string &target, const Writer &write,
+                 const Standing &standing, Durability durability) {
+    try {
+        if (WriteNewFile(fresh, write, standing, durability) &&
+            rename(fresh.c_str(), target.c_str()) == 0)
+            return true;
+    } catch (const std::bad_alloc &) {
+        Discard(fresh);
+        throw;
+    }
+    Discard(fresh);
+    return false;
+}
+
+// Whether a file cannot be replaced where it stands, although it may be written: it is a mount
+// point, its directory is read-only, or a new one cannot be given to the owner of the old one.
+bool IsForGood(int error) {
+    return error == EBUSY || error == EROFS || error == EACCES || error == EPERM || error == EXDEV;
+}
+
+// Writes over the document that stands at `path`. Nothing is lost when there is no space for the
+// new one; a sudden end in the middle leaves parts of both.
+bool OverwriteFile(const std::string &path, const Writer &write, Durability durability) {
+    Descriptor file(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) == -1)
+        return false;
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        errno = EPERM;
+        return false;
+    }
+    off_t size = 1; // the newline
+    write([&](std::string_view part) { size += static_cast<off_t>(part.size()); });
+    if (fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, size) == -1 && errno != EOPNOTSUPP &&
+        errno != ENOSYS)
+        return false;
+    if (!WriteParts(file.Get(), write) || ftruncate(file.Get(), size) == -1)
+        return false;
+    if (durability == Durability::Reboot && fsync(file.Get()) == -1)
+        return false;
+    return close(file.Release()) == 0;
+}
+
+void FlushDirectoryOf(const std::string &path) {
+    const Descriptor directory(
+        open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory)
+        fsync(directory.Get());
+}
+
+} // namespace
+
+bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
+                  JsonOrigin *origin) {
+    value = Json::Value();
+    JsonOrigin unasked;
+    JsonOrigin &read = origin != nullptr ? *origin : unasked;
+    read = {};
+    // Empty files are no documents; those of the kernel that let their reader wait look empty too.
+    const Descriptor file = OpenRegularFile(path, {1, limits.bytes});
+    return file && ReadAll(file.Get(), limits.bytes, read.text) &&
+           JsonFromText(read, limits.depth, value);
+}
+
+bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value) {
+    if (Parse(origin, depth, value))
+        return true;
+    value = Json::Value();
+    errno = EBADMSG;
+    return false;
+}
+
+bool JsonToFile(const Writer &write, const std::string &path, Durability durability) {
+    const std::string target = FollowLinks(path);
+    const std::string fresh = target + ".new";
+    Standing standing;
+    if (!LookAt(target, standing)) {
+        errno = S_ISDIR(standing.status.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
+    if (!ReplaceFile(fresh, target, write, standing, durability))
+        return standing.isThere && IsForGood(errno) && OverwriteFile(target, write, durability);
+    if (durability == Durability::Reboot)
+        FlushDirectoryOf(target);
+    return true;
+}

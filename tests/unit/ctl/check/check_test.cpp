@@ -1,0 +1,542 @@
+#include "ctl/check/check.h"
+
+#include "tests/unit/support/files.h"
+
+#include <cerrno>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// A system where the accounts and programs that rows name exist as they say.
+Surroundings TheSystem() {
+    Surroundings surroundings;
+    surroundings.account = [](const Json::Value &config) {
+        const std::string user = config["user"].asString();
+        const std::string package =
+            config["package_username"].isString() ? config["package_username"].asString() : "";
+        if (user == "root" || user == "rootless")
+            return Account{user, user == "root"};
+        return user.find("package") == std::string::npos ? Account{}
+                                                         : Account{package, package == "alice"};
+    };
+    surroundings.program = [](const std::string &path, const std::string &account) {
+        Program program;
+        program.exists = path != "/missing";
+        program.regular = program.exists && path != "/directory";
+        program.empty = path == "/empty";
+        if (path == "/relative")
+            program.link = "p";
+        if (path == "/absolute")
+            program.link = "/p";
+        if (path == "/open" || (path == "/home/alice/p" && account != "alice"))
+            program.openDirectory = "/writable";
+        return program;
+    };
+    return surroundings;
+}
+
+JobFile Read(const std::string &text, const JobDirectory &directory = {"/jobs", "pkg", {}},
+             const std::string &name = "f.conf") {
+    const TemporaryDirectory place;
+    JobFile file;
+    file.path = name;
+    file.name = name;
+    file.directory = directory;
+    WriteText(place.File(name), text);
+    file.error =
+        JsonFromFile(place.File(name), file.document, kJobFileLimits, &file.origin) ? 0 : errno;
+    return file;
+}
+
+// "LINE:COLUMN error MEMBER: MESSAGE [FOUND] (ALLOWED)", empty parts left out.
+std::string InText(const Problem &problem) {
+    std::string text =
+        std::to_string(problem.place.line) + ":" + std::to_string(problem.place.column);
+    text += problem.severity == Severity::Error ? " error" : " warning";
+    text += problem.member.empty() ? "" : " " + problem.member;
+    text += ": " + problem.message;
+    text += problem.found.empty() ? "" : " [" + problem.found + "]";
+    return text + (problem.allowed.empty() ? "" : " (" + problem.allowed + ")");
+}
+
+std::vector<std::string> ProblemsOf(const JobFile &file) {
+    std::vector<std::string> texts;
+    for (const Problem &problem : CheckJobFile(file, TheSystem()).problems)
+        texts.push_back(InText(problem));
+    return texts;
+}
+
+// A definition in an array, alone in its line; `members` replace what a good one has.
+std::string DefinitionWith(const std::string &members) {
+    std::string text = "[\n{" + members;
+    const auto add = [&](const std::string &name, const std::string &value) {
+        if (members.find("\"" + name + "\"") == std::string::npos)
+            text += ", \"" + name + "\": " + value;
+    };
+    if (members.find("cmd_list") == std::string::npos)
+        add("cmd", "\"/p -x\"");
+    add("name", "\"n\"");
+    add("user", "\"root\"");
+    add("period", members.find("\"crontab\":") == std::string::npos ? "\"daily\"" : "\"crontab\"");
+    return text + "}]";
+}
+
+struct ProblemRow {
+    const char *members; // of the definition
+    const char *problem; // the only one; empty: none
+};
+
+void ExpectProblems(const std::vector<ProblemRow> &rows,
+                    const JobDirectory &directory = {"", "pkg", {}}) {
+    for (const ProblemRow &row : rows) {
+        SCOPED_TRACE(row.members);
+        const JobFileReport report =
+            CheckJobFile(Read(DefinitionWith(row.members), directory), TheSystem());
+        ASSERT_EQ(report.jobs.size(), 1U);
+        std::vector<std::string> texts;
+        bool refused = false;
+        for (const Problem &problem : report.problems) {
+            texts.push_back(InText(problem));
+            refused = refused || problem.severity == Severity::Error;
+            EXPECT_EQ(problem.file, "f.conf");
+            EXPECT_EQ(problem.job, report.jobs.front().name);
+        }
+        EXPECT_NE(report.jobs.front().accepted, refused);
+        if (*row.problem == '\0')
+            EXPECT_THAT(texts, IsEmpty());
+        else
+            EXPECT_THAT(texts, ElementsAre(row.problem));
+    }
+}
+
+const char *const kPeriods = "\"hourly\", \"daily\", \"weekly\", \"monthly\" or \"crontab\"";
+
+TEST(CheckJobFile, HasNothingToSayOfAGoodDefinition) {
+    ExpectProblems({
+        {R"("name": "n")", ""},
+        {R"("period": "h")", ""},
+        {R"("period": "Weekly")", ""},
+        {R"("period": "MONTH")", ""},
+        {R"("period": "cron", "crontab": "* * * * *")", ""},
+        {R"("crontab": "0,30 8~17 * * ~")", ""},
+        {R"("crontab": "* * 31 * *")", ""},
+        {R"("crontab": "* * 29 2 *")", ""},
+        {R"("crontab": "* * 1 * 0,1,2,3,4,5,6")", ""},
+        {R"("crontab": "* * *,31 2 *")", ""},
+        {R"("crontab": "* * 31 *,2 *")", ""},
+        {R"("crontab": "* * 25~31 1~1 *")", ""},
+        {R"("user": "package", "package_username": "alice", "cmd": "/home/alice/p")", ""},
+        {R"("cmd_list": ["/p", "a b", 5, true, null, "a|b > c"])", ""},
+        {R"("cmd": "/p a=b *.c x-y http://h/?a=1&b=2 ~ [1]")", ""},
+        {R"("assure_execute": 48.0, "assure_execute_action": "run", "run_on_passive": 1)", ""},
+        {R"("assure_execute": null, "assure_execute_action": null, "run_on_passive": null)", ""},
+    });
+}
+
+TEST(CheckJobFile, TellsWhatIsRefused) {
+    const std::string periods = std::string(" (") + kPeriods + ")";
+    const std::string period5 = "2:12 error period: \"period\" cannot be 5 [5]" + periods;
+    const std::string yearly =
+        "2:12 error period: \"period\" cannot be \"yearly\" [\"yearly\"]" + periods;
+    const std::string noPeriod = "2:12 error period: \"period\" cannot be \"\" [\"\"]" + periods;
+    ExpectProblems({
+        {R"("period": 5)", period5.c_str()},
+        {R"("period": "yearly")", yearly.c_str()},
+        {R"("period": "")", noPeriod.c_str()},
+        {R"("user": null)", "2:10 error user: \"user\" cannot be null [null] (\"root\", \"system\" "
+                            "or \"package\")"},
+        {R"("user": "package")",
+         "2:1 error package_username: \"package_username\" is missing (the name of the account)"},
+        {R"("name": ["x"])", "2:10 error name: \"name\" cannot be [\"x\"] [[\"x\"]] (a text)"},
+        {R"("cmd": 5)", "2:9 error cmd: \"cmd\" cannot be 5 [5] (a command, or \"cmd_list\" with "
+                        "its arguments)"},
+        {R"("period": "crontab")",
+         "2:1 error crontab: \"crontab\" is missing (five fields separated by one blank each: "
+         "minute, hour, day, month, weekday)"},
+        {R"("period": "c")",
+         "2:1 error crontab: \"crontab\" is missing (five fields separated by one blank each: "
+         "minute, hour, day, month, weekday)"},
+        {R"("cmd_list": [])", "2:14 error cmd_list: \"cmd_list\" cannot be [] [[]] (at least one "
+                              "text: the program, then its arguments)"},
+        {R"("cmd_list": ["/p", {"a": 1}])",
+         "2:21 error cmd_list: an argument cannot be {\"a\":1} [{\"a\":1}] (a text)"},
+        {R"("assure_execute": "5")", "2:20 error assure_execute: \"assure_execute\" cannot be "
+                                     "\"5\" [\"5\"] (a number of hours)"},
+        {R"("run_on_passive": [])", "2:20 error run_on_passive: \"run_on_passive\" cannot be [] "
+                                    "[[]] (true or false)"},
+    });
+}
+
+TEST(CheckJobFile, TellsAllThatIsRefused) {
+    EXPECT_THAT(
+        ProblemsOf(Read(R"([{"assure_execute": [], "run_on_passive": "x", "cmd_list": 5}])")),
+        ElementsAre(testing::StartsWith("1:2 error period: \"period\" is missing"),
+                    testing::StartsWith("1:2 error user: \"user\" is missing"),
+                    testing::StartsWith("1:2 error name: \"name\" is missing"),
+                    testing::StartsWith("1:2 error cmd: \"cmd\" is missing"),
+                    testing::StartsWith("1:21 error assure_execute: "),
+                    testing::StartsWith("1:43 error run_on_passive: ")));
+    EXPECT_THAT(ProblemsOf(Read(R"([5, "x", null, [7], true])")),
+                ElementsAre("1:2 error: a definition cannot be 5 [5] (an object)",
+                            "1:5 error: a definition cannot be \"x\" [\"x\"] (an object)",
+                            "1:10 error: a definition cannot be null [null] (an object)",
+                            "1:16 error: a definition cannot be [7] [[7]] (an object)",
+                            "1:21 error: a definition cannot be true [true] (an object)"));
+}
+
+TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
+    const std::string minute = " (0 to 59, a draw such as 0~59, \"~\" or \"*\")";
+    const auto row = [&](const char *text) { return "2:" + (text + minute); };
+    const std::string letter = row("15 error crontab: minute \"x\" is no number [\"x\"]");
+    const std::string item = row("16 error crontab: minute \"60\" is out of range [\"60\"]");
+    const std::string reversed =
+        row("14 error crontab: minute \"9~3\" ends before it begins [\"9~3\"]");
+    const std::string ends =
+        row("14 error crontab: minute \"1~2~3\" has more than two ends [\"1~2~3\"]");
+    const std::string half = row("14 error crontab: minute \"5~\": \"\" is no number [\"5~\"]");
+    const std::string step = row("14 error crontab: minute \"0/5\": there are no steps [\"0/5\"]");
+    const std::string empty =
+        row("16 error crontab: an item of the minute is empty; fields are separated by one blank "
+            "each, items by one comma [\"\"]");
+    ExpectProblems({
+        {R"("crontab":  "x * * * *")", letter.c_str()},
+        {R"("crontab": "1,60 * * * *")", item.c_str()},
+        {R"("crontab": "9~3 * * * *")", reversed.c_str()},
+        {R"("crontab": "1~2~3 * * * *")", ends.c_str()},
+        {R"("crontab": "5~ * * * *")", half.c_str()},
+        {R"("crontab": "0/5 * * * *")", step.c_str()},
+        {R"("crontab": "5, * * * *")", empty.c_str()},
+        {R"("crontab": "* * * * 7")", "2:22 error crontab: weekday \"7\" is out of range [\"7\"] "
+                                      "(0 (Sunday) to 6, a draw such as 0~6, \"~\" or \"*\")"},
+        {R"("crontab": "* 1-5 * * *")",
+         "2:16 error crontab: hour \"1-5\": there are no ranges with a dash [\"1-5\"] (1,2,3,4,5 "
+         "for each of them, 1~5 for one drawn at random)"},
+        {R"("crontab": "* * * * 0-6")",
+         "2:22 error crontab: weekday \"0-6\": there are no ranges with a dash [\"0-6\"] (* for "
+         "each of them, 0~6 for one drawn at random)"},
+        {R"("crontab": "* * * * 1-7")",
+         "2:22 error crontab: weekday \"1-7\": there are no ranges with a dash [\"1-7\"] (0 "
+         "(Sunday) to 6, a draw such as 0~6, \"~\" or \"*\")"},
+        // Written with an escape, the text's characters cannot be told apart.
+        {R"("crontab": "* \u002a * * 7")", "2:13 error crontab: weekday \"7\" is out of range "
+                                           "[\"7\"] (0 (Sunday) to 6, a draw such as 0~6, \"~\" "
+                                           "or \"*\")"},
+        {R"("crontab": "* * * *")",
+         "2:13 error crontab: \"crontab\" has 4 fields [\"* * * *\"] (five fields separated by one "
+         "blank each: minute, hour, day, month and weekday)"},
+        {R"("crontab": "")",
+         "2:13 error crontab: \"crontab\" has 1 field, as there is one between any two blanks "
+         "[\"\"] (five fields separated by one blank each: minute, hour, day, month and weekday)"},
+    });
+}
+
+TEST(CheckJobFile, TellsHowACrontabIsRead) {
+    const std::string every5 =
+        "2:14 warning crontab: minute \"*/5\" is read as \"*\", every minute [\"*/5\"] "
+        "(0,5,10,15,20,25,30,35,40,45,50,55)";
+    ExpectProblems({
+        {R"("crontab": "*/5 * * * *")", every5.c_str()},
+        {R"("crontab": "* * */10 * *")",
+         "2:18 warning crontab: day \"*/10\" is read as \"*\", every day [\"*/10\"] (1,11,21,31)"},
+        {R"("crontab": "*/1 * * * *")",
+         "2:14 warning crontab: minute \"*/1\" is read as \"*\", every minute [\"*/1\"] (*)"},
+        {R"("crontab": "* *7 * * *")",
+         "2:16 warning crontab: hour \"*7\" is read as \"*\", every hour [\"*7\"] (0 to 23, a draw "
+         "such as 0~23, \"~\" or \"*\")"},
+        {R"("crontab": "* * ~5 * *")",
+         "2:18 warning crontab: day \"~5\" is read as \"~\", one drawn from 1 to 28 [\"~5\"] (both "
+         "ends, such as 1~5)"},
+        {R"("crontab": "* * 1 * 1")", "2:22 warning crontab: day \"1\" and weekday \"1\" must both "
+                                      "match on the same day [\"1\"] (\"*\" for one of the two)"},
+        {R"("crontab": "* * ~ * ~")", "2:22 warning crontab: day \"~\" and weekday \"~\" must both "
+                                      "match on the same day [\"~\"] (\"*\" for one of the two)"},
+        {R"("crontab": "* * 30 2 *")",
+         "2:18 warning crontab: February never has day 30: the job never runs [\"30\"] (days that "
+         "every month of the expression has)"},
+        {R"("crontab": "* * 1,31 2,3,4 *")",
+         "2:18 warning crontab: February never has day 31; April never has day 31 [\"1,31\"] (days "
+         "that every month of the expression has)"},
+        {R"("crontab": "* * 29~31 1~2 *")",
+         "2:18 warning crontab: February never has day 30 and 31 [\"29~31\"] (days that every "
+         "month of the expression has)"},
+        // What is not read is not judged.
+        {R"("period": "daily", "crontab": "* * 31 2 1-5")",
+         "2:32 warning crontab: \"crontab\" is not read: \"period\" is \"daily\" [\"* * 31 2 "
+         "1-5\"] "
+         "(\"crontab\" as \"period\")"},
+    });
+}
+
+TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
+    const std::string monday =
+        std::string("2:12 warning period: \"period\" \"monday\" is read as \"monthly\": only its "
+                    "first letter counts [\"monday\"] (") +
+        kPeriods + ")";
+    ExpectProblems({
+        {R"("period": "monday")", monday.c_str()},
+        {R"("Name": "x")", "2:2 warning Name: nobody reads \"Name\" [\"x\"] (\"name\")"},
+        {R"("zzzzzzzz" : [1, 2])", "2:2 warning zzzzzzzz: nobody reads \"zzzzzzzz\" [[1,2]]"},
+        {R"("a\"b" : 1)", "2:2 warning a\"b: nobody reads \"a\\\"b\" [1]"},
+        {R"("cmd_list": ["/p"], "cmd": "/q")",
+         "2:29 warning cmd: \"cmd\" is not read: \"cmd_list\" goes before it [\"/q\"] (one of the "
+         "two)"},
+        {R"("assure_execute": -1)", "2:20 warning assure_execute: \"assure_execute\" is negative: "
+                                    "the job is overdue in every cycle [-1] (hours, or 0 for "
+                                    "never)"},
+        {R"("assure_execute": 1.5)", "2:20 warning assure_execute: \"assure_execute\" 1.5 is read "
+                                     "as 1 [1.5] (a whole number of hours)"},
+        {R"("assure_execute": true)", "2:20 warning assure_execute: \"assure_execute\" true is "
+                                      "read as 1 [true] (a whole number of hours)"},
+        {R"("assure_execute": 5, "assure_execute_action": "now")",
+         "2:48 warning assure_execute_action: \"assure_execute_action\" \"now\" is read as "
+         "\"wait\" [\"now\"] (\"run\" or \"wait\")"},
+        {R"("assure_execute_action": "run")",
+         "2:27 warning assure_execute_action: \"assure_execute_action\" is not read without hours "
+         "in \"assure_execute\" [\"run\"]"},
+    });
+}
+
+TEST(CheckJobFile, TellsWhatKeepsAJobFromBeingAdmitted) {
+    ExpectProblems({
+        {R"("user": "nobody")",
+         "2:10 warning user: \"user\" \"nobody\" names no account: the job is not admitted "
+         "[\"nobody\"] (\"root\" or \"system\" as \"user\", or \"package\" and an account as "
+         "\"package_username\")"},
+        {R"("user": "package", "package_username": null)",
+         "2:41 warning package_username: \"package_username\" null names no account: the job is "
+         "not admitted [null] (\"root\" or \"system\" as \"user\", or \"package\" and an account "
+         "as \"package_username\")"},
+        {R"("user": "package", "package_username": "bob")",
+         "2:41 warning package_username: there is no account \"bob\": the job is not admitted "
+         "[\"bob\"]"},
+        {R"("user": "rootless")", "2:10 warning user: there is no account \"rootless\": the job is "
+                                  "not admitted [\"rootless\"]"},
+        {R"("user": "packages", "package_username": "alice")",
+         "2:10 warning user: \"user\" \"packages\" is read as \"package\" [\"packages\"]"},
+        {R"("user": "root", "package_username": "alice")",
+         "2:38 warning package_username: \"package_username\" is not read: \"user\" is \"root\" "
+         "[\"alice\"] (\"package\" as \"user\")"},
+        {R"("name": "a/b")", "2:10 warning name: the full name \"pkg-f-a/b\" has a \"/\": the job "
+                             "is not admitted [\"a/b\"] (a name without \"/\")"},
+        {R"("name": "a\nb")", "2:10 warning name: the full name \"pkg-f-a\\nb\" has control "
+                              "characters [\"a\\nb\"] (a name that can be printed)"},
+        {R"("name": "a\u0000b")", "2:10 warning name: the full name \"pkg-f-a\\u0000b\" has a zero "
+                                  "byte: the job is not admitted [\"a\\u0000b\"]"},
+        {R"("cmd": " /p")", "2:9 warning cmd: the command begins with no program: the job is not "
+                            "admitted [\" /p\"] (an absolute path, at the very beginning)"},
+        {R"("cmd": "/missing -x")", "2:9 warning cmd: program \"/missing\" does not exist: the job "
+                                    "is not admitted [\"/missing -x\"]"},
+        {R"("cmd": "missing")",
+         "2:9 warning cmd: program \"missing\" is looked for in \"/\" alone, where it is not: the "
+         "job is not admitted [\"missing\"] (an absolute path)"},
+        {R"("cmd": "p")", "2:9 warning cmd: program \"p\" is looked for in \"/\" alone [\"p\"] (an "
+                          "absolute path)"},
+        {R"("cmd_list": ["/directory"])",
+         "2:14 warning cmd_list: program \"/directory\" is no regular file: the job is not "
+         "admitted [[\"/directory\"]]"},
+        {R"("cmd": "/empty")", "2:9 warning cmd: program \"/empty\" is empty [\"/empty\"]"},
+        {R"("cmd": "/relative")",
+         "2:9 warning cmd: program \"/relative\" is a link to \"p\", which leads nowhere from "
+         "where programs are staged: the job is not admitted [\"/relative\"] (the program itself)"},
+        {R"("cmd": "/absolute")", "2:9 warning cmd: program \"/absolute\" is a link to \"/p\", "
+                                  "which runs as it is found there [\"/absolute\"] (the program "
+                                  "itself)"},
+        {R"("cmd": "/open")", "2:9 warning cmd: program \"/open\" can be replaced: others may "
+                              "write \"/writable\" [\"/open\"] (a program in directories that only "
+                              "root, or the job's account, may write)"},
+    });
+}
+
+TEST(CheckJobFile, TellsOfALongName) {
+    const std::string longest(255 - std::string("pkg-f-").size(), 'x');
+    EXPECT_THAT(ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "\""))), IsEmpty());
+    EXPECT_THAT(ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "x\""))),
+                ElementsAre(testing::HasSubstr("has 256 bytes: the job is not admitted")));
+}
+
+TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
+    for (const char *word : {"'a'", "\\\"a", "`a`", "a|b", "$HOME", "&", "&&", "a;", "a\\\\", ">x",
+                             "2>&1", "&>x", "<x"}) {
+        const std::vector<std::string> texts =
+            ProblemsOf(Read(DefinitionWith(std::string(R"("cmd": "/p )") + word + " b\"")));
+        EXPECT_THAT(texts, ElementsAre(testing::HasSubstr("is passed on as it is"))) << word;
+    }
+    EXPECT_THAT(ProblemsOf(Read(DefinitionWith(R"("cmd": "/p a | b > c")"))),
+                ElementsAre(testing::StartsWith("2:15 warning cmd: \"|\" is passed on")));
+    EXPECT_THAT(ProblemsOf(Read(DefinitionWith(R"("cmd": "/p x&y  &")"))),
+                ElementsAre(testing::StartsWith("2:18 warning cmd: \"&\" is passed on")));
+}
+
+TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
+    const JobDirectory directory{"/jobs", "pkg_nonroot", "alice"};
+    ExpectProblems(
+        {
+            {R"("user": "package", "package_username": "alice")", ""},
+            {R"("user": "root")", "2:10 warning user: \"user\" is not read: every job of this "
+                                  "directory runs as \"alice\" [\"root\"]"},
+            {R"("user": "package", "package_username": 5)",
+             "2:41 warning package_username: \"package_username\" is not read: every job of this "
+             "directory runs as \"alice\" [5]"},
+        },
+        directory);
+    EXPECT_THAT(ProblemsOf(Read(R"([{"name": "x", "period": "daily", "cmd": "/p"}])", directory)),
+                IsEmpty());
+    // What the directory gives is not missed in a definition without a name either.
+    EXPECT_THAT(ProblemsOf(Read(R"([{"period": "daily", "cmd": "/p"}])", directory)),
+                ElementsAre("1:2 error name: \"name\" is missing (a text)"));
+}
+
+TEST(CheckJobFile, GivesJobsTheirFullNames) {
+    struct NameRow {
+        JobDirectory directory;
+        const char *text;
+        const char *name;
+        std::size_t column;
+    };
+    const NameRow rows[] = {
+        {{"", "builtin", {}}, R"([{"name": "x"}])", "builtin-f-x", 11},
+        {{"", "pkg_nonroot", "bob"}, R"([{"name": "x"}])", "pkg_nonroot-bob-f-x", 11},
+        {{"", "", {}}, R"([{"name": "x"}])", "f-x", 11},
+        {{"", "pkg", {}}, R"( {"name": "x"})", "pkg-f-default", 2},
+        {{"", "pkg", {}}, R"([{"name": 5}])", "f", 11},
+        {{"", "pkg", {}}, R"([{}])", "f", 2},
+        {{"", "pkg", {}}, R"([7])", "f", 2},
+    };
+    for (const NameRow &row : rows) {
+        SCOPED_TRACE(row.text);
+        const JobFileReport report = CheckJobFile(Read(row.text, row.directory), TheSystem());
+        ASSERT_EQ(report.jobs.size(), 1U);
+        EXPECT_EQ(report.jobs.front().name, row.name);
+        EXPECT_EQ(report.jobs.front().place.column, row.column);
+        EXPECT_FALSE(report.jobs.front().accepted);
+    }
+}
+
+TEST(CheckJobFile, TellsThatTheOnlyJobOfAFileIsCalledDefault) {
+    const std::string rest = R"("user": "root", "period": "daily", "cmd": "/p"})";
+    EXPECT_THAT(ProblemsOf(Read("{" + rest)), IsEmpty());
+    EXPECT_THAT(ProblemsOf(Read(R"({"name": "default", )" + rest)), IsEmpty());
+    EXPECT_THAT(ProblemsOf(Read(R"({"name": "x", )" + rest)),
+                ElementsAre("1:10 warning name: \"name\" is not read: the only job of a file "
+                            "without an array is \"default\" [\"x\"] (an array with this "
+                            "definition, where the job may have a name)"));
+}
+
+TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
+    struct FileRow {
+        std::string text;
+        const char *problem;
+    };
+    const FileRow rows[] = {
+        {"", "1:1 error: the file is empty (one JSON document)"},
+        {"[{\"a\": 1\n  \"b\": 2}]",
+         "2:3 error: no JSON document: Missing ',' or '}' in object declaration"},
+        {"\xEF\xBB\xBF[1,]", "1:7 error: no JSON document: value, object or array expected."},
+        {"[]\r\n[]", "2:1 error: no JSON document: Extra non-whitespace after JSON value."},
+        {std::string("[]\n a\0b", 7), "2:3 error: no JSON document: There is a zero byte in the "
+                                      "text."},
+        {std::string(70, '[') + std::string(70, ']'),
+         "1:1 error: no JSON document: Values are nested deeper than 64 levels."},
+        {"[" + std::string(std::size_t{1} << 20, ' ') + "]",
+         "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {"5", "1:1 warning: there is no job in it [5] (an array of definitions, or one "
+              "definition)"},
+        {"[]", ""},
+        {R"([{"a": {"b": 1, "b": 2}}])", "1:17 warning: of members with one name only the last is "
+                                         "read: Duplicate key: 'b' (each member once)"},
+    };
+    for (const FileRow &row : rows) {
+        std::vector<std::string> texts = ProblemsOf(Read(row.text));
+        texts.resize(std::min<std::size_t>(texts.size(), 1));
+        if (*row.problem == '\0')
+            EXPECT_THAT(texts, IsEmpty());
+        else
+            EXPECT_THAT(texts, ElementsAre(row.problem));
+    }
+}
+
+TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
+    struct ErrorRow {
+        int error;
+        const char *account;
+        const char *problem;
+    };
+    const ErrorRow rows[] = {
+        {EISDIR, "", "1:1 error: a directory is no job file (a regular file)"},
+        {EINVAL, "", "1:1 error: neither a regular file nor a link to one (a regular file)"},
+        {ENOENT, "", "1:1 error: cannot be read: No such file or directory"},
+        {EFBIG, "", "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {EFBIG, "alice", "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {EDQUOT, "alice",
+         "1:1 error: the quota of \"alice\" is used up before this file is read (1048576 bytes for "
+         "all files of the account, of which each and each job counts as 1024 at least, and "
+         "4194304 bytes of runtime document)"},
+    };
+    for (const ErrorRow &row : rows) {
+        JobFile file;
+        file.name = "f";
+        file.directory = {"", "pkg", row.account};
+        file.error = row.error;
+        EXPECT_THAT(ProblemsOf(file), ElementsAre(row.problem));
+    }
+}
+
+TEST(CheckJobFile, TellsOfFilesThatAreHardlyMeantToBeJobFiles) {
+    const JobDirectory directory{"", "pkg", {}};
+    for (const char *name : {"a.conf", "a", "~a", "bak"})
+        EXPECT_THAT(ProblemsOf(Read("[]", directory, name)), IsEmpty()) << name;
+    for (const char *name : {"a.conf~", "a.conf.bak", "a.dpkg-old"})
+        EXPECT_THAT(ProblemsOf(Read("[]", directory, name)),
+                    ElementsAre(testing::HasSubstr("looks like a copy")))
+            << name;
+    for (const char *name : {".a.conf", ".a~"})
+        EXPECT_THAT(ProblemsOf(Read("[]", directory, name)),
+                    ElementsAre("1:1 warning: the daemon does not read hidden files (a name that "
+                                "does not begin with \".\")"))
+            << name;
+}
+
+TEST(CheckJobFile, CountsBytesAfterAByteOrderMark) {
+    EXPECT_THAT(ProblemsOf(Read("\xEF\xBB\xBF[5,\n\"\xC3\xA4\", 6]")),
+                ElementsAre(testing::StartsWith("1:5 error"), testing::StartsWith("2:1 error"),
+                            testing::StartsWith("2:7 error")));
+}
+
+TEST(CheckJobFile, CutsWhatIsLongBetweenCharacters) {
+    std::string umlauts;
+    for (int i = 0; i < 100; ++i)
+        umlauts += "\xC3\xA4";
+    for (const std::string &text : {umlauts, "x" + umlauts}) {
+        const JobFileReport report = CheckJobFile(Read("[\"" + text + "\"]"), TheSystem());
+        ASSERT_EQ(report.problems.size(), 1U);
+        const std::string &found = report.problems.front().found;
+        const std::string kept = found.substr(1, found.size() - 4);
+        EXPECT_LE(found.size(), 60U);
+        EXPECT_GE(found.size(), 57U);
+        EXPECT_EQ(found.substr(found.size() - 3), "...");
+        EXPECT_EQ(text.compare(0, kept.size(), kept), 0);
+        EXPECT_EQ((kept.size() - (text.front() == 'x' ? 1 : 0)) % 2, 0U);
+    }
+}
+
+TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
+    const auto job = [](const char *name, const char *file, bool accepted) {
+        return JudgedJob{name, file, {3, 7}, accepted};
+    };
+    const std::vector<Problem> problems =
+        ReplacedJobs({job("a", "first", true), job("b", "first", true), job("a", "second", true),
+                      job("a", "third", false), job("b", "third", false), job("c", "x", false),
+                      job("c", "x", true)});
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problems.front().file, "first");
+    EXPECT_EQ(problems.front().job, "a");
+    EXPECT_EQ(InText(problems.front()),
+              "3:7 warning name: replaced by the job of the same full name in second:3, which is "
+              "read later [\"a\"] (one job of a full name)");
+}
+
+} // namespace

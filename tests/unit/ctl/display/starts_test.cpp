@@ -1,0 +1,199 @@
+#include "ctl/display/starts.h"
+
+#include "ctl/display/coming_starts.h"
+#include "ctl/system/condition.h"
+#include "tests/unit/support/clock.h"
+#include "tests/unit/support/jobs.h"
+#include "tests/unit/support/json_text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::time_t kDayLength = 24 * kHour;
+const std::time_t kNow = Utc(2026, 6, 2, 2, 10, 30);
+const std::time_t kMinuteOfNow = Utc(2026, 6, 2, 2, 10);
+
+LiveJob LiveJobOf(const std::string &crontab, int hours = 0,
+                  std::time_t lastRun = kNow - kDayLength) {
+    Json::Value document =
+        FromText(R"({"config": {"name": "pkg-a-b", "user": "root", "cmd": "x", "period": "c"}})");
+    document["config"]["crontab"] = crontab;
+    document["config"]["assure_execute"] = hours;
+    document["lastExecution"] = Json::Int64{lastRun};
+    LiveJob live;
+    live.job = CronJob(document);
+    EXPECT_TRUE(live.job.valid);
+    for (const std::string &key : FieldKeys())
+        live.job.GenerateSchedule(key);
+    live.name = "pkg-a-b";
+    live.lastRun = lastRun;
+    return live;
+}
+
+// Hours from the present minute to each start, and whether it is for being overdue.
+std::vector<std::pair<double, bool>> Starts(const LiveJob &job, std::size_t count,
+                                            const Daemon &daemon = {}) {
+    std::vector<std::pair<double, bool>> starts;
+    for (const JobStart &start :
+         StartsOf(job, daemon, {kNow, kNow, kNow + 400 * kDayLength}, count))
+        starts.emplace_back(static_cast<double>(start.earliest - kMinuteOfNow) / kHour,
+                            start.overdue);
+    return starts;
+}
+
+using S = std::pair<double, bool>;
+
+class StartsTest : public testing::Test {
+    const LocalZone zone{"UTC0"};
+};
+
+TEST_F(StartsTest, AreThoseOfTheSchedule) {
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *"), 3),
+                ElementsAre(S{0, false}, S{1, false}, S{2, false}));
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *"), 3), IsEmpty());
+}
+
+TEST_F(StartsTest, AreNotInTheMinuteThatItHasRunIn) {
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow + 2), 2),
+                ElementsAre(S{1, false}, S{2, false}));
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow - 1), 2),
+                ElementsAre(S{0, false}, S{1, false}));
+}
+
+TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
+    Daemon passive;
+    passive.passive = true;
+    LiveJob job = LiveJobOf("10 * * * *");
+    EXPECT_THAT(Starts(job, 3, passive), IsEmpty());
+    job.job.runOnPassive = true;
+    EXPECT_THAT(Starts(job, 1, passive), ElementsAre(S{0, false}));
+}
+
+TEST_F(StartsTest, ComeSoonerForAnAssuredJob) {
+    // Never by its schedule: whenever it has waited for more than 5 hours.
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour), 2),
+                ElementsAre(S{3, true}, S{8, true}));
+    // Overdue by now.
+    EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kNow - 6 * kHour), 1), ElementsAre(S{0, true}));
+    // Its schedule comes sooner.
+    EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 5), 1), ElementsAre(S{0, false}));
+    EXPECT_THAT(Starts(LiveJobOf("10 5 * * *", 5, kMinuteOfNow), 2),
+                ElementsAre(S{3, false}, S{8, true}));
+}
+
+TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
+    // Drawn anew at midnight: if that is later than the moment at which it is overdue, it comes
+    // then.
+    const LiveJob job = LiveJobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
+    LiveJob drawn = job;
+    Json::Value schedule = drawn.job.Document()["schedule"];
+    schedule["hour"] = FromText("[1]");
+    drawn.job = With(drawn.job, "schedule", schedule);
+    const std::vector<JobStart> starts =
+        StartsOf(drawn, {}, {kNow, kNow, kNow + 2 * kDayLength}, 2);
+    ASSERT_EQ(starts.size(), 2U);
+    EXPECT_EQ(starts[0].earliest, Utc(2026, 6, 3, 0, 30));
+    EXPECT_EQ(starts[0].latest, Utc(2026, 6, 3, 23, 30));
+    EXPECT_EQ(starts[1].earliest, Utc(2026, 6, 3, 2, 9));
+    EXPECT_TRUE(starts[1].overdue);
+    EXPECT_THAT(starts[1].undrawn, ElementsAre("hour"));
+}
+
+TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
+    const LiveJob job = LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour);
+    const std::vector<JobStart> starts =
+        StartsOf(job, {}, {kNow, kNow + 4 * kHour, kNow + kDayLength}, 2);
+    ASSERT_EQ(starts.size(), 2U);
+    EXPECT_EQ(starts[0].earliest, kMinuteOfNow + 8 * kHour);
+    EXPECT_EQ(starts[1].earliest, kMinuteOfNow + 13 * kHour);
+}
+
+TEST_F(StartsTest, OfAMuchLaterTimeAreFoundToo) {
+    const std::time_t later = kMinuteOfNow + 1000 * kDayLength;
+    const auto first = [&](const LiveJob &job) {
+        const std::vector<JobStart> starts =
+            StartsOf(job, {}, {kNow, later, later + kDayLength}, 2);
+        return starts.empty() ? JobStart() : starts.front();
+    };
+    // Each 5 hours: 1000 days hold 4800 such waits.
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).earliest, later);
+    EXPECT_TRUE(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).overdue);
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 7, kMinuteOfNow)).earliest, later + 3 * kHour);
+    EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", -1)).earliest, later);
+    // One that starts every minute is never overdue.
+    EXPECT_EQ(first(LiveJobOf("* * * * *", 5)).earliest, later);
+    EXPECT_FALSE(first(LiveJobOf("* * * * *", 5)).overdue);
+    EXPECT_EQ(first(LiveJobOf("0 3 * * *", 5)).earliest, later + 3000);
+}
+
+TEST_F(StartsTest, StandStrangeTimes) {
+    for (const std::int64_t time : {std::int64_t{0}, INT64_MAX, INT64_MIN}) {
+        const std::vector<JobStart> starts =
+            StartsOf(LiveJobOf("0 0 30 2 *", 5, time), {}, {kNow, kNow, kNow + kDayLength}, 100);
+        EXPECT_LE(starts.size(), 5U);
+        for (const JobStart &start : starts)
+            EXPECT_GE(start.earliest, kMinuteOfNow);
+    }
+    EXPECT_EQ(Starts(LiveJobOf("0 0 30 2 *", -5), 3),
+              (std::vector<S>{{0, true}, {1 / 60.0, true}, {2 / 60.0, true}}));
+}
+
+TEST_F(StartsTest, AreMergedInOrder) {
+    const LiveJob early = LiveJobOf("30 * * * *");
+    LiveJob late = LiveJobOf("40 * * * *");
+    late.name = "pkg-a-a";
+    const std::vector<JobStart> starts =
+        StartsOf({&late, &early}, {}, {kNow, kNow, kNow + kDayLength}, 3);
+    ASSERT_EQ(starts.size(), 3U);
+    EXPECT_EQ(starts[0].job, &early);
+    EXPECT_EQ(starts[1].job, &late);
+    EXPECT_EQ(starts[2].job, &early);
+    EXPECT_EQ(starts[2].earliest, starts[0].earliest + kHour);
+}
+
+TEST_F(StartsTest, AreToldInJson) {
+    EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}}, true),
+              FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
+                           "latest": "2026-06-02T02:11:00+00:00",
+                           "undrawn": ["hour"], "overdue": true})"));
+}
+
+TEST(Condition, FollowsTheStatesOfTheDaemon) {
+    const LocalZone zone("UTC0");
+    const FixedClock clock(kNow);
+    struct {
+        int hours; // assured
+        bool run;  // "assure_execute_action"
+        bool due;
+        bool passive;
+        bool held;
+        pid_t process;
+        Condition condition;
+    } const rows[] = {
+        {0, false, false, false, false, 0, Condition::Waiting},
+        {0, false, true, false, false, 0, Condition::Due},
+        {0, false, true, true, false, 0, Condition::HeldBack},
+        {0, false, true, false, true, 0, Condition::NotNow},
+        {5, false, false, false, false, 0, Condition::Overdue},
+        {5, false, false, false, true, 0, Condition::Held},
+        {5, true, false, false, true, 0, Condition::Overdue},
+        {5, true, false, true, true, 77, Condition::Running},
+    };
+    for (const auto &row : rows) {
+        LiveJob job = LiveJobOf("0 0 30 2 *", row.hours);
+        job.job = With(job.job, "expireTime", row.due ? 1 : 0);
+        job.job.assureRun = row.run ? 1 : 0;
+        job.process = row.process;
+        Daemon daemon;
+        daemon.passive = row.passive;
+        daemon.held = row.held;
+        EXPECT_EQ(ConditionOf(job, daemon), row.condition) << &row - rows;
+    }
+}
+
+} // namespace

@@ -1,0 +1,123 @@
+#include "ctl/display/times.h"
+
+#include "tests/unit/support/clock.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(WhenInWords, IsAsSomebodyWouldSayIt) {
+    const LocalZone zone("UTC0");
+    const std::time_t now = Utc(2026, 6, 2, 2, 10, 30);
+    struct {
+        std::time_t time;
+        const char *words;
+        const char *inShort;
+    } const rows[] = {
+        {now, "today 02:10", "02:10"},
+        {Utc(2026, 6, 2, 23, 59), "today 23:59", "23:59"},
+        {Utc(2026, 6, 3, 0, 0), "tomorrow 00:00", "Wed 00:00"},
+        {Utc(2026, 6, 1, 0, 5), "yesterday 00:05", "Mon 00:05"},
+        {Utc(2026, 6, 8, 23, 59), "Mon 8 Jun 23:59", "Mon 23:59"},
+        {Utc(2026, 6, 9, 3, 17), "Tue 9 Jun 03:17", "9 Jun 03:17"},
+        {Utc(2026, 5, 27, 0, 0), "Wed 27 May 00:00", "Wed 00:00"},
+        {Utc(2026, 5, 26, 23, 59), "Tue 26 May 23:59", "26 May 23:59"},
+        {Utc(2027, 6, 9, 3, 17), "9 Jun 2027 03:17", "9 Jun 2027"},
+        {Utc(1999, 12, 31, 3, 17), "31 Dec 1999 03:17", "31 Dec 1999"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(WhenInWords(row.time, now), row.words);
+        EXPECT_EQ(WhenInShort(row.time, now), row.inShort);
+    }
+}
+
+TEST(WhenInWords, NamesTheZoneWhereTheClockIsAnother) {
+    const LocalZone zone("Europe/Berlin");
+    const std::time_t now = Utc(2026, 10, 24, 22, 0); // 00:00 on the day that has 25 hours
+    EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 0, 30), now), "today 02:30");
+    EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 1, 30), now), "today 02:30 CET");
+    EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 23, 30), now), "tomorrow 00:30 CET");
+}
+
+TEST(ClockInWords, NamesTheZoneLikewise) {
+    const LocalZone zone("Europe/Berlin");
+    const std::time_t now = Utc(2026, 10, 24, 22, 0);
+    EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 0, 59), now), "02:59");
+    EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 1, 0), now), "02:00 CET");
+}
+
+TEST(SpanInWords, HasTwoUnitsAtMost) {
+    struct {
+        std::time_t seconds;
+        const char *words;
+    } const rows[] = {{0, "0 s"},         {59, "59 s"},        {60, "1 min"},
+                      {3599, "59 min"},   {3600, "1 h 0 min"}, {86399, "23 h 59 min"},
+                      {86400, "1 d 0 h"}, {90000, "1 d 1 h"},  {8640000, "100 d 0 h"}};
+    for (const auto &row : rows)
+        EXPECT_EQ(SpanInWords(row.seconds), row.words);
+}
+
+TEST(Iso, HasTheOffset) {
+    const LocalZone zone("Asia/Kolkata");
+    EXPECT_EQ(Iso(Utc(2026, 6, 2, 2, 10, 30)), "2026-06-02T07:40:30+05:30");
+}
+
+TEST(ReadTime, ReadsWhatPeopleWrite) {
+    const LocalZone zone("Europe/Berlin");
+    const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // 04:10:30
+    struct {
+        const char *text;
+        std::time_t time;
+    } const rows[] = {
+        {"now", now},
+        {"today", Utc(2026, 6, 1, 22, 0)},
+        {"yesterday", Utc(2026, 5, 31, 22, 0)},
+        {"tomorrow", Utc(2026, 6, 2, 22, 0)},
+        {"03:00", Utc(2026, 6, 2, 1, 0)},
+        {"23:59:58", Utc(2026, 6, 2, 21, 59, 58)},
+        {"2026-11-15", Utc(2026, 11, 14, 23, 0)},
+        {"2026-11-15 03:00", Utc(2026, 11, 15, 2, 0)},
+        {"2026-11-15T03:00", Utc(2026, 11, 15, 2, 0)},
+        {"2026-11-15T03:00:07", Utc(2026, 11, 15, 2, 0, 7)},
+        {"2026-11-15T03:00Z", Utc(2026, 11, 15, 3, 0)},
+        {"2026-11-15T03:00:00+05:30", Utc(2026, 11, 14, 21, 30)},
+        {"2h", now - 7200},
+        {"30min", now - 1800},
+        {"30m", now - 1800},
+        {"45s", now - 45},
+        {"3d", now - 259200},
+        {"1w", now - 604800},
+        {"+2h", now + 7200},
+        {"@0", 0},
+        {"@1780366230", now},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(ReadTime(row.text, now), row.time) << row.text;
+}
+
+TEST(ReadTime, RefusesTheRest) {
+    const LocalZone zone("UTC0");
+    for (const char *text : {"",
+                             "x",
+                             "2026",
+                             "2026-13-01",
+                             "25:00",
+                             "2026-11-15 03:00 x",
+                             "2026-11-15x",
+                             "2026-02-30",
+                             "2027-02-29 03:00",
+                             "2x",
+                             "h",
+                             "-2h",
+                             "+",
+                             "+x",
+                             "@",
+                             "@x",
+                             "@1x",
+                             "99999999999999999999h",
+                             "999999999999w",
+                             "03:00:61x"})
+        EXPECT_EQ(ReadTime(text, 0), std::nullopt) << text;
+}
+
+} // namespace
