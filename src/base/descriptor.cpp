@@ -1,6 +1,6 @@
 #include "base/descriptor.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <algorithm>
 #include <array>
@@ -30,7 +30,7 @@ int Descriptor::Release() {
 
 void Descriptor::Close() {
     if (fd_ >= 0) {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         close(Release());
     }
 }
@@ -157,7 +157,7 @@ void CloseInheritedDescriptors(int kept) {
     // The system log's connection would be closed behind the C library's back, which would then
     // write messages into whatever file gets the number next.
     closelog();
-    const ErrnoKept error;
+    const ErrnoGuard error;
     const auto first = static_cast<unsigned>(STDERR_FILENO + 1);
     const auto hole = kept < 0 ? ~0U : static_cast<unsigned>(kept);
     if ((hole <= first || close_range(first, hole - 1, 0) == 0) &&

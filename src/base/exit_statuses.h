@@ -3,7 +3,7 @@
 #ifndef BASE_EXIT_STATUSES_H
 #define BASE_EXIT_STATUSES_H
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <csignal>
 #include <sys/wait.h>
@@ -24,7 +24,7 @@ public:
     ~ExitStatusesKept() {
         if (!Ignored())
             return;
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         sigaction(SIGCHLD, &before_, nullptr);
         while (waitpid(-1, nullptr, WNOHANG) > 0)
             continue;

@@ -1,6 +1,6 @@
 #include "base/move_aside.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -24,7 +24,7 @@ bool MoveAside(const std::string &path) {
         return false;
     if (std::rename(path.c_str(), (place + path.substr(path.rfind('/'))).c_str()) == 0)
         return true;
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     rmdir(place.c_str());
     return false;
 }

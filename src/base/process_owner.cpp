@@ -1,14 +1,14 @@
 #include "base/process_owner.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <cstddef>
 #include <fcntl.h>
 #include <string>
 
 bool IsProcessOfRoot(pid_t pid) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     constexpr std::size_t most = 65536;
     const Descriptor file(
         open(("/proc/" + std::to_string(pid) + "/" + "status").c_str(), O_RDONLY | O_CLOEXEC));

@@ -1,7 +1,7 @@
 #include "base/random_mix.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -54,7 +54,7 @@ std::uint32_t MixBits(std::string_view machine, std::initializer_list<std::uint6
 }
 
 std::string DescribeMachine() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     std::string machine;
     for (const char *path : {"/etc/machine-id", "/proc/device-tree/serial-number", "/proc/cpuinfo",
                              "/sys/class/dmi/id/product_serial", "/sys/class/dmi/id/product_uuid",

@@ -1,6 +1,6 @@
 #include "core/account_files.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/exit_statuses.h"
 #include "core/account_record.h"
 #include "job/account_rights.h"
@@ -28,7 +28,7 @@ Descriptor OpenForNaming(const std::string &path) {
 }
 
 bool IsLink(const std::string &path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     struct stat status {};
     return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
@@ -157,7 +157,7 @@ public:
     SharedMemory(const SharedMemory &) = delete;
     SharedMemory &operator=(const SharedMemory &) = delete;
     ~SharedMemory() {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         if (*this)
             munmap(memory_, size_);
     }
@@ -189,8 +189,8 @@ ssize_t ReceiveByte(int socket) {
 // Whether the process at the other end of `socket` is through with its work in time. It is gone
 // when this returns true; otherwise errno is set.
 bool AwaitReader(int socket, pid_t reader) {
-    constexpr std::time_t patience = 10; // seconds
-    const ssize_t said = SetDeadline(socket, patience) ? ReceiveByte(socket) : -1;
+    constexpr std::time_t timeout = 10; // seconds
+    const ssize_t said = SetDeadline(socket, timeout) ? ReceiveByte(socket) : -1;
     const int error = said == 0 ? ECHILD : errno == EAGAIN ? ETIMEDOUT : errno;
     kill(reader, SIGKILL);
     // It closes its end of the socket as it ends, unless it hangs in the kernel.

@@ -1,7 +1,7 @@
 #include "core/crondaemon.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/local_time.h"
 #include "base/paths.h"
 #include "core/launch_note.h"
@@ -116,7 +116,7 @@ timespec LeftOf(std::int32_t seconds, const timespec &start) {
 // Cut short by a signal, and not made up for: the signal wants the next cycle. One that came since
 // the cycle looked has set the time to sleep to 0, and one that comes later interrupts the wait.
 void CronDaemon::WaitForNextCycle() const {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const SignalsHeldBack signals;
     const timespec start = MonotonicTime();
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {

@@ -1,5 +1,5 @@
 #include "core/crondaemon.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
@@ -28,7 +28,7 @@ namespace {
 
 // The stop would overwrite what could not be read now.
 void KeepForLater(const std::string &path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     if (!KeepUnreadable(path))
         LOG_ERROR("unreadable document cannot be kept (%s)", path.c_str());
 }
@@ -102,7 +102,7 @@ void AppendEntries(const std::vector<JobEntry> &entries, std::size_t most, JsonT
 // Says what the jobs are rebuilt from, as far as the system log takes it. What a saved document had
 // beside the jobs is told this once.
 void LogRuntime(const std::vector<JobEntry> &entries, const Json::Value &document) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const SourceTag tag = TagOf(__FILE__);
     std::string message(tag.text, static_cast<std::size_t>(tag.length));
     message += ":" + std::to_string(tag.firstLine + __LINE__) + " current runtime: ";
@@ -131,7 +131,7 @@ void GiveMemoryBack() {
 } // namespace
 
 Json::Value CronDaemon::PersistedDocument() {
-    const ErrnoKept kept; // a machine that starts for the first time has none
+    const ErrnoGuard errnoGuard; // a machine that starts for the first time has none
     Json::Value document;
     if (!JsonFromFile(kPersistentFile, document, kOwnFileLimits) || !document.isObject())
         KeepForLater(kPersistentFile);

@@ -1,7 +1,7 @@
 #include "core/crondaemon.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "core/inotify_records.h"
 #include "log/error_log.h"
 
@@ -48,7 +48,7 @@ bool CronDaemon::AddWatch(const std::string &path, int opened) {
 }
 
 void CronDaemon::RemoveAllWatches() {
-    const ErrnoKept kept; // a directory that is gone took its watch with it
+    const ErrnoGuard errnoGuard; // a directory that is gone took its watch with it
     for (std::uint32_t i = 0; i < watchCount; ++i) {
         if (watches[i] > 0) {
             inotify_rm_watch(inotifyFd, watches[i]);
@@ -61,7 +61,7 @@ void CronDaemon::RemoveAllWatches() {
 namespace {
 
 // Whether there is something to read at once. A signal that interrupts the call is not a failure.
-bool HasNews(int inotify) {
+bool HasPendingEvents(int inotify) {
     const int error = errno;
     int ready = -1;
     do {
@@ -80,15 +80,15 @@ bool HasNews(int inotify) {
 } // namespace
 
 void CronDaemon::ForgetChanges() const {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     alignas(inotify_event) std::array<char, 16384> records{};
-    while (inotifyFd != -1 && HasNews(inotifyFd))
+    while (inotifyFd != -1 && HasPendingEvents(inotifyFd))
         if (read(inotifyFd, records.data(), records.size()) <= 0 && errno != EINTR)
             break;
 }
 
 void CronDaemon::PollChanges() {
-    if (inotifyFd == -1 || !HasNews(inotifyFd))
+    if (inotifyFd == -1 || !HasPendingEvents(inotifyFd))
         return;
     alignas(inotify_event) std::array<char, 1024> records{};
     ssize_t size = 0;

@@ -1,6 +1,6 @@
 #include "core/unreadable.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -42,7 +42,7 @@ bool KeepUnreadable(const std::string &path) {
     std::remove(fresh.c_str()); // left behind by a crash
     const bool done = LinkOrCopy(path, fresh) && std::rename(fresh.c_str(), kept.c_str()) == 0;
     // What is kept already under this name is the same file, and the rename does nothing.
-    const ErrnoKept error;
+    const ErrnoGuard error;
     std::remove(fresh.c_str());
     return done;
 }

@@ -178,7 +178,7 @@ private:
         CLI::App *reload =
             Add("reload", "Let the daemon read all job files again", "kestcronctl reload",
                 [this](const Context &c) { return Reload(c, options_.reload); });
-        reload->add_option("--timeout", options_.reload.patience, "Seconds to wait for it")
+        reload->add_option("--timeout", options_.reload.timeout, "Seconds to wait for it")
             ->type_name("SECONDS")
             ->check(CLI::Range(1, 86400).description(""))
             ->capture_default_str();

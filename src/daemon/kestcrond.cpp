@@ -1,7 +1,7 @@
 // The program: one instance, no arguments but one, detached, until a signal ends it.
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/paths.h"
 #include "base/process_owner.h"
 #include "core/crondaemon.h"
@@ -70,7 +70,7 @@ struct flock lock_of_instance() {
 }
 
 bool is_locked() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const Descriptor file = OpenOwnFile(kInstanceLockFile, O_RDWR);
     struct flock lock = lock_of_instance();
     return file && fcntl(file.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
@@ -123,7 +123,7 @@ void raise_limit(decltype(RLIMIT_FSIZE) resource, rlim_t soft, rlim_t hard) {
 // they get at least what the kernel gives the first process, and leave no core unless they ask for
 // it.
 void set_limits() {
-    const ErrnoKept kept; // whoever may not raise them goes on with what there is
+    const ErrnoGuard errnoGuard; // whoever may not raise them goes on with what there is
     signal(SIGXFSZ, SIG_IGN);
     raise_limit(RLIMIT_FSIZE, RLIM_INFINITY, RLIM_INFINITY);
     raise_limit(RLIMIT_NOFILE, 1024, 4096);

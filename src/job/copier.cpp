@@ -1,6 +1,6 @@
 #include "job/copier.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "job/runtime_directory.h"
 #include "platform/kestcore.h"
 
@@ -236,7 +236,7 @@ bool Connect(Descriptor &ours, Descriptor &theirs) {
 
 // Its number may belong to another process once it is gone, which shows in the connection.
 void Copier::End() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     char nothing = 0;
     if (socket_ && recv(socket_.Get(), &nothing, sizeof nothing, MSG_PEEK | MSG_DONTWAIT) != 0) {
         kill(-process_, SIGKILL);

@@ -28,11 +28,11 @@
 namespace {
 
 // Whether a text is the same to the C library, for which a zero byte ends it.
-bool IsCText(const std::string &text) {
+bool IsCString(const std::string &text) {
     return text.find('\0') == std::string::npos;
 }
 
-void SayWhyNobody(const Json::Value &config) {
+void LogUnknownUser(const Json::Value &config) {
     if (IsOfPackage(config))
         LOG_ERROR("you are not package! error user in config");
     else
@@ -49,7 +49,7 @@ JobUser LookUp(const std::string &account, KnownAccounts &accounts) {
     } else {
         user.name = account;
         user.valid =
-            IsCText(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
+            IsCString(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
         accounts.emplace(user.name, user); // one that is not found may have cost a time-out
     }
     if (!user.valid)
@@ -63,7 +63,7 @@ JobUser ResolveJobUser(const Json::Value &config) {
     KnownAccounts none;
     if (const std::optional<std::string> account = AccountOf(config))
         return LookUp(*account, none);
-    SayWhyNobody(config);
+    LogUnknownUser(config);
     return {};
 }
 

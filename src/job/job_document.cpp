@@ -1,6 +1,6 @@
 #include "job/job_document.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/json_members.h"
 #include "platform/json_file.h"
 
@@ -111,7 +111,7 @@ std::string Unpacked(std::string_view packed) {
 }
 
 Json::Value Parsed(const std::string &text) {
-    const ErrnoKept kept; // reading a number may set it
+    const ErrnoGuard errnoGuard; // reading a number may set it
     JsonOrigin origin;
     origin.text = text;
     Json::Value value;

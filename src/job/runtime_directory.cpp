@@ -1,6 +1,6 @@
 #include "job/runtime_directory.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/move_aside.h"
 #include "platform/kestsdk.h"
 
@@ -21,7 +21,7 @@ Descriptor OpenDirectory(int access) {
 
 // Whether something else of root's stands there, which is the operator's business.
 bool IsTakenByRoot() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     struct stat status {};
     return lstat(kRuntimeDirectory, &status) == 0 && status.st_uid == 0 &&
            !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
@@ -59,7 +59,7 @@ bool MakeAndPutInPlace() {
     const std::string fresh = place + "/" + "moved-aside";
     const bool made =
         KESTFSMkdirP(fresh.c_str(), nullptr, 1, 0, 0, 0755) != -1 && PutInPlace(fresh);
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     if (!made)
         rmdir(fresh.c_str());
     rmdir(place.c_str()); // it stays, closed, around what was moved aside
@@ -70,7 +70,7 @@ bool MakeAndPutInPlace() {
 
 Descriptor MakeRuntimeDirectory() {
     {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         if (Descriptor directory = OpenRootsDirectory())
             return directory;
     }
@@ -93,7 +93,7 @@ Descriptor OpenRuntimeDirectory(int access) {
 }
 
 RuntimeDirectoryState RuntimeDirectoryState::Now() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const Descriptor directory = OpenDirectory(O_PATH);
     RuntimeDirectoryState state;
     struct stat status {};

@@ -1,6 +1,6 @@
 #include "job/staging.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "job/runtime_directory.h"
 #include "platform/kestcore.h"
 #include "platform/kestrandom.h"
@@ -73,7 +73,7 @@ void Flatten(const Descriptor &directory, const std::string &name, std::size_t &
 // Removes whatever has this name, a directory with all that is in it, as far as a bounded number of
 // steps goes: an account may have put in more than can be removed in a load.
 void RemoveEntry(const Descriptor &directory, const std::string &name) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     if (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno != EISDIR)
         return;
     std::size_t steps = 100000;
@@ -118,7 +118,7 @@ gid_t UnusedGroup() {
 } // namespace
 
 Staging::Staging(const std::atomic<bool> &stopRequested) : stopRequested_(stopRequested) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     runtime_ = OpenRuntimeDirectory(O_RDONLY);
     struct statvfs status {};
     if (runtime_ && fstatvfs(runtime_.Get(), &status) == 0 && status.f_blocks != 0)
@@ -134,7 +134,7 @@ Staging::Staging(const std::atomic<bool> &stopRequested) : stopRequested_(stopRe
 }
 
 Staging::~Staging() {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     if (isClosed_ && fchown(runtime_.Get(), 0, 0) == 0)
         fchmod(runtime_.Get(), 0755);
     ofAccount_ = {};
@@ -151,7 +151,7 @@ Staging::~Staging() {
 // Frees a name. What cannot be removed in the time there is gets another one, so that nothing
 // depends on its end.
 void Staging::Clear(const Descriptor &directory, const std::string &name) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     RemoveEntry(directory, name);
     for (unsigned tries = 0; tries < 1000; ++tries) {
         const std::string other = kArea + std::string("-") + std::to_string(++leftOver_);
@@ -346,7 +346,7 @@ Staging::Step Staging::PutInPlace(const std::string &name, const JobUser &user) 
 }
 
 void Staging::Remove(const std::function<bool(const std::string &name)> &isUnused) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     std::vector<std::string> unused;
     const DirectoryList entries = ListOf(runtime_, ".");
     while (const dirent *entry = entries ? readdir(entries.get()) : nullptr)

@@ -1,6 +1,6 @@
 #include "log/error_log.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/printable.h"
 #include "log/system_log.h"
 
@@ -71,7 +71,7 @@ bool EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
 // A C-style variadic function, because %m and the compiler's check of formats belong to those.
 // NOLINTNEXTLINE(cert-dcl50-cpp)
 void LogErrorAt(const char *file, int line, const char *text, ...) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const int error = errno;
     MessageBuffer message{};
     MessageBuffer printable{};

@@ -1,9 +1,9 @@
 #include "log/memorylogger.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/move_aside.h"
+#include "log/call_deadline.h"
 #include "log/error_log.h"
-#include "log/patience.h"
 #include "log/timestamp.h"
 
 #include <boost/interprocess/sync/scoped_lock.hpp>
@@ -34,7 +34,7 @@ Descriptor OpenToAppend(const std::string &path) {
 
 // Clears the path of whatever stands there, a directory with something in it too.
 void ClearPath(const std::string &path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     if (std::remove(path.c_str()) == -1 && errno != ENOENT)
         MoveAside(path);
 }
@@ -52,7 +52,7 @@ bool PutInPlace(const std::string &fresh, const std::string &path) {
 
 Descriptor OpenStaging(const std::string &path) {
     {
-        const ErrnoKept kept; // most of the time there is none
+        const ErrnoGuard errnoGuard; // most of the time there is none
         if (Descriptor file = OpenOwnFile(path, O_WRONLY | O_APPEND))
             return file;
     }
@@ -76,7 +76,7 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
         return false;
     if (WriteAll(file.Get(), text))
         return true;
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     [[maybe_unused]] const int cut = ftruncate(file.Get(), before.st_size);
     return false;
 }
@@ -95,7 +95,7 @@ bool CloseToOthers(const Descriptor &log) {
 
 // Whether `path` still names the open file; somebody may tidy up while we wait for the lock.
 bool Names(const std::string &path, const Descriptor &file) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     struct stat opened {};
     struct stat named {};
     return fstat(file.Get(), &opened) == 0 && stat(path.c_str(), &named) == 0 &&
@@ -104,9 +104,9 @@ bool Names(const std::string &path, const Descriptor &file) {
 
 // Waits for the lock for five seconds at most; returns whether it is ours.
 bool Lock(const Descriptor &file) {
-    const Patience patience({5, 0});
+    const CallDeadline deadline({5, 0});
     while (flock(file.Get(), LOCK_EX) == -1)
-        if (errno != EINTR || patience.IsOver())
+        if (errno != EINTR || deadline.IsOver())
             return false;
     return true;
 }
@@ -237,7 +237,7 @@ void MemoryLogger::Fail(Step step) {
 // own: the log may be rotated in the middle of a flush, and the next one would not meet a lock on
 // the old log.
 Descriptor MemoryLogger::LockFlush() const {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     constexpr int tries = 64; // nobody removes it as often
     for (int i = 0; i < tries; ++i) {
         Descriptor lock = OpenOwnFile(_lockPath, O_RDWR | O_CREAT);

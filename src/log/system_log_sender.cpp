@@ -1,7 +1,7 @@
 #include "log/system_log_sender.h"
 
+#include "log/call_deadline.h"
 #include "log/error_log.h"
-#include "log/patience.h"
 
 #include <algorithm>
 #include <array>
@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr timeval kPatience{0, 500000};
+constexpr timeval kTimeout{0, 500000};
 // A text that is kept takes no more of the space than this.
 constexpr std::size_t kMostKept = 8448;
 
@@ -61,7 +61,7 @@ std::size_t LongestDatagram(const Descriptor &socket) {
 SystemLogSender::~SystemLogSender() {
     if (owner_ != getpid())
         return;
-    patience_ = kPatience;
+    timeLeft_ = kTimeout;
     if (const Descriptor socket = Connect())
         SendKept(socket);
 }
@@ -72,7 +72,7 @@ void SystemLogSender::StartAnewAfterFork() {
         return;
     kept_.Clear();
     dropped_ = 0;
-    patience_ = kPatience;
+    timeLeft_ = kTimeout;
 }
 
 void SystemLogSender::Write(int priority, std::string_view text) {
@@ -86,12 +86,12 @@ void SystemLogSender::Write(int priority, std::string_view text) {
 
 Descriptor SystemLogSender::CatchUp() {
     StartAnewAfterFork();
-    patience_ = {};
+    timeLeft_ = {};
     Descriptor socket;
     if (!kept_.IsEmpty() || dropped_ != 0)
         socket = Connect();
     const Answer answer = socket ? SendKept(socket) : Answer::Absent;
-    patience_ = kPatience;
+    timeLeft_ = kTimeout;
     return answer == Answer::Busy ? std::move(socket) : Descriptor();
 }
 
@@ -160,10 +160,10 @@ SystemLogSender::Answer SystemLogSender::Send(const Descriptor &socket, std::str
         return Answer::Taken;
     if (errno != EAGAIN)
         return Answer::Absent;
-    const Patience patience(patience_);
+    const CallDeadline deadline(timeLeft_);
     ssize_t sent = -1;
-    while (sent == -1 && !patience.IsOver() && (errno == EAGAIN || errno == EINTR))
+    while (sent == -1 && !deadline.IsOver() && (errno == EAGAIN || errno == EINTR))
         sent = sendmsg(socket.Get(), &message, MSG_NOSIGNAL);
-    patience_ = patience.Left();
+    timeLeft_ = deadline.Left();
     return sent != -1 ? Answer::Taken : Answer::Busy;
 }

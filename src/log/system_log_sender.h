@@ -49,7 +49,7 @@ private:
     std::string path_;
     MessageQueue kept_;
     unsigned dropped_ = 0;
-    timeval patience_{};
+    timeval timeLeft_{};
     pid_t owner_ = 0;
 };
 

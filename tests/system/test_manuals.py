@@ -320,7 +320,7 @@ def test_what_is_said_of_fields_and_periods():
     (r"quota of (\d+) MiB of job files", "core/job_files.h", r" bytes = std::size_t\{(1)\} << 20"),
     (r"counts as (\d+) KiB at least", "core/job_files.h", r"kLeastCharge = (1)024"),
     (r"quota of (\d+) MiB in the runtime", "core/job_files.h", r"Bytes = std::size_t\{(4)\} << 20"),
-    (r"waited for (\d+) seconds, and its", "core/account_files.cpp", r"patience = (\d+);"),
+    (r"waited for (\d+) seconds, and its", "core/account_files.cpp", r"timeout = (\d+);"),
     (r"at most (\d+) levels", "platform/json_file.h", r"<< 20, (\d+)\}"),
     (r"sleeps for (\d+) seconds; a signal", "core/crondaemon.cpp", r"kCycleSeconds = (\d+)"),
     (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)")])

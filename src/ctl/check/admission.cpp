@@ -133,8 +133,8 @@ void FindShellSyntax(Subject &subject, const Json::Value &words) {
 
 } // namespace
 
-void FindObstacles(Subject &subject, const CronJob &job, const Surroundings &surroundings) {
-    const Account account = surroundings.account(subject.Config());
+void FindObstacles(Subject &subject, const CronJob &job, const Environment &environment) {
+    const Account account = environment.account(subject.Config());
     const Json::Value words = Member(job.Document(), "cmd_list");
     const std::string member = HasMember(subject.Config(), "cmd_list") ? "cmd_list" : "cmd";
     FindNameObstacles(subject, std::string(job.Name()));
@@ -148,5 +148,5 @@ void FindObstacles(Subject &subject, const CronJob &job, const Surroundings &sur
     else
         FindProgramObstacles(
             subject, member, path,
-            surroundings.program(path.front() == '/' ? path : "/" + path, account.name));
+            environment.program(path.front() == '/' ? path : "/" + path, account.name));
 }

@@ -25,13 +25,13 @@ struct Program {
 };
 
 // The system that the jobs are for.
-struct Surroundings {
+struct Environment {
     std::function<Account(const Json::Value &config)> account;
     // Of an absolute path, as it concerns a job of `account`.
     std::function<Program(const std::string &path, const std::string &account)> program;
 };
 
 // Warnings of a definition that the daemon takes; `job` is what it becomes.
-void FindObstacles(Subject &subject, const CronJob &job, const Surroundings &surroundings);
+void FindObstacles(Subject &subject, const CronJob &job, const Environment &environment);
 
 #endif

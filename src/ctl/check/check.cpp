@@ -76,7 +76,8 @@ void FindOddName(const JobFile &file, std::vector<Problem> &problems) {
 }
 
 // Of two members of one name the parser keeps the last, and says nothing unless it is asked to.
-void FindTwins(const JobFile &file, const JsonPlaces &places, std::vector<Problem> &problems) {
+void FindDuplicateMembers(const JobFile &file, const JsonPlaces &places,
+                          std::vector<Problem> &problems) {
     const std::string &text = file.origin.text;
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
@@ -120,7 +121,7 @@ std::string ShownName(const Json::Value &config, const JobFile &file) {
 }
 
 void Judge(const Json::Value &written, Json::Value definition, const JobFile &file,
-           const JsonPlaces &places, const Surroundings &surroundings, JobFileReport &report) {
+           const JsonPlaces &places, const Environment &environment, JobFileReport &report) {
     const bool alone = &written == &file.document;
     const Json::Value config = InDirectory(std::move(definition), file);
     Json::Value document;
@@ -132,7 +133,7 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
     FindMisreadings(subject, file.directory, alone);
     if (job.valid) {
         FindOddSettings(subject, job);
-        FindObstacles(subject, job, surroundings);
+        FindObstacles(subject, job, environment);
     }
     const std::string name = ShownName(config, file);
     for (Problem &problem : subject.TakeProblems()) {
@@ -173,7 +174,7 @@ Problem BeyondQuota(const std::string &account) {
     return problem;
 }
 
-JobFileReport CheckJobFile(const JobFile &file, const Surroundings &surroundings) {
+JobFileReport CheckJobFile(const JobFile &file, const Environment &environment) {
     JobFileReport report;
     const JsonPlaces places(file.origin.text);
     FindOddName(file, report.problems);
@@ -188,11 +189,11 @@ JobFileReport CheckJobFile(const JobFile &file, const Surroundings &surroundings
         problem.found = Excerpt(file.document);
         report.problems.push_back(std::move(problem));
     }
-    FindTwins(file, places, report.problems);
+    FindDuplicateMembers(file, places, report.problems);
     Json::Value definitions = DefinitionsOf(file.document);
     for (Json::ArrayIndex i = 0; i < definitions.size(); ++i) {
         const Json::Value &written = file.document.isArray() ? file.document[i] : file.document;
-        Judge(written, std::move(definitions[i]), file, places, surroundings, report);
+        Judge(written, std::move(definitions[i]), file, places, environment, report);
     }
     return report;
 }

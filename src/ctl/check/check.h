@@ -54,7 +54,7 @@ std::size_t DocumentSizeOf(const JobFile &file, std::size_t most);
 // What there is to be said of a file that the quota of its account does not admit.
 Problem BeyondQuota(const std::string &account);
 
-JobFileReport CheckJobFile(const JobFile &file, const Surroundings &surroundings);
+JobFileReport CheckJobFile(const JobFile &file, const Environment &environment);
 
 // A warning for each of `jobs`, which are in the order in which the daemon reads them, that a later
 // one of the same name replaces.

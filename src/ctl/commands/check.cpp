@@ -138,12 +138,12 @@ void Checker::Take(const JobFile &file, std::vector<JudgedJob> &jobs) {
         outcome_.unreadable.push_back(file.path + ": " + std::strerror(file.error));
         return;
     }
-    const Surroundings surroundings{
+    const Environment environment{
         [this](const Json::Value &config) { return facts_.AccountOf(config); },
         [this](const std::string &path, const std::string &account) {
             return facts_.ProgramAt(path, account);
         }};
-    JobFileReport report = CheckJobFile(file, surroundings);
+    JobFileReport report = CheckJobFile(file, environment);
     ++outcome_.files;
     outcome_.jobs += report.jobs.size();
     Append(outcome_.problems, std::move(report.problems));

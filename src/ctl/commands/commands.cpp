@@ -9,7 +9,7 @@
 #include <iostream>
 #include <json/writer.h>
 
-bool IsMeant(const std::string &pattern, const std::string &name) {
+bool MatchesPattern(const std::string &pattern, const std::string &name) {
     if (pattern.find_first_of("*?[") == std::string::npos)
         return name.find(pattern) != std::string::npos;
     return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
@@ -39,7 +39,7 @@ std::time_t TimeArgument(const Context &context, const std::string &text) {
     return *time;
 }
 
-void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context) {
+void PrintCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context) {
     if (context.appliance.IsThisOne() && !daemon.Runs())
         std::cerr << "kestcronctl: kestcrond does not run: nothing starts by itself; this is from "
                   << runtime.path << " of " << WhenInWords(runtime.saved, context.now) << "\n";

@@ -78,7 +78,7 @@ struct RunOptions {
 int Run(const Context &context, const RunOptions &options);
 
 struct ReloadOptions {
-    std::size_t patience = 90; // seconds
+    std::size_t timeout = 90; // seconds
 };
 int Reload(const Context &context, const ReloadOptions &options);
 
@@ -86,7 +86,7 @@ int Metrics(const Context &context);
 
 // Whether a name is meant by `pattern`: a shell pattern when it holds one of "*?[", otherwise any
 // part of a name. An empty one means all.
-bool IsMeant(const std::string &pattern, const std::string &name);
+bool MatchesPattern(const std::string &pattern, const std::string &name);
 
 // The job that the command line names; as FindJob, and where there is none, what job files have to
 // say of it goes to standard error first.
@@ -101,7 +101,7 @@ std::time_t TimeArgument(const Context &context, const std::string &text);
 
 // Says on standard error what keeps the answer from being the whole truth: that the daemon does not
 // run, that a document is an old one, that an entry is corrupt.
-void TellCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context);
+void PrintCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context);
 
 // Says on standard error what keeps jobs from starting in their time: that the machine is held, and
 // that launched jobs wait for their turn.

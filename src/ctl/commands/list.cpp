@@ -10,12 +10,12 @@
 int List(const Context &context, const ListOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    TellCaveats(runtime, daemon, context);
+    PrintCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     Json::Value answer(Json::arrayValue);
     Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
     for (const LiveJob &job : runtime.jobs) {
-        if (!IsMeant(options.pattern, job.name))
+        if (!MatchesPattern(options.pattern, job.name))
             continue;
         if (context.json) {
             answer.append(JobToJson(job, daemon, context.now));

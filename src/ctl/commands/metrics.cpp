@@ -145,7 +145,7 @@ bool HasDocument(const Appliance &appliance) {
 Runtime JobsOrNone(const Context &context, const Daemon &daemon) {
     try {
         Runtime runtime = LoadRuntime(context.appliance);
-        TellCaveats(runtime, daemon, context);
+        PrintCaveats(runtime, daemon, context);
         return runtime;
     } catch (const Failure &failure) {
         if (HasDocument(context.appliance))

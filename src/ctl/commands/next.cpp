@@ -33,7 +33,7 @@ int Next(const Context &context, const NextOptions &options) {
     const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    TellCaveats(runtime, daemon, context);
+    PrintCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     std::vector<const LiveJob *> jobs;
     if (!options.job.empty())

@@ -44,9 +44,9 @@ Stamp StampOf(const char *path) {
 // Waits until the daemon has written its document after it staged programs anew: it writes the
 // document at every redraw too.
 void WaitForReload(const Daemon &daemon, Stamp document, Stamp staging, bool hadJobs,
-                   std::chrono::seconds patience) {
+                   std::chrono::seconds timeout) {
     constexpr std::chrono::milliseconds pause(20);
-    const auto end = std::chrono::steady_clock::now() + patience;
+    const auto end = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         if (StampOf(kRuntimeFile) != document) {
             if (!hadJobs || StampOf(kRuntimeDirectory) != staging)
@@ -56,7 +56,7 @@ void WaitForReload(const Daemon &daemon, Stamp document, Stamp staging, bool had
         if (kill(daemon.pid, 0) == -1 && errno == ESRCH)
             throw Failure("the daemon has ended");
         if (std::chrono::steady_clock::now() > end)
-            throw Failure("the daemon has not reloaded within " + std::to_string(patience.count()) +
+            throw Failure("the daemon has not reloaded within " + std::to_string(timeout.count()) +
                           " s");
         std::this_thread::sleep_for(pause);
     }
@@ -128,7 +128,7 @@ int Reload(const Context &context, const ReloadOptions &options) {
     if (kill(daemon.pid, SIGHUP) == -1)
         throw Failure(std::string("cannot signal the daemon: ") + std::strerror(errno));
     WaitForReload(daemon, document, staging, !before.jobs.empty(),
-                  std::chrono::seconds(options.patience));
+                  std::chrono::seconds(options.timeout));
     const Runtime after = LoadRuntime(context.appliance);
     Write(context, Compare(DefinitionsIn(before), DefinitionsIn(after)), after.jobs.size());
     return 0;

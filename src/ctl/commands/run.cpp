@@ -1,4 +1,4 @@
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
 #include "base/paths.h"
@@ -124,7 +124,7 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
 volatile std::sig_atomic_t runningJob = 0; // its session, for the signal handler
 
 void PassOn(int number) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const auto job = static_cast<pid_t>(runningJob);
     if (kill(-job, number) == -1) // it has no session of its own yet
         kill(job, number);
@@ -157,7 +157,7 @@ int Run(const Context &context, const RunOptions &options) {
         throw Failure("only root can run a job as its account");
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    TellCaveats(runtime, daemon, context);
+    PrintCaveats(runtime, daemon, context);
     const LiveJob &job = JobArgument(context, runtime, options.job);
     if (!IsStagedByDaemon(job.staged))
         throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "

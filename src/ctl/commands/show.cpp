@@ -175,7 +175,7 @@ void Write(const ShownFacts &facts, const Context &context) {
 int Show(const Context &context, const ShowOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    TellCaveats(runtime, daemon, context);
+    PrintCaveats(runtime, daemon, context);
     TellWhatWaits(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
     const std::string program = job.job.Program();

@@ -173,7 +173,7 @@ int Timeline(const Context &context, const TimelineOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
     const ComingHours hours = LookAhead(runtime.jobs, daemon, context.now, options.hours);
-    TellCaveats(runtime, daemon, context);
+    PrintCaveats(runtime, daemon, context);
     if (!options.svg.empty())
         WritePicture(options.svg, TimelineInSvg(hours));
     else if (context.json)

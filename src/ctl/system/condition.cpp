@@ -34,7 +34,7 @@ Condition ConditionOf(const LiveJob &job, const Daemon &daemon) {
     case JobState::NotReady:
         break;
     }
-    return daemon.held ? Condition::NotNow : Condition::Waiting;
+    return daemon.held ? Condition::Suspended : Condition::Waiting;
 }
 
 const ConditionWords &InWords(Condition condition) {

@@ -10,13 +10,13 @@
 #include <string>
 
 enum class Condition {
-    Waiting,  // for its time
-    Due,      // its time has come
-    Running,  // a process runs its program
-    Overdue,  // assured, and has not run for too long
-    Held,     // overdue, and waits because the machine is held
-    NotNow,   // waits, and would not start in its time either while the machine is held
-    HeldBack, // not run on a passive machine
+    Waiting,   // for its time
+    Due,       // its time has come
+    Running,   // a process runs its program
+    Overdue,   // assured, and has not run for too long
+    Held,      // overdue, and waits because the machine is held
+    Suspended, // waits, and would not start in its time either while the machine is held
+    HeldBack,  // not run on a passive machine
 };
 
 Condition ConditionOf(const LiveJob &job, const Daemon &daemon);

@@ -1,7 +1,7 @@
 #include "platform/json_file.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 
 #include <array>
 #include <cerrno>
@@ -53,7 +53,7 @@ bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
 // The file that `path` names when it is a link, so that replacing it leaves the link in place. It
 // need not exist yet.
 std::string FollowLinks(std::string path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     constexpr int mostLinks = 40; // as many as the kernel follows
     std::array<char, PATH_MAX> target{};
     for (int i = 0; i < mostLinks; ++i) {
@@ -70,7 +70,7 @@ std::string FollowLinks(std::string path) {
 }
 
 void Discard(const std::string &path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     unlink(path.c_str());
 }
 
@@ -83,7 +83,7 @@ struct Standing {
 // Returns false with errno set for what is there but no file: a device that a link leads to must
 // not be exchanged for a document.
 bool LookAt(const std::string &path, Standing &standing) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     standing.isThere = lstat(path.c_str(), &standing.status) == 0;
     return !standing.isThere || S_ISREG(standing.status.st_mode);
 }

@@ -1,7 +1,7 @@
 #include "platform/kestcore.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/exit_statuses.h"
 
 #include <array>
@@ -59,7 +59,7 @@ int Succeed() {
 
 // The content of the small file `path`, empty when it cannot be read.
 std::string Content(const std::string &path) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     std::string content;
     if (!file || !ReadAll(file.Get(), 4096, content))
@@ -109,7 +109,7 @@ public:
     ChildSignalBlocked(const ChildSignalBlocked &) = delete;
     ChildSignalBlocked &operator=(const ChildSignalBlocked &) = delete;
     ~ChildSignalBlocked() {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
 
@@ -196,7 +196,7 @@ pid_t XLIBCReadPidFile(const char *path) {
 }
 
 int XLIBCProcAlive(pid_t pid) {
-    const ErrnoKept kept;
+    const ErrnoGuard errnoGuard;
     Succeed();
     const bool exists = kill(pid, 0) == 0 || errno == EPERM;
     return exists && !IsZombie(pid) ? 1 : 0;
@@ -252,7 +252,7 @@ pid_t XLIBCProcForkEx(int /*flags*/) {
 
 int XLIBCExecv(const char *path, char *const argv[], int /*flag*/) {
     {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         for (int number = 1; number <= SIGRTMAX; ++number)
             signal(number, SIG_DFL);
     }

@@ -1,7 +1,7 @@
 #include "platform/kestrandom.h"
 
 #include "base/descriptor.h"
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "base/random_mix.h"
 
 #include <cerrno>
@@ -58,7 +58,7 @@ struct RandomBits {
     static constexpr result_type min() { return 0; }
     static constexpr result_type max() { return std::numeric_limits<result_type>::max(); }
     result_type operator()() const {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         result_type bits = 0;
         if (FromCall(bits) || (errno == ENOSYS && FromDevice(bits)))
             return bits;

@@ -1,6 +1,6 @@
 #include "base/descriptor.h"
 
-#include "base/errno_kept.h"
+#include "base/errno_guard.h"
 #include "tests/unit/support/child.h"
 #include "tests/unit/support/files.h"
 
@@ -53,10 +53,10 @@ TEST(Descriptor, HandsOver) {
     close(released);
 }
 
-TEST(ErrnoKept, PutsErrnoBack) {
+TEST(ErrnoGuard, PutsErrnoBack) {
     errno = ENOENT;
     {
-        const ErrnoKept kept;
+        const ErrnoGuard errnoGuard;
         errno = EACCES;
     }
     EXPECT_EQ(errno, ENOENT);

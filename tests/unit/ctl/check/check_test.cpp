@@ -12,9 +12,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // A system where the accounts and programs that rows name exist as they say.
-Surroundings TheSystem() {
-    Surroundings surroundings;
-    surroundings.account = [](const Json::Value &config) {
+Environment TheSystem() {
+    Environment environment;
+    environment.account = [](const Json::Value &config) {
         const std::string user = config["user"].asString();
         const std::string package =
             config["package_username"].isString() ? config["package_username"].asString() : "";
@@ -23,7 +23,7 @@ Surroundings TheSystem() {
         return user.find("package") == std::string::npos ? Account{}
                                                          : Account{package, package == "alice"};
     };
-    surroundings.program = [](const std::string &path, const std::string &account) {
+    environment.program = [](const std::string &path, const std::string &account) {
         Program program;
         program.exists = path != "/missing";
         program.regular = program.exists && path != "/directory";
@@ -36,7 +36,7 @@ Surroundings TheSystem() {
             program.openDirectory = "/writable";
         return program;
     };
-    return surroundings;
+    return environment;
 }
 
 JobFile Read(const std::string &text, const JobDirectory &directory = {"/jobs", "pkg", {}},

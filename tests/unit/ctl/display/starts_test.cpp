@@ -178,7 +178,7 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
         {0, false, false, false, false, 0, Condition::Waiting},
         {0, false, true, false, false, 0, Condition::Due},
         {0, false, true, true, false, 0, Condition::HeldBack},
-        {0, false, true, false, true, 0, Condition::NotNow},
+        {0, false, true, false, true, 0, Condition::Suspended},
         {5, false, false, false, false, 0, Condition::Overdue},
         {5, false, false, false, true, 0, Condition::Held},
         {5, true, false, false, true, 0, Condition::Overdue},

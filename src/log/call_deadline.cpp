@@ -1,4 +1,4 @@
-#include "log/patience.h"
+#include "log/call_deadline.h"
 
 namespace {
 
@@ -10,7 +10,7 @@ void NoteThatTimeIsUp(int /*number*/) {
 
 } // namespace
 
-Patience::Patience(timeval most) {
+CallDeadline::CallDeadline(timeval most) {
     constexpr timeval again{0, 1000}; // the call may begin to wait a moment after the time is over
     struct sigaction interrupt {};
     interrupt.sa_handler = NoteThatTimeIsUp; // without SA_RESTART
@@ -24,7 +24,7 @@ Patience::Patience(timeval most) {
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-Patience::~Patience() {
+CallDeadline::~CallDeadline() {
     const itimerval stopped{};
     setitimer(ITIMER_REAL, &stopped, nullptr);
     sigprocmask(SIG_SETMASK, &mask_, nullptr);
@@ -32,12 +32,12 @@ Patience::~Patience() {
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of an object that lives
-bool Patience::IsOver() const {
+bool CallDeadline::IsOver() const {
     return timeIsUp != 0;
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of an object that lives
-timeval Patience::Left() const {
+timeval CallDeadline::Left() const {
     itimerval timer{};
     getitimer(ITIMER_REAL, &timer);
     // Asked last: a timer that has run off has been set again.

@@ -1,7 +1,7 @@
 // A bound, in real time, on a call that waits.
 
-#ifndef LOG_PATIENCE_H
-#define LOG_PATIENCE_H
+#ifndef LOG_CALL_DEADLINE_H
+#define LOG_CALL_DEADLINE_H
 
 #include <csignal>
 #include <sys/time.h>
@@ -9,12 +9,12 @@
 // While an object of this class lives, a call that waits is interrupted (EINTR) when `most` is
 // over, and again and again from then on. Uses SIGALRM and the real-time timer, and leaves both as
 // they were set up, the timer stopped. One object at a time.
-class Patience {
+class CallDeadline {
 public:
-    explicit Patience(timeval most);
-    Patience(const Patience &) = delete;
-    Patience &operator=(const Patience &) = delete;
-    ~Patience();
+    explicit CallDeadline(timeval most);
+    CallDeadline(const CallDeadline &) = delete;
+    CallDeadline &operator=(const CallDeadline &) = delete;
+    ~CallDeadline();
 
     bool IsOver() const;
     // What is left of the time; 0 when it is over.

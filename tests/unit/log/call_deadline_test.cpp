@@ -1,4 +1,4 @@
-#include "log/patience.h"
+#include "log/call_deadline.h"
 
 #include <cerrno>
 #include <chrono>
@@ -8,33 +8,33 @@
 
 namespace {
 
-TEST(Patience, InterruptsWhatWaits) {
+TEST(CallDeadline, InterruptsWhatWaits) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     char byte = 0;
     for (const suseconds_t most : {0, 1, 20000}) {
         const auto start = std::chrono::steady_clock::now();
-        const Patience patience({0, most});
+        const CallDeadline deadline({0, most});
         EXPECT_EQ(read(ends[0], &byte, 1), -1);
         EXPECT_EQ(errno, EINTR);
         EXPECT_EQ(read(ends[0], &byte, 1), -1) << "again and again";
-        EXPECT_TRUE(patience.IsOver());
-        EXPECT_EQ(patience.Left().tv_sec + patience.Left().tv_usec, 0);
+        EXPECT_TRUE(deadline.IsOver());
+        EXPECT_EQ(deadline.Left().tv_sec + deadline.Left().tv_usec, 0);
         EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(most));
     }
     close(ends[0]);
     close(ends[1]);
 }
 
-TEST(Patience, KnowsWhatIsLeft) {
-    { EXPECT_TRUE(Patience({0, 0}).IsOver()); }
-    const Patience patience({1000, 0});
-    EXPECT_FALSE(patience.IsOver());
-    EXPECT_GE(patience.Left().tv_sec, 900);
-    EXPECT_LE(patience.Left().tv_sec, 1000);
+TEST(CallDeadline, KnowsWhatIsLeft) {
+    { EXPECT_TRUE(CallDeadline({0, 0}).IsOver()); }
+    const CallDeadline deadline({1000, 0});
+    EXPECT_FALSE(deadline.IsOver());
+    EXPECT_GE(deadline.Left().tv_sec, 900);
+    EXPECT_LE(deadline.Left().tv_sec, 1000);
 }
 
-TEST(Patience, LeavesTheAlarmToOthers) {
+TEST(CallDeadline, LeavesTheAlarmToOthers) {
     struct sigaction before {};
     sigset_t blocked;
     signal(SIGALRM, SIG_IGN);
@@ -42,7 +42,7 @@ TEST(Patience, LeavesTheAlarmToOthers) {
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGALRM);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
-    { const Patience patience({5, 0}); }
+    { const CallDeadline deadline({5, 0}); }
     struct sigaction after {};
     sigaction(SIGALRM, nullptr, &after);
     EXPECT_EQ(after.sa_handler, before.sa_handler);

@@ -1,17 +1,17 @@
 // Keeps errno as it was for the length of a scope. Messages tell errno as it stands, so work whose
 // failure is of no interest must not leave its own error behind.
 
-#ifndef BASE_ERRNO_KEPT_H
-#define BASE_ERRNO_KEPT_H
+#ifndef BASE_ERRNO_GUARD_H
+#define BASE_ERRNO_GUARD_H
 
 #include <cerrno>
 
-class ErrnoKept {
+class ErrnoGuard {
 public:
-    ErrnoKept() = default;
-    ErrnoKept(const ErrnoKept &) = delete;
-    ErrnoKept &operator=(const ErrnoKept &) = delete;
-    ~ErrnoKept() { errno = error_; }
+    ErrnoGuard() = default;
+    ErrnoGuard(const ErrnoGuard &) = delete;
+    ErrnoGuard &operator=(const ErrnoGuard &) = delete;
+    ~ErrnoGuard() { errno = error_; }
 
 private:
     int error_ = errno;
