@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024, "/dev/null");
 
 namespace {
@@ -39,9 +41,7 @@ void Tell(const std::string &part, std::size_t bytes) {
     std::printf("%-28s%7zu\n", part.c_str(), bytes / kJobs);
 }
 
-} // namespace
-
-int main() {
+void PrintSizes() {
     Job(0); // makes what is made only once
     std::vector<CronJob> jobs;
     jobs.reserve(kJobs);
@@ -56,5 +56,13 @@ int main() {
     for (const CronJob &job : jobs)
         documents.push_back(job.Document());
     Tell("its document as JSON", Used() - asObjects);
-    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+} // namespace kest
+
+int main() {
+    kest::PrintSizes();
+    return 0;
 }

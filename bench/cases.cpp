@@ -21,6 +21,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace kest {
+
 // The job model writes to it; nothing here does.
 KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024, "/dev/null");
 
@@ -243,3 +245,5 @@ const std::vector<Case> &Cases() {
     static const std::vector<Case> cases = MakeCases();
     return cases;
 }
+
+} // namespace kest

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 struct Case {
     std::string name;
     int items; // how often one run does what is named
@@ -17,5 +19,7 @@ struct Case {
 
 // Made once, with the jobs that they work on.
 const std::vector<Case> &Cases();
+
+} // namespace kest
 
 #endif

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <new>
 
+namespace kest {
+
 namespace {
 
 std::atomic<std::size_t> allocations{0};
@@ -25,6 +27,8 @@ void Measure(benchmark::State &state, const Case &what) {
 }
 
 } // namespace
+
+} // namespace kest
 
 void *operator new(std::size_t size) {
     ++allocations;
@@ -45,8 +49,8 @@ int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return EXIT_FAILURE;
-    for (const Case &what : Cases())
-        benchmark::RegisterBenchmark(what.name.c_str(), Measure, what)
+    for (const kest::Case &what : kest::Cases())
+        benchmark::RegisterBenchmark(what.name.c_str(), kest::Measure, what)
             ->Unit(benchmark::kMicrosecond);
     benchmark::RunSpecifiedBenchmarks();
     return EXIT_SUCCESS;

@@ -14,6 +14,9 @@
 #if __has_include(<valgrind/callgrind.h>)
 #include <valgrind/callgrind.h>
 #endif
+
+namespace kest {
+
 #endif
 
 namespace {
@@ -44,14 +47,16 @@ bool RunOne(const char *name, int runs) {
 
 } // namespace
 
+} // namespace kest
+
 int main(int argc, char **argv) {
     if (argc == 3)
-        return RunOne(argv[1], std::stoi(argv[2])) ? EXIT_SUCCESS : EXIT_FAILURE;
+        return kest::RunOne(argv[1], std::stoi(argv[2])) ? EXIT_SUCCESS : EXIT_FAILURE;
     if (argc == 2 && std::strcmp(argv[1], "--list") == 0)
-        for (const Case &what : Cases())
+        for (const kest::Case &what : kest::Cases())
             std::cout << what.name << " " << what.items
                       << (what.isReference ? " reference\n" : "\n");
     else
-        RunEach();
+        kest::RunEach();
     return EXIT_SUCCESS;
 }

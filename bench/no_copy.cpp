@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <sys/stat.h>
 
+namespace kest {
+
 extern "C" int __wrap_XLIBCExec(const char *path, ...) { // NOLINT(bugprone-reserved-identifier)
     std::va_list arguments;
     va_start(arguments, path);
@@ -13,3 +15,5 @@ extern "C" int __wrap_XLIBCExec(const char *path, ...) { // NOLINT(bugprone-rese
     va_end(arguments);
     return mknod(target, S_IFREG | 0700, 0);
 }
+
+} // namespace kest

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 using Micros = std::int64_t;
 constexpr Micros kSecond = 1'000'000;
 constexpr Micros kMinute = 60 * kSecond;
@@ -66,5 +68,7 @@ private:
     std::time_t begin_;
     std::vector<Minute> minutes_;
 };
+
+} // namespace kest
 
 #endif

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <numeric>
 
+namespace kest {
+
 Server::Server(std::int32_t maxDelay, Micros from, Micros to) : maxDelay_(maxDelay), from_(from) {
     for (Seconds &seconds : starts_)
         seconds.resize(static_cast<std::size_t>((to - from) / kSecond));
@@ -74,3 +76,5 @@ Json::Value Server::Minutes() const {
         minutes.append(starts);
     return minutes;
 }
+
+} // namespace kest

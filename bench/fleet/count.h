@@ -10,6 +10,8 @@
 #include <json/value.h>
 #include <vector>
 
+namespace kest {
+
 // The starts of a fleet under one "maxDelay", from `from` to `to` of the simulation.
 class Server {
 public:
@@ -34,5 +36,7 @@ private:
     Micros from_;
     std::array<Seconds, kJobs> starts_;
 };
+
+} // namespace kest
 
 #endif

@@ -16,6 +16,8 @@
 #include <string>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 constexpr std::array<std::int32_t, 3> kMaxDelays{0, 300, 3600};
@@ -249,9 +251,11 @@ int Run(const std::vector<std::string> &arguments) {
 
 } // namespace
 
+} // namespace kest
+
 int main(int argc, char *argv[]) {
     try {
-        return Run({argv + 1, argv + argc});
+        return kest::Run({argv + 1, argv + argc});
     } catch (const std::exception &error) {
         std::cerr << "fleet: " << error.what() << "\n";
         return EXIT_FAILURE;

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 const std::array<std::string, kJobs> kWords{"daily", "hourly", "weekly"};
@@ -142,3 +144,5 @@ std::vector<Launches> Live(const Start &start, const Jobs &jobs, const Calendar 
             all.push_back(launches);
     return all;
 }
+
+} // namespace kest

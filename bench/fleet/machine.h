@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 constexpr std::size_t kJobs = 3;
 
 // A job of every machine. Its crontab has one item in each field.
@@ -60,5 +62,7 @@ struct Launches {
 
 // Everything a machine launches until the end of the calendar.
 std::vector<Launches> Live(const Start &start, const Jobs &jobs, const Calendar &calendar);
+
+} // namespace kest
 
 #endif

@@ -9,6 +9,8 @@
 
 #include <json/value.h>
 
+namespace kest {
+
 // The job model leans on one; nothing is launched here, so nothing is written.
 KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
@@ -91,3 +93,5 @@ std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std
             all.push_back(launches);
     return all;
 }
+
+} // namespace kest

@@ -5,8 +5,12 @@
 
 #include "bench/fleet/machine.h"
 
+namespace kest {
+
 // As Live() does, but slowly: about a second for a week.
 std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std::time_t begin,
                                        Micros length);
+
+} // namespace kest
 
 #endif

@@ -14,6 +14,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+namespace kest {
+
 Descriptor &Descriptor::operator=(Descriptor &&other) noexcept {
     if (this != &other) {
         Close();
@@ -169,3 +171,5 @@ void CloseInheritedDescriptors(int kept) {
         if (fd != kept)
             close(fd);
 }
+
+} // namespace kest

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <sys/select.h>
 
+namespace kest {
+
 // Owns one file descriptor and closes it at the end of its life, errno untouched.
 class Descriptor {
 public:
@@ -65,5 +67,7 @@ fd_set SelectSetOf(int fd);
 // Closes every descriptor but standard input, output and error and `kept`, the system log's
 // included, which the next message opens again.
 void CloseInheritedDescriptors(int kept = -1);
+
+} // namespace kest
 
 #endif

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+namespace kest {
+
 class ErrnoGuard {
 public:
     ErrnoGuard() = default;
@@ -16,5 +18,7 @@ public:
 private:
     int error_ = errno;
 };
+
+} // namespace kest
 
 #endif

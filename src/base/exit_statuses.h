@@ -8,6 +8,8 @@
 #include <csignal>
 #include <sys/wait.h>
 
+namespace kest {
+
 // While an object of this class lives, a child that ends stays there to be waited for even though
 // the program ignores SIGCHLD, so that its pid cannot become somebody else's. At its end SIGCHLD is
 // as before, and children that ended meanwhile are collected, as ignoring the signal would have
@@ -34,5 +36,7 @@ private:
     bool Ignored() const { return before_.sa_handler == SIG_IGN; }
     struct sigaction before_ {};
 };
+
+} // namespace kest
 
 #endif

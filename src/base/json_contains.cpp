@@ -2,6 +2,8 @@
 
 #include "base/json_members.h"
 
+namespace kest {
+
 namespace {
 
 bool ArrayContains(const Json::Value &before, const Json::Value &after) {
@@ -31,3 +33,5 @@ bool JsonContains(const Json::Value &before, const Json::Value &after) {
         return ObjectContains(before, after);
     return before == after;
 }
+
+} // namespace kest

@@ -1,5 +1,7 @@
 #include "base/json_members.h"
 
+namespace kest {
+
 const Json::Value &Member(const Json::Value &object, const char *name) {
     return object.isObject() ? object[name] : Json::Value::nullSingleton();
 }
@@ -34,3 +36,5 @@ Json::Value &ObjectMember(Json::Value &value, const char *name) {
         member = Json::Value(Json::objectValue);
     return member;
 }
+
+} // namespace kest

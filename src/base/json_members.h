@@ -7,6 +7,8 @@
 #include <json/value.h>
 #include <string>
 
+namespace kest {
+
 // The member `name` of `object`; null when there is none or `object` is not an object.
 const Json::Value &Member(const Json::Value &object, const char *name);
 const Json::Value &Member(const Json::Value &object, const std::string &name);
@@ -25,5 +27,7 @@ std::int64_t IntegerMember(const Json::Value &object, const char *name, std::int
 // The member `name` of `value`, which becomes an empty object first when it is anything else. The
 // document may go on pointing to `name`: a literal.
 Json::Value &ObjectMember(Json::Value &value, const char *name);
+
+} // namespace kest
 
 #endif

@@ -7,6 +7,8 @@
 #include <memory>
 #include <sstream>
 
+namespace kest {
+
 namespace {
 
 // An array is put into one line when that is shorter than this, brackets included.
@@ -253,3 +255,5 @@ std::string JsonToString(const Json::Value &value, std::size_t most) {
     text.Append(value);
     return text.Take();
 }
+
+} // namespace kest

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+namespace kest {
+
 // Puts a text together from its outermost value inwards; a value that is large need not exist as a
 // whole for it. Either one Append, or BeginObject, any number of Name and value in turn, EndObject.
 class JsonText {
@@ -70,5 +72,7 @@ private:
 // The document as text, without a newline at its end; only its beginning, but more than `most`
 // bytes, when it is longer than that.
 std::string JsonToString(const Json::Value &value, std::size_t most = std::string::npos);
+
+} // namespace kest
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <optional>
 
+namespace kest {
+
 const std::tm *LocalTimeOf(std::time_t now) {
     static std::time_t converted = 0;
     static std::optional<std::tm> local;
@@ -12,3 +14,5 @@ const std::tm *LocalTimeOf(std::time_t now) {
     }
     return local ? &*local : nullptr;
 }
+
+} // namespace kest

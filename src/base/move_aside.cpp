@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace kest {
+
 bool IsOwnDirectory(const char *path) {
     struct stat status {};
     if (lstat(path, &status) == -1)
@@ -28,3 +30,5 @@ bool MoveAside(const std::string &path) {
     rmdir(place.c_str());
     return false;
 }
+
+} // namespace kest

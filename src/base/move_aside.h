@@ -5,6 +5,8 @@
 
 #include <string>
 
+namespace kest {
+
 // Whether `path` is a directory of the caller's own, and no link to one. Where it is not, errno
 // tells why (EPERM: somebody else's).
 bool IsOwnDirectory(const char *path);
@@ -12,5 +14,7 @@ bool IsOwnDirectory(const char *path);
 // Moves whatever stands at `path`, itself and not what it links to, into a new directory beside it
 // that only the caller can enter. Returns false with errno set when it still stands there.
 bool MoveAside(const std::string &path);
+
+} // namespace kest
 
 #endif

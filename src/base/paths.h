@@ -3,6 +3,8 @@
 #ifndef BASE_PATHS_H
 #define BASE_PATHS_H
 
+namespace kest {
+
 constexpr const char *kRuntimeFile = "/var/run/kestcrond.config";
 constexpr const char *kRuntimeTemplateFile = "/var/run/kestcrond.st.config";
 constexpr const char *kPersistentFile = "/usr/kest/etc/kestcrond.config";
@@ -16,5 +18,7 @@ constexpr unsigned kLogStagingKiB = 1024;
 
 constexpr const char *kDaemonName = "kestcrond";
 constexpr const char *kPassiveOption = "--passive-mode";
+
+} // namespace kest
 
 #endif

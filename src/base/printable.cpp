@@ -1,5 +1,7 @@
 #include "base/printable.h"
 
+namespace kest {
+
 Escape EscapeOf(char character) {
     constexpr std::string_view digits = "0123456789abcdef";
     const auto code = static_cast<unsigned char>(character);
@@ -41,3 +43,5 @@ std::string WithoutMiddle(std::string text, std::size_t most) {
     return text.replace(start, end - start,
                         " [... " + std::to_string(end - start) + " bytes left out ...] ");
 }
+
+} // namespace kest

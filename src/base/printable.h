@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // How one character is written, NUL-terminated.
 using Escape = std::array<char, 5>;
 
@@ -22,5 +24,7 @@ std::string Printable(std::string_view text);
 // between that counts the bytes left out, together at most `most` (64 or more). No character of
 // UTF-8 is taken apart.
 std::string WithoutMiddle(std::string text, std::size_t most);
+
+} // namespace kest
 
 #endif

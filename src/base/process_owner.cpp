@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <string>
 
+namespace kest {
+
 bool IsProcessOfRoot(pid_t pid) {
     const ErrnoGuard errnoGuard;
     constexpr std::size_t most = 65536;
@@ -18,3 +20,5 @@ bool IsProcessOfRoot(pid_t pid) {
     // The name, which may hold anything but a newline that is written as one, stands before it.
     return status.find("\nUid:\t0\t0\t0\t") != std::string::npos;
 }
+
+} // namespace kest

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 // One step of SplitMix64: each bit of the state changes half of the bits of the result.
@@ -64,3 +66,5 @@ std::string DescribeMachine() {
         machine += IdentityIn(path);
     return machine;
 }
+
+} // namespace kest

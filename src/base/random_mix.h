@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // 32 bits in which every bit of what is given has its part: the same for the same, and without
 // likeness for what differs in a single bit. Good for spreading load, not for secrets.
 std::uint32_t MixBits(std::string_view machine, std::initializer_list<std::uint64_t> moment);
@@ -15,5 +17,7 @@ std::uint32_t MixBits(std::string_view machine, std::initializer_list<std::uint6
 // What tells this machine from others that run the same image: its id, hardware addresses and
 // serial numbers, as far as it has them.
 std::string DescribeMachine();
+
+} // namespace kest
 
 #endif

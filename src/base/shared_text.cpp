@@ -1,5 +1,7 @@
 #include "base/shared_text.h"
 
+namespace kest {
+
 SharedText::SharedText(std::string_view text) {
     const auto block = std::make_shared<std::string>(text);
     begin_ = {block, block->data()};
@@ -11,3 +13,5 @@ void SharedText::MoveTo(const std::shared_ptr<std::string> &block) {
     block->append(View());
     begin_ = {block, block->data() + offset};
 }
+
+} // namespace kest

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // Copies are the same memory.
 class SharedText {
 public:
@@ -26,5 +28,7 @@ private:
     std::shared_ptr<const char> begin_; // of the text; owns what it is a part of
     std::size_t size_ = 0;
 };
+
+} // namespace kest
 
 #endif

@@ -23,6 +23,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest {
+
 Descriptor OpenForNaming(const std::string &path) {
     return Descriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
 }
@@ -246,3 +248,5 @@ AccountReading ReadAsAccount(int directory, const JobUser &account, const Accoun
         return AccountReading::Failed;
     return TakeReading(memory.Content(), quota, files);
 }
+
+} // namespace kest

@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <vector>
 
+namespace kest {
+
 // Opens whatever `path` leads to, only to name it and what lies in it: a device or a pipe is not
 // opened by it. Returns none with errno set on failure.
 Descriptor OpenForNaming(const std::string &path);
@@ -78,5 +80,7 @@ AccountReading ReadAsAccount(int directory, const JobUser &account, const Accoun
 // as in AccountFile with `document` null.
 int ParseAccountFile(AccountFile &file, AccountQuota &quota, JsonOrigin &origin,
                      Json::Value &document);
+
+} // namespace kest
 
 #endif

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+namespace kest {
+
 std::size_t MostFiles(const AccountQuota &quota) {
     return quota.bytes / kLeastCharge + LeftOut::kMostNames;
 }
@@ -99,3 +101,5 @@ AccountReading TakeReading(std::string_view record, const AccountQuota &quota,
     errno = whole && error != 0 ? static_cast<int>(error) : EBADMSG;
     return notOpened ? AccountReading::NotOpened : AccountReading::Failed;
 }
+
+} // namespace kest

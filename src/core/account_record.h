@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // As many entries of a directory are looked at; to go through more of them takes too long.
 constexpr std::size_t kMostEntries = std::size_t{1} << 18;
 
@@ -26,5 +28,7 @@ std::string RecordOf(AccountReading reading, int error, const AccountFiles &file
 // led astray by what it read: what it says is held against what `quota` admits. Returns Failed,
 // with errno set, for anything else.
 AccountReading TakeReading(std::string_view record, const AccountQuota &quota, AccountFiles &files);
+
+} // namespace kest
 
 #endif

@@ -24,6 +24,8 @@
 #include <sys/stat.h>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 constexpr std::int32_t kCycleSeconds = 60;
@@ -291,3 +293,5 @@ void CronDaemon::RegenerateField(const std::string &key) {
 void CronDaemon::Shutdown() {
     PersistState();
 }
+
+} // namespace kest

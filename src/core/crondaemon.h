@@ -37,6 +37,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 // What the sources define: the accepted jobs, in the order in which they were read.
 using JobSet = std::vector<CronJob>;
 
@@ -153,5 +155,7 @@ static_assert(std::atomic<bool>::is_always_lock_free &&
 // is reported, not launched, and called "Unknown".
 bool IsLaunchState(JobState state);
 const char *JobStateName(JobState state);
+
+} // namespace kest
 
 #endif

@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 std::string PathIn(const std::string &directory, const std::string &name) {
@@ -223,3 +225,5 @@ void CronDaemon::LoadAccount(JobSet &jobSet, const std::string &path, const std:
         !LoadUserJobDirectory(jobSet, load, directory.Get(), {path, label, account.name}))
         LOG_ERROR("Failed to load %s config", path.c_str());
 }
+
+} // namespace kest

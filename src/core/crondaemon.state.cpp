@@ -22,6 +22,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest {
+
 // --- Apply --------------------------------------------------------------------------------------
 
 namespace {
@@ -305,3 +307,5 @@ void CronDaemon::KeepReserve(std::size_t partSize) {
     reserve = std::move(larger);
     reserveSize = wanted;
 }
+
+} // namespace kest

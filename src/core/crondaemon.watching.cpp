@@ -11,6 +11,8 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 // By its descriptor where there is one. Without "/proc" that cannot be said; then the path must do.
@@ -100,3 +102,5 @@ void CronDaemon::PollChanges() {
         sleepSeconds = 0;
     }
 }
+
+} // namespace kest

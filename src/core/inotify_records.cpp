@@ -3,6 +3,8 @@
 #include <cstring>
 #include <sys/inotify.h>
 
+namespace kest {
+
 bool ReportsChange(const char *records, std::size_t size) {
     while (size >= sizeof(inotify_event)) {
         inotify_event record{};
@@ -16,3 +18,5 @@ bool ReportsChange(const char *records, std::size_t size) {
     }
     return false;
 }
+
+} // namespace kest

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace kest {
+
 bool IsJobFileName(const std::string &name) {
     return !name.empty() && name.front() != '.';
 }
@@ -79,3 +81,5 @@ bool NameDefinition(Json::Value &definition, const JobDirectory &directory,
                                      definition["name"].asString());
     return true;
 }
+
+} // namespace kest

@@ -8,6 +8,8 @@
 #include <json/value.h>
 #include <string>
 
+namespace kest {
+
 // The four places that job files come from, in the order in which they are read.
 struct JobSource {
     const char *label;
@@ -86,5 +88,7 @@ std::size_t CountOfDefinitions(const Json::Value &document);
 // begin with.
 bool NameDefinition(Json::Value &definition, const JobDirectory &directory,
                     const std::string &fileBaseName);
+
+} // namespace kest
 
 #endif

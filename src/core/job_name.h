@@ -5,6 +5,8 @@
 
 #include <string>
 
+namespace kest {
+
 // The part of a job file's name that goes into its jobs' names: every ".conf" is taken out,
 // wherever it stands ("a.conf.conf" gives "a", "my.config" gives "myig").
 std::string FileBaseName(const std::string &fileName);
@@ -13,5 +15,7 @@ std::string FileBaseName(const std::string &fileName);
 // `name`.
 std::string FullJobName(const std::string &source, const std::string &account,
                         const std::string &fileBaseName, const std::string &name);
+
+} // namespace kest
 
 #endif

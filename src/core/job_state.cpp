@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+namespace kest {
+
 namespace {
 
 constexpr std::array<JobStateTraits, 6> kTraits{{
@@ -44,3 +46,5 @@ const JobStateTraits *TraitsOf(JobState state) {
     const auto index = static_cast<std::size_t>(state);
     return index < kTraits.size() ? &kTraits[index] : nullptr;
 }
+
+} // namespace kest

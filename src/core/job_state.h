@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+namespace kest {
+
 // Computed for every job in every cycle and never stored. The order is part of the meaning.
 enum class JobState : std::int32_t {
     NotReady = 0,
@@ -39,5 +41,7 @@ struct JobStateTraits {
     bool launched;
 };
 const JobStateTraits *TraitsOf(JobState state);
+
+} // namespace kest
 
 #endif

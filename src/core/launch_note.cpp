@@ -2,6 +2,8 @@
 
 #include <array>
 
+namespace kest {
+
 std::string LaunchNote(const LaunchFacts &facts) {
     std::string note = "state[" + facts.state + "], trig[" + facts.triggerTime + "]";
     if (!facts.scheduleText.empty())
@@ -18,3 +20,5 @@ std::string FormatTriggerTime(const std::tm &local) {
     std::strftime(text.data(), text.size(), "%d %H:%M:%S", &local);
     return text.data();
 }
+
+} // namespace kest

@@ -8,6 +8,8 @@
 #include <ctime>
 #include <string>
 
+namespace kest {
+
 struct LaunchFacts {
     std::string state;        // the name of the job's state
     std::string triggerTime;  // as by FormatTriggerTime; may be empty
@@ -22,5 +24,7 @@ std::string LaunchNote(const LaunchFacts &facts);
 
 // Day of the month and time, "07 03:00:12".
 std::string FormatTriggerTime(const std::tm &local);
+
+} // namespace kest
 
 #endif

@@ -6,8 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace kest {
+
 // Seconds from one start to the next when `count` jobs are launched together: the last one starts
 // at most an hour after the first, and neighbours are never more than `maxDelay` seconds apart.
 std::int32_t LaunchSpacing(std::int32_t maxDelay, std::size_t count);
+
+} // namespace kest
 
 #endif

@@ -1,5 +1,7 @@
 #include "core/redraw.h"
 
+namespace kest {
+
 std::vector<std::string> FieldsToRedraw(const std::tm &local) {
     if (local.tm_min != 0)
         return {};
@@ -15,3 +17,5 @@ std::vector<std::string> FieldsToRedraw(const std::tm &local) {
         keys.emplace_back("week");
     return keys;
 }
+
+} // namespace kest

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+namespace kest {
+
 void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSink &sink) {
     constexpr std::size_t partSize = std::size_t{64} << 10;
     const auto isShown = [&](const CronJob &job) {
@@ -51,3 +53,5 @@ std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most) {
     }
     return text.Take().size() + toCome;
 }
+
+} // namespace kest

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <vector>
 
+namespace kest {
+
 // Which jobs a document shows.
 enum class JobsShown : unsigned char {
     Running, // all but those that wait for their programs
@@ -22,5 +24,7 @@ void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSin
 // How many bytes the jobs, no two of a name, take in that document at most, now and later, when
 // they have schedules and have been launched; some number above `most` when that is more.
 std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most);
+
+} // namespace kest
 
 #endif

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 bool IsWorthKeeping(const std::string &path) {
@@ -46,3 +48,5 @@ bool KeepUnreadable(const std::string &path) {
     std::remove(fresh.c_str());
     return done;
 }
+
+} // namespace kest

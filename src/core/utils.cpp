@@ -3,6 +3,8 @@
 #include "log/error_log.h"
 #include "platform/kestsdk.h"
 
+namespace kest {
+
 bool AskWhetherHeld(bool &held) {
     int status = 1;
     const bool isKnown = KESTVorldStatusGet(1, &status) != -1;
@@ -16,3 +18,5 @@ bool IsVorldHeld() {
         LOG_ERROR("Fail to KESTVorldStatusGet()");
     return held;
 }
+
+} // namespace kest

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+namespace kest {
+
 std::int64_t WaitingStarts::Now() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::seconds>(now).count();
@@ -31,3 +33,5 @@ std::set<std::string> WaitingStarts::Jobs(std::int64_t now) const {
                 jobs.insert(start.job);
     return jobs;
 }
+
+} // namespace kest

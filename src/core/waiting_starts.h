@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 class WaitingStarts {
 public:
     // How many starts of one account may wait at a time.
@@ -38,5 +40,7 @@ private:
     };
     std::map<std::string, std::vector<Start>> starts_; // by account
 };
+
+} // namespace kest
 
 #endif

@@ -22,7 +22,13 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB, kLogLockFile);
+
+} // namespace kest
+
+namespace kest::ctl {
 
 namespace {
 
@@ -54,9 +60,10 @@ public:
         app_.set_version_flag("--version", std::string("kestcronctl ") + KESTCROND_VERSION);
         app_.get_formatter()->column_width(24);
         app_.require_subcommand(1);
-        app_.footer("Exit status: 0 fine, 1 problems found, 2 wrong usage or cannot read; status: "
-                    "3 when\nkestcrond does not run; run: that of the job. "
-                    "See kestcronctl(1).");
+        app_.footer(
+            "Exit status: 0 fine, 1 diagnostics found, 2 wrong usage or cannot read; status: "
+            "3 when\nkestcrond does not run; run: that of the job. "
+            "See kestcronctl(1).");
         AddReaders();
         AddLog();
         AddActors();
@@ -204,9 +211,7 @@ int Execute(const Parser &parser) {
     return status;
 }
 
-} // namespace
-
-int main(int argc, char *argv[]) {
+int RunTool(int argc, char *argv[]) {
     try {
         Parser parser;
         if (const std::optional<int> status = parser.Parse(argc, argv))
@@ -222,4 +227,12 @@ int main(int argc, char *argv[]) {
         std::cerr << "kestcronctl: " << Shown(error.what()) << "\n";
         return kUsage;
     }
+}
+
+} // namespace
+
+} // namespace kest::ctl
+
+int main(int argc, char *argv[]) {
+    return kest::ctl::RunTool(argc, argv);
 }

@@ -17,6 +17,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+namespace kest {
+
 // Made before main and destroyed after it, the log first.
 static CronDaemon cronDaemon;
 KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB, kLogLockFile);
@@ -161,9 +163,7 @@ bool initialise() {
     return false;
 }
 
-} // namespace
-
-int main(int argc, char *argv[]) {
+int RunDaemon(int argc, char *argv[]) {
     if (is_running()) {
         LOG_ERROR("Daemon is running");
         return -1;
@@ -190,4 +190,12 @@ int main(int argc, char *argv[]) {
     if (unlink(kPidFile) == -1)
         LOG_ERROR("Unable to clean pid file %m");
     return 0;
+}
+
+} // namespace
+
+} // namespace kest
+
+int main(int argc, char *argv[]) {
+    return kest::RunDaemon(argc, argv);
 }

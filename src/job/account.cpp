@@ -2,6 +2,8 @@
 
 #include "base/json_members.h"
 
+namespace kest {
+
 namespace {
 
 bool Mentions(const Json::Value &config, const char *word) {
@@ -27,3 +29,5 @@ std::optional<std::string> AccountOf(const Json::Value &config) {
         return TextMember(config, "user");
     return std::nullopt;
 }
+
+} // namespace kest

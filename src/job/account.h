@@ -8,6 +8,8 @@
 #include <string>
 #include <sys/types.h>
 
+namespace kest {
+
 // The account that a job runs as.
 struct JobUser {
     bool valid = false;
@@ -31,5 +33,7 @@ bool IsOfPackage(const Json::Value &config);
 // of that very name, so that "rootjob" is one. Nothing for a package without a name and for a user
 // of no class.
 std::optional<std::string> AccountOf(const Json::Value &config);
+
+} // namespace kest
 
 #endif

@@ -7,6 +7,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 bool JoinGroup(gid_t group) {
@@ -33,3 +35,5 @@ bool BecomeAccount(const std::string &name, uid_t uid, gid_t gid, gid_t extraGro
     errno = EPERM;
     return false;
 }
+
+} // namespace kest

@@ -5,6 +5,8 @@
 #include <boost/algorithm/string/split.hpp>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 std::optional<Command> FromList(const Json::Value &list) {
@@ -41,3 +43,5 @@ std::optional<Command> NormalizeCommand(const Json::Value &config) {
         return FromList(Member(config, "cmd_list"));
     return FromText(TextMember(config, "cmd"));
 }
+
+} // namespace kest

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+namespace kest {
+
 struct Command {
     Json::Value list; // array of strings, or of what the JSON library can write as one
     std::string text;
@@ -16,5 +18,7 @@ struct Command {
 // followed by a blank, the last one too. "cmd" is split at runs of blanks and is its own text. The
 // list may be empty. Nothing when an element cannot be written as text.
 std::optional<Command> NormalizeCommand(const Json::Value &config);
+
+} // namespace kest
 
 #endif

@@ -20,6 +20,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 constexpr const char *kProcessName = "kestcrond-stage";
@@ -306,3 +308,5 @@ ProgramCopy Copier::Copy(const std::string &name, const std::string &source, int
     End();
     return copy;
 }
+
+} // namespace kest

@@ -16,6 +16,8 @@
 #include <sys/types.h>
 #include <utility>
 
+namespace kest {
+
 // How a copy ended.
 struct ProgramCopy {
     enum class Outcome : unsigned char {
@@ -79,5 +81,7 @@ private:
     Descriptor socket_; // none once it has ended
     pid_t process_;
 };
+
+} // namespace kest
 
 #endif

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <string_view>
 
+namespace kest {
+
 namespace {
 
 struct FieldBounds {
@@ -116,3 +118,5 @@ CronItem ParseCronItem(const std::string &key, const std::string &text) {
     return text.find('~') == std::string::npos ? ParseSingleValue(key, text)
                                                : ParseRandomRange(key, text);
 }
+
+} // namespace kest

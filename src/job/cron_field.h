@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 // The field keys in the order of an expression's fields: "Minute", "hour", "day", "month", "week".
 // Fields are told apart by the key's first character, so the capital M matters.
 const std::array<std::string, 5> &FieldKeys();
@@ -58,5 +60,7 @@ struct CronItem {
 // Reads one item of the field `key`. "~" or "*" at its start decide alone; what follows them is
 // ignored.
 CronItem ParseCronItem(const std::string &key, const std::string &text);
+
+} // namespace kest
 
 #endif

@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+namespace kest {
+
 // --- Definition ---------------------------------------------------------------------------------
 
 namespace {
@@ -236,3 +238,5 @@ void CronJob::AppendTo(JsonText &text) const {
         to.Append(isExpireTime ? expireTime_ : lastRun_);
     });
 }
+
+} // namespace kest

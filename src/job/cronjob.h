@@ -31,6 +31,8 @@
 #include <utility>
 #include <vector>
 
+namespace kest {
+
 class CronJob {
 public:
     // An invalid job without a document.
@@ -245,5 +247,7 @@ bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string 
 // whether that succeeded.
 bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::string &path,
                           Durability durability);
+
+} // namespace kest
 
 #endif

@@ -11,6 +11,8 @@
 #include <optional>
 #include <utility>
 
+namespace kest {
+
 static_assert(sizeof(std::time_t) >= 8, "schedules go on after 2038");
 
 namespace {
@@ -98,3 +100,5 @@ bool CronJob::IsAssureOverdue() const {
     // Most jobs are not assured, and each asks in each cycle: those need not read the clock.
     return assureExecute != 0 && IsOverdue(assureExecute, lastRun_, std::time(nullptr));
 }
+
+} // namespace kest

@@ -7,6 +7,8 @@
 #include <array>
 #include <cerrno>
 
+namespace kest {
+
 namespace {
 
 // Whether the error says what stands at a path, and not that the machine could not find it out.
@@ -86,3 +88,5 @@ StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &st
         ReportFailedStep(step, staged, user);
     return StagingResult::Failed;
 }
+
+} // namespace kest

@@ -23,6 +23,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest {
+
 // --- Account ------------------------------------------------------------------------------------
 
 namespace {
@@ -213,3 +215,5 @@ bool CronJob::BecomeCommand(const std::string &note) const {
                           ", error: " + std::strerror(errno));
     return true;
 }
+
+} // namespace kest

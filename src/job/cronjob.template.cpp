@@ -5,6 +5,8 @@
 
 #include <utility>
 
+namespace kest {
+
 ScheduleTemplate::ScheduleTemplate() {
     MakeDefaultScheduleTemplate(*this);
 }
@@ -60,3 +62,5 @@ bool SaveScheduleTemplate(const ScheduleTemplate &scheduleTemplate, const std::s
         document["maxDelay"] = scheduleTemplate.maxDelay;
     return JsonToFile(JsonToString(document), path, durability);
 }
+
+} // namespace kest

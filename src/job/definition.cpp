@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 using Kind = DefinitionFault::Kind;
@@ -207,3 +209,5 @@ void WriteDefaults(Json::Value &document, std::int64_t now) {
     WriteWhenAbsent(config, Json::StaticString("assure_execute_action"), "wait");
     WriteWhenAbsent(config, Json::StaticString("run_on_passive"), false);
 }
+
+} // namespace kest

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 // One thing for which a definition is refused.
 struct DefinitionFault {
     enum class Kind : unsigned char {
@@ -68,5 +70,7 @@ ParsedDefinition ParseDefinition(const Json::Value &config,
 // "startup"; "assure_execute", "assure_execute_action" and "run_on_passive" into its "config".
 // The definition keeps the rules.
 void WriteDefaults(Json::Value &document, std::int64_t now);
+
+} // namespace kest
 
 #endif

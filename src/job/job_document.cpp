@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+namespace kest {
+
 namespace {
 
 // How deep the document of a job lies in the runtime document.
@@ -209,3 +211,5 @@ Json::Value JobDocument::Config() const {
 bool JobDocument::HasConfigOf(const JobDocument &other) const {
     return IsText() && other.IsText() && ConfigText() == other.ConfigText();
 }
+
+} // namespace kest

@@ -16,6 +16,8 @@
 #include <string_view>
 #include <utility>
 
+namespace kest {
+
 // The members that change while a job lives. They are kept as what they are, beside the document,
 // and have their places in its text.
 enum class ChangingMember : unsigned char { ExpireTime, LastExecution, Schedule };
@@ -82,5 +84,7 @@ private:
     std::uint32_t configEnd_ = 0;
     std::shared_ptr<const Json::Value> asItIs_; // shared by copies of the object
 };
+
+} // namespace kest
 
 #endif

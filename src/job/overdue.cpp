@@ -1,5 +1,7 @@
 #include "job/overdue.h"
 
+namespace kest {
+
 bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now) {
     if (hours == 0)
         return false;
@@ -8,3 +10,5 @@ bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now) {
         return last < 0; // before every time there is, or after
     return now > due;
 }
+
+} // namespace kest

@@ -2,6 +2,8 @@
 
 #include <cctype>
 
+namespace kest {
+
 std::optional<std::string> PeriodCrontab(const std::string &period, const std::string &ownCrontab) {
     switch (period.empty() ? '\0' : std::tolower(static_cast<unsigned char>(period.front()))) {
     case 'c':
@@ -18,3 +20,5 @@ std::optional<std::string> PeriodCrontab(const std::string &period, const std::s
         return std::nullopt;
     }
 }
+
+} // namespace kest

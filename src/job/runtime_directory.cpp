@@ -11,6 +11,8 @@
 #include <tuple>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
@@ -129,3 +131,5 @@ bool IsFitToRun(const std::string &path, uid_t uid) {
     errno = EPERM;
     return false;
 }
+
+} // namespace kest

@@ -12,6 +12,8 @@
 #include <string>
 #include <sys/types.h>
 
+namespace kest {
+
 constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
 
 // Where the copy of a job's program is, by the full job name.
@@ -56,5 +58,7 @@ private:
 // when that is safe, and the program belongs to root or that account, so that nobody else can have
 // put it there. When it may not, errno is set.
 bool IsFitToRun(const std::string &path, uid_t uid);
+
+} // namespace kest
 
 #endif

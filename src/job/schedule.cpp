@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <limits>
 
+namespace kest {
+
 namespace {
 
 std::int32_t DrawItem(const CronRange &item, std::int32_t templateValue, bool templateIsUsable,
@@ -144,3 +146,5 @@ void Schedule::GetDrawn(std::size_t field, std::vector<std::int32_t> &values) co
     values.resize(static_cast<std::size_t>(end - begin));
     std::transform(begin, end, values.begin(), [](const Item &item) { return item.drawn; });
 }
+
+} // namespace kest

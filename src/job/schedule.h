@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 // The value that stands for every value of its field, and for no value where one is asked for.
 constexpr std::int32_t kAnyValue = -1;
 
@@ -69,7 +71,7 @@ public:
 
     // Whether the field admits `value`.
     bool Admits(std::size_t field, std::int32_t value) const {
-        return ::Admits(bits_[field], value);
+        return kest::Admits(bits_[field], value);
     }
 
 private:
@@ -91,5 +93,7 @@ private:
     std::array<std::uint32_t, 5> ends_{}; // of each field's items
     unsigned drawn_ = 0;                  // a bit for each field
 };
+
+} // namespace kest
 
 #endif

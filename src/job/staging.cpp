@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 // Inside the runtime directory. No job has such a name, since all begin with the label of a source.
@@ -355,3 +357,5 @@ void Staging::Remove(const std::function<bool(const std::string &name)> &isUnuse
     for (const std::string &name : unused)
         RemoveEntry(runtime_, name);
 }
+
+} // namespace kest

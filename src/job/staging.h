@@ -20,6 +20,8 @@
 #include <string>
 #include <sys/types.h>
 
+namespace kest {
+
 // One load's way into the runtime directory. Its processes end with it.
 class Staging {
 public:
@@ -87,5 +89,7 @@ private:
     int targetError_ = 0;
     bool isOfAccount_ = false;
 };
+
+} // namespace kest
 
 #endif

@@ -1,5 +1,7 @@
 #include "log/call_deadline.h"
 
+namespace kest {
+
 namespace {
 
 volatile std::sig_atomic_t timeIsUp = 0;
@@ -43,3 +45,5 @@ timeval CallDeadline::Left() const {
     // Asked last: a timer that has run off has been set again.
     return timeIsUp != 0 ? timeval{} : timer.it_value;
 }
+
+} // namespace kest

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <sys/time.h>
 
+namespace kest {
+
 // While an object of this class lives, a call that waits is interrupted (EINTR) when `most` is
 // over, and again and again from then on. Uses SIGALRM and the real-time timer, and leaves both as
 // they were set up, the timer stopped. One object at a time.
@@ -24,5 +26,7 @@ private:
     struct sigaction action_ {};
     sigset_t mask_{};
 };
+
+} // namespace kest
 
 #endif

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <syslog.h>
 
+namespace kest {
+
 namespace {
 
 // The README has the same list for those who look for a message's line.
@@ -94,3 +96,5 @@ void LogErrorAt(const char *file, int line, const char *text, ...) {
                       tag.firstLine + line, printable.data());
     WriteSystemLog(LOG_ERR, whole.data());
 }
+
+} // namespace kest

@@ -5,6 +5,8 @@
 
 #include <string_view>
 
+namespace kest {
+
 // Stands at the end of a message that was cut.
 constexpr std::string_view kCutSign = " [cut]";
 
@@ -25,6 +27,8 @@ struct SourceTag {
 SourceTag TagOf(const char *file);
 
 // %m is the C library's own, which __extension__ admits to a pedantic compiler.
-#define LOG_ERROR(...) (__extension__ LogErrorAt(__FILE__, __LINE__, __VA_ARGS__))
+#define LOG_ERROR(...) (__extension__ ::kest::LogErrorAt(__FILE__, __LINE__, __VA_ARGS__))
+
+} // namespace kest
 
 #endif

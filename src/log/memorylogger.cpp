@@ -26,6 +26,14 @@ namespace {
 using boost::interprocess::interprocess_sharable_mutex;
 using boost::interprocess::scoped_lock;
 using boost::interprocess::sharable_lock;
+using kest::CallDeadline;
+using kest::Descriptor;
+using kest::ErrnoGuard;
+using kest::FormatTimestamp;
+using kest::MoveAside;
+using kest::OpenOwnFile;
+using kest::ReadAll;
+using kest::WriteAll;
 
 Descriptor OpenToAppend(const std::string &path) {
     return Descriptor(

@@ -70,10 +70,10 @@ private:
         WriteLog,
         Close
     };
-    void AppendDirectly(const Descriptor &log, const std::string &text,
-                        bool (*append)(const Descriptor &, const std::string &));
+    void AppendDirectly(const kest::Descriptor &log, const std::string &text,
+                        bool (*append)(const kest::Descriptor &, const std::string &));
     void Fail(Step step);
-    Descriptor LockFlush() const;
+    kest::Descriptor LockFlush() const;
     std::string TakeBuffer();
     bool StagingIsFull() const;
 
@@ -84,14 +84,18 @@ private:
     std::string _lockPath;
     boost::interprocess::interprocess_sharable_mutex _stagingLock;
     boost::interprocess::interprocess_sharable_mutex _logLock;
-    Descriptor _keptLog;
+    kest::Descriptor _keptLog;
     bool _isSilent = false;
     int _logError = 0;
 };
 
 } // namespace KEST
 
+namespace kest {
+
 // The process-wide log; each program that starts jobs defines it.
 extern KEST::MemoryLogger executionLog;
+
+} // namespace kest
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+namespace kest {
+
 bool MessageQueue::Push(std::string_view head, std::string_view text) {
     const std::size_t size = head.size() + text.size();
     if (count_ == kMostMessages || size > kMostBytes - used_)
@@ -24,3 +26,5 @@ void MessageQueue::Clear() {
     count_ = 0;
     used_ = 0;
 }
+
+} // namespace kest

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <string_view>
 
+namespace kest {
+
 // Keeps messages in order, up to 256 of them and 64 KiB in all. Asks for no memory: there may be
 // none left, and that may be the message.
 class MessageQueue {
@@ -28,5 +30,7 @@ private:
     std::size_t count_ = 0;
     std::size_t used_ = 0;
 };
+
+} // namespace kest
 
 #endif

@@ -4,6 +4,8 @@
 
 #include <sys/socket.h>
 
+namespace kest {
+
 namespace {
 
 // What the process has kept is sent at its end; it holds no memory but its own.
@@ -25,3 +27,5 @@ Descriptor CatchUpWithSystemLog() {
 std::size_t LongestSystemLogText() {
     return LongestDatagram(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
 }
+
+} // namespace kest

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 
+namespace kest {
+
 // Writes `text` to the system log as syslog() does, but does not block for long: the log's socket
 // holds only a few messages while no process reads them. All messages of a cycle together wait for
 // half a second at most. Messages that the log has not taken by then are kept and sent later
@@ -22,5 +24,7 @@ Descriptor CatchUpWithSystemLog();
 // The length beyond which the system log takes no text, in bytes; what is longer is cut. It may
 // take less.
 std::size_t LongestSystemLogText();
+
+} // namespace kest
 
 #endif

@@ -15,6 +15,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 constexpr timeval kTimeout{0, 500000};
@@ -167,3 +169,5 @@ SystemLogSender::Answer SystemLogSender::Send(const Descriptor &socket, std::str
     timeLeft_ = deadline.Left();
     return sent != -1 ? Answer::Taken : Answer::Busy;
 }
+
+} // namespace kest

@@ -12,6 +12,8 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+namespace kest {
+
 // Sends messages to the log's socket in the form of syslog(3). What the socket does not take is
 // kept in order and sent later, by the next message or by CatchUp; what there is no space for is
 // counted, and a message says so in its place. Each message has a socket of its own, so that
@@ -55,5 +57,7 @@ private:
 
 // The length beyond which a log's socket takes no message, in bytes. It may take less.
 std::size_t LongestDatagram(const Descriptor &socket);
+
+} // namespace kest
 
 #endif

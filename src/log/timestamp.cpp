@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace kest {
+
 std::string FormatTimestamp(const std::tm &local) {
     std::array<char, 128> date{};
     std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &local);
@@ -14,3 +16,5 @@ std::string FormatTimestamp(const std::tm &local) {
                   minutes / 60, minutes % 60);
     return std::string(date.data()) + offset.data() + " ";
 }
+
+} // namespace kest

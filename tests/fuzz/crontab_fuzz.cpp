@@ -13,6 +13,8 @@
 #include <optional>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 std::vector<std::string> Pieces(const std::string &text, const char *separator) {
@@ -112,3 +114,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     TryCrontab(text);
     return 0;
 }
+
+} // namespace kest

@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 bool AreSame(const DefinitionFault &one, const DefinitionFault &other) {
@@ -81,3 +83,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     TryJob(whole);
     return 0;
 }
+
+} // namespace kest

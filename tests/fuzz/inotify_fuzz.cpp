@@ -8,6 +8,8 @@
 #include <memory>
 #include <sys/inotify.h>
 
+namespace kest {
+
 namespace {
 
 std::uint64_t NumberAt(std::string_view bytes, std::size_t position) {
@@ -46,3 +48,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         Require(ReportedChange(records, offset) == expected, "both walks see the same change");
     return 0;
 }
+
+} // namespace kest

@@ -22,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 // The steps of the daemon that are tried. They are private, but the arguments of an explicit
@@ -65,15 +67,15 @@ Json::Value &SavedRuntime() {
 // What the linker puts in the place of the two functions that would touch the disk. The real ones
 // are named too: when one is declared otherwise some day, this no longer links.
 StagingResult RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
-    "__real__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
-    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
+    "__real__ZN4kest15MoveBinaryToTmpERNS_7CronJobERSt3mapINSt7__cxx1112basic_strin"
+    "gIcSt11char_traitsIcESaIcEEENS_7JobUserESt4lessIS8_ESaISt4pairIKS8_S9_EEERNS_7StagingE");
 using Writer = std::function<void(const JsonSink &sink)>;
 bool RealJsonToFile(const Writer &write, const std::string &path, Durability durability) __asm__(
     "__real__Z10JsonToFileRKSt8functionIFvRKS_IFvSt17basic_string_viewIcSt11char_t"
     "raitsIcEEEEEERKNSt7__cxx1112basic_stringIcS2_SaIcEEE10Durability");
 StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
-    "__wrap__Z15MoveBinaryToTmpR7CronJobRSt3mapINSt7__cxx1112basic_strin"
-    "gIcSt11char_traitsIcESaIcEEE7JobUserSt4lessIS7_ESaISt4pairIKS7_S8_EEER7Staging");
+    "__wrap__ZN4kest15MoveBinaryToTmpERNS_7CronJobERSt3mapINSt7__cxx1112basic_strin"
+    "gIcSt11char_traitsIcESaIcEEENS_7JobUserESt4lessIS8_ESaISt4pairIKS8_S9_EEERNS_7StagingE");
 bool SavedWithoutDisk(const Writer &write, const std::string &path, Durability durability) __asm__(
     "__wrap__Z10JsonToFileRKSt8functionIFvRKS_IFvSt17basic_string_viewIcSt11char_t"
     "raitsIcEEEEEERKNSt7__cxx1112basic_stringIcS2_SaIcEEE10Durability");
@@ -224,3 +226,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     TryLiveJobs(daemon);
     return 0;
 }
+
+} // namespace kest

@@ -6,6 +6,8 @@
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 
+namespace kest {
+
 namespace {
 
 // "maxDelay" is kept beside the document and written into it only to be saved.
@@ -45,3 +47,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     TryJob(loaded);
     return 0;
 }
+
+} // namespace kest

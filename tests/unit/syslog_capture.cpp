@@ -9,6 +9,8 @@
 #include <sys/mman.h>
 #include <syslog.h>
 
+namespace kest {
+
 namespace {
 
 SyslogCapture *&TheCapture() {
@@ -70,3 +72,5 @@ Descriptor CatchUpWithSystemLog() {
 std::size_t LongestSystemLogText() {
     return kMessageSize;
 }
+
+} // namespace kest

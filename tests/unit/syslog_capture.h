@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 struct SyslogMessage {
     int priority;
     std::string text;
@@ -49,5 +51,7 @@ public:
 private:
     char *text_;
 };
+
+} // namespace kest
 
 #endif

@@ -3,11 +3,13 @@
 #ifndef CTL_CHECK_ADMISSION_H
 #define CTL_CHECK_ADMISSION_H
 
-#include "ctl/check/problem.h"
+#include "ctl/check/diagnostic.h"
 #include "job/cronjob.h"
 
 #include <functional>
 #include <string>
+
+namespace kest::ctl {
 
 // The account that a definition asks for.
 struct Account {
@@ -32,6 +34,8 @@ struct Environment {
 };
 
 // Warnings of a definition that the daemon takes; `job` is what it becomes.
-void FindObstacles(Subject &subject, const CronJob &job, const Environment &environment);
+void FindObstacles(CheckedDefinition &checked, const CronJob &job, const Environment &environment);
+
+} // namespace kest::ctl
 
 #endif

@@ -14,30 +14,32 @@
 #include <unordered_map>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 // --- The file -----------------------------------------------------------------------------------
 
-Problem OfFile(const JobFile &file, Severity severity, const std::string &message,
-               const std::string &allowed = {}) {
-    Problem problem;
-    problem.file = file.path;
-    problem.severity = severity;
-    problem.message = message;
-    problem.allowed = allowed;
-    return problem;
+Diagnostic OfFile(const JobFile &file, Severity severity, const std::string &message,
+                  const std::string &allowed = {}) {
+    Diagnostic diagnostic;
+    diagnostic.file = file.path;
+    diagnostic.severity = severity;
+    diagnostic.message = message;
+    diagnostic.allowed = allowed;
+    return diagnostic;
 }
 
 // Why there is no document.
-Problem FaultOf(const JobFile &file, const JsonPlaces &places) {
+Diagnostic FaultOf(const JobFile &file, const JsonPlaces &places) {
     const auto error = [&](const std::string &message, const std::string &allowed = {}) {
         return OfFile(file, Severity::Error, message, allowed);
     };
     if (file.error == EBADMSG && !file.origin.fault.empty()) {
         const JsonPlaces::Fault fault = places.FirstOf(file.origin.fault);
-        Problem problem = error("no JSON document: " + fault.text);
-        problem.place = fault.place;
-        return problem;
+        Diagnostic diagnostic = error("no JSON document: " + fault.text);
+        diagnostic.place = fault.place;
+        return diagnostic;
     }
     switch (file.error) {
     case EBADMSG:
@@ -46,9 +48,9 @@ Problem FaultOf(const JobFile &file, const JsonPlaces &places) {
         return error("the file is too large",
                      "at most " + std::to_string(kJobFileLimits.bytes) + " bytes");
     case EDQUOT: {
-        Problem problem = BeyondQuota(file.directory.account);
-        problem.file = file.path;
-        return problem;
+        Diagnostic diagnostic = BeyondQuota(file.directory.account);
+        diagnostic.file = file.path;
+        return diagnostic;
     }
     case EISDIR:
         return error("a directory is no job file", "a regular file");
@@ -63,21 +65,22 @@ bool EndsWith(const std::string &text, const std::string &end) {
     return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-void FindOddName(const JobFile &file, std::vector<Problem> &problems) {
+void FindOddName(const JobFile &file, std::vector<Diagnostic> &diagnostics) {
     if (!IsJobFileName(file.name))
-        problems.push_back(OfFile(file, Severity::Warning, "the daemon does not read hidden files",
-                                  "a name that does not begin with \".\""));
+        diagnostics.push_back(OfFile(file, Severity::Warning,
+                                     "the daemon does not read hidden files",
+                                     "a name that does not begin with \".\""));
     for (const char *end : {"~", ".bak", ".orig", ".old", ".save", ".swp", ".dpkg-old", ".dpkg-new",
                             ".dpkg-dist", ".rpmsave", ".rpmnew", ".rpmorig"})
         if (IsJobFileName(file.name) && EndsWith(file.name, end))
-            problems.push_back(OfFile(file, Severity::Warning,
-                                      "the daemon reads every file that is not hidden, and this "
-                                      "one looks like a copy of another"));
+            diagnostics.push_back(OfFile(file, Severity::Warning,
+                                         "the daemon reads every file that is not hidden, and this "
+                                         "one looks like a copy of another"));
 }
 
 // Of two members of one name the parser keeps the last, and says nothing unless it is asked to.
 void FindDuplicateMembers(const JobFile &file, const JsonPlaces &places,
-                          std::vector<Problem> &problems) {
+                          std::vector<Diagnostic> &diagnostics) {
     const std::string &text = file.origin.text;
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
@@ -88,10 +91,10 @@ void FindDuplicateMembers(const JobFile &file, const JsonPlaces &places,
     if (reader->parse(text.data(), text.data() + text.size(), &ignored, &faults))
         return;
     const JsonPlaces::Fault fault = places.FirstOf(faults);
-    problems.push_back(OfFile(file, Severity::Warning,
-                              "of members with one name only the last is read: " + fault.text,
-                              "each member once"));
-    problems.back().place = fault.place;
+    diagnostics.push_back(OfFile(file, Severity::Warning,
+                                 "of members with one name only the last is read: " + fault.text,
+                                 "each member once"));
+    diagnostics.back().place = fault.place;
 }
 
 // --- Its definitions ----------------------------------------------------------------------------
@@ -128,18 +131,18 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
     document["config"] = config;
     std::vector<DefinitionFault> faults;
     const CronJob job(std::move(document), faults);
-    Subject subject(written, config, places);
-    AddErrors(subject, faults);
-    FindMisreadings(subject, file.directory, alone);
+    CheckedDefinition checked(written, config, places);
+    AddErrors(checked, faults);
+    FindMisreadings(checked, file.directory, alone);
     if (job.valid) {
-        FindOddSettings(subject, job);
-        FindObstacles(subject, job, environment);
+        FindOddSettings(checked, job);
+        FindObstacles(checked, job, environment);
     }
     const std::string name = ShownName(config, file);
-    for (Problem &problem : subject.TakeProblems()) {
-        problem.file = file.path;
-        problem.job = name;
-        report.problems.push_back(std::move(problem));
+    for (Diagnostic &diagnostic : checked.TakeDiagnostics()) {
+        diagnostic.file = file.path;
+        diagnostic.job = name;
+        report.diagnostics.push_back(std::move(diagnostic));
     }
     const Json::Value &nameValue = Member(written, "name");
     report.jobs.push_back(
@@ -163,33 +166,34 @@ std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
     return DocumentSize(jobs, most);
 }
 
-Problem BeyondQuota(const std::string &account) {
+Diagnostic BeyondQuota(const std::string &account) {
     const AccountQuota whole;
-    Problem problem;
-    problem.message = "the quota of " + Quoted(account) + " is used up before this file is read";
-    problem.allowed = std::to_string(whole.bytes) +
-                      " bytes for all files of the account, of which each and each job counts as " +
-                      std::to_string(kLeastCharge) + " at least, and " +
-                      std::to_string(whole.documentBytes) + " bytes of runtime document";
-    return problem;
+    Diagnostic diagnostic;
+    diagnostic.message = "the quota of " + Quoted(account) + " is used up before this file is read";
+    diagnostic.allowed =
+        std::to_string(whole.bytes) +
+        " bytes for all files of the account, of which each and each job counts as " +
+        std::to_string(kLeastCharge) + " at least, and " + std::to_string(whole.documentBytes) +
+        " bytes of runtime document";
+    return diagnostic;
 }
 
 JobFileReport CheckJobFile(const JobFile &file, const Environment &environment) {
     JobFileReport report;
     const JsonPlaces places(file.origin.text);
-    FindOddName(file, report.problems);
+    FindOddName(file, report.diagnostics);
     if (file.error != 0) {
-        report.problems.push_back(FaultOf(file, places));
+        report.diagnostics.push_back(FaultOf(file, places));
         return report;
     }
     if (!file.document.isArray() && !file.document.isObject()) {
-        Problem problem = OfFile(file, Severity::Warning, "there is no job in it",
-                                 "an array of definitions, or one definition");
-        problem.place = places.Of(file.document);
-        problem.found = Excerpt(file.document);
-        report.problems.push_back(std::move(problem));
+        Diagnostic diagnostic = OfFile(file, Severity::Warning, "there is no job in it",
+                                       "an array of definitions, or one definition");
+        diagnostic.place = places.Of(file.document);
+        diagnostic.found = Excerpt(file.document);
+        report.diagnostics.push_back(std::move(diagnostic));
     }
-    FindDuplicateMembers(file, places, report.problems);
+    FindDuplicateMembers(file, places, report.diagnostics);
     Json::Value definitions = DefinitionsOf(file.document);
     for (Json::ArrayIndex i = 0; i < definitions.size(); ++i) {
         const Json::Value &written = file.document.isArray() ? file.document[i] : file.document;
@@ -198,27 +202,29 @@ JobFileReport CheckJobFile(const JobFile &file, const Environment &environment) 
     return report;
 }
 
-std::vector<Problem> ReplacedJobs(const std::vector<JudgedJob> &jobs) {
+std::vector<Diagnostic> ReplacedJobs(const std::vector<JudgedJob> &jobs) {
     std::unordered_map<std::string, const JudgedJob *> last;
     for (const JudgedJob &job : jobs)
         if (job.accepted)
             last[job.name] = &job;
-    std::vector<Problem> problems;
+    std::vector<Diagnostic> diagnostics;
     for (const JudgedJob &job : jobs) {
         if (!job.accepted || last[job.name] == &job)
             continue;
         const JudgedJob &winner = *last[job.name];
-        Problem problem;
-        problem.file = job.file;
-        problem.place = job.place;
-        problem.severity = Severity::Warning;
-        problem.job = job.name;
-        problem.member = "name";
-        problem.found = Quoted(job.name);
-        problem.message = "replaced by the job of the same full name in " + winner.file + ":" +
-                          std::to_string(winner.place.line) + ", which is read later";
-        problem.allowed = "one job of a full name";
-        problems.push_back(std::move(problem));
+        Diagnostic diagnostic;
+        diagnostic.file = job.file;
+        diagnostic.place = job.place;
+        diagnostic.severity = Severity::Warning;
+        diagnostic.job = job.name;
+        diagnostic.member = "name";
+        diagnostic.found = Quoted(job.name);
+        diagnostic.message = "replaced by the job of the same full name in " + winner.file + ":" +
+                             std::to_string(winner.place.line) + ", which is read later";
+        diagnostic.allowed = "one job of a full name";
+        diagnostics.push_back(std::move(diagnostic));
     }
-    return problems;
+    return diagnostics;
 }
+
+} // namespace kest::ctl

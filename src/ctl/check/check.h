@@ -16,13 +16,15 @@
 
 #include "core/job_files.h"
 #include "ctl/check/admission.h"
-#include "ctl/check/problem.h"
+#include "ctl/check/diagnostic.h"
 #include "platform/json_file.h"
 
 #include <cstddef>
 #include <json/value.h>
 #include <string>
 #include <vector>
+
+namespace kest::ctl {
 
 // A job file as it was read.
 struct JobFile {
@@ -44,7 +46,7 @@ struct JudgedJob {
 
 struct JobFileReport {
     std::vector<JudgedJob> jobs; // in their order
-    std::vector<Problem> problems;
+    std::vector<Diagnostic> diagnostics;
 };
 
 // How many bytes the jobs that the daemon accepts of the file take in the runtime document; some
@@ -52,12 +54,14 @@ struct JobFileReport {
 std::size_t DocumentSizeOf(const JobFile &file, std::size_t most);
 
 // What there is to be said of a file that the quota of its account does not admit.
-Problem BeyondQuota(const std::string &account);
+Diagnostic BeyondQuota(const std::string &account);
 
 JobFileReport CheckJobFile(const JobFile &file, const Environment &environment);
 
 // A warning for each of `jobs`, which are in the order in which the daemon reads them, that a later
 // one of the same name replaces.
-std::vector<Problem> ReplacedJobs(const std::vector<JudgedJob> &jobs);
+std::vector<Diagnostic> ReplacedJobs(const std::vector<JudgedJob> &jobs);
+
+} // namespace kest::ctl
 
 #endif

@@ -1,16 +1,18 @@
 #include "ctl/check/crontab.h"
 
 #include "base/json_members.h"
-#include "ctl/display/words.h"
+#include "ctl/display/phrases.h"
 #include "platform/kestutils.h"
 
 #include <array>
 #include <optional>
 #include <set>
 
-std::optional<std::size_t> StartOfCrontab(const Subject &subject) {
-    const Json::Value &written = Member(subject.Written(), "crontab");
-    return written.isString() ? subject.Places().OffsetOfText(written) : std::nullopt;
+namespace kest::ctl {
+
+std::optional<std::size_t> StartOfCrontab(const CheckedDefinition &checked) {
+    const Json::Value &written = Member(checked.Written(), "crontab");
+    return written.isString() ? checked.Places().OffsetOfText(written) : std::nullopt;
 }
 
 namespace {
@@ -36,9 +38,9 @@ std::vector<Piece> Split(const Piece &whole, const std::string &separator) {
 }
 
 // The fields of an expression without errors.
-std::vector<Piece> FieldsOf(const Subject &subject) {
-    const Json::Value &written = Member(subject.Written(), "crontab");
-    std::vector<Piece> fields = Split({{}, written.asString(), StartOfCrontab(subject)}, " ");
+std::vector<Piece> FieldsOf(const CheckedDefinition &checked) {
+    const Json::Value &written = Member(checked.Written(), "crontab");
+    std::vector<Piece> fields = Split({{}, written.asString(), StartOfCrontab(checked)}, " ");
     for (std::size_t i = 0; i < fields.size(); ++i)
         fields[i].key = FieldKeys().at(i);
     return fields;
@@ -73,14 +75,14 @@ std::string AllowedIn(const std::string &key) {
            lowest + "~" + highest + R"(, "~" or "*")";
 }
 
-void AddAt(Subject &subject, Severity severity, const Piece &piece, const std::string &message,
-           const std::string &allowed) {
-    Finding finding{"crontab", message, allowed};
-    const Json::Value &written = Member(subject.Written(), "crontab");
-    finding.place =
-        piece.offset ? subject.Places().At(*piece.offset) : subject.Places().Of(written);
-    finding.found = Quoted(piece.text);
-    subject.Add(severity, finding);
+void AddAt(CheckedDefinition &checked, Severity severity, const Piece &piece,
+           const std::string &message, const std::string &allowed) {
+    DiagnosticDetails details{"crontab", message, allowed};
+    const Json::Value &written = Member(checked.Written(), "crontab");
+    details.place =
+        piece.offset ? checked.Places().At(*piece.offset) : checked.Places().Of(written);
+    details.found = Quoted(piece.text);
+    checked.Add(severity, details);
 }
 
 // --- Errors -------------------------------------------------------------------------------------
@@ -101,7 +103,7 @@ std::string InsteadOfDash(const Piece &item) {
            " for one drawn at random";
 }
 
-void AddNotANumber(Subject &subject, const Piece &item, const std::string &offender) {
+void AddNotANumber(CheckedDefinition &checked, const Piece &item, const std::string &offender) {
     const std::string name = NameOf(item.key);
     std::string message = name + " " + Quoted(item.text) + " is no number";
     std::string allowed = AllowedIn(item.key);
@@ -117,7 +119,7 @@ void AddNotANumber(Subject &subject, const Piece &item, const std::string &offen
         allowed = instead.empty() ? allowed : instead;
     } else if (offender != item.text)
         message = name + " " + Quoted(item.text) + ": " + Quoted(offender) + " is no number";
-    AddAt(subject, Severity::Error, item, message, allowed);
+    AddAt(checked, Severity::Error, item, message, allowed);
 }
 
 // Whether there is a field without a character.
@@ -128,20 +130,20 @@ bool HasEmptyField(const std::string &expression) {
 
 } // namespace
 
-void AddItemError(Subject &subject, const DefinitionFault &fault,
+void AddItemError(CheckedDefinition &checked, const DefinitionFault &fault,
                   std::optional<std::size_t> start) {
     Piece item{FieldKeys().at(fault.number), fault.text, {}};
     if (start)
         item.offset = *start + fault.offset;
     const std::string subjectOfAll = NameOf(item.key) + " " + Quoted(item.text);
     const auto add = [&](const std::string &message) {
-        AddAt(subject, Severity::Error, item, subjectOfAll + message, AllowedIn(item.key));
+        AddAt(checked, Severity::Error, item, subjectOfAll + message, AllowedIn(item.key));
     };
     switch (fault.item.fault) {
     case CronItemFault::None:
         break;
     case CronItemFault::NotANumber:
-        AddNotANumber(subject, item, fault.item.offender);
+        AddNotANumber(checked, item, fault.item.offender);
         break;
     case CronItemFault::Reversed:
         add(" ends before it begins");
@@ -155,8 +157,8 @@ void AddItemError(Subject &subject, const DefinitionFault &fault,
     }
 }
 
-void AddFieldCountError(Subject &subject, const DefinitionFault &fault) {
-    subject.Add(Severity::Error,
+void AddFieldCountError(CheckedDefinition &checked, const DefinitionFault &fault) {
+    checked.Add(Severity::Error,
                 {"crontab",
                  "\"crontab\" has " + std::to_string(fault.number) +
                      (fault.number == 1 ? " field" : " fields") +
@@ -182,7 +184,7 @@ std::string InsteadOfStep(const Piece &item) {
 }
 
 // What follows "*" or "~" at an item's start is not read.
-void FindUnreadRest(Subject &subject, const Piece &item) {
+void FindUnreadRest(CheckedDefinition &checked, const Piece &item) {
     const CronItem parsed = ParseCronItem(item.key, item.text);
     const bool any = parsed.range.type == CronRange::Any;
     const std::string name = NameOf(item.key);
@@ -191,12 +193,12 @@ void FindUnreadRest(Subject &subject, const Piece &item) {
         return;
     if (any) {
         const std::string instead = InsteadOfStep(item);
-        AddAt(subject, Severity::Warning, item,
+        AddAt(checked, Severity::Warning, item,
               name + " " + Quoted(item.text) + " is read as" + all + ", every " + name,
               instead.empty() ? AllowedIn(item.key) : instead);
         return;
     }
-    AddAt(subject, Severity::Warning, item,
+    AddAt(checked, Severity::Warning, item,
           name + " " + Quoted(item.text) + " is read as" + all + ", one drawn from " +
               std::to_string(parsed.range.from) + " to " + std::to_string(parsed.range.to),
           "both ends, such as " + std::to_string(parsed.range.from) + item.text);
@@ -230,10 +232,11 @@ bool IsRestricted(const Choice &choice, const std::string &key) {
     return !choice.any && choice.sure.size() != NumbersOf(key).size();
 }
 
-void FindBothDays(Subject &subject, const CronFields &fields, const Piece &day, const Piece &week) {
+void FindBothDays(CheckedDefinition &checked, const CronFields &fields, const Piece &day,
+                  const Piece &week) {
     if (IsRestricted(ChoiceOf(fields, day.key), day.key) &&
         IsRestricted(ChoiceOf(fields, week.key), week.key))
-        AddAt(subject, Severity::Warning, week,
+        AddAt(checked, Severity::Warning, week,
               "day " + Quoted(day.text) + " and weekday " + Quoted(week.text) +
                   " must both match on the same day",
               "\"*\" for one of the two");
@@ -250,7 +253,7 @@ std::string DaysMissing(std::int32_t month, const std::set<std::int32_t> &days) 
                            : ValueInWords("month", month) + " never has day " + Enumerated(missing);
 }
 
-void FindMissingDays(Subject &subject, const CronFields &fields, const Piece &day) {
+void FindMissingDays(CheckedDefinition &checked, const CronFields &fields, const Piece &day) {
     const Choice days = ChoiceOf(fields, "day");
     const Choice months = ChoiceOf(fields, "month");
     if (days.any || months.any)
@@ -264,18 +267,20 @@ void FindMissingDays(Subject &subject, const CronFields &fields, const Piece &da
             texts += (texts.empty() ? "" : "; ") + missing;
     }
     if (!texts.empty())
-        AddAt(subject, Severity::Warning, day, texts + (runs ? "" : ": the job never runs"),
+        AddAt(checked, Severity::Warning, day, texts + (runs ? "" : ": the job never runs"),
               "days that every month of the expression has");
 }
 
 } // namespace
 
-void FindCrontabWarnings(Subject &subject, const CronFields &fields) {
-    const std::vector<Piece> pieces = FieldsOf(subject);
+void FindCrontabWarnings(CheckedDefinition &checked, const CronFields &fields) {
+    const std::vector<Piece> pieces = FieldsOf(checked);
     for (const Piece &field : pieces)
         for (const Piece &item : Split(field, ","))
-            FindUnreadRest(subject, item);
+            FindUnreadRest(checked, item);
     const Piece &day = pieces.at(2);
-    FindBothDays(subject, fields, day, pieces.at(4));
-    FindMissingDays(subject, fields, day);
+    FindBothDays(checked, fields, day, pieces.at(4));
+    FindMissingDays(checked, fields, day);
 }
+
+} // namespace kest::ctl

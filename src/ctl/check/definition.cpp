@@ -10,6 +10,8 @@
 #include <cctype>
 #include <optional>
 
+namespace kest::ctl {
+
 namespace {
 
 struct KnownMember {
@@ -54,102 +56,102 @@ std::optional<bool> RunsByCrontab(const Json::Value &config) {
 
 // --- Errors -------------------------------------------------------------------------------------
 
-void AddUnusable(Subject &subject, const std::string &member) {
-    const Json::Value &value = Member(subject.Config(), member);
-    const bool there = subject.Config().isMember(member);
-    subject.Add(Severity::Error,
+void AddUnusable(CheckedDefinition &checked, const std::string &member) {
+    const Json::Value &value = Member(checked.Config(), member);
+    const bool there = checked.Config().isMember(member);
+    checked.Add(Severity::Error,
                 {member, Named(member) + (there ? " cannot be " + Excerpt(value) : " is missing"),
                  AllowedFor(member)});
 }
 
-void AddArgument(Subject &subject, std::size_t index) {
-    const Json::Value &list = Member(subject.Written(), "cmd_list");
+void AddArgument(CheckedDefinition &checked, std::size_t index) {
+    const Json::Value &list = Member(checked.Written(), "cmd_list");
     const Json::Value &element = list[static_cast<Json::ArrayIndex>(index)];
-    subject.Add(Severity::Error, {"cmd_list", "an argument cannot be " + Excerpt(element), "a text",
-                                  subject.Places().Of(element), Excerpt(element)});
+    checked.Add(Severity::Error, {"cmd_list", "an argument cannot be " + Excerpt(element), "a text",
+                                  checked.Places().Of(element), Excerpt(element)});
 }
 
-void AddError(Subject &subject, const DefinitionFault &fault,
+void AddError(CheckedDefinition &checked, const DefinitionFault &fault,
               std::optional<std::size_t> startOfCrontab) {
     using Kind = DefinitionFault::Kind;
-    const bool hasCrontab = Member(subject.Written(), "crontab").isString();
+    const bool hasCrontab = Member(checked.Written(), "crontab").isString();
     if (fault.kind == Kind::Item)
-        AddItemError(subject, fault, startOfCrontab);
+        AddItemError(checked, fault, startOfCrontab);
     else if (fault.kind == Kind::FieldCount && hasCrontab)
-        AddFieldCountError(subject, fault);
+        AddFieldCountError(checked, fault);
     else if (fault.kind == Kind::Argument)
-        AddArgument(subject, fault.number);
+        AddArgument(checked, fault.number);
     else if (*fault.member == '\0')
-        subject.Add(Severity::Error,
-                    {"", "a definition cannot be " + Excerpt(subject.Config()), "an object"});
+        checked.Add(Severity::Error,
+                    {"", "a definition cannot be " + Excerpt(checked.Config()), "an object"});
     else
-        AddUnusable(subject, fault.member);
+        AddUnusable(checked, fault.member);
 }
 
 } // namespace
 
-void AddErrors(Subject &subject, const std::vector<DefinitionFault> &faults) {
+void AddErrors(CheckedDefinition &checked, const std::vector<DefinitionFault> &faults) {
     const std::optional<std::size_t> startOfCrontab =
-        faults.empty() ? std::nullopt : StartOfCrontab(subject);
+        faults.empty() ? std::nullopt : StartOfCrontab(checked);
     for (const DefinitionFault &fault : faults)
-        AddError(subject, fault, startOfCrontab);
+        AddError(checked, fault, startOfCrontab);
 }
 
 // --- Misreadings --------------------------------------------------------------------------------
 
 namespace {
 
-void WarnByName(Subject &subject, const std::string &member, const std::string &text,
+void WarnByName(CheckedDefinition &checked, const std::string &member, const std::string &text,
                 const std::string &allowed = {}) {
-    subject.Add(Severity::Warning, {member, Named(member) + " " + text, allowed});
+    checked.Add(Severity::Warning, {member, Named(member) + " " + text, allowed});
 }
 
-void FindUnknownMembers(Subject &subject) {
+void FindUnknownMembers(CheckedDefinition &checked) {
     std::vector<std::string> known;
     known.reserve(kMembers.size());
     for (const KnownMember &member : kMembers)
         known.emplace_back(member.name);
-    const Json::Value &written = subject.Written();
+    const Json::Value &written = checked.Written();
     for (const std::string &name : written.getMemberNames()) {
         if (FindKnown(name) != nullptr)
             continue;
         const std::vector<std::string> near = NearestOf(name, known, 1);
-        subject.Add(Severity::Warning,
+        checked.Add(Severity::Warning,
                     {name, "nobody reads " + Quoted(name), near.empty() ? "" : Named(near.front()),
-                     subject.Places().OfName(Member(written, name))});
+                     checked.Places().OfName(Member(written, name))});
     }
 }
 
 // Members that others go before.
-void FindUnreadMembers(Subject &subject, const JobDirectory &directory, bool alone) {
-    const Json::Value &written = subject.Written();
-    const Json::Value &config = subject.Config();
+void FindUnreadMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
+    const Json::Value &written = checked.Written();
+    const Json::Value &config = checked.Config();
     if (alone && written.isMember("name") && TextMember(written, "name") != "default")
-        WarnByName(subject, "name",
+        WarnByName(checked, "name",
                    "is not read: the only job of a file without an array is \"default\"",
                    "an array with this definition, where the job may have a name");
     for (const char *member : {"user", "package_username"})
         if (!directory.account.empty() && written.isMember(member) &&
             Member(written, member) != Member(config, member))
-            WarnByName(subject, member,
+            WarnByName(checked, member,
                        "is not read: every job of this directory runs as " +
                            Quoted(directory.account));
     if (written.isMember("cmd") && written.isMember("cmd_list"))
-        WarnByName(subject, "cmd", "is not read: \"cmd_list\" goes before it", "one of the two");
+        WarnByName(checked, "cmd", "is not read: \"cmd_list\" goes before it", "one of the two");
     if (written.isMember("crontab") && !RunsByCrontab(config).value_or(true))
-        WarnByName(subject, "crontab",
+        WarnByName(checked, "crontab",
                    "is not read: \"period\" is " + Excerpt(Member(config, "period")),
                    R"("crontab" as "period")");
 }
 
-void FindPeriodWord(Subject &subject) {
+void FindPeriodWord(CheckedDefinition &checked) {
     // The words that mean what they say; the first of a row is the one to write.
     constexpr std::array<std::array<const char *, 3>, 5> words{{{"hourly", "hour", "h"},
                                                                 {"daily", "day", "d"},
                                                                 {"weekly", "week", "w"},
                                                                 {"monthly", "month", "m"},
                                                                 {"crontab", "cron", "c"}}};
-    std::string period = TextMember(subject.Config(), "period");
+    std::string period = TextMember(checked.Config(), "period");
     const std::string written = period;
     std::transform(period.begin(), period.end(), period.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
@@ -157,7 +159,7 @@ void FindPeriodWord(Subject &subject) {
     for (const auto &row : words)
         if (expression && PeriodCrontab(row.front(), "own") == expression &&
             std::find(row.begin(), row.end(), period) == row.end())
-            WarnByName(subject, "period",
+            WarnByName(checked, "period",
                        Quoted(written) + " is read as \"" + row.front() +
                            "\": only its first letter counts",
                        AllowedFor("period"));
@@ -165,34 +167,36 @@ void FindPeriodWord(Subject &subject) {
 
 } // namespace
 
-void FindMisreadings(Subject &subject, const JobDirectory &directory, bool alone) {
-    if (!subject.Written().isObject())
+void FindMisreadings(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
+    if (!checked.Written().isObject())
         return;
-    FindUnknownMembers(subject);
-    FindUnreadMembers(subject, directory, alone);
-    FindPeriodWord(subject);
+    FindUnknownMembers(checked);
+    FindUnreadMembers(checked, directory, alone);
+    FindPeriodWord(checked);
 }
 
 // --- Settings -----------------------------------------------------------------------------------
 
-void FindOddSettings(Subject &subject, const CronJob &job) {
-    const Json::Value &hours = Member(subject.Written(), "assure_execute");
-    const Json::Value &action = Member(subject.Written(), "assure_execute_action");
-    if (RunsByCrontab(subject.Config()).value_or(false))
-        FindCrontabWarnings(subject, job.cronFields());
+void FindOddSettings(CheckedDefinition &checked, const CronJob &job) {
+    const Json::Value &hours = Member(checked.Written(), "assure_execute");
+    const Json::Value &action = Member(checked.Written(), "assure_execute_action");
+    if (RunsByCrontab(checked.Config()).value_or(false))
+        FindCrontabWarnings(checked, job.cronFields());
     if (!hours.isNull() && !hours.isInt())
-        WarnByName(subject, "assure_execute",
+        WarnByName(checked, "assure_execute",
                    Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),
                    "a whole number of hours");
     if (job.assureExecute < 0)
-        WarnByName(subject, "assure_execute", "is negative: the job is overdue in every cycle",
+        WarnByName(checked, "assure_execute", "is negative: the job is overdue in every cycle",
                    "hours, or 0 for never");
     if (action.isNull())
         return;
     if (job.assureExecute == 0)
-        WarnByName(subject, "assure_execute_action",
+        WarnByName(checked, "assure_execute_action",
                    "is not read without hours in \"assure_execute\"");
     else if (action != "run" && action != "wait")
-        WarnByName(subject, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
+        WarnByName(checked, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
                    AllowedFor("assure_execute_action"));
 }
+
+} // namespace kest::ctl

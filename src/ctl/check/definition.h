@@ -4,20 +4,24 @@
 #define CTL_CHECK_DEFINITION_H
 
 #include "core/job_files.h"
-#include "ctl/check/problem.h"
+#include "ctl/check/diagnostic.h"
 #include "job/cronjob.h"
 #include "job/definition.h"
 
 #include <vector>
 
+namespace kest::ctl {
+
 // Adds each of `faults`, those for which the daemon refuses the definition.
-void AddErrors(Subject &subject, const std::vector<DefinitionFault> &faults);
+void AddErrors(CheckedDefinition &checked, const std::vector<DefinitionFault> &faults);
 
 // Members that nobody reads and words that are read as others, in a definition of `directory`.
 // `alone`: it is the one object of its file.
-void FindMisreadings(Subject &subject, const JobDirectory &directory, bool alone);
+void FindMisreadings(CheckedDefinition &checked, const JobDirectory &directory, bool alone);
 
 // Settings that are hardly meant in a definition that the daemon takes. `job` is what it becomes.
-void FindOddSettings(Subject &subject, const CronJob &job);
+void FindOddSettings(CheckedDefinition &checked, const CronJob &job);
+
+} // namespace kest::ctl
 
 #endif

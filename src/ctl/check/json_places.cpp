@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <string_view>
 
+namespace kest::ctl {
+
 namespace {
 
 // The last character before `end` that is no blank; npos when there is none.
@@ -86,3 +88,5 @@ JsonPlaces::Fault JsonPlaces::FirstOf(const std::string &faults) const {
         fault.text.erase(0, prefix.size());
     return fault;
 }
+
+} // namespace kest::ctl

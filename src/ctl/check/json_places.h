@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 // Both begin with 1; columns are bytes.
 struct Place {
     std::size_t line = 1;
@@ -42,5 +44,7 @@ private:
     std::size_t begin_; // of what the parser sees: a byte order mark is none of it
     std::vector<std::size_t> lines_;
 };
+
+} // namespace kest::ctl
 
 #endif

@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+namespace kest::ctl {
+
 namespace {
 
 volatile std::sig_atomic_t statusAtEnd = 0;
@@ -44,3 +46,5 @@ void LimitMemory(std::size_t documentSize) {
     if (kMemoryIsCounted)
         setrlimit(RLIMIT_DATA, &limit);
 }
+
+} // namespace kest::ctl

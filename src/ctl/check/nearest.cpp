@@ -5,6 +5,8 @@
 #include <numeric>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 bool IsSame(char a, char b) {
@@ -47,3 +49,5 @@ std::vector<std::string> NearestOf(const std::string &word, const std::vector<st
         names.push_back(std::move(name));
     return names;
 }
+
+} // namespace kest::ctl

@@ -6,9 +6,13 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 // Those of `known` that are most like `word`, at most `most`, the nearest first; none that is not
 // like it at all.
 std::vector<std::string> NearestOf(const std::string &word, const std::vector<std::string> &known,
                                    std::size_t most);
+
+} // namespace kest::ctl
 
 #endif

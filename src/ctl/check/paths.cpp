@@ -11,6 +11,8 @@
 #include <set>
 #include <unistd.h>
 
+namespace kest::ctl {
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -62,14 +64,15 @@ std::vector<JobFileBatch> CheckPaths::Batches() const {
 
 void CheckPaths::Refuse(const std::string &shown, const std::string &message,
                         const std::string &allowed) {
-    const bool known = std::any_of(problems_.begin(), problems_.end(),
-                                   [&](const Problem &problem) { return problem.file == shown; });
-    Problem problem;
-    problem.file = shown;
-    problem.message = message;
-    problem.allowed = allowed;
+    const bool known =
+        std::any_of(diagnostics_.begin(), diagnostics_.end(),
+                    [&](const Diagnostic &diagnostic) { return diagnostic.file == shown; });
+    Diagnostic diagnostic;
+    diagnostic.file = shown;
+    diagnostic.message = message;
+    diagnostic.allowed = allowed;
     if (!known)
-        problems_.push_back(std::move(problem));
+        diagnostics_.push_back(std::move(diagnostic));
 }
 
 bool CheckPaths::LookAt(const std::string &path, const std::string &shown, struct stat &status) {
@@ -225,3 +228,5 @@ void CheckPaths::AddTheirOtherDirectories() {
             batches_.try_emplace({AccountSource(), name}, std::move(batch));
     }
 }
+
+} // namespace kest::ctl

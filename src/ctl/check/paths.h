@@ -4,7 +4,7 @@
 #define CTL_CHECK_PATHS_H
 
 #include "core/job_files.h"
-#include "ctl/check/problem.h"
+#include "ctl/check/diagnostic.h"
 #include "ctl/system/appliance.h"
 
 #include <cstddef>
@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <utility>
 #include <vector>
+
+namespace kest::ctl {
 
 // Files of one directory.
 struct JobFileBatch {
@@ -39,7 +41,7 @@ public:
     // In the order in which the daemon reads them, those of no source last.
     std::vector<JobFileBatch> Batches() const;
     // Directories that the daemon refuses as a whole.
-    const std::vector<Problem> &Problems() const { return problems_; }
+    const std::vector<Diagnostic> &Diagnostics() const { return diagnostics_; }
     // What could not be looked into, in words; it may be all right.
     const std::vector<std::string> &Unreadable() const { return unreadable_; }
 
@@ -56,8 +58,10 @@ private:
 
     const Appliance &appliance_;
     std::map<Rank, JobFileBatch> batches_;
-    std::vector<Problem> problems_;
+    std::vector<Diagnostic> diagnostics_;
     std::vector<std::string> unreadable_;
 };
+
+} // namespace kest::ctl
 
 #endif

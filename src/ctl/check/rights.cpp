@@ -5,14 +5,16 @@
 #include <sys/stat.h>
 #include <utility>
 
+namespace kest::ctl {
+
 void CheckRights::Warn(const std::string &shown, const std::string &message,
                        const std::string &allowed) {
-    Problem problem;
-    problem.file = shown;
-    problem.severity = Severity::Warning;
-    problem.message = message;
-    problem.allowed = allowed;
-    problems_.push_back(std::move(problem));
+    Diagnostic diagnostic;
+    diagnostic.file = shown;
+    diagnostic.severity = Severity::Warning;
+    diagnostic.message = message;
+    diagnostic.allowed = allowed;
+    diagnostics_.push_back(std::move(diagnostic));
 }
 
 // Whether others than root and `account` may change what `path` leads to here. On the way to a
@@ -74,3 +76,5 @@ void CheckRights::Check(const JobFileBatch &batch) {
                  "a file that nobody else may write to");
     }
 }
+
+} // namespace kest::ctl

@@ -3,14 +3,16 @@
 #ifndef CTL_CHECK_RIGHTS_H
 #define CTL_CHECK_RIGHTS_H
 
+#include "ctl/check/diagnostic.h"
 #include "ctl/check/paths.h"
-#include "ctl/check/problem.h"
 #include "ctl/system/appliance.h"
 
 #include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+namespace kest::ctl {
 
 class CheckRights {
 public:
@@ -21,7 +23,7 @@ public:
     // and the account of the directory could change, and for an account directory that is a link.
     void Check(const JobFileBatch &batch);
 
-    const std::vector<Problem> &Problems() const { return problems_; }
+    const std::vector<Diagnostic> &Diagnostics() const { return diagnostics_; }
 
 private:
     void CheckLink(const JobFileBatch &batch);
@@ -31,7 +33,9 @@ private:
 
     const Appliance &appliance_;
     std::set<std::string> seen_; // directories above others that were looked at
-    std::vector<Problem> problems_;
+    std::vector<Diagnostic> diagnostics_;
 };
+
+} // namespace kest::ctl
 
 #endif

@@ -21,6 +21,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 // --- What is asked of the system ----------------------------------------------------------------
@@ -42,7 +44,7 @@ private:
 };
 
 Account SystemFacts::AccountOf(const Json::Value &config) {
-    Account account{::AccountOf(config).value_or(""), false};
+    Account account{kest::AccountOf(config).value_or(""), false};
     const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
     if (isNew)
         entry->second = appliance_.HasAccount(account.name);
@@ -101,14 +103,14 @@ bool SystemFacts::IsOpen(const std::string &directory, bool last,
 struct Outcome {
     std::size_t files = 0;
     std::size_t jobs = 0;
-    std::vector<Problem> problems;
+    std::vector<Diagnostic> diagnostics;
     std::vector<std::string> unreadable;
     std::vector<JudgedJob> judged; // jobs of the sources
 };
 
-void Append(std::vector<Problem> &problems, std::vector<Problem> more) {
-    problems.insert(problems.end(), std::make_move_iterator(more.begin()),
-                    std::make_move_iterator(more.end()));
+void Append(std::vector<Diagnostic> &diagnostics, std::vector<Diagnostic> more) {
+    diagnostics.insert(diagnostics.end(), std::make_move_iterator(more.begin()),
+                       std::make_move_iterator(more.end()));
 }
 
 // Reads and judges files one after the other, as far as they are asked for.
@@ -146,7 +148,7 @@ void Checker::Take(const JobFile &file, std::vector<JudgedJob> &jobs) {
     JobFileReport report = CheckJobFile(file, environment);
     ++outcome_.files;
     outcome_.jobs += report.jobs.size();
-    Append(outcome_.problems, std::move(report.problems));
+    Append(outcome_.diagnostics, std::move(report.diagnostics));
     std::move(report.jobs.begin(), report.jobs.end(), std::back_inserter(jobs));
 }
 
@@ -167,7 +169,7 @@ void Checker::Check(const JobFileBatch &batch) {
         file.error = read ? 0 : errno;
         Take(file, batch.ofSource ? jobs_ : own);
     }
-    Append(outcome_.problems, ReplacedJobs(own));
+    Append(outcome_.diagnostics, ReplacedJobs(own));
 }
 
 // As the daemon reads them, which only root can do, and only on its own system: elsewhere with the
@@ -241,16 +243,16 @@ void Checker::CheckUnread(const JobFileBatch &batch,
     }
     if (count == 0)
         return;
-    Problem problem = BeyondQuota(batch.directory.account);
-    problem.file = first;
+    Diagnostic diagnostic = BeyondQuota(batch.directory.account);
+    diagnostic.file = first;
     if (count > 1)
-        problem.message += ", and " + std::to_string(count - 1) + " more";
-    outcome_.problems.push_back(std::move(problem));
+        diagnostic.message += ", and " + std::to_string(count - 1) + " more";
+    outcome_.diagnostics.push_back(std::move(diagnostic));
     outcome_.files += count;
 }
 
 Outcome Checker::Finish() {
-    Append(outcome_.problems, ReplacedJobs(jobs_));
+    Append(outcome_.diagnostics, ReplacedJobs(jobs_));
     outcome_.judged = std::move(jobs_);
     return std::move(outcome_);
 }
@@ -269,17 +271,17 @@ Outcome CheckAll(const Context &context, const CheckOptions &options) {
         rights.Check(batch);
     }
     Outcome outcome = checker.Finish();
-    Append(outcome.problems, rights.Problems());
-    Append(outcome.problems, paths.Problems());
+    Append(outcome.diagnostics, rights.Diagnostics());
+    Append(outcome.diagnostics, paths.Diagnostics());
     outcome.unreadable.insert(outcome.unreadable.begin(), paths.Unreadable().begin(),
                               paths.Unreadable().end());
     if (options.errorsOnly)
-        outcome.problems.erase(
-            std::remove_if(outcome.problems.begin(), outcome.problems.end(),
-                           [](const Problem &p) { return p.severity != Severity::Error; }),
-            outcome.problems.end());
-    std::stable_sort(outcome.problems.begin(), outcome.problems.end(),
-                     [](const Problem &a, const Problem &b) {
+        outcome.diagnostics.erase(
+            std::remove_if(outcome.diagnostics.begin(), outcome.diagnostics.end(),
+                           [](const Diagnostic &p) { return p.severity != Severity::Error; }),
+            outcome.diagnostics.end());
+    std::stable_sort(outcome.diagnostics.begin(), outcome.diagnostics.end(),
+                     [](const Diagnostic &a, const Diagnostic &b) {
                          return std::tie(a.file, a.place.line, a.place.column) <
                                 std::tie(b.file, b.place.line, b.place.column);
                      });
@@ -289,9 +291,9 @@ Outcome CheckAll(const Context &context, const CheckOptions &options) {
 // --- The answer ---------------------------------------------------------------------------------
 
 std::size_t CountOf(const Outcome &outcome, Severity severity) {
-    return static_cast<std::size_t>(
-        std::count_if(outcome.problems.begin(), outcome.problems.end(),
-                      [&](const Problem &problem) { return problem.severity == severity; }));
+    return static_cast<std::size_t>(std::count_if(
+        outcome.diagnostics.begin(), outcome.diagnostics.end(),
+        [&](const Diagnostic &diagnostic) { return diagnostic.severity == severity; }));
 }
 
 const char *NameOf(Severity severity) {
@@ -309,30 +311,31 @@ Json::Value ToJson(const Outcome &outcome) {
     json["errors"] = Json::UInt64{CountOf(outcome, Severity::Error)};
     json["warnings"] = Json::UInt64{CountOf(outcome, Severity::Warning)};
     json["problems"] = Json::Value(Json::arrayValue);
-    for (const Problem &problem : outcome.problems) {
+    for (const Diagnostic &diagnostic : outcome.diagnostics) {
         Json::Value one;
-        one["file"] = problem.file;
-        one["line"] = Json::UInt64{problem.place.line};
-        one["column"] = Json::UInt64{problem.place.column};
-        one["severity"] = NameOf(problem.severity);
-        one["job"] = TextOrNull(problem.job);
-        one["member"] = TextOrNull(problem.member);
-        one["found"] = TextOrNull(problem.found);
-        one["allowed"] = TextOrNull(problem.allowed);
-        one["message"] = problem.message;
+        one["file"] = diagnostic.file;
+        one["line"] = Json::UInt64{diagnostic.place.line};
+        one["column"] = Json::UInt64{diagnostic.place.column};
+        one["severity"] = NameOf(diagnostic.severity);
+        one["job"] = TextOrNull(diagnostic.job);
+        one["member"] = TextOrNull(diagnostic.member);
+        one["found"] = TextOrNull(diagnostic.found);
+        one["allowed"] = TextOrNull(diagnostic.allowed);
+        one["message"] = diagnostic.message;
         json["problems"].append(std::move(one));
     }
     return json;
 }
 
-void WriteText(const Problem &problem, const Screen &screen, std::ostream &stream) {
-    const Colour colour = problem.severity == Severity::Error ? Colour::Red : Colour::Yellow;
-    std::string text = problem.job.empty() ? "" : problem.job + ": ";
-    text += problem.message;
-    if (!problem.allowed.empty())
-        text += "; allowed: " + problem.allowed;
-    stream << Shown(problem.file) << ":" << problem.place.line << ":" << problem.place.column
-           << ": " << Coloured(screen, colour, std::string(NameOf(problem.severity)) + ":") << " "
+void WriteText(const Diagnostic &diagnostic, const Screen &screen, std::ostream &stream) {
+    const Colour colour = diagnostic.severity == Severity::Error ? Colour::Red : Colour::Yellow;
+    std::string text = diagnostic.job.empty() ? "" : diagnostic.job + ": ";
+    text += diagnostic.message;
+    if (!diagnostic.allowed.empty())
+        text += "; allowed: " + diagnostic.allowed;
+    stream << Shown(diagnostic.file) << ":" << diagnostic.place.line << ":"
+           << diagnostic.place.column << ": "
+           << Coloured(screen, colour, std::string(NameOf(diagnostic.severity)) + ":") << " "
            << Shown(text) << "\n";
 }
 
@@ -342,12 +345,12 @@ std::string Counted(std::size_t count, const std::string &noun) {
 
 // "3 files, 5 jobs: 1 error, 2 warnings"
 std::string Summary(const Outcome &outcome) {
-    std::string problems;
+    std::string diagnostics;
     for (const Severity severity : {Severity::Error, Severity::Warning})
         if (const std::size_t count = CountOf(outcome, severity))
-            problems += (problems.empty() ? "" : ", ") + Counted(count, NameOf(severity));
+            diagnostics += (diagnostics.empty() ? "" : ", ") + Counted(count, NameOf(severity));
     return Counted(outcome.files, "file") + ", " + Counted(outcome.jobs, "job") + ": " +
-           (problems.empty() ? "no problems" : problems);
+           (diagnostics.empty() ? "no problems" : diagnostics);
 }
 
 } // namespace
@@ -357,8 +360,8 @@ int Check(const Context &context, const CheckOptions &options) {
     if (context.json) {
         WriteJson(ToJson(outcome));
     } else {
-        for (const Problem &problem : outcome.problems)
-            WriteText(problem, context.screen, std::cout);
+        for (const Diagnostic &diagnostic : outcome.diagnostics)
+            WriteText(diagnostic, context.screen, std::cout);
         std::cout.flush();
         std::cerr << Summary(outcome) << "\n";
     }
@@ -367,7 +370,7 @@ int Check(const Context &context, const CheckOptions &options) {
                       (outcome.unreadable.size() == 1
                            ? ""
                            : ", and " + std::to_string(outcome.unreadable.size() - 1) + " more"));
-    return outcome.problems.empty() ? 0 : 1;
+    return outcome.diagnostics.empty() ? 0 : 1;
 }
 
 void TellWhyNotLoaded(const Context &context, const std::string &name) {
@@ -377,7 +380,9 @@ void TellWhyNotLoaded(const Context &context, const std::string &name) {
             std::cerr << Shown(job.file) << ":" << job.place.line << ":" << job.place.column
                       << ": it is defined here"
                       << (job.accepted ? ", and would be loaded at a reload" : "") << "\n";
-    for (const Problem &problem : outcome.problems)
-        if (problem.job == name)
-            WriteText(problem, Screen(), std::cerr);
+    for (const Diagnostic &diagnostic : outcome.diagnostics)
+        if (diagnostic.job == name)
+            WriteText(diagnostic, Screen(), std::cerr);
 }
+
+} // namespace kest::ctl

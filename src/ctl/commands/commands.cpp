@@ -9,6 +9,8 @@
 #include <iostream>
 #include <json/writer.h>
 
+namespace kest::ctl {
+
 bool MatchesPattern(const std::string &pattern, const std::string &name) {
     if (pattern.find_first_of("*?[") == std::string::npos)
         return name.find(pattern) != std::string::npos;
@@ -68,3 +70,5 @@ void WriteJsonLine(const Json::Value &document) {
     builder["emitUTF8"] = true;
     std::cout << ValidUtf8(Json::writeString(builder, document)) << "\n";
 }
+
+} // namespace kest::ctl

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 // What every command works with.
 struct Context {
     Appliance appliance;
@@ -110,5 +112,7 @@ void TellWhatWaits(const Daemon &daemon);
 // Writes a document as the answer; in one line when it is one of many.
 void WriteJson(const Json::Value &document);
 void WriteJsonLine(const Json::Value &document);
+
+} // namespace kest::ctl
 
 #endif

@@ -3,15 +3,17 @@
 #include "ctl/check/definition.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/coming_starts.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
-#include "ctl/display/words.h"
 #include "ctl/system/failure.h"
 #include "job/period.h"
 #include "platform/kestutils.h"
 
 #include <iostream>
+
+namespace kest::ctl {
 
 // The answer in JSON: "expression", "fields" (each with "field", "text", "items" and "words"; an
 // item has "text", "type", which is "exact", "random" or "any", and "from" and "to"), "draws" (each
@@ -53,14 +55,14 @@ std::vector<std::string> RemarksOn(const Json::Value &config, const CronJob &job
                                    const std::vector<DefinitionFault> &faults) {
     const std::string noText;
     const JsonPlaces nowhere(noText);
-    Subject subject(config, config, nowhere);
-    AddErrors(subject, faults);
+    CheckedDefinition checked(config, config, nowhere);
+    AddErrors(checked, faults);
     if (job.valid)
-        FindCrontabWarnings(subject, job.cronFields());
+        FindCrontabWarnings(checked, job.cronFields());
     std::vector<std::string> remarks;
-    for (const Problem &problem : subject.TakeProblems())
-        remarks.push_back(problem.message +
-                          (problem.allowed.empty() ? "" : "; allowed: " + problem.allowed));
+    for (const Diagnostic &diagnostic : checked.TakeDiagnostics())
+        remarks.push_back(diagnostic.message +
+                          (diagnostic.allowed.empty() ? "" : "; allowed: " + diagnostic.allowed));
     return remarks;
 }
 
@@ -219,3 +221,5 @@ int Explain(const Context &context, const ExplainOptions &options) {
         Write(explanation, context);
     return 0;
 }
+
+} // namespace kest::ctl

@@ -1,11 +1,13 @@
 #include "base/json_members.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_json.h"
+#include "ctl/display/job_status.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
-#include "ctl/display/words.h"
-#include "ctl/system/condition.h"
-#include "ctl/system/facts.h"
 
 #include <iostream>
+
+namespace kest::ctl {
 
 int List(const Context &context, const ListOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
@@ -21,7 +23,7 @@ int List(const Context &context, const ListOptions &options) {
             answer.append(JobToJson(job, daemon, context.now));
             continue;
         }
-        const ConditionWords &state = InWords(ConditionOf(job, daemon));
+        const JobStatusText &state = InWords(JobStatusOf(job, daemon));
         const std::optional<JobStart> next = NextStart(job, daemon, context.now);
         table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument()),
                    job.lastRun != 0 ? WhenInShort(job.lastRun, context.now) : "-",
@@ -34,3 +36,5 @@ int List(const Context &context, const ListOptions &options) {
         std::cout << table.Show(context.screen);
     return 0;
 }
+
+} // namespace kest::ctl

@@ -1,8 +1,8 @@
 #include "base/paths.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_json.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
-#include "ctl/system/facts.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/log_file.h"
 #include "ctl/system/log_line.h"
@@ -15,6 +15,8 @@
 #include <limits>
 #include <thread>
 #include <utility>
+
+namespace kest::ctl {
 
 // The answer in JSON: one object a line, with "time", "job" (null when the line tells of none),
 // "failed" and "text".
@@ -110,3 +112,5 @@ int Log(const Context &context, const LogOptions &options) {
         Follow(context, file, filter);
     return 0;
 }
+
+} // namespace kest::ctl

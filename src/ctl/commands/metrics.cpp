@@ -3,14 +3,16 @@
 #include "base/paths.h"
 #include "core/job_state.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_json.h"
 #include "ctl/display/utf8.h"
-#include "ctl/system/facts.h"
 #include "ctl/system/failure.h"
 
 #include <array>
 #include <iostream>
 #include <set>
 #include <unistd.h>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -168,3 +170,5 @@ int Metrics(const Context &context) {
         context.now);
     return 0;
 }
+
+} // namespace kest::ctl

@@ -20,7 +20,11 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon,
                           std::optional<std::int32_t> maxDelay, std::time_t now);
+
+} // namespace kest::ctl
 
 #endif

@@ -1,11 +1,13 @@
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_json.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
-#include "ctl/display/words.h"
-#include "ctl/system/facts.h"
 
 #include <algorithm>
 #include <iostream>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -57,3 +59,5 @@ int Next(const Context &context, const NextOptions &options) {
     std::cout << table.Show(context.screen);
     return 0;
 }
+
+} // namespace kest::ctl

@@ -2,8 +2,8 @@
 #include "base/json_members.h"
 #include "base/paths.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/utf8.h"
-#include "ctl/display/words.h"
 #include "ctl/system/failure.h"
 #include "job/runtime_directory.h"
 
@@ -17,6 +17,8 @@
 #include <thread>
 #include <tuple>
 #include <unistd.h>
+
+namespace kest::ctl {
 
 // The answer in JSON: "came", "went" and "changed", names of jobs, and "jobs", how many there are.
 
@@ -133,3 +135,5 @@ int Reload(const Context &context, const ReloadOptions &options) {
     Write(context, Compare(DefinitionsIn(before), DefinitionsIn(after)), after.jobs.size());
     return 0;
 }
+
+} // namespace kest::ctl

@@ -26,6 +26,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kest::ctl {
+
 namespace {
 
 constexpr int kNotPrepared = 126; // as shells have it
@@ -177,3 +179,5 @@ int Run(const Context &context, const RunOptions &options) {
         BecomeJob(prepared, daemon, NoteOf(job, context.now));
     return WaitFor(pid);
 }
+
+} // namespace kest::ctl

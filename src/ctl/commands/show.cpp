@@ -4,11 +4,11 @@
 #include "base/paths.h"
 #include "base/printable.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_json.h"
+#include "ctl/display/job_status.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
-#include "ctl/display/words.h"
-#include "ctl/system/condition.h"
-#include "ctl/system/facts.h"
 #include "ctl/system/log_file.h"
 #include "ctl/system/log_line.h"
 
@@ -21,6 +21,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+
+namespace kest::ctl {
 
 // The answer in JSON: the members of a job in `list`, and "definition", "command" (an array),
 // "assure_execute" (hours), "assure_run", "run_on_passive", "program", "staged" (paths),
@@ -134,7 +136,7 @@ void Write(const ShownFacts &facts, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = facts.job;
     const Json::Value document = job.job.Document();
-    const ConditionWords &state = InWords(ConditionOf(job, facts.daemon));
+    const JobStatusText &state = InWords(JobStatusOf(job, facts.daemon));
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
          state.text +
@@ -193,3 +195,5 @@ int Show(const Context &context, const ShowOptions &options) {
         Write(facts, context);
     return 0;
 }
+
+} // namespace kest::ctl

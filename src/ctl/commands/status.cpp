@@ -2,9 +2,9 @@
 #include "core/unreadable.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/coming_starts.h"
+#include "ctl/display/job_json.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
-#include "ctl/display/words.h"
-#include "ctl/system/facts.h"
 #include "ctl/system/failure.h"
 #include "job/schedule.h"
 #include "platform/kestcore.h"
@@ -13,6 +13,8 @@
 #include <map>
 #include <string>
 #include <vector>
+
+namespace kest::ctl {
 
 // The answer in JSON: "running", "pid", "since", "passive", "held", "delayed" (launched jobs that
 // wait for their turn), "jobs", "draw" (the template's values as text), "max_delay" (seconds),
@@ -134,3 +136,5 @@ int Status(const Context &context) {
         Show(facts, context);
     return facts.daemon.Runs() || !context.appliance.IsThisOne() ? 0 : notRunning;
 }
+
+} // namespace kest::ctl

@@ -21,6 +21,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 std::time_t BeginOfQuarter(std::time_t time) {
@@ -182,3 +184,5 @@ int Timeline(const Context &context, const TimelineOptions &options) {
         std::cout << TimelineInText(hours, context.screen);
     return 0;
 }
+
+} // namespace kest::ctl

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 struct JobRow {
     std::string name;
     std::vector<JobStart> starts; // in their order; at least one
@@ -68,5 +70,7 @@ std::string IdleInWords(std::size_t idle);
 // (as StartToJson writes them); "load", the quarter hours, each with "from", "starts" and
 // "possible"; and "idle_jobs", the number of the others.
 Json::Value TimelineToJson(const ComingHours &hours);
+
+} // namespace kest::ctl
 
 #endif

@@ -12,6 +12,8 @@
 #include <tuple>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 enum FieldIndex : std::size_t {
@@ -313,3 +315,5 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
     starts.resize(std::min(starts.size(), count));
     return starts;
 }
+
+} // namespace kest::ctl

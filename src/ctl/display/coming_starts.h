@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 struct ComingStart {
     std::time_t earliest = 0;         // both are beginnings of local minutes,
     std::time_t latest = 0;           // the same one when it is known
@@ -44,5 +46,7 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
 
 // The first moment after `after` at which the field `key` is drawn anew.
 std::time_t NextRedraw(const std::string &key, std::time_t after);
+
+} // namespace kest::ctl
 
 #endif

@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 constexpr std::size_t kGap = 2; // columns between two columns of a table
@@ -174,3 +176,5 @@ std::string Table::Show(const Screen &screen) const {
     }
     return text;
 }
+
+} // namespace kest::ctl

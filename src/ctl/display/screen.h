@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace kest::ctl {
+
 struct Screen {
     std::size_t width = 0; // columns; 0: no terminal, lines may be of any length
     bool colour = false;
@@ -58,5 +60,7 @@ private:
     std::vector<Row> rows_; // the header first
     std::vector<std::size_t> dispensable_;
 };
+
+} // namespace kest::ctl
 
 #endif

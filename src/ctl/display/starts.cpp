@@ -10,6 +10,8 @@
 #include <tuple>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 bool ComesBefore(const JobStart &a, const JobStart &b) {
@@ -156,3 +158,5 @@ Json::Value StartToJson(const ComingStart &start, bool overdue) {
     json["overdue"] = overdue;
     return json;
 }
+
+} // namespace kest::ctl

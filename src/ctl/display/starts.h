@@ -12,6 +12,8 @@
 #include <json/value.h>
 #include <vector>
 
+namespace kest::ctl {
+
 struct JobStart : ComingStart {
     const LiveJob *job = nullptr;
     bool overdue = false; // not by its schedule, but because it is assured and has waited too long
@@ -32,5 +34,7 @@ std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const D
 // The members that tell of a start: "earliest" and "latest", equal when it is known to the minute,
 // "undrawn", the keys of the fields that are to be drawn first, and "overdue".
 Json::Value StartToJson(const ComingStart &start, bool overdue);
+
+} // namespace kest::ctl
 
 #endif

@@ -1,13 +1,15 @@
 #include "ctl/display/timeline_svg.h"
 
+#include "ctl/display/phrases.h"
 #include "ctl/display/screen.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
-#include "ctl/display/words.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -399,3 +401,5 @@ private:
 std::string TimelineInSvg(const ComingHours &hours) {
     return Drawing(hours).Show();
 }
+
+} // namespace kest::ctl

@@ -7,6 +7,8 @@
 #include <array>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 // What a place of the picture shows. Of two that meet in one place the later one is shown.
@@ -289,3 +291,5 @@ private:
 std::string TimelineInText(const ComingHours &hours, const Screen &screen) {
     return TextPicture(hours, screen).Show();
 }
+
+} // namespace kest::ctl

@@ -8,8 +8,12 @@
 
 #include <string>
 
+namespace kest::ctl {
+
 // The picture as lines of text that fit the screen, and 100 columns where there is none; below 30
 // columns it is drawn for 30.
 std::string TimelineInText(const ComingHours &hours, const Screen &screen);
+
+} // namespace kest::ctl
 
 #endif

@@ -7,6 +7,8 @@
 #include <charconv>
 #include <cstdint>
 
+namespace kest::ctl {
+
 std::tm Local(std::time_t time) {
     std::tm local{};
     localtime_r(&time, &local);
@@ -173,3 +175,5 @@ std::optional<std::time_t> ReadTime(const std::string &text, std::time_t now) {
         return now - *span;
     return ReadCalendar(text, now);
 }
+
+} // namespace kest::ctl

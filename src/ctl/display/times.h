@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+namespace kest::ctl {
+
 std::tm Local(std::time_t time);
 
 // A local time as somebody at `now` would say it: "today 03:17", "tomorrow 00:05", "Tue 9 Jun
@@ -39,5 +41,7 @@ std::string Iso(std::time_t time);
 // `now`,
 // "+2h" after it. Nothing for anything else.
 std::optional<std::time_t> ReadTime(const std::string &text, std::time_t now);
+
+} // namespace kest::ctl
 
 #endif

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdio>
 
+namespace kest::ctl {
+
 namespace {
 
 // The leading bytes of one kind of character: how long it is, and what its second byte may be. All
@@ -108,3 +110,5 @@ std::string Shown(std::string_view text) {
     }
     return shown;
 }
+
+} // namespace kest::ctl

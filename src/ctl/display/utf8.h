@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest::ctl {
+
 // `text` with the replacement character in place of each byte that belongs to no character. Names
 // of files and jobs may hold any bytes, while formats that others read admit characters only.
 std::string ValidUtf8(std::string_view text);
@@ -14,5 +16,7 @@ std::string ValidUtf8(std::string_view text);
 // put what stands beside it in another order. Control characters, bytes that belong to no character
 // and marks of writing direction are written as escapes: "\n", "\x1b", "\u202e".
 std::string Shown(std::string_view text);
+
+} // namespace kest::ctl
 
 #endif

@@ -18,6 +18,8 @@
 #include <sstream>
 #include <sys/stat.h>
 
+namespace kest::ctl {
+
 namespace {
 
 std::string ErrorText() {
@@ -127,3 +129,5 @@ std::vector<std::string> NamesIn(const std::string &directory) {
     std::sort(names.begin(), names.end());
     return names;
 }
+
+} // namespace kest::ctl

@@ -9,6 +9,8 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace kest::ctl {
+
 class Appliance {
 public:
     // `root` is empty for this appliance. Its time zone becomes the program's. Throws Failure for
@@ -34,5 +36,7 @@ private:
 // The names in a directory that are job files or account directories, in the order in which they
 // are read. Throws Failure when it cannot be read.
 std::vector<std::string> NamesIn(const std::string &directory);
+
+} // namespace kest::ctl
 
 #endif

@@ -7,6 +7,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+namespace kest::ctl {
+
 std::string ReadFile(const std::string &path) {
     constexpr std::size_t most = std::size_t{1} << 20;
     std::string content;
@@ -22,3 +24,5 @@ std::string ReadLink(const std::string &path) {
     target.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return target;
 }
+
+} // namespace kest::ctl

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace kest::ctl {
+
 bool LogFile::Open() {
     file_ = OpenRegularFile(path_);
     rest_.clear();
@@ -55,3 +57,5 @@ bool LogFile::IsRotated() const {
     return opened.st_ino != named.st_ino || opened.st_dev != named.st_dev ||
            opened.st_size < lseek(file_.Get(), 0, SEEK_CUR);
 }
+
+} // namespace kest::ctl

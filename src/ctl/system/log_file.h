@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+namespace kest::ctl {
+
 // A log that may be rotated while it is read.
 class LogFile {
 public:
@@ -37,5 +39,7 @@ private:
     std::string rest_;
     std::size_t read_ = 0; // of it
 };
+
+} // namespace kest::ctl
 
 #endif

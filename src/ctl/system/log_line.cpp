@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <optional>
 
+namespace kest::ctl {
+
 namespace {
 
 constexpr std::size_t kTimestampLength = 25; // "2026-11-15T03:00:00+01:00"
@@ -69,3 +71,5 @@ LogLine ParseLogLine(std::string_view line) {
     }
     return parsed;
 }
+
+} // namespace kest::ctl

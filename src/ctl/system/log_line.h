@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest::ctl {
+
 // What the execution log calls the state of a job that somebody ran by hand.
 constexpr const char *kManualState = "Manual";
 
@@ -22,5 +24,7 @@ struct LogLine {
 };
 
 LogLine ParseLogLine(std::string_view line);
+
+} // namespace kest::ctl
 
 #endif

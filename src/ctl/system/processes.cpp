@@ -25,6 +25,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest::ctl {
+
 namespace {
 
 std::string ProcessFile(pid_t pid, const char *name) {
@@ -179,3 +181,5 @@ pid_t ProcessOf(const std::string &staged, const std::string &account,
     }
     return 0;
 }
+
+} // namespace kest::ctl

@@ -10,6 +10,8 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace kest::ctl {
+
 // The daemon's process.
 struct Daemon {
     pid_t pid = 0; // 0: it does not run
@@ -38,5 +40,7 @@ std::vector<Candidate> Candidates(const Appliance &appliance);
 // process such arguments, so that only the account's own count.
 pid_t ProcessOf(const std::string &staged, const std::string &account,
                 const std::vector<Candidate> &candidates);
+
+} // namespace kest::ctl
 
 #endif

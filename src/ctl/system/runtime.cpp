@@ -5,10 +5,10 @@
 #include "base/paths.h"
 #include "base/printable.h"
 #include "ctl/check/nearest.h"
-#include "ctl/display/recent.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/utf8.h"
-#include "ctl/display/words.h"
 #include "ctl/system/failure.h"
+#include "ctl/system/last_starts.h"
 #include "ctl/system/processes.h"
 #include "job/account.h"
 #include "job/runtime_directory.h"
@@ -22,6 +22,8 @@
 #include <json/value.h>
 #include <sys/stat.h>
 #include <utility>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -41,12 +43,12 @@ LiveJob MakeLiveJob(CronJob parsed, std::time_t lastRun) {
 }
 
 // What happened after the document was written: launches end what was due.
-void BringUpToDate(LiveJob &live, const Recent &recent) {
+void BringUpToDate(LiveJob &live, const LastStarts &lastStarts) {
     const std::time_t known = live.lastRun;
-    live.lastRun = std::max(known, std::max(recent.ran, recent.launched));
-    if (recent.launched <= known)
+    live.lastRun = std::max(known, std::max(lastStarts.ran, lastStarts.launched));
+    if (lastStarts.launched <= known)
         return;
-    live.job.NoteLaunch(recent.launched);
+    live.job.NoteLaunch(lastStarts.launched);
 }
 
 // What is read of an appliance is bounded, the more so of another one: it may be an image that
@@ -87,7 +89,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
         throw Failure(std::string("there is neither ") + kRuntimeFile + " nor " + kPersistentFile +
                       ": kestcrond has not run here");
     runtime.saved = SavedAt(runtime.path);
-    const auto recent = ReadRecent(appliance.Locate(kExecutionLogFile), runtime.saved);
+    const auto lastStarts = ReadLastStarts(appliance.Locate(kExecutionLogFile), runtime.saved);
     const std::vector<Candidate> candidates = Candidates(appliance);
     Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();
     document = Json::Value();
@@ -100,7 +102,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
             continue;
         }
         LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
-        if (const auto found = recent.find(Printable(live.name)); found != recent.end())
+        if (const auto found = lastStarts.find(Printable(live.name)); found != lastStarts.end())
             BringUpToDate(live, found->second);
         live.process = ProcessOf(live.staged, live.account, candidates);
         runtime.jobs.push_back(std::move(live));
@@ -180,3 +182,5 @@ const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
     throw Failure("there is no job \"" + Shown(name) + "\"" +
                   (near.empty() ? "" : "; there is " + Shown(Enumerated(near))));
 }
+
+} // namespace kest::ctl

@@ -13,6 +13,8 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace kest::ctl {
+
 // One job as the daemon knows it.
 struct LiveJob {
     std::string name;
@@ -44,5 +46,7 @@ std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance);
 // The job of that name, or the only one whose name ends with "-" and it. Throws Failure, with the
 // nearest names, when there is none or more than one.
 const LiveJob &FindJob(const Runtime &runtime, const std::string &name);
+
+} // namespace kest::ctl
 
 #endif

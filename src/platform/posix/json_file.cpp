@@ -15,6 +15,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using kest::Descriptor;
+using kest::ErrnoGuard;
+using kest::OpenRegularFile;
+using kest::ReadAll;
+using kest::WriteAll;
+
 namespace {
 
 // A reader takes longer to be made than to read a job.

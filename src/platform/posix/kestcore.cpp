@@ -19,6 +19,13 @@
 #include <unistd.h>
 #include <vector>
 
+using kest::CloseInheritedDescriptors;
+using kest::Descriptor;
+using kest::ErrnoGuard;
+using kest::ExitStatusesKept;
+using kest::ReadAll;
+using kest::WriteAll;
+
 namespace {
 
 // What XLIBCErrGet tells.

@@ -13,6 +13,11 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+using kest::DescribeMachine;
+using kest::Descriptor;
+using kest::ErrnoGuard;
+using kest::MixBits;
+
 namespace {
 
 // Both fill `bits` from the kernel's random source without waiting for it, which early in the boot

@@ -12,6 +12,9 @@
 #include <unistd.h>
 #include <vector>
 
+using kest::Descriptor;
+using kest::ReadAll;
+
 namespace {
 
 constexpr const char *kStatusFile = "/var/run/kestvorld.status";

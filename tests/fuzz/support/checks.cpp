@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kest {
+
 void Require(bool holds, const char *what) {
     if (holds)
         return;
@@ -176,3 +178,5 @@ void TryJob(CronJob &job) {
         TryDueCheck(job, moments.back());
     }
 }
+
+} // namespace kest

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // Ends the program, which the fuzzer takes for a crash, unless `holds`; `what` says what should.
 void Require(bool holds, const char *what);
 
@@ -44,5 +46,7 @@ constexpr std::array<Bounds, 5> kFieldBounds{
 // the results are right. Leaves it with another schedule. One that is not valid only shows what it
 // holds.
 void TryJob(CronJob &job);
+
+} // namespace kest
 
 #endif

@@ -18,6 +18,8 @@
 #include <sys/types.h>
 #include <syslog.h>
 
+namespace kest {
+
 // Jobs are never launched here, so nothing is ever written to it.
 KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
@@ -131,3 +133,5 @@ int __wrap_KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid) {
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 } // extern "C"
+
+} // namespace kest

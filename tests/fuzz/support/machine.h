@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+namespace kest {
+
 // The account that every file belongs to. It and root are all the accounts there are.
 constexpr const char *kAccount = "reports";
 
@@ -19,5 +21,7 @@ void SetClock(std::int64_t now);
 
 // A directory of this process, removed at its end.
 const std::string &ScratchDirectory();
+
+} // namespace kest
 
 #endif

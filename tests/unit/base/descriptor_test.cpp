@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace kest {
+
 namespace {
 
 bool IsOpen(int fd) {
@@ -177,3 +179,5 @@ TEST(CloseInheritedDescriptors, LeavesTheStandardStreams) {
 }
 
 } // namespace
+
+} // namespace kest

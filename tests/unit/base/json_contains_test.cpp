@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(JsonContains, AsksWhetherEverythingBeforeIsStillTheSame) {
@@ -97,3 +99,5 @@ TEST(JsonContains, LooksAtNamesWithAnyCharacter) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 const char *const kNoObjects[] = {"null", "[]", "[1]", "5", "1.5", "true", R"("text")"};
@@ -83,3 +85,5 @@ TEST(ObjectMember, MakesObjectsOnTheWay) {
 }
 
 } // namespace
+
+} // namespace kest

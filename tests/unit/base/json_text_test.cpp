@@ -8,6 +8,8 @@
 #include <limits>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 std::string Elements(int count, const std::string &element) {
@@ -114,3 +116,5 @@ TEST(JsonText, IsPutTogetherAsWell) {
 }
 
 } // namespace
+
+} // namespace kest

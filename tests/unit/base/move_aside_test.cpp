@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -92,3 +94,5 @@ TEST_F(MoveAsideTest, LeavesNothingBehindWhenThereIsNothing) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(Printable, EscapesControlCharactersAlone) {
@@ -70,3 +72,5 @@ TEST(WithoutMiddle, TakesNoCharacterApart) {
 }
 
 } // namespace
+
+} // namespace kest

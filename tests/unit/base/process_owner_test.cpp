@@ -8,6 +8,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 TEST(IsProcessOfRoot, LooksAtEveryUserOfTheProcess) {
@@ -39,3 +41,5 @@ TEST(IsProcessOfRoot, SaysNoWhenThereIsNone) {
 }
 
 } // namespace
+
+} // namespace kest

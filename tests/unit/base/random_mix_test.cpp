@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 // A board as it comes from the line: all but the serial number and the last bytes of the hardware
@@ -84,3 +86,5 @@ TEST(DescribeMachine, IsTheSameEachTime) {
 }
 
 } // namespace
+
+} // namespace kest

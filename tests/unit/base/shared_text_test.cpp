@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+namespace kest {
+
 namespace {
 
 TEST(SharedText, IsEmptyAtFirst) {
@@ -41,3 +43,5 @@ TEST(SharedText, MovesIntoABlockThatItKeepsAlive) {
 }
 
 } // namespace
+
+} // namespace kest

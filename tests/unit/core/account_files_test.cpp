@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 class AccountFilesTest : public testing::Test {
@@ -136,3 +138,5 @@ TEST(MayBeAccountDirectory, DependsOnItsOwnerItsModeAndTheWayToIt) {
 }
 
 } // namespace
+
+} // namespace kest

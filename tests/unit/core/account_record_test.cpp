@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 const AccountQuota kQuota{4 * kLeastCharge, 0};
@@ -88,3 +90,5 @@ TEST(AccountRecord, OfAnyBytesHarmsNobody) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(IsLaunchState, HoldsForTheLastThree) {
@@ -33,3 +35,5 @@ TEST(JobStateName, ReportsANumberThatIsNoState) {
 }
 
 } // namespace
+
+} // namespace kest

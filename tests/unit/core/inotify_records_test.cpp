@@ -5,6 +5,8 @@
 #include <string>
 #include <sys/inotify.h>
 
+namespace kest {
+
 namespace {
 
 // A record as the kernel lays it out. `claimed` is the length it claims for its name.
@@ -73,3 +75,5 @@ TEST(ReportsChange, DoesNotLookBeyondTheSize) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(JobFiles, AreAllButHiddenOnes) {
@@ -108,3 +110,5 @@ TEST(Definitions, WithoutANameStayAsTheyAre) {
 }
 
 } // namespace
+
+} // namespace kest

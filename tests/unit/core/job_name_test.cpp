@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(FileBaseName, HasNoConfInIt) {
@@ -30,3 +32,5 @@ TEST(FullJobName, JoinsItsParts) {
 }
 
 } // namespace
+
+} // namespace kest

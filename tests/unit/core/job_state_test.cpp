@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 // The rules as a table: the first row whose conditions all hold decides. Both is "does not matter".
@@ -100,3 +102,5 @@ TEST(TraitsOf, IsNullForANumberThatIsNoState) {
 }
 
 } // namespace
+
+} // namespace kest

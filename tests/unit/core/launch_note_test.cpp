@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(LaunchNote, TellsWhatIsWorthTelling) {
@@ -41,3 +43,5 @@ TEST(FormatTriggerTime, IsDayOfTheMonthAndTime) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(LaunchSpacing, SpreadsTheStartsOverAnHour) {
@@ -39,3 +41,5 @@ TEST(LaunchSpacing, KeepsBothPromises) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 using Keys = std::vector<std::string>;
@@ -44,3 +46,5 @@ TEST(FieldsToRedraw, FollowTheRollOverOfEachField) {
 }
 
 } // namespace
+
+} // namespace kest

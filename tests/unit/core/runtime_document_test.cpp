@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 CronJob Job(const std::string &name) {
@@ -69,3 +71,5 @@ TEST(RuntimeDocument, ComesInPartsThatAreSmall) {
 }
 
 } // namespace
+
+} // namespace kest

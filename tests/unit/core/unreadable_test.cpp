@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -69,3 +71,5 @@ TEST_F(KeepUnreadableTest, FailsWhereItCannotBeKept) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -34,3 +36,5 @@ TEST(WaitingStarts, NameTheJobsThatStillWait) {
 }
 
 } // namespace
+
+} // namespace kest

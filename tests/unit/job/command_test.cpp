@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(NormalizeCommand, GivesAListAndALine) {
@@ -48,3 +50,5 @@ TEST(NormalizeCommand, GivesUpOnWhatCannotBeWrittenAsText) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -4,6 +4,8 @@
 #include <limits>
 #include <sstream>
 
+namespace kest {
+
 namespace {
 
 constexpr std::int32_t kLowest = std::numeric_limits<std::int32_t>::min();
@@ -239,3 +241,5 @@ TEST(ParseCronItem, TellsWhatIsWrong) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -18,6 +18,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -1049,3 +1051,5 @@ TEST_F(LaunchTest, WaitsOutItsDelay) {
 }
 
 } // namespace
+
+} // namespace kest

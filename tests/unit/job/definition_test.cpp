@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -422,3 +424,5 @@ TEST(WriteDefaults, WritesWhatIsReadBackAsTheSame) {
 }
 
 } // namespace
+
+} // namespace kest

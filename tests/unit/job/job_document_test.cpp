@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+namespace kest {
+
 namespace {
 
 Json::Value Ordinary() {
@@ -130,3 +132,5 @@ TEST(JobDocument, ComparesConfigsOnly) {
 }
 
 } // namespace
+
+} // namespace kest

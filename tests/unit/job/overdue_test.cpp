@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <limits>
 
+namespace kest {
+
 namespace {
 
 constexpr std::int64_t kFirst = std::numeric_limits<std::int64_t>::min();
@@ -68,3 +70,5 @@ TEST(IsOverdue, AgreesWithWiderArithmetic) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(PeriodCrontab, DependsOnTheFirstLetterInEitherCase) {
@@ -34,3 +36,5 @@ TEST(PeriodCrontab, KnowsNoOtherPeriod) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -19,6 +19,8 @@
 #include <set>
 #include <sstream>
 
+namespace kest {
+
 namespace {
 
 class Chance {
@@ -307,3 +309,5 @@ TEST(Property, NamesCollideOnlyThroughDashes) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 const std::string kProgram = std::string(kRuntimeDirectory) + "/x";
@@ -162,3 +164,5 @@ TEST(IsFitToRun, DoesNotHoldInADirectoryOfSomebodyElse) {
 }
 
 } // namespace
+
+} // namespace kest

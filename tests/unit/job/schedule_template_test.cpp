@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 using testing::IsEmpty;
@@ -256,3 +258,5 @@ TEST_F(TemplateFileTest, SaysWhenItCannotSave) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <set>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -267,3 +269,5 @@ TEST(ScheduleOfAnySize, IsKeptWhole) {
 }
 
 } // namespace
+
+} // namespace kest

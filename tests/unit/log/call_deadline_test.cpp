@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 TEST(CallDeadline, InterruptsWhatWaits) {
@@ -56,3 +58,5 @@ TEST(CallDeadline, LeavesTheAlarmToOthers) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+namespace kest {
+
 namespace {
 
 TEST(TagOf, IsTheFileNameUpToItsFirstDot) {
@@ -122,3 +124,5 @@ TEST(LogError, NamesTheLineItStandsIn) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -22,6 +22,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -642,3 +644,5 @@ TEST_F(MemoryLoggerTest, WaitsFiveSecondsForALockAndNoLonger) {
 }
 
 } // namespace
+
+} // namespace kest

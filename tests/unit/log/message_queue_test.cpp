@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 class MessageQueueTest : public testing::Test {
@@ -61,3 +63,5 @@ TEST_F(MessageQueueTest, IsEmptyWhenCleared) {
 }
 
 } // namespace
+
+} // namespace kest

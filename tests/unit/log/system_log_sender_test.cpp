@@ -18,6 +18,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -224,3 +226,5 @@ TEST_F(SystemLogSenderTest, AnswersToASlowLogInTime) {
 }
 
 } // namespace
+
+} // namespace kest

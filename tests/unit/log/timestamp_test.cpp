@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(FormatTimestamp, WritesTheOffset) {
@@ -55,3 +57,5 @@ TEST(Timestamp, IsEmptyForATimeWithoutACalendar) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -18,6 +18,8 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 using testing::ElementsAre;
@@ -508,3 +510,5 @@ TEST_F(JsonFromFileTest, ValuesTellWhereTheyStand) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -14,6 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 // Expects the last call to have recorded a failure, with a place.
@@ -575,3 +577,5 @@ TEST(XLIBCExecv, ReturnsWhenTheProgramDoesNotStart) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -9,6 +9,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kest {
+
 namespace {
 
 using KEST::RANDOM::KESTRandom;
@@ -118,3 +120,5 @@ TEST(KESTRandom, DrawsAnewInEachProcess) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -11,6 +11,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 class MkdirTest : public testing::Test {
@@ -174,3 +176,5 @@ TEST(KESTUserGetUGID, StoresNothingWhenThereIsNone) {
 }
 
 } // namespace
+
+} // namespace kest

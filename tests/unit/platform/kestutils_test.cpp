@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest {
+
 namespace {
 
 TEST(StringExplode, GivesOnePieceMoreThanSeparators) {
@@ -36,3 +38,5 @@ TEST(StringExplode, GivesOnePieceMoreThanSeparators) {
 }
 
 } // namespace
+
+} // namespace kest

@@ -5,6 +5,8 @@
 #include <thread>
 #include <unistd.h>
 
+namespace kest {
+
 pid_t StartChild(const std::function<int()> &body) {
     const pid_t child = fork();
     if (child != 0)
@@ -38,3 +40,5 @@ bool Eventually(const std::function<bool()> &holds) {
     }
     return false;
 }
+
+} // namespace kest

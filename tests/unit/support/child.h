@@ -6,6 +6,8 @@
 #include <functional>
 #include <sys/types.h>
 
+namespace kest {
+
 // An account other than root that every system has: nobody.
 constexpr uid_t kOtherAccount = 65534;
 
@@ -22,5 +24,7 @@ int InChild(const std::function<int()> &body);
 
 // Calls `holds` until it is true or some seconds have passed; whether it came true.
 bool Eventually(const std::function<bool()> &holds);
+
+} // namespace kest
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+namespace kest {
+
 namespace {
 
 std::optional<std::int64_t> &FixedTime() {
@@ -65,3 +67,5 @@ std::tm BrokenDown(int year, int month, int day, int hour, int minute, int secon
     gmtime_r(&when, &parts);
     return parts;
 }
+
+} // namespace kest

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+namespace kest {
+
 // While an object of this class lives, time() stands still; otherwise it is the real one.
 class FixedClock {
 public:
@@ -36,5 +38,7 @@ std::int64_t Utc(int year, int month, int day, int hour, int minute, int second 
 
 // The broken-down form of a time in UTC, weekday included.
 std::tm BrokenDown(int year, int month, int day, int hour, int minute, int second = 0);
+
+} // namespace kest
 
 #endif

@@ -5,6 +5,8 @@
 #include "log/memorylogger.h"
 #include "tests/unit/support/files.h"
 
+namespace kest {
+
 namespace {
 
 std::string InLogDirectory(const std::string &name) {
@@ -20,3 +22,5 @@ std::string ExecutionLogPath() {
 
 KEST::MemoryLogger executionLog(ExecutionLogPath(), InLogDirectory("staging"), 1024,
                                 InLogDirectory("lock"));
+
+} // namespace kest

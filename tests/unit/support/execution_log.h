@@ -5,7 +5,11 @@
 
 #include <string>
 
+namespace kest {
+
 // The file that `executionLog` appends to.
 std::string ExecutionLogPath();
+
+} // namespace kest
 
 #endif

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+namespace kest {
+
 TemporaryDirectory::TemporaryDirectory()
     : path_((std::filesystem::temp_directory_path() / "unit_tests.XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr)
@@ -52,3 +54,5 @@ bool Stands(const std::string &path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
 }
+
+} // namespace kest

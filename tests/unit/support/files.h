@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <vector>
 
+namespace kest {
+
 class TemporaryDirectory {
 public:
     TemporaryDirectory();
@@ -46,5 +48,7 @@ mode_t ModeOf(const std::string &path);
 
 // Whether anything stands at `path`, be it a link that leads nowhere.
 bool Stands(const std::string &path);
+
+} // namespace kest
 
 #endif

@@ -6,6 +6,12 @@
 #include <memory>
 #include <ostream>
 
+void Json::PrintTo(const Value &value, std::ostream *stream) {
+    *stream << value;
+}
+
+namespace kest {
+
 Json::Value FromText(const std::string &text) {
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     Json::Value value;
@@ -16,6 +22,4 @@ Json::Value FromText(const std::string &text) {
     return value;
 }
 
-void Json::PrintTo(const Value &value, std::ostream *stream) {
-    *stream << value;
-}
+} // namespace kest

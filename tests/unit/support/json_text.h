@@ -7,14 +7,18 @@
 #include <json/value.h>
 #include <string>
 
-// The document in `text`; a failure of the test when it is none.
-Json::Value FromText(const std::string &text);
-
 namespace Json {
 
 // How a failed comparison shows a document.
 void PrintTo(const Value &value, std::ostream *stream);
 
 } // namespace Json
+
+namespace kest {
+
+// The document in `text`; a failure of the test when it is none.
+Json::Value FromText(const std::string &text);
+
+} // namespace kest
 
 #endif

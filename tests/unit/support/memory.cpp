@@ -5,6 +5,8 @@
 #include <optional>
 #include <unistd.h>
 
+namespace kest {
+
 namespace {
 
 using Kind = NoMemoryInChildren::Kind;
@@ -28,10 +30,13 @@ NoMemoryInChildren::~NoMemoryInChildren() {
     exhaustion = {};
 }
 
+} // namespace kest
+
 // The C library's own memory, which is what the standard's allocation functions are made of.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc,hicpp-no-malloc)
 void *operator new(std::size_t size) {
-    void *memory = IsExhausted(Kind::Throwing) ? nullptr : std::malloc(size == 0 ? 1 : size);
+    void *memory =
+        kest::IsExhausted(kest::Kind::Throwing) ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr)
         throw std::bad_alloc();
     return memory;
@@ -46,7 +51,8 @@ void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
 }
 
 void *operator new[](std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
-    return IsExhausted(Kind::ReportingArray) ? nullptr : std::malloc(size == 0 ? 1 : size);
+    return kest::IsExhausted(kest::Kind::ReportingArray) ? nullptr
+                                                         : std::malloc(size == 0 ? 1 : size);
 }
 
 void operator delete(void *memory) noexcept {

@@ -3,6 +3,8 @@
 #ifndef TESTS_UNIT_SUPPORT_MEMORY_H
 #define TESTS_UNIT_SUPPORT_MEMORY_H
 
+namespace kest {
+
 // While an object of this class lives, allocations of one kind fail in the children of this
 // process.
 class NoMemoryInChildren {
@@ -13,5 +15,7 @@ public:
     NoMemoryInChildren &operator=(const NoMemoryInChildren &) = delete;
     ~NoMemoryInChildren();
 };
+
+} // namespace kest
 
 #endif

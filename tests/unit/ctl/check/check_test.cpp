@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 using testing::ElementsAre;
@@ -53,20 +55,20 @@ JobFile Read(const std::string &text, const JobDirectory &directory = {"/jobs", 
 }
 
 // "LINE:COLUMN error MEMBER: MESSAGE [FOUND] (ALLOWED)", empty parts left out.
-std::string InText(const Problem &problem) {
+std::string InText(const Diagnostic &diagnostic) {
     std::string text =
-        std::to_string(problem.place.line) + ":" + std::to_string(problem.place.column);
-    text += problem.severity == Severity::Error ? " error" : " warning";
-    text += problem.member.empty() ? "" : " " + problem.member;
-    text += ": " + problem.message;
-    text += problem.found.empty() ? "" : " [" + problem.found + "]";
-    return text + (problem.allowed.empty() ? "" : " (" + problem.allowed + ")");
+        std::to_string(diagnostic.place.line) + ":" + std::to_string(diagnostic.place.column);
+    text += diagnostic.severity == Severity::Error ? " error" : " warning";
+    text += diagnostic.member.empty() ? "" : " " + diagnostic.member;
+    text += ": " + diagnostic.message;
+    text += diagnostic.found.empty() ? "" : " [" + diagnostic.found + "]";
+    return text + (diagnostic.allowed.empty() ? "" : " (" + diagnostic.allowed + ")");
 }
 
 std::vector<std::string> ProblemsOf(const JobFile &file) {
     std::vector<std::string> texts;
-    for (const Problem &problem : CheckJobFile(file, TheSystem()).problems)
-        texts.push_back(InText(problem));
+    for (const Diagnostic &diagnostic : CheckJobFile(file, TheSystem()).diagnostics)
+        texts.push_back(InText(diagnostic));
     return texts;
 }
 
@@ -86,12 +88,12 @@ std::string DefinitionWith(const std::string &members) {
 }
 
 struct ProblemRow {
-    const char *members; // of the definition
-    const char *problem; // the only one; empty: none
+    const char *members;    // of the definition
+    const char *diagnostic; // the only one; empty: none
 };
 
-void ExpectProblems(const std::vector<ProblemRow> &rows,
-                    const JobDirectory &directory = {"", "pkg", {}}) {
+void ExpectDiagnostics(const std::vector<ProblemRow> &rows,
+                       const JobDirectory &directory = {"", "pkg", {}}) {
     for (const ProblemRow &row : rows) {
         SCOPED_TRACE(row.members);
         const JobFileReport report =
@@ -99,24 +101,24 @@ void ExpectProblems(const std::vector<ProblemRow> &rows,
         ASSERT_EQ(report.jobs.size(), 1U);
         std::vector<std::string> texts;
         bool refused = false;
-        for (const Problem &problem : report.problems) {
-            texts.push_back(InText(problem));
-            refused = refused || problem.severity == Severity::Error;
-            EXPECT_EQ(problem.file, "f.conf");
-            EXPECT_EQ(problem.job, report.jobs.front().name);
+        for (const Diagnostic &diagnostic : report.diagnostics) {
+            texts.push_back(InText(diagnostic));
+            refused = refused || diagnostic.severity == Severity::Error;
+            EXPECT_EQ(diagnostic.file, "f.conf");
+            EXPECT_EQ(diagnostic.job, report.jobs.front().name);
         }
         EXPECT_NE(report.jobs.front().accepted, refused);
-        if (*row.problem == '\0')
+        if (*row.diagnostic == '\0')
             EXPECT_THAT(texts, IsEmpty());
         else
-            EXPECT_THAT(texts, ElementsAre(row.problem));
+            EXPECT_THAT(texts, ElementsAre(row.diagnostic));
     }
 }
 
 const char *const kPeriods = "\"hourly\", \"daily\", \"weekly\", \"monthly\" or \"crontab\"";
 
 TEST(CheckJobFile, HasNothingToSayOfAGoodDefinition) {
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("name": "n")", ""},
         {R"("period": "h")", ""},
         {R"("period": "Weekly")", ""},
@@ -143,7 +145,7 @@ TEST(CheckJobFile, TellsWhatIsRefused) {
     const std::string yearly =
         "2:12 error period: \"period\" cannot be \"yearly\" [\"yearly\"]" + periods;
     const std::string noPeriod = "2:12 error period: \"period\" cannot be \"\" [\"\"]" + periods;
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("period": 5)", period5.c_str()},
         {R"("period": "yearly")", yearly.c_str()},
         {R"("period": "")", noPeriod.c_str()},
@@ -202,7 +204,7 @@ TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
     const std::string empty =
         row("16 error crontab: an item of the minute is empty; fields are separated by one blank "
             "each, items by one comma [\"\"]");
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("crontab":  "x * * * *")", letter.c_str()},
         {R"("crontab": "1,60 * * * *")", item.c_str()},
         {R"("crontab": "9~3 * * * *")", reversed.c_str()},
@@ -238,7 +240,7 @@ TEST(CheckJobFile, TellsHowACrontabIsRead) {
     const std::string every5 =
         "2:14 warning crontab: minute \"*/5\" is read as \"*\", every minute [\"*/5\"] "
         "(0,5,10,15,20,25,30,35,40,45,50,55)";
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("crontab": "*/5 * * * *")", every5.c_str()},
         {R"("crontab": "* * */10 * *")",
          "2:18 warning crontab: day \"*/10\" is read as \"*\", every day [\"*/10\"] (1,11,21,31)"},
@@ -276,7 +278,7 @@ TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
         std::string("2:12 warning period: \"period\" \"monday\" is read as \"monthly\": only its "
                     "first letter counts [\"monday\"] (") +
         kPeriods + ")";
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("period": "monday")", monday.c_str()},
         {R"("Name": "x")", "2:2 warning Name: nobody reads \"Name\" [\"x\"] (\"name\")"},
         {R"("zzzzzzzz" : [1, 2])", "2:2 warning zzzzzzzz: nobody reads \"zzzzzzzz\" [[1,2]]"},
@@ -301,7 +303,7 @@ TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
 }
 
 TEST(CheckJobFile, TellsWhatKeepsAJobFromBeingAdmitted) {
-    ExpectProblems({
+    ExpectDiagnostics({
         {R"("user": "nobody")",
          "2:10 warning user: \"user\" \"nobody\" names no account: the job is not admitted "
          "[\"nobody\"] (\"root\" or \"system\" as \"user\", or \"package\" and an account as "
@@ -373,7 +375,7 @@ TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
 
 TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
     const JobDirectory directory{"/jobs", "pkg_nonroot", "alice"};
-    ExpectProblems(
+    ExpectDiagnostics(
         {
             {R"("user": "package", "package_username": "alice")", ""},
             {R"("user": "root")", "2:10 warning user: \"user\" is not read: every job of this "
@@ -429,7 +431,7 @@ TEST(CheckJobFile, TellsThatTheOnlyJobOfAFileIsCalledDefault) {
 TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
     struct FileRow {
         std::string text;
-        const char *problem;
+        const char *diagnostic;
     };
     const FileRow rows[] = {
         {"", "1:1 error: the file is empty (one JSON document)"},
@@ -452,10 +454,10 @@ TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
     for (const FileRow &row : rows) {
         std::vector<std::string> texts = ProblemsOf(Read(row.text));
         texts.resize(std::min<std::size_t>(texts.size(), 1));
-        if (*row.problem == '\0')
+        if (*row.diagnostic == '\0')
             EXPECT_THAT(texts, IsEmpty());
         else
-            EXPECT_THAT(texts, ElementsAre(row.problem));
+            EXPECT_THAT(texts, ElementsAre(row.diagnostic));
     }
 }
 
@@ -463,7 +465,7 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
     struct ErrorRow {
         int error;
         const char *account;
-        const char *problem;
+        const char *diagnostic;
     };
     const ErrorRow rows[] = {
         {EISDIR, "", "1:1 error: a directory is no job file (a regular file)"},
@@ -481,7 +483,7 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
         file.name = "f";
         file.directory = {"", "pkg", row.account};
         file.error = row.error;
-        EXPECT_THAT(ProblemsOf(file), ElementsAre(row.problem));
+        EXPECT_THAT(ProblemsOf(file), ElementsAre(row.diagnostic));
     }
 }
 
@@ -512,8 +514,8 @@ TEST(CheckJobFile, CutsWhatIsLongBetweenCharacters) {
         umlauts += "\xC3\xA4";
     for (const std::string &text : {umlauts, "x" + umlauts}) {
         const JobFileReport report = CheckJobFile(Read("[\"" + text + "\"]"), TheSystem());
-        ASSERT_EQ(report.problems.size(), 1U);
-        const std::string &found = report.problems.front().found;
+        ASSERT_EQ(report.diagnostics.size(), 1U);
+        const std::string &found = report.diagnostics.front().found;
         const std::string kept = found.substr(1, found.size() - 4);
         EXPECT_LE(found.size(), 60U);
         EXPECT_GE(found.size(), 57U);
@@ -527,16 +529,18 @@ TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
     const auto job = [](const char *name, const char *file, bool accepted) {
         return JudgedJob{name, file, {3, 7}, accepted};
     };
-    const std::vector<Problem> problems =
+    const std::vector<Diagnostic> diagnostics =
         ReplacedJobs({job("a", "first", true), job("b", "first", true), job("a", "second", true),
                       job("a", "third", false), job("b", "third", false), job("c", "x", false),
                       job("c", "x", true)});
-    ASSERT_EQ(problems.size(), 1U);
-    EXPECT_EQ(problems.front().file, "first");
-    EXPECT_EQ(problems.front().job, "a");
-    EXPECT_EQ(InText(problems.front()),
+    ASSERT_EQ(diagnostics.size(), 1U);
+    EXPECT_EQ(diagnostics.front().file, "first");
+    EXPECT_EQ(diagnostics.front().job, "a");
+    EXPECT_EQ(InText(diagnostics.front()),
               "3:7 warning name: replaced by the job of the same full name in second:3, which is "
               "read later [\"a\"] (one job of a full name)");
 }
 
 } // namespace
+
+} // namespace kest::ctl

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 using testing::ElementsAre;
@@ -32,3 +34,5 @@ TEST(Nearest, IsNothingWhereNothingIsAlike) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

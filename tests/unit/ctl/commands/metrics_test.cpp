@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 using testing::HasSubstr;
@@ -28,7 +30,7 @@ LiveJob AssuredJob(const std::string &name, const std::string &crontab,
     live.job = CronJob(document);
     EXPECT_TRUE(live.job.valid) << crontab;
     for (const std::string &key : FieldKeys())
-        live.job.GenerateSchedule(key);
+        live.job.GenerateFieldSchedule(key, 7);
     return live;
 }
 
@@ -152,3 +154,5 @@ TEST(Metrics, KeepAFamilyTogether) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 #include <sstream>
 
+namespace kest::ctl {
+
 namespace {
 
 using testing::HasSubstr;
@@ -388,3 +390,5 @@ TEST(TimelineInSvg, SaysSoWhenThereIsNothing) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

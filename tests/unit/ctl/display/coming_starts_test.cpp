@@ -14,6 +14,8 @@
 #include <random>
 #include <sstream>
 
+namespace kest::ctl {
+
 namespace {
 
 using testing::ElementsAre;
@@ -282,3 +284,5 @@ TEST(ComingStarts, HoldAllThatComes) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

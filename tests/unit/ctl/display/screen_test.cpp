@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 constexpr Screen kPipe{0, false, true};
@@ -79,3 +81,5 @@ TEST(Table, KeepsControlCharactersOffTheTerminal) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

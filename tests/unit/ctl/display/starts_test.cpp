@@ -1,13 +1,15 @@
 #include "ctl/display/starts.h"
 
 #include "ctl/display/coming_starts.h"
-#include "ctl/system/condition.h"
+#include "ctl/display/job_status.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -163,7 +165,7 @@ TEST_F(StartsTest, AreToldInJson) {
                            "undrawn": ["hour"], "overdue": true})"));
 }
 
-TEST(Condition, FollowsTheStatesOfTheDaemon) {
+TEST(JobStatus, FollowsTheStatesOfTheDaemon) {
     const LocalZone zone("UTC0");
     const FixedClock clock(kNow);
     struct {
@@ -173,16 +175,16 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
         bool passive;
         bool held;
         pid_t process;
-        Condition condition;
+        JobStatus jobStatus;
     } const rows[] = {
-        {0, false, false, false, false, 0, Condition::Waiting},
-        {0, false, true, false, false, 0, Condition::Due},
-        {0, false, true, true, false, 0, Condition::HeldBack},
-        {0, false, true, false, true, 0, Condition::Suspended},
-        {5, false, false, false, false, 0, Condition::Overdue},
-        {5, false, false, false, true, 0, Condition::Held},
-        {5, true, false, false, true, 0, Condition::Overdue},
-        {5, true, false, true, true, 77, Condition::Running},
+        {0, false, false, false, false, 0, JobStatus::Waiting},
+        {0, false, true, false, false, 0, JobStatus::Due},
+        {0, false, true, true, false, 0, JobStatus::HeldBack},
+        {0, false, true, false, true, 0, JobStatus::Suspended},
+        {5, false, false, false, false, 0, JobStatus::Overdue},
+        {5, false, false, false, true, 0, JobStatus::Held},
+        {5, true, false, false, true, 0, JobStatus::Overdue},
+        {5, true, false, true, true, 77, JobStatus::Running},
     };
     for (const auto &row : rows) {
         LiveJob job = LiveJobOf("0 0 30 2 *", row.hours);
@@ -192,8 +194,10 @@ TEST(Condition, FollowsTheStatesOfTheDaemon) {
         Daemon daemon;
         daemon.passive = row.passive;
         daemon.held = row.held;
-        EXPECT_EQ(ConditionOf(job, daemon), row.condition) << &row - rows;
+        EXPECT_EQ(JobStatusOf(job, daemon), row.jobStatus) << &row - rows;
     }
 }
 
 } // namespace
+
+} // namespace kest::ctl

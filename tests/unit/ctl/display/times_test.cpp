@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 TEST(WhenInWords, IsAsSomebodyWouldSayIt) {
@@ -121,3 +123,5 @@ TEST(ReadTime, RefusesTheRest) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

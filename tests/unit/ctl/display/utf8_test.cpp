@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+namespace kest::ctl {
+
 namespace {
 
 TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
@@ -58,3 +60,5 @@ TEST(Shown, HasNothingThatATerminalObeys) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace kest::ctl {
+
 namespace {
 
 TEST(LogLine, OfAStart) {
@@ -75,3 +77,5 @@ TEST(LogLine, OfAnythingElseTellsNothing) {
 }
 
 } // namespace
+
+} // namespace kest::ctl

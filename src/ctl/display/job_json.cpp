@@ -1,11 +1,13 @@
-#include "ctl/system/facts.h"
+#include "ctl/display/job_json.h"
 
 #include "base/json_members.h"
+#include "ctl/display/job_status.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
-#include "ctl/display/words.h"
-#include "ctl/system/condition.h"
 
 #include <vector>
+
+namespace kest::ctl {
 
 std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now) {
     const std::vector<JobStart> starts =
@@ -26,7 +28,7 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now)
     json["account"] = job.account;
     json["schedule"] = job.job.RenderSchedule();
     json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument());
-    json["state"] = InWords(ConditionOf(job, daemon)).json;
+    json["state"] = InWords(JobStatusOf(job, daemon)).json;
     json["last_run"] = TimeToJson(job.lastRun);
     json["next"] = next ? StartToJson(*next, next->overdue) : Json::Value();
     json["pid"] = job.process != 0 ? Json::Value(job.process) : Json::Value();
@@ -36,3 +38,5 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now)
 Json::Value TimeToJson(std::time_t time) {
     return time != 0 ? Json::Value(Iso(time)) : Json::Value();
 }
+
+} // namespace kest::ctl

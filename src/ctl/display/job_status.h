@@ -1,7 +1,7 @@
 // What a job is doing at the moment, as the daemon sees it.
 
-#ifndef CTL_SYSTEM_CONDITION_H
-#define CTL_SYSTEM_CONDITION_H
+#ifndef CTL_DISPLAY_JOB_STATUS_H
+#define CTL_DISPLAY_JOB_STATUS_H
 
 #include "ctl/display/screen.h"
 #include "ctl/system/processes.h"
@@ -9,7 +9,9 @@
 
 #include <string>
 
-enum class Condition {
+namespace kest::ctl {
+
+enum class JobStatus {
     Waiting,   // for its time
     Due,       // its time has come
     Running,   // a process runs its program
@@ -19,14 +21,16 @@ enum class Condition {
     HeldBack,  // not run on a passive machine
 };
 
-Condition ConditionOf(const LiveJob &job, const Daemon &daemon);
+JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon);
 
 // The word for it; the one of JSON is one word too.
-struct ConditionWords {
+struct JobStatusText {
     const char *text;
     const char *json;
     Colour colour;
 };
-const ConditionWords &InWords(Condition condition);
+const JobStatusText &InWords(JobStatus jobStatus);
+
+} // namespace kest::ctl
 
 #endif

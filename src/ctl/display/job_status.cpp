@@ -1,12 +1,14 @@
-#include "ctl/system/condition.h"
+#include "ctl/display/job_status.h"
 
 #include "core/job_state.h"
 
 #include <array>
 
+namespace kest::ctl {
+
 namespace {
 
-constexpr std::array<ConditionWords, 7> kWords{{
+constexpr std::array<JobStatusText, 7> kWords{{
     {"waiting", "waiting", Colour::None},
     {"due", "due", Colour::Green},
     {"running now", "running", Colour::Green},
@@ -18,25 +20,27 @@ constexpr std::array<ConditionWords, 7> kWords{{
 
 } // namespace
 
-Condition ConditionOf(const LiveJob &job, const Daemon &daemon) {
+JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
     if (job.process != 0)
-        return Condition::Running;
+        return JobStatus::Running;
     switch (StateOf(FactsOf(job.job, daemon.passive, daemon.held))) {
     case JobState::NotRunOnPassive:
-        return Condition::HeldBack;
+        return JobStatus::HeldBack;
     case JobState::AssureExecuteWait:
-        return Condition::Held;
+        return JobStatus::Held;
     case JobState::Ready:
-        return Condition::Due;
+        return JobStatus::Due;
     case JobState::AssureExecute:
     case JobState::AssureExecuteRun:
-        return Condition::Overdue;
+        return JobStatus::Overdue;
     case JobState::NotReady:
         break;
     }
-    return daemon.held ? Condition::Suspended : Condition::Waiting;
+    return daemon.held ? JobStatus::Suspended : JobStatus::Waiting;
 }
 
-const ConditionWords &InWords(Condition condition) {
-    return kWords.at(static_cast<std::size_t>(condition));
+const JobStatusText &InWords(JobStatus jobStatus) {
+    return kWords.at(static_cast<std::size_t>(jobStatus));
 }
+
+} // namespace kest::ctl

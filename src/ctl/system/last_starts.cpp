@@ -1,4 +1,4 @@
-#include "ctl/display/recent.h"
+#include "ctl/system/last_starts.h"
 
 #include "base/descriptor.h"
 #include "ctl/system/log_line.h"
@@ -11,12 +11,14 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+namespace kest::ctl {
+
 namespace {
 
-void TakeIn(const LogLine &line, std::unordered_map<std::string, Recent> &recent) {
+void TakeIn(const LogLine &line, std::unordered_map<std::string, LastStarts> &lastStarts) {
     if (!line.started)
         return;
-    Recent &job = recent[line.job];
+    LastStarts &job = lastStarts[line.job];
     const std::time_t launched = line.time - line.delay;
     job.ran = std::max(job.ran, launched);
     if (!line.manual)
@@ -25,14 +27,15 @@ void TakeIn(const LogLine &line, std::unordered_map<std::string, Recent> &recent
 
 } // namespace
 
-std::unordered_map<std::string, Recent> ReadRecent(const std::string &log, std::time_t since) {
+std::unordered_map<std::string, LastStarts> ReadLastStarts(const std::string &log,
+                                                           std::time_t since) {
     constexpr std::size_t step = std::size_t{1} << 20;
     constexpr int mostSteps = 64;
-    std::unordered_map<std::string, Recent> recent;
+    std::unordered_map<std::string, LastStarts> lastStarts;
     struct stat status {};
     const Descriptor file = OpenRegularFile(log);
     if (!file || fstat(file.Get(), &status) == -1)
-        return recent;
+        return lastStarts;
     auto begin = static_cast<std::uintmax_t>(status.st_size);
     std::string rest; // of the line that began in the part before
     bool reached = false;
@@ -49,8 +52,10 @@ std::unordered_map<std::string, Recent> ReadRecent(const std::string &log, std::
         for (std::string text; std::getline(lines, text);) {
             const LogLine line = ParseLogLine(text);
             reached = reached || (line.time >= 0 && line.time < since);
-            TakeIn(line, recent);
+            TakeIn(line, lastStarts);
         }
     }
-    return recent;
+    return lastStarts;
 }
+
+} // namespace kest::ctl

@@ -1,7 +1,7 @@
 // What several commands tell of a job, in JSON.
 
-#ifndef CTL_SYSTEM_FACTS_H
-#define CTL_SYSTEM_FACTS_H
+#ifndef CTL_DISPLAY_JOB_JSON_H
+#define CTL_DISPLAY_JOB_JSON_H
 
 #include "ctl/display/starts.h"
 #include "ctl/system/processes.h"
@@ -11,6 +11,8 @@
 #include <json/value.h>
 #include <optional>
 #include <string>
+
+namespace kest::ctl {
 
 // The next start of a job; nothing when it never starts.
 std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now);
@@ -25,5 +27,7 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now)
 
 // A time as text, null for 0.
 Json::Value TimeToJson(std::time_t time);
+
+} // namespace kest::ctl
 
 #endif

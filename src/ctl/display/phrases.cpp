@@ -1,4 +1,4 @@
-#include "ctl/display/words.h"
+#include "ctl/display/phrases.h"
 
 #include "base/json_members.h"
 #include "ctl/display/times.h"
@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -196,3 +198,5 @@ std::string StartInWords(const ComingStart &start, std::time_t now) {
                " and " + LastClock(start, now);
     return "between " + WhenInWords(start.earliest, now) + " and " + WhenInWords(start.latest, now);
 }
+
+} // namespace kest::ctl

@@ -1,7 +1,7 @@
 // Schedules and starts in words.
 
-#ifndef CTL_DISPLAY_WORDS_H
-#define CTL_DISPLAY_WORDS_H
+#ifndef CTL_DISPLAY_PHRASES_H
+#define CTL_DISPLAY_PHRASES_H
 
 #include "ctl/display/coming_starts.h"
 
@@ -10,6 +10,8 @@
 #include <json/value.h>
 #include <string>
 #include <vector>
+
+namespace kest::ctl {
 
 // A drawn schedule: "daily at 03:17", "hourly at minute 5", "on Tuesdays at 00:30", "monthly on the
 // 17th at 03:17", "every minute", "never". It need not ever come.
@@ -30,5 +32,7 @@ std::string StartInWords(const ComingStart &start, std::time_t now);
 
 // The same for a column of a table: "Wed 00:01-24:00", "8 Jun - 14 Jun".
 std::string StartInShort(const ComingStart &start, std::time_t now);
+
+} // namespace kest::ctl
 
 #endif

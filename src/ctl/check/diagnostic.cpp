@@ -1,4 +1,4 @@
-#include "ctl/check/problem.h"
+#include "ctl/check/diagnostic.h"
 
 #include "base/json_members.h"
 
@@ -6,6 +6,8 @@
 #include <memory>
 #include <sstream>
 #include <utility>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -40,21 +42,24 @@ std::string Quoted(const std::string &text) {
     return Excerpt(Json::Value(text));
 }
 
-Subject::Subject(const Json::Value &written, const Json::Value &config, const JsonPlaces &places)
+CheckedDefinition::CheckedDefinition(const Json::Value &written, const Json::Value &config,
+                                     const JsonPlaces &places)
     : written_(written), config_(config), places_(places) {}
 
-void Subject::Add(Severity severity, const Finding &finding) {
-    Problem problem;
-    const bool isWritten = written_.isObject() && written_.isMember(finding.member);
-    const Json::Value &value = isWritten ? Member(written_, finding.member) : written_;
-    problem.place = finding.place.value_or(places_.Of(value));
-    problem.severity = severity;
-    problem.member = finding.member;
-    if (finding.found)
-        problem.found = *finding.found;
-    else if (isWritten || finding.member.empty())
-        problem.found = Excerpt(value);
-    problem.allowed = finding.allowed;
-    problem.message = finding.message;
-    problems_.push_back(std::move(problem));
+void CheckedDefinition::Add(Severity severity, const DiagnosticDetails &details) {
+    Diagnostic diagnostic;
+    const bool isWritten = written_.isObject() && written_.isMember(details.member);
+    const Json::Value &value = isWritten ? Member(written_, details.member) : written_;
+    diagnostic.place = details.place.value_or(places_.Of(value));
+    diagnostic.severity = severity;
+    diagnostic.member = details.member;
+    if (details.found)
+        diagnostic.found = *details.found;
+    else if (isWritten || details.member.empty())
+        diagnostic.found = Excerpt(value);
+    diagnostic.allowed = details.allowed;
+    diagnostic.message = details.message;
+    diagnostics_.push_back(std::move(diagnostic));
 }
+
+} // namespace kest::ctl

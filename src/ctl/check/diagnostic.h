@@ -1,7 +1,7 @@
 // What there is to say of a job file, and the definition that is looked at for it.
 
-#ifndef CTL_CHECK_PROBLEM_H
-#define CTL_CHECK_PROBLEM_H
+#ifndef CTL_CHECK_DIAGNOSTIC_H
+#define CTL_CHECK_DIAGNOSTIC_H
 
 #include "ctl/check/json_places.h"
 
@@ -12,12 +12,14 @@
 #include <utility>
 #include <vector>
 
+namespace kest::ctl {
+
 enum class Severity {
     Error,  // the daemon refuses it
     Warning // the daemon takes it, but it is hardly meant so, or will not run
 };
 
-struct Problem {
+struct Diagnostic {
     std::string file;
     Place place;
     Severity severity = Severity::Error;
@@ -35,7 +37,7 @@ std::string Excerpt(const Json::Value &value);
 std::string Quoted(const std::string &text);
 
 // What is to be said of a definition.
-struct Finding {
+struct DiagnosticDetails {
     std::string member;
     std::string message;
     std::string allowed = {};
@@ -44,26 +46,29 @@ struct Finding {
 };
 
 // A definition that is looked at.
-class Subject {
+class CheckedDefinition {
 public:
     // `written` is the definition as it stands in its file, `config` as the daemon judges it. All
     // outlive the object.
-    Subject(const Json::Value &written, const Json::Value &config, const JsonPlaces &places);
+    CheckedDefinition(const Json::Value &written, const Json::Value &config,
+                      const JsonPlaces &places);
 
     const Json::Value &Written() const { return written_; }
     const Json::Value &Config() const { return config_; }
     const JsonPlaces &Places() const { return places_; }
 
-    void Add(Severity severity, const Finding &finding);
+    void Add(Severity severity, const DiagnosticDetails &details);
 
     // What was added, without file and job.
-    std::vector<Problem> TakeProblems() { return std::move(problems_); }
+    std::vector<Diagnostic> TakeDiagnostics() { return std::move(diagnostics_); }
 
 private:
     const Json::Value &written_;
     const Json::Value &config_;
     const JsonPlaces &places_;
-    std::vector<Problem> problems_;
+    std::vector<Diagnostic> diagnostics_;
 };
+
+} // namespace kest::ctl
 
 #endif

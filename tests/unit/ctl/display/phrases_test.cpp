@@ -1,4 +1,4 @@
-#include "ctl/display/words.h"
+#include "ctl/display/phrases.h"
 
 #include "job/cron_field.h"
 #include "tests/unit/support/clock.h"
@@ -7,6 +7,8 @@
 #include <array>
 #include <gtest/gtest.h>
 #include <sstream>
+
+namespace kest::ctl {
 
 namespace {
 
@@ -113,3 +115,5 @@ TEST(Start, IsATimeOrTheBoundsOfOne) {
 }
 
 } // namespace
+
+} // namespace kest::ctl
