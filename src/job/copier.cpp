@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <sched.h>
@@ -31,12 +32,17 @@ constexpr const char *kProcessName = "kestcrond-stage";
 constexpr int kLongestAnswer = 12;
 constexpr int kAccountSeconds = 30;
 
-// One request or answer is one packet.
+// One request or answer is one packet. A request ends with the text of `source`.
 struct Request {
+    int refusal;
     std::array<char, NAME_MAX + 1> name;
     std::array<char, PATH_MAX> source;
-    int refusal;
 };
+constexpr std::size_t kShortestRequest = offsetof(Request, source) + 1;
+
+std::size_t SizeOf(const Request &request) {
+    return kShortestRequest + std::strlen(request.source.data());
+}
 struct Greeting {
     Copier::Fault fault;
     int error;
@@ -158,7 +164,7 @@ private:
 void AnswerRequests(int socket, bool isRoot) {
     TimeLimit limit(!isRoot);
     Request request{};
-    while (recv(socket, &request, sizeof request, 0) == sizeof request) {
+    while (recv(socket, &request, sizeof request, 0) >= static_cast<ssize_t>(kShortestRequest)) {
         limit.Start();
         const ProgramCopy copy = Answer(request, isRoot);
         limit.Stop();
@@ -295,11 +301,12 @@ bool Copier::Receive(void *reply, std::size_t size, const std::atomic<bool> &sto
 ProgramCopy Copier::Copy(const std::string &name, const std::string &source, int refusal,
                          const std::atomic<bool> &stopRequested) {
     Request request{};
+    request.refusal = refusal;
     CopyText(name, request.name);
     CopyText(source, request.source);
-    request.refusal = refusal;
+    const std::size_t size = SizeOf(request);
     ProgramCopy copy;
-    if (send(socket_.Get(), &request, sizeof request, MSG_NOSIGNAL) == sizeof request &&
+    if (send(socket_.Get(), &request, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size) &&
         Receive(&copy, sizeof copy, stopRequested))
         return copy;
     copy.error = errno;

@@ -271,13 +271,22 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
     return copy;
 }
 
+// What a failure left there is removed only when it is in the way.
+bool Staging::MoveToTaken(int from, const std::string &name) {
+    if (renameat2(from, name.c_str(), area_.Get(), kTaken, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno == ENOENT)
+        return false;
+    Clear(area_, kTaken);
+    return renameat(from, name.c_str(), area_.Get(), kTaken) == 0;
+}
+
 // Moves what the copier has made to where only root reaches it: the source may have become
 // something else since it was looked at, and an account can do what it likes in its workshop.
 bool Staging::TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account) {
     copy_.Close();
-    Clear(area_, kTaken);
     const int from = workshop.directory ? workshop.directory.Get() : runtime_.Get();
-    if (renameat(from, name.c_str(), area_.Get(), kTaken) == -1)
+    if (!MoveToTaken(from, name))
         return false;
     struct stat status {};
     if (fstatat(area_.Get(), kTaken, &status, AT_SYMLINK_NOFOLLOW) == -1)

@@ -68,6 +68,7 @@ private:
     void OpenWorkshop(Workshop &workshop, const JobUser *account);
     bool OpenInNamespace(Workshop &workshop, const JobUser *account);
     void CloseRuntimeDirectory(gid_t group);
+    bool MoveToTaken(int from, const std::string &name);
     bool TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account);
     bool IsProgramOf(const JobUser *account);
     Step GiveTo(const JobUser &user) const;
