@@ -1,7 +1,6 @@
 #include "bench/cases.h"
 
 #include "base/descriptor.h"
-#include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
 #include "core/job_state.h"
@@ -88,7 +87,7 @@ void CheckDueByLookUp() {
 
 void Classify() {
     for (const CronJob &job : TheJobs())
-        sink = static_cast<std::size_t>(StateOf(FactsOf(job, false, false)));
+        sink = static_cast<std::size_t>(StateOf(StateInputOf(job, false, false)));
 }
 
 // --- Load ---------------------------------------------------------------------------------------

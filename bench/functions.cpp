@@ -31,7 +31,7 @@ void Measure(benchmark::State &state, const Case &what) {
 } // namespace kest
 
 void *operator new(std::size_t size) {
-    ++allocations;
+    ++kest::allocations;
     if (void *memory = std::malloc(size))
         return memory;
     throw std::bad_alloc();

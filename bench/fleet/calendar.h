@@ -3,7 +3,6 @@
 #ifndef BENCH_FLEET_CALENDAR_H
 #define BENCH_FLEET_CALENDAR_H
 
-#include "core/redraw.h"
 #include "job/cron_field.h"
 #include "job/schedule.h"
 

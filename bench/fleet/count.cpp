@@ -1,6 +1,6 @@
 #include "bench/fleet/count.h"
 
-#include "core/launch_spacing.h"
+#include "core/launch.h"
 
 #include <algorithm>
 #include <numeric>

@@ -4,8 +4,8 @@
 
 #include "bench/fleet/machine.h"
 
-#include "core/job_name.h"
-#include "job/period.h"
+#include "core/job_files.h"
+#include "job/definition.h"
 #include "platform/kestutils.h"
 
 #include <stdexcept>

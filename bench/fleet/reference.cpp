@@ -2,8 +2,6 @@
 
 #include "base/json_members.h"
 #include "core/job_state.h"
-#include "core/redraw.h"
-#include "job/overdue.h"
 #include "job/schedule.h"
 #include "log/memorylogger.h"
 
@@ -29,10 +27,10 @@ public:
     Launches Cycle(Micros now) {
         Launches launches{now, {}};
         for (std::size_t i = 0; i < kJobs; ++i) {
-            JobFacts facts;
-            facts.expireTime = IsDue(schedules_[i], UtcOf(At(now))) ? At(now) : 0;
-            facts.overdue = IsOverdue(jobs_[i].assuredHours, lastRun_[i], At(now));
-            if (!TraitsOf(StateOf(facts))->launched)
+            StateInput input;
+            input.expireTime = IsDue(schedules_[i], UtcOf(At(now))) ? At(now) : 0;
+            input.overdue = IsOverdue(jobs_[i].assuredHours, lastRun_[i], At(now));
+            if (!TraitsOf(StateOf(input))->launched)
                 continue;
             launches.jobs.set(i);
             lastRun_[i] = At(now);

@@ -28,6 +28,11 @@ std::int64_t IntegerMember(const Json::Value &object, const char *name, std::int
 // document may go on pointing to `name`: a literal.
 Json::Value &ObjectMember(Json::Value &value, const char *name);
 
+// Whether everything in `before` is still the same in `after`. Members that only `after` has do not
+// count, at any depth: a definition that gained a key keeps its history. Arrays must have the same
+// length; everything else must be of the same type and value.
+bool JsonContains(const Json::Value &before, const Json::Value &after);
+
 } // namespace kest
 
 #endif

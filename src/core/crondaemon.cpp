@@ -4,11 +4,10 @@
 #include "base/errno_guard.h"
 #include "base/local_time.h"
 #include "base/paths.h"
-#include "core/launch_note.h"
-#include "core/launch_spacing.h"
-#include "core/redraw.h"
+#include "core/launch.h"
 #include "core/utils.h"
 #include "job/account.h"
+#include "job/schedule.h"
 #include "log/error_log.h"
 #include "log/memorylogger.h"
 #include "log/system_log.h"
@@ -164,7 +163,7 @@ void CronDaemon::Evaluate() {
     states.reserve(jobs.size());
     for (const CronJob &job : jobs)
         states.push_back(job.waitsForProgram ? JobState::NotReady
-                                             : StateOf(FactsOf(job, passiveMode, held)));
+                                             : StateOf(StateInputOf(job, passiveMode, held)));
     LaunchJobs(states);
     RegenerateOnTimeChange();
     PollChanges();
@@ -208,38 +207,38 @@ std::string TriggerTime() {
 } // namespace
 
 void CronDaemon::LaunchJobs(const std::vector<JobState> &states) {
-    LaunchFacts facts;
-    facts.launches =
+    LaunchDetails details;
+    details.launches =
         static_cast<std::size_t>(std::count_if(states.begin(), states.end(), IsLaunchState));
-    if (facts.launches == 0)
+    if (details.launches == 0)
         return;
-    const std::int32_t spacing = LaunchSpacing(scheduleTemplate.maxDelay, facts.launches);
-    facts.triggerTime = TriggerTime();
+    const std::int32_t spacing = LaunchSpacing(scheduleTemplate.maxDelay, details.launches);
+    details.triggerTime = TriggerTime();
     std::int32_t launched = 0;
     for (std::size_t i = 0; i < jobs.size(); ++i) {
         if (!IsLaunchState(states[i]))
             continue;
-        facts.state = JobStateName(states[i]);
-        facts.scheduleText = jobs[i].scheduleText;
-        facts.delay = launched * spacing;
-        facts.rank = static_cast<std::size_t>(++launched);
-        LaunchJob(jobs[i], facts);
+        details.state = JobStateName(states[i]);
+        details.scheduleText = jobs[i].scheduleText;
+        details.delay = launched * spacing;
+        details.rank = static_cast<std::size_t>(++launched);
+        LaunchJob(jobs[i], details);
     }
 }
 
-void CronDaemon::LaunchJob(CronJob &job, const LaunchFacts &facts) {
+void CronDaemon::LaunchJob(CronJob &job, const LaunchDetails &details) {
     const std::string name(job.Name());
     if (IsOfAccountDirectory(name)) {
         const std::string account = job.Account().value_or("");
         const std::int64_t now = WaitingStarts::Now();
-        if (facts.delay > 0 && !waitingStarts.HasPlace(account, now)) {
+        if (details.delay > 0 && !waitingStarts.HasPlace(account, now)) {
             job.RefuseLaunch();
             return;
         }
         // Its program is needed for a moment longer, and so is that of a start without a delay.
-        waitingStarts.Add(account, name, now + facts.delay + 2);
+        waitingStarts.Add(account, name, now + details.delay + 2);
     }
-    job.Launch(facts.delay, LaunchNote(facts));
+    job.Launch(details.delay, LaunchNote(details));
 }
 
 namespace {

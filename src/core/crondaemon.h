@@ -22,7 +22,7 @@
 
 #include "core/account_files.h"
 #include "core/job_state.h"
-#include "core/launch_note.h"
+#include "core/launch.h"
 #include "core/waiting_starts.h"
 #include "job/cronjob.h"
 #include "job/runtime_directory.h"
@@ -72,7 +72,7 @@ private:
     void Evaluate();
     void ReloadInCycle();
     void LaunchJobs(const std::vector<JobState> &states);
-    void LaunchJob(CronJob &job, const LaunchFacts &facts);
+    void LaunchJob(CronJob &job, const LaunchDetails &facts);
     void RegenerateOnTimeChange();
     void RegenerateField(const std::string &key);
     void Shutdown();

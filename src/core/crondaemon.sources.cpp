@@ -3,7 +3,6 @@
 #include "base/json_members.h"
 #include "core/account_files.h"
 #include "core/job_files.h"
-#include "core/job_name.h"
 #include "core/runtime_document.h"
 #include "job/account.h"
 #include "log/error_log.h"

@@ -1,6 +1,5 @@
 #include "core/crondaemon.h"
 #include "base/errno_guard.h"
-#include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
 #include "base/paths.h"

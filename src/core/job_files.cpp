@@ -1,9 +1,9 @@
 #include "core/job_files.h"
 
 #include "base/json_members.h"
-#include "core/job_name.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/erase.hpp>
 #include <utility>
 
 namespace kest {
@@ -80,6 +80,15 @@ bool NameDefinition(Json::Value &definition, const JobDirectory &directory,
     definition["name"] = FullJobName(directory.label, directory.account, fileBaseName,
                                      definition["name"].asString());
     return true;
+}
+
+std::string FileBaseName(const std::string &fileName) {
+    return boost::algorithm::erase_all_copy(fileName, ".conf");
+}
+
+std::string FullJobName(const std::string &source, const std::string &account,
+                        const std::string &fileBaseName, const std::string &name) {
+    return source + "-" + (account.empty() ? "" : account + "-") + fileBaseName + "-" + name;
 }
 
 } // namespace kest

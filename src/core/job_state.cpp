@@ -18,28 +18,28 @@ constexpr std::array<JobStateTraits, 6> kTraits{{
 
 } // namespace
 
-JobFacts FactsOf(const CronJob &job, bool passiveMode, bool held) {
-    JobFacts facts;
-    facts.passiveMode = passiveMode;
-    facts.runOnPassive = job.runOnPassive;
-    facts.held = held;
-    facts.expireTime = job.ExpireTime();
-    facts.overdue = job.IsAssureOverdue();
-    facts.assureRun = job.assureRun;
-    return facts;
+StateInput StateInputOf(const CronJob &job, bool passiveMode, bool held) {
+    StateInput input;
+    input.passiveMode = passiveMode;
+    input.runOnPassive = job.runOnPassive;
+    input.held = held;
+    input.expireTime = job.ExpireTime();
+    input.overdue = job.IsAssureOverdue();
+    input.assureRun = job.assureRun;
+    return input;
 }
 
-JobState StateOf(const JobFacts &facts) {
-    if (facts.passiveMode && !facts.runOnPassive)
+JobState StateOf(const StateInput &input) {
+    if (input.passiveMode && !input.runOnPassive)
         return JobState::NotRunOnPassive;
-    if (!facts.held) {
-        if (facts.expireTime != 0)
+    if (!input.held) {
+        if (input.expireTime != 0)
             return JobState::Ready;
-        return facts.overdue ? JobState::AssureExecute : JobState::NotReady;
+        return input.overdue ? JobState::AssureExecute : JobState::NotReady;
     }
-    if (!facts.overdue)
+    if (!input.overdue)
         return JobState::NotReady;
-    return facts.assureRun == 1 ? JobState::AssureExecuteRun : JobState::AssureExecuteWait;
+    return input.assureRun == 1 ? JobState::AssureExecuteRun : JobState::AssureExecuteWait;
 }
 
 const JobStateTraits *TraitsOf(JobState state) {

@@ -20,7 +20,7 @@ enum class JobState : std::int32_t {
 };
 
 // What a job's state follows from.
-struct JobFacts {
+struct StateInput {
     bool passiveMode = false;
     bool runOnPassive = false;
     bool held = false;
@@ -29,10 +29,10 @@ struct JobFacts {
     std::int32_t assureRun = 0;
 };
 
-// The facts about a job, now, on a machine that is passive or held, or not.
-JobFacts FactsOf(const CronJob &job, bool passiveMode, bool held);
+// The input about a job, now, on a machine that is passive or held, or not.
+StateInput StateInputOf(const CronJob &job, bool passiveMode, bool held);
 
-JobState StateOf(const JobFacts &facts);
+JobState StateOf(const StateInput &input);
 
 // What is known of a state: its name, and whether a job in it is launched. Null for a number that
 // is no state.

@@ -1,7 +1,7 @@
 #include "job/cronjob.h"
 #include "base/json_members.h"
 #include "base/local_time.h"
-#include "job/overdue.h"
+#include "job/schedule.h"
 #include "log/error_log.h"
 #include "platform/kestrandom.h"
 

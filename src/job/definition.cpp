@@ -2,12 +2,14 @@
 
 #include "base/json_members.h"
 #include "job/account.h"
-#include "job/period.h"
 #include "platform/kestutils.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/split.hpp>
+#include <cctype>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace kest {
 
@@ -179,6 +181,33 @@ void WriteWhenAbsent(Json::Value &object, Json::StaticString name, const Json::V
         object[name] = value;
 }
 
+std::optional<Command> FromList(const Json::Value &list) {
+    if (!list.isArray()) {
+        // It has no elements, unless it is an object: then it has no first one.
+        if (list.isObject() && !list.empty())
+            return std::nullopt;
+        return Command{Json::Value(Json::arrayValue), {}};
+    }
+    Command command{list, {}};
+    for (const Json::Value &element : list) {
+        if (!element.isConvertibleTo(Json::stringValue))
+            return std::nullopt;
+        command.text += element.asString() + " ";
+    }
+    return command;
+}
+
+Command FromText(const std::string &text) {
+    std::vector<std::string> pieces;
+    boost::algorithm::split(
+        pieces, text, [](char character) { return character == ' '; },
+        boost::algorithm::token_compress_on);
+    Command command{Json::Value(Json::arrayValue), text};
+    for (const std::string &piece : pieces)
+        command.list.append(piece);
+    return command;
+}
+
 } // namespace
 
 ParsedDefinition ParseDefinition(const Json::Value &config, std::size_t mostFaults) {
@@ -208,6 +237,29 @@ void WriteDefaults(Json::Value &document, std::int64_t now) {
     WriteWhenAbsent(config, Json::StaticString("assure_execute"), 0);
     WriteWhenAbsent(config, Json::StaticString("assure_execute_action"), "wait");
     WriteWhenAbsent(config, Json::StaticString("run_on_passive"), false);
+}
+
+std::optional<Command> NormalizeCommand(const Json::Value &config) {
+    if (HasMember(config, "cmd_list"))
+        return FromList(Member(config, "cmd_list"));
+    return FromText(TextMember(config, "cmd"));
+}
+
+std::optional<std::string> PeriodCrontab(const std::string &period, const std::string &ownCrontab) {
+    switch (period.empty() ? '\0' : std::tolower(static_cast<unsigned char>(period.front()))) {
+    case 'c':
+        return ownCrontab;
+    case 'h':
+        return "~ * * * *";
+    case 'd':
+        return "~ ~ * * *";
+    case 'w':
+        return "~ ~ * * ~";
+    case 'm':
+        return "~ ~ ~ * *";
+    default:
+        return std::nullopt;
+    }
 }
 
 } // namespace kest

@@ -4,7 +4,6 @@
 #ifndef JOB_DEFINITION_H
 #define JOB_DEFINITION_H
 
-#include "job/command.h"
 #include "job/cron_field.h"
 
 #include <array>
@@ -42,6 +41,12 @@ struct DefinitionFault {
     CronItem item{};        // what was read of the item
 };
 
+// A command as an argument list and as one line of text.
+struct Command {
+    Json::Value list; // array of strings, or of what the JSON library can write as one
+    std::string text;
+};
+
 // What a definition says.
 struct Definition {
     std::string name;                            // the full job name
@@ -70,6 +75,16 @@ ParsedDefinition ParseDefinition(const Json::Value &config,
 // "startup"; "assure_execute", "assure_execute_action" and "run_on_passive" into its "config".
 // The definition keeps the rules.
 void WriteDefaults(Json::Value &document, std::int64_t now);
+
+// The command of the definition `config`. "cmd_list" goes before "cmd"; its text is every element
+// followed by a blank, the last one too. "cmd" is split at runs of blanks and is its own text. The
+// list may be empty. Nothing when an element cannot be written as text.
+std::optional<Command> NormalizeCommand(const Json::Value &config);
+
+// The crontab expression of a period. Only the first letter counts, in either case: h, d, w and m
+// run once an hour, a day, a week, a month at random times, c is `ownCrontab`. Nothing for any
+// other period.
+std::optional<std::string> PeriodCrontab(const std::string &period, const std::string &ownCrontab);
 
 } // namespace kest
 

@@ -77,8 +77,11 @@ std::uint64_t AdmittedBits(const std::vector<std::int32_t> &values) {
 
 std::string ScheduleAsText(const std::array<std::vector<std::int32_t>, 5> &values) {
     std::string text;
-    for (const std::vector<std::int32_t> &field : values)
-        text += (text.empty() ? "" : " ") + FieldAsText(field);
+    for (const std::vector<std::int32_t> &field : values) {
+        if (!text.empty())
+            text += ' ';
+        text += FieldAsText(field);
+    }
     return text;
 }
 
@@ -145,6 +148,31 @@ void Schedule::GetDrawn(std::size_t field, std::vector<std::int32_t> &values) co
     const Item *const end = ItemsBegin() + ends_[field];
     values.resize(static_cast<std::size_t>(end - begin));
     std::transform(begin, end, values.begin(), [](const Item &item) { return item.drawn; });
+}
+
+bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now) {
+    if (hours == 0)
+        return false;
+    std::int64_t due = 0;
+    if (__builtin_add_overflow(last, std::int64_t{3600} * hours, &due))
+        return last < 0; // before every time there is, or after
+    return now > due;
+}
+
+std::vector<std::string> FieldsToRedraw(const std::tm &local) {
+    if (local.tm_min != 0)
+        return {};
+    std::vector<std::string> keys{"Minute"};
+    if (local.tm_hour != 0)
+        return keys;
+    keys.emplace_back("hour");
+    if (local.tm_mday == 1)
+        keys.emplace_back("day");
+    if (local.tm_mday == 1 && local.tm_mon == 0)
+        keys.emplace_back("month");
+    if (local.tm_wday == 1)
+        keys.emplace_back("week");
+    return keys;
 }
 
 } // namespace kest

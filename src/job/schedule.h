@@ -94,6 +94,15 @@ private:
     unsigned drawn_ = 0;                  // a bit for each field
 };
 
+// Whether more than `hours` hours lie between `last` and `now`, both in seconds since the epoch, of
+// any value. Never for 0 hours: the job is not assured.
+bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now);
+
+// The keys of the fields that are drawn anew in the local minute `local`, in the order in which
+// they are drawn: in minute 0 of every hour the minute; at 00:00 the hour too, on the 1st the day,
+// on 1 January the month, on Mondays the week. None in any other minute.
+std::vector<std::string> FieldsToRedraw(const std::tm &local);
+
 } // namespace kest
 
 #endif

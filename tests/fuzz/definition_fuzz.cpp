@@ -4,7 +4,6 @@
 // saved document comes back at the next start. Faults are the same however many of them are asked
 // for, and lead to what was written.
 
-#include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
 #include "job/definition.h"

@@ -6,12 +6,11 @@
 //
 // The saved documents are kept in memory, and no program is staged.
 
-#include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
 #include "core/crondaemon.h"
 #include "core/job_state.h"
-#include "core/launch_note.h"
+#include "core/launch.h"
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 
@@ -171,10 +170,11 @@ void TryLiveJobs(CronDaemon &daemon) {
         RegenerateField(daemon, key);
     for (CronJob &job : JobsOf(daemon)) {
         TryJob(job);
-        LaunchFacts facts;
-        facts.state = JobStateName(StateOf(FactsOf(job, false, true)));
-        facts.scheduleText = job.scheduleText;
-        Require(LaunchNote(facts).find(facts.state) != std::string::npos, "a launch is explained");
+        LaunchDetails details;
+        details.state = JobStateName(StateOf(StateInputOf(job, false, true)));
+        details.scheduleText = job.scheduleText;
+        Require(LaunchNote(details).find(details.state) != std::string::npos,
+                "a launch is explained");
     }
 }
 

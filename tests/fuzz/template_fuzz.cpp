@@ -2,7 +2,7 @@
 // valid job whose delay is never negative and never exceeded, and saving it and loading it again
 // makes no difference.
 
-#include "core/launch_spacing.h"
+#include "core/launch.h"
 #include "tests/fuzz/support/checks.h"
 #include "tests/fuzz/support/machine.h"
 

@@ -56,7 +56,7 @@ int KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid) {
 int KESTVorldStatusGet(int /*query*/, int *status) {
     constexpr int active = 1;
     constexpr int held = 2;
-    const ErrnoGuard errnoGuard;
+    const kest::ErrnoGuard errnoGuard;
     std::ifstream file(kControllerFile);
     std::string word;
     if (!file)

@@ -154,7 +154,7 @@ def test_states():
 
 
 def test_parts_of_the_note_of_a_launch():
-    note = " ".join(strings(CODE["core/launch_note.cpp"]))
+    note = " ".join(strings(CODE["core/launch.cpp"]))
     assert re.findall(r"(\w+)\[", note) == heads([PAGES[0]], "Ql")
 
 
@@ -309,7 +309,7 @@ def test_what_is_said_of_fields_and_periods():
     """The tables of periods and bounds are those that the code has."""
     periods = re.findall(r"^\.It (\w) Ta Ql (.*?) Ta", section(PAGES[1], "Periods"), re.M)
     assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";",
-                                                CODE["job/period.cpp"]))
+                                                CODE["job/definition.cpp"]))
     bounds = re.findall(r"\{'\w', (\d+), (\d+), (\d+)\}", CODE["job/cron_field.cpp"])
     told = re.findall(r"^\.It \w+ Ta (\d+) to (\d+) Ta (\d+) to (\d+)", expressions(), re.M)
     assert told == [(low, high, low, drawn) for low, high, drawn in bounds]

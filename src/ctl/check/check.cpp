@@ -2,7 +2,6 @@
 
 #include "base/json_members.h"
 #include "core/job_files.h"
-#include "core/job_name.h"
 #include "core/runtime_document.h"
 #include "ctl/check/definition.h"
 

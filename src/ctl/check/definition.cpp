@@ -3,7 +3,7 @@
 #include "base/json_members.h"
 #include "ctl/check/crontab.h"
 #include "ctl/check/nearest.h"
-#include "job/period.h"
+#include "job/definition.h"
 
 #include <algorithm>
 #include <array>

@@ -8,7 +8,7 @@
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
-#include "job/period.h"
+#include "job/definition.h"
 #include "platform/kestutils.h"
 
 #include <iostream>

@@ -86,7 +86,7 @@ std::string LabelsOf(const LiveJob &job, std::set<std::string> &used) {
 }
 
 JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon, std::time_t now) {
-    const JobFacts facts = FactsOf(job.job, daemon.passive, daemon.held);
+    const StateInput facts = StateInputOf(job.job, daemon.passive, daemon.held);
     const bool heldBack = StateOf(facts) == JobState::NotRunOnPassive;
     JobFigures figures;
     if (job.lastRun != 0)

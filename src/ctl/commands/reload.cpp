@@ -1,4 +1,3 @@
-#include "base/json_contains.h"
 #include "base/json_members.h"
 #include "base/paths.h"
 #include "ctl/commands/commands.h"

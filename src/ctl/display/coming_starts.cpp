@@ -1,7 +1,6 @@
 #include "ctl/display/coming_starts.h"
 
 #include "base/json_members.h"
-#include "core/redraw.h"
 #include "job/schedule.h"
 
 #include <algorithm>

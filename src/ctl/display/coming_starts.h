@@ -1,10 +1,10 @@
 // When a job will start, as far as anybody can know.
 //
 // What a random field has drawn holds until the field is drawn anew, at moments that are known
-// (core/redraw.h). A start that takes no value from beyond such a moment is known to the minute. Of
-// any other it is known between which minutes it lies, and which fields are yet to be drawn. It may
-// also fail to come: where day and weekday both have a say, and where the minute of a given hour is
-// drawn as 0.
+// (job/schedule.h). A start that takes no value from beyond such a moment is known to the minute.
+// Of any other it is known between which minutes it lies, and which fields are yet to be drawn. It
+// may also fail to come: where day and weekday both have a say, and where the minute of a given
+// hour is drawn as 0.
 
 #ifndef CTL_DISPLAY_COMING_STARTS_H
 #define CTL_DISPLAY_COMING_STARTS_H

@@ -23,7 +23,7 @@ constexpr std::array<JobStatusText, 7> kWords{{
 JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
     if (job.process != 0)
         return JobStatus::Running;
-    switch (StateOf(FactsOf(job.job, daemon.passive, daemon.held))) {
+    switch (StateOf(StateInputOf(job.job, daemon.passive, daemon.held))) {
     case JobState::NotRunOnPassive:
         return JobStatus::HeldBack;
     case JobState::AssureExecuteWait:

@@ -2,7 +2,7 @@
 
 #include "base/json_members.h"
 #include "ctl/display/times.h"
-#include "job/overdue.h"
+#include "job/schedule.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -32,22 +32,22 @@ bool Holds(Condition condition, bool fact) {
     return condition == Both || (condition == Yes) == fact;
 }
 
-bool Applies(const Rule &rule, const JobFacts &facts) {
-    return Holds(rule.keptFromPassive, facts.passiveMode && !facts.runOnPassive) &&
-           Holds(rule.held, facts.held) && Holds(rule.scheduleCame, facts.expireTime != 0) &&
-           Holds(rule.overdue, facts.overdue) && Holds(rule.actionIsRun, facts.assureRun == 1);
+bool Applies(const Rule &rule, const StateInput &input) {
+    return Holds(rule.keptFromPassive, input.passiveMode && !input.runOnPassive) &&
+           Holds(rule.held, input.held) && Holds(rule.scheduleCame, input.expireTime != 0) &&
+           Holds(rule.overdue, input.overdue) && Holds(rule.actionIsRun, input.assureRun == 1);
 }
 
-void ExpectState(const JobFacts &facts) {
+void ExpectState(const StateInput &input) {
     int applying = 0;
     for (const Rule &rule : kRules) {
-        if (!Applies(rule, facts))
+        if (!Applies(rule, input))
             continue;
         ++applying;
-        EXPECT_EQ(StateOf(facts), rule.state)
-            << "passive " << facts.passiveMode << " runOnPassive " << facts.runOnPassive << " held "
-            << facts.held << " expireTime " << facts.expireTime << " overdue " << facts.overdue
-            << " assureRun " << facts.assureRun;
+        EXPECT_EQ(StateOf(input), rule.state)
+            << "passive " << input.passiveMode << " runOnPassive " << input.runOnPassive << " held "
+            << input.held << " expireTime " << input.expireTime << " overdue " << input.overdue
+            << " assureRun " << input.assureRun;
     }
     EXPECT_EQ(applying, 1);
 }

@@ -425,4 +425,82 @@ TEST(WriteDefaults, WritesWhatIsReadBackAsTheSame) {
 
 } // namespace
 
+namespace {
+
+TEST(NormalizeCommand, GivesAListAndALine) {
+    struct Row {
+        const char *config;
+        const char *list;
+        const char *text;
+    };
+    const Row rows[] = {
+        {R"({"cmd": "/bin/a"})", R"(["/bin/a"])", "/bin/a"},
+        {R"({"cmd": "/bin/a b c"})", R"(["/bin/a", "b", "c"])", "/bin/a b c"},
+        {R"({"cmd": "/bin/a  b   c"})", R"(["/bin/a", "b", "c"])", "/bin/a  b   c"},
+        {R"({"cmd": "/bin/a\tb"})", R"(["/bin/a\tb"])", "/bin/a\tb"},
+        {R"({"cmd": "/bin/a \"b c\""})", R"(["/bin/a", "\"b", "c\""])", "/bin/a \"b c\""},
+        {R"({"cmd": " /bin/a "})", R"(["", "/bin/a", ""])", " /bin/a "},
+        {R"({"cmd": ""})", R"([""])", ""},
+        {R"({"cmd_list": ["/bin/a", "b"]})", R"(["/bin/a", "b"])", "/bin/a b "},
+        {R"({"cmd_list": ["/bin/a"]})", R"(["/bin/a"])", "/bin/a "},
+        {R"({"cmd_list": ["/bin/a", "b c", ""]})", R"(["/bin/a", "b c", ""])", "/bin/a b c  "},
+        {R"({"cmd_list": []})", "[]", ""},
+        {R"({"cmd": "x", "cmd_list": ["/bin/a"]})", R"(["/bin/a"])", "/bin/a "},
+        {R"({"cmd": "x", "cmd_list": []})", "[]", ""},
+        {R"({"cmd_list": ["/bin/a", 5, true, null]})", R"(["/bin/a", 5, true, null])",
+         "/bin/a 5 true  "},
+        {R"({"cmd": 5})", R"([""])", ""},
+        {R"({})", R"([""])", ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.config);
+        const std::optional<Command> command = NormalizeCommand(FromText(row.config));
+        ASSERT_TRUE(command);
+        EXPECT_EQ(command->list, FromText(row.list));
+        EXPECT_EQ(command->text, row.text);
+    }
+}
+
+TEST(NormalizeCommand, GivesUpOnWhatCannotBeWrittenAsText) {
+    for (const char *row :
+         {R"({"cmd_list": ["/bin/a", {"x": 1}]})", R"({"cmd_list": [["/bin/a"]]})",
+          R"({"cmd": "x", "cmd_list": {"a": "b"}})"})
+        EXPECT_FALSE(NormalizeCommand(FromText(row))) << row;
+}
+
+} // namespace
+
+namespace {
+
+TEST(PeriodCrontab, DependsOnTheFirstLetterInEitherCase) {
+    struct Row {
+        const char *period;
+        const char *crontab;
+    };
+    const Row rows[] = {
+        {"hourly", "~ * * * *"},   {"Hourly", "~ * * * *"},  {"h", "~ * * * *"},
+        {"H", "~ * * * *"},        {"hx", "~ * * * *"},      {"h crontab", "~ * * * *"},
+        {"daily", "~ ~ * * *"},    {"D", "~ ~ * * *"},       {"dx", "~ ~ * * *"},
+        {"weekly", "~ ~ * * ~"},   {"W", "~ ~ * * ~"},       {"whenever", "~ ~ * * ~"},
+        {"monthly", "~ ~ ~ * *"},  {"M", "~ ~ ~ * *"},       {"minutely", "~ ~ ~ * *"},
+        {"crontab", "1 2 3 4 5"},  {"Crontab", "1 2 3 4 5"}, {"c", "1 2 3 4 5"},
+        {"crontabs", "1 2 3 4 5"},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(PeriodCrontab(row.period, "1 2 3 4 5"), std::string(row.crontab)) << row.period;
+}
+
+TEST(PeriodCrontab, GivesTheOwnCrontabAsItIs) {
+    EXPECT_EQ(PeriodCrontab("c", ""), std::string());
+    EXPECT_EQ(PeriodCrontab("c", " no crontab "), std::string(" no crontab "));
+}
+
+TEST(PeriodCrontab, KnowsNoOtherPeriod) {
+    for (const char *period :
+         {"", "yearly", "Yearly", " hourly", "@daily", "1", "\xc8", "~ * * * *"})
+        EXPECT_EQ(PeriodCrontab(period, "1 2 3 4 5"), std::nullopt) << period;
+}
+
+} // namespace
+
 } // namespace kest

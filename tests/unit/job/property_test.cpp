@@ -1,8 +1,8 @@
 // What must hold for any input, tried on many that are drawn at random from a fixed seed.
 
-#include "base/json_contains.h"
+#include "base/json_members.h"
 #include "base/json_text.h"
-#include "core/job_name.h"
+#include "core/job_files.h"
 #include "job/cronjob.h"
 #include "job/schedule.h"
 #include "platform/json_file.h"

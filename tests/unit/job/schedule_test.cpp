@@ -1,9 +1,12 @@
 #include "job/schedule.h"
 
+#include "tests/unit/support/clock.h"
 #include "tests/unit/support/json_text.h"
 
+#include <boost/multiprecision/cpp_int.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits>
 #include <set>
 
 namespace kest {
@@ -266,6 +269,112 @@ TEST(ScheduleOfAnySize, IsKeptWhole) {
             }
         }
     }
+}
+
+} // namespace
+
+namespace {
+
+constexpr std::int64_t kFirst = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max();
+constexpr std::int32_t kLeastHours = std::numeric_limits<std::int32_t>::min();
+constexpr std::int32_t kMostHours = std::numeric_limits<std::int32_t>::max();
+
+TEST(IsOverdue, HoldsOnceMoreThanTheHoursHavePassed) {
+    struct Row {
+        std::int32_t hours;
+        std::int64_t last;
+        std::int64_t now;
+        bool overdue;
+    };
+    constexpr std::int64_t start = 1700000000;
+    const Row rows[] = {
+        {2, start, start + 7199, false},
+        {2, start, start + 7200, false},
+        {2, start, start + 7201, true},
+        {1, start, start + 3600, false},
+        {1, start, start + 3601, true},
+        {1, start, start - 100000, false}, // the clock was set back
+        {1, 0, start, true},               // never run, never known
+        {0, 0, start, false},
+        {0, kFirst, kLast, false},
+        {-1, start, start - 3600, false},
+        {-1, start, start - 3599, true},
+        {kMostHours, 0, 3600LL * kMostHours, false},
+        {kMostHours, 0, 3600LL * kMostHours + 1, true},
+        {kLeastHours, 0, 3600LL * kLeastHours, false},
+        {kLeastHours, 0, 3600LL * kLeastHours + 1, true},
+        {1, kLast, kLast, false},
+        {1, kLast - 3600, kLast, false},
+        {1, kLast - 3601, kLast, true},
+        {kMostHours, kLast, kLast, false},
+        {kMostHours, kLast, kFirst, false},
+        {-1, kFirst, kFirst, true},
+        {-1, kFirst + 3600, kFirst, false},
+        {-1, kFirst + 3600, kFirst + 1, true},
+        {kLeastHours, kFirst, kFirst, true},
+        {kLeastHours, kFirst, kLast, true},
+        {1, kFirst, kFirst, false},
+        {1, kFirst, kLast, true},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(IsOverdue(row.hours, row.last, row.now), row.overdue)
+            << row.hours << " hours, last " << row.last << ", now " << row.now;
+}
+
+TEST(IsOverdue, AgreesWithWiderArithmetic) {
+    using Wide = boost::multiprecision::int128_t;
+    const std::int32_t allHours[] = {kLeastHours, -2, -1, 0, 1, 2, 24, 596523, kMostHours};
+    const std::int64_t allTimes[] = {kFirst,     kFirst + 3600, -3601,        -3600, -1,   0,
+                                     1,          3599,          3600,         3601,  7200, 7201,
+                                     4294967296, kLast - 3601,  kLast - 3600, kLast};
+    for (const std::int32_t hours : allHours)
+        for (const std::int64_t last : allTimes)
+            for (const std::int64_t now : allTimes)
+                EXPECT_EQ(IsOverdue(hours, last, now),
+                          hours != 0 && Wide{now} > Wide{last} + Wide{3600} * hours)
+                    << hours << " hours, last " << last << ", now " << now;
+}
+
+} // namespace
+
+namespace {
+
+using Keys = std::vector<std::string>;
+
+TEST(FieldsToRedraw, FollowTheRollOverOfEachField) {
+    struct Row {
+        const char *when;
+        std::tm local;
+        Keys keys;
+    };
+    const Row rows[] = {
+        {"an ordinary minute", BrokenDown(2026, 3, 4, 5, 6), {}},
+        {"minute 1", BrokenDown(2026, 3, 4, 5, 1), {}},
+        {"minute 59", BrokenDown(2026, 3, 4, 5, 59), {}},
+        {"minute 1 of a year that begins on a Monday", BrokenDown(2024, 1, 1, 0, 1), {}},
+        {"an ordinary hour", BrokenDown(2026, 3, 4, 5, 0), {"Minute"}},
+        {"the last second of minute 0", BrokenDown(2026, 3, 4, 5, 0, 59), {"Minute"}},
+        {"10:00 on the 1st", BrokenDown(2026, 4, 1, 10, 0), {"Minute"}},
+        {"10:00 on a Monday", BrokenDown(2026, 3, 2, 10, 0), {"Minute"}},
+        {"10:00 on 1 January", BrokenDown(2024, 1, 1, 10, 0), {"Minute"}},
+        {"an ordinary midnight", BrokenDown(2026, 3, 4, 0, 0), {"Minute", "hour"}},
+        {"a Sunday midnight", BrokenDown(2026, 3, 8, 0, 0), {"Minute", "hour"}},
+        {"a Monday midnight", BrokenDown(2026, 3, 2, 0, 0), {"Minute", "hour", "week"}},
+        {"the 1st of a month", BrokenDown(2026, 4, 1, 0, 0), {"Minute", "hour", "day"}},
+        {"the 2nd of January", BrokenDown(2026, 1, 2, 0, 0), {"Minute", "hour"}},
+        {"a Monday that is a 1st", BrokenDown(2026, 6, 1, 0, 0), {"Minute", "hour", "day", "week"}},
+        {"1 January", BrokenDown(2026, 1, 1, 0, 0), {"Minute", "hour", "day", "month"}},
+        {"1 January, a Monday",
+         BrokenDown(2024, 1, 1, 0, 0),
+         {"Minute", "hour", "day", "month", "week"}},
+        {"the 1st of December", BrokenDown(2026, 12, 1, 0, 0), {"Minute", "hour", "day"}},
+        {"a January Monday that is no 1st",
+         BrokenDown(2026, 1, 5, 0, 0),
+         {"Minute", "hour", "week"}},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(FieldsToRedraw(row.local), row.keys) << row.when;
 }
 
 } // namespace

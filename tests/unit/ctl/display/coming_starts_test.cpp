@@ -1,6 +1,5 @@
 #include "ctl/display/coming_starts.h"
 
-#include "core/redraw.h"
 #include "job/cronjob.h"
 #include "job/schedule.h"
 #include "tests/unit/support/clock.h"

@@ -1,7 +1,7 @@
-// Why and how a job was launched, in one line of the execution log.
+// How the jobs of one cycle are spread, and what the execution log records of a launch.
 
-#ifndef CORE_LAUNCH_NOTE_H
-#define CORE_LAUNCH_NOTE_H
+#ifndef CORE_LAUNCH_H
+#define CORE_LAUNCH_H
 
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +10,12 @@
 
 namespace kest {
 
-struct LaunchFacts {
+// Seconds from one start to the next when `count` jobs are launched together: the last one starts
+// at most an hour after the first, and neighbours are never more than `maxDelay` seconds apart.
+std::int32_t LaunchSpacing(std::int32_t maxDelay, std::size_t count);
+
+// Why and how a job was launched.
+struct LaunchDetails {
     std::string state;        // the name of the job's state
     std::string triggerTime;  // as by FormatTriggerTime; may be empty
     std::string scheduleText; // what the job's schedule was; left out when empty
@@ -20,7 +25,7 @@ struct LaunchFacts {
 };
 
 // "state[Ready], trig[07 03:00:12], tab[0 3 -1 -1 -1], job[2/3], delay[600]"
-std::string LaunchNote(const LaunchFacts &facts);
+std::string LaunchNote(const LaunchDetails &details);
 
 // Day of the month and time, "07 03:00:12".
 std::string FormatTriggerTime(const std::tm &local);
