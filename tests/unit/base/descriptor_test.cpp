@@ -38,7 +38,7 @@ TEST(Descriptor, ClosesWhatItOwnsAndKeepsErrno) {
     EXPECT_FALSE(Descriptor(-1));
 }
 
-TEST(Descriptor, HandsOver) {
+TEST(Descriptor, MovesOwnership) {
     const int first = OpenNull();
     const int second = OpenNull();
     Descriptor a(first);
@@ -55,7 +55,7 @@ TEST(Descriptor, HandsOver) {
     close(released);
 }
 
-TEST(ErrnoGuard, PutsErrnoBack) {
+TEST(ErrnoGuard, RestoresErrno) {
     errno = ENOENT;
     {
         const ErrnoGuard errnoGuard;
@@ -91,7 +91,7 @@ TEST(OpenRegularFile, OpensFilesOfTheSizeAllowed) {
 }
 
 // Some files of the kernel do something when they are opened, and look empty.
-TEST(OpenRegularFile, LooksAtTheSizeBeforeItOpens) {
+TEST(OpenRegularFile, ChecksTheSizeBeforeOpening) {
     const TemporaryDirectory directory;
     WriteText(directory.File("empty"), "");
     ASSERT_EQ(chmod(directory.File("empty").c_str(), 0), 0);
@@ -132,7 +132,7 @@ TEST(ReadAll, ReadsUpToItsLimit) {
     }
 }
 
-TEST(ReadAll, FailsWhereThereIsNothingToRead) {
+TEST(ReadAll, FailsForAnUnreadableDescriptor) {
     std::string content;
     EXPECT_FALSE(ReadAll(-1, 10, content));
     EXPECT_EQ(errno, EBADF);

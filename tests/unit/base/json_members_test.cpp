@@ -10,7 +10,7 @@ namespace {
 
 const char *const kNoObjects[] = {"null", "[]", "[1]", "5", "1.5", "true", R"("text")"};
 
-TEST(Member, IsNullWhereThereIsNone) {
+TEST(Member, IsNullWhenItIsMissing) {
     const Json::Value object = FromText(R"({"a": 1, "n": null})");
     EXPECT_EQ(Member(object, "a"), Json::Value(1));
     EXPECT_EQ(Member(object, std::string("a")), Json::Value(1));
@@ -41,7 +41,7 @@ TEST(TextMember, IsEmptyForWhatIsNoText) {
         EXPECT_EQ(TextMember(FromText(text), "a"), "") << text;
 }
 
-TEST(IntegerMember, IsTheOtherValueForWhatIsNoInteger) {
+TEST(IntegerMember, ReturnsTheDefaultForAnythingButAnInteger) {
     const Json::Value object = FromText(
         R"({"i": 5, "neg": -5, "wide": 99999999999, "most": 9223372036854775807, "real": 17.0,
             "least": -9223372036854775808, "over": 9223372036854775808, "half": 1.5, "huge": 1e300,
@@ -72,7 +72,7 @@ TEST(IntegerMember, IsTheOtherValueForWhatIsNoInteger) {
         EXPECT_EQ(IntegerMember(FromText(text), "a", 42), 42) << text;
 }
 
-TEST(ObjectMember, MakesObjectsOnTheWay) {
+TEST(ObjectMember, ReplacesAnythingButAnObject) {
     for (const char *text : kNoObjects) {
         Json::Value value = FromText(text);
         ObjectMember(value, "a")["b"] = 1;
@@ -88,7 +88,7 @@ TEST(ObjectMember, MakesObjectsOnTheWay) {
 
 namespace {
 
-TEST(JsonContains, AsksWhetherEverythingBeforeIsStillTheSame) {
+TEST(JsonContains, ComparesEverythingThatExistedBefore) {
     struct Row {
         const char *before;
         const char *after;
@@ -169,7 +169,7 @@ TEST(JsonContains, InsertsIntoNeitherSide) {
     EXPECT_EQ(after, FromText(afterText));
 }
 
-TEST(JsonContains, LooksAtNamesWithAnyCharacter) {
+TEST(JsonContains, ComparesNamesWithAnyCharacter) {
     Json::Value before;
     before[std::string("a\0b", 3)] = 1;
     Json::Value after;

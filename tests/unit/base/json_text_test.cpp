@@ -88,7 +88,7 @@ TEST(JsonToString, IsPlainAscii) {
         }
 }
 
-TEST(JsonToString, EndsSoonAfterTheMostThatIsAskedFor) {
+TEST(JsonToString, StopsSoonAfterTheLimit) {
     const Json::Value value = FromText(Elements(1000, R"({"a": [1, 2, 3]})"));
     const std::string whole = JsonToString(value);
     for (const std::size_t most : {std::size_t{0}, std::size_t{1000}, whole.size() - 1}) {
@@ -100,7 +100,7 @@ TEST(JsonToString, EndsSoonAfterTheMostThatIsAskedFor) {
     EXPECT_EQ(JsonToString(value, whole.size()), whole);
 }
 
-TEST(JsonText, IsPutTogetherAsWell) {
+TEST(JsonText, BuildsTheSameTextInParts) {
     const Json::Value value = FromText(R"({"jobs": {"a": {"b": [1]}, "c": [], "d": {"e": 5}}})");
     JsonText text;
     text.BeginObject();

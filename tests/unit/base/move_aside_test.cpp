@@ -17,7 +17,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-TEST(IsOwnDirectory, IsNoLinkAndNobodyElses) {
+TEST(IsOwnDirectory, RejectsLinksAndForeignDirectories) {
     const TemporaryDirectory directory;
     std::filesystem::create_directory(directory.File("own"));
     std::filesystem::create_directory(directory.File("other"));
@@ -58,13 +58,13 @@ TEST_F(MoveAsideTest, MovesAFile) {
     EXPECT_EQ(ReadText(Moved()), "content");
 }
 
-TEST_F(MoveAsideTest, MovesADirectoryWithWhatIsInIt) {
+TEST_F(MoveAsideTest, MovesADirectoryWithItsContent) {
     std::filesystem::create_directory(thing_);
     WriteText(thing_ + "/inner", "content");
     EXPECT_EQ(ReadText(Moved() + "/inner"), "content");
 }
 
-TEST_F(MoveAsideTest, MovesALinkAndNotWhatItLinksTo) {
+TEST_F(MoveAsideTest, MovesALinkAndNotItsTarget) {
     const std::string target = directory_.File("target");
     WriteText(target, "content");
     std::filesystem::create_symlink(target, thing_);
@@ -72,12 +72,12 @@ TEST_F(MoveAsideTest, MovesALinkAndNotWhatItLinksTo) {
     EXPECT_EQ(ReadText(target), "content");
 }
 
-TEST_F(MoveAsideTest, MovesALinkThatLeadsNowhere) {
+TEST_F(MoveAsideTest, MovesADanglingLink) {
     std::filesystem::create_symlink("nowhere", thing_);
     EXPECT_EQ(std::filesystem::read_symlink(Moved()), "nowhere");
 }
 
-TEST_F(MoveAsideTest, MovesTheSecondThingToo) {
+TEST_F(MoveAsideTest, MovesASecondObject) {
     WriteText(thing_, "first");
     EXPECT_TRUE(MoveAside(thing_));
     WriteText(thing_, "second");
@@ -85,7 +85,7 @@ TEST_F(MoveAsideTest, MovesTheSecondThingToo) {
     EXPECT_THAT(directory_.Names(), ElementsAre(StartsWith("thing."), StartsWith("thing.")));
 }
 
-TEST_F(MoveAsideTest, LeavesNothingBehindWhenThereIsNothing) {
+TEST_F(MoveAsideTest, LeavesNothingBehindWithoutAnObject) {
     EXPECT_FALSE(MoveAside(thing_));
     EXPECT_EQ(errno, ENOENT);
     EXPECT_THAT(directory_.Names(), IsEmpty());

@@ -6,7 +6,7 @@ namespace kest {
 
 namespace {
 
-TEST(Printable, EscapesControlCharactersAlone) {
+TEST(Printable, EscapesOnlyControlCharacters) {
     struct Row {
         std::string text;
         const char *printable;

@@ -12,7 +12,7 @@ namespace kest {
 
 namespace {
 
-TEST(IsProcessOfRoot, LooksAtEveryUserOfTheProcess) {
+TEST(IsProcessOfRoot, ChecksEveryUserOfTheProcess) {
     EXPECT_TRUE(IsProcessOfRoot(getpid()));
     const struct {
         uid_t real;
@@ -32,7 +32,7 @@ TEST(IsProcessOfRoot, LooksAtEveryUserOfTheProcess) {
                   0);
 }
 
-TEST(IsProcessOfRoot, SaysNoWhenThereIsNone) {
+TEST(IsProcessOfRoot, IsFalseWithoutAProcess) {
     errno = ENOSPC;
     EXPECT_FALSE(IsProcessOfRoot(0));
     EXPECT_FALSE(IsProcessOfRoot(-1));

@@ -36,7 +36,7 @@ void BeAccessible(const TemporaryDirectory &directory) {
     ASSERT_EQ(chmod(directory.Path().c_str(), 0755), 0);
 }
 
-TEST_F(AccountFilesTest, AreReadInTheOrderOfTheirNames) {
+TEST_F(AccountFilesTest, ReadsInNameOrder) {
     BeAccessible(directory_);
     Write("b", "two");
     Write("a", "one");
@@ -51,7 +51,7 @@ TEST_F(AccountFilesTest, AreReadInTheOrderOfTheirNames) {
     }
 }
 
-TEST_F(AccountFilesTest, AreReadWithTheRightsOfTheAccount) {
+TEST_F(AccountFilesTest, ReadsWithTheRightsOfTheAccount) {
     BeAccessible(directory_);
     Write("closed", "text");
     ASSERT_EQ(chmod(directory_.File("closed").c_str(), 0600), 0);
@@ -65,7 +65,7 @@ TEST_F(AccountFilesTest, AreReadWithTheRightsOfTheAccount) {
     EXPECT_EQ(Read(0).files[0].text, "text");
 }
 
-TEST_F(AccountFilesTest, AreReadAsFarAsTheQuotaAdmits) {
+TEST_F(AccountFilesTest, ReadsOnlyWithinTheQuota) {
     BeAccessible(directory_);
     for (int i = 0; i < 40; ++i)
         Write(std::to_string(10 + i), std::string(i == 1 ? 5000 : 100, 'x'));
@@ -79,14 +79,14 @@ TEST_F(AccountFilesTest, AreReadAsFarAsTheQuotaAdmits) {
     }
 }
 
-TEST_F(AccountFilesTest, LeaveNoProcess) {
+TEST_F(AccountFilesTest, LeavesNoProcess) {
     BeAccessible(directory_);
     Read(4711);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }
 
-TEST_F(AccountFilesTest, AreNotReadWithoutADirectory) {
+TEST_F(AccountFilesTest, FailsWithoutADirectory) {
     AccountFiles files;
     EXPECT_EQ(ReadAsAccount(Open().Get(), {true, "somebody", 4711, 4711}, {}, files),
               AccountReading::NotOpened);
@@ -98,7 +98,7 @@ TEST_F(AccountFilesTest, AreNotReadWithoutADirectory) {
     EXPECT_EQ(errno, ENOTDIR);
 }
 
-TEST_F(AccountFilesTest, AreParsedAndCharged) {
+TEST_F(AccountFilesTest, ParsesAndCharges) {
     struct {
         const char *text;
         int readError;
@@ -118,7 +118,7 @@ TEST_F(AccountFilesTest, AreParsedAndCharged) {
     }
 }
 
-TEST(MayBeAccountDirectory, DependsOnItsOwnerItsModeAndTheWayToIt) {
+TEST(MayBeAccountDirectory, DependsOnOwnerModeAndPath) {
     struct {
         mode_t mode;
         uid_t owner;

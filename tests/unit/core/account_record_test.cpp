@@ -28,7 +28,7 @@ void ExpectEqual(const AccountFiles &a, const AccountFiles &b) {
     EXPECT_EQ(a.more, b.more);
 }
 
-TEST(AccountRecord, ComesBackAsItWas) {
+TEST(AccountRecord, RoundTrips) {
     const std::string record = RecordOf(AccountReading::Done, 0, SomeFiles());
     EXPECT_LE(record.size(), LongestRecord(kQuota));
     AccountFiles files;
@@ -36,7 +36,7 @@ TEST(AccountRecord, ComesBackAsItWas) {
     ExpectEqual(files, SomeFiles());
 }
 
-TEST(AccountRecord, TellsWhyItIsNotDone) {
+TEST(AccountRecord, CarriesTheErrorOfAFailure) {
     AccountFiles files;
     EXPECT_EQ(TakeReading(RecordOf(AccountReading::NotOpened, ENOTDIR, {}), kQuota, files),
               AccountReading::NotOpened);
@@ -46,7 +46,7 @@ TEST(AccountRecord, TellsWhyItIsNotDone) {
     EXPECT_EQ(errno, EPERM);
 }
 
-TEST(AccountRecord, IsRefusedWhenAnythingIsMissing) {
+TEST(AccountRecord, RejectsTruncatedRecords) {
     const std::string record = RecordOf(AccountReading::Done, 0, SomeFiles());
     for (std::size_t size = 0; size < record.size(); ++size) {
         AccountFiles files;
@@ -55,7 +55,7 @@ TEST(AccountRecord, IsRefusedWhenAnythingIsMissing) {
     }
 }
 
-TEST(AccountRecord, IsRefusedWhenItSaysWhatCannotBe) {
+TEST(AccountRecord, RejectsImpossibleValues) {
     for (const char *name : {"", ".hidden", "..", "a/b", "/etc/shadow"}) {
         AccountFiles files;
         files.files = {{name, 0, "[]"}};
@@ -77,7 +77,7 @@ TEST(AccountRecord, IsRefusedWhenItSaysWhatCannotBe) {
     }
 }
 
-TEST(AccountRecord, OfAnyBytesHarmsNobody) {
+TEST(AccountRecord, ToleratesArbitraryBytes) {
     const std::string record = RecordOf(AccountReading::Done, 0, SomeFiles());
     for (std::size_t i = 0; i < record.size(); ++i)
         for (const char byte : {'\0', '\1', '\x7f', '\xff'}) {

@@ -24,7 +24,7 @@ TEST(JobStateName, IsTheNameOfTheState) {
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST(JobStateName, ReportsANumberThatIsNoState) {
+TEST(JobStateName, ReportsANumberThatIsNotAState) {
     for (const int number : {6, -1}) {
         const SyslogCapture log;
         EXPECT_FALSE(IsLaunchState(static_cast<JobState>(number)));

@@ -26,7 +26,7 @@ std::string Record(std::uint32_t mask, const std::string &name = {}) {
 
 const std::string kName("job.conf\0\0\0\0\0\0\0\0", 16);
 
-TEST(ReportsChange, HoldsForEveryRecordButAnEndedWatch) {
+TEST(ReportsChange, IsTrueForEveryRecordButARemovedWatch) {
     struct Row {
         const char *what;
         std::string records;
@@ -66,7 +66,7 @@ TEST(ReportsChange, HoldsForEveryRecordButAnEndedWatch) {
 }
 
 // What stands in the buffer behind the records is from an earlier read.
-TEST(ReportsChange, DoesNotLookBeyondTheSize) {
+TEST(ReportsChange, DoesNotReadBeyondTheSize) {
     const std::string ignored = Record(IN_IGNORED);
     const std::string buffer = ignored + Record(IN_MODIFY, kName);
     EXPECT_FALSE(ReportsChange(buffer.data(), ignored.size()));

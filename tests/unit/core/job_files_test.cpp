@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-TEST(JobFiles, AreAllButHiddenOnes) {
+TEST(JobFiles, AreAllEntriesExceptHiddenOnes) {
     EXPECT_TRUE(IsJobFileName("a.conf"));
     EXPECT_TRUE(IsJobFileName("a"));
     EXPECT_TRUE(IsJobFileName("a.conf~"));
@@ -17,7 +17,7 @@ TEST(JobFiles, AreAllButHiddenOnes) {
     EXPECT_FALSE(IsJobFileName(""));
 }
 
-TEST(AccountQuota, AdmitsFilesAndJobsUntilItIsUsedUp) {
+TEST(AccountQuota, AdmitsFilesAndJobsUpToItsLimit) {
     AccountQuota quota{5000, 0};
     EXPECT_TRUE(ChargeFile(quota, 0)); // no file, but an entry
     EXPECT_EQ(quota.bytes, 3976U);
@@ -42,7 +42,7 @@ TEST(AccountQuota, ChargesAFileThatDoesNotFitAsAnEntry) {
     EXPECT_TRUE(ChargeFile(quota, 3976));
 }
 
-TEST(AccountQuota, AdmitsWhatFitsIntoTheDocument) {
+TEST(AccountQuota, AdmitsDocumentsUpToItsLimit) {
     AccountQuota quota{0, 3000};
     EXPECT_TRUE(ChargeDocument(quota, 2000));
     EXPECT_FALSE(ChargeDocument(quota, 1001));
@@ -50,7 +50,7 @@ TEST(AccountQuota, AdmitsWhatFitsIntoTheDocument) {
     EXPECT_EQ(quota.documentBytes, 0U);
 }
 
-TEST(LeftOut, IsToldInOneText) {
+TEST(LeftOut, IsListedInOneText) {
     LeftOut leftOut;
     EXPECT_TRUE(leftOut.Empty());
     leftOut.Add("d/a");
@@ -67,7 +67,7 @@ TEST(LeftOut, IsToldInOneText) {
     EXPECT_EQ(leftOut.Text(), "d/a, b, c, d, e, f, g, h, i, j and at least 7 more");
 }
 
-TEST(Definitions, AreTheElementsOrTheOneObject) {
+TEST(Definitions, AreTheElementsOrTheSingleObject) {
     struct {
         const char *document;
         const char *definitions;
@@ -92,7 +92,7 @@ TEST(Definitions, GetTheirFullNames) {
     EXPECT_EQ(definition, FromText(R"({"name": "pkg-file-a", "user": "root"})"));
 }
 
-TEST(Definitions, OfAnAccountRunAsIt) {
+TEST(Definitions, RunAsTheAccountOfTheDirectory) {
     Json::Value definition =
         FromText(R"({"name": "a", "user": "root", "package_username": "bob"})");
     EXPECT_TRUE(NameDefinition(definition, {"/d", "pkg_nonroot", "alice"}, "file"));
@@ -100,7 +100,7 @@ TEST(Definitions, OfAnAccountRunAsIt) {
                                        "package_username": "alice"})"));
 }
 
-TEST(Definitions, WithoutANameStayAsTheyAre) {
+TEST(Definitions, WithoutANameStayUnchanged) {
     for (const char *text : {R"({"name": 1, "user": "root"})", R"({"user": "root"})", "[]", "7",
                              R"("name")", "null"}) {
         Json::Value definition = FromText(text);
@@ -113,7 +113,7 @@ TEST(Definitions, WithoutANameStayAsTheyAre) {
 
 namespace {
 
-TEST(FileBaseName, HasNoConfInIt) {
+TEST(FileBaseName, RemovesEveryConf) {
     struct Row {
         const char *file;
         const char *base;

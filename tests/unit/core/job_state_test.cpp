@@ -52,7 +52,7 @@ void ExpectState(const StateInput &input) {
     EXPECT_EQ(applying, 1);
 }
 
-TEST(StateOf, FollowsTheTableForAllFacts) {
+TEST(StateOf, FollowsTheTableForAllInputs) {
     int count = 0;
     for (const bool passive : {false, true})
         for (const bool runOnPassive : {false, true})

@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-TEST(LaunchNote, TellsWhatIsWorthTelling) {
+TEST(LaunchNote, ContainsTheDetailsThatApply) {
     struct Row {
         LaunchDetails details;
         const char *note;
@@ -68,7 +68,7 @@ TEST(LaunchSpacing, SpreadsTheStartsOverAnHour) {
             << "maxDelay " << row.maxDelay << ", " << row.count << " jobs";
 }
 
-TEST(LaunchSpacing, KeepsBothPromises) {
+TEST(LaunchSpacing, StaysWithinBothBounds) {
     for (const std::int32_t maxDelay : {0, 1, 36, 300, 3600, 100000})
         for (std::size_t count = 1; count <= 5000; ++count) {
             const std::int64_t spacing = LaunchSpacing(maxDelay, count);

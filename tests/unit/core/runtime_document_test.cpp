@@ -39,21 +39,21 @@ TEST(RuntimeDocument, HasTheDocumentOfEachJobByItsName) {
     }
 }
 
-TEST(RuntimeDocument, ShowsJobsThatWaitForTheirProgramsWhenAsked) {
+TEST(RuntimeDocument, ShowsWaitingJobsOnRequest) {
     std::vector<CronJob> jobs{Job("a"), Job("b"), Job("c")};
     jobs[0].waitsForProgram = true;
     EXPECT_EQ(TextOf(jobs, JobsShown::All), Expected(jobs));
     EXPECT_EQ(TextOf(jobs, JobsShown::Running), Expected({jobs[1], jobs[2]}));
 }
 
-TEST(RuntimeDocument, OfNoJobsIsAnEmptyObject) {
+TEST(RuntimeDocument, IsAnEmptyObjectWithoutJobs) {
     EXPECT_EQ(TextOf({}, JobsShown::All), "{}");
     std::vector<CronJob> jobs{Job("a")};
     jobs[0].waitsForProgram = true;
     EXPECT_EQ(TextOf(jobs, JobsShown::Running), "{}");
 }
 
-TEST(RuntimeDocument, ComesInPartsThatAreSmall) {
+TEST(RuntimeDocument, IsWrittenInSmallParts) {
     std::vector<CronJob> jobs;
     for (int i = 1000; i < 2000; ++i)
         jobs.push_back(Job(std::to_string(i)));

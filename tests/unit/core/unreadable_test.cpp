@@ -35,7 +35,7 @@ TEST_F(KeepUnreadableTest, KeepsTheLatest) {
     }
 }
 
-TEST_F(KeepUnreadableTest, KeepsWhatALinkLeadsTo) {
+TEST_F(KeepUnreadableTest, KeepsTheTargetOfALink) {
     WriteText(directory_.File("real"), "text");
     std::filesystem::create_symlink("real", path_);
     EXPECT_TRUE(KeepUnreadable(path_));
@@ -43,7 +43,7 @@ TEST_F(KeepUnreadableTest, KeepsWhatALinkLeadsTo) {
     EXPECT_EQ(ReadText(kept_), "text");
 }
 
-TEST_F(KeepUnreadableTest, CopiesWhatLiesOnAnotherFileSystem) {
+TEST_F(KeepUnreadableTest, CopiesAcrossFileSystems) {
     const std::string elsewhere = "/dev/shm/kestcrond-unreadable-test";
     WriteText(elsewhere, "text");
     std::filesystem::create_symlink(elsewhere, path_);
@@ -52,7 +52,7 @@ TEST_F(KeepUnreadableTest, CopiesWhatLiesOnAnotherFileSystem) {
     std::filesystem::remove(elsewhere);
 }
 
-TEST_F(KeepUnreadableTest, KeepsOnlyFilesWithSomethingInThem) {
+TEST_F(KeepUnreadableTest, KeepsOnlyFilesThatAreNotEmpty) {
     EXPECT_TRUE(KeepUnreadable(path_));
     std::filesystem::create_directory(path_);
     EXPECT_TRUE(KeepUnreadable(path_));
@@ -62,7 +62,7 @@ TEST_F(KeepUnreadableTest, KeepsOnlyFilesWithSomethingInThem) {
     EXPECT_THAT(directory_.Names(), ElementsAre("document"));
 }
 
-TEST_F(KeepUnreadableTest, FailsWhereItCannotBeKept) {
+TEST_F(KeepUnreadableTest, FailsWhenItCannotBeKept) {
     WriteText(path_, "text");
     std::filesystem::create_directories(kept_ + "/full");
     EXPECT_FALSE(KeepUnreadable(path_));

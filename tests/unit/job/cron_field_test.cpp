@@ -36,7 +36,7 @@ TEST(IsValidFieldValue, HoldsFromTheLowestToTheHighestValueOfAField) {
     }
 }
 
-TEST(IsValidFieldValue, LooksAtTheFirstCharacterOfTheKeyAlone) {
+TEST(IsValidFieldValue, ChecksOnlyTheFirstCharacterOfTheKey) {
     EXPECT_TRUE(IsValidFieldValue("M", 59));
     EXPECT_FALSE(IsValidFieldValue("Month", 60));
     EXPECT_TRUE(IsValidFieldValue("Month", 0)); // a capital M is the minute
@@ -44,13 +44,13 @@ TEST(IsValidFieldValue, LooksAtTheFirstCharacterOfTheKeyAlone) {
     EXPECT_FALSE(IsValidFieldValue("minute", 13));
 }
 
-TEST(IsValidFieldValue, TakesEverythingForAKeyOfNoField) {
+TEST(IsValidFieldValue, AcceptsEverythingForAnyOtherKey) {
     for (const char *key : {"", "x", "H", "D", "W", "~"})
         for (const std::int32_t value : {kLowest, -1, 0, 60, kHighest})
             EXPECT_TRUE(IsValidFieldValue(key, value)) << key << " " << value;
 }
 
-TEST(GetRandomFieldRange, CoversTheFieldAndOfTheDaysThoseOfEveryMonth) {
+TEST(GetRandomFieldRange, CoversTheFieldButOnlyDaysOfEveryMonth) {
     struct Row {
         const char *key;
         std::int32_t from;
@@ -99,7 +99,7 @@ TEST(ReadNumber, ReadsASignedDecimalNumber) {
     }
 }
 
-TEST(ReadNumber, RefusesEverythingElseAndLeavesTheNumberAlone) {
+TEST(ReadNumber, RejectsEverythingElseAndKeepsTheNumber) {
     const std::string rows[] = {
         "",           " ",           "7a",
         "a7",         "1-5",         "+",
@@ -160,7 +160,7 @@ void ExpectItem(const ItemRow &row) {
     EXPECT_EQ(item.range.to, row.range.to);
 }
 
-TEST(ParseCronItem, ReadsWhatIsWellFormed) {
+TEST(ParseCronItem, ParsesValidItems) {
     const ItemRow rows[] = {
         {"Minute", "~", {CronRange::Random, 0, 59}},
         {"hour", "~", {CronRange::Random, 0, 23}},
@@ -200,7 +200,7 @@ TEST(ParseCronItem, ReadsWhatIsWellFormed) {
         ExpectItem(row);
 }
 
-TEST(ParseCronItem, TellsWhatIsWrong) {
+TEST(ParseCronItem, ReturnsTheFault) {
     const CronRange none;
     const CronRange noRange{CronRange::Random, -1, -1};
     const auto notANumber = CronItemFault::NotANumber;

@@ -21,7 +21,7 @@ const char *const kFixed = R"({"config": {"name": "t", "user": "root", "cmd": "t
     "assure_execute_action": "run", "run_on_passive": true}, "startup": 17,
     "schedule": {"Minute": [0], "hour": [3], "day": [-1], "month": [-1], "week": [-1]}})";
 
-TEST(ScheduleTemplate, IsTheBuiltInOneDrawn) {
+TEST(ScheduleTemplate, IsTheBuiltInTemplate) {
     const FixedClock clock(1700000000);
     const SyslogCapture log;
     const ScheduleTemplate scheduleTemplate;
@@ -98,7 +98,7 @@ protected:
     ScheduleTemplate scheduleTemplate_;
 };
 
-TEST_F(TemplateFileTest, LoadsTheWholeJob) {
+TEST_F(TemplateFileTest, LoadsTheCompleteJob) {
     scheduleTemplate_.scheduleText = "text";
     ASSERT_TRUE(LoadScheduleTemplate(scheduleTemplate_, Write(kFixed)));
     EXPECT_TRUE(scheduleTemplate_.valid);
@@ -112,7 +112,7 @@ TEST_F(TemplateFileTest, LoadsTheWholeJob) {
     EXPECT_EQ(scheduleTemplate_.maxDelay, 300);
 }
 
-TEST_F(TemplateFileTest, IsTakenOverFromADocumentWithoutMessages) {
+TEST_F(TemplateFileTest, IsReadFromADocumentWithoutMessages) {
     const SyslogCapture log;
     std::vector<DefinitionFault> faults;
     EXPECT_FALSE(TakeScheduleTemplate(scheduleTemplate_, FromText(R"({"maxDelay": 5})"), faults));
@@ -166,7 +166,7 @@ TEST_F(TemplateFileTest, TakesAMaxDelayThatIsANumberOfSeconds) {
     EXPECT_EQ(scheduleTemplate_.maxDelay, 1234);
 }
 
-TEST_F(TemplateFileTest, LeavesTheTemplateWhenThereIsNothingToRead) {
+TEST_F(TemplateFileTest, KeepsTheTemplateWithoutAFile) {
     std::filesystem::create_directory(directory_.File("directory"));
     const std::string paths[] = {
         directory_.File("absent"),
@@ -182,7 +182,7 @@ TEST_F(TemplateFileTest, LeavesTheTemplateWhenThereIsNothingToRead) {
     }
 }
 
-TEST_F(TemplateFileTest, LeavesTheTemplateWhenTheJobIsInvalid) {
+TEST_F(TemplateFileTest, KeepsTheTemplateWhenTheJobIsInvalid) {
     struct Row {
         const char *text;
         std::vector<std::string> texts;
@@ -232,7 +232,7 @@ TEST_F(TemplateFileTest, DropsADefaultMaxDelayThatWasInTheFile) {
     EXPECT_FALSE(FromText(ReadText(path)).isMember("maxDelay"));
 }
 
-TEST_F(TemplateFileTest, SavesWhatIsLoadedAsTheSame) {
+TEST_F(TemplateFileTest, SavesWhatWasLoadedUnchanged) {
     const std::string path = directory_.File("saved");
     for (const std::int32_t maxDelay : {300, 200, 0}) {
         scheduleTemplate_.maxDelay = maxDelay;
@@ -247,7 +247,7 @@ TEST_F(TemplateFileTest, SavesWhatIsLoadedAsTheSame) {
     }
 }
 
-TEST_F(TemplateFileTest, SaysWhenItCannotSave) {
+TEST_F(TemplateFileTest, ReportsAFailedSave) {
     const SyslogCapture log;
     const Json::Value before = scheduleTemplate_.Document();
     EXPECT_FALSE(

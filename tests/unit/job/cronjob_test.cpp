@@ -1,53 +1,22 @@
 #include "job/cronjob.h"
 
 #include "base/json_members.h"
-#include "tests/unit/support/child.h"
 #include "tests/unit/support/clock.h"
-#include "tests/unit/support/execution_log.h"
-#include "tests/unit/support/files.h"
 #include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
-#include "tests/unit/support/memory.h"
 #include "tests/unit/syslog_capture.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 namespace kest {
 
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 using Texts = std::vector<std::string>;
-
-// A job document with these members of its definition.
-Json::Value Document(const std::string &members) {
-    return FromText(R"({"config": {)" + members + "}}");
-}
-
-CronJob CrontabJob(const std::string &crontab) {
-    Json::Value document = Document(R"("name": "job", "user": "root", "cmd": "true",
-                                       "period": "crontab")");
-    document["config"]["crontab"] = crontab;
-    return CronJob(std::move(document));
-}
-
-// The same with its schedule drawn.
-CronJob ScheduledJob(const std::string &crontab) {
-    CronJob job = CrontabJob(crontab);
-    EXPECT_TRUE(job.valid) << crontab;
-    for (const std::string &key : FieldKeys())
-        job.GenerateSchedule(key);
-    return job;
-}
 
 // --- Document -----------------------------------------------------------------------------------
 
@@ -64,7 +33,7 @@ std::string AsValueOfJobs(const Json::Value &document) {
     return text.Take();
 }
 
-TEST(CronJobDocument, IsSavedAsItIs) {
+TEST(CronJobDocument, IsSavedUnchanged) {
     const FixedClock clock(1700000000);
     const SyslogCapture log;
     const char *const config =
@@ -113,7 +82,7 @@ TEST(CronJobDocument, IsSavedAsItIs) {
     }
 }
 
-TEST(CronJobDocument, OfAnyNumberOfItemsIsSavedAsItIs) {
+TEST(CronJobDocument, RoundTripsWithAnyNumberOfItems) {
     const FixedClock clock(1700000000);
     for (const int count : {1, 2, 15, 16, 17, 18, 24, 25, 26, 60}) {
         SCOPED_TRACE(count);
@@ -129,7 +98,7 @@ TEST(CronJobDocument, OfAnyNumberOfItemsIsSavedAsItIs) {
     }
 }
 
-TEST(CronJobDocument, KnowsTheSameDefinition) {
+TEST(CronJobDocument, RecognisesAnEqualDefinition) {
     const FixedClock clock(1700000000);
     const char *const config = R"("name": "a", "user": "root", "period": "d", "cmd": "b")";
     CronJob job(Document(config));
@@ -140,7 +109,7 @@ TEST(CronJobDocument, KnowsTheSameDefinition) {
         EXPECT_FALSE(job.HasConfigOf(CronJob(Document(std::string(config) + more)))) << more;
 }
 
-TEST(CronJobTexts, OfAListLieTogetherAndAreTheSame) {
+TEST(CronJobTexts, ShareOneBlockAndStayEqual) {
     const FixedClock clock(1700000000);
     std::vector<CronJob> jobs;
     for (const char *name : {"a", "b", "a-job-with-quite-a-long-name"})
@@ -171,7 +140,7 @@ TEST(CronJobTexts, OfAListLieTogetherAndAreTheSame) {
 
 // --- Construction -------------------------------------------------------------------------------
 
-TEST(CronJobConstruction, FillsInAWholeJob) {
+TEST(CronJobConstruction, FillsInACompleteJob) {
     const FixedClock clock(1700000000);
     const SyslogCapture log;
     const CronJob job(Document(R"("name": "backup", "user": "root", "period": "Weekly",
@@ -204,7 +173,7 @@ TEST(CronJobConstruction, WritesTheDefaults) {
                            "run_on_passive": false})"));
 }
 
-TEST(CronJobConstruction, CarriesTheRuntimeMembersAlong) {
+TEST(CronJobConstruction, KeepsTheRuntimeMembers) {
     const FixedClock clock(1700000000);
     Json::Value document =
         Document(R"("name": "a", "user": "root", "period": "d", "cmd_list": ["b", "c"])");
@@ -360,7 +329,7 @@ TEST(CronJobConstruction, TakesTheCrontabOfThePeriod) {
     }
 }
 
-TEST(CronJobConstruction, TellsWhichRuleIsBroken) {
+TEST(CronJobConstruction, ReportsTheViolatedRule) {
     struct Row {
         const char *document;
         const char *rule;
@@ -394,7 +363,7 @@ TEST(CronJobConstruction, TellsWhichRuleIsBroken) {
     }
 }
 
-TEST(CronJobConstruction, TellsAnEarlierErrorToo) {
+TEST(CronJobConstruction, IncludesAnEarlierErrno) {
     const SyslogCapture log;
     errno = ENOENT;
     const CronJob job(FromText("{}"));
@@ -405,7 +374,7 @@ TEST(CronJobConstruction, TellsAnEarlierErrorToo) {
                             "crontab format error (" + error + ")"));
 }
 
-TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
+TEST(CronJobConstruction, ReportsWhatCannotBeParsed) {
     struct Row {
         const char *members; // beside name and user
         Texts texts;         // before "parse error"
@@ -464,7 +433,7 @@ TEST(CronJobConstruction, TellsWhatCannotBeParsed) {
     }
 }
 
-TEST(CronJobConstruction, GivesTheFaultsInsteadOfMessages) {
+TEST(CronJobConstruction, ReturnsTheFaultsInsteadOfMessages) {
     const FixedClock clock(1700000000);
     const char *const rows[] = {
         "7",
@@ -503,7 +472,7 @@ TEST(CronJobConstruction, ParsesTheCommandLast) {
     EXPECT_EQ(empty.assureExecute, 5);
 }
 
-TEST(CronJobConstruction, LeavesADocumentThatBreaksARuleAsItIs) {
+TEST(CronJobConstruction, KeepsADocumentThatViolatesARule) {
     const SyslogCapture log;
     EXPECT_EQ(CronJob(FromText("{}")).Document(), FromText(R"({"config": null})"));
     const char *nameless = R"({"config": {"user": "root", "period": "d", "cmd": "b"}})";
@@ -534,520 +503,6 @@ TEST(CronJobConstruction, WithoutADocumentIsAnInvalidJob) {
     EXPECT_EQ(job.Name(), "");
     EXPECT_FALSE(job.IsAssureOverdue());
     EXPECT_EQ(job.RenderSchedule(), "X X X X X");
-}
-
-// --- Account ------------------------------------------------------------------------------------
-
-TEST(ResolveJobUser, FindsTheAccount) {
-    const passwd *nobody = getpwnam("nobody");
-    ASSERT_NE(nobody, nullptr);
-    const uid_t uid = nobody->pw_uid;
-    const gid_t gid = nobody->pw_gid;
-    struct Row {
-        const char *config;
-        const char *name;
-        uid_t uid;
-        gid_t gid;
-    };
-    const Row rows[] = {
-        {R"({"user": "root"})", "root", 0, 0},
-        {R"({"user": "root", "package_username": "nobody"})", "root", 0, 0},
-        {R"({"user": "package", "package_username": "nobody"})", "nobody", uid, gid},
-        {R"({"user": "packager", "package_username": "nobody"})", "nobody", uid, gid},
-        {R"({"user": "rootpackage", "package_username": "nobody"})", "nobody", uid, gid},
-        {R"({"user": "package", "package_username": "root"})", "root", 0, 0},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.config);
-        const SyslogCapture log;
-        const JobUser user = ResolveJobUser(FromText(row.config));
-        EXPECT_TRUE(user.valid);
-        EXPECT_EQ(user.name, row.name);
-        EXPECT_EQ(user.uid, row.uid);
-        EXPECT_EQ(user.gid, row.gid);
-        EXPECT_TRUE(log.Messages().empty());
-    }
-}
-
-TEST(ResolveJobUser, TellsWhyThereIsNone) {
-    struct Row {
-        const char *config;
-        Texts texts;
-    };
-    const std::string undetermined = "Unable to determine user";
-    const std::string noPackage = "you are not package! error user in config";
-    const std::string only = "you can only specify root/system/package in config";
-    const Row rows[] = {
-        {R"({"user": "package"})", {noPackage, undetermined}},
-        {R"({"user": "package", "package_username": 5})", {noPackage, undetermined}},
-        {R"({"user": "package", "package_username": null})", {noPackage, undetermined}},
-        {R"({"user": "packager"})", {noPackage, undetermined}},
-        {R"({"user": "nobody", "name": "a"})",
-         {"wrong user nobody! " + only + " [\"a\"]", undetermined}},
-        {R"({"user": "Root", "name": "a b"})",
-         {"wrong user Root! " + only + " [\"a b\"]", undetermined}},
-        {R"({"user": "", "name": 5})", {"wrong user ! " + only + " [5]", undetermined}},
-        {R"({"user": "x"})", {"wrong user x! " + only + " [null]", undetermined}},
-        {"null", {"wrong user ! " + only + " [null]", undetermined}},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.config);
-        const SyslogCapture log;
-        EXPECT_FALSE(ResolveJobUser(FromText(row.config)).valid);
-        EXPECT_EQ(log.Texts("cronjob"), row.texts);
-    }
-}
-
-TEST(ResolveJobUser, TellsWhichAccountIsMissing) {
-    struct Row {
-        const char *config;
-        const char *text;
-    };
-    const Row rows[] = {
-        {R"({"user": "rootjob"})", "user rootjob not exist"},
-        {R"({"user": "no-such-system"})", "user no-such-system not exist"},
-        {R"({"user": "package", "package_username": "no-such-account"})",
-         "user no-such-account not exist"},
-        {R"({"user": "package", "package_username": ""})", "user  not exist"},
-        {R"({"user": "root\u0000x"})", "user root not exist"},
-        {R"({"user": "package", "package_username": "nobody\u0000"})", "user nobody not exist"},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.config);
-        const SyslogCapture log;
-        EXPECT_FALSE(ResolveJobUser(FromText(row.config)).valid);
-        // The account database may have left an error of its own, which then follows.
-        EXPECT_THAT(log.Texts("cronjob"), ElementsAre(StartsWith(row.text)));
-    }
-}
-
-TEST(ResolveJobUser, AsksForAnAccountOnce) {
-    const SyslogCapture log;
-    KnownAccounts accounts;
-    const auto jobOf = [](const std::string &user) {
-        return CronJob(
-            Document(R"("name": "a", "period": "d", "cmd": "b", "user": ")" + user + "\""));
-    };
-    const CronJob root = jobOf("root");
-    EXPECT_EQ(ResolveJobUser(root, accounts).uid, 0U);
-    ASSERT_EQ(accounts.count("root"), 1U);
-    accounts["root"].uid = 17; // is believed
-    EXPECT_EQ(ResolveJobUser(root, accounts).uid, 17U);
-    EXPECT_EQ(ResolveJobUser(root.Config()).uid, 0U);
-    const CronJob missing = jobOf("no-such-root");
-    EXPECT_FALSE(ResolveJobUser(missing, accounts).valid);
-    ASSERT_EQ(accounts.count("no-such-root"), 1U) << "a failed look-up may have cost a time-out";
-    accounts["no-such-root"].valid = true;
-    EXPECT_TRUE(ResolveJobUser(missing, accounts).valid);
-    accounts["no-such-root"].valid = false;
-    EXPECT_FALSE(ResolveJobUser(missing, accounts).valid);
-    EXPECT_EQ(log.Texts("cronjob").size(), 2U) << "each one is reported";
-}
-
-// --- Schedule -----------------------------------------------------------------------------------
-
-TEST(GenerateFieldSchedule, TakesTheTemplatesValueWhereItFits) {
-    CronJob job = CrontabJob("~,30~40,5,* ~ 25~31 * *");
-    job.GenerateFieldSchedule("Minute", 17);
-    const std::vector<std::int32_t> minutes = job.GetScheduleValues("Minute");
-    ASSERT_EQ(minutes.size(), 4U);
-    EXPECT_EQ(minutes[0], 17);
-    EXPECT_GE(minutes[1], 30);
-    EXPECT_LE(minutes[1], 40);
-    EXPECT_EQ(minutes[2], 5);
-    EXPECT_EQ(minutes[3], -1);
-    job.GenerateFieldSchedule("day", 30);
-    EXPECT_EQ(job.Document()["schedule"]["day"], FromText("[30]"));
-    EXPECT_FALSE(job.Document()["schedule"].isMember("hour"));
-}
-
-TEST(GenerateFieldSchedule, ReplacesWhatStoodThere) {
-    for (const char *schedule : {"null", "5", "[]", R"("x")", R"({"hour": "x"})",
-                                 R"({"hour": [1, 2, 3]})", R"({"hour": {"a": 1}})"}) {
-        SCOPED_TRACE(schedule);
-        CronJob job = With(CrontabJob("* 7 * * *"), "schedule", FromText(schedule));
-        job.GenerateSchedule("hour");
-        EXPECT_EQ(job.Document()["schedule"], FromText(R"({"hour": [7]})"));
-    }
-}
-
-TEST(GenerateFieldSchedule, KnowsNoOtherFields) {
-    CronJob job = CrontabJob("* * * * *");
-    const Json::Value before = job.Document();
-    job.GenerateSchedule("fortnight");
-    EXPECT_EQ(job.Document(), before);
-    EXPECT_FALSE(job.MatchField("fortnight", 1));
-}
-
-TEST(GenerateSchedule, DrawsAfreshEachTime) {
-    CronJob job = CrontabJob("~ * * * *");
-    std::vector<bool> seen(60, false);
-    for (int i = 0; i < 2000; ++i) {
-        job.GenerateSchedule("Minute");
-        const std::int32_t minute = job.GetSingleScheduleValue("Minute");
-        ASSERT_GE(minute, 0);
-        ASSERT_LE(minute, 59);
-        seen[static_cast<std::size_t>(minute)] = true;
-    }
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 60);
-}
-
-TEST(GetSingleScheduleValue, IsTheOnlyValueThereIs) {
-    struct Row {
-        const char *schedule;
-        std::int32_t value;
-    };
-    const Row rows[] = {
-        {R"({"hour": [5]})", 5},
-        {R"({"hour": [0]})", 0},
-        {R"({"hour": [-1]})", -1},
-        {R"({"hour": [5, 6]})", -1},
-        {R"({"hour": [5, 5]})", -1},
-        {R"({"hour": []})", -1},
-        {R"({"hour": 5})", -1},
-        {R"({"hour": ["5"]})", -1},
-        {R"({"day": [5]})", -1},
-        {R"({"hour": [5, "x"]})", -1},
-        {"{}", -1},
-        {"null", -1},
-        {R"({"hour": [1e12]})", -1},
-        {"[5]", -1},
-    };
-    for (const Row &row : rows) {
-        const CronJob job = With(CrontabJob("* * * * *"), "schedule", FromText(row.schedule));
-        EXPECT_EQ(job.GetSingleScheduleValue("hour"), row.value) << row.schedule;
-    }
-}
-
-TEST(MatchField, LooksIntoItsOwnField) {
-    const CronJob job = With(CrontabJob("* * * * *"), "schedule",
-                             FromText(R"({"Minute": [5], "hour": [6, -1], "day": [], "week": 5})"));
-    EXPECT_TRUE(job.MatchField("Minute", 5));
-    EXPECT_FALSE(job.MatchField("Minute", 6));
-    EXPECT_TRUE(job.MatchField("hour", 5));
-    EXPECT_FALSE(job.MatchField("day", 5));
-    EXPECT_FALSE(job.MatchField("month", 5));
-    EXPECT_FALSE(job.MatchField("week", 5));
-    EXPECT_FALSE(job.MatchField("minute", 5));
-}
-
-TEST(IsDueNow, NeedsAllFiveFields) {
-    const LocalZone zone("UTC0");
-    struct Row {
-        const char *crontab;
-        std::int64_t now;
-        bool due;
-    };
-    const Row rows[] = {
-        {"* * * * *", Utc(2026, 3, 4, 5, 6), true},
-        {"6 5 4 3 3", Utc(2026, 3, 4, 5, 6), true}, // a Wednesday
-        {"6 5 4 3 3", Utc(2026, 3, 4, 5, 6, 59), true},
-        {"7 5 4 3 3", Utc(2026, 3, 4, 5, 6), false},
-        {"6 6 4 3 3", Utc(2026, 3, 4, 5, 6), false},
-        {"6 5 5 3 3", Utc(2026, 3, 4, 5, 6), false},
-        {"6 5 4 2 3", Utc(2026, 3, 4, 5, 6), false},
-        {"6 5 4 3 4", Utc(2026, 3, 4, 5, 6), false},
-        {"0,30 * * * *", Utc(2026, 3, 4, 5, 30), true},
-        {"0,30 * * * *", Utc(2026, 3, 4, 5, 15), false},
-        {"0 0 1 * 1", Utc(2026, 6, 1, 0, 0), true},  // a Monday that is a 1st
-        {"0 0 1 * 1", Utc(2026, 4, 1, 0, 0), false}, // the 1st, no Monday
-        {"0 0 1 * 1", Utc(2026, 3, 2, 0, 0), false}, // a Monday, not the 1st
-        {"* * * * 0", Utc(2026, 3, 8, 0, 0), true},
-        {"* * * * 6", Utc(2026, 3, 7, 0, 0), true},
-        {"* * * 1 *", Utc(2026, 1, 1, 0, 0), true},
-        {"* * * 12 *", Utc(2026, 12, 31, 23, 59), true},
-        {"59 23 31 12 *", Utc(2026, 12, 31, 23, 59), true},
-        {"* * 29 2 *", Utc(2024, 2, 29, 0, 0), true},
-        {"* * * * *", Utc(2040, 1, 1, 0, 0), true},
-    };
-    for (const Row &row : rows) {
-        const FixedClock clock(row.now);
-        EXPECT_EQ(ScheduledJob(row.crontab).IsDueNow(), row.due) << row.crontab << " " << row.now;
-    }
-}
-
-TEST(IsDueNow, GoesByLocalTime) {
-    const LocalZone zone("XXX-1");
-    const CronJob job = ScheduledJob("30 0 1 1 *");
-    FixedClock clock(Utc(2025, 12, 31, 23, 30));
-    EXPECT_TRUE(job.IsDueNow());
-    const LocalZone otherZone("UTC0");
-    clock.Set(Utc(2025, 12, 31, 23, 30, 1));
-    EXPECT_FALSE(job.IsDueNow());
-    clock.Set(Utc(2026, 1, 1, 0, 30));
-    EXPECT_TRUE(job.IsDueNow());
-}
-
-TEST(IsDueNow, HoldsInNoOtherMinuteOfAMonth) {
-    const LocalZone zone("UTC0");
-    const CronJob job = ScheduledJob("15,45 10 * * 1");
-    FixedClock clock(0);
-    const std::int64_t start = Utc(2026, 6, 1, 0, 0);
-    constexpr std::int64_t day = 1440; // minutes
-    for (std::int64_t minute = 0; minute < 30 * day; ++minute) {
-        clock.Set(start + minute * 60);
-        const std::int64_t ofDay = minute % day;
-        const bool monday = minute / day % 7 == 0; // the month begins with one
-        ASSERT_EQ(job.IsDueNow(), monday && (ofDay == 615 || ofDay == 645)) << minute;
-    }
-}
-
-TEST(IsDueNow, IsFalseWithoutAWholeSchedule) {
-    const FixedClock clock(Utc(2026, 3, 4, 5, 6));
-    for (const std::string &key : FieldKeys()) {
-        const CronJob job = ScheduledJob("* * * * *");
-        ASSERT_TRUE(job.IsDueNow());
-        Json::Value schedule = job.Document()["schedule"];
-        schedule.removeMember(key);
-        EXPECT_FALSE(With(job, "schedule", schedule).IsDueNow()) << key;
-    }
-}
-
-TEST(IsDueNow, ReportsATimeWithoutACalendar) {
-    const FixedClock clock(INT64_MAX);
-    CronJob job = ScheduledJob("* * * * *");
-    const SyslogCapture log;
-    EXPECT_FALSE(job.IsDueNow());
-    EXPECT_THAT(log.Texts("cronjob"),
-                ElementsAre("Failed to get localtime (Value too large for defined data type)"));
-}
-
-TEST(CheckTrigger, StampsAJobThatIsDue) {
-    const LocalZone zone("UTC0");
-    const std::int64_t now = Utc(2040, 3, 4, 3, 17, 5);
-    const FixedClock clock(now);
-    CronJob job = ScheduledJob("17 3 * * *");
-    EXPECT_TRUE(job.CheckTrigger());
-    EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
-    EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
-    EXPECT_EQ(job.RenderSchedule(), "17 3 -1 -1 -1");
-}
-
-TEST(CheckTrigger, TakesThePlaceOfAnEarlierMatch) {
-    const LocalZone zone("UTC0");
-    const std::int64_t now = Utc(2026, 3, 4, 3, 17);
-    const FixedClock clock(now);
-    CronJob job = With(ScheduledJob("17 3 * * *"), "expireTime", 42);
-    job.scheduleText = "as before";
-    EXPECT_TRUE(job.CheckTrigger());
-    EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
-    EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
-}
-
-// A cycle may come twice in a minute, or a minute twice when a clock is set back.
-TEST(CheckTrigger, AsksForNoEarlierRun) {
-    const LocalZone zone("UTC0");
-    const std::int64_t now = Utc(2026, 3, 4, 3, 17);
-    const FixedClock clock(now);
-    CronJob job = ScheduledJob("17 3 * * *");
-    for (const std::int64_t lastExecution : {now, now - 5, now + 3600}) {
-        job.NoteLaunch(lastExecution);
-        EXPECT_TRUE(job.CheckTrigger());
-        EXPECT_EQ(job.Document()["expireTime"].asInt64(), now);
-    }
-}
-
-TEST(CheckTrigger, ChangesNothingOtherwise) {
-    const LocalZone zone("UTC0");
-    const FixedClock clock(Utc(2026, 3, 4, 3, 18));
-    CronJob job = With(ScheduledJob("17 3 * * *"), "expireTime", 42);
-    job.scheduleText = "as before";
-    const Json::Value before = job.Document();
-    EXPECT_FALSE(job.CheckTrigger());
-    EXPECT_EQ(job.Document(), before);
-    EXPECT_EQ(job.scheduleText, "as before");
-}
-
-TEST(IsAssureOverdue, CountsFromTheLastRunOrTheStart) {
-    constexpr std::int64_t now = 1700000000;
-    const FixedClock clock(now);
-    struct Row {
-        std::int32_t hours;
-        const char *members;
-        bool overdue;
-    };
-    const Row rows[] = {
-        {2, R"({"lastExecution": 1699992800})", false}, // 7200 seconds ago
-        {2, R"({"lastExecution": 1699992799})", true},  // 7201 seconds ago
-        {2, R"({"startup": 1699992800})", false},
-        {2, R"({"startup": 1699992799})", true},
-        {2, R"({"lastExecution": 1699992800, "startup": 0})", false},
-        {2, R"({"lastExecution": 1699992799, "startup": 1700000000})", true},
-        {2, R"({"lastExecution": 0, "startup": 1700000000})", true},
-        {2, R"({"lastExecution": "x", "startup": 1700000000})", false},
-        {2, R"({"lastExecution": "x", "startup": 1699992799})", true},
-        {2, R"({"lastExecution": 9e30, "startup": "x"})", true}, // no time at all, and never known
-        {1, R"({"startup": "x"})", true},
-        {0, "{}", false},
-        {0, R"({"lastExecution": 0})", false},
-        {1, R"({"lastExecution": 9223372036854775807})", false},
-        {-1, R"({"lastExecution": 1700000000})", true},
-    };
-    for (const Row &row : rows) {
-        Json::Value document = FromText(row.members);
-        document["config"] =
-            FromText(R"({"name": "a", "user": "root", "period": "d", "cmd": "b"})");
-        document["config"]["assure_execute"] = row.hours;
-        const CronJob job(document);
-        ASSERT_TRUE(job.valid);
-        EXPECT_EQ(job.IsAssureOverdue(), row.overdue) << row.hours << " " << row.members;
-    }
-}
-
-// --- Launch -------------------------------------------------------------------------------------
-
-class LaunchTest : public testing::Test {
-protected:
-    LaunchTest() {
-        std::filesystem::remove(ExecutionLogPath());
-        std::filesystem::permissions(directory_.Path(), std::filesystem::perms::all);
-    }
-
-    // A job that runs `command` in a shell.
-    static CronJob ShellJob(const std::string &user, const std::string &command) {
-        Json::Value document = Document(R"("name": "backup", "user": "package", "period": "d",
-                                           "cmd_list": ["/bin/sh", "-c"])");
-        document["config"]["package_username"] = user;
-        document["config"]["cmd_list"].append(command);
-        return CronJob(std::move(document));
-    }
-
-    // Launches the job and waits for its process; that one's exit status.
-    static int RunToEnd(CronJob &job, std::int32_t delay, const std::string &note) {
-        job.Launch(delay, note);
-        return ExitStatusOf(-1);
-    }
-
-    TemporaryDirectory directory_;
-    LocalZone zone_{"XXX-1"};
-    FixedClock clock_{Utc(2026, 11, 15, 2, 0)};
-    const std::string time_ = "2026-11-15T03:00:00+01:00 ";
-};
-
-TEST_F(LaunchTest, StampsTheJobAndRunsItsCommand) {
-    const std::string file = directory_.File("ran");
-    const std::string command = "id -un > " + file;
-    CronJob job = With(ShellJob("root", command), "expireTime", 42);
-    job.scheduleText = "0 3 -1 -1 -1";
-    ASSERT_TRUE(job.valid);
-    EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    EXPECT_EQ(ReadText(file), "root\n");
-    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-    EXPECT_EQ(job.Document()["expireTime"], 0);
-    EXPECT_EQ(job.scheduleText, "");
-    EXPECT_EQ(ReadText(ExecutionLogPath()), time_ +
-                                                "running job: backup with command: /bin/sh -c " +
-                                                command + "  as user root\n");
-}
-
-TEST_F(LaunchTest, TellsTheNoteAndTakesOnTheAccount) {
-    const std::string file = directory_.File("ran");
-    CronJob job = ShellJob("nobody", "id -u > " + file + "; id -G >> " + file);
-    EXPECT_EQ(RunToEnd(job, -5, "state[Ready]"), 0);
-    EXPECT_EQ(ReadText(file), "65534\n65534\n");
-    EXPECT_THAT(ReadText(ExecutionLogPath()),
-                testing::EndsWith(" as user nobody (state[Ready])\n"));
-}
-
-TEST_F(LaunchTest, LogsACommandThatDoesNotStart) {
-    const std::string running = time_ + "running job: backup with command: /no/such/program x";
-    for (const char *user : {"root", "nobody"}) {
-        SCOPED_TRACE(user);
-        std::filesystem::remove(ExecutionLogPath());
-        CronJob job = ShellJob(user, "true");
-        Json::Value config = job.Document()["config"];
-        config.removeMember("cmd_list");
-        config["cmd"] = "/no/such/program x";
-        job = With(job, "config", config);
-        EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-        std::string expected = running;
-        expected.append(" as user ").append(user).append("\n").append(running);
-        expected.append(" failed, return code: -1, error: No such file or directory\n");
-        EXPECT_EQ(ReadText(ExecutionLogPath()), expected);
-    }
-}
-
-TEST_F(LaunchTest, KeepsForeignTextInsideItsLine) {
-    CronJob job = ShellJob("root", "true\n: 2026 running job: forged");
-    EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    EXPECT_EQ(ReadText(ExecutionLogPath()),
-              time_ + "running job: backup with command: /bin/sh -c true\\n: 2026 running job: "
-                      "forged  as user root\n");
-}
-
-TEST_F(LaunchTest, EndsAChildThatHasNoAccount) {
-    CronJob job = ShellJob("no-such-account", "touch " + directory_.File("ran"));
-    const int status = RunToEnd(job, 0, "");
-    EXPECT_GT(status, 0);
-    EXPECT_NE(status, 99);
-    EXPECT_THAT(directory_.Names(), IsEmpty());
-    EXPECT_FALSE(Stands(ExecutionLogPath()));
-    EXPECT_EQ(job.scheduleText, "");
-}
-
-// A second scheduler would be worse than a job that did not run.
-TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
-    const SyslogCapture log;
-    CronJob job(Document(R"("name": "backup", "user": "root", "period": "never", "cmd": "true")"));
-    EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    const std::string running = time_ + "running job: backup with command: ";
-    EXPECT_EQ(ReadText(ExecutionLogPath()), running + " as user root\n" + running +
-                                                " failed, return code: -1, error: Bad address\n");
-}
-
-TEST_F(LaunchTest, EndsAChildThatHasNoMemory) {
-    using Kind = NoMemoryInChildren::Kind;
-    const std::pair<Kind, const char *> rows[] = {
-        {Kind::ReportingArray, "new pszCmd failed"},
-        {Kind::Throwing, "caught a std::exception: std::bad_alloc"},
-    };
-    for (const auto &[kind, text] : rows) {
-        const SharedSyslogCapture log;
-        CronJob job = ShellJob("root", "true");
-        const NoMemoryInChildren none(kind);
-        EXPECT_EQ(RunToEnd(job, 0, ""), EXIT_FAILURE);
-        EXPECT_THAT(log.Message(), testing::MatchesRegex(std::string("cronjob:[0-9]+ ") + text));
-        EXPECT_FALSE(Stands(ExecutionLogPath()));
-    }
-}
-
-TEST_F(LaunchTest, HasStampedAJobThatCannotBeForked) {
-    EXPECT_EQ(InChild([&] {
-                  const SyslogCapture log;
-                  CronJob job = With(ShellJob("root", "true"), "expireTime", 42);
-                  job.scheduleText = "0 3 -1 -1 -1";
-                  const rlimit limit{0, 0};
-                  if (setrlimit(RLIMIT_NPROC, &limit) != 0 || setuid(kOtherAccount) != 0)
-                      return 1;
-                  job.Launch(0, "");
-                  EXPECT_THAT(log.Texts("cronjob"),
-                              ElementsAre("Failed to fork() (Resource temporarily unavailable)"));
-                  EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-                  EXPECT_EQ(job.Document()["expireTime"], 0);
-                  EXPECT_EQ(job.scheduleText, "0 3 -1 -1 -1");
-                  return HasFailure() ? 2 : 0;
-              }),
-              0);
-}
-
-TEST_F(LaunchTest, KnowsTimesOfAnyYear) {
-    clock_.Set(Utc(2040, 1, 1, 0, 0));
-    CronJob job = ShellJob("root", "true");
-    EXPECT_EQ(RunToEnd(job, 0, ""), 0);
-    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2040, 1, 1, 0, 0));
-    EXPECT_THAT(ReadText(ExecutionLogPath()), StartsWith("2040-01-01T01:00:00+01:00 "));
-}
-
-TEST_F(LaunchTest, WaitsOutItsDelay) {
-    const std::string file = directory_.File("ran");
-    CronJob job = With(ShellJob("root", "touch " + file), "expireTime", 42);
-    job.Launch(1, "");
-    EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
-    EXPECT_EQ(job.Document()["expireTime"], 0);
-    EXPECT_FALSE(Stands(file));
-    EXPECT_FALSE(Stands(ExecutionLogPath()));
-    EXPECT_EQ(ExitStatusOf(-1), 0);
-    EXPECT_TRUE(Stands(file));
 }
 
 } // namespace

@@ -50,7 +50,7 @@ std::string BrokenRuleOfConfig(const std::string &members) {
     return BrokenRule(FromText(R"({"config": {)" + members + "}}"));
 }
 
-TEST(ParseDefinition, FindsNoBrokenRule) {
+TEST(ParseDefinition, AcceptsValidDefinitions) {
     const char *rows[] = {
         R"("period": "daily", "user": "root", "name": "a", "cmd": "b")",
         R"("period": "daily", "user": "root", "name": "a", "cmd_list": ["b"])",
@@ -73,13 +73,13 @@ TEST(ParseDefinition, FindsNoBrokenRule) {
         EXPECT_EQ(BrokenRuleOfConfig(row), "") << row;
 }
 
-TEST(ParseDefinition, NamesTheConfigThatIsMissing) {
+TEST(ParseDefinition, ReportsAMissingConfig) {
     for (const char *row : {"{}", "null", "[]", "5", R"("config")", R"({"config": null})",
                             R"({"config": []})", R"({"config": "x"})", R"({"Config": {}})"})
         EXPECT_EQ(BrokenRule(FromText(row)), kNoConfig) << row;
 }
 
-TEST(ParseDefinition, NamesTheRuleThatIsBroken) {
+TEST(ParseDefinition, ReportsTheRuleThatIsViolated) {
     struct Row {
         const char *config;
         const std::string &rule;
@@ -117,7 +117,7 @@ TEST(ParseDefinition, NamesTheRuleThatIsBroken) {
 }
 
 // Each line breaks one rule; of two lines together the upper one comes first.
-TEST(ParseDefinition, FindsBrokenRulesInTheirOrder) {
+TEST(ParseDefinition, ReturnsViolatedRulesInOrder) {
     struct Break {
         const char *member;
         Json::Value value; // null: the member is taken out
@@ -286,7 +286,7 @@ TEST(ParseDefinition, NamesTheRuleOfACommandWithoutWords) {
     EXPECT_STREQ(parsed.faults.front().rule, R"(0 == _jsJob["cmd_list"].size())");
 }
 
-TEST(ParseDefinition, TellsWhatItReadOfAnItem) {
+TEST(ParseDefinition, ReturnsTheParsedPartOfAnItem) {
     const ParsedDefinition parsed = ParseDefinition(ConfigWith(R"("crontab": "* 9~3 * * *")"));
     ASSERT_EQ(parsed.faults.size(), 1U);
     EXPECT_EQ(parsed.faults.front().item.range.type, CronRange::Random);
@@ -349,7 +349,7 @@ TEST(ParseDefinition, GivesTheItemsOfEachField) {
     }
 }
 
-TEST(ParseDefinition, GivesNoItemThatCannotBeUsed) {
+TEST(ParseDefinition, ReturnsNoInvalidItem) {
     const ParsedDefinition parsed = ParseDefinition(ConfigWith(R"("crontab": "1,x,2 * 32 * *")"));
     EXPECT_EQ(InText(parsed.definition.items[0]), "1,2");
     EXPECT_EQ(InText(parsed.definition.items[2]), "");
@@ -401,14 +401,14 @@ TEST(WriteDefaults, LeavesWhatIsThereWhateverItsType) {
     }
 }
 
-TEST(WriteDefaults, KnowsTimesOfAnyYear) {
+TEST(WriteDefaults, HandlesTimesOfAnyYear) {
     Json::Value document = FromText(R"({"config": {"name": "a"}})");
     WriteDefaults(document, 4102444800);
     EXPECT_EQ(document["startup"].asInt64(), 4102444800);
 }
 
 // A definition that changes its types on the way through a file would count as a changed one.
-TEST(WriteDefaults, WritesWhatIsReadBackAsTheSame) {
+TEST(WriteDefaults, RoundTripsDocuments) {
     Json::Value document = FromText(R"({"config": {"name": "a"}})");
     WriteDefaults(document, 1700000000);
     const TemporaryDirectory directory;
@@ -461,7 +461,7 @@ TEST(NormalizeCommand, GivesAListAndALine) {
     }
 }
 
-TEST(NormalizeCommand, GivesUpOnWhatCannotBeWrittenAsText) {
+TEST(NormalizeCommand, FailsForElementsThatAreNotText) {
     for (const char *row :
          {R"({"cmd_list": ["/bin/a", {"x": 1}]})", R"({"cmd_list": [["/bin/a"]]})",
           R"({"cmd": "x", "cmd_list": {"a": "b"}})"})
@@ -490,12 +490,12 @@ TEST(PeriodCrontab, DependsOnTheFirstLetterInEitherCase) {
         EXPECT_EQ(PeriodCrontab(row.period, "1 2 3 4 5"), std::string(row.crontab)) << row.period;
 }
 
-TEST(PeriodCrontab, GivesTheOwnCrontabAsItIs) {
+TEST(PeriodCrontab, ReturnsTheOwnCrontabUnchanged) {
     EXPECT_EQ(PeriodCrontab("c", ""), std::string());
     EXPECT_EQ(PeriodCrontab("c", " no crontab "), std::string(" no crontab "));
 }
 
-TEST(PeriodCrontab, KnowsNoOtherPeriod) {
+TEST(PeriodCrontab, RejectsAnyOtherPeriod) {
     for (const char *period :
          {"", "yearly", "Yearly", " hourly", "@daily", "1", "\xc8", "~ * * * *"})
         EXPECT_EQ(PeriodCrontab(period, "1 2 3 4 5"), std::nullopt) << period;

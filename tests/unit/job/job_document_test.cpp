@@ -44,7 +44,7 @@ std::string Expected(const Json::Value &document) {
     return JsonToString(whole);
 }
 
-TEST(JobDocument, ComesBackAsItWas) {
+TEST(JobDocument, RoundTrips) {
     for (
         const char *member : {
             R"({"x": null})",
@@ -78,7 +78,7 @@ TEST(JobDocument, ComesBackAsItWas) {
     }
 }
 
-TEST(JobDocument, IsKeptAsText) {
+TEST(JobDocument, PacksText) {
     const JobDocument document(Ordinary());
     EXPECT_TRUE(document.IsText());
     EXPECT_EQ(JobDocument().ToJson(), Json::Value());
@@ -96,7 +96,7 @@ TEST(JobDocument, HasAPlaceForEachMemberThatChanges) {
               Expected(FromText(R"({"config": {"a": 1}, "expireTime": "here"})")));
 }
 
-TEST(JobDocument, IsKeptAsItIsWhenTextWouldNotDo) {
+TEST(JobDocument, KeepsJsonThatTextCannotPreserve) {
     Json::Value notUtf8 = Ordinary();
     notUtf8["config"]["cmd"] = "\xff";
     Json::Value withSchedule = Ordinary();

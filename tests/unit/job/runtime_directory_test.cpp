@@ -37,7 +37,7 @@ bool HasOwner(const char *path, uid_t uid, mode_t mode) {
            (status.st_mode & 07777) == mode;
 }
 
-TEST(MakeRuntimeDirectory, MakesItAndTakesItAgain) {
+TEST(MakeRuntimeDirectory, CreatesItOnce) {
     EXPECT_EQ(WithOwnTmp([] {
                   if (!MakeRuntimeDirectory() || !HasOwner(kRuntimeDirectory, 0, 0755))
                       return 1;
@@ -50,7 +50,7 @@ TEST(MakeRuntimeDirectory, MakesItAndTakesItAgain) {
               0);
 }
 
-TEST(MakeRuntimeDirectory, MovesAsideWhatStandsThere) {
+TEST(MakeRuntimeDirectory, MovesOtherObjectsAside) {
     enum { kDirectory, kFull, kFile, kLink };
     for (const int kind : {kDirectory, kFull, kFile, kLink})
         EXPECT_EQ(WithOwnTmp([kind] {
@@ -72,7 +72,7 @@ TEST(MakeRuntimeDirectory, MovesAsideWhatStandsThere) {
             << kind;
 }
 
-TEST(OpenRuntimeDirectory, OpensNoneThatSomebodyElseCanChange) {
+TEST(OpenRuntimeDirectory, RejectsADirectoryThatOthersCanChange) {
     const struct {
         uid_t owner;
         mode_t mode;
@@ -147,7 +147,7 @@ TEST(IsFitToRun, HoldsForProgramsOfRootAndTheAccount) {
             << row.owner << " " << row.account;
 }
 
-TEST(IsFitToRun, DoesNotHoldInADirectoryOfSomebodyElse) {
+TEST(IsFitToRun, IsFalseInADirectoryOfAnotherAccount) {
     EXPECT_EQ(WithOwnTmp([] {
                   MakeRuntimeDirectory();
                   WriteText(kProgram, "");

@@ -27,14 +27,14 @@ protected:
     KEST::RANDOM::KESTRandom random_;
 };
 
-TEST_F(DrawFieldTest, GivesFixedItemsAsTheyAre) {
+TEST_F(DrawFieldTest, ReturnsFixedItemsUnchanged) {
     for (const std::int32_t templateValue : {kAnyValue, 0, 17, 30}) {
         EXPECT_EQ(Draw("Minute", {CronRange::Exact, 30, -1}, templateValue), 30);
         EXPECT_EQ(Draw("Minute", {CronRange::Any, -1, -1}, templateValue), kAnyValue);
     }
 }
 
-TEST_F(DrawFieldTest, TakesTheTemplateWhereItFits) {
+TEST_F(DrawFieldTest, TakesTheTemplateValueWhenItFits) {
     struct Row {
         const char *key;
         std::int32_t from;
@@ -54,7 +54,7 @@ TEST_F(DrawFieldTest, TakesTheTemplateWhereItFits) {
                 << row.key;
 }
 
-TEST_F(DrawFieldTest, DrawsWhereTheTemplateDoesNotFit) {
+TEST_F(DrawFieldTest, DrawsWhenTheTemplateValueDoesNotFit) {
     struct Row {
         const char *key;
         std::int32_t from;
@@ -79,12 +79,12 @@ TEST_F(DrawFieldTest, DrawsWhereTheTemplateDoesNotFit) {
     }
 }
 
-TEST_F(DrawFieldTest, GivesARangeOfOneItsOnlyValue) {
+TEST_F(DrawFieldTest, ReturnsTheOnlyValueOfARangeOfOne) {
     for (int i = 0; i < 20; ++i)
         EXPECT_EQ(Draw("Minute", {CronRange::Random, 5, 5}, kAnyValue), 5);
 }
 
-TEST_F(DrawFieldTest, GivesOneNumberPerItemInTheirOrder) {
+TEST_F(DrawFieldTest, ReturnsOneNumberPerItemInOrder) {
     const std::vector<CronRange> items{{CronRange::Exact, 30, -1},
                                        {CronRange::Exact, 5, -1},
                                        {CronRange::Random, 0, 59},
@@ -126,7 +126,7 @@ TEST(FieldValues, AreTheIntegersOfAnArray) {
         EXPECT_EQ(FieldValues(FromText(row.array)), row.values) << row.array;
 }
 
-TEST(Admits, HoldsForAValueOfTheArrayOrForAnyValue) {
+TEST(Admits, IsTrueForValuesOfTheArrayOrAnyValue) {
     struct Row {
         const char *array;
         std::int32_t value;
@@ -208,7 +208,7 @@ TEST_F(ScheduleTest, DrawsEachFieldAlone) {
     EXPECT_THAT(schedule_.Drawn(4), ElementsAre());
 }
 
-TEST_F(ScheduleTest, TakesWhatADrawCouldHaveGiven) {
+TEST_F(ScheduleTest, AcceptsOnlyPossibleDraws) {
     struct Row {
         const char *array;
         bool taken;
@@ -244,7 +244,7 @@ TEST_F(ScheduleTest, KeepsTheItems) {
     EXPECT_TRUE(schedule_.Items(4).empty());
 }
 
-TEST(ScheduleOfAnySize, IsKeptWhole) {
+TEST(ScheduleOfAnySize, IsKeptCompletely) {
     for (const std::int32_t count : {1, 8, 9, 1000}) {
         SCOPED_TRACE(count);
         std::array<std::vector<CronRange>, 5> items;
@@ -280,7 +280,7 @@ constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max();
 constexpr std::int32_t kLeastHours = std::numeric_limits<std::int32_t>::min();
 constexpr std::int32_t kMostHours = std::numeric_limits<std::int32_t>::max();
 
-TEST(IsOverdue, HoldsOnceMoreThanTheHoursHavePassed) {
+TEST(IsOverdue, IsTrueAfterMoreThanItsHours) {
     struct Row {
         std::int32_t hours;
         std::int64_t last;
@@ -342,7 +342,7 @@ namespace {
 
 using Keys = std::vector<std::string>;
 
-TEST(FieldsToRedraw, FollowTheRollOverOfEachField) {
+TEST(FieldsToRedraw, FollowsTheRollOverOfEachField) {
     struct Row {
         const char *when;
         std::tm local;

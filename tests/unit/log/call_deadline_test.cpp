@@ -10,7 +10,7 @@ namespace kest {
 
 namespace {
 
-TEST(CallDeadline, InterruptsWhatWaits) {
+TEST(CallDeadline, InterruptsABlockingCall) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     char byte = 0;
@@ -28,7 +28,7 @@ TEST(CallDeadline, InterruptsWhatWaits) {
     close(ends[1]);
 }
 
-TEST(CallDeadline, KnowsWhatIsLeft) {
+TEST(CallDeadline, ReportsTheRemainingTime) {
     { EXPECT_TRUE(CallDeadline({0, 0}).IsOver()); }
     const CallDeadline deadline({1000, 0});
     EXPECT_FALSE(deadline.IsOver());
@@ -36,7 +36,7 @@ TEST(CallDeadline, KnowsWhatIsLeft) {
     EXPECT_LE(deadline.Left().tv_sec, 1000);
 }
 
-TEST(CallDeadline, LeavesTheAlarmToOthers) {
+TEST(CallDeadline, RestoresTheAlarm) {
     struct sigaction before {};
     sigset_t blocked;
     signal(SIGALRM, SIG_IGN);

@@ -44,7 +44,7 @@ void ExpectOneMessage(const SyslogCapture &log, const MessageRow &row) {
     EXPECT_EQ(errno, row.error);
 }
 
-TEST(LogErrorAt, TellsTheErrorOnlyWhenThereIsOne) {
+TEST(LogErrorAt, AppendsErrnoOnlyWhenItIsSet) {
     const MessageRow rows[] = {
         {0, "cronjob:212 user nobody not exist"},
         {ENOENT, "cronjob:212 user nobody not exist (No such file or directory)"},
@@ -58,7 +58,7 @@ TEST(LogErrorAt, TellsTheErrorOnlyWhenThereIsOne) {
     }
 }
 
-TEST(LogErrorAt, FillsInTheErrorOfTheTextToo) {
+TEST(LogErrorAt, FormatsErrnoInsideTheText) {
     const MessageRow rows[] = {
         {0, "cronjob:7 Failed [rule], err=Success"},
         {ENOENT, "cronjob:7 Failed [rule], err=No such file or directory (No such file or "
@@ -72,20 +72,20 @@ TEST(LogErrorAt, FillsInTheErrorOfTheTextToo) {
     }
 }
 
-TEST(LogErrorAt, StaysInItsLine) {
+TEST(LogErrorAt, EscapesLineBreaks) {
     const SyslogCapture log;
     LogErrorAt("cronjob.cpp", 7, "missing binary %s", "/bin/a\nkestcrond: all is well\t\x1b[2J");
     ExpectOneMessage(log,
                      {0, "cronjob:7 missing binary /bin/a\\nkestcrond: all is well\\t\\x1b[2J"});
 }
 
-TEST(LogErrorAt, TakesArgumentsForWhatTheyAre) {
+TEST(LogErrorAt, PassesArgumentsUnchanged) {
     const SyslogCapture log;
     LogErrorAt("cronjob.cpp", 7, "missing binary %s", "%s%n%m%d");
     ExpectOneMessage(log, {0, "cronjob:7 missing binary %s%n%m%d"});
 }
 
-TEST(LogErrorAt, CutsOffWhatIsTooLong) {
+TEST(LogErrorAt, CutsLongMessages) {
     const std::string path(100000, 'x');
     const SyslogCapture log;
     LogErrorAt("cronjob.cpp", 7, "%s", path.c_str());
@@ -94,7 +94,7 @@ TEST(LogErrorAt, CutsOffWhatIsTooLong) {
     EXPECT_EQ(text, "cronjob:7 " + path.substr(0, 8191 - 6) + " [cut]");
 }
 
-TEST(LogErrorAt, SaysThatItIsCutWhenEscapesTakeTooMuchSpace) {
+TEST(LogErrorAt, MarksACutByEscapes) {
     const struct {
         std::size_t length;
         const char *end;

@@ -46,7 +46,7 @@ protected:
     SyslogCapture messages_;
 };
 
-TEST_F(MemoryLoggerTest, TouchesNoFileUntilItIsAsked) {
+TEST_F(MemoryLoggerTest, TouchesNoFileBeforeAFlush) {
     logger_.stream() << "line\n";
     EXPECT_TRUE(directory_.Names().empty());
 }
@@ -70,7 +70,7 @@ TEST_F(MemoryLoggerTest, MovesAnEmptyFlushToo) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-TEST_F(MemoryLoggerTest, StagesWhatIsBuffered) {
+TEST_F(MemoryLoggerTest, StagesTheBuffer) {
     const Umask umask(0);
     logger_.AppendToStaging();
     EXPECT_EQ(ReadText(staging_), "");
@@ -88,7 +88,7 @@ TEST_F(MemoryLoggerTest, StagesWhatIsBuffered) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-TEST_F(MemoryLoggerTest, TakesAlongWhatAnEarlierFlushLeft) {
+TEST_F(MemoryLoggerTest, MovesTheRestOfAnEarlierFlush) {
     WriteText(staging_, "left behind\n");
     WriteText(log_, "old\n");
     FlushLine("line\n");
@@ -109,7 +109,7 @@ TEST_F(MemoryLoggerTest, ClosesTheLogToOthers) {
     }
 }
 
-TEST_F(MemoryLoggerTest, LeavesErrnoOfItsCallerInNoMessage) {
+TEST_F(MemoryLoggerTest, KeepsTheCallersErrnoOutOfMessages) {
     errno = 0;
     FlushLine("line\n");
     EXPECT_EQ(errno, 0);
@@ -196,7 +196,7 @@ TEST_F(PlantedStagingTest, IsClearedBeforeAFlush) {
     }
 }
 
-TEST_F(PlantedStagingTest, IsReplacedByAFileOfOurOwn) {
+TEST_F(PlantedStagingTest, IsReplacedByANewFile) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
         plant.put(staging_, victim_);
@@ -205,7 +205,7 @@ TEST_F(PlantedStagingTest, IsReplacedByAFileOfOurOwn) {
 }
 
 // Put there between the two halves of a flush.
-TEST_F(PlantedStagingTest, IsNotTakenForTheStagingFile) {
+TEST_F(PlantedStagingTest, IsNotUsedAsTheStagingFile) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
         messages_.Clear();
@@ -257,7 +257,7 @@ TEST_F(MemoryLoggerTest, CountsTheWholeStagingFile) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-TEST_F(MemoryLoggerTest, HasRoomForLongFlushes) {
+TEST_F(MemoryLoggerTest, HandlesLongFlushes) {
     KEST::MemoryLogger logger(log_, staging_, 1024, lock_);
     std::string text(1048576, 'x');
     logger.stream() << text;
@@ -276,7 +276,7 @@ TEST_F(MemoryLoggerTest, ReportsAMoveWithoutAStagingFile) {
     EXPECT_EQ(ReadText(log_), "");
 }
 
-TEST_F(MemoryLoggerTest, LosesTheLineOfALogThatCannotBeOpened) {
+TEST_F(MemoryLoggerTest, DropsLinesWhenTheLogCannotBeOpened) {
     struct Row {
         const char *log;
         const char *error;
@@ -319,7 +319,7 @@ TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-TEST_F(MemoryLoggerTest, IsSilentWhenItIsTold) {
+TEST_F(MemoryLoggerTest, IsSilentOnRequest) {
     KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1, lock_);
     logger.BeSilent();
     logger.stream() << "line\n";
@@ -359,15 +359,15 @@ protected:
     }
 };
 
-TEST_F(FullDiskTest, LosesAFlushThatDoesNotFitIntoTheLog) {
+TEST_F(FullDiskTest, DropsAFlushThatDoesNotFitIntoTheLog) {
     ExpectFlushIsLost(98, {NotWritten(log_)});
 }
 
-TEST_F(FullDiskTest, LosesAFlushThatFitsNowhere) {
+TEST_F(FullDiskTest, DropsAFlushThatFitsNowhere) {
     ExpectFlushIsLost(101, {NotWritten(staging_), NotWritten(log_)});
 }
 
-TEST_F(MemoryLoggerTest, AppendsToTheLogWhatTheStagingFileDoesNotTake) {
+TEST_F(MemoryLoggerTest, AppendsDirectlyWhenTheStagingFileIsFull) {
     EXPECT_EQ(InChild([this] {
                   // A file system of its own, without a free page.
                   const std::string full = directory_.File("full");
@@ -390,7 +390,7 @@ TEST_F(MemoryLoggerTest, AppendsToTheLogWhatTheStagingFileDoesNotTake) {
     EXPECT_EQ(ReadText(log_), "line\n");
 }
 
-TEST_F(MemoryLoggerTest, LeavesTheModeOfADeviceAlone) {
+TEST_F(MemoryLoggerTest, KeepsTheModeOfADevice) {
     const std::string device = directory_.File("null");
     ASSERT_EQ(mknod(device.c_str(), S_IFCHR, makedev(1, 3)), 0);
     ASSERT_EQ(chmod(device.c_str(), 0666), 0);
@@ -434,7 +434,7 @@ TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
 }
 
 // An account can stop its own processes, and one that waits for a lock would soon hold it.
-TEST_F(MemoryLoggerTest, NeitherWaitsForOthersNorHoldsThemUpWithAKeptLog) {
+TEST_F(MemoryLoggerTest, NeitherBlocksNorWaitsWithAKeptLog) {
     const int other = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(other, LOCK_EX), 0);
     EXPECT_EQ(InChild([this] {
@@ -465,7 +465,7 @@ TEST_F(MemoryLoggerTest, ReportsWhatDoesNotFitIntoAKeptLog) {
               0);
 }
 
-TEST_F(MemoryLoggerTest, LeavesTheStagingFileOutForAKeptLog) {
+TEST_F(MemoryLoggerTest, BypassesTheStagingFileForAKeptLog) {
     WriteText(staging_, "another's\n");
     logger_.KeepLogOpen();
     FlushLine("line\n");
@@ -473,7 +473,7 @@ TEST_F(MemoryLoggerTest, LeavesTheStagingFileOutForAKeptLog) {
     EXPECT_EQ(ReadText(staging_), "another's\n");
 }
 
-TEST_F(MemoryLoggerTest, HandsNoDescriptorToAnotherProgram) {
+TEST_F(MemoryLoggerTest, LeaksNoDescriptorToAnotherProgram) {
     logger_.KeepLogOpen();
     FlushLine("line\n");
     int found = 0;
@@ -488,7 +488,7 @@ TEST_F(MemoryLoggerTest, HandsNoDescriptorToAnotherProgram) {
     EXPECT_EQ(found, 1);
 }
 
-TEST_F(MemoryLoggerTest, FlushesAsEverWhenTheLogCannotBeKept) {
+TEST_F(MemoryLoggerTest, FlushesNormallyWhenTheLogCannotBeKept) {
     KEST::MemoryLogger logger(directory_.File("later/execute.log"), staging_, 1, lock_);
     logger.KeepLogOpen();
     std::filesystem::create_directory(directory_.File("later"));
@@ -543,17 +543,17 @@ protected:
     }
 };
 
-TEST_F(ManyProcessesTest, LoseAndDoubleNoLine) {
+TEST_F(ManyProcessesTest, NeitherLoseNorDuplicateLines) {
     ExpectSuccess(StartFlushing(false));
     ExpectEveryLineOnce(ReadText(log_));
 }
 
-TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfAKeptLog) {
+TEST_F(ManyProcessesTest, NeitherLoseNorDuplicateLinesOfAKeptLog) {
     ExpectSuccess(StartFlushing(true));
     ExpectEveryLineOnce(ReadText(log_));
 }
 
-TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfALogThatIsRotated) {
+TEST_F(ManyProcessesTest, NeitherLoseNorDuplicateLinesDuringRotation) {
     const std::vector<pid_t> children = StartFlushing(false);
     int rotations = 0;
     for (int i = 0; i < 1000; ++i) {
@@ -570,7 +570,7 @@ TEST_F(ManyProcessesTest, LoseAndDoubleNoLineOfALogThatIsRotated) {
 }
 
 // Whoever waits for a lock that is tidied away meanwhile has waited for the wrong file.
-TEST_F(MemoryLoggerTest, WaitsForTheLockThatStandsThereNow) {
+TEST_F(MemoryLoggerTest, WaitsForTheCurrentLockFile) {
     const auto lock = [this] {
         Descriptor file(open(lock_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         EXPECT_EQ(flock(file.Get(), LOCK_EX), 0);
@@ -608,7 +608,7 @@ TEST_F(MemoryLoggerTest, ClosesTheLockToOthers) {
 }
 
 // Nothing is made or locked through what stands in the lock's place.
-TEST_F(PlantedStagingTest, IsNotTakenForTheLock) {
+TEST_F(PlantedStagingTest, IsNotUsedAsTheLock) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
         std::filesystem::remove(log_);
@@ -620,7 +620,7 @@ TEST_F(PlantedStagingTest, IsNotTakenForTheLock) {
     }
 }
 
-TEST_F(MemoryLoggerTest, DoesWithoutALockThatCannotBeMade) {
+TEST_F(MemoryLoggerTest, WorksWithoutALock) {
     KEST::MemoryLogger logger(log_, staging_, 1, directory_.File("absent/lock"));
     logger.stream() << "line\n";
     logger.Flush();

@@ -32,7 +32,7 @@ TEST_F(MessageQueueTest, KeepsMessagesInOrder) {
     EXPECT_EQ(TakeAll(), std::vector<std::string>{"again"});
 }
 
-TEST_F(MessageQueueTest, TakesSoManyMessages) {
+TEST_F(MessageQueueTest, HoldsAtMostItsMessages) {
     for (std::size_t i = 0; i < MessageQueue::kMostMessages; ++i)
         EXPECT_TRUE(queue_->Push("", std::to_string(i)));
     EXPECT_FALSE(queue_->Push("", "more"));
@@ -44,7 +44,7 @@ TEST_F(MessageQueueTest, TakesSoManyMessages) {
     EXPECT_EQ(messages.back(), "last");
 }
 
-TEST_F(MessageQueueTest, TakesSoManyBytes) {
+TEST_F(MessageQueueTest, HoldsAtMostItsBytes) {
     const std::string half(MessageQueue::kMostBytes / 2, 'x');
     EXPECT_TRUE(queue_->Push("", half));
     EXPECT_FALSE(queue_->Push("y", half));

@@ -93,7 +93,7 @@ TEST_F(SystemLogSenderTest, WritesAsSyslogDoes) {
     EXPECT_FALSE(sender_->CatchUp());
 }
 
-TEST_F(SystemLogSenderTest, CutsWhatIsTooLongForTheSocketWithASign) {
+TEST_F(SystemLogSenderTest, CutsAndMarksLongTexts) {
     Listener listener(path_);
     const std::string text(std::size_t{1} << 20, 'x');
     sender_->Write(LOG_ERR, text);
@@ -103,7 +103,7 @@ TEST_F(SystemLogSenderTest, CutsWhatIsTooLongForTheSocketWithASign) {
     EXPECT_EQ(texts[0], Err(text.substr(0, texts[0].size() - Err(" [cut]").size())) + " [cut]");
 }
 
-TEST_F(SystemLogSenderTest, KeepsInOrderWhatABusyLogDoesNotTake) {
+TEST_F(SystemLogSenderTest, KeepsTheOrderWithABusyLog) {
     Listener listener(path_);
     const int sent = FillUp();
     // Nothing more is waited for, and nothing is lost.
@@ -128,7 +128,7 @@ TEST_F(SystemLogSenderTest, KeepsInOrderWhatABusyLogDoesNotTake) {
     EXPECT_EQ(found, expected);
 }
 
-TEST_F(SystemLogSenderTest, HasADescriptorToWaitForOnlyWhenItHelps) {
+TEST_F(SystemLogSenderTest, ReturnsADescriptorOnlyWhenWaitingHelps) {
     EXPECT_FALSE(sender_->CatchUp());
     sender_->Write(LOG_ERR, "nobody listens");
     EXPECT_FALSE(sender_->CatchUp());
@@ -175,7 +175,7 @@ TEST_F(SystemLogSenderTest, KeepsTheBeginningOfALongText) {
     EXPECT_EQ(texts[1], Err("next"));
 }
 
-TEST_F(SystemLogSenderTest, FindsALogThatWasStartedAnew) {
+TEST_F(SystemLogSenderTest, FindsARestartedLog) {
     {
         Listener first(path_);
         sender_->Write(LOG_ERR, "one");
@@ -186,7 +186,7 @@ TEST_F(SystemLogSenderTest, FindsALogThatWasStartedAnew) {
     EXPECT_THAT(second.Texts(), ElementsAre(Err("two"), Err("three")));
 }
 
-TEST_F(SystemLogSenderTest, LeavesToTheParentWhatItKeeps) {
+TEST_F(SystemLogSenderTest, LeavesKeptMessagesToTheParent) {
     sender_->Write(LOG_ERR, "of the parent");
     Listener listener(path_);
     EXPECT_EQ(InChild([this] {
@@ -200,14 +200,14 @@ TEST_F(SystemLogSenderTest, LeavesToTheParentWhatItKeeps) {
     EXPECT_THAT(listener.Texts(), ElementsAre(Err("of the parent")));
 }
 
-TEST_F(SystemLogSenderTest, SendsWhatItKeepsAtItsEnd) {
+TEST_F(SystemLogSenderTest, SendsKeptMessagesWhenItEnds) {
     sender_->Write(LOG_ERR, "kept");
     Listener listener(path_);
     sender_.reset();
     EXPECT_THAT(listener.Texts(), ElementsAre(Err("kept")));
 }
 
-TEST_F(SystemLogSenderTest, DoesNotWaitLongAtItsEnd) {
+TEST_F(SystemLogSenderTest, DoesNotBlockLongWhenItEnds) {
     Listener listener(path_);
     FillUp();
     const auto start = std::chrono::steady_clock::now();
@@ -215,7 +215,7 @@ TEST_F(SystemLogSenderTest, DoesNotWaitLongAtItsEnd) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
 }
 
-TEST_F(SystemLogSenderTest, AnswersToASlowLogInTime) {
+TEST_F(SystemLogSenderTest, KeepsToItsTimeWithASlowLog) {
     // All waiting between two calls of CatchUp is half a second, however many messages there are.
     Listener listener(path_);
     const auto start = std::chrono::steady_clock::now();

@@ -29,7 +29,7 @@ TEST(FormatTimestamp, WritesTheOffset) {
     }
 }
 
-TEST(FormatTimestamp, FillsUpWithZeros) {
+TEST(FormatTimestamp, PadsWithZeros) {
     EXPECT_EQ(FormatTimestamp(BrokenDown(2026, 1, 2, 3, 4, 5)), "2026-01-02T03:04:05+00:00 ");
 }
 

@@ -22,6 +22,8 @@ namespace kest {
 
 namespace {
 
+constexpr JsonLimits kLimits{std::size_t{1} << 20, 64};
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -37,7 +39,7 @@ protected:
 
     // A failure with errno `error` that leaves nothing of an earlier document.
     static void ExpectRefused(const std::string &path, int error,
-                              const JsonLimits &limits = kJobFileLimits) {
+                              const JsonLimits &limits = kLimits) {
         SCOPED_TRACE(path);
         Json::Value value = FromText(R"({"earlier": 1})");
         errno = 0;
@@ -47,7 +49,7 @@ protected:
     }
 
     static void ExpectRead(const std::string &path, const Json::Value &expected,
-                           const JsonLimits &limits = kJobFileLimits) {
+                           const JsonLimits &limits = kLimits) {
         Json::Value value = FromText(R"({"earlier": 1})");
         EXPECT_TRUE(JsonFromFile(path, value, limits));
         EXPECT_TRUE(value == expected); // too deep and too long to be shown
@@ -114,9 +116,8 @@ TEST_F(JsonFromFileTest, RefusesAZeroByteAndWhatFollowsIt) {
 
 TEST_F(JsonFromFileTest, DropsComments) {
     Json::Value value;
-    ASSERT_TRUE(
-        JsonFromFile(Write("// one\n{/* two */ \"a\": 1, // three\n \"b\": [2] } // four\n"), value,
-                     kJobFileLimits));
+    ASSERT_TRUE(JsonFromFile(
+        Write("// one\n{/* two */ \"a\": 1, // three\n \"b\": [2] } // four\n"), value, kLimits));
     EXPECT_EQ(value, FromText(R"({"a": 1, "b": [2]})"));
     for (const Json::Value *part : {&value, &value["a"], &value["b"], &value["b"][0]})
         for (const Json::CommentPlacement placement :
@@ -179,13 +180,13 @@ TEST_F(JsonFromFileTest, TakesAJobFileUpToItsLimit) {
 }
 
 // Files of the kernel's claim to be empty, and some let their reader wait for ever.
-TEST_F(JsonFromFileTest, DoesNotReadWhatLooksEmpty) {
+TEST_F(JsonFromFileTest, DoesNotReadFilesThatAppearEmpty) {
     ExpectRefused(Write(""), EBADMSG);
     ExpectRefused("/proc/version", EBADMSG);
     ExpectRefused("/proc/kmsg", EBADMSG);
 }
 
-TEST_F(JsonFromFileTest, RefusesWhatIsNoRegularFile) {
+TEST_F(JsonFromFileTest, RefusesAnythingButARegularFile) {
     const std::string fifo = directory_.File("fifo");
     const std::string loop = directory_.File("loop");
     const std::string device = directory_.File("device");
@@ -213,7 +214,7 @@ TEST_F(JsonFromFileTest, FollowsLinks) {
     ExpectRead(directory_.File("link-to-link"), FromText("[1]"));
 }
 
-TEST_F(JsonFromFileTest, RefusesWhatMayNotBeRead) {
+TEST_F(JsonFromFileTest, RefusesAnUnreadableFile) {
     Write("[1]");
     std::filesystem::permissions(path_, std::filesystem::perms::none);
     std::filesystem::permissions(directory_.Path(), std::filesystem::perms(0755));
@@ -221,7 +222,7 @@ TEST_F(JsonFromFileTest, RefusesWhatMayNotBeRead) {
                   Json::Value value(5);
                   if (setuid(kOtherAccount) != 0)
                       return 1;
-                  if (JsonFromFile(path_, value, kJobFileLimits) || errno != EACCES)
+                  if (JsonFromFile(path_, value, kLimits) || errno != EACCES)
                       return 2;
                   return value.isNull() ? 0 : 3;
               }),
@@ -262,7 +263,7 @@ protected:
     const Json::Value document_ = FromText(R"({"a": [1, 2.5, "x\u0001\"", true, null], "b": {}})");
 };
 
-TEST_F(JsonToFileTest, WritesWhatIsReadBackAsTheSame) {
+TEST_F(JsonToFileTest, RoundTripsDocuments) {
     for (const Durability durability : {Durability::Process, Durability::Reboot}) {
         EXPECT_TRUE(JsonToFile(JsonToString(document_), path_, durability));
         EXPECT_EQ(ReadBack(path_), document_);
@@ -376,7 +377,7 @@ TEST_F(UnreplaceableFileTest, IsLeftAloneWhenItHasAnotherName) {
     EXPECT_EQ(ReadText(path_), before);
 }
 
-TEST_F(JsonToFileTest, LeavesADeviceAlone) {
+TEST_F(JsonToFileTest, DoesNotTouchADevice) {
     const std::string device = directory_.File("null");
     ASSERT_EQ(mknod(device.c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
     std::filesystem::create_symlink(device, path_);
@@ -387,7 +388,7 @@ TEST_F(JsonToFileTest, LeavesADeviceAlone) {
     EXPECT_TRUE(S_ISCHR(status.st_mode));
 }
 
-TEST_F(JsonToFileTest, ReplacesALongerDocumentWhole) {
+TEST_F(JsonToFileTest, ReplacesALongerDocument) {
     Json::Value longer(std::string(100000, 'x'));
     EXPECT_TRUE(Save(longer, path_));
     EXPECT_TRUE(Save(document_, path_));
@@ -407,7 +408,7 @@ TEST_F(JsonToFileTest, KeepsALinkAndWritesItsTarget) {
 }
 
 // A reader that opened the old document reads it to its end.
-TEST_F(JsonToFileTest, WritesNothingThatIsTooLargeToReadBack) {
+TEST_F(JsonToFileTest, RefusesADocumentThatIsTooLargeToReadBack) {
     const Json::Value large(std::string(std::size_t{70} << 20, 'x'));
     EXPECT_TRUE(Save(large, path_));
     EXPECT_EQ(ReadBack(path_), large);
@@ -423,14 +424,14 @@ TEST_F(JsonToFileTest, MakesTheTargetOfALinkThatHasNone) {
     EXPECT_EQ(std::filesystem::read_symlink(link), "second");
 }
 
-TEST_F(JsonToFileTest, LeavesAnOpenOldDocumentWhole) {
+TEST_F(JsonToFileTest, DoesNotChangeAnOpenOldDocument) {
     WriteText(path_, "[\"old\"]");
     std::filesystem::create_hard_link(path_, directory_.File("second-name"));
     EXPECT_TRUE(Save(document_, path_));
     EXPECT_EQ(ReadText(directory_.File("second-name")), "[\"old\"]");
 }
 
-TEST_F(JsonToFileTest, IsNotLedAstrayByWhatACrashLeft) {
+TEST_F(JsonToFileTest, ReplacesTheRestOfACrash) {
     const std::string victim = directory_.File("victim");
     WriteText(victim, "untouched");
     std::filesystem::create_symlink(victim, path_ + ".new");
@@ -458,7 +459,7 @@ TEST_F(JsonToFileTest, KeepsTheOldDocumentWhenTheNewOneDoesNotFit) {
     EXPECT_THAT(directory_.Names(), ElementsAre("kestcrond.config"));
 }
 
-TEST_F(JsonToFileTest, FailsWhereThereCanBeNoFile) {
+TEST_F(JsonToFileTest, FailsWhenNoFileCanBeCreated) {
     const std::string standing = directory_.File("standing");
     std::filesystem::create_directory(standing);
     EXPECT_FALSE(Save(document_, standing));
@@ -481,7 +482,7 @@ TEST_F(JsonToFileTest, LeavesNoDescriptorOpen) {
     EXPECT_THAT(directory_.Names(), ElementsAre("kestcrond.config"));
 }
 
-TEST_F(JsonFromFileTest, TellsWhatItReadAndWhatIsWrongWithIt) {
+TEST_F(JsonFromFileTest, ReturnsTheTextAndItsFault) {
     const struct {
         std::string text;
         std::string fault;
@@ -494,16 +495,16 @@ TEST_F(JsonFromFileTest, TellsWhatItReadAndWhatIsWrongWithIt) {
     for (const auto &row : rows) {
         Json::Value value;
         JsonOrigin origin{"what was read before", "of that"};
-        JsonFromFile(Write(row.text), value, kJobFileLimits, &origin);
+        JsonFromFile(Write(row.text), value, kLimits, &origin);
         EXPECT_EQ(origin.text, row.text);
         EXPECT_THAT(origin.fault, testing::HasSubstr(row.fault));
         EXPECT_EQ(origin.fault.empty(), row.fault.empty());
     }
 }
 
-TEST_F(JsonFromFileTest, ValuesTellWhereTheyStand) {
+TEST_F(JsonFromFileTest, ValuesHaveTheirOffsets) {
     Json::Value value;
-    ASSERT_TRUE(JsonFromFile(Write(R"({"a": [1, "x"]})"), value, kJobFileLimits));
+    ASSERT_TRUE(JsonFromFile(Write(R"({"a": [1, "x"]})"), value, kLimits));
     EXPECT_EQ(value["a"].getOffsetStart(), 6);
     EXPECT_EQ(value["a"][1].getOffsetStart(), 10);
     EXPECT_EQ(value["a"][1].getOffsetLimit(), 13);

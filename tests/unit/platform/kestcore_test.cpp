@@ -223,7 +223,7 @@ TEST_F(PidFileTest, HoldsThePidAndANewline) {
     waitpid(holder, nullptr, 0);
 }
 
-TEST_F(PidFileTest, IsRefusedToASecondProcess) {
+TEST_F(PidFileTest, IsLockedAgainstASecondProcess) {
     const pid_t holder = StartHolder();
     EXPECT_LT(XLIBCProcPidFileCreate(path_.c_str()), 0);
     ExpectFailureRecorded();
@@ -243,7 +243,7 @@ TEST_F(PidFileTest, ReplacesAStaleOne) {
     EXPECT_EQ(ReadText(path_), std::to_string(getpid()) + "\n");
 }
 
-TEST_F(PidFileTest, IsWonByOneOfMany) {
+TEST_F(PidFileTest, IsCreatedByOneOfManyProcesses) {
     constexpr int processes = 20;
     int gate[2];
     int results[2];
@@ -280,7 +280,7 @@ TEST_F(PidFileTest, IsWonByOneOfMany) {
     close(results[1]);
 }
 
-TEST_F(PidFileTest, FailsWhereItCannotBeWritten) {
+TEST_F(PidFileTest, FailsWhenItCannotBeWritten) {
     const std::string victim = directory_.File("victim");
     WriteText(victim, "untouched");
     std::filesystem::create_symlink(victim, directory_.File("link"));

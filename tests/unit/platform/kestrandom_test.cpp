@@ -44,7 +44,7 @@ TEST(KESTRandom, DrawsEveryValueBelowItsUpperBound) {
     }
 }
 
-TEST(KESTRandom, GivesTheLowerBoundWhenThereIsNoOther) {
+TEST(KESTRandom, ReturnsTheLowerBoundOfAnEmptyRange) {
     struct Row {
         std::int32_t low;
         std::int32_t high;
@@ -65,7 +65,7 @@ TEST(KESTRandom, GivesTheLowerBoundWhenThereIsNoOther) {
             EXPECT_EQ(random.random(row.low, row.high), row.low) << row.low << " " << row.high;
 }
 
-TEST(KESTRandom, HasNoLowestUpperBound) {
+TEST(KESTRandom, AcceptsAnyUpperBound) {
     KESTRandom random;
     EXPECT_EQ(random.random(5, kLowestNumber), 5);
     EXPECT_EQ(random.random(kLowestNumber, kLowestNumber), kLowestNumber);
@@ -98,7 +98,7 @@ TEST(KESTRandom, DrawsEachMinuteEquallyOften) {
 }
 
 // A child has a copy of everything, but not of what it draws.
-TEST(KESTRandom, DrawsAnewInEachProcess) {
+TEST(KESTRandom, DrawsDifferentlyInEachProcess) {
     KESTRandom random;
     random.random(0, 60);
     int ends[2];

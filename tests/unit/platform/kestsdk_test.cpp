@@ -29,7 +29,7 @@ protected:
     TemporaryDirectory directory_;
 };
 
-TEST_F(MkdirTest, GivesItsModeWhateverTheUmask) {
+TEST_F(MkdirTest, SetsTheModeWhateverTheUmask) {
     int number = 0;
     for (const mode_t mask : {0U, 022U, 077U, 0777U})
         for (const mode_t mode : {0750U, 0755U, 0700U, 01777U}) {
@@ -42,7 +42,7 @@ TEST_F(MkdirTest, GivesItsModeWhateverTheUmask) {
         }
 }
 
-TEST_F(MkdirTest, GivesWhatItMakesToTheAccount) {
+TEST_F(MkdirTest, SetsTheOwnerOfNewDirectories) {
     EXPECT_EQ(Make("a/b", 0750, 1, kOtherAccount), 0);
     for (const char *name : {"a", "a/b"}) {
         struct stat status {};
@@ -52,7 +52,7 @@ TEST_F(MkdirTest, GivesWhatItMakesToTheAccount) {
     }
 }
 
-TEST_F(MkdirTest, LeavesWhatStandsAsItIs) {
+TEST_F(MkdirTest, KeepsExistingDirectories) {
     ASSERT_EQ(Make("a", 0701), 0);
     ASSERT_EQ(Make("a/b", 0701), 0);
     WriteText(directory_.File("a/b/file"), "kept");
@@ -68,7 +68,7 @@ TEST_F(MkdirTest, LeavesWhatStandsAsItIs) {
     EXPECT_EQ(ModeOf(directory_.File("a/b/c")), 0755U);
 }
 
-TEST_F(MkdirTest, MindsNoNeedlessSlash) {
+TEST_F(MkdirTest, IgnoresRedundantSlashes) {
     EXPECT_EQ(Make("a//b/", 0755), 0);
     EXPECT_TRUE(IsDirectory("a/b"));
     EXPECT_EQ(Make("a/b//", 0755), 0);
@@ -83,7 +83,7 @@ TEST_F(MkdirTest, FollowsALinkToADirectory) {
     EXPECT_EQ(ModeOf(directory_.File("real")), 0711U);
 }
 
-TEST_F(MkdirTest, FailsWhereSomethingElseStands) {
+TEST_F(MkdirTest, FailsWhenAnotherObjectExists) {
     WriteText(directory_.File("file"), "kept");
     std::filesystem::create_symlink("nowhere", directory_.File("dangling"));
     struct Row {
@@ -104,7 +104,7 @@ TEST_F(MkdirTest, FailsWhereSomethingElseStands) {
     EXPECT_THAT(directory_.Names(), testing::ElementsAre("dangling", "file"));
 }
 
-TEST_F(MkdirTest, MakesParentsOnlyWhenAsked) {
+TEST_F(MkdirTest, MakesParentsOnlyOnRequest) {
     EXPECT_EQ(Make("a/b", 0755, 0), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_FALSE(Stands(directory_.File("a")));
@@ -112,7 +112,7 @@ TEST_F(MkdirTest, MakesParentsOnlyWhenAsked) {
     EXPECT_EQ(Make("a/b", 0755, 0), 0);
 }
 
-TEST_F(MkdirTest, FailsForAnAccountThatMayNot) {
+TEST_F(MkdirTest, FailsWithoutPermission) {
     std::filesystem::permissions(directory_.Path(), std::filesystem::perms(0755));
     EXPECT_EQ(InChild([this] {
                   if (setuid(kOtherAccount) != 0)
@@ -165,7 +165,7 @@ TEST(KESTUserGetUGID, FindsAnAccount) {
     EXPECT_EQ(gid, kOtherAccount);
 }
 
-TEST(KESTUserGetUGID, StoresNothingWhenThereIsNone) {
+TEST(KESTUserGetUGID, StoresNothingForAnUnknownAccount) {
     for (const char *name : {"", "no-such-account", "root ", "Root", "0", "root:x"}) {
         uid_t uid = 12345;
         gid_t gid = 54321;
