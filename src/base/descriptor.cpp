@@ -41,8 +41,8 @@ namespace {
 
 constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC; // a lease is not waited for either
 
-// Opens what `path` leads to. No link is followed after the path has been resolved: whoever could
-// exchange the file since it was looked at has no device to put there but by a link.
+// Opens the object at the resolved `path` and follows no further link: an account that could
+// replace the file meanwhile can place a device there only by a link.
 Descriptor OpenResolved(const std::string &path) {
     const std::unique_ptr<char, decltype(&free)> resolved(realpath(path.c_str(), nullptr), free);
     if (!resolved)
@@ -80,7 +80,7 @@ Descriptor Reopen(const Descriptor &named, const struct stat &status, int direct
     Descriptor file(open(("/proc/self/fd/" + std::to_string(named.Get())).c_str(), kReadFlags));
     if (file || errno != ENOENT)
         return file;
-    errno = error; // that "/proc" is not mounted is no failure
+    errno = error; // a missing "/proc" is not a failure
     return OpenAgain(directory, path, status);
 }
 

@@ -25,7 +25,7 @@ public:
 
     explicit operator bool() const { return fd_ >= 0; }
     int Get() const { return fd_; }
-    // Gives the descriptor up without closing it.
+    // Releases the descriptor without closing it.
     int Release();
     void Close();
 
@@ -33,25 +33,25 @@ private:
     int fd_ = -1;
 };
 
-// How large a file may be that is opened, in bytes.
+// The allowed size of a file, in bytes.
 struct FileSize {
     std::uintmax_t least = 0;
     std::uintmax_t most = std::numeric_limits<std::uintmax_t>::max();
 };
 
-// Opens the regular file that `path` leads to for reading, if it is of that size. The name is
-// looked up once, without opening what it names: opening a device has effects of its own, and a
-// second look-up could find another file. Where "/proc" is not mounted there is a second look-up,
-// which follows no link and must find the same file (ESTALE). Does not wait, neither in opening nor
-// in reading. Without one, errno tells why not (EISDIR, EINVAL for what is no file, EBADMSG for one
-// too small, EFBIG). A relative path is looked up in `directory`, a descriptor of one or AT_FDCWD.
+// Opens the regular file at `path` for reading if its size is allowed. Symbolic links are followed.
+// The name is looked up once, without opening the object: opening a device has side effects, and a
+// second look-up could find another file. Without "/proc" a second look-up is made; it follows no
+// link and must find the same file (ESTALE). Neither opening nor reading blocks. On failure,
+// returns an empty descriptor with errno set (EISDIR; EINVAL: not a regular file; EBADMSG: too
+// small; EFBIG). A relative path is looked up in `directory`, a descriptor of one or AT_FDCWD.
 Descriptor OpenRegularFile(const std::string &path, const FileSize &allowed = {});
 Descriptor OpenRegularFileAt(int directory, const std::string &path, const FileSize &allowed = {});
 
-// Opens the regular file of the caller's own with this one name at `path`, where others may have
-// put something else first. `flags` are those of open(2); a file that is made has mode 0600. No
-// link is followed, and nothing is waited for. Without one, errno tells why not (EPERM for anything
-// else).
+// Opens the regular file at `path` in a directory that others can write to. The file must belong to
+// the caller and have no other name. `flags` are those of open(2); a new file has mode 0600.
+// Follows no link and does not block. On failure, returns an empty descriptor with errno set
+// (EPERM: something else exists at `path`).
 Descriptor OpenOwnFile(const std::string &path, int flags);
 
 // Reads from `fd` up to its end. Returns false with errno set when reading fails or there are more
@@ -64,8 +64,8 @@ bool WriteAll(int fd, std::string_view content);
 // The set of one descriptor below FD_SETSIZE, for select(); an empty one for -1.
 fd_set SelectSetOf(int fd);
 
-// Closes every descriptor but standard input, output and error and `kept`, the system log's
-// included, which the next message opens again.
+// Closes every descriptor except standard input, output and error, and `kept`. The connection to
+// the system log is closed too; the next message opens it again.
 void CloseInheritedDescriptors(int kept = -1);
 
 } // namespace kest

@@ -1,5 +1,5 @@
-// Keeps errno as it was for the length of a scope. Messages tell errno as it stands, so work whose
-// failure is of no interest must not leave its own error behind.
+// Restores errno at the end of a scope. Messages include errno, so an operation whose failure is
+// ignored must not change it.
 
 #ifndef BASE_ERRNO_GUARD_H
 #define BASE_ERRNO_GUARD_H

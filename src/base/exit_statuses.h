@@ -1,4 +1,4 @@
-// The exit statuses of children, for a program that ignores SIGCHLD.
+// Keeps the exit statuses of children available in a program that ignores SIGCHLD.
 
 #ifndef BASE_EXIT_STATUSES_H
 #define BASE_EXIT_STATUSES_H
@@ -10,10 +10,9 @@
 
 namespace kest {
 
-// While an object of this class lives, a child that ends stays there to be waited for even though
-// the program ignores SIGCHLD, so that its pid cannot become somebody else's. At its end SIGCHLD is
-// as before, and children that ended meanwhile are collected, as ignoring the signal would have
-// done.
+// During the lifetime of an object, children that end can be waited for even though the program
+// ignores SIGCHLD, so that their pids are not reused. The destructor restores the disposition of
+// SIGCHLD and reaps the children that ended meanwhile, as ignoring the signal would have done.
 class ExitStatusesKept {
 public:
     ExitStatusesKept() {

@@ -1,7 +1,6 @@
-// JSON documents as indented text, byte for byte as the JSON library's own writer gives it, which
-// takes three times as long. The text is ASCII: other characters become "\uXXXX", and bytes that
-// are not UTF-8 become U+FFFD, so that names and texts with such bytes do not come back as they
-// were.
+// Writes JSON documents as indented text, byte for byte as the writer of the JSON library, in a
+// third of its time. The text is ASCII: other characters become "\uXXXX", and bytes that are not
+// UTF-8 become U+FFFD, so strings with such bytes are not restored when the text is parsed.
 
 #ifndef BASE_JSON_TEXT_H
 #define BASE_JSON_TEXT_H
@@ -16,12 +15,13 @@
 
 namespace kest {
 
-// Puts a text together from its outermost value inwards; a value that is large need not exist as a
-// whole for it. Either one Append, or BeginObject, any number of Name and value in turn, EndObject.
+// Builds a text from the outermost value inwards, so that a large document need not exist as one
+// JSON value. Call either Append once, or BeginObject, then Name and a value any number of times,
+// then EndObject.
 class JsonText {
 public:
-    // A text that has become longer than `most` is not gone on with: it is of no use. With a
-    // `depth`, the text is that of a member's value, so deep inside a document.
+    // Stops as soon as the text exceeds `most` bytes; the text is then incomplete. `depth` is the
+    // depth of the value inside its document.
     explicit JsonText(std::size_t most = std::string::npos, std::size_t depth = 0)
         : most_(most), depth_(depth), lineIsStarted_(depth == 0) {}
 
@@ -30,12 +30,12 @@ public:
     // An array.
     void Append(const std::vector<std::int32_t> &numbers);
 
-    // An object of at least one member: `{}` is an empty value.
+    // Begins and ends an object with at least one member. Use Append for an empty object.
     void BeginObject();
     void Name(std::string_view name);
     void EndObject();
 
-    // A part of the object that is being put together, as it is: members with their separators.
+    // Appends text that already consists of members of the current object with their separators.
     void AppendMembers(std::string_view text) {
         text_.append(text);
         isFirst_ = false;
@@ -44,11 +44,11 @@ public:
 
     std::size_t Size() const { return text_.size(); }
 
-    // The text so far, and since the last call of ForgetPart.
+    // The text since the last call of ForgetPart.
     std::string_view Part() const { return text_; }
     void ForgetPart() { text_.clear(); }
 
-    // The text, without a newline at its end. The object is of no use any more.
+    // Returns the text, without a final newline. The object must not be used afterwards.
     std::string Take() { return std::move(text_); }
 
 private:
@@ -69,8 +69,8 @@ private:
     bool isFirst_ = true; // of its object
 };
 
-// The document as text, without a newline at its end; only its beginning, but more than `most`
-// bytes, when it is longer than that.
+// The document as text, without a final newline. A text longer than `most` bytes is cut off
+// somewhere after `most` bytes.
 std::string JsonToString(const Json::Value &value, std::size_t most = std::string::npos);
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// The local time, for many questions about one moment.
+// Local time, cached for repeated conversions of the same second.
 
 #ifndef BASE_LOCAL_TIME_H
 #define BASE_LOCAL_TIME_H
@@ -7,9 +7,9 @@
 
 namespace kest {
 
-// The local time of `now`, null when it cannot be had. A cycle asks for that of one second for each
-// job and then some, and each conversion looks at the time zone's file again, which costs more than
-// the rest of a due check. Holds until the next call.
+// The local time of `now`; null when it cannot be converted. Valid until the next call. A cycle
+// converts the same second for every job, and each conversion by the C library checks the time zone
+// file again, which costs more than the rest of a due check.
 const std::tm *LocalTimeOf(std::time_t now);
 
 } // namespace kest

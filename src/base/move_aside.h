@@ -1,4 +1,4 @@
-// Places where other accounts may have put something first.
+// Paths in directories that other accounts can write to.
 
 #ifndef BASE_MOVE_ASIDE_H
 #define BASE_MOVE_ASIDE_H
@@ -7,12 +7,12 @@
 
 namespace kest {
 
-// Whether `path` is a directory of the caller's own, and no link to one. Where it is not, errno
-// tells why (EPERM: somebody else's).
+// Whether `path` is a directory that belongs to the caller, and not a link to one. When it is not,
+// errno is set (EPERM: it belongs to another account).
 bool IsOwnDirectory(const char *path);
 
-// Moves whatever stands at `path`, itself and not what it links to, into a new directory beside it
-// that only the caller can enter. Returns false with errno set when it still stands there.
+// Moves the object at `path` into a new directory beside it that only the caller can enter. A
+// symbolic link is moved itself. Returns false with errno set when the object could not be moved.
 bool MoveAside(const std::string &path);
 
 } // namespace kest

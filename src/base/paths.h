@@ -1,4 +1,4 @@
-// The files of the daemon that others know too: the tool reads them.
+// The paths of the daemon's files. The tool reads them too.
 
 #ifndef BASE_PATHS_H
 #define BASE_PATHS_H

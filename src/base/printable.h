@@ -1,4 +1,4 @@
-// Text of foreign origin inside a log line.
+// Foreign text inside a log line.
 
 #ifndef BASE_PRINTABLE_H
 #define BASE_PRINTABLE_H
@@ -13,16 +13,15 @@ namespace kest {
 // How one character is written, NUL-terminated.
 using Escape = std::array<char, 5>;
 
-// A control character as an escape ("\n", "\t", "\x1b"); any other, bytes above 127 included, as it
-// is.
+// Escapes a control character ("\n", "\t", "\x1b"). Returns any other byte unchanged.
 Escape EscapeOf(char character);
 
-// `text` with each character written so: it always stays inside its line.
+// Escapes each character of `text`, so that it cannot end its line.
 std::string Printable(std::string_view text);
 
-// `text` when it has at most `most` bytes; otherwise its beginning and its end, with a sign in
-// between that counts the bytes left out, together at most `most` (64 or more). No character of
-// UTF-8 is taken apart.
+// Returns `text` when it has at most `most` bytes (64 or more). Otherwise returns its beginning and
+// its end with the number of omitted bytes in between, at most `most` bytes in all. UTF-8
+// characters are not split.
 std::string WithoutMiddle(std::string text, std::size_t most);
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// Whose a process is.
+// The owner of a process.
 
 #ifndef BASE_PROCESS_OWNER_H
 #define BASE_PROCESS_OWNER_H
@@ -7,9 +7,9 @@
 
 namespace kest {
 
-// Whether the process `pid` is root's by its real, effective and saved user. The owner of
-// "/proc/PID" does not tell: the kernel shows root for any process that may not be traced. errno is
-// left as it was.
+// Whether root is the real, effective and saved user of the process `pid`. The owner of "/proc/PID"
+// is not reliable: the kernel shows root for every process that is not dumpable. errno is
+// unchanged.
 bool IsProcessOfRoot(pid_t pid);
 
 } // namespace kest

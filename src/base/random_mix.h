@@ -1,4 +1,4 @@
-// Random numbers for the moments in which the kernel has none yet.
+// Random numbers for the time before the kernel's random pool is ready.
 
 #ifndef BASE_RANDOM_MIX_H
 #define BASE_RANDOM_MIX_H
@@ -10,12 +10,12 @@
 
 namespace kest {
 
-// 32 bits in which every bit of what is given has its part: the same for the same, and without
-// likeness for what differs in a single bit. Good for spreading load, not for secrets.
+// Hashes the arguments to 32 bits: equal arguments give equal results, and arguments that differ in
+// one bit give unrelated results. Good for spreading load, not for secrets.
 std::uint32_t MixBits(std::string_view machine, std::initializer_list<std::uint64_t> moment);
 
-// What tells this machine from others that run the same image: its id, hardware addresses and
-// serial numbers, as far as it has them.
+// Text that differs between machines that run the same image: machine id, hardware addresses and
+// serial numbers, as far as they exist.
 std::string DescribeMachine();
 
 } // namespace kest

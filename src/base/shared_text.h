@@ -1,4 +1,4 @@
-// A text that does not change, in memory that others may share with it.
+// An immutable text in memory that several texts may share.
 
 #ifndef BASE_SHARED_TEXT_H
 #define BASE_SHARED_TEXT_H
@@ -10,7 +10,7 @@
 
 namespace kest {
 
-// Copies are the same memory.
+// Copies share the memory.
 class SharedText {
 public:
     // An empty one.
@@ -21,11 +21,11 @@ public:
     std::string_view View() const { return {begin_.get(), size_}; }
     bool IsEmpty() const { return size_ == 0; }
 
-    // Moves it to the end of `block`, whose capacity is large enough for it.
+    // Moves the text to the end of `block`, which must have the capacity for it.
     void MoveTo(const std::shared_ptr<std::string> &block);
 
 private:
-    std::shared_ptr<const char> begin_; // of the text; owns what it is a part of
+    std::shared_ptr<const char> begin_; // of the text; owns the block that contains it
     std::size_t size_ = 0;
 };
 

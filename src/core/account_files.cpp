@@ -56,9 +56,9 @@ Directory OpenForReading(int directory) {
     return stream;
 }
 
-// Lists the first `most` names; the others are counted only, so that they take no memory.
+// Lists the first `most` names and counts the others, which take no memory.
 void ListFirst(DIR *directory, std::size_t most, AccountFiles &files) {
-    std::vector<std::string> first; // a heap with the last of them in front
+    std::vector<std::string> first; // a heap with the last name in front
     std::size_t entries = 0;
     for (const dirent *entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
         files.more = ++entries > kMostEntries;
@@ -150,7 +150,7 @@ AccountReading ReadFiles(int directory, const AccountQuota &quota, AccountFiles 
 
 namespace {
 
-// Memory that is shared with a process to come, for what it has to say.
+// Memory that is shared with a helper process, for its result.
 class SharedMemory {
 public:
     explicit SharedMemory(std::size_t size)
@@ -173,7 +173,7 @@ private:
     void *memory_;
 };
 
-// By a time-out of a socket, the one kind of deadline that no clock that is set shortens.
+// Uses the time-out of a socket, which does not depend on any clock that can be set.
 bool SetDeadline(int socket, std::time_t seconds) {
     const timeval timeout{seconds, 0};
     return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
@@ -188,14 +188,14 @@ ssize_t ReceiveByte(int socket) {
     return received;
 }
 
-// Whether the process at the other end of `socket` is through with its work in time. It is gone
-// when this returns true; otherwise errno is set.
+// Waits for the process at the other end of `socket`. Returns true when it has finished in time and
+// ended; otherwise errno is set.
 bool AwaitReader(int socket, pid_t reader) {
     constexpr std::time_t timeout = 10; // seconds
     const ssize_t said = SetDeadline(socket, timeout) ? ReceiveByte(socket) : -1;
     const int error = said == 0 ? ECHILD : errno == EAGAIN ? ETIMEDOUT : errno;
     kill(reader, SIGKILL);
-    // It closes its end of the socket as it ends, unless it hangs in the kernel.
+    // The process closes its end of the socket when it ends, unless it hangs in the kernel.
     const bool gone = SetDeadline(socket, 1) && ReceiveByte(socket) == 0;
     while (gone && waitpid(reader, nullptr, 0) == -1 && errno == EINTR)
         continue;
@@ -205,8 +205,8 @@ bool AwaitReader(int socket, pid_t reader) {
     return false;
 }
 
-// The work of the process that has taken on the account. Nothing of the daemon's that it still has
-// in memory can be got at through it: it cannot be traced, and leaves no core.
+// The work of the process that has taken on the account. The daemon's data that is still in its
+// memory is protected: the process cannot be traced and leaves no core dump.
 [[noreturn]] void ReadInChild(int directory, const JobUser &account, const AccountQuota &quota,
                               char *memory, int socket, pid_t parent) {
     try {
@@ -221,7 +221,7 @@ bool AwaitReader(int socket, pid_t reader) {
         const char done = 1;
         send(socket, &done, sizeof done, MSG_NOSIGNAL);
     } catch (const std::exception &) {
-        // Without memory: the silence is the answer.
+        // Out of memory. The missing result reports the failure.
     }
     _exit(0);
 }

@@ -1,6 +1,6 @@
-// Account directories and the job files in them. An account directory may lie wherever root has
-// linked it to, and what lies in it is its account's to arrange: everything is learnt from the
-// directory once it is open, and is read with nothing but the account's own rights.
+// Account directories and the job files in them. Root may link an account directory to any place,
+// and its account controls its content. Therefore the daemon opens the directory once, checks it by
+// its descriptor, and reads it with the rights of the account only.
 
 #ifndef CORE_ACCOUNT_FILES_H
 #define CORE_ACCOUNT_FILES_H
@@ -17,42 +17,42 @@
 
 namespace kest {
 
-// Opens whatever `path` leads to, only to name it and what lies in it: a device or a pipe is not
-// opened by it. Returns none with errno set on failure.
+// Opens the object at `path` as a reference only (O_PATH): devices and pipes are not opened. On
+// failure, returns an empty descriptor with errno set.
 Descriptor OpenForNaming(const std::string &path);
 
-// Whether `path` is a symbolic link. errno is left as it was.
+// Whether `path` is a symbolic link. errno is unchanged.
 bool IsLink(const std::string &path);
 
-// Whether a directory of this status may be an account directory. One of root's that others may
-// write to may not: its jobs would be root's, and whoever can write to it would have put them
-// there. Where the way to it is a link, `isLinked`, the account of the link's target can lead it on
-// to any directory, so that one of root's, and one that anybody but its owner may write to, may not
-// either.
+// Whether a directory with this status is acceptable as an account directory. A directory of root's
+// that others can write to is not: its jobs would run as root, and others could place them there.
+// When its path is a link (`isLinked`), the account of the link's target could redirect it to any
+// directory; then a directory of root's is not acceptable either, nor one that others than its
+// owner can write to.
 bool MayBeAccountDirectory(const struct stat &status, bool isLinked);
 
 // An entry of an account directory.
 struct AccountFile {
     std::string name;
-    // Why it was not read, 0 when it was: an errno, EDQUOT where the quota does not admit it.
+    // 0 when it was read, otherwise an errno value; EDQUOT when it exceeds the quota.
     int error = 0;
     std::string text;
 };
 
-// What an account directory holds, as far as the quota of its account admits, and the first of what
-// it does not.
+// The content of an account directory within the quota of its account, and the first entries beyond
+// it.
 struct AccountFiles {
     std::vector<AccountFile> files; // in byte order of their names
-    std::size_t unread = 0;         // further entries, of later names
-    bool more = false;              // there are even more than that
+    std::size_t unread = 0;         // the number of further entries, in name order
+    bool more = false;              // there are more entries than were counted
 };
 
-// An account during a load, in which it has one quota for all of its directories.
+// An account during a load. All its directories share one quota.
 struct AccountLoad {
     JobUser account;
     AccountQuota quota;
     LeftOut leftOut;
-    bool failed = false; // a directory of it could not be read: no other one is waited for
+    bool failed = false; // a directory of it could not be read: its others are skipped
 };
 
 enum class AccountReading {
@@ -61,23 +61,22 @@ enum class AccountReading {
     Failed     // or it took longer than ten seconds
 };
 
-// Lists what lies in `directory`, a descriptor that OpenForNaming returned, as far as `quota`, what
-// the account has left, admits. Returns false with errno set when that cannot be done.
+// Lists the entries of `directory`, a descriptor from OpenForNaming, within the remaining `quota`
+// of the account. Returns false with errno set on failure.
 bool ListAccountFiles(int directory, const AccountQuota &quota, AccountFiles &files);
 
-// Reads the file `path`, looked up in `directory`, into `file` as far as it is one and `left`
-// admits it, and charges it.
+// Reads the file `path`, relative to `directory`, into `file` if it is a regular file within the
+// quota `left`, and charges it.
 void ReadAccountFile(int directory, const std::string &path, AccountQuota &left, AccountFile &file);
 
-// Lists and reads what lies in `directory` in a process of its own that has taken on `account` for
-// good, so that it is done with its rights. Nothing is taken of `quota`. That process is gone when
-// the call returns; for root there is none. Unless it is done, `files` is unspecified, and errno
-// tells why.
+// Lists and reads the entries of `directory` in a helper process that has irrevocably taken on
+// `account`. Does not charge `quota`. The process has ended when the call returns; for root no
+// process is started. Unless the result is Done, `files` is unspecified and errno is set.
 AccountReading ReadAsAccount(int directory, const JobUser &account, const AccountQuota &quota,
                              AccountFiles &files);
 
-// Parses the text of a file that was read and charges the file and its jobs. Returns 0, or an errno
-// as in AccountFile with `document` null.
+// Parses the text of a file that was read, and charges the file and its jobs. Returns 0, or an
+// errno value as in AccountFile; `document` is then null.
 int ParseAccountFile(AccountFile &file, AccountQuota &quota, JsonOrigin &origin,
                      Json::Value &document);
 

@@ -18,8 +18,7 @@ std::size_t LongestRecord(const AccountQuota &quota) {
 
 namespace {
 
-// A number and a text as they stand in that memory, and back: Take... returns false when there is
-// not so much.
+// Write and parse a number and a text. Take returns false when the record is too short.
 void Put(std::string &record, std::uint64_t number) {
     record.append(reinterpret_cast<const char *>(&number), sizeof number);
 }

@@ -1,5 +1,5 @@
-// What the process that reads an account directory says to the daemon: the result as bytes in
-// memory that both of them have.
+// The result of the process that reads an account directory, as bytes in memory that it shares with
+// the daemon.
 
 #ifndef CORE_ACCOUNT_RECORD_H
 #define CORE_ACCOUNT_RECORD_H
@@ -12,21 +12,21 @@
 
 namespace kest {
 
-// As many entries of a directory are looked at; to go through more of them takes too long.
+// The largest number of directory entries that are read; reading more takes too long.
 constexpr std::size_t kMostEntries = std::size_t{1} << 18;
 
-// As many are listed: those that the quota admits, and some more to be told by their names.
+// The largest number of entries that are listed: those within the quota, and some more whose names
+// are reported.
 std::size_t MostFiles(const AccountQuota &quota);
 
-// How long a record is at most: each name as long as names are, the texts up to the quota.
+// The largest size of a record: names of full length, texts up to the quota.
 std::size_t LongestRecord(const AccountQuota &quota);
 
-// `error` is the errno of a reading that is not done.
+// `error` is the errno value of a reading that failed.
 std::string RecordOf(AccountReading reading, int error, const AccountFiles &files);
 
-// Reads such a record, behind which anything may follow. The process that wrote it may have been
-// led astray by what it read: what it says is held against what `quota` admits. Returns Failed,
-// with errno set, for anything else.
+// Parses a record; bytes after it are ignored. The process that wrote it is not trusted, so the
+// record is checked against `quota`. Returns Failed with errno set for an invalid record.
 AccountReading TakeReading(std::string_view record, const AccountQuota &quota, AccountFiles &files);
 
 } // namespace kest

@@ -62,8 +62,7 @@ bool CronDaemon::Init(bool passive) {
 }
 
 void CronDaemon::Run() {
-    // A signal between setting the time to sleep and looking at what it asks for still cuts the
-    // sleep short.
+    // A signal after this store and before the checks below still shortens the sleep.
     for (sleepSeconds = kCycleSeconds; !stopRequested; sleepSeconds = kCycleSeconds) {
         RunCycle();
         WaitForNextCycle();
@@ -73,8 +72,8 @@ void CronDaemon::Run() {
 
 namespace {
 
-// While an object of this class lives, the daemon's signals wait, but for a call that is given
-// Before().
+// Blocks the daemon's signals during the lifetime of an object. Pass Before() to a call that they
+// may interrupt.
 class SignalsHeldBack {
 public:
     SignalsHeldBack() {
@@ -100,7 +99,7 @@ timespec MonotonicTime() {
     return now;
 }
 
-// From now until `seconds` after `start`; nothing when that is over.
+// The time from now until `seconds` after `start`; nothing when it has passed.
 timespec LeftOf(std::int32_t seconds, const timespec &start) {
     constexpr long second = 1000000000;
     const timespec now = MonotonicTime();
@@ -114,21 +113,22 @@ timespec LeftOf(std::int32_t seconds, const timespec &start) {
 
 } // namespace
 
-// Cut short by a signal, and not made up for: the signal wants the next cycle. One that came since
-// the cycle looked has set the time to sleep to 0, and one that comes later interrupts the wait.
+// A signal ends the wait, and the next cycle begins at once. A signal that came after the checks of
+// the cycle has set the time to sleep to 0; a later one interrupts the call.
 void CronDaemon::WaitForNextCycle() const {
     const ErrnoGuard errnoGuard;
     const SignalsHeldBack signals;
     const timespec start = MonotonicTime();
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
-        // What the system log could not take is sent as soon as it can.
+        // Messages that the system log did not accept are sent as soon as it does.
         const Descriptor log = CatchUpWithSystemLog();
-        // A set has no place for a larger number. What is kept is then sent in the next cycle.
+        // A larger descriptor does not fit into the set. Kept messages are then sent in the next
+        // cycle.
         const int watched = log.Get() < FD_SETSIZE ? log.Get() : -1;
         fd_set writable = SelectSetOf(watched);
         const timespec left = LeftOf(sleepSeconds, start);
-        // Not ppoll(): with _FORTIFY_SOURCE, glibc 2.36 calls the variant of it with a 32-bit time,
-        // which loses the fraction of a second on 32-bit machines.
+        // Not ppoll(): with _FORTIFY_SOURCE, glibc 2.36 calls its variant with 32-bit time, which
+        // loses the fraction of a second on 32-bit machines.
         ready = pselect(watched + 1, nullptr, &writable, nullptr, &left, &signals.Before());
     }
 }
@@ -142,7 +142,7 @@ void CronDaemon::RunCycle() {
             Evaluate();
         }
     } catch (const std::bad_alloc &) {
-        PersistState(); // with the memory that was put by for it
+        PersistState(); // with the memory that was reserved for it
         throw;
     }
 }
@@ -151,11 +151,11 @@ void CronDaemon::Evaluate() {
     for (CronJob &job : jobs)
         if (!job.waitsForProgram)
             job.CheckTrigger();
-    // A cleaner of "/tmp" may have taken the directory or the programs in it, and its name is then
-    // free for anybody. What is due is due after the load too.
+    // A cleaner of "/tmp" may have removed the directory or its programs, and any account could
+    // then create it. Due jobs stay due after the load.
     if (!runtimeDirectory.IsSafe() || RuntimeDirectoryState::Now() != runtimeDirectory) {
         ReloadInCycle();
-        if (stopRequested) // the load may have been given up
+        if (stopRequested) // the load may have been cancelled
             return;
     }
     const bool held = IsVorldHeld();
@@ -169,13 +169,13 @@ void CronDaemon::Evaluate() {
     PollChanges();
 }
 
-// A load that is not a cycle of its own. What was found due stays due, and so does its text.
+// A load within an evaluation cycle. Due jobs stay due and keep their schedule texts.
 void CronDaemon::ReloadInCycle() {
     std::map<std::string, std::string, std::less<>> texts;
     for (const CronJob &job : jobs)
         if (!job.scheduleText.empty())
             texts.emplace(job.Name(), job.scheduleText);
-    sleepSeconds = kCycleSeconds; // a reload that was requested is this one
+    sleepSeconds = kCycleSeconds; // this load also satisfies a requested reload
     ReloadJobs();
     for (CronJob &job : jobs)
         if (const auto text = texts.find(job.Name()); text != texts.end())
@@ -235,7 +235,8 @@ void CronDaemon::LaunchJob(CronJob &job, const LaunchDetails &details) {
             job.RefuseLaunch();
             return;
         }
-        // Its program is needed for a moment longer, and so is that of a start without a delay.
+        // The program is still needed for a moment after the delay, and also after a start without
+        // a delay.
         waitingStarts.Add(account, name, now + details.delay + 2);
     }
     job.Launch(details.delay, LaunchNote(details));
@@ -273,7 +274,7 @@ void CronDaemon::RegenerateOnTimeChange() {
     for (const std::string &key : keys)
         RegenerateField(key);
     SaveRuntimeFiles();
-    // What kept their programs from being copied may be over.
+    // Their programs may be available by now.
     if (std::any_of(jobs.begin(), jobs.end(),
                     [](const CronJob &job) { return job.waitsForProgram; })) {
         reloadRequested = true;

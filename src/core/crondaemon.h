@@ -2,8 +2,8 @@
 //
 // One object, one thread, one cycle every 60 seconds, not aligned to the minute:
 //
-//   - A reload cycle, when one was requested: all job files are read again and applied to the jobs
-//     as they are. Nothing is started.
+//   - A reload cycle, when one was requested: all job files are read again and applied to the
+//     present jobs. Nothing is launched.
 //   - An evaluation cycle otherwise. Each job whose schedule matches the local minute gets its
 //     "expireTime". Each job is then in one of six states (core/job_state.h), and those that are to
 //     be launched are, in name order, with growing delays. In minute 0 the random fields are drawn
@@ -39,29 +39,29 @@
 
 namespace kest {
 
-// What the sources define: the accepted jobs, in the order in which they were read.
+// The accepted jobs of all sources, in the order in which they were read.
 using JobSet = std::vector<CronJob>;
 
-// A job of which something is known: it lives, or was saved, or is new and in a job set.
+// A job of a load: a present one, a saved one, or a new one.
 struct JobEntry {
     std::string name;
-    CronJob *job = nullptr;       // it, or what is to become it
+    CronJob *job = nullptr;       // the job, or the place where it will be
     Json::Value *saved = nullptr; // its document, when it was saved
 };
 
-// The accounts of a load, by number.
+// The accounts of a load by uid.
 using AccountLoads = std::map<uid_t, AccountLoad>;
 
 class CronDaemon {
 public:
-    // Prepares the object and loads everything. Returns false when there is no runtime directory;
-    // all else that fails is reported and left out. A signal that came before is not forgotten.
+    // Prepares the object and loads all files. Returns false when the runtime directory cannot be
+    // created; other failures are reported and skipped. Signals that arrived before take effect.
     bool Init(bool passive);
 
     // Runs cycles until a stop is requested, then shuts down.
     void Run();
 
-    // What the signal handler writes. Single stores, so that a handler may interrupt anything.
+    // Written by the signal handler, with single stores that may interrupt any code.
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> reloadRequested{false};
     std::atomic<std::int32_t> sleepSeconds{0};
@@ -72,52 +72,52 @@ private:
     void Evaluate();
     void ReloadInCycle();
     void LaunchJobs(const std::vector<JobState> &states);
-    void LaunchJob(CronJob &job, const LaunchDetails &facts);
+    void LaunchJob(CronJob &job, const LaunchDetails &details);
     void RegenerateOnTimeChange();
     void RegenerateField(const std::string &key);
     void Shutdown();
 
-    // Watches `path` for changes of itself and of what lies in it. Returns false, with a message,
-    // when that cannot be done; true without a watch when the system has none to give at all.
-    // `opened`, when given, is a descriptor of what is to be watched, wherever `path` leads by now.
+    // Watches the directory `path` and its entries for changes. Returns false, with a message, on
+    // failure; returns true without a watch when inotify is not available at all. `opened`, when
+    // given, is a descriptor of the directory to watch, whatever `path` leads to by now.
     bool AddWatch(const std::string &path, int opened = -1);
     void RemoveAllWatches();
-    // Looks, without waiting, whether anything watched has changed, and requests a reload if so.
-    // Takes at most 1024 bytes of what the kernel has to say; the rest is left for the next look.
+    // Checks, without blocking, whether a watched directory has changed, and requests a reload if
+    // it has. Reads at most 1024 bytes of events; the rest waits for the next cycle.
     void PollChanges();
-    // Drops all changes that were seen so far, for a load is about to find them by itself. Nothing
-    // is watched meanwhile, so there is an end to them.
+    // Drops all pending events, because a load is about to read the files. Nothing is watched
+    // meanwhile, so the number of events is finite.
     void ForgetChanges() const;
 
     void ReloadJobs();
-    // The job definitions of all sources. A source that fails is reported and left out.
+    // Reads the definitions of all sources. A source that cannot be read is reported and skipped.
     JobSet LoadSources();
     // Adds the accepted definitions of all package accounts to `jobSet` and watches their
-    // directories. Returns whether the directory as a whole could be read; what is wrong with
-    // single accounts, files and jobs is reported and left out.
+    // directories. Returns whether the directory itself could be read. Faulty accounts, files and
+    // jobs are reported and skipped.
     bool LoadNonRootJobDirectories(JobSet &jobSet, const std::string &directory,
                                    const std::string &label);
     void LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label,
                      AccountLoads &loads);
 
-    // The runtime document that the last shutdown saved; null when there is none.
+    // The saved document; null when there is none.
     static Json::Value PersistedDocument();
-    // Brings what was saved, or the jobs as they are, in line with `jobSet`: jobs that are gone or
-    // changed are left out, new ones are added with fresh schedules. What is the same stays as it
-    // is. `jobs` is replaced when all have been staged, and not at all when that throws.
+    // Reconciles the saved document, or the present jobs, with `jobSet`: removes jobs that are gone
+    // or changed, adds new ones with new schedules, and keeps unchanged ones as they are. `jobs` is
+    // replaced after all programs are staged, and stays unchanged when an exception is thrown.
     void ApplyToSaved(Json::Value document, JobSet jobSet);
     void ApplyToLive(JobSet jobSet);
-    // `document`: what `previous` comes from.
+    // `document` contains the entries of `previous`.
     void ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &document, JobSet jobSet);
-    // Adds what only `jobSet` has. `previous` has nothing else. Gives an entry for each of
-    // `jobSet`.
+    // Adds the jobs that only `jobSet` contains. All jobs of `previous` must be in `jobSet`.
+    // Returns an entry for each job of `jobSet`, in order.
     std::vector<JobEntry> MergeNewJobs(std::vector<JobEntry> previous, JobSet &jobSet) const;
-    // Gives the memory of a load back and saves the documents. Called when the load has been
-    // applied and nothing of it is left but the jobs.
+    // Releases the memory of a load and saves the documents. Called when the load has been applied
+    // and only its jobs still exist.
     void FinishLoad();
     void RebuildJobList(const std::vector<JobEntry> &entries, JobSet jobSet);
-    // Makes jobs of those that were saved, stages all, and makes those that stay the list of jobs.
-    // Entry i belongs to job i of `jobSet`.
+    // Creates jobs from saved documents, stages the programs, and makes the jobs that stay the list
+    // of jobs. Entry i belongs to job i of `jobSet`.
     void StageJobs(const std::vector<JobEntry> &entries, JobSet jobSet);
     // Returns whether the job stays.
     bool Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) const;
@@ -128,8 +128,7 @@ private:
     void SaveTemplate(const std::string &path, Durability durability) const;
     void SaveRuntimeFiles();
     void PersistState();
-    // Holds memory in reserve that is enough to save jobs of `partSize` bytes each, if there is
-    // any.
+    // Reserves enough memory to save jobs of `partSize` bytes each, if it is available.
     void KeepReserve(std::size_t partSize);
 
     static constexpr std::uint32_t kWatchLimit = 1024;
@@ -139,8 +138,8 @@ private:
     std::array<std::int32_t, kWatchLimit> watches{};
     RuntimeDirectoryState runtimeDirectory; // after the latest load
     WaitingStarts waitingStarts;
-    bool hasLoaded = false;    // until then, what was saved is not replaced
-    bool gaveUpLoad = false;   // for a stop, so that the jobs that were read are not all
+    bool hasLoaded = false;    // until then, the saved documents are not replaced
+    bool gaveUpLoad = false;   // because of a stop, so that the list of jobs is incomplete
     std::vector<CronJob> jobs; // in the order of their names
     ScheduleTemplate scheduleTemplate;
     std::unique_ptr<char[]> reserve;
@@ -151,8 +150,8 @@ static_assert(std::atomic<bool>::is_always_lock_free &&
                   std::atomic<std::int32_t>::is_always_lock_free,
               "the signal handler may not wait for a lock");
 
-// Whether a job in this state is launched, and what the state is called. A number that is no state
-// is reported, not launched, and called "Unknown".
+// Whether a job in this state is launched, and the name of the state. A number that is not a state
+// is reported; it is not launched, and its name is "Unknown".
 bool IsLaunchState(JobState state);
 const char *JobStateName(JobState state);
 

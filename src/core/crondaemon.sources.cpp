@@ -27,7 +27,7 @@ std::string PathIn(const std::string &directory, const std::string &name) {
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR *)>;
 
-// Null, with a message, when the directory cannot be opened.
+// Returns null, with a message, when the directory cannot be opened.
 Directory OpenDirectory(const std::string &path) {
     Directory directory(opendir(path.c_str()), closedir);
     if (!directory)
@@ -35,7 +35,7 @@ Directory OpenDirectory(const std::string &path) {
     return directory;
 }
 
-// The names of the entries that do not begin with ".", in byte order.
+// The names of the entries that are not hidden, in byte order.
 std::vector<std::string> NamesIn(const Directory &directory) {
     std::vector<std::string> names;
     while (const dirent *entry = readdir(directory.get()))
@@ -45,8 +45,8 @@ std::vector<std::string> NamesIn(const Directory &directory) {
     return names;
 }
 
-// Runs each definition through the job parser and adds the accepted ones to the job set. Returns
-// false when any was rejected.
+// Parses each definition and adds the accepted jobs to the job set. Returns false when any
+// definition was rejected.
 bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
     bool allAccepted = true;
     for (Json::Value &definition : definitions) {
@@ -61,7 +61,7 @@ bool AddJobDefinitions(JobSet &jobSet, Json::Value definitions) {
     return allAccepted;
 }
 
-// The definitions in the document of a job file, by their full names as far as they have one.
+// The definitions in the document of a job file, with their full job names.
 Json::Value NamedDefinitions(Json::Value document, const JobDirectory &directory,
                              const std::string &fileName) {
     const std::string base = FileBaseName(fileName);
@@ -81,7 +81,7 @@ void LoadJobFile(JobSet &jobSet, const JobDirectory &directory, const std::strin
         LOG_ERROR("Job JSON format error: %s", path.c_str());
 }
 
-// Returns false, and adds nothing, when the quota of the account does not admit the file.
+// Returns false and adds nothing when the file exceeds the quota of the account.
 bool LoadAccountFile(JobSet &jobSet, const JobDirectory &directory, AccountFile file,
                      AccountQuota &quota) {
     const std::string path = PathIn(directory.path, file.name);
@@ -105,8 +105,8 @@ bool LoadAccountFile(JobSet &jobSet, const JobDirectory &directory, AccountFile 
     return true;
 }
 
-// Each of these loads one directory and returns whether it could be read; what is wrong with single
-// files and jobs is reported and left out.
+// Each of these loads one directory and returns whether the directory could be read. Faulty files
+// and jobs are reported and skipped.
 bool LoadJobDirectory(JobSet &jobSet, const std::string &directory, const std::string &label) {
     KESTFSMkdirP(directory.c_str(), nullptr, 1, 0, 0, 0750);
     const Directory opened = OpenDirectory(directory);
@@ -117,7 +117,7 @@ bool LoadJobDirectory(JobSet &jobSet, const std::string &directory, const std::s
     return true;
 }
 
-// `opened` is the directory, and is what is read, wherever its path leads by now.
+// Reads the directory `opened`, whatever its path leads to by now.
 bool LoadUserJobDirectory(JobSet &jobSet, AccountLoad &load, int opened,
                           const JobDirectory &directory) {
     AccountFiles files;
@@ -160,14 +160,15 @@ bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &di
     const Directory opened = OpenDirectory(directory);
     if (!opened)
         return false;
-    // Watched before it is read: an account that comes meanwhile is in the list or in an event.
+    // Watches before reading, so that a directory that is added meanwhile is either listed or
+    // reported as an event.
     if (!AddWatch(directory)) {
         LOG_ERROR("Failed to register %s", directory.c_str());
         return false;
     }
     AccountLoads loads;
     for (const std::string &name : NamesIn(opened)) {
-        // Each may take ten seconds.
+        // Each account may take ten seconds.
         if (stopRequested) {
             gaveUpLoad = true;
             break;
@@ -183,7 +184,8 @@ bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &di
 
 namespace {
 
-// The account that owns `directory`, opened at `path`; invalid, with a message, when there is none.
+// The account that owns `directory`, opened at `path`. Returns an invalid account, with a message,
+// on failure.
 JobUser OwnerOf(const Descriptor &directory, const std::string &path) {
     JobUser account;
     struct stat status {};

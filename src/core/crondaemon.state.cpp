@@ -27,14 +27,14 @@ namespace kest {
 
 namespace {
 
-// The stop would overwrite what could not be read now.
+// The save at the stop would overwrite the document that could not be read.
 void KeepForLater(const std::string &path) {
     const ErrnoGuard errnoGuard;
     if (!KeepUnreadable(path))
         LOG_ERROR("unreadable document cannot be kept (%s)", path.c_str());
 }
 
-// The jobs of a document that was saved.
+// The jobs of a saved document.
 std::vector<JobEntry> EntriesOf(Json::Value &document) {
     std::vector<JobEntry> entries;
     Json::Value &saved = ObjectMember(document, "jobs");
@@ -52,14 +52,14 @@ std::vector<JobEntry> EntriesOf(std::vector<CronJob> &jobs) {
     return entries;
 }
 
-// Whether all of the definition of `entry` is still the same in `job`.
+// Whether `job` has everything of the definition of `entry` unchanged.
 bool IsUnchanged(const JobEntry &entry, const CronJob &job) {
     if (entry.job == nullptr)
         return JsonContains(Member(std::as_const(*entry.saved), "config"), job.Config());
     return entry.job->HasConfigOf(job) || JsonContains(entry.job->Config(), job.Config());
 }
 
-// Null when `jobSet`, which is in the order of the names, has none of that name.
+// Returns null when `jobSet`, sorted by name, has no job with this name.
 const CronJob *JobOf(const JobSet &jobSet, const std::string &name) {
     const auto job = std::lower_bound(
         jobSet.begin(), jobSet.end(), name,
@@ -67,7 +67,7 @@ const CronJob *JobOf(const JobSet &jobSet, const std::string &name) {
     return job == jobSet.end() || job->Name() != name ? nullptr : &*job;
 }
 
-// Takes the jobs that are no longer defined, or defined otherwise, out of `previous`.
+// Removes the jobs that are no longer defined, or defined differently, from `previous`.
 void RemoveChangedJobs(std::vector<JobEntry> &previous, const JobSet &jobSet) {
     const auto isGone = [&](const JobEntry &entry) {
         const CronJob *const job = JobOf(jobSet, entry.name);
@@ -100,8 +100,8 @@ void AppendEntries(const std::vector<JobEntry> &entries, std::size_t most, JsonT
     text.EndObject();
 }
 
-// Says what the jobs are rebuilt from, as far as the system log takes it. What a saved document had
-// beside the jobs is told this once.
+// Logs the documents from which the jobs are rebuilt, up to the longest message of the system log.
+// This is the only place that shows the other members of a saved document.
 void LogRuntime(const std::vector<JobEntry> &entries, const Json::Value &document) {
     const ErrnoGuard errnoGuard;
     const SourceTag tag = TagOf(__FILE__);
@@ -122,7 +122,7 @@ void LogRuntime(const std::vector<JobEntry> &entries, const Json::Value &documen
     WriteSystemLog(LOG_INFO, message.c_str());
 }
 
-// A load takes about as much memory again as the jobs, for a moment that is over now.
+// A load temporarily takes about as much memory again as the jobs.
 void GiveMemoryBack() {
 #ifdef __GLIBC__
     malloc_trim(0);
@@ -132,7 +132,7 @@ void GiveMemoryBack() {
 } // namespace
 
 Json::Value CronDaemon::PersistedDocument() {
-    const ErrnoGuard errnoGuard; // a machine that starts for the first time has none
+    const ErrnoGuard errnoGuard; // the file is missing at the first start of a machine
     Json::Value document;
     if (!JsonFromFile(kPersistentFile, document, kOwnFileLimits) || !document.isObject())
         KeepForLater(kPersistentFile);
@@ -173,7 +173,7 @@ std::vector<JobEntry> CronDaemon::MergeNewJobs(std::vector<JobEntry> previous,
         shared[i] = scheduleTemplate.GetSingleScheduleValue(FieldKeys()[i]);
     std::vector<JobEntry> merged;
     merged.reserve(jobSet.size());
-    auto known = previous.begin(); // both are in the order of the names
+    auto known = previous.begin(); // both are sorted by name
     for (CronJob &job : jobSet) {
         if (known != previous.end() && known->name == job.Name()) {
             merged.push_back(std::move(*known++));
@@ -206,7 +206,7 @@ void CronDaemon::StageJobs(const std::vector<JobEntry> &entries, JobSet jobSet) 
         else if (Stage(*entry.job, staging, accounts))
             kept.push_back(entry.job);
     }
-    // From here on nothing fails. No job that stays is in a place before its own.
+    // Nothing below can fail. Jobs only move towards the front.
     auto place = jobSet.begin();
     for (CronJob *job : kept) {
         if (job != &*place)
@@ -222,7 +222,8 @@ bool CronDaemon::Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) 
     job.scheduleText.clear();
     job.SetStaged(false);
     job.waitsForProgram = false;
-    // A stop does not wait for more copies. No job starts any more, and all are to be saved.
+    // A stop does not wait for further copies. No job is launched any more, and all jobs must be
+    // saved.
     const StagingResult result =
         stopRequested ? StagingResult::Stopped : MoveBinaryToTmp(job, accounts, staging);
     if (result == StagingResult::Staged || result == StagingResult::Stopped)
@@ -232,7 +233,7 @@ bool CronDaemon::Stage(CronJob &job, Staging &staging, KnownAccounts &accounts) 
     return job.waitsForProgram;
 }
 
-// Accounts could otherwise fill the directory with the programs of jobs that they rename.
+// Otherwise accounts could fill the directory with programs by renaming their jobs.
 void CronDaemon::RemoveUnusedPrograms(Staging &staging) const {
     std::set<std::string> used = waitingStarts.Jobs(WaitingStarts::Now());
     for (const CronJob &job : jobs)
@@ -245,7 +246,7 @@ void CronDaemon::RemoveUnusedPrograms(Staging &staging) const {
 // --- Documents ----------------------------------------------------------------------------------
 
 void CronDaemon::SaveRuntimeConfig(const std::string &path, Durability durability) {
-    // What others read shows the jobs that run, what the next start reads shows all.
+    // The runtime document shows the jobs that can run; the saved document contains all.
     const bool isForOthers = durability == Durability::Process;
     std::size_t largest = 0;
     const auto write = [&](const JsonSink &sink) {
@@ -294,12 +295,12 @@ void CronDaemon::PersistState() {
 }
 
 void CronDaemon::KeepReserve(std::size_t partSize) {
-    // A text grows by doubling. A job that is not staged becomes JSON, ten times as long as its
-    // text.
+    // A text grows by doubling. A job that is not staged is converted to JSON, which takes ten
+    // times the memory of its text.
     const std::size_t wanted = 16 * partSize + (std::size_t{256} << 10);
     if (wanted <= reserveSize)
         return;
-    // Never written to, so that it takes addresses, but no memory before it is needed.
+    // Never written to, so that it uses address space but no memory.
     std::unique_ptr<char[]> larger(new (std::nothrow) char[wanted]);
     if (!larger)
         return;

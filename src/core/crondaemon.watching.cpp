@@ -15,7 +15,7 @@ namespace kest {
 
 namespace {
 
-// By its descriptor where there is one. Without "/proc" that cannot be said; then the path must do.
+// Watches by the descriptor if there is one. This needs "/proc"; without it, the path is used.
 int AddInotifyWatch(int inotify, const std::string &path, int opened, std::uint32_t mask) {
     if (opened != -1) {
         const int error = errno;
@@ -35,7 +35,7 @@ bool CronDaemon::AddWatch(const std::string &path, int opened) {
                                         IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_DELETE_SELF |
                                         IN_MOVE_SELF;
     if (inotifyFd == -1)
-        return true; // no changes are seen, but jobs are loaded
+        return true; // jobs are loaded, but changes are not noticed
     std::int32_t watch = -1;
     if (watchCount < watches.size())
         watch = AddInotifyWatch(inotifyFd, path, opened, watchMask);
@@ -50,7 +50,7 @@ bool CronDaemon::AddWatch(const std::string &path, int opened) {
 }
 
 void CronDaemon::RemoveAllWatches() {
-    const ErrnoGuard errnoGuard; // a directory that is gone took its watch with it
+    const ErrnoGuard errnoGuard; // the watch of a removed directory no longer exists
     for (std::uint32_t i = 0; i < watchCount; ++i) {
         if (watches[i] > 0) {
             inotify_rm_watch(inotifyFd, watches[i]);
@@ -62,7 +62,7 @@ void CronDaemon::RemoveAllWatches() {
 
 namespace {
 
-// Whether there is something to read at once. A signal that interrupts the call is not a failure.
+// Whether events can be read at once. A signal that interrupts the call is not a failure.
 bool HasPendingEvents(int inotify) {
     const int error = errno;
     int ready = -1;

@@ -1,4 +1,4 @@
-// What becomes of a job in one evaluation cycle.
+// The state of a job in one evaluation cycle.
 
 #ifndef CORE_JOB_STATE_H
 #define CORE_JOB_STATE_H
@@ -9,7 +9,7 @@
 
 namespace kest {
 
-// Computed for every job in every cycle and never stored. The order is part of the meaning.
+// Computed for every job in every cycle and never stored. The numbers are significant.
 enum class JobState : std::int32_t {
     NotReady = 0,
     NotRunOnPassive = 1,   // the machine is passive and the job is not for passive machines
@@ -19,7 +19,7 @@ enum class JobState : std::int32_t {
     AssureExecuteRun = 5   // overdue, and run although the machine is held
 };
 
-// What a job's state follows from.
+// The input of StateOf().
 struct StateInput {
     bool passiveMode = false;
     bool runOnPassive = false;
@@ -34,8 +34,8 @@ StateInput StateInputOf(const CronJob &job, bool passiveMode, bool held);
 
 JobState StateOf(const StateInput &input);
 
-// What is known of a state: its name, and whether a job in it is launched. Null for a number that
-// is no state.
+// The name of a state, and whether jobs in this state are launched. TraitsOf() returns null for a
+// number that is not a state.
 struct JobStateTraits {
     const char *name;
     bool launched;

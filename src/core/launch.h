@@ -1,4 +1,4 @@
-// How the jobs of one cycle are spread, and what the execution log records of a launch.
+// The spacing of the launches of one cycle, and the note about a launch for the execution log.
 
 #ifndef CORE_LAUNCH_H
 #define CORE_LAUNCH_H
@@ -14,7 +14,7 @@ namespace kest {
 // at most an hour after the first, and neighbours are never more than `maxDelay` seconds apart.
 std::int32_t LaunchSpacing(std::int32_t maxDelay, std::size_t count);
 
-// Why and how a job was launched.
+// The details of a launch.
 struct LaunchDetails {
     std::string state;        // the name of the job's state
     std::string triggerTime;  // as by FormatTriggerTime; may be empty

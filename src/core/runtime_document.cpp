@@ -35,7 +35,7 @@ void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSin
 }
 
 std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most) {
-    // Numbers and their names that are yet to come, each in a line of its own.
+    // Lines of numbers and their names that are added later.
     constexpr std::size_t lineOfValue = sizeof "\n\t\t\t\t\t-1," - 1;
     constexpr std::size_t otherLines = 512;
     std::size_t toCome = 0;

@@ -1,4 +1,4 @@
-// The runtime document: what is told of the jobs, and remembered of them.
+// The runtime document: the jobs for other programs and for the next start.
 
 #ifndef CORE_RUNTIME_DOCUMENT_H
 #define CORE_RUNTIME_DOCUMENT_H
@@ -13,16 +13,17 @@ namespace kest {
 
 // Which jobs a document shows.
 enum class JobsShown : unsigned char {
-    Running, // all but those that wait for their programs
+    Running, // all except jobs that wait for their programs
     All
 };
 
-// Hands the documents of the jobs, in the order of their names, to `sink` as JSON text keyed by
-// these, a part after the other, for the whole would take more memory than the jobs.
+// Writes the documents of the jobs to `sink` as JSON text, keyed by name, in name order. The text
+// is passed in parts, because all of it would take more memory than the jobs.
 void JobsToJson(const std::vector<CronJob> &jobs, JobsShown shown, const JsonSink &sink);
 
-// How many bytes the jobs, no two of a name, take in that document at most, now and later, when
-// they have schedules and have been launched; some number above `most` when that is more.
+// An upper bound of the bytes that the jobs take in the runtime document, including their later
+// schedules and launches. Job names must be unique. Returns some number above `most` when the bound
+// exceeds it.
 std::size_t DocumentSize(const std::vector<CronJob> &jobs, std::size_t most);
 
 } // namespace kest

@@ -19,7 +19,8 @@ bool IsWorthKeeping(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
 }
 
-// Gives the file a second name, which needs no reading, or copies it where that cannot be.
+// Gives the file a second name, which does not need reading. Copies it when the file system has no
+// hard links.
 bool LinkOrCopy(const std::string &path, const std::string &fresh) {
     if (linkat(AT_FDCWD, path.c_str(), AT_FDCWD, fresh.c_str(), AT_SYMLINK_FOLLOW) == 0)
         return true;
@@ -43,7 +44,7 @@ bool KeepUnreadable(const std::string &path) {
     const std::string fresh = kept + ".new";
     std::remove(fresh.c_str()); // left behind by a crash
     const bool done = LinkOrCopy(path, fresh) && std::rename(fresh.c_str(), kept.c_str()) == 0;
-    // What is kept already under this name is the same file, and the rename does nothing.
+    // When both names already denote the same file, the rename does nothing and leaves `fresh`.
     const ErrnoGuard error;
     std::remove(fresh.c_str());
     return done;

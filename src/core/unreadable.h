@@ -1,4 +1,4 @@
-// What becomes of a saved document that cannot be read: it would be lost with the next save.
+// Keeps saved documents that cannot be read. They would be lost with the next save.
 
 #ifndef CORE_UNREADABLE_H
 #define CORE_UNREADABLE_H
@@ -7,11 +7,11 @@
 
 namespace kest {
 
-// The name under which the file at `path` is kept.
+// The path under which the file at `path` is kept.
 std::string UnreadableName(const std::string &path);
 
-// Keeps the file at `path`, if there is one with something in it, under UnreadableName(path) too,
-// in the place of one that was kept before. Returns false with errno set when it cannot be kept.
+// Keeps the file at `path` under UnreadableName(path) too, unless it is missing or empty. Replaces
+// a file that was kept before. Returns false with errno set on failure.
 bool KeepUnreadable(const std::string &path);
 
 } // namespace kest

@@ -1,15 +1,15 @@
-// The machine's state as the system's controller sees it.
+// The state of the machine according to the system's controller.
 
 #ifndef CORE_UTILS_H
 #define CORE_UTILS_H
 
 namespace kest {
 
-// Asks whether the controller holds the machine back. Returns false when it cannot be asked: then
-// what the attempt left in the status decides, which is that it does not.
+// Queries whether the controller holds the machine. Returns false when the query fails; the status
+// of the failed query then decides `held`, normally false.
 bool AskWhetherHeld(bool &held);
 
-// The same. That the controller cannot be asked is reported.
+// The same, but reports a failed query.
 bool IsVorldHeld();
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// The starts of package accounts' jobs that wait out their delay.
+// Delayed starts of the jobs of package accounts.
 //
 // Each is a process of root's. They are counted, because the jobs of an account could otherwise
 // fill the machine with them; and a program that one of them needs is not removed. Nothing is
@@ -18,19 +18,19 @@ namespace kest {
 
 class WaitingStarts {
 public:
-    // How many starts of one account may wait at a time.
+    // The largest number of delayed starts of one account.
     static constexpr std::size_t kMostOfAccount = 1000;
 
-    // Seconds of a clock that nobody sets.
+    // Seconds of the monotonic clock.
     static std::int64_t Now();
 
-    // Whether one more start of `account` may wait at `now`.
+    // Whether one more delayed start of `account` is allowed at `now`.
     bool HasPlace(const std::string &account, std::int64_t now);
 
-    // Adds a start of the job `name` that waits until `end`.
+    // Adds a start of the job `name` that is delayed until `end`.
     void Add(const std::string &account, const std::string &name, std::int64_t end);
 
-    // The jobs of which a start waits at `now`.
+    // The jobs that have a delayed start at `now`.
     std::set<std::string> Jobs(std::int64_t now) const;
 
 private:

@@ -1,4 +1,4 @@
-// The program: one instance, no arguments but one, detached, until a signal ends it.
+// The daemon program: a single instance, one option, detached, runs until a signal ends it.
 
 #include "base/descriptor.h"
 #include "base/errno_guard.h"
@@ -19,7 +19,7 @@
 
 namespace kest {
 
-// Made before main and destroyed after it, the log first.
+// Constructed before main and destroyed after it, the log first.
 static CronDaemon cronDaemon;
 KEST::MemoryLogger executionLog(kExecutionLogFile, kLogStagingFile, kLogStagingKiB, kLogLockFile);
 
@@ -37,7 +37,7 @@ void handle_signal(int number) {
     cronDaemon.sleepSeconds = 0;
 }
 
-// The command name of the process `pid`; empty, with a message, when it cannot be had.
+// The command name of the process `pid`. Returns an empty text, with a message, on failure.
 std::string get_pid_cmd(pid_t pid) {
     std::string command;
     XLIBCProc *process = nullptr;
@@ -53,17 +53,17 @@ std::string get_pid_cmd(pid_t pid) {
     return command;
 }
 
-// A pid file that names this very process is left from before a restart: a container hands out the
-// same pids again. One that names an account's process of our name is left from before, too.
+// A pid file with the pid of this process is left from an earlier start: containers reuse the same
+// pids. A pid file with the pid of an account's process that has the daemon's name is stale too.
 bool is_named_by_pid_file() {
     const pid_t pid = XLIBCReadPidFile(kPidFile);
     return pid > 0 && pid != getpid() && XLIBCProcAlive(pid) == 1 &&
            get_pid_cmd(pid) == kDaemonName && IsProcessOfRoot(pid);
 }
 
-// The pid file may be removed while its daemon lives, and a service manager that has lost patience
-// with a start does so. What decides is a lock on a file that nobody removes; it ends with the
-// process. Closing any descriptor of the file would give it up.
+// The pid file may be removed while its daemon runs; a service manager does so after a start has
+// timed out. Therefore a lock on a file that is never removed decides. The lock ends with the
+// process; closing any descriptor of the file would release it.
 struct flock lock_of_instance() {
     struct flock lock {};
     lock.l_type = F_WRLCK;
@@ -83,7 +83,7 @@ bool lock_instance() {
     struct flock lock = lock_of_instance();
     if (!file || fcntl(file.Get(), F_SETLK, &lock) == -1)
         return false;
-    static_cast<void>(file.Release()); // locked for the rest of the process's life
+    static_cast<void>(file.Release()); // stays locked until the process ends
     return true;
 }
 
@@ -116,16 +116,15 @@ void raise_limit(decltype(RLIMIT_FSIZE) resource, rlim_t soft, rlim_t hard) {
     const rlimit wanted{std::max(limit.rlim_cur, soft), std::max(limit.rlim_max, hard)};
     if (setrlimit(resource, &wanted) == 0)
         return;
-    // Without the right to raise the hard limit there is what that allows.
+    // Without the right to raise the hard limit, use the hard limit.
     limit.rlim_cur = std::min(wanted.rlim_cur, limit.rlim_max);
     setrlimit(resource, &limit);
 }
 
-// The limits of the shell that happened to start the daemon are neither for it nor for its jobs:
-// they get at least what the kernel gives the first process, and leave no core unless they ask for
-// it.
+// Resets the limits of the shell that started the daemon: the daemon and its jobs get at least the
+// limits that the kernel gives the first process, and leave no core dump unless they request it.
 void set_limits() {
-    const ErrnoGuard errnoGuard; // whoever may not raise them goes on with what there is
+    const ErrnoGuard errnoGuard; // limits that cannot be raised stay as they are
     signal(SIGXFSZ, SIG_IGN);
     raise_limit(RLIMIT_FSIZE, RLIM_INFINITY, RLIM_INFINITY);
     raise_limit(RLIMIT_NOFILE, 1024, 4096);
@@ -139,14 +138,14 @@ bool become_daemon() {
     if (daemon(0, 0) == -1)
         return false;
     set_limits();
-    // What the starter had open or blocked is not for the life of a daemon.
+    // Drop inherited descriptors and signal masks.
     CloseInheritedDescriptors();
     sigset_t none;
     sigemptyset(&none);
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         signal(number, handle_signal);
     signal(SIGPIPE, SIG_IGN);
-    signal(SIGCHLD, SIG_IGN); // ended jobs are reaped by the kernel
+    signal(SIGCHLD, SIG_IGN); // the kernel reaps jobs that have ended
     sigprocmask(SIG_SETMASK, &none, nullptr);
     return lock_instance() && XLIBCProcPidFileCreate(kPidFile) >= 0;
 }

@@ -21,17 +21,17 @@ struct JobUser {
 // The label of the source in which accounts have directories of their own.
 constexpr const char *kAccountSource = "pkg_nonroot";
 
-// Whether the job of this full name is defined in an account's own directory. No other source's
-// label begins like that one's.
+// Whether the job with this full name is defined in an account directory. No other source has a
+// label that begins in the same way.
 bool IsOfAccountDirectory(const std::string &jobName);
 
-// Whether the definition `config` is of a package: the class of an account is found anywhere in the
-// text of "user".
+// Whether the definition `config` runs as a package account: "user" contains the class of the
+// account anywhere in its text.
 bool IsOfPackage(const Json::Value &config);
 
-// The name of the account: that of a package's is "package_username", any other user is an account
-// of that very name, so that "rootjob" is one. Nothing for a package without a name and for a user
-// of no class.
+// The name of the account: "package_username" for a package, otherwise the text of "user" itself,
+// so that "rootjob" is an account name too. Nothing for a package without a name and for a user
+// without a class.
 std::optional<std::string> AccountOf(const Json::Value &config);
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// Giving up root for good.
+// Irrevocable change to another account.
 
 #ifndef JOB_ACCOUNT_RIGHTS_H
 #define JOB_ACCOUNT_RIGHTS_H
@@ -8,10 +8,10 @@
 
 namespace kest {
 
-// Takes on the account's groups, group and user, none of which can be undone. For work that is done
-// on behalf of an account: when any step fails, it returns false with errno set, and the process
-// must end without doing that work. It may be called with root's own account, and then changes
-// the groups only. It also joins `extraGroup`, unless that is kNoGroup.
+// Takes on the groups, group and user of the account irrevocably, for work on behalf of the
+// account. When any step fails, returns false with errno set; the process must then end without
+// doing the work. For root's own account only the groups change. The process also joins
+// `extraGroup`, unless it is kNoGroup.
 constexpr gid_t kNoGroup = static_cast<gid_t>(-1);
 bool BecomeAccount(const std::string &name, uid_t uid, gid_t gid, gid_t extraGroup = kNoGroup);
 

@@ -27,12 +27,12 @@ namespace {
 
 constexpr const char *kProcessName = "kestcrond-stage";
 
-// Whole seconds. A copy has ten, which the platform library sees to; a process that does not answer
-// two seconds later was stopped.
+// Seconds. The platform library ends a copy after ten; a process that does not answer two seconds
+// later was stopped.
 constexpr int kLongestAnswer = 12;
 constexpr int kAccountSeconds = 30;
 
-// One request or answer is one packet. A request ends with the text of `source`.
+// A request and an answer are one packet each. A request is cut after the text of `source`.
 struct Request {
     int refusal;
     std::array<char, NAME_MAX + 1> name;
@@ -55,14 +55,14 @@ void CopyText(const std::string &text, std::array<char, kSize> &to) {
 
 // --- In the process -----------------------------------------------------------------------------
 
-// Whether `path` lies on a file system without blocks, whose files the kernel makes up.
+// Whether `path` is on a file system without blocks: the kernel generates its files.
 bool IsOfKernel(const char *path) {
     struct statvfs status {};
     return statvfs(path, &status) == 0 && status.f_blocks == 0;
 }
 
-// Whether `source` is a program that can be staged at all; errno is set when not. The files of the
-// kernel look empty, and some make their reader wait for ever.
+// Whether `source` can be staged; errno is set when it cannot. Generated files appear empty, and
+// some block their reader forever.
 bool IsStageable(const char *source) {
     struct stat status {};
     if (stat(source, &status) == -1)
@@ -73,7 +73,7 @@ bool IsStageable(const char *source) {
     return false;
 }
 
-// A link to a program that may be run but not read.
+// Links to a program that may be executed but not read.
 ProgramCopy Link(const std::string &source, const std::string &target) {
     const std::string absolute = source.front() == '/' ? source : "/" + source;
     if (symlink(absolute.c_str(), target.c_str()) == 0)
@@ -109,7 +109,8 @@ ProgramCopy Answer(const Request &request, bool isRoot) {
         return {ProgramCopy::Outcome::Refused, request.refusal};
     if (!IsStageable(source))
         return {ProgramCopy::Outcome::Refused, errno};
-    // Held open meanwhile: then nobody gets a lease on it, for which the copy program would wait.
+    // Stays open during the copy: no process can then take a lease, which would block the copy
+    // program.
     const Descriptor held = OpenRegularFile(source);
     if (!held && errno == EACCES && access(source, X_OK) == 0)
         return Link(source, target);
@@ -125,7 +126,7 @@ bool IsSameDirectory(const char *path, int directory) {
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-// Puts the work directory in place of the runtime directory, for this process alone.
+// Mounts the work directory over the runtime directory, for this process only.
 bool EnterNamespace(const CopierPlace &place) {
     if (unshare(CLONE_NEWNS) == -1 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == -1 ||
@@ -141,8 +142,7 @@ void EndGroup(int /*number*/) {
     kill(0, SIGKILL);
 }
 
-// Ends this process when it has spent its account's time. Each answer goes on where the one before
-// stopped.
+// Ends this process when the time of its account is used up. The time counts over all answers.
 class TimeLimit {
 public:
     explicit TimeLimit(bool isLimited) : isLimited_(isLimited) {}
@@ -173,9 +173,9 @@ void AnswerRequests(int socket, bool isRoot) {
     }
 }
 
-// Leaves what is the daemon's behind. Signals that are meant for it, and are sent to all processes
-// of its name, do not end a copy. The group is its own, so that it can be ended with the copy
-// program.
+// Detaches the process from the daemon. Signals for the daemon that are sent to all processes of
+// its name do not end a copy. The process has its own process group, so that it can be killed
+// together with the copy program.
 void LeaveDaemon(int socket) {
     prctl(PR_SET_NAME, kProcessName);
     setsid();
@@ -189,7 +189,7 @@ void LeaveDaemon(int socket) {
     CloseInheritedDescriptors(socket);
 }
 
-// The copy program fails at the limit instead of being ended by a signal.
+// The copy program gets an error at the limit instead of a signal.
 bool LimitFiles(std::uint64_t most) {
     const rlimit limit{static_cast<rlim_t>(most), static_cast<rlim_t>(most)};
     signal(SIGXFSZ, SIG_IGN);
@@ -202,7 +202,7 @@ Greeting Prepare(const CopierPlace &place, int socket) {
     if (!place.workPath.empty() && !EnterNamespace(place))
         greeting = {Copier::Fault::NoNamespace, errno};
     LeaveDaemon(socket);
-    // What is still in its memory of the daemon is not for the account to see.
+    // The account must not read the daemon's data that is still in this process's memory.
     if (greeting.fault == Copier::Fault::None && place.account != nullptr &&
         (!BecomeAccount(place.account->name, place.account->uid, place.account->gid,
                         place.extraGroup) ||
@@ -214,7 +214,7 @@ Greeting Prepare(const CopierPlace &place, int socket) {
 [[noreturn]] void Serve(int socket, const CopierPlace &place, pid_t daemon) {
     try {
         const Greeting greeting = Prepare(place, socket);
-        // Last, because a change of the account takes it back.
+        // Comes last, because a change of the account resets it.
         const bool endsWithDaemon = prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == daemon;
         if (endsWithDaemon &&
             send(socket, &greeting, sizeof greeting, MSG_NOSIGNAL) == sizeof greeting &&
@@ -228,7 +228,7 @@ Greeting Prepare(const CopierPlace &place, int socket) {
 
 // --- In the daemon ------------------------------------------------------------------------------
 
-// Both ends of a connection whose first one waits for a second at most in each call.
+// Creates both ends of a connection. Calls on the first end block for at most one second.
 bool Connect(Descriptor &ours, Descriptor &theirs) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) == -1)
@@ -242,7 +242,8 @@ bool Connect(Descriptor &ours, Descriptor &theirs) {
 
 } // namespace
 
-// Its number may belong to another process once it is gone, which shows in the connection.
+// When the process has ended, its pid may belong to another process. The connection shows whether
+// it has ended.
 void Copier::End() {
     const ErrnoGuard errnoGuard;
     char nothing = 0;

@@ -1,4 +1,4 @@
-// A process that copies programs with the rights of one account.
+// A helper process that copies programs with the rights of one account.
 
 #ifndef JOB_COPIER_H
 #define JOB_COPIER_H
@@ -18,18 +18,18 @@
 
 namespace kest {
 
-// How a copy ended.
+// The result of a copy.
 struct ProgramCopy {
     enum class Outcome : unsigned char {
         Made,
-        NoProgram, // nothing is at the source's path
-        Refused,   // what is there cannot be staged
-        Failed,    // it could not be copied this time
-        Stopped    // it was given up for a stop
+        NoProgram, // the source does not exist
+        Refused,   // the source cannot be staged
+        Failed,    // a temporary failure
+        Stopped    // cancelled because of a stop
     };
     Outcome outcome = Outcome::Failed;
     int error = 0;       // errno
-    int targetError = 0; // of a copy that is a link to something that is not there: errno
+    int targetError = 0; // errno for the target of a copy that is a dangling link
 
     // The platform library's last error: code, source file and line.
     int platformError = 0;
@@ -37,25 +37,25 @@ struct ProgramCopy {
     int platformLine = 0;
 };
 
-// What a copier has to work with.
+// The settings of a copier.
 struct CopierPlace {
     const JobUser *account = nullptr; // null: root
 
-    // The directory that it has in place of the runtime directory, in a mount namespace of its own.
-    // Without a path it works in the runtime directory itself.
+    // The directory that the process sees in place of the runtime directory, in its own mount
+    // namespace. When empty, it works in the runtime directory itself.
     std::string workPath;
     int work = -1; // the same directory
 
-    gid_t extraGroup = kNoGroup; // one more group that it belongs to
-    std::uint64_t mostBytes = 0; // no file that an account makes is larger
+    gid_t extraGroup = kNoGroup; // an additional group of the process
+    std::uint64_t mostBytes = 0; // the largest file that an account can create
 };
 
 class Copier {
 public:
     enum class Fault : unsigned char { None, NoProcess, NoNamespace, NoRights };
 
-    // Starts the process. Returns null, with errno set and the reason in `fault`, when it cannot be
-    // had as it must be, or `stopRequested` becomes true.
+    // Starts the process. Returns null with errno and `fault` set when it cannot be started or
+    // cannot take on what `place` demands, or when `stopRequested` becomes true.
     static std::unique_ptr<Copier> Start(const CopierPlace &place, Fault &fault,
                                          const std::atomic<bool> &stopRequested);
 
@@ -64,11 +64,11 @@ public:
     // Ends the process and the copy program that it runs.
     ~Copier() { End(); }
 
-    // Has `source` copied to the entry `name` of the runtime directory, as the process sees it.
-    // With `refusal`, an errno value, a program that is there is refused. Takes twelve seconds at
-    // most. An account's copies together take half a minute at most; after that, and when its
-    // process was stopped or ended from outside, IsUsable becomes false. Gives up when
-    // `stopRequested` becomes true.
+    // Copies `source` to the entry `name` of the runtime directory that the process sees. When
+    // `refusal`, an errno value, is not 0, a source that exists is refused. Takes at most twelve
+    // seconds, and all copies of an account together at most half a minute. After that time, and
+    // when the process was stopped or ended from outside, IsUsable returns false. Cancels the copy
+    // when `stopRequested` becomes true.
     ProgramCopy Copy(const std::string &name, const std::string &source, int refusal,
                      const std::atomic<bool> &stopRequested);
     bool IsUsable() const { return static_cast<bool>(socket_); }
@@ -78,7 +78,7 @@ private:
     bool Receive(void *reply, std::size_t size, const std::atomic<bool> &stopRequested);
     void End();
 
-    Descriptor socket_; // none once it has ended
+    Descriptor socket_; // empty when the process has ended
     pid_t process_;
 };
 

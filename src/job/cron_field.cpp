@@ -66,7 +66,7 @@ CronItem ParseSingleValue(const std::string &key, const std::string &text) {
 } // namespace
 
 const std::array<std::string, 5> &FieldKeys() {
-    // Inside a function, because the first use comes before main.
+    // A local static, because it is first used before main.
     static const std::array<std::string, 5> keys{"Minute", "hour", "day", "month", "week"};
     return keys;
 }

@@ -79,12 +79,12 @@ void CronJob::TakeDefinition(Json::Value &document, Definition definition) {
     assureRun = definition.assureRun ? 1 : 0;
     runOnPassive = definition.runOnPassive;
     schedule_ = Schedule(definition.items);
-    if (!valid) // the document stays what it is, for those who look for what is wrong
+    if (!valid) // the document stays unchanged for diagnosis
         return;
     Json::Value &list = document["cmd_list"];
     list = std::move(definition.command.list);
     program_ = SharedText(list[0U].asString());
-    // As it is when the job is staged, which it nearly always is.
+    // As for a staged job, which is the usual case.
     list[0U] = StagedPath(definition.name);
     document["cmd_str"] = definition.command.text;
     TakeRuntimeMembers(document);
@@ -131,7 +131,8 @@ void CronJob::MoveTexts(const std::shared_ptr<std::string> &block) {
 
 namespace {
 
-// Takes a number out of the document; returns whether it was one as we write them.
+// Removes a number from the document. Returns whether it was an integer in the form that the daemon
+// writes.
 bool TakeTime(Json::Value &document, ChangingMember which) {
     const char *const member = NameOf(which);
     const bool isOurs = Member(std::as_const(document), member).type() == Json::intValue;
@@ -142,7 +143,8 @@ bool TakeTime(Json::Value &document, ChangingMember which) {
 
 } // namespace
 
-// Takes out what is kept beside the document. What is not as we write it stays in it.
+// Removes the members that are kept beside the document. Values in any other form than the daemon's
+// stay in it.
 void CronJob::TakeRuntimeMembers(Json::Value &document) {
     expireTime_ = IntegerMember(document, "expireTime", 0);
     lastRun_ = IntegerMember(document, "lastExecution", IntegerMember(document, "startup", 0));
@@ -195,7 +197,7 @@ void CronJob::AddDrawn(Json::Value &schedule) const {
     }
 }
 
-// Half of the text of a document is its schedule.
+// The schedule is half of the text of a document.
 void CronJob::AppendSchedule(JsonText &text) const {
     struct FieldText {
         std::size_t field;

@@ -38,16 +38,15 @@ public:
     // An invalid job without a document.
     CronJob() = default;
 
-    // Takes the document over, checks it, writes the defaults and parses it. `valid` tells whether
-    // all went well; what did not is in the system log.
+    // Takes over the document, checks it, adds the defaults and parses it. Sets `valid` when it
+    // succeeds; otherwise reports the first fault to the system log.
     explicit CronJob(Json::Value document);
 
-    // The same, but says nothing: what is wrong is added to `faults`, as many of them as
-    // `mostFaults`.
+    // The same without messages: adds up to `mostFaults` faults to `faults`.
     CronJob(Json::Value document, std::vector<DefinitionFault> &faults,
             std::size_t mostFaults = std::numeric_limits<std::size_t>::max());
 
-    // The document as it is now. Put together for the caller.
+    // The present document, as a new value.
     Json::Value Document() const;
 
     // Its member "config".
@@ -58,10 +57,11 @@ public:
 
     // Appends the document to `text`, where it is the value of a member of "jobs".
     void AppendTo(JsonText &text) const;
-    // The same as if the job were staged, nothing drawn, and it had never run.
+    // The same, as if the job were staged, not drawn and never run.
     void AppendNewTo(JsonText &text) const { _jsJob.AppendTo(text); }
 
-    // Whether `other` is defined by the same text. When not, it may still be by the same values.
+    // Whether `other` has the same text of its definition. When false, the values may still be
+    // equal.
     bool HasConfigOf(const CronJob &other) const { return _jsJob.HasConfigOf(other._jsJob); }
 
     // The full job name. Valid until the job is changed or its texts are moved.
@@ -74,15 +74,15 @@ public:
     CronFields cronFields() const;
     std::size_t ItemCount() const { return schedule_.ItemCount(); }
 
-    // Draws "schedule"[key] anew from the field's items. Random items take `templateValue` where it
-    // fits them; -1 fits none.
+    // Redraws "schedule"[key] from the field's items. Random items take `templateValue` where it
+    // lies within them; -1 never does.
     void GenerateFieldSchedule(const std::string &key, std::int32_t templateValue);
     void GenerateSchedule(const std::string &key);
 
-    // The values of "schedule"[key]; none when it is missing or holds anything but integers.
+    // The values of "schedule"[key]; empty when it is missing or contains anything but integers.
     std::vector<std::int32_t> GetScheduleValues(const std::string &key) const;
 
-    // The only value of "schedule"[key]; -1 when there is none or more than one.
+    // The single value of "schedule"[key]; -1 when there is not exactly one.
     std::int32_t GetSingleScheduleValue(const std::string &key) const;
 
     // Whether "schedule"[key] admits `value`.
@@ -91,79 +91,66 @@ public:
     // Whether the present local minute matches all five fields: day and weekday must both match.
     bool IsDueNow() const;
 
-    // When the job is due now, stamps "expireTime", fills `scheduleText` and returns true;
-    // otherwise changes nothing.
+    // When the job is due now, sets "expireTime" and `scheduleText` and returns true. Otherwise
+    // changes nothing.
     bool CheckTrigger();
 
     // "lastExecution", or "startup" without one, or 0.
     std::int64_t LastRun() const { return lastRun_; }
 
-    // When the job was found due and not launched yet, in seconds since the epoch; 0: it was not.
+    // When the job was found due, in seconds since the epoch, if it has not been launched since;
+    // otherwise 0.
     std::int64_t ExpireTime() const { return expireTime_; }
 
     // The schedule as text, such as "17 3 -1 -1 -1".
     std::string RenderSchedule() const;
 
-    // Whether the job is assured and has not run, or been known, for more than its hours.
+    // Whether the job is assured and more than its hours have passed since LastRun().
     bool IsAssureOverdue() const;
 
-    // Remembers a launch at `when`, in seconds since the epoch: nothing is due any more.
+    // Records a launch at `when`, in seconds since the epoch. The job is then no longer due.
     void NoteLaunch(std::int64_t when);
 
-    // The path that the definition's command begins with.
+    // The path at the beginning of the command.
     std::string Program() const { return std::string(program_.View()); }
 
-    // Whether a copy of the program is what is run: the one of the job's name in the runtime
-    // directory. Only jobs that are staged run.
+    // Whether the program is staged in the runtime directory. Only staged jobs run.
     bool IsStaged() const { return isStaged_; }
     void SetStaged(bool isStaged) { isStaged_ = isStaged; }
 
-    // Starts the job: stamps "lastExecution", clears "expireTime" and `scheduleText`, and forks a
-    // process that waits `delay` seconds and then runs the command. Does not wait for it. When the
-    // fork fails, says so and keeps `scheduleText`. `note` goes into the execution log's line.
+    // Launches the job: sets "lastExecution", clears "expireTime" and `scheduleText`, and forks a
+    // process that waits `delay` seconds and then runs the command. Does not wait for this process.
+    // When the fork fails, reports it and keeps `scheduleText`. `note` becomes part of the line in
+    // the execution log.
     void Launch(std::int32_t delay, const std::string &note);
 
-    // In a child of its own: writes the execution log's line with `note`, takes on the account and
-    // becomes the command. Ends the process with status 0 when the command cannot be run, which
-    // the execution log then says; returns only when the job cannot be prepared.
+    // Runs in the forked process: writes the line with `note` to the execution log, takes on the
+    // account and executes the command. When the command cannot be executed, reports it in the
+    // execution log and ends the process with status 0. Returns only when the job cannot be
+    // prepared.
     void RunJobChild(const std::string &note) const;
 
-    // The same, but returns true when the command cannot be run, and false when the job cannot be
-    // prepared.
+    // The same, but returns true when the command cannot be executed, and false when the job cannot
+    // be prepared.
     bool BecomeCommand(const std::string &note) const;
 
-    // Stands for a Launch that was refused for want of resources: it is reported and remembered as
-    // one whose fork failed.
+    // Reports and records a launch like one whose fork failed, for lack of resources.
     void RefuseLaunch();
 
-    bool valid = false;
-    bool runOnPassive = false;
-    // Its program could not be copied at the latest load. It does not run, but what is known of it
-    // is saved, and the next load tries again.
-    bool waitsForProgram = false;
+    std::string scheduleText; // the schedule at the latest due match, empty once launched
 
-private:
-    bool isStaged_ = false;
-    bool hasExpireTime_ = false;    // whether the document has the member as a number of ours
-    bool hasLastExecution_ = false; // the same
-
-public:
     std::int32_t assureExecute = 0; // hours; 0: not assured
     std::int32_t assureRun = 0;     // 1: an overdue run is not held back while the machine is held
 
+    bool valid = false;
+    bool runOnPassive = false;
+    // The program could not be copied at the latest load. The job does not run, but its state is
+    // saved, and the next load tries again.
+    bool waitsForProgram = false;
+
 private:
-    // What each cycle asks for stands together, because after a minute of other programs each line
-    // of the cache has to be fetched.
-    std::int64_t expireTime_ = 0;
-    std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
-    Schedule schedule_;
-
-public:
-    std::string scheduleText; // the schedule at the latest due match, empty once launched
-
     friend void ShareTexts(std::vector<CronJob> &jobs);
 
-private:
     std::array<SharedText *, 3> Texts() { return {&name_, &program_, &_jsJob.Text()}; }
     std::size_t TextSize();
     void MoveTexts(const std::shared_ptr<std::string> &block);
@@ -172,17 +159,28 @@ private:
     void AddDrawn(Json::Value &schedule) const;
     void AppendSchedule(JsonText &text) const;
 
+    bool isStaged_ = false;
+    bool hasExpireTime_ =
+        false; // whether the document has the member as an integer that the daemon wrote
+    bool hasLastExecution_ = false; // the same
+
+    // What every cycle reads lies together: after a minute of other programs, each cache line has
+    // to be fetched again.
+    std::int64_t expireTime_ = 0;
+    std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
+    Schedule schedule_;
+
     SharedText name_;
     SharedText program_;
     std::optional<std::string> account_;
     JobDocument _jsJob; // but for what is kept in other members
 };
 
-// A load moves jobs when nothing may go wrong any more.
+// A load moves jobs at a point where it can no longer fail.
 static_assert(std::is_nothrow_move_constructible_v<CronJob> &&
               std::is_nothrow_move_assignable_v<CronJob>);
 
-// Puts the jobs into the order of their names. Of two of a name the later one stays.
+// Sorts the jobs by name. Of two jobs with the same name, keeps the later one.
 void SortByName(std::vector<CronJob> &jobs);
 
 // Moves the texts of all `jobs` into one block of memory. Left among the JSON of a load, they would
@@ -192,11 +190,11 @@ void ShareTexts(std::vector<CronJob> &jobs);
 // Reports the first fault of a definition that is refused.
 void LogFault(const DefinitionFault &fault);
 
-// The accounts found so far, by name. A load asks for a few of them very often, and each question
+// The accounts found so far, by name. A load looks up a few of them very often, and each look-up
 // reads the account database.
 using KnownAccounts = std::map<std::string, JobUser>;
 
-// The account that the definition `config` asks for; invalid, with a message, when there is none.
+// The account of the definition `config`; invalid, with a message, when it does not exist.
 JobUser ResolveJobUser(const Json::Value &config);
 
 // That of `job`. What is among `accounts` is not looked up again, and every look-up is added to
@@ -207,8 +205,8 @@ JobUser ResolveJobUser(const CronJob &job, KnownAccounts &accounts);
 enum class StagingResult : unsigned char {
     Staged,
     Refused, // it has none that can be staged
-    Failed,  // it could not be copied this time
-    Stopped  // it was given up for a stop
+    Failed,  // a temporary failure
+    Stopped  // cancelled because of a stop
 };
 
 // Copies the job's program into the runtime directory under the full job name, gives the copy to

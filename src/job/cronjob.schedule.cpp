@@ -22,7 +22,7 @@ KEST::RANDOM::KESTRandom &TheRandomSource() {
     return source;
 }
 
-// The number of the field; nothing for a key of no field.
+// The number of the field; nothing for any other key.
 std::optional<std::size_t> FieldOf(const std::string &key) {
     const auto &keys = FieldKeys();
     const auto *const known = std::find(keys.begin(), keys.end(), key);
@@ -97,7 +97,8 @@ std::string CronJob::RenderSchedule() const {
 }
 
 bool CronJob::IsAssureOverdue() const {
-    // Most jobs are not assured, and each asks in each cycle: those need not read the clock.
+    // Called for every job in every cycle. Most jobs are not assured, so the clock is not read for
+    // them.
     return assureExecute != 0 && IsOverdue(assureExecute, lastRun_, std::time(nullptr));
 }
 

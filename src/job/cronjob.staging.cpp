@@ -11,14 +11,14 @@ namespace kest {
 
 namespace {
 
-// Whether the error says what stands at a path, and not that the machine could not find it out.
+// Whether the error is about the object at a path, and not a temporary lack of resources.
 bool IsAboutPath(int error) {
     constexpr std::array<int, 7> errors{ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG,
                                         EISDIR, EINVAL,  EACCES};
     return std::find(errors.begin(), errors.end(), error) != errors.end();
 }
 
-// errno is what the message says of it.
+// The message includes errno.
 void ReportFailedCopy(const std::string &source, const std::string &staged,
                       const ProgramCopy &copy) {
     errno = copy.error;
@@ -27,7 +27,7 @@ void ReportFailedCopy(const std::string &source, const std::string &staged,
               copy.platformLine);
 }
 
-// Reports the step that failed on the way of a copy into its place.
+// Reports the step that failed when a copy was put into place.
 void ReportFailedStep(Staging::Step step, const std::string &staged, const JobUser &user) {
     if (step == Staging::Step::Chmod) {
         LOG_ERROR("Failed to chmod [%s][%m]", staged.c_str());
@@ -40,7 +40,7 @@ void ReportFailedStep(Staging::Step step, const std::string &staged, const JobUs
     LOG_ERROR("Failed to chown if permissions are incorrect [%s]", staged.c_str());
 }
 
-// The look-up may have failed for a moment only, so that the job is not forgotten.
+// The look-up failure may be temporary, so the job is kept.
 StagingResult FailWithoutAccount(const std::string &staged, const JobUser &user) {
     LOG_ERROR("Unable to get user group info");
     ReportFailedStep(Staging::Step::None, staged, user);

@@ -29,7 +29,7 @@ namespace kest {
 
 namespace {
 
-// Whether a text is the same to the C library, for which a zero byte ends it.
+// Whether a text contains no NUL, which would end it for the C library.
 bool IsCString(const std::string &text) {
     return text.find('\0') == std::string::npos;
 }
@@ -52,7 +52,7 @@ JobUser LookUp(const std::string &account, KnownAccounts &accounts) {
         user.name = account;
         user.valid =
             IsCString(user.name) && KESTUserGetUGID(user.name.c_str(), &user.uid, &user.gid) != -1;
-        accounts.emplace(user.name, user); // one that is not found may have cost a time-out
+        accounts.emplace(user.name, user); // caches failures too: they may take a time-out each
     }
     if (!user.valid)
         LOG_ERROR("user %s not exist", user.name.c_str());
@@ -90,8 +90,8 @@ void CronJob::Launch(std::int32_t delay, const std::string &note) {
         return;
     }
     if (pid == 0) {
-        // Whatever happens in the child, it must not go on as a second scheduler, and no destructor
-        // of the daemon may run in it.
+        // The child must never continue as a second scheduler, and no destructor of the daemon may
+        // run in it.
         try {
             if (delay > 0)
                 sleep(static_cast<unsigned>(delay));
@@ -112,7 +112,7 @@ void CronJob::RefuseLaunch() {
 
 namespace {
 
-// The NUL-terminated arguments of a command and the pointers to them that an exec wants.
+// The NUL-terminated arguments of a command and the array of pointers to them for exec.
 class ArgumentVector {
 public:
     explicit ArgumentVector(const Json::Value &list)
@@ -133,7 +133,7 @@ private:
     std::unique_ptr<char *[]> pointers_;
 };
 
-// A line with its newline has 16 KiB at most: an author decides how long a command is.
+// A line has at most 16 KiB, newline included: authors determine the length of a command.
 void WriteExecutionLog(const std::string &text) {
     constexpr std::size_t most = std::size_t{16} << 10;
     executionLog.stream() << WithoutMiddle(KEST::MemoryLogger::Timestamp() + Printable(text),
@@ -142,7 +142,7 @@ void WriteExecutionLog(const std::string &text) {
     executionLog.Flush();
 }
 
-// Takes on the account. A step that fails is reported and the next one is taken all the same.
+// Takes on the account. Reports a step that fails and continues with the next one.
 void TakeOnAccount(const JobUser &user, const std::string &name) {
     const auto report = [&](const char *step) {
         WriteExecutionLog(std::string("Failed to ") + step + " for" + name + " for user " +
@@ -156,15 +156,15 @@ void TakeOnAccount(const JobUser &user, const std::string &name) {
         report("setuid");
 }
 
-// Runs the program once, if it is one that the daemon has staged.
+// Tries to execute the program once, if the daemon has staged it.
 int TryProgram(char *const *arguments, uid_t uid) {
     if (arguments[0] != nullptr && !IsFitToRun(arguments[0], uid))
         return -1;
     return XLIBCExecv(arguments[0], arguments, 1);
 }
 
-// Becomes the program. A load that closes the runtime directory to others is waited for, a minute
-// at most, and so is one that replaces the program in this very moment.
+// Executes the program. Waits up to a minute for a load that has closed the runtime directory or is
+// just replacing the program.
 int StartProgram(char *const *arguments, uid_t uid) {
     constexpr int mostTries = 600;
     constexpr useconds_t pause = 100000;
@@ -185,7 +185,7 @@ int StartProgram(char *const *arguments, uid_t uid) {
 
 void CronJob::RunJobChild(const std::string &note) const {
     if (BecomeCommand(note))
-        _exit(EXIT_SUCCESS); // as the command would have, had it been there
+        _exit(EXIT_SUCCESS); // the status that a missing command has
 }
 
 bool CronJob::BecomeCommand(const std::string &note) const {
@@ -205,7 +205,7 @@ bool CronJob::BecomeCommand(const std::string &note) const {
     const std::string running =
         "running job: " + name + " with command: " + TextMember(document, "cmd_str");
     WriteExecutionLog(running + " as user " + user.name + (note.empty() ? "" : " (" + note + ")"));
-    // Another account cannot open the log, but what goes wrong from here on belongs into it.
+    // The account cannot open the log, but later failures must be logged too.
     if (user.uid != 0)
         executionLog.KeepLogOpen();
     TakeOnAccount(user, name);

@@ -17,7 +17,7 @@ namespace {
 
 using Kind = DefinitionFault::Kind;
 
-// The faults of a definition, as many of them as are wanted.
+// Collects the faults of a definition, up to a maximum.
 class Faults {
 public:
     Faults(std::vector<DefinitionFault> &faults, std::size_t most) : faults_(faults), most_(most) {}
@@ -29,7 +29,7 @@ public:
             faults_.push_back(std::move(fault));
     }
 
-    // Whether the rule about `member` is broken, so that nothing more need be said of it.
+    // Whether the rule about `member` is violated, so that further faults of it are not added.
     bool HaveRule(std::string_view member) const {
         return std::any_of(faults_.begin(), faults_.end(), [&](const DefinitionFault &fault) {
             return fault.kind == Kind::Rule && fault.member == member;
@@ -54,7 +54,7 @@ bool HasText(const Json::Value &config, const char *name) {
     return Member(config, name).isString();
 }
 
-// A null member and an absent one differ: "package_username" need only be there.
+// A null member differs from an absent one: "package_username" only has to exist.
 constexpr std::array<DefinitionRule, 7> kRules{{
     {[](const Json::Value &config) { return !config.isObject(); }, "",
      R"(!_jsJob.isMember("config") || !jsConf.isObject())"},
@@ -135,7 +135,8 @@ void ParseSchedule(const Json::Value &config, Definition &definition, Faults &fa
 
 // --- Settings and command -----------------------------------------------------------------------
 
-// Whether the member is there and can be had as `type`; a fault is added when it cannot.
+// Whether the member exists and can be converted to `type`. Adds a fault when it cannot be
+// converted.
 bool HasSetting(const Json::Value &config, const char *member, Json::ValueType type,
                 Faults &faults) {
     if (!HasMember(config, member))
@@ -183,7 +184,7 @@ void WriteWhenAbsent(Json::Value &object, Json::StaticString name, const Json::V
 
 std::optional<Command> FromList(const Json::Value &list) {
     if (!list.isArray()) {
-        // It has no elements, unless it is an object: then it has no first one.
+        // It has no elements. An object that is not empty has no first one.
         if (list.isObject() && !list.empty())
             return std::nullopt;
         return Command{Json::Value(Json::arrayValue), {}};
@@ -229,9 +230,9 @@ ParsedDefinition ParseDefinition(const Json::Value &config, std::size_t mostFaul
 }
 
 void WriteDefaults(Json::Value &document, std::int64_t now) {
-    // Static names, because a document only points to them: in many jobs that adds up. Signed
-    // numbers, because that is what they are when they are read back from a file: an unsigned 0
-    // would not equal it, and every restart would take the definition for a changed one.
+    // Static names save memory: documents only point to them. Signed numbers equal the numbers that
+    // are read back from a file: with an unsigned 0, every definition would count as changed after
+    // a restart.
     WriteWhenAbsent(document, Json::StaticString("startup"), Json::Value(Json::Int64{now}));
     Json::Value &config = document["config"];
     WriteWhenAbsent(config, Json::StaticString("assure_execute"), 0);

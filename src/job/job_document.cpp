@@ -10,13 +10,13 @@ namespace kest {
 
 namespace {
 
-// How deep the document of a job lies in the runtime document.
+// The depth of a job's document inside the runtime document.
 constexpr std::size_t kDepth = 2;
 
-// What is longer is kept as it is.
+// Longer documents are kept as JSON values.
 constexpr std::size_t kLongestText = std::size_t{64} << 10;
 
-// What a byte of a packed text stands for. JSON text itself has none of these bytes.
+// The phrases that single bytes of a packed text stand for. These bytes do not occur in JSON text.
 struct Phrase {
     char code;
     std::string_view text;
@@ -55,14 +55,14 @@ bool BeginsPhrase(char character) {
     return character == ',' || character == '\n';
 }
 
-// The first one that `text` begins with; null when there is none.
+// The first phrase that `text` begins with; null when there is none.
 const Phrase *PhraseAt(std::string_view text) {
     if (!BeginsPhrase(text.front()))
         return nullptr;
     const auto *const found =
         std::find_if(kPhrases.begin(), kPhrases.end(), [&](const Phrase &one) {
             const std::size_t size = one.text.size();
-            // Most of them differ in the character that is compared first.
+            // Most phrases differ in the character that is compared first.
             return text.size() >= size && text[size - 1] == one.text.back() &&
                    text.substr(0, size) == one.text;
         });
@@ -83,7 +83,7 @@ void AppendPacked(std::string &packed, std::string_view text) {
     }
 }
 
-// By the code of a phrase; empty for other bytes.
+// Indexed by the code of a phrase; empty for other bytes.
 constexpr auto kPhraseOf = [] {
     std::array<std::string_view, 32> phrases{};
     for (const Phrase &phrase : kPhrases)
@@ -113,7 +113,7 @@ std::string Unpacked(std::string_view packed) {
 }
 
 Json::Value Parsed(const std::string &text) {
-    const ErrnoGuard errnoGuard; // reading a number may set it
+    const ErrnoGuard errnoGuard; // parsing a number may set it
     JsonOrigin origin;
     origin.text = text;
     Json::Value value;
@@ -138,8 +138,9 @@ JobDocument::JobDocument(Json::Value document) {
     asItIs_ = std::make_shared<const Json::Value>(std::move(document));
 }
 
-// Returns whether the text says all. A long one does not: deep inside lists, a character may take a
-// line of many blanks. What is not UTF-8 is lost, and becomes an escape like other characters.
+// Returns whether the text preserves the document and is short enough: deep inside lists, a
+// character may take a line of many blanks. Bytes that are not UTF-8 are lost, because they become
+// an escape like other characters.
 bool JobDocument::Pack(const Json::Value &document) {
     JsonText text(kLongestText, kDepth);
     text.BeginObject();

@@ -1,5 +1,5 @@
-// A job's document at rest: as text in which what most documents share takes one byte, a tenth of
-// what it takes as JSON.
+// A job's document as packed text: phrases that most documents contain take one byte. It takes a
+// tenth of the memory of its JSON value.
 
 #ifndef JOB_JOB_DOCUMENT_H
 #define JOB_JOB_DOCUMENT_H
@@ -18,25 +18,26 @@
 
 namespace kest {
 
-// The members that change while a job lives. They are kept as what they are, beside the document,
-// and have their places in its text.
+// The members that change during the life of a job. They are kept as typed values beside the
+// document; its text has places for them.
 enum class ChangingMember : unsigned char { ExpireTime, LastExecution, Schedule };
 constexpr std::array<const char *, 3> kChangingMembers{"expireTime", "lastExecution", "schedule"};
 
-// The beginning of its text there, up to the value.
+// The text of the member up to its value.
 std::string_view BeginningOf(ChangingMember member);
 
-// The rest of a document.
+// The rest of the document.
 class JobDocument {
 public:
     // Nothing.
     JobDocument() = default;
 
-    // `document` is an object with a member "config", or is kept as it is. So is one that has
-    // changing members, is long, or holds texts that would not come back from JSON as they are.
+    // Packs `document`, an object with a member "config". Keeps it as a JSON value when it is
+    // anything else, has changing members, is long, or contains strings that JSON text would not
+    // preserve.
     explicit JobDocument(Json::Value document);
 
-    // The document as it was.
+    // Returns the document as it was.
     Json::Value ToJson() const;
 
     // Appends it to `text`, where it is the value of a member of "jobs".
@@ -53,12 +54,13 @@ public:
     // What is kept as text.
     SharedText &Text() { return text_; }
 
-    // Whether both are kept as text and "config" is the same in both. When not, it may still be the
-    // same.
+    // Whether both documents are packed and the texts of "config" are equal. When false, the values
+    // may still be equal.
     bool HasConfigOf(const JobDocument &other) const;
 
-    // Appends the document to `text`, where it is the value of a member of "jobs". When it is kept
-    // as text, `appendMember` appends name and value of each changing member, or nothing.
+    // Appends the document to `text`, where it is the value of a member of "jobs". When the
+    // document is packed, `appendMember` is called for each changing member and appends its name
+    // and value, or nothing.
     template <typename AppendMember>
     void AppendTo(JsonText &text, AppendMember appendMember) const {
         if (asItIs_) {
@@ -79,7 +81,7 @@ private:
         return text_.View().substr(configBegin_, configEnd_ - configBegin_);
     }
 
-    SharedText text_; // of the members; empty: see below
+    SharedText text_; // of the members; empty when asItIs_ is used
     std::uint32_t configBegin_ = 0;
     std::uint32_t configEnd_ = 0;
     std::shared_ptr<const Json::Value> asItIs_; // shared by copies of the object

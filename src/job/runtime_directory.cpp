@@ -21,7 +21,7 @@ Descriptor OpenDirectory(int access) {
     return Descriptor(open(kRuntimeDirectory, access | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Whether something else of root's stands there, which is the operator's business.
+// Whether another object of root's exists at the path. The operator is responsible for it.
 bool IsTakenByRoot() {
     const ErrnoGuard errnoGuard;
     struct stat status {};
@@ -37,9 +37,9 @@ Descriptor OpenRootsDirectory() {
     return {};
 }
 
-// Gives the directory `fresh` the name of the runtime directory, whatever stands there. What stood
-// there, if anything, has the name `fresh` afterwards. Somebody may be making and removing things
-// at that name all the while, and each of the two ways fails in another case.
+// Renames the directory `fresh` to the runtime directory. An object that exists there gets the name
+// `fresh`. Another account may create and remove objects at that path at the same time, and each of
+// the two calls fails in a different case.
 bool PutInPlace(const std::string &fresh) {
     constexpr int tries = 64;
     for (int i = 0; i < tries; ++i) {
@@ -47,7 +47,7 @@ bool PutInPlace(const std::string &fresh) {
             return true;
         if (renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, kRuntimeDirectory, RENAME_EXCHANGE) == 0)
             return true;
-        // A file system that cannot exchange two names.
+        // The file system cannot exchange two names.
         if (errno == EINVAL || errno == ENOSYS)
             MoveAside(kRuntimeDirectory);
     }
@@ -64,7 +64,8 @@ bool MakeAndPutInPlace() {
     const ErrnoGuard errnoGuard;
     if (!made)
         rmdir(fresh.c_str());
-    rmdir(place.c_str()); // it stays, closed, around what was moved aside
+    rmdir(
+        place.c_str()); // fails when an object was moved aside, which stays in the closed directory
     return made;
 }
 

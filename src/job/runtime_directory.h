@@ -1,7 +1,8 @@
 // The runtime directory, which holds the staged programs.
 //
-// It lies in a directory where anybody may make one first, and root runs what lies in it. So it is
-// judged by its descriptor: root's own, and closed for writing to everybody else.
+// Its parent directory is writable by everybody, so any account could create it first, and root
+// runs the programs in it. Therefore it is checked by its descriptor: it must belong to root and be
+// writable by root only.
 
 #ifndef JOB_RUNTIME_DIRECTORY_H
 #define JOB_RUNTIME_DIRECTORY_H
@@ -16,22 +17,23 @@ namespace kest {
 
 constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
 
-// Where the copy of a job's program is, by the full job name.
+// The path of the staged program of the job with this full name.
 inline std::string StagedPath(const std::string &jobName) {
     return std::string(kRuntimeDirectory) + "/" + jobName;
 }
 
-// Makes the runtime directory when there is none of root's own, and moves what stands in its place
-// aside, unless that is a file of root's (ENOTDIR). It comes into being under a fresh name, so that
-// nobody can be quicker. Returns its descriptor, or none with errno set.
+// Creates the runtime directory unless root has one already. Moves any other object at its path
+// aside, unless it is a file of root's (ENOTDIR). The directory is created under a fresh name and
+// then renamed, so that no account can interfere. Returns its descriptor, or an empty one with
+// errno set.
 Descriptor MakeRuntimeDirectory();
 
-// Opens the runtime directory with the access mode `access`. Returns none, with errno set, when it
-// is not there, is a link, belongs to anybody but root or can be written to by others (EPERM).
+// Opens the runtime directory with the access mode `access`. Returns an empty descriptor with errno
+// set when it does not exist, is a link, does not belong to root or is writable by others (EPERM).
 Descriptor OpenRuntimeDirectory(int access = O_PATH);
 
-// What stands at the runtime directory's path. Two states that compare equal are those of one
-// directory in which nothing was put, replaced or removed, or both are those of none.
+// The state of the runtime directory. Two states are equal when they are of the same directory and
+// no entry was added, replaced or removed in between, or when there was no directory either time.
 class RuntimeDirectoryState {
 public:
     // The present state.
@@ -40,10 +42,10 @@ public:
     bool operator==(const RuntimeDirectoryState &other) const;
     bool operator!=(const RuntimeDirectoryState &other) const { return !(*this == other); }
 
-    // Whether it is a directory of root's own that nobody else can write to.
+    // Whether it is a directory that belongs to root and that only root can write to.
     bool IsSafe() const { return isSafe_; }
-    // Whether it is a directory of root's own that is closed to everybody else: a load that cannot
-    // have a mount namespace is copying programs into it.
+    // Whether it belongs to root and is closed to all other accounts: a load without a mount
+    // namespace is copying programs into it.
     bool IsClosed() const { return isClosed_; }
 
 private:
@@ -54,9 +56,9 @@ private:
     timespec changed_{};
 };
 
-// Whether the program at `path` may be run as the account `uid`: one in the runtime directory only
-// when that is safe, and the program belongs to root or that account, so that nobody else can have
-// put it there. When it may not, errno is set.
+// Whether the program at `path` may be run as the account `uid`. A program in the runtime directory
+// must belong to root or to that account, and the directory must be safe, so that no other account
+// can have placed it. When it may not be run, errno is set.
 bool IsFitToRun(const std::string &path, uid_t uid);
 
 } // namespace kest

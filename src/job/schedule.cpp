@@ -155,7 +155,7 @@ bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now) {
         return false;
     std::int64_t due = 0;
     if (__builtin_add_overflow(last, std::int64_t{3600} * hours, &due))
-        return last < 0; // before every time there is, or after
+        return last < 0; // the due time is out of range: before or after every time
     return now > due;
 }
 

@@ -1,6 +1,5 @@
-// A job's schedule: the items of each field of its crontab expression, and for each item the value
-// that a due minute must have, with random ones already drawn. In the job's document it is an
-// object with an array of numbers for each field.
+// A job's schedule: the items of each field of its crontab expression, and the value drawn for each
+// item. In the job's document it is an object with an array of numbers for each field.
 
 #ifndef JOB_SCHEDULE_H
 #define JOB_SCHEDULE_H
@@ -18,25 +17,25 @@
 
 namespace kest {
 
-// The value that stands for every value of its field, and for no value where one is asked for.
+// Stands for every value of a field, and for "no value" in arguments and results.
 constexpr std::int32_t kAnyValue = -1;
 
-// Draws one field: one number per item, in their order. An exact item gives its value, an item for
-// every value kAnyValue. A random item takes `templateValue` when that is a value of the field
-// `key` and lies within the item; otherwise it is drawn.
+// Draws one field: one number per item, in order. An exact item gives its value, a "*" item
+// kAnyValue. A random item takes `templateValue` when it is valid for the field `key` and lies
+// within the item; otherwise a value is drawn.
 std::vector<std::int32_t> DrawField(const std::string &key, const std::vector<CronRange> &items,
                                     std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
 
-// The numbers of a field's array; none when it is not an array or any element is not an integer.
+// The numbers of a field's array; empty when it is not an array or any element is not an integer.
 std::vector<std::int32_t> FieldValues(const Json::Value &array);
 
-// What the five fields are compared with in the local minute `local`, in their order.
+// The values of the five fields in the local minute `local`, in order.
 std::array<std::int32_t, 5> FieldsOf(const std::tm &local);
 
-// The values that a field's numbers admit, of those that a minute may have: each as a bit.
+// The values that the numbers of a field admit, one bit for each.
 std::uint64_t AdmittedBits(const std::vector<std::int32_t> &values);
 
-// Whether `value` is among them.
+// Whether the bit of `value` is set.
 inline bool Admits(std::uint64_t bits, std::int32_t value) {
     return value >= 0 && value < 64 && (bits >> static_cast<unsigned>(value) & 1U) != 0;
 }
@@ -45,12 +44,12 @@ inline bool Admits(std::uint64_t bits, std::int32_t value) {
 // blank.
 std::string ScheduleAsText(const std::array<std::vector<std::int32_t>, 5> &values);
 
-// The schedule of one job. Fields are known by their numbers, in the order of FieldKeys().
+// The schedule of one job. Fields are numbered in the order of FieldKeys().
 class Schedule {
 public:
     Schedule() = default;
 
-    // Nothing is drawn yet. The items keep to the values of their fields.
+    // No field is drawn yet. The items must be valid for their fields.
     explicit Schedule(const std::array<std::vector<CronRange>, 5> &items);
 
     std::vector<CronRange> Items(std::size_t field) const;
@@ -59,13 +58,14 @@ public:
     // Draws a field as DrawField() does.
     void Draw(std::size_t field, std::int32_t templateValue, KEST::RANDOM::KESTRandom &random);
 
-    // Makes `array` what was drawn for the field. Returns false when it is not an integer of one
-    // byte for each item: the field is then not drawn here, but admits what the array admits.
+    // Takes the drawn values of the field from `array`. Returns false when it does not have one
+    // integer of one byte for each item: the field then counts as not drawn, but admits what the
+    // array admits.
     bool Take(std::size_t field, const Json::Value &array);
 
     bool IsDrawn(std::size_t field) const { return (drawn_ >> field & 1U) != 0; }
     bool IsAnyDrawn() const { return drawn_ != 0; }
-    // What was drawn for the field, one number per item.
+    // The drawn values of the field, one for each item.
     std::vector<std::int32_t> Drawn(std::size_t field) const;
     void GetDrawn(std::size_t field, std::vector<std::int32_t> &values) const;
 
@@ -75,7 +75,7 @@ public:
     }
 
 private:
-    // All that a field may hold fits into a byte.
+    // All valid values fit into a byte.
     struct Item {
         std::int8_t type;
         std::int8_t from;
@@ -94,13 +94,13 @@ private:
     unsigned drawn_ = 0;                  // a bit for each field
 };
 
-// Whether more than `hours` hours lie between `last` and `now`, both in seconds since the epoch, of
-// any value. Never for 0 hours: the job is not assured.
+// Whether more than `hours` hours lie between `last` and `now`, any two times in seconds since the
+// epoch. Always false for 0 hours: the job is not assured.
 bool IsOverdue(std::int32_t hours, std::int64_t last, std::int64_t now);
 
-// The keys of the fields that are drawn anew in the local minute `local`, in the order in which
-// they are drawn: in minute 0 of every hour the minute; at 00:00 the hour too, on the 1st the day,
-// on 1 January the month, on Mondays the week. None in any other minute.
+// The keys of the fields that are redrawn in the local minute `local`, in the order of their
+// redraws: the minute in minute 0 of every hour; at 00:00 also the hour, on the 1st the day, on 1
+// January the month, on Mondays the week. Empty in any other minute.
 std::vector<std::string> FieldsToRedraw(const std::tm &local);
 
 } // namespace kest

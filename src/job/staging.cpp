@@ -21,7 +21,8 @@ namespace kest {
 
 namespace {
 
-// Inside the runtime directory. No job has such a name, since all begin with the label of a source.
+// Inside the runtime directory. No job has this name, because full job names begin with the label
+// of a source.
 constexpr const char *kArea = ".staging";
 constexpr const char *kAreaPath = "/tmp/kestcrond/.staging";
 // Inside that.
@@ -43,7 +44,7 @@ DirectoryList ListOf(const Descriptor &directory, const std::string &name) {
     Descriptor listed = OpenDirectoryAt(directory, name);
     DirectoryList list(fdopendir(listed.Get()), closedir);
     if (list)
-        listed.Release(); // it is closed with the list
+        listed.Release(); // closed with the list
     return list;
 }
 
@@ -51,9 +52,9 @@ bool IsDotName(const std::string &name) {
     return name == "." || name == "..";
 }
 
-// Empties the directory `name` of what is not a directory, and moves directories in it up to where
-// it lies itself, with names that are added to `moved`. However deep they are, one is open at a
-// time. It is taken from its owner first, who can then put nothing more in.
+// Removes all entries of the directory `name` except directories, which it moves up beside `name`
+// and adds to `moved`. Only one directory is open at a time, whatever the depth. Changes the owner
+// to root first, so that the account cannot add entries meanwhile.
 void Flatten(const Descriptor &directory, const std::string &name, std::size_t &steps,
              std::vector<std::string> &moved) {
     const Descriptor entry = OpenDirectoryAt(directory, name);
@@ -72,8 +73,8 @@ void Flatten(const Descriptor &directory, const std::string &name, std::size_t &
     }
 }
 
-// Removes whatever has this name, a directory with all that is in it, as far as a bounded number of
-// steps goes: an account may have put in more than can be removed in a load.
+// Removes the entry `name`, a directory with its content, in a bounded number of steps: an account
+// may have created more entries than can be removed in a load.
 void RemoveEntry(const Descriptor &directory, const std::string &name) {
     const ErrnoGuard errnoGuard;
     if (unlinkat(directory.Get(), name.c_str(), 0) == 0 || errno != EISDIR)
@@ -90,7 +91,7 @@ void RemoveEntry(const Descriptor &directory, const std::string &name) {
     }
 }
 
-// Makes a directory that only its owner can enter.
+// Creates a directory that only its owner can enter.
 Descriptor MakeDirectoryAt(const Descriptor &directory, const std::string &name, uid_t uid,
                            gid_t gid) {
     if (mkdirat(directory.Get(), name.c_str(), 0700) == -1)
@@ -99,8 +100,8 @@ Descriptor MakeDirectoryAt(const Descriptor &directory, const std::string &name,
     return made && fchown(made.Get(), uid, gid) == 0 ? std::move(made) : Descriptor();
 }
 
-// Why a job of this name cannot have a program from `source`: an errno value, 0 when it can. A name
-// is one entry of the runtime directory, never a way out of it, and neither is cut at a zero byte.
+// Returns 0 when a job with this name can have a program from `source`, otherwise an errno value. A
+// name must be one entry of the runtime directory, and neither text may contain a NUL.
 int RefusalOf(const std::string &name, const std::string &source) {
     const auto hasZero = [](const std::string &text) {
         return text.find('\0') != std::string::npos;
@@ -110,7 +111,7 @@ int RefusalOf(const std::string &name, const std::string &source) {
     return name.size() > NAME_MAX ? ENAMETOOLONG : 0;
 }
 
-// A group that nobody is in.
+// A group without members.
 gid_t UnusedGroup() {
     KEST::RANDOM::KESTRandom random;
     constexpr std::int32_t first = 1 << 30;
@@ -126,7 +127,7 @@ Staging::Staging(const std::atomic<bool> &stopRequested) : stopRequested_(stopRe
     if (runtime_ && fstatvfs(runtime_.Get(), &status) == 0 && status.f_blocks != 0)
         mostBytes_ = std::uint64_t{status.f_blocks} * status.f_frsize / 4;
     if (runtime_) {
-        Remove([](const std::string &name) { // left behind by a crash, or too much for one load
+        Remove([](const std::string &name) { // left by a crash, or too large to remove in one load
             return name.rfind(kArea, 0) == 0;
         });
         Clear(runtime_, kArea);
@@ -145,13 +146,12 @@ Staging::~Staging() {
         if (area_)
             RemoveEntry(runtime_, kArea);
     } catch (const std::bad_alloc &) {
-        // It is removed at the next load.
+        // The next load removes it.
         return;
     }
 }
 
-// Frees a name. What cannot be removed in the time there is gets another one, so that nothing
-// depends on its end.
+// Makes a name available. An entry that cannot be removed in the given number of steps is renamed.
 void Staging::Clear(const Descriptor &directory, const std::string &name) {
     const ErrnoGuard errnoGuard;
     RemoveEntry(directory, name);
@@ -164,7 +164,8 @@ void Staging::Clear(const Descriptor &directory, const std::string &name) {
     }
 }
 
-// While it is closed, a group may make entries there, and remove none but its own.
+// While the directory is closed, members of a group may create entries there and remove only their
+// own.
 void Staging::CloseRuntimeDirectory(gid_t group) {
     constexpr mode_t forRoot = 0700;
     constexpr mode_t forGroup = 01730;
@@ -173,7 +174,7 @@ void Staging::CloseRuntimeDirectory(gid_t group) {
         fchmod(runtime_.Get(), forGroup);
 }
 
-// Returns false when there are no mount namespaces to be had.
+// Returns false when mount namespaces are not available.
 bool Staging::OpenInNamespace(Workshop &workshop, const JobUser *account) {
     const uid_t uid = account == nullptr ? 0 : account->uid;
     const std::string name = std::to_string(uid);
@@ -207,9 +208,10 @@ Staging::Workshop *Staging::WorkshopOfRoot() {
     return ofRoot_.copier ? &ofRoot_ : nullptr;
 }
 
-// One account has a workshop at a time. Jobs of different accounts alternate in the order of names
-// only when one account's name begins with the other's, and may do so a few times. An account whose
-// process could not be had, or was ended from outside, gets no other one in the same load.
+// Only one account has a workshop at a time. Jobs of two accounts alternate in name order only when
+// the name of one account begins with the name of the other; this is allowed a few times. An
+// account whose helper process could not be started or was ended from outside gets no other one in
+// the same load.
 Staging::Workshop *Staging::WorkshopOfAccount(const JobUser &account) {
     constexpr unsigned most = 8;
     unsigned &workshops = accounts_[account.uid].workshops;
@@ -225,7 +227,7 @@ Staging::Workshop *Staging::WorkshopOfAccount(const JobUser &account) {
     return nullptr;
 }
 
-// Null, with errno set, when there is none.
+// Returns null with errno set on failure.
 Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
     if (area_)
         return account == nullptr ? WorkshopOfRoot() : WorkshopOfAccount(*account);
@@ -236,8 +238,8 @@ Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
 ProgramCopy Staging::Copy(const std::string &name, const std::string &source,
                           const JobUser *account) {
     ProgramCopy copy = TryCopy(name, source, account);
-    // A copy that fails during a stop was given up: the stop came while the copier started, or
-    // reached the copy program as well.
+    // A copy that fails during a stop counts as cancelled: the stop came while the copier started,
+    // or its signal reached the copy program too.
     if (stopRequested_ && copy.outcome == ProgramCopy::Outcome::Failed)
         copy.outcome = ProgramCopy::Outcome::Stopped;
     return copy;
@@ -251,7 +253,7 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
     if (workshop == nullptr)
         return {ProgramCopy::Outcome::Failed, errno};
     const int refusal = RefusalOf(name, source);
-    if (refusal != 0) // nothing below may be done with such a name
+    if (refusal != 0) // the name must not be used below
         return workshop->copier->Copy(name, source, refusal, stopRequested_);
     if (isClosed_) {
         CloseRuntimeDirectory(workshop->group);
@@ -271,7 +273,7 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
     return copy;
 }
 
-// What a failure left there is removed only when it is in the way.
+// Removes an entry that an earlier failure left there only when it is in the way.
 bool Staging::MoveToTaken(int from, const std::string &name) {
     if (renameat2(from, name.c_str(), area_.Get(), kTaken, RENAME_NOREPLACE) == 0)
         return true;
@@ -281,8 +283,8 @@ bool Staging::MoveToTaken(int from, const std::string &name) {
     return renameat(from, name.c_str(), area_.Get(), kTaken) == 0;
 }
 
-// Moves what the copier has made to where only root reaches it: the source may have become
-// something else since it was looked at, and an account can do what it likes in its workshop.
+// Moves the copy to a directory that only root can enter, and checks it there: the source may have
+// changed since it was checked, and an account has full access to its workshop.
 bool Staging::TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account) {
     copy_.Close();
     const int from = workshop.directory ? workshop.directory.Get() : runtime_.Get();
@@ -300,7 +302,8 @@ bool Staging::TakeIn(const Workshop &workshop, const std::string &name, const Jo
     return false;
 }
 
-// Whether the copy is a regular file with one name, and `account`'s within its quota.
+// Whether the copy is a regular file with a single name and, for an `account`, belongs to it and is
+// within its quota.
 bool Staging::IsProgramOf(const JobUser *account) {
     struct stat status {};
     if (!copy_ || fstat(copy_.Get(), &status) == -1 || !S_ISREG(status.st_mode) ||
@@ -318,7 +321,7 @@ bool Staging::IsProgramOf(const JobUser *account) {
 
 Staging::Step Staging::GiveTo(const JobUser &user) const {
     struct stat status {};
-    if (!copy_) // a link: its target is somebody else's
+    if (!copy_) // a link, whose target must not change
         return fchownat(area_.Get(), kTaken, user.uid, user.gid, AT_SYMLINK_NOFOLLOW) == 0
                    ? Step::None
                    : Step::Chown;
@@ -341,7 +344,8 @@ bool Staging::ReplaceProgram(const std::string &name) {
 }
 
 Staging::Step Staging::PutInPlace(const std::string &name, const JobUser &user) {
-    // With its own rights: whether something is there may not be for the account to know.
+    // Checked with the rights of the account: it must not learn whether a file exists that it
+    // cannot reach.
     if (isOfAccount_ && targetError_ != 0) {
         errno = targetError_;
         return Step::Stat;

@@ -1,4 +1,4 @@
-// A bound, in real time, on a call that waits.
+// A deadline, in real time, for a blocking call.
 
 #ifndef LOG_CALL_DEADLINE_H
 #define LOG_CALL_DEADLINE_H
@@ -8,9 +8,9 @@
 
 namespace kest {
 
-// While an object of this class lives, a call that waits is interrupted (EINTR) when `most` is
-// over, and again and again from then on. Uses SIGALRM and the real-time timer, and leaves both as
-// they were set up, the timer stopped. One object at a time.
+// During the lifetime of an object, blocking calls are interrupted (EINTR) when `most` has passed,
+// and repeatedly from then on. Uses SIGALRM and the real-time timer, and restores both, with the
+// timer stopped. Only one object may exist at a time.
 class CallDeadline {
 public:
     explicit CallDeadline(timeval most);
@@ -19,7 +19,7 @@ public:
     ~CallDeadline();
 
     bool IsOver() const;
-    // What is left of the time; 0 when it is over.
+    // The remaining time; 0 when the deadline has passed.
     timeval Left() const;
 
 private:

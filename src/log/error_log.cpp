@@ -17,7 +17,7 @@ namespace kest {
 
 namespace {
 
-// The README has the same list for those who look for a message's line.
+// docs/design.md lists the same for readers of the log.
 struct SourcePart {
     std::string_view name;
     int firstLine;
@@ -47,14 +47,14 @@ namespace {
 
 using MessageBuffer = std::array<char, 8192>;
 
-// Says at the end of a full buffer that there was more.
+// Marks the end of a full buffer.
 void MarkAsCut(MessageBuffer &message) {
     kCutSign.copy(message.data() + message.size() - 1 - kCutSign.size(), kCutSign.size());
     message.back() = '\0';
 }
 
-// No memory is asked for: there may be none left, and that may be the message. Returns whether
-// there is space for all of it.
+// Allocates no memory: the message may be that there is none left. Returns whether the whole
+// message fits.
 bool EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
     std::size_t size = 0;
     for (const char *character = message.data(); *character != '\0'; ++character)
@@ -70,7 +70,7 @@ bool EscapeInto(MessageBuffer &printable, const MessageBuffer &message) {
 
 } // namespace
 
-// A C-style variadic function, because %m and the compiler's check of formats belong to those.
+// A C-style variadic function: %m and the compiler's check of formats need one.
 // NOLINTNEXTLINE(cert-dcl50-cpp)
 void LogErrorAt(const char *file, int line, const char *text, ...) {
     const ErrnoGuard errnoGuard;

@@ -1,4 +1,4 @@
-// The one form of a system-log message.
+// The form of all messages in the system log.
 
 #ifndef LOG_ERROR_LOG_H
 #define LOG_ERROR_LOG_H
@@ -7,26 +7,26 @@
 
 namespace kest {
 
-// Stands at the end of a message that was cut.
+// The end of a message that was cut.
 constexpr std::string_view kCutSign = " [cut]";
 
-// Writes "TAG:LINE TEXT" to the system log at error priority, where TAG and LINE are as TagOf() has
-// them, and TEXT is `text` filled as by printf (%m included). When
-// errno is not 0, the error it names follows in brackets. errno is left as it was. Control
-// characters are written as Printable() does, so that no name found in a file can forge a line.
+// Writes "TAG:LINE TEXT" to the system log at error priority. TAG and LINE are those of TagOf();
+// TEXT is `text` formatted as by printf, %m included. When errno is not 0, its text follows in
+// brackets. errno is unchanged. Control characters are escaped as by Printable(), so that a name in
+// a file cannot forge a line.
 [[gnu::format(printf, 3, 4)]] void LogErrorAt(const char *file, int line, const char *text, ...);
 
-// What messages of the source file `file` carry: the name up to its first "." is the tag, which is
-// printed with the given length, as by "%.*s". Files of one tag, such as "cronjob.cpp" and
-// "cronjob.start.cpp", count their lines from different thousands.
+// The tag and first line of messages from the source file `file`. The tag is the name up to its
+// first "."; print it with its length, as by "%.*s". Files with the same tag, such as "cronjob.cpp"
+// and "cronjob.start.cpp", count their lines from different thousands.
 struct SourceTag {
     const char *text;
     int length;
-    int firstLine; // what is added to the number of a line
+    int firstLine; // is added to the line number
 };
 SourceTag TagOf(const char *file);
 
-// %m is the C library's own, which __extension__ admits to a pedantic compiler.
+// %m is an extension of the C library; __extension__ silences -Wpedantic.
 #define LOG_ERROR(...) (__extension__ ::kest::LogErrorAt(__FILE__, __LINE__, __VA_ARGS__))
 
 } // namespace kest

@@ -40,14 +40,14 @@ Descriptor OpenToAppend(const std::string &path) {
         open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
 }
 
-// Clears the path of whatever stands there, a directory with something in it too.
+// Removes the object at `path`, or moves it aside when it is a directory that is not empty.
 void ClearPath(const std::string &path) {
     const ErrnoGuard errnoGuard;
     if (std::remove(path.c_str()) == -1 && errno != ENOENT)
         MoveAside(path);
 }
 
-// Puts the file `fresh` at `path`, in one step, so that nobody can plant anything in between.
+// Moves the file `fresh` to `path` in one step, so that nothing can be placed there in between.
 bool PutInPlace(const std::string &fresh, const std::string &path) {
     if (std::rename(fresh.c_str(), path.c_str()) == 0)
         return true;
@@ -68,7 +68,7 @@ Descriptor OpenStaging(const std::string &path) {
     Descriptor staging(mkostemp(fresh.data(), O_APPEND | O_CLOEXEC));
     if (!staging)
         return {};
-    // What stands there may become a directory and a file again meanwhile.
+    // The object at the path may change between a directory and a file meanwhile.
     constexpr int tries = 64;
     for (int i = 0; i < tries; ++i)
         if (PutInPlace(fresh, path))
@@ -89,19 +89,20 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
     return false;
 }
 
-// Out of turn a part that did fit cannot be taken back: others may have written since.
+// Without the lock, a part cannot be truncated again: other processes may have written since.
 bool WriteAsItComes(const Descriptor &file, const std::string &text) {
     return WriteAll(file.Get(), text);
 }
 
-// The log of a machine that wants none may lead to "/dev/null", which is not ours to close.
+// The log may be a link to "/dev/null", whose mode must not change.
 bool CloseToOthers(const Descriptor &log) {
     struct stat status {};
     return fstat(log.Get(), &status) == 0 &&
            (!S_ISREG(status.st_mode) || fchmod(log.Get(), 0600) == 0);
 }
 
-// Whether `path` still names the open file; somebody may tidy up while we wait for the lock.
+// Whether `path` still names the open file. It may have been removed while this process waited for
+// the lock.
 bool Names(const std::string &path, const Descriptor &file) {
     const ErrnoGuard errnoGuard;
     struct stat opened {};
@@ -119,12 +120,12 @@ bool Lock(const Descriptor &file) {
     return true;
 }
 
-// Whether a file could not be opened because something else stands there.
+// Whether opening a file failed because another kind of object exists at its path.
 bool IsInTheWay(int error) {
     return error == ELOOP || error == EPERM || error == EISDIR || error == ENXIO;
 }
 
-// A file that others may open can be locked by them.
+// Other accounts can lock a file that they can open.
 bool IsClosedToOthers(const Descriptor &file) {
     struct stat status {};
     return fstat(file.Get(), &status) == 0 && (status.st_mode & 077) == 0;
@@ -145,13 +146,12 @@ std::string MemoryLogger::Timestamp() {
 
 void MemoryLogger::Flush() {
     if (_keptLog) {
-        // Without the lock: a process that runs as another account can be stopped by it, and would
-        // let all others wait. A single write appends a line whole all the same.
+        // Without the lock: an account can stop a process that runs as it, which would then block
+        // all others. A single write appends a line in one piece anyway.
         AppendDirectly(_keptLog, TakeBuffer(), WriteAsItComes);
         return;
     }
-    // The files are shared with other processes, so the whole way through the staging file is one
-    // step.
+    // The lock covers the whole way through the staging file, because other processes use it too.
     const Descriptor lock = LockFlush();
     if (!lock) {
         AppendDirectly(OpenToAppend(_strLogPath), TakeBuffer(), WriteAsItComes);
@@ -201,7 +201,7 @@ void MemoryLogger::KeepLogOpen() {
     _keptLog = OpenToAppend(_strLogPath);
 }
 
-// Appends the text, where the staging file is left out.
+// Appends the text and bypasses the staging file.
 void MemoryLogger::AppendDirectly(const Descriptor &log, const std::string &text,
                                   bool (*append)(const Descriptor &, const std::string &)) {
     if (!log)
@@ -241,12 +241,12 @@ void MemoryLogger::Fail(Step step) {
     }
 }
 
-// The lock is held as long as the descriptor; none when it cannot be had. It lies on a file of its
-// own: the log may be rotated in the middle of a flush, and the next one would not meet a lock on
-// the old log.
+// The lock is held as long as the descriptor is open; an empty descriptor means that it is not
+// held. The lock has its own file: when the log is rotated during a flush, the next flush would not
+// see a lock on the old log.
 Descriptor MemoryLogger::LockFlush() const {
     const ErrnoGuard errnoGuard;
-    constexpr int tries = 64; // nobody removes it as often
+    constexpr int tries = 64; // more often than anybody removes it
     for (int i = 0; i < tries; ++i) {
         Descriptor lock = OpenOwnFile(_lockPath, O_RDWR | O_CREAT);
         if (lock ? !IsClosedToOthers(lock) : IsInTheWay(errno))

@@ -15,11 +15,11 @@ namespace KEST {
 
 // Collects text in memory and appends it to the log file in whole lines. A flush passes through a
 // staging file in memory-backed storage, which exists only while it lasts. Any number of processes
-// may flush to the same files: one flush waits for the other, and no line is lost, doubled or torn,
-// also when the log is rotated meanwhile. They take turns by a lock on an empty file that stays,
-// which is waited for five seconds at most. What cannot pass through the staging file, or has not
-// got the lock by then, is appended to the log directly. A process that fork made works on its own
-// copy.
+// may flush to the same files: flushes are serialised, and no line is lost, duplicated or torn,
+// even when the log is rotated meanwhile. A lock on an empty file that is never removed serialises
+// them; a process waits for it for five seconds at most. Text that cannot pass through the staging
+// file, or whose process did not get the lock, is appended to the log directly. A forked process
+// has its own copy of the buffer.
 class MemoryLogger {
 public:
     // `capacity`, in KiB, is the size above which the staging file is moved to the log at once.
@@ -27,37 +27,36 @@ public:
     MemoryLogger(std::string logPath, std::string stagingPath, unsigned capacity,
                  std::string lockPath);
 
-    // Where the caller writes. A line ends with its newline and is flushed by the process that
-    // wrote it; foreign text goes through Printable().
+    // The stream to write to. Lines end with a newline and are flushed by the process that wrote
+    // them. Pass foreign text through Printable().
     std::ostream &stream() { return _buffer; }
 
-    // The present local time as a line starts with it: "2026-11-15T03:00:00+01:00 ".
+    // The present local time as the beginning of a line: "2026-11-15T03:00:00+01:00 ".
     static std::string Timestamp();
 
-    // AppendToStaging and MoveToLog, always both. Without the lock the text is appended to the log
-    // directly, and on a full disk a part of it may stay there.
+    // Calls AppendToStaging and MoveToLog. Without the lock, the text is appended to the log
+    // directly; on a full disk a part of it may remain there.
     void Flush();
 
     // Appends the buffered text to the staging file, made with mode 0600 when it is missing, and
-    // empties the buffer. Nothing is written through a link, into a file of another owner or one
-    // with a second name: what stands in the way is removed. After a failure, which is reported,
-    // the text is appended to the log instead.
+    // empties the buffer. Never writes through a link, into a file of another owner or into a file
+    // with a second name: such an object is removed. After a failure, which is reported, the text
+    // is appended to the log instead.
     void AppendToStaging();
 
     // Appends the staging file's content to the log, sets the log's mode to 0600 and removes the
-    // staging file, which is removed after a failure too. A log that is no regular file keeps its
-    // mode. A failure is reported; the log never keeps a part of a flush.
+    // staging file, which is removed after a failure too. A log that is not a regular file keeps
+    // its mode. A failure is reported; the log never contains a part of a flush.
     void MoveToLog();
 
-    // Keeps the log open from now on, so that later flushes of this process reach it even when the
-    // process has given up the right to open it. Such a flush leaves the staging file out and waits
-    // for nobody; on a full disk it may leave a part of its text. The descriptor does not outlive
-    // an exec.
+    // Keeps the log open from now on, so that this process can write to it after it has given up
+    // the right to open it. Flushes then bypass the staging file and the lock; on a full disk a
+    // part of the text may remain. The descriptor is closed by an exec.
     void KeepLogOpen();
 
-    // From now on failures are not reported.
+    // Stops reporting failures.
     void BeSilent() { _isSilent = true; }
-    // errno of the latest failure to open or write the log itself; 0: there was none.
+    // errno of the latest failure to open or write the log itself; 0 when there was none.
     int LogError() const { return _logError; }
 
 private:
@@ -93,7 +92,7 @@ private:
 
 namespace kest {
 
-// The process-wide log; each program that starts jobs defines it.
+// The process-wide execution log. Each program that starts jobs defines it.
 extern KEST::MemoryLogger executionLog;
 
 } // namespace kest

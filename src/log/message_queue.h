@@ -1,4 +1,4 @@
-// Messages that wait to be taken.
+// A queue of messages for the system log.
 
 #ifndef LOG_MESSAGE_QUEUE_H
 #define LOG_MESSAGE_QUEUE_H
@@ -9,15 +9,15 @@
 
 namespace kest {
 
-// Keeps messages in order, up to 256 of them and 64 KiB in all. Asks for no memory: there may be
-// none left, and that may be the message.
+// Keeps up to 256 messages and 64 KiB in order. Allocates no memory: the message may be that there
+// is none left.
 class MessageQueue {
 public:
     static constexpr std::size_t kMostMessages = 256;
     static constexpr std::size_t kMostBytes = 65536;
 
     bool IsEmpty() const { return count_ == 0; }
-    // Puts a message at the end, in two parts. Returns false when there is no space for it.
+    // Appends a message that is given in two parts. Returns false when there is no space for it.
     bool Push(std::string_view head, std::string_view text);
     // The first message, which must be there; valid until the queue changes.
     std::string_view Front() const { return {bytes_.data(), sizes_[0]}; }
@@ -25,7 +25,8 @@ public:
     void Clear();
 
 private:
-    std::array<char, kMostBytes> bytes_; // the messages one after another; not touched before
+    std::array<char, kMostBytes>
+        bytes_; // the messages one after another; not written to before the first
     std::array<std::size_t, kMostMessages> sizes_{};
     std::size_t count_ = 0;
     std::size_t used_ = 0;

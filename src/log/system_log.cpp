@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-// What the process has kept is sent at its end; it holds no memory but its own.
+// Kept messages are sent when the process ends.
 SystemLogSender &TheSender() {
     static SystemLogSender sender("/dev/log");
     return sender;

@@ -1,4 +1,4 @@
-// The way into the system log.
+// Access to the system log.
 
 #ifndef LOG_SYSTEM_LOG_H
 #define LOG_SYSTEM_LOG_H
@@ -16,13 +16,13 @@ namespace kest {
 // both, with the timer stopped.
 void WriteSystemLog(int priority, const char *text);
 
-// Begins a new half second. Sends what is kept, as far as it is taken at once, and returns a
-// descriptor that polls as writable when the log takes more; none when there is nothing to wait
-// for.
+// Begins a new half second. Sends kept messages as far as the log accepts them at once. Returns a
+// descriptor that polls as writable when the log accepts more, or an empty one when no message is
+// kept or no process reads the log.
 Descriptor CatchUpWithSystemLog();
 
-// The length beyond which the system log takes no text, in bytes; what is longer is cut. It may
-// take less.
+// An upper bound of the length of a text that the system log accepts, in bytes. Longer texts are
+// cut.
 std::size_t LongestSystemLogText();
 
 } // namespace kest

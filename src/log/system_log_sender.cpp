@@ -20,16 +20,16 @@ namespace kest {
 namespace {
 
 constexpr timeval kTimeout{0, 500000};
-// A text that is kept takes no more of the space than this.
+// The longest text that is kept.
 constexpr std::size_t kMostKept = 8448;
 
-// What stands in front of a text: its priority, the time and the name of the program.
+// The header of a message: priority, time and name of the program.
 class Head {
 public:
     explicit Head(int priority) {
         const std::time_t now = std::time(nullptr);
         std::tm local{};
-        std::array<char, 32> date{"Jan  1 00:00:00"}; // there are times without a calendar
+        std::array<char, 32> date{"Jan  1 00:00:00"}; // when the time cannot be converted
         if (localtime_r(&now, &local) != nullptr)
             std::strftime(date.data(), date.size(), "%b %e %H:%M:%S", &local);
         const int size =
@@ -52,7 +52,7 @@ std::string_view Beginning(std::string_view text, std::size_t most) {
 
 std::size_t LongestDatagram(const Descriptor &socket) {
     constexpr int usual = 212992;
-    constexpr std::size_t ofKernel = 32; // what it takes of the space for itself
+    constexpr std::size_t ofKernel = 32; // bytes that the kernel uses of the buffer
     int size = 0;
     socklen_t length = sizeof size;
     if (!socket || getsockopt(socket.Get(), SOL_SOCKET, SO_SNDBUF, &size, &length) == -1)
@@ -107,7 +107,7 @@ void SystemLogSender::Keep(std::string_view head, std::string_view text) {
         ++dropped_;
 }
 
-// Says how many messages are missing here; returns false when there is no space for that.
+// Appends the number of messages that are missing here. Returns false when there is no space.
 bool SystemLogSender::KeepReport(std::string_view head) {
     if (dropped_ == 0)
         return true;

@@ -1,4 +1,4 @@
-// The sending half of the system log.
+// Sends messages to the system log.
 
 #ifndef LOG_SYSTEM_LOG_SENDER_H
 #define LOG_SYSTEM_LOG_SENDER_H
@@ -14,28 +14,28 @@
 
 namespace kest {
 
-// Sends messages to the log's socket in the form of syslog(3). What the socket does not take is
-// kept in order and sent later, by the next message or by CatchUp; what there is no space for is
-// counted, and a message says so in its place. Each message has a socket of its own, so that
-// nothing is open in between and a log that was started anew is found.
+// Sends messages to the log's socket in the form of syslog(3). Messages that the socket does not
+// accept are kept in order and sent later, with the next message or by CatchUp. Messages that do
+// not fit are counted, and a message in their place reports the number. Each message uses a new
+// socket, so that no descriptor stays open and a restarted log is found.
 //
-// All messages together wait for a busy log for half a second between two calls of CatchUp.
+// Between two calls of CatchUp, all messages together wait for a busy log for half a second at
+// most.
 //
-// A process that fork made begins with nothing kept: that is its parent's.
+// A forked process begins with no kept messages: they belong to its parent.
 class SystemLogSender {
 public:
     explicit SystemLogSender(std::string path) : path_(std::move(path)) {}
     SystemLogSender(const SystemLogSender &) = delete;
     SystemLogSender &operator=(const SystemLogSender &) = delete;
-    // What is kept is tried for the last time.
+    // Tries to send the kept messages a last time.
     ~SystemLogSender();
 
-    // A text that is longer than the socket takes, or than is kept of one, is cut and says so.
-    // errno may change.
+    // A text that is too long for the socket or the queue is cut and marked. errno may change.
     void Write(int priority, std::string_view text);
 
-    // Sends what is kept, as far as it is taken without waiting. Returns a descriptor that polls as
-    // writable when the log takes more; none when nothing is kept or nobody listens.
+    // Sends kept messages without blocking. Returns a descriptor that polls as writable when the
+    // log accepts more, or an empty one when no message is kept or no process reads the log.
     Descriptor CatchUp();
 
 private:
@@ -55,7 +55,7 @@ private:
     pid_t owner_ = 0;
 };
 
-// The length beyond which a log's socket takes no message, in bytes. It may take less.
+// An upper bound of the length of a message that the socket accepts, in bytes.
 std::size_t LongestDatagram(const Descriptor &socket);
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// The time in front of an execution-log line.
+// The time at the beginning of a line in the execution log.
 
 #ifndef LOG_TIMESTAMP_H
 #define LOG_TIMESTAMP_H
@@ -8,7 +8,7 @@
 
 namespace kest {
 
-// `local` as ISO 8601 with its offset from UTC and one blank: "2026-11-15T03:00:00+01:00 ".
+// `local` in ISO 8601 with its offset from UTC, and a blank: "2026-11-15T03:00:00+01:00 ".
 std::string FormatTimestamp(const std::tm &local);
 
 } // namespace kest

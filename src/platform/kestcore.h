@@ -1,7 +1,8 @@
 // Process, pid file and program calls of the platform's core library (libkestcore).
 //
-// Every call records how it ended: after a success XLIBCErrGet() is 0, after a failure it names the
-// kind of failure and XLIBCErrorGetFile() and XLIBCErrorGetLine() the place in the library.
+// Every call records its result: after a success XLIBCErrGet() returns 0. After a failure it
+// returns the kind of failure, and XLIBCErrorGetFile() and XLIBCErrorGetLine() return the place in
+// the library.
 
 #ifndef PLATFORM_KESTCORE_H
 #define PLATFORM_KESTCORE_H
@@ -10,7 +11,7 @@
 
 extern "C" {
 
-// What is known of a running process.
+// A running process.
 struct XLIBCProc {
     pid_t pid;
     char command[64]; // the command name, NUL-terminated; empty when the kernel gives none
@@ -19,12 +20,11 @@ struct XLIBCProc {
 // The pid written in the pid file at `path`; 0 or less when there is no such file or no pid in it.
 pid_t XLIBCReadPidFile(const char *path);
 
-// 1 when the process `pid` exists and has not ended, otherwise 0. A process that has ended but was
-// never collected by its parent counts as ended.
+// Returns 1 when the process `pid` exists and has not ended, otherwise 0. A zombie counts as ended.
 int XLIBCProcAlive(pid_t pid);
 
 // Stores in *process a new record of the process `pid` and returns 0, or returns a negative number
-// and leaves *process as it was. The record is given back with XLIBCProcFree.
+// and leaves *process as it was. Release the record with XLIBCProcFree.
 int XLIBCProcGetByPid(pid_t pid, XLIBCProc **process);
 
 // Releases a record of XLIBCProcGetByPid; null is allowed.
@@ -50,9 +50,9 @@ int XLIBCExecv(const char *path, char *const argv[], int flag);
 // Runs the program at `path` with the arguments that follow, up to a null pointer, and waits for
 // it. No shell is involved. Returns 0 when the program ended with exit status 0, its exit status
 // when that was another, and -1 when it could not be started or was killed. A program that takes
-// longer than ten seconds is killed: -1, with errno ETIMEDOUT. The result is known whatever the
-// caller does with SIGCHLD; when the caller ignores it, other children that end meanwhile leave no
-// zombie, as ever.
+// longer than ten seconds is killed: -1, with errno ETIMEDOUT. The result does not depend on the
+// caller's disposition of SIGCHLD. When the caller ignores SIGCHLD, other children that end
+// meanwhile are reaped.
 int XLIBCExec(const char *path, ...) __attribute__((sentinel));
 
 // True when `path` exists, symbolic links followed.

@@ -7,9 +7,9 @@
 
 namespace KEST::RANDOM {
 
-// Draws from the kernel's random source, so that two machines cloned from one image that start in
-// the same second draw differently. Never waits: while the kernel has no random numbers yet, what
-// tells machines apart is mixed instead.
+// Draws from the kernel's random source, so that two machines with the same image that start in the
+// same second draw different values. Never blocks: while the kernel's pool is not ready, the values
+// are derived from the identity of the machine and the time.
 class KESTRandom {
 public:
     // A number from `low` to `high` - 1, each equally likely; `low` when there is no other.

@@ -9,7 +9,7 @@
 namespace KESTUtils {
 
 // Splits `text` at every occurrence of `separator`, which is not empty: n occurrences give n + 1
-// pieces, of which any may be empty.
+// pieces, which may be empty.
 std::vector<std::string> StringExplode(const std::string &text, const std::string &separator);
 
 } // namespace KESTUtils

@@ -23,7 +23,7 @@ using kest::WriteAll;
 
 namespace {
 
-// A reader takes longer to be made than to read a job.
+// Constructing a reader takes longer than reading a job.
 Json::CharReader &ReaderOfDepth(int depth) {
     static std::map<int, std::unique_ptr<Json::CharReader>> readers;
     std::unique_ptr<Json::CharReader> &reader = readers[depth];
@@ -40,7 +40,7 @@ Json::CharReader &ReaderOfDepth(int depth) {
 
 bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
     const std::string &text = origin.text;
-    // The library takes a zero byte for the end, and would not look at what follows.
+    // The library treats a NUL as the end and would ignore what follows it.
     if (text.find('\0') != std::string::npos) {
         origin.fault = "There is a zero byte in the text.";
         return false;
@@ -56,8 +56,8 @@ bool Parse(JsonOrigin &origin, int depth, Json::Value &value) {
     }
 }
 
-// The file that `path` names when it is a link, so that replacing it leaves the link in place. It
-// need not exist yet.
+// Resolves `path` when it is a link, so that replacing the file keeps the link. The file need not
+// exist.
 std::string FollowLinks(std::string path) {
     const ErrnoGuard errnoGuard;
     constexpr int mostLinks = 40; // as many as the kernel follows
@@ -80,14 +80,14 @@ void Discard(const std::string &path) {
     unlink(path.c_str());
 }
 
-// The document that is to be replaced, as it stands.
+// The status of the document that is replaced.
 struct Standing {
     bool isThere = false;
     struct stat status {};
 };
 
-// Returns false with errno set for what is there but no file: a device that a link leads to must
-// not be exchanged for a document.
+// Returns false with errno set when something other than a regular file exists: a device must not
+// be replaced by a document.
 bool LookAt(const std::string &path, Standing &standing) {
     const ErrnoGuard errnoGuard;
     standing.isThere = lstat(path.c_str(), &standing.status) == 0;
@@ -97,14 +97,14 @@ bool LookAt(const std::string &path, Standing &standing) {
 bool TakeOver(int file, const Standing &standing) {
     if (!standing.isThere)
         return fchmod(file, 0644) == 0;
-    // The mode last: a change of owner takes bits of it away.
+    // The mode comes last, because a change of owner clears some of its bits.
     return fchown(file, standing.status.st_uid, standing.status.st_gid) == 0 &&
            fchmod(file, standing.status.st_mode & 07777) == 0;
 }
 
 using Writer = std::function<void(const JsonSink &sink)>;
 
-// Returns false, with errno set, when a part could not be written. No more are then.
+// Returns false with errno set as soon as a part cannot be written.
 bool WriteParts(int file, const Writer &write) {
     int error = 0;
     const auto take = [&](std::string_view part) {
@@ -128,7 +128,7 @@ bool WriteNewFile(const std::string &path, const Writer &write, const Standing &
     return close(file.Release()) == 0;
 }
 
-// Writes the document to `fresh` and gives it the name `target`. Leaves nothing behind on failure.
+// Writes the document to `fresh` and renames it to `target`. Removes `fresh` on failure.
 bool ReplaceFile(const std::string &fresh, const std::string &target, const Writer &write,
                  const Standing &standing, Durability durability) {
     try {
@@ -149,8 +149,8 @@ bool IsForGood(int error) {
     return error == EBUSY || error == EROFS || error == EACCES || error == EPERM || error == EXDEV;
 }
 
-// Writes over the document that stands at `path`. Nothing is lost when there is no space for the
-// new one; a sudden end in the middle leaves parts of both.
+// Overwrites the document at `path`. The old document is kept when there is no space for the new
+// one; a crash in the middle leaves parts of both.
 bool OverwriteFile(const std::string &path, const Writer &write, Durability durability) {
     Descriptor file(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
@@ -187,7 +187,7 @@ bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits 
     JsonOrigin unasked;
     JsonOrigin &read = origin != nullptr ? *origin : unasked;
     read = {};
-    // Empty files are no documents; those of the kernel that let their reader wait look empty too.
+    // Empty files are not documents. Kernel files that block their reader look empty too.
     const Descriptor file = OpenRegularFile(path, {1, limits.bytes});
     return file && ReadAll(file.Get(), limits.bytes, read.text) &&
            JsonFromText(read, limits.depth, value);

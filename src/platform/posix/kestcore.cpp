@@ -28,7 +28,7 @@ using kest::WriteAll;
 
 namespace {
 
-// What XLIBCErrGet tells.
+// The codes that XLIBCErrGet returns.
 enum ErrorCode {
     kNoError = 0x0000,
     kNoSuchProcess = 0x0100,
@@ -85,9 +85,9 @@ bool IsZombie(pid_t pid) {
     return name != std::string::npos && stat.compare(name, 3, ") Z") == 0;
 }
 
-// Starts `path` with every signal at its default action, but deaf to those that are meant for the
-// caller: whoever sends them to all processes of the caller's name must not hit what has just been
-// forked and still bears it. Returns an error number, 0 for none.
+// Starts `path` with the default action for every signal, but with the daemon's own signals
+// blocked: a signal that is sent to all processes of the daemon's name must not end a process that
+// was just forked and still has this name. Returns an errno value, 0 for success.
 int Spawn(pid_t &pid, const char *path, char *const argv[]) {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -132,7 +132,7 @@ private:
 };
 
 // Collects the child `pid` if it ends within `seconds`. Returns its pid, 0 when it did not end, or
-// -1 with errno set. Whole seconds are counted, and not the time of a clock, which may be set.
+// -1 with errno set. Counts whole seconds instead of reading a clock, which may be set.
 pid_t WaitFor(pid_t pid, int seconds, int &status) {
     const ChildSignalBlocked blocked;
     for (;;) {
@@ -144,8 +144,8 @@ pid_t WaitFor(pid_t pid, int seconds, int &status) {
     }
 }
 
-// How long a program may take, in seconds, and how long its end after it was killed: a program that
-// waits for a broken device does not even end then, and is left behind.
+// How long a program may run, in seconds, and how long it may take to end after it was killed. A
+// program that waits for a broken device does not end even then; it is left behind.
 constexpr int kLongestRun = 10;
 constexpr int kLongestEnd = 1;
 
@@ -182,7 +182,7 @@ Descriptor LockPidFile(const char *path) {
         lock.l_whence = SEEK_SET;
         if (!file || fcntl(file.Get(), F_SETLK, &lock) == -1)
             return {};
-        // The process that held the lock may have removed the file before it let go.
+        // The process that held the lock may have removed the file before it released the lock.
         struct stat held {};
         struct stat named {};
         if (fstat(file.Get(), &held) == -1)
@@ -232,7 +232,7 @@ int XLIBCProcPidFileCreate(const char *path) {
                     __LINE__);
     if (ftruncate(file.Get(), 0) == -1 || !WriteAll(file.Get(), std::to_string(getpid()) + "\n"))
         return Fail(kPidFileNotWritten, __LINE__);
-    // Open, and so locked, for the rest of the process's life.
+    // Stays open, and so locked, until the process ends.
     static_cast<void>(file.Release());
     return Succeed();
 }
@@ -245,7 +245,7 @@ pid_t XLIBCProcForkEx(int /*flags*/) {
     sigprocmask(SIG_BLOCK, &all, &before);
     const pid_t pid = fork();
     if (pid == 0) {
-        setsid(); // what it sends to its process group must not reach its parent
+        setsid(); // signals to its process group must not reach its parent
         for (const int number : {SIGINT, SIGTERM, SIGPIPE})
             signal(number, SIG_DFL);
         signal(SIGHUP, SIG_IGN);

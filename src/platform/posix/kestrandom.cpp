@@ -20,9 +20,9 @@ using kest::MixBits;
 
 namespace {
 
-// Both fill `bits` from the kernel's random source without waiting for it, which early in the boot
-// of a board could take for ever. The call came to Linux later than the device, and appliances live
-// long; the device may be missing from a "/dev" of somebody's own making.
+// Both fill `bits` from the kernel's random source without blocking, which could last forever early
+// in the boot of a board. Old kernels have the device but not the system call; a custom "/dev" may
+// lack the device.
 bool FromCall(std::uint32_t &bits) {
     ssize_t size = 0;
     do
@@ -43,8 +43,8 @@ std::uint64_t Nanoseconds(clockid_t clock) {
            static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// Mixed from what tells machines, processes and draws apart, while the kernel has nothing better. A
-// little it may have all the same.
+// Derives a value from data that differs between machines, processes and draws, and from what the
+// kernel's pool can already give.
 std::uint32_t FromMachine() {
     static const std::string machine = DescribeMachine();
     static std::uint64_t draws = 0;
@@ -57,7 +57,7 @@ std::uint32_t FromMachine() {
                              static_cast<std::uint64_t>(getpid()), ++draws, little});
 }
 
-// The random source in the shape that the standard distributions draw from.
+// The random source as the standard distributions need it.
 struct RandomBits {
     using result_type = std::uint32_t;
     static constexpr result_type min() { return 0; }
@@ -75,9 +75,8 @@ struct RandomBits {
 
 namespace KEST::RANDOM {
 
-// A draw may not depend on an earlier one, so there is no state; the class is what the platform's
-// library looks like.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
+// Draws are independent, so there is no state. The class is the interface of the platform's
+// library. NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 std::int32_t KESTRandom::random(std::int32_t low, std::int32_t high) {
     if (high <= low)
         return low;

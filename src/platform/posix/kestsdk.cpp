@@ -35,11 +35,11 @@ bool MakeDirectory(const char *path, uid_t uid, gid_t gid, mode_t mode) {
         return true;
     if (errno != ENOENT)
         return false;
-    // Made closed and opened to its mode at the end: nobody comes in before it is his.
+    // Created closed; gets its mode after its owner, so that no other account can enter it before.
     return mkdir(path, 0700) == 0 && chown(path, uid, gid) == 0 && chmod(path, mode) == 0;
 }
 
-// Parents are open on the way: a closed one would keep the accounts from what lies in it.
+// Parents are readable by all: accounts must reach the directories below them.
 bool MakeParents(const std::string &path, uid_t uid, gid_t gid) {
     constexpr mode_t mode = 0755;
     for (auto slash = path.find('/', 1); slash != std::string::npos;
@@ -58,7 +58,7 @@ int KESTFSMkdirP(const char *path, const char * /*base*/, int parents, uid_t uid
         return -1;
     if (!MakeDirectory(path, uid, gid, mode))
         return -1;
-    errno = error; // that a directory was missing is no failure
+    errno = error; // a missing directory is not a failure
     return 0;
 }
 
