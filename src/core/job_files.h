@@ -3,6 +3,7 @@
 #ifndef CORE_JOB_FILES_H
 #define CORE_JOB_FILES_H
 
+#include "base/paths.h"
 #include "platform/json_file.h"
 
 #include <array>
@@ -20,13 +21,11 @@ struct JobSource {
     const char *failure; // the message when the directory itself cannot be read
 };
 constexpr std::array<JobSource, 4> kJobSources{{
-    {"builtin", "/usr/kest/share/kestcron.d", false,
-     "js built-in job (/usr/kest/share/kestcron.d) loaded failed"},
-    {"builtin-dyn", "/usr/kest/etc/kestcron.d", false,
+    {"builtin", kBuiltinJobs, false, "js built-in job (/usr/kest/share/kestcron.d) loaded failed"},
+    {"builtin-dyn", kBuiltinDynamicJobs, false,
      "js built-in dynamic job (/usr/kest/etc/kestcron.d) loaded failed"},
-    {"pkg", "/usr/local/etc/kestcron.d", false,
-     "js pkg job (/usr/local/etc/kestcron.d) loaded failed"},
-    {"pkg_nonroot", "/usr/local/etc/kestcron_nonroot.d", true,
+    {"pkg", kPackageJobs, false, "js pkg job (/usr/local/etc/kestcron.d) loaded failed"},
+    {"pkg_nonroot", kAccountJobs, true,
      "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"},
 }};
 

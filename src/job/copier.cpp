@@ -84,7 +84,7 @@ ProgramCopy Link(const std::string &source, const std::string &target) {
 ProgramCopy RunCopyProgram(const char *source, const std::string &target) {
     ProgramCopy copy;
     errno = 0;
-    if (XLIBCExec("/usr/bin/cp", "-af", source, target.c_str(), nullptr) == 0) {
+    if (XLIBCExec(kCopyProgram, "-af", source, target.c_str(), nullptr) == 0) {
         copy.outcome = ProgramCopy::Outcome::Made;
         struct stat status {};
         if (stat(target.c_str(), &status) == -1)

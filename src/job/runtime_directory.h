@@ -8,14 +8,13 @@
 #define JOB_RUNTIME_DIRECTORY_H
 
 #include "base/descriptor.h"
+#include "base/paths.h"
 
 #include <fcntl.h>
 #include <string>
 #include <sys/types.h>
 
 namespace kest {
-
-constexpr const char *kRuntimeDirectory = "/tmp/kestcrond";
 
 // The path of the staged program of the job with this full name.
 inline std::string StagedPath(const std::string &jobName) {

@@ -24,13 +24,12 @@ namespace {
 // Inside the runtime directory. No job has this name, because full job names begin with the label
 // of a source.
 constexpr const char *kArea = ".staging";
-constexpr const char *kAreaPath = "/tmp/kestcrond/.staging";
 // Inside that.
 constexpr const char *kTaken = "taken";
 constexpr const char *kPrevious = "previous";
 
 std::string PathInArea(const std::string &entry) {
-    return std::string(kAreaPath) + "/" + entry;
+    return StagedPath(kArea) + "/" + entry;
 }
 
 Descriptor OpenDirectoryAt(const Descriptor &directory, const std::string &name) {
