@@ -1,16 +1,15 @@
-// The program: options, and which command they mean.
+// The program kestcronctl: parses the command line and runs the chosen command.
 
 #include "base/paths.h"
-#include "ctl/check/limits.h"
 #include "ctl/check/nearest.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
+#include "ctl/system/limits.h"
 #include "ctl/system/runtime.h"
 #include "log/memorylogger.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -32,7 +31,7 @@ namespace kest::ctl {
 
 namespace {
 
-constexpr int kUsage = 2; // exit status of wrong usage and of what cannot be read
+constexpr int kUsage = 2; // exit status for usage errors and failures
 
 struct Options {
     std::string root;
@@ -48,56 +47,61 @@ struct Options {
     ReloadOptions reload;
 };
 
-// The command that was chosen; it runs after all options are read.
+// The chosen command. It runs after all options are parsed.
 using Command = std::function<int(const Context &)>;
 
 class Parser {
 public:
     Parser() {
-        app_.add_option("--root", options_.root, "Read another system's files below DIR")
+        app_.add_option("--root", options_.root, "Use another system, whose files are below DIR")
             ->type_name("DIR");
-        app_.add_flag("--json", options_.json, "Answer in JSON");
+        app_.add_flag("--json", options_.json, "Print JSON");
         app_.set_version_flag("--version", std::string("kestcronctl ") + KESTCROND_VERSION);
         app_.get_formatter()->column_width(24);
         app_.require_subcommand(1);
-        app_.footer(
-            "Exit status: 0 fine, 1 diagnostics found, 2 wrong usage or cannot read; status: "
-            "3 when\nkestcrond does not run; run: that of the job. "
-            "See kestcronctl(1).");
-        AddReaders();
+        app_.footer("Exit status: 0 success, 1 check found problems, 2 usage or other error.\n"
+                    "status: 3 if kestcrond is not running; run: the exit status of the job.\n"
+                    "See kestcronctl(1).");
+        AddQueries();
         AddLog();
-        AddActors();
+        AddActions();
     }
 
-    // Returns the exit status when there is nothing to be run.
+    // Returns an exit status if there is no command to run.
     std::optional<int> Parse(int argc, char *argv[]) {
         try {
             app_.parse(argc, argv);
         } catch (const CLI::RequiredError &) {
-            throw Failure(MissingCommand(argc > 1 ? argv[1] : ""));
+            throw Failure(UsageError());
         } catch (const CLI::ParseError &error) {
             return app_.exit(error) == 0 ? 0 : kUsage;
         }
         return std::nullopt;
     }
 
-    // What to say when the command line goes on with `word` instead of a command; a command misses
-    // an argument of its own otherwise.
-    std::string MissingCommand(const std::string &word) const {
-        std::vector<std::string> names;
-        for (const CLI::App *command : app_.get_subcommands({}))
-            names.push_back(command->get_name());
-        if (std::find(names.begin(), names.end(), word) != names.end())
-            return "something is missing; see kestcronctl " + word + " --help";
-        const std::vector<std::string> near = NearestOf(word, names, 1);
-        return (word.empty() ? "say a command" : "there is no command \"" + word + "\"") +
-               (near.empty() ? "" : "; there is " + near.front()) + "; see kestcronctl --help";
-    }
-
     const Options &GetOptions() const { return options_; }
     const Command &GetCommand() const { return command_; }
 
 private:
+    // The error if a command or a required argument is missing.
+    std::string UsageError() const {
+        const std::vector<CLI::App *> chosen = app_.get_subcommands();
+        if (!chosen.empty())
+            return "missing argument; see kestcronctl " + chosen.front()->get_name() + " --help";
+        const std::vector<std::string> remaining = app_.remaining();
+        if (remaining.empty())
+            return "no command given; see kestcronctl --help";
+        const std::string &word = remaining.front();
+        if (word.front() == '-')
+            return "unknown option \"" + word + "\"; see kestcronctl --help";
+        std::vector<std::string> names;
+        for (const CLI::App *command : app_.get_subcommands({}))
+            names.push_back(command->get_name());
+        const std::vector<std::string> near = NearestOf(word, names, 1);
+        return "unknown command \"" + word + "\"; " +
+               (near.empty() ? "see kestcronctl --help" : "did you mean \"" + near.front() + "\"?");
+    }
+
     CLI::App *Add(const std::string &name, const std::string &text, const std::string &example,
                   const Command &command) {
         CLI::App *added = app_.add_subcommand(name, text);
@@ -107,103 +111,106 @@ private:
         return added;
     }
 
-    void AddReaders() {
-        CLI::App *check = Add("check", "Judge job files before or after they are installed",
+    void AddQueries() {
+        CLI::App *check = Add("check", "Check job files, installed or not",
                               "kestcronctl check build/etc/kestcron.d/backup.conf",
                               [this](const Context &c) { return Check(c, options_.check); });
         check
             ->add_option("PATH", options_.check.paths,
-                         "Job files or directories; none: the four sources")
+                         "Job files or directories (default: the four sources)")
             ->type_name("");
         check->add_flag("--errors-only", options_.check.errorsOnly,
-                        "Only what the daemon would refuse");
-        CLI::App *list = Add("list", "The jobs, their schedules, last and next runs",
+                        "Show errors only, no warnings");
+        CLI::App *list = Add("list", "List jobs with their schedules, last and next runs",
                              "kestcronctl list '*backup*'",
                              [this](const Context &c) { return List(c, options_.list); });
-        list->add_option("PATTERN", options_.list.pattern, "Part of a name, or a shell pattern")
+        list->add_option("PATTERN", options_.list.pattern,
+                         "Part of the job names, or a shell pattern")
             ->type_name("");
-        CLI::App *next = Add("next", "The coming starts of one job or of all",
+        CLI::App *next = Add("next", "Show the next starts of one job or of all jobs",
                              "kestcronctl next -n 5 builtin-core-backup",
                              [this](const Context &c) { return Next(c, options_.next); });
-        next->add_option("JOB", options_.next.job, "Full name of a job, or its last part")
+        next->add_option("JOB", options_.next.job, "Full name of a job, or its end after a \"-\"")
             ->type_name("");
-        next->add_option("-n", options_.next.count, "How many starts")
+        next->add_option("-n", options_.next.count, "Number of starts")
             ->capture_default_str()
             ->type_name("NUMBER")
             ->check(CLI::Range(1, 10000).description(""));
-        next->add_option("--at", options_.next.at, "Starts from this time on")->type_name("TIME");
-        CLI::App *explain = Add("explain", "What a crontab expression or a period means",
+        next->add_option("--at", options_.next.at, "Only starts from TIME on")->type_name("TIME");
+        CLI::App *explain = Add("explain", "Explain a crontab expression or a period",
                                 "kestcronctl explain '0,30 8~17 * * ~'",
                                 [this](const Context &c) { return Explain(c, options_.explain); });
-        explain->add_option("EXPRESSION", options_.explain.expression, "Five fields, quoted")
+        explain->add_option("EXPRESSION", options_.explain.expression, "Five fields, in quotes")
             ->type_name("");
-        explain->add_option("--period", options_.explain.period, "A period instead")
+        explain->add_option("--period", options_.explain.period, "Explain a period instead")
             ->type_name("WORD");
-        Add("status", "Whether the daemon runs, and how", "kestcronctl status",
+        Add("status", "Show the state of the daemon", "kestcronctl status",
             [](const Context &c) { return Status(c); });
         CLI::App *show =
-            Add("show", "Everything about one job", "kestcronctl show builtin-core-backup",
+            Add("show", "Show everything about one job", "kestcronctl show builtin-core-backup",
                 [this](const Context &c) { return Show(c, options_.show); });
-        show->add_option("JOB", options_.show.job, "Full name of a job, or its last part")
+        show->add_option("JOB", options_.show.job, "Full name of a job, or its end after a \"-\"")
             ->type_name("")
             ->required();
-        CLI::App *timeline =
-            Add("timeline", "A picture of the coming hours", "kestcronctl timeline --hours 8",
-                [this](const Context &c) { return Timeline(c, options_.timeline); });
-        timeline->add_option("--hours", options_.timeline.hours, "How many")
+        CLI::App *timeline = Add("timeline", "Show the starts of the coming hours as a timeline",
+                                 "kestcronctl timeline --hours 8", [this](const Context &c) {
+                                     return Timeline(c, options_.timeline);
+                                 });
+        timeline->add_option("--hours", options_.timeline.hours, "Number of hours")
             ->capture_default_str()
             ->type_name("NUMBER")
             ->check(CLI::Range(1, 168).description(""));
-        timeline->add_option("--svg", options_.timeline.svg, "Write it as a picture")
+        timeline->add_option("--svg", options_.timeline.svg, "Write an SVG image instead")
             ->type_name("FILE");
-        Add("metrics", "The same facts for Prometheus",
+        Add("metrics", "Print metrics for Prometheus",
             "kestcronctl metrics > /var/lib/node_exporter/kestcron.prom",
             [](const Context &c) { return Metrics(c); });
     }
 
     void AddLog() {
         CLI::App *log =
-            Add("log", "The execution log", "kestcronctl log --since yesterday --failed",
+            Add("log", "Show the execution log", "kestcronctl log --since yesterday --failed",
                 [this](const Context &c) { return Log(c, options_.log); });
-        log->add_flag("-f,--follow", options_.log.follow, "Go on with what comes");
-        log->add_option("-n", options_.log.lines, "Only the last so many lines")
+        log->add_flag("-f,--follow", options_.log.follow, "Keep printing new lines");
+        log->add_option("-n", options_.log.lines, "Only the last NUMBER lines")
             ->check(CLI::Range(0, 1000000000).description(""))
             ->type_name("NUMBER");
-        log->add_option("--job", options_.log.job, "Only jobs that are meant by it")
+        log->add_option("--job", options_.log.job, "Only jobs matching PATTERN")
             ->type_name("PATTERN");
-        log->add_option("--since", options_.log.since, "Only from this time on")->type_name("TIME");
-        log->add_flag("--failed", options_.log.failed, "Only what went wrong");
+        log->add_option("--since", options_.log.since, "Only lines from TIME on")
+            ->type_name("TIME");
+        log->add_flag("--failed", options_.log.failed, "Only failures");
     }
 
-    void AddActors() {
-        CLI::App *run = Add("run", "Run a job now, as the daemon would, and wait for it",
+    void AddActions() {
+        CLI::App *run = Add("run", "Run a job now as the daemon would, and wait for it",
                             "kestcronctl run builtin-core-backup",
                             [this](const Context &c) { return Run(c, options_.run); });
-        run->add_option("JOB", options_.run.job, "Full name of a job, or its last part")
+        run->add_option("JOB", options_.run.job, "Full name of a job, or its end after a \"-\"")
             ->type_name("")
             ->required();
         CLI::App *reload =
-            Add("reload", "Let the daemon read all job files again", "kestcronctl reload",
+            Add("reload", "Make the daemon re-read all job files", "kestcronctl reload",
                 [this](const Context &c) { return Reload(c, options_.reload); });
-        reload->add_option("--timeout", options_.reload.timeout, "Seconds to wait for it")
+        reload->add_option("--timeout", options_.reload.timeout, "Maximum time to wait")
             ->type_name("SECONDS")
             ->check(CLI::Range(1, 86400).description(""))
             ->capture_default_str();
     }
 
-    CLI::App app_{"Sees, checks, explains and tries the jobs of kestcrond", "kestcronctl"};
+    CLI::App app_{"Inspect, check, explain and run the jobs of kestcrond", "kestcronctl"};
     Options options_;
     Command command_;
 };
 
 int Execute(const Parser &parser) {
     const Options &options = parser.GetOptions();
-    // To follow a log has no end, and does nothing but print its lines.
+    // Following a log has no end, and takes little time for each line.
     if (!options.root.empty() && !options.log.follow)
         LimitTime(kUsage);
     const Context context{Appliance(options.root), DetectScreen(), options.json,
                           std::time(nullptr)};
-    if (!context.appliance.IsThisOne())
+    if (!context.appliance.IsLocal())
         LimitMemory(LargestDocument(context.appliance));
     const int status = parser.GetCommand()(context);
     if (!std::cout.flush())
@@ -219,8 +226,7 @@ int RunTool(int argc, char *argv[]) {
         return Execute(parser);
     } catch (const std::bad_alloc &) {
         std::cout.flush();
-        std::cerr << "kestcronctl: this takes more memory than there is, or than the documents of "
-                     "another system are worth\n";
+        std::cerr << "kestcronctl: out of memory, or over the limit for another system\n";
         return kUsage;
     } catch (const std::exception &error) {
         std::cout.flush();

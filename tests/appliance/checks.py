@@ -200,7 +200,7 @@ def check_accounts(checks: Checks, board: Appliance) -> None:
         assert "3 files, 8 jobs" in text, text
         # The warning is meant: the account's file says "root".
         text = board.run("kestcronctl check")[1]
-        assert '"user" is not read: every job of this directory runs as "meters"' in text, text
+        assert '"user" is ignored: all jobs in this directory run as "meters"' in text, text
         listed = board.ask("kestcronctl list")
         assert all(name in listed for name in names), listed
         told = board.ask("kestcronctl status")

@@ -1,4 +1,4 @@
-"""kestcronctl: what it says about a machine that is known to the letter, and what it does."""
+"""kestcronctl: its output on a machine with fixed documents, and its actions."""
 
 import json
 import os
@@ -17,7 +17,7 @@ ERRORS = "kestcronctl: "
 
 
 def entry(name, schedule, crontab="* * * * *", last=None, **config):
-    """A job as it stands in the runtime document."""
+    """A job of the runtime document."""
     document = {
         "config": {"name": name, "user": "root", "period": "crontab", "crontab": crontab,
                    "cmd": f"{RECORD} {name}", "assure_execute": 0, "assure_execute_action": "wait",
@@ -59,8 +59,8 @@ JOBS = {
 
 @pytest.fixture
 def known(machine):
-    """A machine whose daemon has ended; its documents and its log are left. The time stands still
-    at Tuesday 2 June 2026, 02:10:10."""
+    """A machine with documents and a log, but without a running daemon. Its clock stands still at Tuesday
+    2 June 2026, 02:10:10."""
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write(machine.RUNTIME_FILE, json.dumps({"jobs": JOBS}))
     os.utime(machine.path(machine.RUNTIME_FILE), (1780364100, 1780364100))
@@ -96,14 +96,14 @@ COMMANDS = {
 
 @pytest.mark.parametrize("form", ["txt", "json"])
 @pytest.mark.parametrize("name", COMMANDS)
-def test_what_is_told(known, ctl, name, form):
+def test_output(known, ctl, name, form):
     result = ctl(*COMMANDS[name], *(["--json"] if form == "json" else []))
     assert result.returncode == (3 if name == "status" else 0)
     if name.startswith(("status", "explain", "log")):
         assert result.stderr == ""
     else:
-        assert result.stderr == (ERRORS + "kestcrond does not run: nothing starts by itself; this "
-                                 "is from /var/run/kestcrond.config of today 01:35\n")
+        assert result.stderr == (ERRORS + "kestcrond is not running, so nothing will start; showing "
+                                 "the state of today 01:35 from /var/run/kestcrond.config\n")
     if form == "json":
         lines = result.stdout.splitlines() if name.startswith("log") else [result.stdout]
         assert lines and all(json.loads(line) is not None for line in lines)
@@ -111,8 +111,8 @@ def test_what_is_told(known, ctl, name, form):
 
 
 @pytest.mark.parametrize("name", COMMANDS)
-def test_it_fits_a_terminal(known, ctl, name):
-    """But for the log's lines and JSON documents, which are not cut."""
+def test_output_fits_the_terminal(known, ctl, name):
+    """Except for log lines and JSON, which are not cut."""
     text = ctl.on_terminal(*COMMANDS[name], env={"NO_COLOR": "1"})
     assert "\033" not in text
     expect_golden(f"{name}.80", text)
@@ -121,7 +121,7 @@ def test_it_fits_a_terminal(known, ctl, name):
         assert max(map(len, lines)) <= 80
 
 
-def test_colours_are_for_terminals(known, ctl):
+def test_colours_only_on_terminals(known, ctl):
     assert "\033[33moverdue\033[0m" in ctl.on_terminal("list", columns=200)
     assert "\033[1mJOB" in ctl.on_terminal("list")
     for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
@@ -136,9 +136,9 @@ def test_draws_of_an_expression(known, ctl):
     assert answer["expression"] == "~ ~ * * ~"
     assert [field["text"] for field in answer["fields"]] == ["~", "~", "*", "*", "~"]
     assert answer["fields"][0] == {
-        "field": "Minute", "text": "~", "words": "one from 0 to 59, drawn anew every hour",
+        "field": "Minute", "text": "~", "words": "random from 0 to 59, redrawn every hour",
         "items": [{"text": "~", "type": "random", "from": 0, "to": 59}]}
-    assert answer["draws"][0]["words"] == "on Mondays at 03:17"  # as the template has it
+    assert answer["draws"][0]["words"] == "on Mondays at 03:17"  # as in the template
     assert len(answer["draws"]) == 3
     for draw in answer["draws"]:
         schedule = draw["schedule"]
@@ -150,21 +150,26 @@ def test_draws_of_an_expression(known, ctl):
 
 
 @pytest.mark.parametrize("arguments,error", [
-    (["explain", "* * * *"], 'is no crontab expression: "crontab" has 4 fields; allowed: five'),
-    (["explain", "1-5 * * * *"], 'minute "1-5": there are no ranges with a dash; allowed: 1,2,3'),
-    (["explain", "61 * * * *"], 'minute "61" is out of range; allowed: 0 to 59'),
-    (["explain", "--period", "yearly"], "no period"),
-    (["explain", "--period", "crontab"], "runs as the member"),
-    (["explain"], "explain wants"),
-    (["explain", "* * * * *", "--period", "daily"], "explain wants"),
-    (["next", "bakup"], 'there is no job "bakup"; there is builtin-core-backup'),
-    (["show", "builtin-core-bakup"], "there is builtin-core-backup"),
-    (["next", "xyzzy"], 'there is no job "xyzzy"\n'),
-    (["next", "--at", "noon"], '"noon" is no time'),
-    (["log", "--since", "noon"], '"noon" is no time'),
-    (["lst"], 'there is no command "lst"; there is list'),
-    ([], "say a command"),
-    (["show"], "something is missing; see kestcronctl show --help"),
+    (["explain", "* * * *"], 'is not a valid crontab expression: "crontab" has 4 fields; expected: five'),
+    (["explain", "1-5 * * * *"], 'minute "1-5": ranges with a dash are not supported; write: 1,2,3'),
+    (["explain", "61 * * * *"], 'minute "61" is out of range; expected: 0 to 59'),
+    (["explain", "--period", "yearly"], '"yearly" is not a valid period; expected: '),
+    (["explain", "--period", "crontab"], '"crontab" uses the member "crontab"; write: explain'),
+    (["explain"], "explain requires either"),
+    (["explain", "* * * * *", "--period", "daily"], "explain requires either"),
+    (["next", "bakup"], 'unknown job "bakup"; did you mean builtin-core-backup?\n'),
+    (["show", "builtin-core-bakup"], "did you mean one of builtin-core-backup, "),
+    (["next", "xyzzy"], 'unknown job "xyzzy"\n'),
+    (["next", "--at", "noon"], '"noon" is not a valid time; expected: '),
+    (["log", "--since", "noon"], '"noon" is not a valid time; expected: '),
+    (["lst"], 'unknown command "lst"; did you mean "list"?'),
+    (["--json", "lst"], 'unknown command "lst"; did you mean "list"?'),
+    (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
+    (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
+    ([], "no command given; see kestcronctl --help"),
+    (["--json"], "no command given"),
+    (["show"], "missing argument; see kestcronctl show --help"),
+    (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
     (["list", "a", "b"], "not expected: b"),
     (["list", "--nonsense"], "not expected: --nonsense"),
     (["next", "-n", "0"], "-n"),
@@ -172,13 +177,13 @@ def test_draws_of_an_expression(known, ctl):
     (["timeline", "--hours", "0"], "--hours"),
     (["list", "--root", "/nowhere"], "/nowhere: No such file"),
     (["list", "--root", "/etc/passwd"], "/etc/passwd: Not a directory"),
-    (["list", "--root", "/usr"], "kestcrond has not run here"),
-    (["run", "backup"], "/tmp/kestcrond/builtin-core-backup is not there"),
-    (["run", "backup", "--root", "/"], "another system"),
-    (["reload"], "kestcrond does not run"),
-    (["reload", "--root", "/"], "another system"),
+    (["list", "--root", "/usr"], "kestcrond has not run on this system"),
+    (["run", "backup"], "/tmp/kestcrond/builtin-core-backup does not exist or was not staged"),
+    (["run", "backup", "--root", "/"], "run works only on this system"),
+    (["reload"], "kestcrond is not running"),
+    (["reload", "--root", "/"], "reload works only on this system"),
 ])
-def test_what_cannot_be_done(known, ctl, arguments, error):
+def test_errors(known, ctl, arguments, error):
     result = ctl(*arguments)
     assert result.returncode == 2
     assert result.stdout == ""
@@ -199,18 +204,18 @@ def test_help_of_every_command(machine, ctl):
     assert re.fullmatch(r"kestcronctl \d+\.\d+\.\d+\n", ctl("--version").stdout)
 
 
-# --- Broken surroundings ------------------------------------------------------------------------
+# --- Damaged files ------------------------------------------------------------------------------
 
-def test_a_document_that_is_none(known, ctl):
+def test_an_invalid_document(known, ctl):
     for text in ('{"jobs": {', "", "\0", "[" * 1000):
         known.write(known.RUNTIME_FILE, text)
         result = ctl("list")
         assert result.returncode == 2
         assert result.stderr == (
-            ERRORS + "/var/run/kestcrond.config: is no whole JSON document\n")
+            ERRORS + "/var/run/kestcrond.config: is not a complete JSON document\n")
 
 
-def test_entries_that_are_no_jobs(known, ctl):
+def test_invalid_entries(known, ctl):
     known.write(known.RUNTIME_FILE, json.dumps(
         {"jobs": {"good": JOBS["builtin-core-never"], "b\nad": 7, "worse": {"config": []}}}))
     result = ctl("list", "--json")
@@ -221,24 +226,24 @@ def test_entries_that_are_no_jobs(known, ctl):
         assert json.loads(ctl("list", "--json").stdout) == []
 
 
-def test_what_was_kept_of_the_last_stop(known, ctl):
+def test_the_saved_document(known, ctl):
     known.path(known.RUNTIME_FILE).unlink()
-    assert "there is neither /var/run/kestcrond.config nor" in ctl("list").stderr
+    assert "neither /var/run/kestcrond.config nor" in ctl("list").stderr
     known.write(PERSISTENT_FILE, json.dumps({"jobs": JOBS}))
     os.utime(known.path(PERSISTENT_FILE), (1780364100, 1780364100))
     result = ctl("list", "--json")
     assert len(json.loads(result.stdout)) == len(JOBS)
-    assert "this is from /usr/kest/etc/kestcrond.config of today 01:35" in result.stderr
+    assert "showing the state of today 01:35 from /usr/kest/etc/kestcrond.config" in result.stderr
 
 
-def test_a_torn_log(known, ctl):
+def test_an_incomplete_log(known, ctl):
     known.write(known.LOG_FILE, LOG + "2026-06-02T02:0", mode=0o600)
     assert ctl("log").stdout == LOG + "2026-06-02T02:0\n"
     known.write(known.LOG_FILE, b"\xff\xfe\n\0\0\n" + LOG.encode(), mode=0o600)
     assert ctl("log", "--since", "2026-06-01").stdout == LOG
     known.path(known.LOG_FILE).unlink()
     result = ctl("log")
-    assert result.returncode == 0 and "there is no /var/log/kestcrond-execute.log" in result.stderr
+    assert result.returncode == 0 and "/var/log/kestcrond-execute.log does not exist yet" in result.stderr
 
 
 def test_a_pipe_that_closes(known, ctl):
@@ -254,7 +259,7 @@ def test_a_full_disk(known, ctl):
     assert "standard output: No space left on device" in result.stderr
 
 
-def test_what_anybody_may_ask(known, ctl):
+def test_commands_without_root(known, ctl):
     for arguments in (["list"], ["next"], ["show", "backup"], ["explain", "* * * * *"],
                       ["timeline"], ["metrics"]):
         assert ctl(*arguments, user=2001).returncode == 0
@@ -262,14 +267,14 @@ def test_what_anybody_may_ask(known, ctl):
     result = ctl("log", user=2001)
     assert result.returncode == 2
     assert result.stderr == ERRORS + "/var/log/kestcrond-execute.log: Permission denied\n"
-    assert "only root" in ctl("run", "backup", user=2001).stderr
-    # Without the log the last run is the one of the document.
-    assert "none known" in ctl("show", "backup", user=2001).stdout
+    assert "run requires root" in ctl("run", "backup", user=2001).stderr
+    # Without the log the last run comes from the document.
+    assert "last run:   unknown" in ctl("show", "backup", user=2001).stdout
     assert "last run:   today 01:07" in ctl("show", "backup").stdout
 
 
 def test_another_system(known, ctl):
-    """Its links, accounts and zone are its own."""
+    """Links, accounts and the time zone are those of the other system."""
     root = known.path("/image")
     for directory in ("etc", "run", "var/log", "usr/kest/etc"):
         (root / directory).mkdir(parents=True)
@@ -285,39 +290,39 @@ def test_another_system(known, ctl):
     assert [job["name"] for job in answer] == ["builtin-x-x"]
     assert answer[0]["next"]["earliest"] == "2026-06-03T00:00:00+05:30"
     assert ctl("status", "--root", "/image").returncode == 0
-    # A link that leads out of it by way of ".." leads to its own root.
+    # A link with too many ".." stays within the other system.
     (root / "run/kestcrond.config").unlink()
     (root / "run/kestcrond.config").symlink_to("../../../../etc/kestcrond.config")
     known.write("/etc/kestcrond.config", "{}")
-    assert "kestcrond has not run here" in ctl("list", "--root", "/image").stderr
+    assert "kestcrond has not run on this system" in ctl("list", "--root", "/image").stderr
     (root / "etc/kestcrond.config").symlink_to("/run/kestcrond.config")
     assert ctl("list", "--root", "/image").returncode == 2
 
 
-def test_why_a_job_is_not_there(machine, ctl):
+def test_why_a_job_is_not_loaded(machine, ctl):
     machine.jobs("builtin", "f.conf", [never("x", cmd="/nowhere"), every_minute("y", crontab="* *"),
                                        never("z")])
     machine.start_and_wait()
     machine.jobs("builtin", "g.conf", [never("new")])
-    told = lambda name: ctl("show", name).stderr.splitlines()
+    errors = lambda name: ctl("show", name).stderr.splitlines()
     place = "/usr/kest/share/kestcron.d/f.conf:1:"
-    lines = told("builtin-f-x")
-    assert lines[0].startswith(place) and "it is defined here" in lines[0]
-    assert any(line.startswith(place) and '"/nowhere" does not exist: the job is not' in line
+    lines = errors("builtin-f-x")
+    assert lines[0].startswith(place) and ": the job is defined here" in lines[0]
+    assert any(line.startswith(place) and '"/nowhere" does not exist: the daemon will not load' in line
                for line in lines[1:-1])
-    assert lines[-1].startswith(ERRORS + 'there is no job "builtin-f-x"')
-    lines = told("builtin-f-y")
-    assert lines[0].endswith("it is defined here") and '"crontab" has 2 fields' in lines[1]
-    assert told("builtin-g-new")[0].endswith(
-        "g.conf:1:11: it is defined here, and would be loaded at a reload")
-    assert len(told("builtin-f-nothing")) == 1
-    assert told("builtin-f-z") == []
+    assert lines[-1].startswith(ERRORS + 'unknown job "builtin-f-x"')
+    lines = errors("builtin-f-y")
+    assert lines[0].endswith(": the job is defined here") and '"crontab" has 2 fields' in lines[1]
+    assert errors("builtin-g-new")[0].endswith(
+        "g.conf:1:11: the job is defined here, and the next reload tries to load it")
+    assert len(errors("builtin-f-nothing")) == 1
+    assert errors("builtin-f-z") == []
 
 
-# --- What others may have laid out -------------------------------------------------------------
+# --- Files and processes of other users ---------------------------------------------------------
 
-def test_a_staged_program_of_somebody_else_is_not_run(machine, ctl):
-    """After a reboot, before the daemon has run, anybody may make its directory."""
+def test_run_refuses_programs_of_other_users(machine, ctl):
+    """After a reboot, before the daemon starts, any user can create the runtime directory."""
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     machine.stop()
@@ -329,7 +334,7 @@ def test_a_staged_program_of_somebody_else_is_not_run(machine, ctl):
         os.chown(directory, owner, 0)
         directory.chmod(mode)
         result = ctl("run", "x")
-        assert result.returncode == 2 and "not the daemon's" in result.stderr
+        assert result.returncode == 2 and "was not staged by kestcrond" in result.stderr
     directory.rename(machine.path("/tmp/elsewhere"))
     machine.path("/tmp/elsewhere").chmod(0o755)
     directory.symlink_to("elsewhere")
@@ -337,8 +342,8 @@ def test_a_staged_program_of_somebody_else_is_not_run(machine, ctl):
     assert not machine.exists("/tmp/owned")
 
 
-def test_a_process_that_only_looks_like_the_daemon(machine, ctl):
-    """A pid file that was left behind names somebody's process, with an environment of his."""
+def test_a_process_that_imitates_the_daemon(machine, ctl):
+    """A stale pid file names a process of another user, with an environment of his choice."""
     machine.jobs("builtin", "f", [never("x", cmd="/usr/bin/env")])
     machine.start_and_wait()
     machine.signal(signal.SIGKILL)
@@ -352,7 +357,7 @@ def test_a_process_that_only_looks_like_the_daemon(machine, ctl):
         wait_for(lambda: machine.daemons())
         machine.write(machine.PID_FILE, f"{machine.daemons()[0]}\n")
         assert ctl("status").returncode == 3
-        assert "kestcrond does not run" in ctl("reload").stderr
+        assert "kestcrond is not running" in ctl("reload").stderr
         result = ctl("run", "x", env={"SECRET": "of the shell"})
         assert result.returncode == 0
         assert result.stdout.splitlines() == ["PATH=/usr/sbin:/usr/bin:/sbin:/bin"]
@@ -371,14 +376,14 @@ except OSError:
 """
 
 
-def test_a_run_has_not_the_terminal(machine, ctl):
+def test_run_has_no_controlling_terminal(machine, ctl):
     machine.write("/usr/local/bin/typist", TYPIST, 0o755)
     machine.jobs("builtin", "f", [never("x", cmd="/usr/local/bin/typist")])
     machine.start_and_wait()
     assert ctl.on_terminal("run", "x").splitlines()[-2:] == ["True", "has none"]
 
 
-def test_an_interrupted_run(machine, ctl):
+def test_run_is_interrupted(machine, ctl):
     machine.write("/usr/local/bin/x", "#!/bin/sh\necho begun > /tmp/begun\nsleep 100\n", 0o755)
     machine.jobs("builtin", "f", [never("x", cmd="/usr/local/bin/x")])
     machine.start_and_wait()
@@ -388,7 +393,7 @@ def test_an_interrupted_run(machine, ctl):
     assert tool.wait(30) == 128 + signal.SIGINT
 
 
-def test_a_picture_writes_through_nothing(known, ctl):
+def test_timeline_replaces_links(known, ctl):
     known.write("/etc/precious", "precious")
     known.path("/tmp/t.svg").symlink_to("/etc/precious")
     assert ctl("timeline", "--svg", "/tmp/t.svg").returncode == 0
@@ -403,7 +408,7 @@ def test_a_picture_writes_through_nothing(known, ctl):
                                   "var/log/kestcrond-execute.log", "var/run/kestcrond.st.config",
                                   "usr/kest/share/kestcron.d/f"])
 @pytest.mark.parametrize("kind", ["fifo", "zero", "loop", "huge"])
-def test_strange_files_in_an_image(known, ctl, file, kind):
+def test_unusual_files_in_an_image(known, ctl, file, kind):
     root = known.path("/image")
     for directory in ("etc", "var/run", "var/log", "usr/kest/share/kestcron.d"):
         (root / directory).mkdir(parents=True, exist_ok=True)
@@ -424,7 +429,7 @@ def test_strange_files_in_an_image(known, ctl, file, kind):
         assert result.returncode in (0, 1, 2), result.stderr
 
 
-def test_no_terminal_obeys_a_name(known, ctl):
+def test_names_with_control_characters_are_escaped(known, ctl):
     evil = "builtin-x-\x1b]0;owned\x07\u202e\u009b2J"
     known.write(known.RUNTIME_FILE, json.dumps({"jobs": {evil: entry(evil, [[0], [0], [-1], [-1],
                                                                             [-1]])}}))
@@ -435,7 +440,7 @@ def test_no_terminal_obeys_a_name(known, ctl):
             assert not set(text) & set("\x1b\x07\u202e\u009b"), command
 
 
-def test_names_that_are_no_text_in_json(known, ctl):
+def test_names_with_invalid_utf8_in_json(known, ctl):
     document = json.dumps({"jobs": {"x": entry("builtin-x-BAD", [[0], [0], [-1], [-1], [-1]])}})
     known.write(known.RUNTIME_FILE, document.encode().replace(b"BAD", b"\xff\xfe"))
     for command in (["list"], ["next", "-n", "1"], ["timeline"], ["show", "builtin-x-\udcff\udcfe"]):
@@ -443,7 +448,7 @@ def test_names_that_are_no_text_in_json(known, ctl):
                                                       ensure_ascii=False)
 
 
-def test_a_manual_run_is_no_launch(machine, ctl):
+def test_run_does_not_count_as_a_launch(machine, ctl):
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write("/run/kestvorld.status", "2")
     machine.jobs("builtin", "f", [never("x", assure_execute=1)])
@@ -459,7 +464,7 @@ def test_a_manual_run_is_no_launch(machine, ctl):
     assert "the machine is held" in ctl("list").stderr
 
 
-def test_running_is_not_taken_from_arguments_alone(machine, ctl):
+def test_forged_arguments_do_not_count_as_running(machine, ctl):
     machine.jobs("builtin", "f", [never("victim"), every_minute(
         "deep", cmd="/usr/local/bin/deep", user="system")])
     machine.write("/usr/local/bin/deep", "#!/usr/bin/env -S python3 -u -X dev -W ignore\n"
@@ -491,7 +496,7 @@ def test_status_of_a_daemon(machine, ctl):
     result = ctl("status")
     assert result.returncode == 0
     assert re.search(rf"^kestcrond:   running as process {pid} since ", result.stdout)
-    assert "passive: only jobs" in result.stdout
+    assert "passive: runs only jobs" in result.stdout
     assert {job["state"] for job in json.loads(ctl("list", "--json").stdout)} == {"passive"}
     machine.write("/run/kestvorld.status", "2")
     assert json.loads(ctl("status", "--json").stdout)["held"]
@@ -509,7 +514,7 @@ until [ -e /tmp/end ]; do /usr/bin/sleep 0.02; done
 """
 
 
-def test_running_now_and_launched(machine, ctl):
+def test_running_jobs(machine, ctl):
     machine.write("/usr/local/bin/sleeper", SLEEPER, 0o755)
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [
@@ -533,7 +538,7 @@ def test_delayed_starts_are_counted(machine, ctl):
     machine.start_and_wait()
     wait_for(lambda: json.loads(ctl("status", "--json").stdout)["delayed"] == 2)
     assert "3 jobs" not in ctl("status").stdout
-    assert "jobs:        3, 2 launched and waiting for their turn\n" in ctl("status").stdout
+    assert "jobs:        3, 2 launched and waiting out their delay\n" in ctl("status").stdout
 
 
 WITNESS = """#!/bin/bash
@@ -546,20 +551,20 @@ exit 7
 """
 
 
-def test_a_run_is_what_the_daemon_would_do(machine, ctl):
-    machine.clock("2026-06-02 02:12:10", rate=0)  # the daemon starts it in its first look alone
+def test_run_matches_a_launch_by_the_daemon(machine, ctl):
+    machine.clock("2026-06-02 02:12:10", rate=0)  # the daemon launches it in its first cycle only
     machine.write("/usr/local/bin/witness", WITNESS, 0o755)
     machine.jobs("pkg", "f", [{"name": "own", "user": "package", "package_username": "alice",
                                "period": "crontab", "crontab": "12 2 * * *",
                                "cmd_list": ["/usr/local/bin/witness", "a b", "c"]}])
     machine.run("sh", "-c", f"umask 027; MARK='of the daemon' {machine.DAEMON}")
-    told = lambda: [path.read_text() for path in machine.path("/tmp/ran").glob("*.whole")]
-    wait_for(lambda: len(told()) == 1)
-    by_daemon = told()[0]
+    results = lambda: [path.read_text() for path in machine.path("/tmp/ran").glob("*.whole")]
+    wait_for(lambda: len(results()) == 1)
+    by_daemon = results()[0]
     assert "(crew)" in by_daemon and "MARK=of the daemon" in by_daemon and "[a b] [c]" in by_daemon
     result = ctl("run", "own", env={"MARK": "of the caller", "SUDO_USER": "carol"})
     assert (result.returncode, result.stdout, result.stderr) == (7, "to-output\n", "to-error\n")
-    assert told() == [by_daemon, by_daemon]
+    assert results() == [by_daemon, by_daemon]
     assert re.search(
         r" running job: pkg-f-own with command: /usr/local/bin/witness a b c  as user alice "
         r"\(state\[Manual\], trig\[02 02:1\d:\d\d\], tab\[12 2 -1 -1 -1\], by\[carol\]\)$",
@@ -569,20 +574,20 @@ def test_a_run_is_what_the_daemon_would_do(machine, ctl):
 @pytest.mark.parametrize("program,status", [
     ("#!/bin/sh\nexit 0\n", 0), ("#!/bin/sh\nexit 3\n", 3), ("#!/bin/sh\nkill -9 $$\n", 137),
     ("#!/no/such/interpreter\n", 127)])
-def test_the_exit_status_of_a_run(machine, ctl, program, status):
+def test_exit_status_of_run(machine, ctl, program, status):
     machine.write("/usr/local/bin/x", program, 0o755)
     machine.jobs("builtin", "f", [never("x", cmd="/usr/local/bin/x")])
     machine.start_and_wait()
     result = ctl("run", "x")
     assert result.returncode == status
     if status == 137:
-        assert result.stderr == ERRORS + "ended by signal 9 (Killed)\n"
+        assert result.stderr == ERRORS + "killed by signal 9 (Killed)\n"
     if status == 127:
-        assert result.stderr == ERRORS + "its command cannot be run; the execution log shows why\n"
+        assert result.stderr == ERRORS + "cannot run the command; see the execution log\n"
         assert "failed, return code: -1, error: No such file" in machine.log_lines()[-1]
 
 
-def test_a_run_without_its_account(machine, ctl):
+def test_run_without_the_account(machine, ctl):
     machine.jobs("builtin", "f", [never("x", user="system")])
     machine.start_and_wait()
     passwd = machine.read("/etc/passwd")
@@ -593,8 +598,8 @@ def test_a_run_without_its_account(machine, ctl):
     assert machine.runs("builtin-f-x") == []
 
 
-def test_a_run_is_not_the_daemons(machine, ctl):
-    """It changes neither what the daemon knows nor the system log."""
+def test_run_does_not_affect_the_daemon(machine, ctl):
+    """It changes neither the runtime document nor the system log."""
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     before = machine.document()
@@ -604,31 +609,31 @@ def test_a_run_is_not_the_daemons(machine, ctl):
     assert machine.texts() == []
 
 
-def test_a_reload_tells_what_it_changed(machine, ctl):
+def test_reload_lists_changes(machine, ctl):
     machine.jobs("builtin", "f", [never("stays"), never("goes"), never("changes")])
     machine.start_and_wait()
     result = ctl("reload")
-    assert (result.returncode, result.stdout) == (0, "no job came, went or changed; 3 jobs\n")
+    assert (result.returncode, result.stdout) == (0, "no jobs added, removed or changed; 3 jobs\n")
     machine.jobs("builtin", "f", [never("stays"), never("changes", assure_execute=5), never("new")])
     result = ctl("reload", "--json")
     assert json.loads(result.stdout) == {"came": ["builtin-f-new"], "went": ["builtin-f-goes"],
                                          "changed": ["builtin-f-changes"], "jobs": 3}
     machine.jobs("builtin", "f", [never("one")])
-    assert ctl("reload").stdout == ("came    builtin-f-one\nwent    builtin-f-changes\n"
-                                    "went    builtin-f-new\nwent    builtin-f-stays\n1 job\n")
+    assert ctl("reload").stdout == ("added   builtin-f-one\nremoved builtin-f-changes\n"
+                                    "removed builtin-f-new\nremoved builtin-f-stays\n1 job\n")
     machine.jobs("builtin", "f", [])
-    assert ctl("reload").stdout == "went    builtin-f-one\n0 jobs\n"
+    assert ctl("reload").stdout == "removed builtin-f-one\n0 jobs\n"
     machine.jobs("builtin", "f", [never("again")])
-    assert ctl("reload").stdout == "came    builtin-f-again\n1 job\n"
+    assert ctl("reload").stdout == "added   builtin-f-again\n1 job\n"
 
 
-def test_a_daemon_that_does_not_reload(machine, ctl):
+def test_reload_times_out(machine, ctl):
     machine.jobs("builtin", "f", [never("x")])
     pid = machine.start_and_wait()
     machine.signal(signal.SIGSTOP, pid)
     result = ctl("reload", "--timeout", "1")
     assert result.returncode == 2
-    assert result.stderr == ERRORS + "the daemon has not reloaded within 1 s\n"
+    assert result.stderr == ERRORS + "kestcrond did not reload within 1 s\n"
     machine.signal(signal.SIGCONT, pid)
     other = ctl("reload", user=2001)
     assert other.returncode == 2 and "Operation not permitted" in other.stderr
@@ -637,20 +642,20 @@ def test_a_daemon_that_does_not_reload(machine, ctl):
 def test_a_staged_program_that_differs(machine, ctl):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
-    told = lambda **more: json.loads(ctl("show", "x", "--json", **more).stdout)["staged_state"]
-    assert told() == "same"
-    assert told(user=2001) == "unknown"
+    staged_state = lambda **more: json.loads(ctl("show", "x", "--json", **more).stdout)["staged_state"]
+    assert staged_state() == "same"
+    assert staged_state(user=2001) == "unknown"
     machine.write(RECORD, "#!/bin/sh\n", 0o755)
-    assert told() == "differs"
+    assert staged_state() == "differs"
     assert ctl("reload").returncode == 0
-    assert told() == "same"
+    assert staged_state() == "same"
     machine.path(RECORD).unlink()
-    assert told() == "differs"
+    assert staged_state() == "differs"
     machine.staged("builtin-f-x").unlink()
-    assert told() == "missing"
+    assert staged_state() == "missing"
 
 
-def test_following_a_log_that_is_rotated(known, ctl, tmp_path):
+def test_log_follows_rotation(known, ctl, tmp_path):
     output = tmp_path / "out"
     with output.open("w") as stream:
         follower = known.popen(TOOL, "log", "-f", "-n", "1", env={"LD_PRELOAD": ""}, stdout=stream)
@@ -671,7 +676,7 @@ def test_following_a_log_that_is_rotated(known, ctl, tmp_path):
         wait_for(lambda: len(lines()) == 4)
         log.write_text(f"{line} 4\n{line} 5\n")
         wait_for(lambda: len(lines()) == 6)
-        with log.open("r+") as stream:  # as some rotate: copied and cut
+        with log.open("r+") as stream:  # as with copytruncate
             stream.truncate()
             stream.write(line + " 6\n")
         wait_for(lambda: len(lines()) == 7)

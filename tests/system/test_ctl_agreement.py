@@ -1,4 +1,4 @@
-"""What `kestcronctl next` promised is what the log shows."""
+"""The predictions of `kestcronctl next` against the starts in the execution log."""
 
 import datetime
 import json
@@ -26,7 +26,7 @@ def minute_of(text):
 
 
 def started(machine):
-    """Job to the moments at which it was launched by its schedule, and those for being overdue."""
+    """The launches of each job: by its schedule, and for being overdue."""
     found = {}, {}
     for line in machine.log_lines():
         match = START.match(line)
@@ -39,47 +39,47 @@ def started(machine):
     return found
 
 
-# What is found due at the end of a minute is launched a moment later, and that is what is told.
-SURE = 40  # from this second on it is the same minute, with a clock as fast as this
+# A job that is due at the end of a minute may be launched at the beginning of the next one.
+SURE = 40  # from this second on a launch is in the due minute, at the rate of this clock
 
 
 def minutes_of(moment):
-    """The minutes in which what was launched then may have been due."""
+    """The minutes in which a job that was launched at `moment` may have been due."""
     minute = moment.replace(second=0)
     return [minute] if moment.second >= SURE else [minute, minute - MINUTE]
 
 
-def check_promises(promises, since, launched, overdue, looked):
-    """All that was launched was promised, and all that was promised for sure was launched."""
-    end = max(looked)
-    # Only so many starts were asked for: a machine that could not be stopped soon went on.
-    last = max(minute_of(promise["earliest"]) for promise in promises)
+def check_predictions(predictions, since, launched, overdue, evaluated):
+    """All launches were predicted, and all certain predictions came true."""
+    end = max(evaluated)
+    # The number of predictions is limited, and the daemon may run beyond the last one.
+    last = max(minute_of(prediction["earliest"]) for prediction in predictions)
     for job, moments in launched.items():
-        mine = [promise for promise in promises if promise["job"] == job]
+        mine = [prediction for prediction in predictions if prediction["job"] == job]
         for moment in (moment for moment in moments if since + 2 * MINUTE < moment < last):
-            assert any(minute_of(promise["earliest"]) <= minute <= minute_of(promise["latest"])
+            assert any(minute_of(prediction["earliest"]) <= minute <= minute_of(prediction["latest"])
                        for minute in minutes_of(moment)
-                       for promise in mine if not promise["overdue"]), (job, moment, since)
+                       for prediction in mine if not prediction["overdue"]), (job, moment, since)
     links = 0
-    for promise in promises:
-        minute = minute_of(promise["earliest"])
-        links += promise["overdue"]
-        if promise["undrawn"] or not since < minute < end - 2 * MINUTE:
+    for prediction in predictions:
+        minute = minute_of(prediction["earliest"])
+        links += prediction["overdue"]
+        if prediction["undrawn"] or not since < minute < end - 2 * MINUTE:
             continue
-        if promise["overdue"]:
-            # At the first look at which it is, as long after the one before. The log tells of that
-            # one when its process has started, which may already be the next minute.
-            looks = overdue.get(promise["job"], [])
-            assert any(minute - MINUTE <= look <= minute + (2 * links + 1) * MINUTE
-                       for look in looks), (promise, since, looks)
-        elif minute in looked:
+        if prediction["overdue"]:
+            # The job is launched in the first cycle in which it is overdue, counted from the launch
+            # before. The log records a launch when the process starts, which may be a minute later.
+            launches = overdue.get(prediction["job"], [])
+            assert any(minute - MINUTE <= launch <= minute + (2 * links + 1) * MINUTE
+                       for launch in launches), (prediction, since, launches)
+        elif minute in evaluated:
             assert minute in (moment.replace(second=0) for moment in
-                              launched.get(promise["job"], [])), (promise, since)
+                              launched.get(prediction["job"], [])), (prediction, since)
 
 
 @pytest.mark.native(reason="too slow for its deadline when emulated")
 def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
-    """From Sunday, 31 May 2026, 22:50, so that all but the month is drawn anew at midnight."""
+    """From Sunday, 31 May 2026, 22:50, so that all fields but the month are redrawn at midnight."""
     machine.clock("2026-05-31 22:50:00", rate=1200)
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [
@@ -89,16 +89,16 @@ def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
     snapshots = []
 
     def take_at(hour):
-        """What is promised once the draws of that hour of the day are made."""
+        """Records the predictions after the redraw of that hour of the day."""
         wait_for(lambda: any(minute.hour == hour and minute.minute > 2 for minute in ticks()), 120,
                  f"{hour} o'clock")
         now = machine.log_lines()[-1].split()[0]
-        clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still while we ask
+        clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still meanwhile
         later = (minute_of(now) + 5 * 60 * MINUTE).isoformat()
-        for start, ask in ((now, []), (later, ["--at", later])):
-            promises = json.loads(ctl("next", "-n", "3000", *ask, "--json", env=clock).stdout)
-            # What was launched while we asked is told by nobody.
-            snapshots.append((max(minute_of(start), *ticks()), promises))
+        for start, options in ((now, []), (later, ["--at", later])):
+            predictions = json.loads(ctl("next", "-n", "3000", *options, "--json", env=clock).stdout)
+            # Launches during the command are neither in the log before nor predicted.
+            snapshots.append((max(minute_of(start), *ticks()), predictions))
 
     ticks = lambda: started(machine)[0].get("builtin-f-tick", [])
     for hour in (22, 0, 3, 9):
@@ -107,13 +107,13 @@ def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
     wait_for(lambda: ticks() and max(ticks()) >= evening, 120, "the evening")
     machine.stop()
     launched, overdue = started(machine)
-    looks = launched["builtin-f-tick"]
-    looked = {moment.replace(second=0) for moment in looks if moment.second >= SURE}
-    # A slow machine steps over many minutes, but not over all of a job that has many.
-    assert len(looks) > 400 and len(looked) > 50
+    cycles = launched["builtin-f-tick"]
+    evaluated = {moment.replace(second=0) for moment in cycles if moment.second >= SURE}
+    # A slow machine skips many minutes, but not all of them.
+    assert len(cycles) > 400 and len(evaluated) > 50
     assert set(launched) >= {f"builtin-f-{name}" for name in (
         "hourly", "quarter", "whole", "window")}
     assert len(overdue["builtin-f-assured"]) >= 3
-    for since, promises in snapshots:
-        assert len(promises) == 3000
-        check_promises(promises, since, launched, overdue, looked)
+    for since, predictions in snapshots:
+        assert len(predictions) == 3000
+        check_predictions(predictions, since, launched, overdue, evaluated)

@@ -1,4 +1,4 @@
-"""The tool's check of job files: what it says, and that it refuses what the daemon refuses."""
+"""kestcronctl check: its output, and that it refuses exactly what the daemon refuses."""
 
 import json
 import os
@@ -16,7 +16,7 @@ PREFIX = "JSON file read error: "
 
 
 def files_of_a_fixed_tree(machine):
-    """Good and bad files in all sources, and what a check of them prints."""
+    """Creates valid and invalid files in all sources. Returns the output of a check."""
     machine.write(PKG + "/good.conf", json.dumps([GOOD]))
     machine.write(PKG + "/period.conf", """[
     {
@@ -50,51 +50,51 @@ def files_of_a_fixed_tree(machine):
     os.chown(machine.path(ACCOUNTS + "/stranger"), 4711, 4711)
     return """\
 /usr/kest/etc/kestcron.d/times.conf:3:18: warning: builtin-dyn-times-both: minute "*/20" is read \
-as "*", every minute; allowed: 0,20,40
+as "*", every minute; write: 0,20,40
 /usr/kest/etc/kestcron.d/times.conf:3:29: warning: builtin-dyn-times-both: day "1" and weekday "1" \
-must both match on the same day; allowed: "*" for one of the two
-/usr/kest/etc/kestcron.d/times.conf:5:20: error: builtin-dyn-times-dash: hour "8-9": there are no \
-ranges with a dash; allowed: 8,9 for each of them, 8~9 for one drawn at random
+must match on the same day; write: "*" for one of the two
+/usr/kest/etc/kestcron.d/times.conf:5:20: error: builtin-dyn-times-dash: hour "8-9": ranges \
+with a dash are not supported; write: 8,9 for all values, 8~9 for one random value
 /usr/kest/etc/kestcron.d/times.conf:5:28: error: builtin-dyn-times-dash: weekday "7" is out of \
-range; allowed: 0 (Sunday) to 6, a draw such as 0~6, "~" or "*"
-/usr/kest/share/kestcron.d/dyn-a.conf:1:11: warning: builtin-dyn-a-b: replaced by the job of the \
-same full name in /usr/kest/etc/kestcron.d/a.conf:1, which is read later; allowed: one job of a \
-full name
-/usr/local/etc/kestcron.d/deeper:1:1: error: a directory is no job file; allowed: a regular file
-/usr/local/etc/kestcron.d/empty.conf:1:1: error: the file is empty; allowed: one JSON document
-/usr/local/etc/kestcron.d/period.conf:5:19: error: pkg-period-x: "period" cannot be "yearly"; \
-allowed: "hourly", "daily", "weekly", "monthly" or "crontab"
-/usr/local/etc/kestcron.d/syntax.conf:2:3: error: no JSON document: Missing ',' or '}' in object \
+range; expected: 0 (Sunday) to 6, a random value such as 0~6, "~" or "*"
+/usr/kest/share/kestcron.d/dyn-a.conf:1:11: warning: builtin-dyn-a-b: replaced by the job with \
+the same full name in /usr/kest/etc/kestcron.d/a.conf:1, which is read later; expected: one job for \
+each full name
+/usr/local/etc/kestcron.d/deeper:1:1: error: is a directory; expected: a regular file
+/usr/local/etc/kestcron.d/empty.conf:1:1: error: the file is empty; expected: one JSON document
+/usr/local/etc/kestcron.d/period.conf:5:19: error: pkg-period-x: "period" is invalid: "yearly"; \
+expected: "hourly", "daily", "weekly", "monthly" or "crontab"
+/usr/local/etc/kestcron.d/syntax.conf:2:3: error: invalid JSON: Missing ',' or '}' in object \
 declaration
 /usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:13: warning: pkg_nonroot-alice-one-default: \
-"name" is not read: the only job of a file without an array is "default"; allowed: an array with \
-this definition, where the job may have a name
+"name" is ignored: the job of a file without an array is named "default"; write: an array around the \
+definition
 /usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:26: warning: pkg_nonroot-alice-one-default: \
-"user" is not read: every job of this directory runs as "alice"
+"user" is ignored: all jobs in this directory run as "alice"
 /usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:34: warning: pkg_nonroot-alice-one-default: \
-nobody reads "perod"; allowed: "period"
+unknown member "perod" is ignored; write: "period"
 /usr/local/etc/kestcron_nonroot.d/alice/one.conf:2:63: warning: pkg_nonroot-alice-one-default: \
-"period" "monday" is read as "monthly": only its first letter counts; allowed: "hourly", "daily", \
+"period" "monday" is read as "monthly": only its first letter counts; expected: "hourly", "daily", \
 "weekly", "monthly" or "crontab"
 /usr/local/etc/kestcron_nonroot.d/alice/one.conf:3:35: warning: pkg_nonroot-alice-one-default: ">" \
-is passed on as it is: there is no shell and no quoting, "cmd" is split at blanks; allowed: \
-"cmd_list" for arguments with blanks, a script for what a shell does
-/usr/local/etc/kestcron_nonroot.d/stranger:1:1: error: its owner, number 4711, is no account; \
-allowed: a directory that belongs to the account of its jobs
+is passed to the program as it is: "cmd" is split at blanks, without a shell and without quoting; \
+write: "cmd_list" for arguments with blanks, a script for shell syntax
+/usr/local/etc/kestcron_nonroot.d/stranger:1:1: error: is owned by user ID 4711, which has no \
+account; expected: a directory owned by the account of its jobs
 """
 
 
-def test_what_is_printed(machine, ctl):  # noqa: F811
+def test_output(machine, ctl):  # noqa: F811
     expected = files_of_a_fixed_tree(machine)
     done = ctl("check")
     assert done.stdout == expected
     assert done.stderr == "9 files, 7 jobs: 7 errors, 8 warnings\n"
     assert done.returncode == 1
-    # With colour, when it is no terminal: none.
+    # No colours without a terminal.
     assert ctl("check", env={"TERM": "xterm"}).stdout == expected
 
 
-def test_what_is_answered_in_json(machine, ctl):  # noqa: F811
+def test_json_output(machine, ctl):  # noqa: F811
     expected = files_of_a_fixed_tree(machine).splitlines()
     status, answer = ctl.json("check")
     assert status == 1
@@ -106,8 +106,8 @@ def test_what_is_answered_in_json(machine, ctl):  # noqa: F811
                                    "message", "severity"]
         lines.append("{file}:{line}:{column}: {severity}: ".format(**problem)
                      + (f"{problem['job']}: " if problem["job"] else "") + problem["message"]
-                     + (f"; allowed: {problem['allowed']}" if problem["allowed"] else ""))
-    assert lines == expected
+                     + (f"; {problem['allowed']}" if problem["allowed"] else ""))
+    assert lines == [re.sub("; (?:expected|write): ", "; ", line) for line in expected]
     dash = next(problem for problem in answer["problems"] if "8-9" in problem["message"])
     assert (dash["member"], dash["found"]) == ("crontab", '"8-9"')
     empty = next(problem for problem in answer["problems"] if "empty.conf" in problem["file"])
@@ -125,7 +125,7 @@ def test_errors_only(machine, ctl):  # noqa: F811
     assert (only_warned.returncode, only_warned.stdout) == (0, "")
 
 
-def test_nothing_to_say(machine, ctl):  # noqa: F811
+def test_no_problems(machine, ctl):  # noqa: F811
     machine.write(PKG + "/good.conf", json.dumps([GOOD, {**GOOD, "name": "y"}]))
     machine.write(PKG + "/one", json.dumps({key: GOOD[key] for key in ("user", "period", "cmd")}))
     done = ctl("check")
@@ -144,7 +144,7 @@ def refused_jobs(answer):
     return [problem["job"] for problem in answer["problems"] if problem["severity"] == "error"]
 
 
-def test_paths_are_judged_as_what_they_are(machine, ctl):  # noqa: F811
+def test_paths_in_and_outside_the_sources(machine, ctl):  # noqa: F811
     bad = json.dumps([{**GOOD, "period": "yearly"}])
     machine.account_directory("alice")
     for path in (PKG + "/f", ACCOUNTS + "/alice/f", "/tmp/build/f.conf", "/tmp/build/.g"):
@@ -160,12 +160,12 @@ def test_paths_are_judged_as_what_they_are(machine, ctl):  # noqa: F811
             ([PKG, PKG + "/f", "/tmp/build"], ["f-x", "pkg-f-x"])]:
         status, answer = ctl.json("check", *paths)
         assert (status, refused_jobs(answer)) == (1, names), paths
-    # Shown as it was written, so that an editor finds it.
+    # Paths are printed as given, so that editors find them.
     assert ctl("check", "tmp/build//f.conf").stdout.startswith("tmp/build//f.conf:1:")
     assert ctl("check", "tmp/build/").stdout.startswith("tmp/build/f.conf:1:")
 
 
-def test_a_link_among_the_accounts_is_an_account(machine, ctl):  # noqa: F811
+def test_a_link_to_an_account_directory(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     machine.run("mv", ACCOUNTS + "/alice", "/tmp/elsewhere", check=True)
     machine.path(ACCOUNTS + "/linked").symlink_to("/tmp/elsewhere")
@@ -176,26 +176,26 @@ def test_a_link_among_the_accounts_is_an_account(machine, ctl):  # noqa: F811
 
 
 @pytest.mark.parametrize("arguments", [["/nowhere"], [PKG, "/nowhere"], [""], ["--nonsense"]])
-def test_what_cannot_be_checked(machine, ctl, arguments):  # noqa: F811
+def test_errors(machine, ctl, arguments):  # noqa: F811
     done = ctl("check", *arguments)
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr
 
 
-def test_what_another_may_not_read(machine, ctl):  # noqa: F811
+def test_files_that_the_caller_may_not_read(machine, ctl):  # noqa: F811
     machine.write("/tmp/build/bad", "no JSON")
     machine.write("/tmp/build/secret", json.dumps([GOOD]), mode=0o600)
     machine.path("/tmp/locked").mkdir(mode=0o700)
     done = ctl("check", "/tmp/build", user=2001)
     assert done.returncode == 2
     assert done.stdout.startswith("/tmp/build/bad:1:1: error: ")
-    assert len(done.stdout.splitlines()) == 1, "what cannot be read is not refused"
+    assert len(done.stdout.splitlines()) == 1, "unreadable files are not errors"
     assert done.stderr.endswith("kestcronctl: /tmp/build/secret: Permission denied\n")
     assert ctl("check", "/tmp/locked", user=2001).returncode == 2
     assert ctl("check", "/tmp/locked").returncode == 0
 
 
-def test_entries_that_are_refused_as_a_whole(machine, ctl):  # noqa: F811
+def test_refused_directories_and_files(machine, ctl):  # noqa: F811
     machine.run("rm", "-rf", PKG)
     machine.write(PKG, "in the way")
     machine.account_directory("alice")
@@ -205,11 +205,11 @@ def test_entries_that_are_refused_as_a_whole(machine, ctl):  # noqa: F811
     machine.path(ACCOUNTS + "/alice/dangling").symlink_to("nowhere")
     _, answer = ctl.json("check")
     assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
-        (PKG, "is no directory"),
+        (PKG, "is not a directory"),
         (ACCOUNTS + "/alice/dangling", "cannot be read: No such file or directory"),
-        (ACCOUNTS + "/alice/fifo", "neither a regular file nor a link to one"),
-        (ACCOUNTS + "/dangling", "cannot be looked at: No such file or directory"),
-        (ACCOUNTS + "/file", "is no directory")]
+        (ACCOUNTS + "/alice/fifo", "is neither a regular file nor a link to one"),
+        (ACCOUNTS + "/dangling", "cannot be read: No such file or directory"),
+        (ACCOUNTS + "/file", "is not a directory")]
 
 
 def test_another_appliance(machine, ctl):  # noqa: F811
@@ -228,21 +228,21 @@ def test_another_appliance(machine, ctl):  # noqa: F811
     machine.write(root + ACCOUNTS + "/whatever/f", json.dumps([{**GOOD, "cmd": "/opt/none"}]))
     _, answer = ctl.json("--root", root, "check")
     expected = [
-        (PKG + "/f.conf", "pkg-f-y", 'there is no account "alice": the job is not admitted'),
-        (PKG + "/f.conf", "pkg-f-y", f'program "{RECORD}" does not exist: the job is not admitted'),
+        (PKG + "/f.conf", "pkg-f-y", 'account "alice" does not exist: the daemon will not load this job'),
+        (PKG + "/f.conf", "pkg-f-y", f'program "{RECORD}" does not exist: the daemon will not load this job'),
         (PKG + "/f.conf", "pkg-f-z",
-         'program "/opt/link" is a link to "/opt/real", which runs as it is found there')]
+         'program "/opt/link" is a link to "/opt/real": the daemon runs the link target, not a copy')]
     expected += [(PKG + "/g.conf", job.replace("-f-", "-g-"), text) for _, job, text in expected]
     expected += [
         (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
-         '"user" is not read: every job of this directory runs as "carol"'),
+         '"user" is ignored: all jobs in this directory run as "carol"'),
         (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
-         'program "/opt/none" does not exist: the job is not admitted')]
+         'program "/opt/none" does not exist: the daemon will not load this job')]
     assert sorted((problem["file"].removeprefix(root), problem["job"], problem["message"])
                   for problem in answer["problems"]) == sorted(expected)
 
 
-def test_directories_that_others_may_write(machine, ctl):  # noqa: F811
+def test_program_directories_that_others_can_write_to(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for path, mode, owner in [("/opt/a", 0o755, "root"), ("/opt/b", 0o777, "root"),
                               ("/opt/c", 0o1777, "root"), ("/opt/d", 0o755, "alice"),
@@ -257,13 +257,13 @@ def test_directories_that_others_may_write(machine, ctl):  # noqa: F811
     machine.write(ACCOUNTS + "/alice/f", json.dumps([
         {"name": name, "period": "daily", "cmd": f"/opt/{name}/p"} for name in ("a", "b", "d")]))
     _, answer = ctl.json("check")
-    assert {problem["job"]: problem["message"].split("write ")[1]
+    assert {problem["job"]: problem["message"].split("write to ")[1]
             for problem in answer["problems"]} == {
         "pkg-f-b": '"/opt/b"', "pkg-f-c": '"/opt/c"', "pkg-f-d": '"/opt/d"',
         "pkg-f-b-e": '"/opt/b"', "pkg_nonroot-alice-f-b": '"/opt/b"'}
 
 
-def test_what_somebody_else_may_change(machine, ctl):  # noqa: F811
+def test_job_files_that_others_can_change(machine, ctl):  # noqa: F811
     for name, mode, owner in [("fine", 0o644, "root"), ("of-bob", 0o644, "bob"), ("open", 0o666, "root")]:
         machine.write(f"{PKG}/{name}", json.dumps([GOOD]), mode, owner=owner)
     machine.write("/srv/bob/real", json.dumps([GOOD]), 0o644, owner="bob")
@@ -283,24 +283,24 @@ def test_what_somebody_else_may_change(machine, ctl):  # noqa: F811
     machine.path("/usr/local").chmod(0o777)
     machine.path(PKG).chmod(0o1777)
     _, answer = ctl.json("check")
-    told = {(problem["file"], problem["message"]) for problem in answer["problems"]
-            if "others than" in problem["message"] or "is a link" in problem["message"]}
-    below = "others than root may change this directory, and with it the job files below it"
-    both = 'others than root and "alice" may '
-    assert told == {
-        ("/usr/local", below), (PKG, "others than root may put job files into this directory"),
-        *((f"{PKG}/{name}", "others than root may change this file")
+    found = {(problem["file"], problem["message"]) for problem in answer["problems"]
+            if "users other than" in problem["message"] or "is a link" in problem["message"]}
+    below = "users other than root can change this directory and the job files below it"
+    both = 'users other than root and "alice" can '
+    assert found == {
+        ("/usr/local", below), (PKG, "users other than root can add job files to this directory"),
+        *((f"{PKG}/{name}", "users other than root can change this file")
           for name in ("of-bob", "open", "to-bob")),
         *((f"{ACCOUNTS}/alice/{name}", both + "change this file") for name in ("of-bob", "open")),
-        (ACCOUNTS + "/linked", 'is a link to "/srv/linked": whoever may change what is there decides '
-                               'whose jobs it holds'),
-        (ACCOUNTS + "/shared", both + "put job files into this directory")}
+        (ACCOUNTS + "/linked", 'is a link to "/srv/linked": whoever can replace the target determines '
+                               'the account of the jobs'),
+        (ACCOUNTS + "/shared", both + "add job files to this directory")}
     assert all(problem["severity"] == "warning" for problem in answer["problems"])
 
 
-# --- The daemon says the same -------------------------------------------------------------------
+# --- Agreement with the daemon ------------------------------------------------------------------
 
-def test_what_is_not_admitted(machine, ctl):  # noqa: F811
+def test_jobs_that_the_daemon_does_not_load(machine, ctl):  # noqa: F811
     machine.path("/usr/local/bin/relative").symlink_to("record")
     machine.path("/usr/local/bin/absolute").symlink_to(RECORD)
     machine.path("/usr/local/bin/directory").mkdir()
@@ -322,14 +322,14 @@ def test_what_is_not_admitted(machine, ctl):  # noqa: F811
     _, answer = ctl.json("check")
     assert answer["errors"] == 0
     machine.start_and_wait()
-    told = {problem["job"] for problem in answer["problems"]
-            if "the job is not admitted" in problem["message"]}
+    warned = {problem["job"] for problem in answer["problems"]
+            if "the daemon will not load this job" in problem["message"]}
     names = {f"pkg-f-{name}" for name in definitions}
-    assert told == names - set(machine.entries())
-    assert len(told) == 14
+    assert warned == names - set(machine.entries())
+    assert len(warned) == 14
 
 
-def test_of_two_jobs_the_same_wins(machine, ctl):  # noqa: F811
+def test_duplicate_names(machine, ctl):  # noqa: F811
     def put(source, file, *names_and_arguments):
         machine.jobs(source, file, [{**GOOD, "name": name, "cmd": f"{RECORD} {argument}",
                                      **({} if argument != "bad" else {"period": "x"})}
@@ -353,7 +353,7 @@ def test_of_two_jobs_the_same_wins(machine, ctl):  # noqa: F811
     assert winners == {"pkg-same-x": {PKG + "/same"}, "pkg-a-x": {PKG + "/a.conf.conf"},
                        "builtin-dyn-x-y": {SOURCES["builtin-dyn"] + "/x.conf"}}
     assert arguments == {"pkg-same-x": "2", "pkg-a-x": "5", "builtin-dyn-x-y": "7"}
-    # Outside of the sources only files of one directory are compared.
+    # Outside the sources only files of the same directory are compared.
     for path in ("/tmp/one/f", "/tmp/two/f"):
         machine.write(path, json.dumps([GOOD]))
     assert ctl("check", "/tmp/one", "/tmp/two").returncode == 0
@@ -364,26 +364,26 @@ def read_errors(machine):
 
 
 def left_out(machine):
-    """The paths of what a quota left out, if only a few."""
-    told = [re.fullmatch("Quota of alice exceeded, left out: (.*)", text)
+    """The paths that exceeded a quota, if there are only a few."""
+    matches = [re.fullmatch("Quota of alice exceeded, left out: (.*)", text)
             for text in machine.texts()]
-    return [f"{ACCOUNTS}/{name}" for match in told if match for name in match[1].split(", ")]
+    return [f"{ACCOUNTS}/{name}" for match in matches if match for name in match[1].split(", ")]
 
 
 def expect_left_out(machine, ctl, *names):  # noqa: F811
-    """The daemon and the tool must leave out these files of alice's, and nothing else."""
+    """The daemon and the tool must leave out exactly these files of alice."""
     machine.start_and_wait()
     paths = [f"{ACCOUNTS}/{name}" for name in names]
     assert left_out(machine) == paths
     assert len(machine.texts()) == 1
     _, answer = ctl.json("check", "--errors-only")
     assert [problem["file"] for problem in answer["problems"]] == paths
-    assert all('quota of "alice"' in problem["message"] for problem in answer["problems"])
+    assert all('quota of account "alice"' in problem["message"] for problem in answer["problems"])
     for path in paths:
         assert ctl("check", "--errors-only", path).returncode == 1
 
 
-def test_the_files_of_an_account_share_their_quota(machine, ctl):  # noqa: F811
+def test_files_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for name, size in [("a", 400 << 10), (".hidden", 400 << 10), ("b", 400 << 10),
                        ("c", 300 << 10), ("d", 100 << 10)]:
@@ -395,14 +395,14 @@ def test_the_files_of_an_account_share_their_quota(machine, ctl):  # noqa: F811
     assert ctl("check", ACCOUNTS + "/alice/.hidden").returncode == 1
 
 
-def test_the_jobs_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_jobs_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for name, count in [("a", 400), ("b", 625), ("c", 100)]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}] * count))
     expect_left_out(machine, ctl, "alice/b")
 
 
-def test_the_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     machine.path(ACCOUNTS + "/also").mkdir()
     machine.chown(machine.path(ACCOUNTS + "/also"), "alice")
@@ -411,7 +411,7 @@ def test_the_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F
     expect_left_out(machine, ctl, "also/a")
 
 
-def test_the_documents_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_documents_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     for name, count in [("a", 50000), ("b", 50000), ("c", 1000)]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([
@@ -419,19 +419,19 @@ def test_the_documents_of_an_account_share_its_quota(machine, ctl):  # noqa: F81
     expect_left_out(machine, ctl, "alice/b")
 
 
-def test_more_files_than_a_quota_admits(machine, ctl):  # noqa: F811
+def test_too_many_files_for_a_quota(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     machine.run("bash", "-c", f"cd {ACCOUNTS}/alice; for i in {{0001..1100}}; do echo [] > $i; done",
                 check=True, env={"LD_PRELOAD": ""})
     _, answer = ctl.json("check", "--errors-only")
     assert answer["files"] == 1100
-    # The first ten are named by themselves, as the daemon names them.
+    # The first ten have a problem each, as the daemon has a message for each.
     assert [problem["file"][-4:] for problem in answer["problems"]] == [
         str(number) for number in range(1025, 1036)]
     assert answer["problems"][-1]["message"].endswith(", and 65 more")
 
 
-def test_files_that_their_account_may_not_read(machine, ctl):  # noqa: F811
+def test_files_that_the_account_may_not_read(machine, ctl):  # noqa: F811
     machine.account_directory("alice")
     machine.write(ACCOUNTS + "/alice/f", json.dumps([GOOD]), 0o600)
     machine.start_and_wait()
@@ -441,15 +441,15 @@ def test_files_that_their_account_may_not_read(machine, ctl):  # noqa: F811
         (ACCOUNTS + "/alice/f", "cannot be read: Permission denied")]
 
 
-def test_a_directory_of_roots_that_others_write_to(machine, ctl):  # noqa: F811
+def test_a_directory_of_root_that_others_can_write_to(machine, ctl):  # noqa: F811
     machine.write(ACCOUNTS + "/open/f", json.dumps([GOOD]))
     machine.path(ACCOUNTS + "/open").chmod(0o777)
     _, answer = ctl.json("check", "--errors-only")
     assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
-        (ACCOUNTS + "/open", "belongs to root, and others may write to it")]
+        (ACCOUNTS + "/open", "is owned by root, and others can write to it")]
 
 
-def test_files_of_any_bytes(machine, ctl):  # noqa: F811
+def test_random_bytes(machine, ctl):  # noqa: F811
     special = damaged_files(7)
     for number, content in enumerate(special):
         machine.write(f"{PKG}/{number:03}", content)
@@ -469,7 +469,7 @@ def test_files_of_any_bytes(machine, ctl):  # noqa: F811
 @pytest.mark.parametrize("item,count,end", [
     ("~x,", 200000, "1 1 1 1 1"), ("x,", 250000, "1 1 1 1 1"), ("* ", 400000, ""),
     ("*/1,", 200000, "1 1 1 1")])
-def test_a_file_full_of_problems(machine, ctl, item, count, end):  # noqa: F811
+def test_many_problems_in_one_file(machine, ctl, item, count, end):  # noqa: F811
     machine.write("/tmp/f", json.dumps([{**GOOD, "period": "crontab",
                                     "crontab": item * count + end}]))
     done = ctl("check", "/tmp/f")
@@ -477,13 +477,13 @@ def test_a_file_full_of_problems(machine, ctl, item, count, end):  # noqa: F811
     assert "exception" not in done.stderr and len(done.stderr) < 100
 
 
-def test_the_daemon_and_the_check_agree(machine, ctl):  # noqa: F811
-    # The clock stands still: what is loaded is looked at, nothing is to run.
+def test_random_definitions(machine, ctl):  # noqa: F811
+    # The clock stands still, so that no job runs.
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.template(maxDelay=0)
     definitions = Definitions(20260602)
     machine.account_directory("alice")
-    by_place = {}  # the file and the line of a definition to its full name
+    by_position = {}  # file and line of each definition to its full name
     for number in range(120):
         label = random.Random(number).choice(list(SOURCES))
         directory = ACCOUNTS + "/alice" if label == "pkg_nonroot" else SOURCES[label]
@@ -501,14 +501,14 @@ def test_the_daemon_and_the_check_agree(machine, ctl):  # noqa: F811
             text = "[" + ",\n".join(lines) + "]"
         machine.write(path, text)
         for line, name in enumerate(names, 1):
-            by_place[path, line] = f"{prefix}-f{number:03}-{name}"
-    assert len(by_place) > 1000
+            by_position[path, line] = f"{prefix}-f{number:03}-{name}"
+    assert len(by_position) > 1000
     machine.start_and_wait()
     loaded = set(machine.entries())
     _, answer = ctl.json("check")
     refused = {(problem["file"], problem["line"]) for problem in answer["problems"]
                if problem["severity"] == "error"}
-    assert answer["jobs"] == len(by_place)
-    assert {name for place, name in by_place.items() if place not in refused} == loaded
-    assert refused <= set(by_place)
-    assert 300 < len(loaded) < len(by_place) - 300, "there are enough of both"
+    assert answer["jobs"] == len(by_position)
+    assert {name for position, name in by_position.items() if position not in refused} == loaded
+    assert refused <= set(by_position)
+    assert 300 < len(loaded) < len(by_position) - 300, "too few valid or invalid definitions"

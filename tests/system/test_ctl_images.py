@@ -1,5 +1,4 @@
-"""Images of systems that somebody else made: whatever is in them, a command ends soon and with little
-memory."""
+"""Crafted images of other systems: each command ends within its time and memory limits."""
 
 import json
 import os
@@ -26,12 +25,12 @@ def document(machine, text):
 
 
 def with_extra(text):
-    """A document of one job with this text as a member of its definition."""
+    """A document with one job whose definition has an additional member with this JSON text."""
     return json.dumps({"jobs": {"a": job("a", extra="@")}}).replace('"@"', text)
 
 
 def hostile_zone():
-    """A zone whose offset from UTC changes every other hour for decades."""
+    """A time zone whose offset from UTC changes every two hours for decades."""
     def block(form, first, count):
         times = b"".join(struct.pack(form, first + 7200 * i) for i in range(count))
         numbers = bytes(i % 2 for i in range(count))
@@ -84,11 +83,11 @@ IMAGES = {
     "pipes": pipes_everywhere, "job files": dense_job_files}
 
 
-@pytest.mark.native(reason="an emulator takes time and memory of its own")
+@pytest.mark.native(reason="an emulator needs time and memory of its own")
 @pytest.mark.parametrize("image", IMAGES)
-def test_every_command_ends_with_little(machine, ctl, image):  # noqa: F811
+def test_time_and_memory_limits(machine, ctl, image):  # noqa: F811
     if machine.is_sanitized():
-        pytest.skip("the address sanitizer takes time and memory of its own")
+        pytest.skip("the address sanitizer needs time and memory of its own")
     machine.path(ROOT).mkdir()
     IMAGES[image](machine)
     path = machine.path(ROOT + "/var/run/kestcrond.config")
@@ -120,8 +119,8 @@ def test_a_document_that_is_too_large(machine, ctl):  # noqa: F811
     assert ctl("--root", ROOT, "list").returncode == 0
 
 
-def test_an_entry_full_of_faults(machine, ctl):  # noqa: F811
-    """The first of them is enough to leave it out."""
+def test_an_entry_with_many_faults(machine, ctl):  # noqa: F811
+    """Parsing stops at the first fault."""
     machine.path(ROOT).mkdir()
     document(machine, json.dumps({"jobs": {
         "a": job("a"), "b": job("b", crontab="x," * 400000 + "1 * * * *")}}))
@@ -129,10 +128,10 @@ def test_an_entry_full_of_faults(machine, ctl):  # noqa: F811
     assert done.returncode == 0 and '"b" is not a valid job' in done.stderr
 
 
-def test_a_document_of_the_daemon_is_worth_its_memory(machine, ctl):  # noqa: F811
-    """Those that it writes itself are read, however many jobs there are."""
+def test_limits_allow_documents_of_the_daemon(machine, ctl):  # noqa: F811
+    """A document that the daemon wrote itself can be read with many jobs."""
     if machine.is_sanitized():
-        pytest.skip("the address sanitizer takes time and memory of its own")
+        pytest.skip("the address sanitizer needs time and memory of its own")
     entry = {"cmd_list": ["/tmp/kestcrond/x", "--all"], "cmd_str": "/usr/bin/backup.sh --all",
              "config": {"assure_execute": 0, "assure_execute_action": "wait", "name": "",
                         "cmd": "/usr/bin/backup.sh --all", "period": "daily",

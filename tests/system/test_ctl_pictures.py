@@ -1,4 +1,4 @@
-"""The tool's pictures of the jobs: the timeline as text, SVG and JSON, and the metrics."""
+"""kestcronctl timeline, as text, SVG and JSON, and kestcronctl metrics."""
 
 import json
 import re
@@ -16,7 +16,7 @@ SVG = "{http://www.w3.org/2000/svg}"
 
 @pytest.fixture
 def appliance(machine):
-    """A machine whose clock stands still, with a fixed draw and a job of each kind."""
+    """A machine whose clock stands still, with a fixed draw and various jobs."""
     machine.clock("2026-06-02 02:10:10", rate=0, zone="UTC")
     machine.template(schedule={"Minute": [17], "hour": [5], "day": [9], "month": [6], "week": [3]},
                      maxDelay=0)
@@ -33,7 +33,7 @@ def appliance(machine):
 
 @pytest.fixture
 def running(appliance):
-    """The same, with the daemon, which has started what was due."""
+    """The same with a running daemon that has started the due jobs."""
     appliance.start_and_wait()
     wait_for(lambda: appliance.runs("pkg-f-minutely"), what="the job of every minute")
     names = lambda: [process["name"] for process in appliance.processes().values()]
@@ -41,8 +41,8 @@ def running(appliance):
     return appliance
 
 
-def answer(ctl, *arguments, **options):
-    """What the tool writes when all is well."""
+def output(ctl, *arguments, **options):
+    """The standard output of a successful command."""
     done = ctl(*arguments, **options)
     assert (done.returncode, done.stderr) == (0, "")
     return done.stdout
@@ -67,9 +67,9 @@ def test_the_timeline_fits(running, ctl, hours):
 
 
 def test_the_timeline_without_a_terminal(running, ctl):
-    lines = answer(ctl, "timeline").splitlines()
+    lines = output(ctl, "timeline").splitlines()
     assert max(map(len, lines)) == 100
-    text = answer(ctl, "timeline", env={"LC_ALL": "C"})
+    text = output(ctl, "timeline", env={"LC_ALL": "C"})
     assert text.isascii()
     rows = dict(line.split(maxsplit=1) for line in text.splitlines()[3:9])
     assert set(rows["pkg-f-minutely"]) == {"#"}
@@ -78,7 +78,7 @@ def test_the_timeline_without_a_terminal(running, ctl):
 
 
 def test_the_timeline_in_json(running, ctl):
-    document = json.loads(answer(ctl, "timeline", "--hours", 2, "--json"))
+    document = json.loads(output(ctl, "timeline", "--hours", 2, "--json"))
     assert (document["from"], document["until"]) == (
         "2026-06-02T02:10:00+00:00", "2026-06-02T04:10:00+00:00")
     assert document["idle_jobs"] == 5
@@ -91,7 +91,7 @@ def test_the_timeline_in_json(running, ctl):
          "undrawn": ["Minute"], "overdue": False},
         {"earliest": "2026-06-02T04:01:00+00:00", "latest": "2026-06-02T05:00:00+00:00",
          "undrawn": ["Minute"], "overdue": False}]
-    assert len(starts["pkg-f-minutely"]) == 119  # all but the one that has been
+    assert len(starts["pkg-f-minutely"]) == 119  # all but the one that has started
     assert [(entry["from"][11:16], entry["starts"], entry["possible"])
             for entry in document["load"]] == [
         ("02:00", 4, 0), ("02:15", 16, 0), ("02:30", 15, 0), ("02:45", 15, 0), ("03:00", 15, 1),
@@ -99,9 +99,9 @@ def test_the_timeline_in_json(running, ctl):
 
 
 def test_the_timeline_in_svg(running, ctl):
-    assert answer(ctl, "timeline", "--svg", "/tmp/picture.svg") == ""
+    assert output(ctl, "timeline", "--svg", "/tmp/picture.svg") == ""
     text = running.read("/tmp/picture.svg")
-    assert answer(ctl, "timeline", "--svg", "-") == text
+    assert output(ctl, "timeline", "--svg", "-") == text
     root = ElementTree.fromstring(text)
     assert root.tag == SVG + "svg"
     assert [child.tag for child in root][:2] == [SVG + "title", SVG + "desc"]
@@ -111,17 +111,17 @@ def test_the_timeline_in_svg(running, ctl):
                   "pkg-f-assured: 2026-06-02 06:10, overdue",
                   "pkg-f-minutely: 2026-06-02 02:11 to 2026-06-03 02:09, 1439 starts",
                   "pkg-f-hourly: one start between 2026-06-02 03:01 and 2026-06-02 04:00; "
-                  "yet to be drawn: minute"):
+                  "not yet drawn: minute"):
         assert titles.count(title) == 1, titles
     assert not list(root.iter(SVG + "script"))
     assert not re.search(r"https?://(?!www\.w3\.org/2000/svg)|@import|url\(", text)
 
 
-def test_a_picture_replaces_the_old_one_whole(running, ctl):
+def test_svg_replaces_the_file(running, ctl):
     running.write("/tmp/old.svg", "old", mode=0o640)
     before = running.path("/tmp/old.svg").stat().st_ino
     for path in ("/tmp/old.svg", "/tmp/new.svg"):
-        answer(ctl, "timeline", "--svg", path)
+        output(ctl, "timeline", "--svg", path)
         assert ElementTree.fromstring(running.read(path)).tag == SVG + "svg"
         assert stat.S_IMODE(running.path(path).stat().st_mode) == 0o644
     assert running.path("/tmp/old.svg").stat().st_ino != before
@@ -130,14 +130,14 @@ def test_a_picture_replaces_the_old_one_whole(running, ctl):
 @pytest.mark.parametrize("path, error", [
     ("/nowhere/x.svg", "No such file or directory"), ("/tmp", "Is a directory"),
     ("/dev/null", "Invalid argument"), ("/dev/full", "Invalid argument")])
-def test_a_picture_that_cannot_be_written(running, ctl, path, error):
+def test_svg_cannot_be_written(running, ctl, path, error):
     before = sorted(running.path("/tmp").iterdir())
     result = ctl("timeline", "--svg", path)
     assert (result.returncode, result.stderr) == (2, f"kestcronctl: {path}: {error}\n")
     assert sorted(running.path("/tmp").iterdir()) == before
 
 
-def test_a_full_disk_leaves_the_old_picture(running, ctl):
+def test_a_full_disk_keeps_the_old_file(running, ctl):
     small = running.path("/mnt/small")
     small.mkdir()
     running.run("/usr/bin/mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/mnt/small", check=True)
@@ -149,7 +149,7 @@ def test_a_full_disk_leaves_the_old_picture(running, ctl):
     assert [entry.name for entry in small.iterdir()] == ["x.svg"]
 
 
-def test_two_forms_at_once_are_refused(running, ctl):
+def test_svg_and_json_together_are_refused(running, ctl):
     result = ctl("--json", "timeline", "--svg", "-")
     assert (result.returncode, result.stdout) == (2, "")
     assert "--json and --svg" in result.stderr
@@ -158,16 +158,16 @@ def test_two_forms_at_once_are_refused(running, ctl):
 def test_a_timeline_without_jobs(appliance, ctl):
     appliance.path("/usr/local/etc/kestcron.d/f.conf").unlink()
     appliance.start_and_wait()
-    assert answer(ctl, "timeline") == (
+    assert output(ctl, "timeline") == (
         "today 02:10 to tomorrow 02:10\nNo job starts in these hours\n")
-    document = json.loads(answer(ctl, "--json", "timeline"))
+    document = json.loads(output(ctl, "--json", "timeline"))
     assert (document["jobs"], document["idle_jobs"]) == ([], 0)
-    root = ElementTree.fromstring(answer(ctl, "timeline", "--svg", "-"))
+    root = ElementTree.fromstring(output(ctl, "timeline", "--svg", "-"))
     assert "No job starts in these hours" in [text.text for text in root.iter(SVG + "text")]
 
 
 def samples(text):
-    """Name and labels to value, of a text that a reader takes; one type each."""
+    """Parses metrics. Returns the values by name and labels."""
     families = list(text_string_to_metric_families(text))
     assert {family.type for family in families} == {"gauge"}
     assert all(family.documentation for family in families)
@@ -179,7 +179,7 @@ def samples(text):
 
 
 def test_the_metrics(running, ctl):
-    text = answer(ctl, "metrics")
+    text = output(ctl, "metrics")
     values = samples(text)
     assert values["kestcron_start_time_seconds", ()] > 1e9
     text = re.sub(r"(?m)^(kestcron_start_time_seconds) \d+$", r"\1 0", text)
@@ -192,7 +192,7 @@ def test_the_metrics(running, ctl):
 def test_the_metrics_of_a_held_and_passive_machine(appliance, ctl):
     appliance.write("/run/kestvorld.status", "2")
     appliance.start_and_wait("--passive-mode")
-    values = samples(answer(ctl, "metrics"))
+    values = samples(output(ctl, "metrics"))
     assert [values[f"kestcron_{name}", ()] for name in ("up", "passive", "held")] == [1, 1, 1]
     assert not [name for name, _ in values if "next_run" in name]
 
@@ -201,7 +201,7 @@ def test_the_metrics_without_the_daemon(running, ctl):
     running.stop()
     result = ctl("metrics")
     assert result.returncode == 0
-    assert result.stderr.startswith("kestcronctl: kestcrond does not run")
+    assert result.stderr.startswith("kestcronctl: kestcrond is not running")
     values = samples(result.stdout)
     assert (values["kestcron_up", ()], values["kestcron_jobs", ()]) == (0, 7)
     assert ("kestcron_start_time_seconds", ()) not in values
@@ -210,20 +210,20 @@ def test_the_metrics_without_the_daemon(running, ctl):
 def test_the_metrics_without_a_document(appliance, ctl):
     result = ctl("metrics")
     assert result.returncode == 0
-    assert re.fullmatch("kestcronctl: there is neither .*: kestcrond has not run here\n",
+    assert re.fullmatch("kestcronctl: neither .* exists: kestcrond has not run on this system\n",
                         result.stderr)
     values = samples(result.stdout)
     assert (values["kestcron_up", ()], values["kestcron_jobs", ()]) == (0, 0)
 
 
-def test_the_metrics_say_when_they_cannot_be_had(appliance, ctl):
+def test_the_metrics_with_an_invalid_document(appliance, ctl):
     appliance.write("/run/kestcrond.config", "{")
     result = ctl("metrics")
     assert (result.returncode, result.stdout) == (2, "")
-    assert "is no whole JSON document" in result.stderr
+    assert "is not a complete JSON document" in result.stderr
 
 
-def test_the_metrics_have_no_other_form(running, ctl):
+def test_the_metrics_refuse_json(running, ctl):
     result = ctl("--json", "metrics")
     assert (result.returncode, result.stdout) == (2, "")
-    assert result.stderr == ("kestcronctl: metrics has a format of its own; use list --json\n")
+    assert result.stderr == ("kestcronctl: metrics does not support --json; use list --json\n")

@@ -1,4 +1,4 @@
-"""What the tool finds it prints: whatever is broken, nothing of it reaches the system log."""
+"""The tool reports errors on standard error only, never in the system log."""
 
 import json
 import signal
@@ -11,7 +11,7 @@ from private_machine import wait_for
 
 ERRORS = "kestcronctl: "
 
-# How the first message begins that the daemon writes of each definition.
+# The beginning of the daemon's first message about each definition.
 REPORTED = {
     'Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err=': 7,
     'Failed [!jsConf.isMember("user") || !jsConf["user"].isString()], err=':
@@ -35,7 +35,7 @@ COMMANDS = [["list"], ["next"], ["timeline"], ["status"], ["show", "whole"], ["m
 
 
 def errors(machine):
-    """The errors in the system log; a message that is written now comes after all of them."""
+    """The errors in the system log. Waits for a message that is written after all of them."""
     machine.run("/usr/bin/python3", "-c",
                 "import syslog; syslog.openlog('witness'); syslog.syslog('now')",
                 env={"LD_PRELOAD": ""}, check=True)
@@ -43,8 +43,8 @@ def errors(machine):
     return machine.texts()
 
 
-def test_everything_is_broken(machine, ctl):  # noqa: F811
-    """The daemon reads the same afterwards, and has something to say of each piece."""
+def test_damaged_files(machine, ctl):  # noqa: F811
+    """The tool writes nothing to the system log. The daemon logs each of the faults afterwards."""
     machine.write(f"{SOURCES['builtin']}/broken", json.dumps(list(REPORTED.values())))
     machine.write(f"{SOURCES['builtin']}/default", json.dumps({"name": 7}))
     machine.write(f"{SOURCES['builtin']}/text", "no JSON")
@@ -68,7 +68,7 @@ def test_everything_is_broken(machine, ctl):  # noqa: F811
 
 @pytest.fixture
 def left(machine):
-    """A machine whose daemon was killed: its programs are still staged."""
+    """A machine whose daemon was killed, so that its programs are still staged."""
     machine.jobs("builtin", "f", [never("x", user="system"), never("y", cmd="/usr/local/bin/y")])
     machine.write("/usr/local/bin/y", "#!/no/such/interpreter\n", 0o755)
     machine.start_and_wait()
@@ -85,7 +85,7 @@ def left(machine):
      ["you are not package! error user in config", "Unable to determine user"]),
     ({"user": "system\0"}, [r"user system\x00 not exist"]),
 ])
-def test_a_run_without_an_account(left, ctl, members, reasons):  # noqa: F811
+def test_run_without_an_account(left, ctl, members, reasons):  # noqa: F811
     document = left.document()
     document["jobs"]["builtin-f-x"]["config"].update(members)
     left.write(left.RUNTIME_FILE, json.dumps(document))
@@ -100,7 +100,7 @@ def test_a_run_without_an_account(left, ctl, members, reasons):  # noqa: F811
 
 @pytest.mark.parametrize("log,error", [
     ("directory", "Is a directory"), ("/dev/full", "No space left on device")])
-def test_a_run_whose_log_cannot_be_written(left, ctl, log, error):  # noqa: F811
+def test_run_cannot_write_the_log(left, ctl, log, error):  # noqa: F811
     path = left.path(left.LOG_FILE)
     path.unlink(missing_ok=True)
     path.mkdir() if log == "directory" else path.symlink_to(log)
@@ -109,6 +109,6 @@ def test_a_run_whose_log_cannot_be_written(left, ctl, log, error):  # noqa: F811
     result = ctl("run", "y")
     assert result.returncode == 127
     assert result.stderr.splitlines()[1:] == [
-        ERRORS + "its command cannot be run; the execution log shows why",
+        ERRORS + "cannot run the command; see the execution log",
         f"{ERRORS}/var/log/kestcrond-execute.log: {error}"]
     assert errors(left) == []

@@ -84,9 +84,9 @@ def test_every_member_is_explained():
 def test_its_members_are_those_that_are_read(machine, ctl):  # noqa: F811
     machine.write(PKG + "/f", json.dumps([{**{name: None for name in MEMBERS}, "extra": 1}]))
     _, answer = ctl.json("check")
-    unread = [problem["member"] for problem in answer["problems"]
-              if problem["message"].startswith("nobody reads")]
-    assert unread == ["extra"]
+    unknown = [problem["member"] for problem in answer["problems"]
+               if problem["message"].startswith("unknown member")]
+    assert unknown == ["extra"]
 
 
 def test_examples_of_members(machine, ctl):  # noqa: F811
@@ -275,4 +275,4 @@ def test_jobs_that_only_the_machine_leaves_out(machine, ctl, reason):  # noqa: F
     assert refused(ctl) == (set(), set())
     _, answer = ctl.json("check")
     assert [problem for problem in answer["problems"]
-            if "the job is not admitted" in problem["message"]]
+            if "the daemon will not load this job" in problem["message"]]

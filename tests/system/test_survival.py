@@ -217,7 +217,7 @@ def test_a_document_that_cannot_be_read_is_kept(machine, ctl, broken):
                                                                      "Failed", "crontab"))] == []
     assert ctl.json("status")[1]["unreadable"] == [
         PERSISTENT_FILE + ".unreadable", PERSISTENT_TEMPLATE + ".unreadable"]
-    assert f"{PERSISTENT_FILE}.unreadable keeps a saved document" in ctl("status").stdout
+    assert f"{PERSISTENT_FILE}.unreadable (copy of a saved document" in ctl("status").stdout
     # The next one takes its place, and a good one leaves it alone.
     machine.start_and_wait()
     machine.stop()

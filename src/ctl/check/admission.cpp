@@ -10,98 +10,102 @@ namespace kest::ctl {
 
 namespace {
 
-constexpr const char *kNotAdmitted = ": the job is not admitted";
+constexpr const char *kNotLoaded = ": the daemon will not load this job";
 
 void Warn(CheckedDefinition &checked, const std::string &member, const std::string &message,
-          const std::string &allowed = {}) {
-    checked.Add(Severity::Warning, {member, message, allowed});
+          const Hint &hint = {}) {
+    checked.Add(Severity::Warning, {member, message, hint});
 }
 
-// The name is that of the staged program too.
-void FindNameObstacles(CheckedDefinition &checked, const std::string &name) {
+// The staged program has the same name.
+void CheckName(CheckedDefinition &checked, const std::string &name) {
     const std::string shown = "the full name " + Quoted(name);
     if (name.find('/') != std::string::npos)
-        Warn(checked, "name", shown + " has a \"/\"" + kNotAdmitted, "a name without \"/\"");
+        Warn(checked, "name", shown + " contains \"/\"" + kNotLoaded,
+             Expected("a name without \"/\""));
     if (name.find('\0') != std::string::npos)
-        Warn(checked, "name", shown + " has a zero byte" + kNotAdmitted);
+        Warn(checked, "name", shown + " contains a zero byte" + kNotLoaded);
     else if (Printable(name) != name)
-        Warn(checked, "name", shown + " has control characters", "a name that can be printed");
+        Warn(checked, "name", shown + " contains control characters",
+             Expected("printable characters"));
     if (name.size() > NAME_MAX)
-        Warn(checked, "name",
-             shown + " has " + std::to_string(name.size()) + " bytes" + kNotAdmitted,
-             "at most " + std::to_string(NAME_MAX) + " bytes");
+        Warn(checked, "name", shown + " has " + std::to_string(name.size()) + " bytes" + kNotLoaded,
+             Expected("at most " + std::to_string(NAME_MAX) + " bytes"));
 }
 
-void FindAccountObstacles(CheckedDefinition &checked, const Account &account) {
+void CheckAccount(CheckedDefinition &checked, const Account &account) {
     const Json::Value &config = checked.Config();
     const std::string user = TextMember(config, "user");
     const std::string package = TextMember(config, "package_username");
     if (account.name.empty()) {
         const std::string member = user == "package" ? "package_username" : "user";
         Warn(checked, member,
-             "\"" + member + "\" " + Excerpt(Member(config, member)) + " names no account" +
-                 kNotAdmitted,
-             "\"root\" or \"system\" as \"user\", or \"package\" and an account as "
-             "\"package_username\"");
+             "\"" + member + "\" " + Excerpt(Member(config, member)) + " does not name an account" +
+                 kNotLoaded,
+             Expected("\"root\" or \"system\" as \"user\", or \"package\" with an account as "
+                      "\"package_username\""));
         return;
     }
     const bool byPackage = HasMember(config, "package_username") && account.name == package;
     if (!account.exists)
         Warn(checked, byPackage ? "package_username" : "user",
-             "there is no account " + Quoted(account.name) + kNotAdmitted);
+             "account " + Quoted(account.name) + " does not exist" + kNotLoaded);
     if (byPackage && user != account.name && user != "package")
         Warn(checked, "user", "\"user\" " + Quoted(user) + " is read as \"package\"");
     if (HasMember(config, "package_username") && !byPackage)
         Warn(checked, "package_username",
-             R"("package_username" is not read: "user" is )" + Quoted(user),
-             R"("package" as "user")");
+             R"("package_username" is ignored: "user" is )" + Quoted(user),
+             Advice(R"("user": "package")"));
 }
 
-// A path that does not begin at the root; the daemon works there.
-void FindRelative(CheckedDefinition &checked, const std::string &member, const std::string &path,
-                  const Program &program) {
+// The working directory of the daemon is "/".
+void WarnOfRelativePath(CheckedDefinition &checked, const std::string &member,
+                        const std::string &path, const Program &program) {
     Warn(checked, member,
-         "program " + Quoted(path) + " is looked for in \"/\" alone" +
-             (program.exists && program.regular ? ""
-                                                : ", where it is not" + std::string(kNotAdmitted)),
-         "an absolute path");
+         "program " + Quoted(path) + " is a relative path: the daemon resolves it from \"/\"" +
+             (program.exists && program.regular
+                  ? ""
+                  : " and does not find it" + std::string(kNotLoaded)),
+         Expected("an absolute path"));
 }
 
-void FindLink(CheckedDefinition &checked, const std::string &member, const std::string &path,
-              const Program &program) {
-    // The link is copied as it is, to where the staged programs are.
+void WarnOfLink(CheckedDefinition &checked, const std::string &member, const std::string &path,
+                const Program &program) {
+    // The daemon copies the link itself, so a relative target does not resolve in the runtime
+    // directory.
     const bool relative = program.link.front() != '/';
     Warn(checked, member,
          "program " + Quoted(path) + " is a link to " + Quoted(program.link) +
-             (relative ? ", which leads nowhere from where programs are staged" +
-                             std::string(kNotAdmitted)
-                       : ", which runs as it is found there"),
-         "the program itself");
+             (relative ? ", which does not resolve in the directory of staged programs" +
+                             std::string(kNotLoaded)
+                       : ": the daemon runs the link target, not a copy"),
+         Expected("the path of the program itself"));
 }
 
-void FindProgramObstacles(CheckedDefinition &checked, const std::string &member,
-                          const std::string &path, const Program &program) {
+void CheckProgram(CheckedDefinition &checked, const std::string &member, const std::string &path,
+                  const Program &program) {
     const std::string shown = "program " + Quoted(path);
     if (path.front() != '/')
-        FindRelative(checked, member, path, program);
+        WarnOfRelativePath(checked, member, path, program);
     else if (!program.exists)
-        Warn(checked, member, shown + " does not exist" + kNotAdmitted);
+        Warn(checked, member, shown + " does not exist" + kNotLoaded);
     else if (!program.regular)
-        Warn(checked, member, shown + " is no regular file" + kNotAdmitted);
+        Warn(checked, member, shown + " is not a regular file" + kNotLoaded);
     else if (program.empty)
         Warn(checked, member, shown + " is empty");
     if (program.exists && program.regular && !program.link.empty())
-        FindLink(checked, member, path, program);
-    if (!program.openDirectory.empty())
+        WarnOfLink(checked, member, path, program);
+    if (!program.writableDirectory.empty())
         Warn(checked, member,
-             shown + " can be replaced: others may write " + Quoted(program.openDirectory),
-             "a program in directories that only root, or the job's account, may write");
+             shown + " can be replaced: other users can write to " +
+                 Quoted(program.writableDirectory),
+             Expected("a program in directories that only root or the job's account can write to"));
 }
 
 // --- Shell --------------------------------------------------------------------------------------
 
-// Whether a word would mean something else to a shell than it says.
-bool IsForShell(const std::string &word) {
+// Whether a shell would interpret the word.
+bool HasShellSyntax(const std::string &word) {
     if (word.empty())
         return false;
     const auto redirection = word.find_first_not_of("0123456789&");
@@ -111,46 +115,47 @@ bool IsForShell(const std::string &word) {
             (word[redirection] == '>' || word[redirection] == '<'));
 }
 
-void FindShellSyntax(CheckedDefinition &checked, const Json::Value &words) {
+void CheckShellSyntax(CheckedDefinition &checked, const Json::Value &words) {
     const Json::Value &command = Member(checked.Written(), "cmd");
     const std::string text = command.asString();
     std::size_t index = 0;
     for (const Json::Value &element : words) {
         const std::string word = element.asString();
         index = text.find(word, index);
-        if (!IsForShell(word)) {
+        if (!HasShellSyntax(word)) {
             index += word.size();
             continue;
         }
-        const std::optional<std::size_t> offset = checked.Places().OffsetOfText(command);
-        checked.Add(Severity::Warning,
-                    {"cmd",
-                     Quoted(word) + " is passed on as it is: there is no shell and no quoting, "
-                                    "\"cmd\" is split at blanks",
-                     "\"cmd_list\" for arguments with blanks, a script for what a shell does",
-                     offset ? checked.Places().At(*offset + index) : checked.Places().Of(command)});
+        const std::optional<std::size_t> offset = checked.Positions().OffsetOfText(command);
+        checked.Add(
+            Severity::Warning,
+            {"cmd",
+             Quoted(word) + " is passed to the program as it is: \"cmd\" is split at "
+                            "blanks, without a shell and without quoting",
+             Advice("\"cmd_list\" for arguments with blanks, a script for shell syntax"),
+             offset ? checked.Positions().At(*offset + index) : checked.Positions().Of(command)});
         return;
     }
 }
 
 } // namespace
 
-void FindObstacles(CheckedDefinition &checked, const CronJob &job, const Environment &environment) {
+void CheckAdmission(CheckedDefinition &checked, const CronJob &job,
+                    const Environment &environment) {
     const Account account = environment.account(checked.Config());
     const Json::Value words = Member(job.Document(), "cmd_list");
     const std::string member = HasMember(checked.Config(), "cmd_list") ? "cmd_list" : "cmd";
-    FindNameObstacles(checked, std::string(job.Name()));
-    FindAccountObstacles(checked, account);
+    CheckName(checked, std::string(job.Name()));
+    CheckAccount(checked, account);
     if (member == "cmd")
-        FindShellSyntax(checked, words);
+        CheckShellSyntax(checked, words);
     const std::string path = words[0U].asString();
     if (path.empty() || path.find('\0') != std::string::npos)
-        Warn(checked, member, "the command begins with no program" + std::string(kNotAdmitted),
-             "an absolute path, at the very beginning");
+        Warn(checked, member, "the command does not begin with a program" + std::string(kNotLoaded),
+             Expected("an absolute path without a leading blank"));
     else
-        FindProgramObstacles(
-            checked, member, path,
-            environment.program(path.front() == '/' ? path : "/" + path, account.name));
+        CheckProgram(checked, member, path,
+                     environment.program(path.front() == '/' ? path : "/" + path, account.name));
 }
 
 } // namespace kest::ctl

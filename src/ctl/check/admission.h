@@ -1,4 +1,4 @@
-// What keeps a job from being admitted, or harms it, when its program is staged.
+// Checks whether the daemon will load a valid definition: its name, account and program.
 
 #ifndef CTL_CHECK_ADMISSION_H
 #define CTL_CHECK_ADMISSION_H
@@ -11,30 +11,30 @@
 
 namespace kest::ctl {
 
-// The account that a definition asks for.
+// The account that a definition names.
 struct Account {
-    std::string name; // empty: it names none
+    std::string name; // empty if the definition names none
     bool exists = false;
 };
 
-// The file that a command begins with.
+// The program of a command.
 struct Program {
-    bool exists = false; // links followed, like the next two
+    bool exists = false; // the first three follow links
     bool regular = false;
     bool empty = false;
-    std::string link;          // what it leads to, when the program itself is a link
-    std::string openDirectory; // one on its path that others than root and the account may write
+    std::string link;              // target, if the program is a symbolic link
+    std::string writableDirectory; // on its path, writable by users other than root and the account
 };
 
-// The system that the jobs are for.
+// Lookups on the system that the job files are for.
 struct Environment {
     std::function<Account(const Json::Value &config)> account;
-    // Of an absolute path, as it concerns a job of `account`.
+    // `path` is absolute; `account` is the account of the job.
     std::function<Program(const std::string &path, const std::string &account)> program;
 };
 
-// Warnings of a definition that the daemon takes; `job` is what it becomes.
-void FindObstacles(CheckedDefinition &checked, const CronJob &job, const Environment &environment);
+// Adds warnings about a valid definition. `job` is the job that the daemon makes of it.
+void CheckAdmission(CheckedDefinition &checked, const CronJob &job, const Environment &environment);
 
 } // namespace kest::ctl
 

@@ -19,42 +19,42 @@ namespace {
 
 // --- The file -----------------------------------------------------------------------------------
 
-Diagnostic OfFile(const JobFile &file, Severity severity, const std::string &message,
-                  const std::string &allowed = {}) {
+Diagnostic FileDiagnostic(const JobFile &file, Severity severity, const std::string &message,
+                          const Hint &hint = {}) {
     Diagnostic diagnostic;
     diagnostic.file = file.path;
     diagnostic.severity = severity;
     diagnostic.message = message;
-    diagnostic.allowed = allowed;
+    diagnostic.hint = hint;
     return diagnostic;
 }
 
-// Why there is no document.
-Diagnostic FaultOf(const JobFile &file, const JsonPlaces &places) {
-    const auto error = [&](const std::string &message, const std::string &allowed = {}) {
-        return OfFile(file, Severity::Error, message, allowed);
+// Why the file has no document.
+Diagnostic ReadDiagnostic(const JobFile &file, const JsonPositions &positions) {
+    const auto error = [&](const std::string &message, const Hint &hint = {}) {
+        return FileDiagnostic(file, Severity::Error, message, hint);
     };
     if (file.error == EBADMSG && !file.origin.fault.empty()) {
-        const JsonPlaces::Fault fault = places.FirstOf(file.origin.fault);
-        Diagnostic diagnostic = error("no JSON document: " + fault.text);
-        diagnostic.place = fault.place;
+        const JsonPositions::Fault fault = positions.FirstOf(file.origin.fault);
+        Diagnostic diagnostic = error("invalid JSON: " + fault.text);
+        diagnostic.position = fault.position;
         return diagnostic;
     }
     switch (file.error) {
     case EBADMSG:
-        return error("the file is empty", "one JSON document");
+        return error("the file is empty", Expected("one JSON document"));
     case EFBIG:
         return error("the file is too large",
-                     "at most " + std::to_string(kJobFileLimits.bytes) + " bytes");
+                     Expected("at most " + std::to_string(kJobFileLimits.bytes) + " bytes"));
     case EDQUOT: {
-        Diagnostic diagnostic = BeyondQuota(file.directory.account);
+        Diagnostic diagnostic = QuotaDiagnostic(file.directory.account);
         diagnostic.file = file.path;
         return diagnostic;
     }
     case EISDIR:
-        return error("a directory is no job file", "a regular file");
+        return error("is a directory", Expected("a regular file"));
     case EINVAL:
-        return error("neither a regular file nor a link to one", "a regular file");
+        return error("is neither a regular file nor a link to one", Expected("a regular file"));
     default:
         return error(std::string("cannot be read: ") + std::strerror(file.error));
     }
@@ -64,22 +64,23 @@ bool EndsWith(const std::string &text, const std::string &end) {
     return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-void FindOddName(const JobFile &file, std::vector<Diagnostic> &diagnostics) {
+void CheckFileName(const JobFile &file, std::vector<Diagnostic> &diagnostics) {
     if (!IsJobFileName(file.name))
-        diagnostics.push_back(OfFile(file, Severity::Warning,
-                                     "the daemon does not read hidden files",
-                                     "a name that does not begin with \".\""));
+        diagnostics.push_back(FileDiagnostic(file, Severity::Warning,
+                                             "the daemon ignores hidden files",
+                                             Expected("a name that does not begin with \".\"")));
     for (const char *end : {"~", ".bak", ".orig", ".old", ".save", ".swp", ".dpkg-old", ".dpkg-new",
                             ".dpkg-dist", ".rpmsave", ".rpmnew", ".rpmorig"})
         if (IsJobFileName(file.name) && EndsWith(file.name, end))
-            diagnostics.push_back(OfFile(file, Severity::Warning,
-                                         "the daemon reads every file that is not hidden, and this "
-                                         "one looks like a copy of another"));
+            diagnostics.push_back(
+                FileDiagnostic(file, Severity::Warning,
+                               "the name looks like a backup copy, but the daemon reads "
+                               "all files except hidden ones"));
 }
 
-// Of two members of one name the parser keeps the last, and says nothing unless it is asked to.
-void FindDuplicateMembers(const JobFile &file, const JsonPlaces &places,
-                          std::vector<Diagnostic> &diagnostics) {
+// By default the parser keeps the last of several members with the same name, without an error.
+void CheckDuplicateMembers(const JobFile &file, const JsonPositions &positions,
+                           std::vector<Diagnostic> &diagnostics) {
     const std::string &text = file.origin.text;
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
@@ -89,18 +90,20 @@ void FindDuplicateMembers(const JobFile &file, const JsonPlaces &places,
     std::string faults;
     if (reader->parse(text.data(), text.data() + text.size(), &ignored, &faults))
         return;
-    const JsonPlaces::Fault fault = places.FirstOf(faults);
-    diagnostics.push_back(OfFile(file, Severity::Warning,
-                                 "of members with one name only the last is read: " + fault.text,
-                                 "each member once"));
-    diagnostics.back().place = fault.place;
+    const JsonPositions::Fault fault = positions.FirstOf(faults);
+    diagnostics.push_back(
+        FileDiagnostic(file, Severity::Warning,
+                       "only the last of several members with the same name counts: " + fault.text,
+                       Expected("each member once")));
+    diagnostics.back().position = fault.position;
 }
 
 // --- Its definitions ----------------------------------------------------------------------------
 
-// What becomes of a definition in its directory. Without a name it gets none, but what else the
-// directory gives, so that this is not missed in it.
-Json::Value InDirectory(Json::Value definition, const JobFile &file) {
+// Completes a definition as the daemon does: its full name, and in an account directory its
+// account. Without a usable name the other members are still completed, so that they are not
+// reported missing.
+Json::Value ResolveNames(Json::Value definition, const JobFile &file) {
     const std::string base = FileBaseName(file.name);
     if (NameDefinition(definition, file.directory, base) || !definition.isObject())
         return definition;
@@ -122,20 +125,21 @@ std::string ShownName(const Json::Value &config, const JobFile &file) {
     return file.directory.label.empty() ? name.substr(1) : name;
 }
 
-void Judge(const Json::Value &written, Json::Value definition, const JobFile &file,
-           const JsonPlaces &places, const Environment &environment, JobFileReport &report) {
+void CheckDefinition(const Json::Value &written, Json::Value definition, const JobFile &file,
+                     const JsonPositions &positions, const Environment &environment,
+                     JobFileReport &report) {
     const bool alone = &written == &file.document;
-    const Json::Value config = InDirectory(std::move(definition), file);
+    const Json::Value config = ResolveNames(std::move(definition), file);
     Json::Value document;
     document["config"] = config;
     std::vector<DefinitionFault> faults;
     const CronJob job(std::move(document), faults);
-    CheckedDefinition checked(written, config, places);
+    CheckedDefinition checked(written, config, positions);
     AddErrors(checked, faults);
-    FindMisreadings(checked, file.directory, alone);
+    CheckMembers(checked, file.directory, alone);
     if (job.valid) {
-        FindOddSettings(checked, job);
-        FindObstacles(checked, job, environment);
+        CheckSettings(checked, job);
+        CheckAdmission(checked, job, environment);
     }
     const std::string name = ShownName(config, file);
     for (Diagnostic &diagnostic : checked.TakeDiagnostics()) {
@@ -144,8 +148,9 @@ void Judge(const Json::Value &written, Json::Value definition, const JobFile &fi
         report.diagnostics.push_back(std::move(diagnostic));
     }
     const Json::Value &nameValue = Member(written, "name");
-    report.jobs.push_back(
-        {name, file.path, places.Of(alone || nameValue.isNull() ? written : nameValue), job.valid});
+    report.jobs.push_back({name, file.path,
+                           positions.Of(alone || nameValue.isNull() ? written : nameValue),
+                           job.valid});
 }
 
 } // namespace
@@ -165,62 +170,63 @@ std::size_t DocumentSizeOf(const JobFile &file, std::size_t most) {
     return DocumentSize(jobs, most);
 }
 
-Diagnostic BeyondQuota(const std::string &account) {
+Diagnostic QuotaDiagnostic(const std::string &account) {
     const AccountQuota whole;
     Diagnostic diagnostic;
-    diagnostic.message = "the quota of " + Quoted(account) + " is used up before this file is read";
-    diagnostic.allowed =
-        std::to_string(whole.bytes) +
-        " bytes for all files of the account, of which each and each job counts as " +
-        std::to_string(kLeastCharge) + " at least, and " + std::to_string(whole.documentBytes) +
-        " bytes of runtime document";
+    diagnostic.message = "exceeds the quota of account " + Quoted(account);
+    diagnostic.hint = Expected(
+        "at most " + std::to_string(whole.bytes) +
+        " bytes in all job files of the account, where each file and each job counts as at least " +
+        std::to_string(kLeastCharge) + ", and at most " + std::to_string(whole.documentBytes) +
+        " bytes in the runtime document");
     return diagnostic;
 }
 
 JobFileReport CheckJobFile(const JobFile &file, const Environment &environment) {
     JobFileReport report;
-    const JsonPlaces places(file.origin.text);
-    FindOddName(file, report.diagnostics);
+    const JsonPositions positions(file.origin.text);
+    CheckFileName(file, report.diagnostics);
     if (file.error != 0) {
-        report.diagnostics.push_back(FaultOf(file, places));
+        report.diagnostics.push_back(ReadDiagnostic(file, positions));
         return report;
     }
     if (!file.document.isArray() && !file.document.isObject()) {
-        Diagnostic diagnostic = OfFile(file, Severity::Warning, "there is no job in it",
-                                       "an array of definitions, or one definition");
-        diagnostic.place = places.Of(file.document);
+        Diagnostic diagnostic =
+            FileDiagnostic(file, Severity::Warning, "the file defines no jobs",
+                           Expected("an array of definitions, or one definition"));
+        diagnostic.position = positions.Of(file.document);
         diagnostic.found = Excerpt(file.document);
         report.diagnostics.push_back(std::move(diagnostic));
     }
-    FindDuplicateMembers(file, places, report.diagnostics);
+    CheckDuplicateMembers(file, positions, report.diagnostics);
     Json::Value definitions = DefinitionsOf(file.document);
     for (Json::ArrayIndex i = 0; i < definitions.size(); ++i) {
         const Json::Value &written = file.document.isArray() ? file.document[i] : file.document;
-        Judge(written, std::move(definitions[i]), file, places, environment, report);
+        CheckDefinition(written, std::move(definitions[i]), file, positions, environment, report);
     }
     return report;
 }
 
-std::vector<Diagnostic> ReplacedJobs(const std::vector<JudgedJob> &jobs) {
-    std::unordered_map<std::string, const JudgedJob *> last;
-    for (const JudgedJob &job : jobs)
+std::vector<Diagnostic> ReplacedJobs(const std::vector<CheckedJob> &jobs) {
+    std::unordered_map<std::string, const CheckedJob *> last;
+    for (const CheckedJob &job : jobs)
         if (job.accepted)
             last[job.name] = &job;
     std::vector<Diagnostic> diagnostics;
-    for (const JudgedJob &job : jobs) {
+    for (const CheckedJob &job : jobs) {
         if (!job.accepted || last[job.name] == &job)
             continue;
-        const JudgedJob &winner = *last[job.name];
+        const CheckedJob &winner = *last[job.name];
         Diagnostic diagnostic;
         diagnostic.file = job.file;
-        diagnostic.place = job.place;
+        diagnostic.position = job.position;
         diagnostic.severity = Severity::Warning;
         diagnostic.job = job.name;
         diagnostic.member = "name";
         diagnostic.found = Quoted(job.name);
-        diagnostic.message = "replaced by the job of the same full name in " + winner.file + ":" +
-                             std::to_string(winner.place.line) + ", which is read later";
-        diagnostic.allowed = "one job of a full name";
+        diagnostic.message = "replaced by the job with the same full name in " + winner.file + ":" +
+                             std::to_string(winner.position.line) + ", which is read later";
+        diagnostic.hint = Expected("one job for each full name");
         diagnostics.push_back(std::move(diagnostic));
     }
     return diagnostics;

@@ -12,7 +12,7 @@ namespace kest::ctl {
 
 std::optional<std::size_t> StartOfCrontab(const CheckedDefinition &checked) {
     const Json::Value &written = Member(checked.Written(), "crontab");
-    return written.isString() ? checked.Places().OffsetOfText(written) : std::nullopt;
+    return written.isString() ? checked.Positions().OffsetOfText(written) : std::nullopt;
 }
 
 namespace {
@@ -21,7 +21,7 @@ namespace {
 struct Piece {
     std::string key; // of the field
     std::string text;
-    std::optional<std::size_t> offset; // in the file; nothing when it cannot be told
+    std::optional<std::size_t> offset; // in the file; nothing if unknown
 };
 
 std::vector<Piece> Split(const Piece &whole, const std::string &separator) {
@@ -37,7 +37,7 @@ std::vector<Piece> Split(const Piece &whole, const std::string &separator) {
     return pieces;
 }
 
-// The fields of an expression without errors.
+// The fields of a valid expression.
 std::vector<Piece> FieldsOf(const CheckedDefinition &checked) {
     const Json::Value &written = Member(checked.Written(), "crontab");
     std::vector<Piece> fields = Split({{}, written.asString(), StartOfCrontab(checked)}, " ");
@@ -46,11 +46,11 @@ std::vector<Piece> FieldsOf(const CheckedDefinition &checked) {
     return fields;
 }
 
-// All numbers that may stand in a field, in order.
+// The valid numbers of a field, in ascending order.
 std::vector<std::int32_t> NumbersOf(const std::string &key) {
-    constexpr std::int32_t highestOfAll = 59;
+    constexpr std::int32_t highest = 59; // of all fields
     std::vector<std::int32_t> numbers;
-    for (std::int32_t number = 0; number <= highestOfAll; ++number)
+    for (std::int32_t number = 0; number <= highest; ++number)
         if (IsValidFieldValue(key, number))
             numbers.push_back(number);
     return numbers;
@@ -67,28 +67,28 @@ std::string NameOf(const std::string &key) {
     return FieldsInWords({key});
 }
 
-std::string AllowedIn(const std::string &key) {
+Hint ExpectedIn(const std::string &key) {
     const std::vector<std::int32_t> numbers = NumbersOf(key);
     const std::string lowest = std::to_string(numbers.front());
     const std::string highest = std::to_string(numbers.back());
-    return lowest + (key == "week" ? " (Sunday)" : "") + " to " + highest + ", a draw such as " +
-           lowest + "~" + highest + R"(, "~" or "*")";
+    return Expected(lowest + (key == "week" ? " (Sunday)" : "") + " to " + highest +
+                    ", a random value such as " + lowest + "~" + highest + R"(, "~" or "*")");
 }
 
 void AddAt(CheckedDefinition &checked, Severity severity, const Piece &piece,
-           const std::string &message, const std::string &allowed) {
-    DiagnosticDetails details{"crontab", message, allowed};
+           const std::string &message, const Hint &hint) {
+    DiagnosticDetails details{"crontab", message, hint};
     const Json::Value &written = Member(checked.Written(), "crontab");
-    details.place =
-        piece.offset ? checked.Places().At(*piece.offset) : checked.Places().Of(written);
+    details.position =
+        piece.offset ? checked.Positions().At(*piece.offset) : checked.Positions().Of(written);
     details.found = Quoted(piece.text);
     checked.Add(severity, details);
 }
 
 // --- Errors -------------------------------------------------------------------------------------
 
-// How to write what "1-5" says elsewhere; empty for anything else.
-std::string InsteadOfDash(const Piece &item) {
+// What to write instead of a range such as "1-5"; empty for other items.
+std::string RangeReplacement(const Piece &item) {
     const std::vector<std::string> ends = KESTUtils::StringExplode(item.text, "-");
     std::int32_t from = 0;
     std::int32_t to = 0;
@@ -99,30 +99,29 @@ std::string InsteadOfDash(const Piece &item) {
     for (std::int32_t number = from; number <= to; ++number)
         numbers.push_back(number);
     const bool all = numbers == NumbersOf(item.key);
-    return (all ? "*" : Joined(numbers)) + " for each of them, " + ends[0] + "~" + ends[1] +
-           " for one drawn at random";
+    return (all ? "*" : Joined(numbers)) + " for all values, " + ends[0] + "~" + ends[1] +
+           " for one random value";
 }
 
 void AddNotANumber(CheckedDefinition &checked, const Piece &item, const std::string &offender) {
     const std::string name = NameOf(item.key);
-    std::string message = name + " " + Quoted(item.text) + " is no number";
-    std::string allowed = AllowedIn(item.key);
+    std::string message = name + " " + Quoted(item.text) + " is not a number";
+    Hint hint = ExpectedIn(item.key);
     if (item.text.empty())
         message = "an item of the " + name +
-                  " is empty; fields are separated by one blank each, "
-                  "items by one comma";
+                  " is empty: fields are separated by one blank, items by one comma";
     else if (offender.find('/') != std::string::npos)
-        message = name + " " + Quoted(item.text) + ": there are no steps";
+        message = name + " " + Quoted(item.text) + ": steps are not supported";
     else if (offender.find('-') != std::string::npos) {
-        message = name + " " + Quoted(item.text) + ": there are no ranges with a dash";
-        const std::string instead = InsteadOfDash(item);
-        allowed = instead.empty() ? allowed : instead;
+        message = name + " " + Quoted(item.text) + ": ranges with a dash are not supported";
+        if (const std::string replacement = RangeReplacement(item); !replacement.empty())
+            hint = Advice(replacement);
     } else if (offender != item.text)
-        message = name + " " + Quoted(item.text) + ": " + Quoted(offender) + " is no number";
-    AddAt(checked, Severity::Error, item, message, allowed);
+        message = name + " " + Quoted(item.text) + ": " + Quoted(offender) + " is not a number";
+    AddAt(checked, Severity::Error, item, message, hint);
 }
 
-// Whether there is a field without a character.
+// Whether a field is empty.
 bool HasEmptyField(const std::string &expression) {
     return expression.empty() || expression.front() == ' ' || expression.back() == ' ' ||
            expression.find("  ") != std::string::npos;
@@ -135,9 +134,9 @@ void AddItemError(CheckedDefinition &checked, const DefinitionFault &fault,
     Piece item{FieldKeys().at(fault.number), fault.text, {}};
     if (start)
         item.offset = *start + fault.offset;
-    const std::string subjectOfAll = NameOf(item.key) + " " + Quoted(item.text);
+    const std::string subject = NameOf(item.key) + " " + Quoted(item.text);
     const auto add = [&](const std::string &message) {
-        AddAt(checked, Severity::Error, item, subjectOfAll + message, AllowedIn(item.key));
+        AddAt(checked, Severity::Error, item, subject + message, ExpectedIn(item.key));
     };
     switch (fault.item.fault) {
     case CronItemFault::None:
@@ -146,13 +145,13 @@ void AddItemError(CheckedDefinition &checked, const DefinitionFault &fault,
         AddNotANumber(checked, item, fault.item.offender);
         break;
     case CronItemFault::Reversed:
-        add(" ends before it begins");
+        add(" is reversed");
         break;
     case CronItemFault::OutOfRange:
         add(" is out of range");
         break;
     case CronItemFault::NotTwoEnds:
-        add(" has more than two ends");
+        add(" has more than two bounds");
         break;
     }
 }
@@ -162,17 +161,17 @@ void AddFieldCountError(CheckedDefinition &checked, const DefinitionFault &fault
                 {"crontab",
                  "\"crontab\" has " + std::to_string(fault.number) +
                      (fault.number == 1 ? " field" : " fields") +
-                     (HasEmptyField(fault.text) ? ", as there is one between any two blanks" : ""),
-                 "five fields separated by one blank each: " +
-                     FieldsInWords({FieldKeys().begin(), FieldKeys().end()})});
+                     (HasEmptyField(fault.text) ? " (each blank separates two fields)" : ""),
+                 Expected("five fields separated by one blank: " +
+                          FieldsInWords({FieldKeys().begin(), FieldKeys().end()}))});
 }
 
 // --- Warnings -----------------------------------------------------------------------------------
 
 namespace {
 
-// The list that "*/5" stands for elsewhere; empty for anything else.
-std::string InsteadOfStep(const Piece &item) {
+// The list to write instead of a step such as "*/5"; empty for other items.
+std::string StepReplacement(const Piece &item) {
     std::int32_t step = 0;
     if (item.text.compare(0, 2, "*/") != 0 || !ReadNumber(item.text.substr(2), step) || step < 1)
         return {};
@@ -183,8 +182,8 @@ std::string InsteadOfStep(const Piece &item) {
     return step == 1 ? "*" : Joined(numbers);
 }
 
-// What follows "*" or "~" at an item's start is not read.
-void FindUnreadRest(CheckedDefinition &checked, const Piece &item) {
+// The daemon ignores what follows a leading "*" or "~".
+void CheckIgnoredSuffix(CheckedDefinition &checked, const Piece &item) {
     const CronItem parsed = ParseCronItem(item.key, item.text);
     const bool any = parsed.range.type == CronRange::Any;
     const std::string name = NameOf(item.key);
@@ -192,58 +191,58 @@ void FindUnreadRest(CheckedDefinition &checked, const Piece &item) {
     if (item.text.size() < 2 || (item.text.front() != '*' && item.text.front() != '~'))
         return;
     if (any) {
-        const std::string instead = InsteadOfStep(item);
+        const std::string replacement = StepReplacement(item);
         AddAt(checked, Severity::Warning, item,
               name + " " + Quoted(item.text) + " is read as" + all + ", every " + name,
-              instead.empty() ? AllowedIn(item.key) : instead);
+              replacement.empty() ? ExpectedIn(item.key) : Advice(replacement));
         return;
     }
     AddAt(checked, Severity::Warning, item,
-          name + " " + Quoted(item.text) + " is read as" + all + ", one drawn from " +
+          name + " " + Quoted(item.text) + " is read as" + all + ", a random value from " +
               std::to_string(parsed.range.from) + " to " + std::to_string(parsed.range.to),
-          "both ends, such as " + std::to_string(parsed.range.from) + item.text);
+          Advice("both bounds, such as " + std::to_string(parsed.range.from) + item.text));
 }
 
-// What a field chooses.
-struct Choice {
+// The values that match a field.
+struct Matches {
     bool any = false;
-    std::set<std::int32_t> sure;     // always chosen
-    std::set<std::int32_t> possible; // chosen, or in a draw
+    std::set<std::int32_t> fixed;    // match always
+    std::set<std::int32_t> possible; // match always, or can be drawn
 };
 
-Choice ChoiceOf(const CronFields &fields, const std::string &key) {
-    Choice choice;
+Matches MatchesOf(const CronFields &fields, const std::string &key) {
+    Matches matches;
     const auto found = fields.find(key);
     if (found == fields.end())
-        return choice;
+        return matches;
     for (const CronRange &item : found->second) {
-        choice.any = choice.any || item.type == CronRange::Any;
+        matches.any = matches.any || item.type == CronRange::Any;
         if (item.type == CronRange::Exact)
-            choice.sure.insert(item.from);
+            matches.fixed.insert(item.from);
         for (std::int32_t number = item.from; item.type == CronRange::Random && number <= item.to;
              ++number)
-            choice.possible.insert(number);
+            matches.possible.insert(number);
     }
-    choice.possible.insert(choice.sure.begin(), choice.sure.end());
-    return choice;
+    matches.possible.insert(matches.fixed.begin(), matches.fixed.end());
+    return matches;
 }
 
-bool IsRestricted(const Choice &choice, const std::string &key) {
-    return !choice.any && choice.sure.size() != NumbersOf(key).size();
+bool IsRestricted(const Matches &matches, const std::string &key) {
+    return !matches.any && matches.fixed.size() != NumbersOf(key).size();
 }
 
-void FindBothDays(CheckedDefinition &checked, const CronFields &fields, const Piece &day,
-                  const Piece &week) {
-    if (IsRestricted(ChoiceOf(fields, day.key), day.key) &&
-        IsRestricted(ChoiceOf(fields, week.key), week.key))
+void CheckDayAndWeekday(CheckedDefinition &checked, const CronFields &fields, const Piece &day,
+                        const Piece &week) {
+    if (IsRestricted(MatchesOf(fields, day.key), day.key) &&
+        IsRestricted(MatchesOf(fields, week.key), week.key))
         AddAt(checked, Severity::Warning, week,
               "day " + Quoted(day.text) + " and weekday " + Quoted(week.text) +
-                  " must both match on the same day",
-              "\"*\" for one of the two");
+                  " must match on the same day",
+              Advice("\"*\" for one of the two"));
 }
 
-// The days that the month never has, as "February never has day 30 and 31"; empty when it has all.
-std::string DaysMissing(std::int32_t month, const std::set<std::int32_t> &days) {
+// "February never has day 30 and 31"; empty if the month has all of the days.
+std::string MissingDays(std::int32_t month, const std::set<std::int32_t> &days) {
     constexpr std::array<std::int32_t, 12> highest{31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     std::vector<std::string> missing;
     for (const std::int32_t day : days)
@@ -253,34 +252,34 @@ std::string DaysMissing(std::int32_t month, const std::set<std::int32_t> &days) 
                            : ValueInWords("month", month) + " never has day " + Enumerated(missing);
 }
 
-void FindMissingDays(CheckedDefinition &checked, const CronFields &fields, const Piece &day) {
-    const Choice days = ChoiceOf(fields, "day");
-    const Choice months = ChoiceOf(fields, "month");
+void CheckMissingDays(CheckedDefinition &checked, const CronFields &fields, const Piece &day) {
+    const Matches days = MatchesOf(fields, "day");
+    const Matches months = MatchesOf(fields, "month");
     if (days.any || months.any)
         return;
     std::string texts;
     bool runs = false;
     for (const std::int32_t month : months.possible) {
-        const std::string missing = DaysMissing(month, days.possible);
-        runs = runs || DaysMissing(month, {*days.possible.begin()}).empty();
+        const std::string missing = MissingDays(month, days.possible);
+        runs = runs || MissingDays(month, {*days.possible.begin()}).empty();
         if (!missing.empty())
             texts += (texts.empty() ? "" : "; ") + missing;
     }
     if (!texts.empty())
         AddAt(checked, Severity::Warning, day, texts + (runs ? "" : ": the job never runs"),
-              "days that every month of the expression has");
+              Expected("days that every month of the expression has"));
 }
 
 } // namespace
 
-void FindCrontabWarnings(CheckedDefinition &checked, const CronFields &fields) {
+void CheckCrontab(CheckedDefinition &checked, const CronFields &fields) {
     const std::vector<Piece> pieces = FieldsOf(checked);
     for (const Piece &field : pieces)
         for (const Piece &item : Split(field, ","))
-            FindUnreadRest(checked, item);
+            CheckIgnoredSuffix(checked, item);
     const Piece &day = pieces.at(2);
-    FindBothDays(checked, fields, day, pieces.at(4));
-    FindMissingDays(checked, fields, day);
+    CheckDayAndWeekday(checked, fields, day, pieces.at(4));
+    CheckMissingDays(checked, fields, day);
 }
 
 } // namespace kest::ctl

@@ -1,4 +1,4 @@
-// What is wrong or hardly meant in the "crontab" of a definition that runs by it.
+// Checks the member "crontab" of a definition whose period is "crontab".
 
 #ifndef CTL_CHECK_CRONTAB_H
 #define CTL_CHECK_CRONTAB_H
@@ -12,20 +12,20 @@
 
 namespace kest::ctl {
 
-// Where the expression begins in the file; nothing when its characters cannot be told apart there.
+// The offset of the expression in the file; nothing if it is written with escape sequences.
 std::optional<std::size_t> StartOfCrontab(const CheckedDefinition &checked);
 
-// Adds an item that cannot be used. `start` is StartOfCrontab(subject), which takes as long as the
-// expression is.
+// Adds an error for an invalid item. `start` is the result of StartOfCrontab; it is passed in
+// because computing it takes linear time.
 void AddItemError(CheckedDefinition &checked, const DefinitionFault &fault,
                   std::optional<std::size_t> start);
 
-// Adds an expression that does not have five fields.
+// Adds an error for an expression that does not have five fields.
 void AddFieldCountError(CheckedDefinition &checked, const DefinitionFault &fault);
 
-// What is read otherwise than it looks, and schedules that leave out more than meets the eye.
-// `fields` are those of the expression, which has no errors.
-void FindCrontabWarnings(CheckedDefinition &checked, const CronFields &fields);
+// Adds warnings about items that the daemon reads differently than their author probably intended,
+// and about days that never match. `fields` come from the expression, which must be valid.
+void CheckCrontab(CheckedDefinition &checked, const CronFields &fields);
 
 } // namespace kest::ctl
 

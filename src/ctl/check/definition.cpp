@@ -16,17 +16,17 @@ namespace {
 
 struct KnownMember {
     const char *name;
-    const char *allowed;
+    const char *expected;
 };
 
 constexpr std::array<KnownMember, 10> kMembers{{
-    {"name", "a text"},
+    {"name", "a string"},
     {"user", R"("root", "system" or "package")"},
     {"package_username", "the name of the account"},
     {"period", R"("hourly", "daily", "weekly", "monthly" or "crontab")"},
-    {"crontab", "five fields separated by one blank each: minute, hour, day, month, weekday"},
+    {"crontab", "five fields separated by one blank: minute, hour, day, month, weekday"},
     {"cmd", "a command, or \"cmd_list\" with its arguments"},
-    {"cmd_list", "at least one text: the program, then its arguments"},
+    {"cmd_list", "a list of at least one string: the program, then its arguments"},
     {"assure_execute", "a number of hours"},
     {"assure_execute_action", R"("run" or "wait")"},
     {"run_on_passive", "true or false"},
@@ -39,16 +39,16 @@ const KnownMember *FindKnown(const std::string &name) {
     return found == kMembers.end() ? nullptr : found;
 }
 
-std::string AllowedFor(const std::string &name) {
+Hint ExpectedFor(const std::string &name) {
     const KnownMember *known = FindKnown(name);
-    return known == nullptr ? "" : known->allowed;
+    return known == nullptr ? Hint() : Expected(known->expected);
 }
 
 std::string Named(const std::string &member) {
     return "\"" + member + "\"";
 }
 
-// Whether the schedule comes from "crontab"; nothing when "period" is none.
+// Whether the schedule comes from "crontab"; nothing if "period" is invalid.
 std::optional<bool> RunsByCrontab(const Json::Value &config) {
     const std::optional<std::string> expression = PeriodCrontab(TextMember(config, "period"), "");
     return expression ? std::optional<bool>(expression->empty()) : std::nullopt;
@@ -60,15 +60,16 @@ void AddUnusable(CheckedDefinition &checked, const std::string &member) {
     const Json::Value &value = Member(checked.Config(), member);
     const bool there = checked.Config().isMember(member);
     checked.Add(Severity::Error,
-                {member, Named(member) + (there ? " cannot be " + Excerpt(value) : " is missing"),
-                 AllowedFor(member)});
+                {member, Named(member) + (there ? " is invalid: " + Excerpt(value) : " is missing"),
+                 ExpectedFor(member)});
 }
 
 void AddArgument(CheckedDefinition &checked, std::size_t index) {
     const Json::Value &list = Member(checked.Written(), "cmd_list");
     const Json::Value &element = list[static_cast<Json::ArrayIndex>(index)];
-    checked.Add(Severity::Error, {"cmd_list", "an argument cannot be " + Excerpt(element), "a text",
-                                  checked.Places().Of(element), Excerpt(element)});
+    checked.Add(Severity::Error,
+                {"cmd_list", "invalid argument " + Excerpt(element), Expected("a string"),
+                 checked.Positions().Of(element), Excerpt(element)});
 }
 
 void AddError(CheckedDefinition &checked, const DefinitionFault &fault,
@@ -83,7 +84,7 @@ void AddError(CheckedDefinition &checked, const DefinitionFault &fault,
         AddArgument(checked, fault.number);
     else if (*fault.member == '\0')
         checked.Add(Severity::Error,
-                    {"", "a definition cannot be " + Excerpt(checked.Config()), "an object"});
+                    {"", "invalid definition " + Excerpt(checked.Config()), Expected("an object")});
     else
         AddUnusable(checked, fault.member);
 }
@@ -97,16 +98,16 @@ void AddErrors(CheckedDefinition &checked, const std::vector<DefinitionFault> &f
         AddError(checked, fault, startOfCrontab);
 }
 
-// --- Misreadings --------------------------------------------------------------------------------
+// --- Members ------------------------------------------------------------------------------------
 
 namespace {
 
-void WarnByName(CheckedDefinition &checked, const std::string &member, const std::string &text,
-                const std::string &allowed = {}) {
-    checked.Add(Severity::Warning, {member, Named(member) + " " + text, allowed});
+void WarnOfMember(CheckedDefinition &checked, const std::string &member, const std::string &text,
+                  const Hint &hint = {}) {
+    checked.Add(Severity::Warning, {member, Named(member) + " " + text, hint});
 }
 
-void FindUnknownMembers(CheckedDefinition &checked) {
+void CheckUnknownMembers(CheckedDefinition &checked) {
     std::vector<std::string> known;
     known.reserve(kMembers.size());
     for (const KnownMember &member : kMembers)
@@ -116,36 +117,37 @@ void FindUnknownMembers(CheckedDefinition &checked) {
         if (FindKnown(name) != nullptr)
             continue;
         const std::vector<std::string> near = NearestOf(name, known, 1);
-        checked.Add(Severity::Warning,
-                    {name, "nobody reads " + Quoted(name), near.empty() ? "" : Named(near.front()),
-                     checked.Places().OfName(Member(written, name))});
+        checked.Add(Severity::Warning, {name, "unknown member " + Quoted(name) + " is ignored",
+                                        near.empty() ? Hint() : Advice(Named(near.front())),
+                                        checked.Positions().OfName(Member(written, name))});
     }
 }
 
-// Members that others go before.
-void FindUnreadMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
+// Members that the daemon ignores because of other members or of the directory.
+void CheckIgnoredMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
     const Json::Value &written = checked.Written();
     const Json::Value &config = checked.Config();
     if (alone && written.isMember("name") && TextMember(written, "name") != "default")
-        WarnByName(checked, "name",
-                   "is not read: the only job of a file without an array is \"default\"",
-                   "an array with this definition, where the job may have a name");
+        WarnOfMember(checked, "name",
+                     "is ignored: the job of a file without an array is named \"default\"",
+                     Advice("an array around the definition"));
     for (const char *member : {"user", "package_username"})
         if (!directory.account.empty() && written.isMember(member) &&
             Member(written, member) != Member(config, member))
-            WarnByName(checked, member,
-                       "is not read: every job of this directory runs as " +
-                           Quoted(directory.account));
+            WarnOfMember(checked, member,
+                         "is ignored: all jobs in this directory run as " +
+                             Quoted(directory.account));
     if (written.isMember("cmd") && written.isMember("cmd_list"))
-        WarnByName(checked, "cmd", "is not read: \"cmd_list\" goes before it", "one of the two");
+        WarnOfMember(checked, "cmd", "is ignored: \"cmd_list\" takes precedence",
+                     Expected("one of the two"));
     if (written.isMember("crontab") && !RunsByCrontab(config).value_or(true))
-        WarnByName(checked, "crontab",
-                   "is not read: \"period\" is " + Excerpt(Member(config, "period")),
-                   R"("crontab" as "period")");
+        WarnOfMember(checked, "crontab",
+                     "is ignored: \"period\" is " + Excerpt(Member(config, "period")),
+                     Advice(R"("period": "crontab")"));
 }
 
-void FindPeriodWord(CheckedDefinition &checked) {
-    // The words that mean what they say; the first of a row is the one to write.
+void CheckPeriod(CheckedDefinition &checked) {
+    // Accepted spellings; the first of each row is the recommended one.
     constexpr std::array<std::array<const char *, 3>, 5> words{{{"hourly", "hour", "h"},
                                                                 {"daily", "day", "d"},
                                                                 {"weekly", "week", "w"},
@@ -159,44 +161,44 @@ void FindPeriodWord(CheckedDefinition &checked) {
     for (const auto &row : words)
         if (expression && PeriodCrontab(row.front(), "own") == expression &&
             std::find(row.begin(), row.end(), period) == row.end())
-            WarnByName(checked, "period",
-                       Quoted(written) + " is read as \"" + row.front() +
-                           "\": only its first letter counts",
-                       AllowedFor("period"));
+            WarnOfMember(checked, "period",
+                         Quoted(written) + " is read as \"" + row.front() +
+                             "\": only its first letter counts",
+                         ExpectedFor("period"));
 }
 
 } // namespace
 
-void FindMisreadings(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
+void CheckMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
     if (!checked.Written().isObject())
         return;
-    FindUnknownMembers(checked);
-    FindUnreadMembers(checked, directory, alone);
-    FindPeriodWord(checked);
+    CheckUnknownMembers(checked);
+    CheckIgnoredMembers(checked, directory, alone);
+    CheckPeriod(checked);
 }
 
 // --- Settings -----------------------------------------------------------------------------------
 
-void FindOddSettings(CheckedDefinition &checked, const CronJob &job) {
+void CheckSettings(CheckedDefinition &checked, const CronJob &job) {
     const Json::Value &hours = Member(checked.Written(), "assure_execute");
     const Json::Value &action = Member(checked.Written(), "assure_execute_action");
     if (RunsByCrontab(checked.Config()).value_or(false))
-        FindCrontabWarnings(checked, job.cronFields());
+        CheckCrontab(checked, job.cronFields());
     if (!hours.isNull() && !hours.isInt())
-        WarnByName(checked, "assure_execute",
-                   Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),
-                   "a whole number of hours");
+        WarnOfMember(checked, "assure_execute",
+                     Excerpt(hours) + " is read as " + std::to_string(job.assureExecute),
+                     Expected("a whole number of hours"));
     if (job.assureExecute < 0)
-        WarnByName(checked, "assure_execute", "is negative: the job is overdue in every cycle",
-                   "hours, or 0 for never");
+        WarnOfMember(checked, "assure_execute", "is negative: the job is overdue in every cycle",
+                     Expected("a number of hours, or 0 for no assurance"));
     if (action.isNull())
         return;
     if (job.assureExecute == 0)
-        WarnByName(checked, "assure_execute_action",
-                   "is not read without hours in \"assure_execute\"");
+        WarnOfMember(checked, "assure_execute_action",
+                     "is ignored without hours in \"assure_execute\"");
     else if (action != "run" && action != "wait")
-        WarnByName(checked, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
-                   AllowedFor("assure_execute_action"));
+        WarnOfMember(checked, "assure_execute_action", Excerpt(action) + " is read as \"wait\"",
+                     ExpectedFor("assure_execute_action"));
 }
 
 } // namespace kest::ctl

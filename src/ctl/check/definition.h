@@ -1,4 +1,4 @@
-// What is wrong or hardly meant in the members of a job definition.
+// Checks the members of a job definition.
 
 #ifndef CTL_CHECK_DEFINITION_H
 #define CTL_CHECK_DEFINITION_H
@@ -12,15 +12,16 @@
 
 namespace kest::ctl {
 
-// Adds each of `faults`, those for which the daemon refuses the definition.
+// Adds an error for each fault, for which the daemon refuses the definition.
 void AddErrors(CheckedDefinition &checked, const std::vector<DefinitionFault> &faults);
 
-// Members that nobody reads and words that are read as others, in a definition of `directory`.
-// `alone`: it is the one object of its file.
-void FindMisreadings(CheckedDefinition &checked, const JobDirectory &directory, bool alone);
+// Adds warnings about members and values that the daemon ignores or replaces. `directory` is that
+// of the file. `alone` means that the definition is the only object of its file, without an array.
+void CheckMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone);
 
-// Settings that are hardly meant in a definition that the daemon takes. `job` is what it becomes.
-void FindOddSettings(CheckedDefinition &checked, const CronJob &job);
+// Adds warnings about the settings of a valid definition. `job` is the job that the daemon makes of
+// it.
+void CheckSettings(CheckedDefinition &checked, const CronJob &job);
 
 } // namespace kest::ctl
 

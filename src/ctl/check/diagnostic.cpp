@@ -11,7 +11,7 @@ namespace kest::ctl {
 
 namespace {
 
-// Made once: that takes longer than most values take to write.
+// Creating a writer takes longer than writing most values, so it is created once.
 Json::StreamWriter &OneLineWriter() {
     static const std::unique_ptr<Json::StreamWriter> writer = [] {
         Json::StreamWriterBuilder builder;
@@ -24,18 +24,32 @@ Json::StreamWriter &OneLineWriter() {
 
 } // namespace
 
+Hint Expected(const std::string &values) {
+    return {"expected", values};
+}
+
+Hint Advice(const std::string &advice) {
+    return {"write", advice};
+}
+
+std::string MessageWithHint(const Diagnostic &diagnostic) {
+    if (diagnostic.hint.text.empty())
+        return diagnostic.message;
+    return diagnostic.message + "; " + diagnostic.hint.label + ": " + diagnostic.hint.text;
+}
+
 std::string Excerpt(const Json::Value &value) {
     constexpr std::size_t most = 60; // bytes
-    const std::string sign = "...";
+    const std::string ellipsis = "...";
     std::ostringstream stream;
     OneLineWriter().write(value, &stream);
     std::string text = stream.str();
     if (text.size() <= most)
         return text;
-    std::size_t end = most - sign.size();
+    std::size_t end = most - ellipsis.size();
     while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
-        --end; // never in the middle of a character
-    return text.substr(0, end) + sign;
+        --end; // do not split a UTF-8 character
+    return text.substr(0, end) + ellipsis;
 }
 
 std::string Quoted(const std::string &text) {
@@ -43,21 +57,21 @@ std::string Quoted(const std::string &text) {
 }
 
 CheckedDefinition::CheckedDefinition(const Json::Value &written, const Json::Value &config,
-                                     const JsonPlaces &places)
-    : written_(written), config_(config), places_(places) {}
+                                     const JsonPositions &positions)
+    : written_(written), config_(config), positions_(positions) {}
 
 void CheckedDefinition::Add(Severity severity, const DiagnosticDetails &details) {
     Diagnostic diagnostic;
     const bool isWritten = written_.isObject() && written_.isMember(details.member);
     const Json::Value &value = isWritten ? Member(written_, details.member) : written_;
-    diagnostic.place = details.place.value_or(places_.Of(value));
+    diagnostic.position = details.position.value_or(positions_.Of(value));
     diagnostic.severity = severity;
     diagnostic.member = details.member;
     if (details.found)
         diagnostic.found = *details.found;
     else if (isWritten || details.member.empty())
         diagnostic.found = Excerpt(value);
-    diagnostic.allowed = details.allowed;
+    diagnostic.hint = details.hint;
     diagnostic.message = details.message;
     diagnostics_.push_back(std::move(diagnostic));
 }

@@ -1,9 +1,9 @@
-// What there is to say of a job file, and the definition that is looked at for it.
+// Diagnostics about job files, and the definition that they are collected for.
 
 #ifndef CTL_CHECK_DIAGNOSTIC_H
 #define CTL_CHECK_DIAGNOSTIC_H
 
-#include "ctl/check/json_places.h"
+#include "ctl/check/json_positions.h"
 
 #include <cstddef>
 #include <json/value.h>
@@ -15,57 +15,67 @@
 namespace kest::ctl {
 
 enum class Severity {
-    Error,  // the daemon refuses it
-    Warning // the daemon takes it, but it is hardly meant so, or will not run
+    Error,  // the daemon refuses the file or the definition
+    Warning // the definition is valid, but probably not as intended, or will not be loaded
 };
+
+// What to write instead. A hint without text is absent.
+struct Hint {
+    const char *label = "";
+    std::string text;
+};
+Hint Expected(const std::string &values); // shown as "expected: VALUES"
+Hint Advice(const std::string &advice);   // shown as "write: ADVICE"
 
 struct Diagnostic {
     std::string file;
-    Place place;
+    Position position;
     Severity severity = Severity::Error;
-    std::string job;    // full name; empty: it is about the file
-    std::string member; // empty: it is about the definition as a whole
-    std::string found;  // as JSON, long ones cut; empty: nothing
-    std::string allowed;
+    std::string job;    // full name; empty for the file as a whole
+    std::string member; // empty for the definition as a whole
+    std::string found;  // JSON text, shortened; empty if the member is missing
+    Hint hint;
     std::string message;
 };
 
-// What is found as it is shown: JSON in one line, long ones cut.
+// "MESSAGE; expected: VALUES"
+std::string MessageWithHint(const Diagnostic &diagnostic);
+
+// The value as JSON text in one line, shortened to 60 bytes.
 std::string Excerpt(const Json::Value &value);
 
-// `text` in quotation marks.
+// `text` as a JSON string, shortened likewise.
 std::string Quoted(const std::string &text);
 
-// What is to be said of a definition.
 struct DiagnosticDetails {
     std::string member;
     std::string message;
-    std::string allowed = {};
-    std::optional<Place> place = {};       // otherwise that of the member, if it is written
-    std::optional<std::string> found = {}; // otherwise the member, if it is written
+    Hint hint = {};
+    std::optional<Position> position = {}; // default: that of the member or definition
+    std::optional<std::string> found = {}; // default: the value of the member
 };
 
-// A definition that is looked at.
+// A definition and the diagnostics about it.
 class CheckedDefinition {
 public:
-    // `written` is the definition as it stands in its file, `config` as the daemon judges it. All
-    // outlive the object.
+    // `written` is the definition as written in the file, `config` as the daemon completes it. All
+    // arguments must outlive the object.
     CheckedDefinition(const Json::Value &written, const Json::Value &config,
-                      const JsonPlaces &places);
+                      const JsonPositions &positions);
 
     const Json::Value &Written() const { return written_; }
     const Json::Value &Config() const { return config_; }
-    const JsonPlaces &Places() const { return places_; }
+    const JsonPositions &Positions() const { return positions_; }
 
     void Add(Severity severity, const DiagnosticDetails &details);
 
-    // What was added, without file and job.
+    // The diagnostics so far; their file and job are not set.
     std::vector<Diagnostic> TakeDiagnostics() { return std::move(diagnostics_); }
 
 private:
     const Json::Value &written_;
     const Json::Value &config_;
-    const JsonPlaces &places_;
+    const JsonPositions &positions_;
     std::vector<Diagnostic> diagnostics_;
 };
 

@@ -14,7 +14,7 @@ bool IsSame(char a, char b) {
            std::tolower(static_cast<unsigned char>(b));
 }
 
-// How many characters must be put in, taken out or changed to come from one word to the other.
+// The edit distance, without regard to case.
 std::size_t Distance(const std::string &from, const std::string &to) {
     std::vector<std::size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});
@@ -35,8 +35,8 @@ std::vector<std::string> NearestOf(const std::string &word, const std::vector<st
                                    std::size_t most) {
     std::vector<std::pair<std::size_t, std::string>> near;
     for (const std::string &candidate : known) {
-        const bool holds = word.size() > 2 && candidate.find(word) != std::string::npos;
-        const std::size_t distance = holds ? 0 : Distance(word, candidate);
+        const bool contains = word.size() > 2 && candidate.find(word) != std::string::npos;
+        const std::size_t distance = contains ? 0 : Distance(word, candidate);
         if (distance <= 1 + word.size() / 3 && distance < candidate.size())
             near.emplace_back(distance, candidate);
     }

@@ -1,4 +1,4 @@
-// What somebody may have meant.
+// Suggestions for misspelt words.
 
 #ifndef CTL_CHECK_NEAREST_H
 #define CTL_CHECK_NEAREST_H
@@ -8,8 +8,7 @@
 
 namespace kest::ctl {
 
-// Those of `known` that are most like `word`, at most `most`, the nearest first; none that is not
-// like it at all.
+// Up to `most` words of `known` that are similar to `word`, the most similar first.
 std::vector<std::string> NearestOf(const std::string &word, const std::vector<std::string> &known,
                                    std::size_t most);
 

@@ -26,21 +26,22 @@ std::size_t AccountSource() {
         kJobSources.begin());
 }
 
-// Without links; empty when there is nothing.
+// `path` with all links resolved; empty if it does not exist.
 std::string Canonical(const fs::path &path) {
     std::error_code ignored;
     return fs::canonical(path, ignored).string();
 }
 
-// `path` as it can be taken apart: absolute, without "." and ".." at its end.
-fs::path Whole(const std::string &path) {
-    fs::path whole = fs::absolute(path);
-    if (!whole.has_filename())
-        whole = whole.parent_path();
-    return whole.filename() == "." || whole.filename() == ".." ? fs::path(Canonical(whole)) : whole;
+// The absolute path, with a last component other than "." and "..".
+fs::path Absolute(const std::string &path) {
+    fs::path absolute = fs::absolute(path);
+    if (!absolute.has_filename())
+        absolute = absolute.parent_path();
+    return absolute.filename() == "." || absolute.filename() == ".." ? fs::path(Canonical(absolute))
+                                                                     : absolute;
 }
 
-// `path` without slashes at its end.
+// `path` without trailing slashes.
 std::string Trimmed(std::string path) {
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
@@ -62,27 +63,26 @@ std::vector<JobFileBatch> CheckPaths::Batches() const {
     return batches;
 }
 
-void CheckPaths::Refuse(const std::string &shown, const std::string &message,
-                        const std::string &allowed) {
+void CheckPaths::AddError(const std::string &shown, const std::string &message, const Hint &hint) {
     const bool known =
         std::any_of(diagnostics_.begin(), diagnostics_.end(),
                     [&](const Diagnostic &diagnostic) { return diagnostic.file == shown; });
     Diagnostic diagnostic;
     diagnostic.file = shown;
     diagnostic.message = message;
-    diagnostic.allowed = allowed;
+    diagnostic.hint = hint;
     if (!known)
         diagnostics_.push_back(std::move(diagnostic));
 }
 
-bool CheckPaths::LookAt(const std::string &path, const std::string &shown, struct stat &status) {
+bool CheckPaths::GetStatus(const std::string &path, const std::string &shown, struct stat &status) {
     if (stat(path.c_str(), &status) == 0)
         return true;
     const std::string reason = std::strerror(errno);
-    if (errno == EACCES && geteuid() != 0) // root may all the same
+    if (errno == EACCES && geteuid() != 0) // the daemon, as root, may
         unreadable_.push_back(shown + ": " + reason);
     else
-        Refuse(shown, "cannot be looked at: " + reason, "a directory");
+        AddError(shown, "cannot be read: " + reason, Expected("a directory"));
     return false;
 }
 
@@ -96,39 +96,41 @@ std::vector<std::string> CheckPaths::NamesOf(const std::string &directory) {
 }
 
 bool CheckPaths::IsSource(std::size_t source, const std::string &path) const {
-    const std::string place = Canonical(appliance_.Locate(kJobSources.at(source).directory));
-    return !place.empty() && place == Canonical(path);
+    const std::string sourcePath = Canonical(appliance_.Locate(kJobSources.at(source).directory));
+    return !sourcePath.empty() && sourcePath == Canonical(path);
 }
 
-// The batch of a source, of an account's directory `name` where it has those; null, and a problem,
-// when the daemon refuses the directory.
+// The batch of a source, or of the account directory `name` in the source of account directories.
+// Null, with an error added, if the daemon refuses the directory.
 JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
                                   const std::string &shown) {
     JobDirectory directory{kJobSources.at(source).directory, kJobSources.at(source).label, {}};
     if (kJobSources.at(source).perAccount)
         directory.path = PathIn(directory.path, name);
     struct stat status {};
-    if (!LookAt(appliance_.Locate(directory.path), shown, status))
+    if (!GetStatus(appliance_.Locate(directory.path), shown, status))
         return nullptr;
     if (kJobSources.at(source).perAccount) {
         const std::optional<std::string> owner = appliance_.AccountName(status.st_uid);
         if (!owner || owner->empty()) {
-            Refuse(shown, "its owner, number " + std::to_string(status.st_uid) + ", is no account",
-                   "a directory that belongs to the account of its jobs");
+            AddError(shown,
+                     "is owned by user ID " + std::to_string(status.st_uid) +
+                         ", which has no account",
+                     Expected("a directory owned by the account of its jobs"));
             return nullptr;
         }
         directory.account = *owner;
         const bool isLink = IsLink(appliance_.Locate(directory.path));
         if (!MayBeAccountDirectory(status, isLink)) {
-            Refuse(shown,
-                   isLink ? "is a link to a directory of root's, or to one that others may write to"
-                          : "belongs to root, and others may write to it",
-                   "a directory that only the account of its jobs may write to");
+            AddError(shown,
+                     isLink ? "is a link to a directory that root owns or that others can write to"
+                            : "is owned by root, and others can write to it",
+                     Expected("a directory that only the account of its jobs can write to"));
             return nullptr;
         }
     }
     if (!S_ISDIR(status.st_mode)) {
-        Refuse(shown, "is no directory", "a directory");
+        AddError(shown, "is not a directory", Expected("a directory"));
         return nullptr;
     }
     JobFileBatch &batch = batches_[{source, name}];
@@ -137,15 +139,15 @@ JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
     return &batch;
 }
 
-// The batch of the directory at `path`, whether it is one of a source or not.
+// The batch of the directory at `path`, in a source or elsewhere.
 JobFileBatch *CheckPaths::BatchAt(const std::string &path, const std::string &shown) {
     for (std::size_t source = 0; source < kJobSources.size(); ++source)
         if (!kJobSources.at(source).perAccount && IsSource(source, path))
             return BatchOf(source, {}, shown);
-    // A link among the accounts' directories is known by its own place, not by where it leads.
-    for (const fs::path &way : {Whole(path), fs::path(Canonical(path))})
-        if (IsSource(AccountSource(), way.parent_path().string()))
-            return BatchOf(AccountSource(), way.filename().string(), shown);
+    // A link in the directory of account directories counts by its own path, not by its target.
+    for (const fs::path &candidate : {Absolute(path), fs::path(Canonical(path))})
+        if (IsSource(AccountSource(), candidate.parent_path().string()))
+            return BatchOf(AccountSource(), candidate.filename().string(), shown);
     JobFileBatch &batch = batches_[{kNoSource, Canonical(path)}];
     if (batch.directory.path.empty())
         batch.directory.path = path;
@@ -172,10 +174,11 @@ void CheckPaths::AddSources() {
     for (std::size_t source = 0; source < kJobSources.size(); ++source) {
         const std::string path = appliance_.Locate(kJobSources.at(source).directory);
         struct stat status {};
-        if ((stat(path.c_str(), &status) == -1 && errno == ENOENT) || !LookAt(path, path, status))
+        if ((stat(path.c_str(), &status) == -1 && errno == ENOENT) ||
+            !GetStatus(path, path, status))
             continue;
         if (!S_ISDIR(status.st_mode))
-            Refuse(path, "is no directory", "a directory");
+            AddError(path, "is not a directory", Expected("a directory"));
         else if (kJobSources.at(source).perAccount)
             AddAccounts(path, path);
         else
@@ -196,17 +199,17 @@ void CheckPaths::AddPath(const std::string &path) {
         AddFiles(BatchAt(path, shown), path, shown);
         return;
     }
-    const fs::path whole = Whole(path);
-    const std::string parent = whole.parent_path().string();
+    const fs::path absolute = Absolute(path);
+    const std::string parent = absolute.parent_path().string();
     if (IsSource(AccountSource(), parent)) {
-        BatchOf(AccountSource(), whole.filename().string(), shown);
+        BatchOf(AccountSource(), absolute.filename().string(), shown);
         return;
     }
     if (JobFileBatch *batch = BatchAt(parent, parent))
-        batch->files.emplace(whole.filename().string(), shown);
+        batch->files.emplace(absolute.filename().string(), shown);
 }
 
-void CheckPaths::AddTheirOtherDirectories() {
+void CheckPaths::AddOtherAccountDirectories() {
     std::set<std::string> accounts;
     for (const auto &[rank, batch] : batches_)
         if (!batch.directory.account.empty())

@@ -1,4 +1,4 @@
-// Which job files a check is about, and as what each of them is read.
+// Selects the job files to check and determines how the daemon would read each of them.
 
 #ifndef CTL_CHECK_PATHS_H
 #define CTL_CHECK_PATHS_H
@@ -16,45 +16,46 @@
 
 namespace kest::ctl {
 
-// Files of one directory.
+// The selected files of one directory.
 struct JobFileBatch {
-    JobDirectory directory; // of a source: its path on the appliance
+    JobDirectory directory; // in a source: the path on the appliance
     bool ofSource = false;
-    std::map<std::string, std::string> files; // name to what is printed for it
+    std::map<std::string, std::string> files; // name to path, as printed
 };
 
 class CheckPaths {
 public:
     explicit CheckPaths(const Appliance &appliance);
 
-    // The four sources; those that do not exist are no problem, because the daemon makes them.
+    // Adds the four sources. Missing ones are ignored because the daemon creates them.
     void AddSources();
 
-    // A job file, a directory of them, or the source of the accounts' directories. Throws Failure
-    // when there is nothing at `path`.
+    // Adds a job file, a directory of job files, or the directory of all account directories.
+    // Throws Failure if `path` does not exist.
     void AddPath(const std::string &path);
 
-    // The further directories of the accounts whose directories were added, without files: what
-    // lies in them takes of the same quota.
-    void AddTheirOtherDirectories();
+    // Adds the other directories of the accounts that were added, without selecting files: their
+    // files share the quota of the account.
+    void AddOtherAccountDirectories();
 
-    // In the order in which the daemon reads them, those of no source last.
+    // In the order in which the daemon reads them. Directories outside the sources come last.
     std::vector<JobFileBatch> Batches() const;
-    // Directories that the daemon refuses as a whole.
+    // Errors of directories that the daemon refuses.
     const std::vector<Diagnostic> &Diagnostics() const { return diagnostics_; }
-    // What could not be looked into, in words; it may be all right.
+    // Directories that the caller may not read, with the error.
     const std::vector<std::string> &Unreadable() const { return unreadable_; }
 
 private:
-    using Rank = std::pair<std::size_t, std::string>; // of the source and, within it, the directory
+    using Rank = std::pair<std::size_t, std::string>; // source, then directory name
+
     JobFileBatch *BatchOf(std::size_t source, const std::string &name, const std::string &shown);
     JobFileBatch *BatchAt(const std::string &path, const std::string &shown);
     void AddFiles(JobFileBatch *batch, const std::string &directory, const std::string &shown);
     void AddAccounts(const std::string &directory, const std::string &shown);
-    bool LookAt(const std::string &path, const std::string &shown, struct stat &status);
+    bool GetStatus(const std::string &path, const std::string &shown, struct stat &status);
     std::vector<std::string> NamesOf(const std::string &directory);
     bool IsSource(std::size_t source, const std::string &path) const;
-    void Refuse(const std::string &shown, const std::string &message, const std::string &allowed);
+    void AddError(const std::string &shown, const std::string &message, const Hint &hint);
 
     const Appliance &appliance_;
     std::map<Rank, JobFileBatch> batches_;

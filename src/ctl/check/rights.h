@@ -1,4 +1,4 @@
-// Who may change what the daemon reads as root's or as an account's.
+// Checks who can change the job files of the four sources.
 
 #ifndef CTL_CHECK_RIGHTS_H
 #define CTL_CHECK_RIGHTS_H
@@ -18,21 +18,21 @@ class CheckRights {
 public:
     explicit CheckRights(const Appliance &appliance) : appliance_(appliance) {}
 
-    // Adds a warning for each directory on the way to the files of `batch`, for the directory, for
-    // each of the files, and for what the links among them lead to, that somebody else than root
-    // and the account of the directory could change, and for an account directory that is a link.
+    // Adds a warning for the directory of `batch`, for each of its files and for each directory
+    // above them that users other than root and the account of the directory can change. Links are
+    // followed. Also adds a warning for an account directory that is a link.
     void Check(const JobFileBatch &batch);
 
     const std::vector<Diagnostic> &Diagnostics() const { return diagnostics_; }
 
 private:
     void CheckLink(const JobFileBatch &batch);
-    void CheckWay(const std::string &path);
-    bool MayChange(const std::string &path, const std::string &account, bool isWay) const;
-    void Warn(const std::string &shown, const std::string &message, const std::string &allowed);
+    void CheckParents(const std::string &path);
+    bool MayChange(const std::string &path, const std::string &account, bool isParent) const;
+    void Warn(const std::string &shown, const std::string &message, const Hint &hint);
 
     const Appliance &appliance_;
-    std::set<std::string> seen_; // directories above others that were looked at
+    std::set<std::string> seen_; // parent directories already checked
     std::vector<Diagnostic> diagnostics_;
 };
 

@@ -23,8 +23,8 @@ const LiveJob &JobArgument(const Context &context, const Runtime &runtime,
         return FindJob(runtime, name);
     } catch (const Failure &) {
         try {
-            TellWhyNotLoaded(context, name);
-        } catch (const Failure &) { // what matters is that there is no such job
+            PrintWhyNotLoaded(context, name);
+        } catch (const Failure &) { // report the missing job instead
         }
         throw;
     }
@@ -36,28 +36,30 @@ std::time_t TimeArgument(const Context &context, const std::string &text) {
         text.empty() ? context.now : ReadTime(text, context.now);
     if (!time || *time < -yearTenThousand || *time >= yearTenThousand)
         throw Failure("\"" + text +
-                      "\" is no time; write 2026-11-15 03:00, 03:00, yesterday, 2h "
-                      "(ago) or +2h");
+                      "\" is not a valid time; expected: a time such as \"2026-11-15 03:00\", "
+                      "03:00, yesterday, 2h (ago) or +2h");
     return *time;
 }
 
-void PrintCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context) {
-    if (context.appliance.IsThisOne() && !daemon.Runs())
-        std::cerr << "kestcronctl: kestcrond does not run: nothing starts by itself; this is from "
-                  << runtime.path << " of " << WhenInWords(runtime.saved, context.now) << "\n";
+void WarnOfStaleData(const Runtime &runtime, const Daemon &daemon, const Context &context) {
+    if (context.appliance.IsLocal() && !daemon.Runs())
+        std::cerr
+            << "kestcronctl: kestcrond is not running, so nothing will start; showing the state of "
+            << WhenInWords(runtime.saved, context.now) << " from " << runtime.path << "\n";
     for (const std::string &name : runtime.corrupt)
         std::cerr << "kestcronctl: " << runtime.path << ": \"" << Shown(name)
                   << "\" is not a valid job\n";
 }
 
-void TellWhatWaits(const Daemon &daemon) {
+void WarnOfWaitingStarts(const Daemon &daemon) {
     if (daemon.held)
-        std::cerr << "kestcronctl: the machine is held: only overdue jobs with "
-                     "\"assure_execute_action\" \"run\" start until it is not\n";
+        std::cerr
+            << "kestcronctl: the machine is held: until it is released, only overdue jobs with "
+               "\"assure_execute_action\" \"run\" start\n";
     if (daemon.delayed != 0)
         std::cerr << "kestcronctl: " << daemon.delayed
                   << (daemon.delayed == 1 ? " job is" : " jobs are")
-                  << " launched and waiting for their turn, and in no log yet\n";
+                  << " launched and waiting out their delay; the log does not show them yet\n";
 }
 
 void WriteJson(const Json::Value &document) {

@@ -1,5 +1,5 @@
-// The commands. Each writes to standard output what it was asked for and returns the exit status: 0
-// when all is well, 1 when it found problems. Each throws Failure when it cannot do its work.
+// The commands and what they share. Each command prints its result to standard output and returns
+// the exit status: 0 for success unless stated otherwise. Each throws Failure on errors.
 
 #ifndef CTL_COMMANDS_COMMANDS_H
 #define CTL_COMMANDS_COMMANDS_H
@@ -17,7 +17,7 @@
 
 namespace kest::ctl {
 
-// What every command works with.
+// The common input of all commands.
 struct Context {
     Appliance appliance;
     Screen screen;
@@ -26,9 +26,10 @@ struct Context {
 };
 
 struct CheckOptions {
-    std::vector<std::string> paths; // none: the four sources
+    std::vector<std::string> paths; // empty for the four sources
     bool errorsOnly = false;
 };
+// Returns 1 if it found problems.
 int Check(const Context &context, const CheckOptions &options);
 
 struct ListOptions {
@@ -37,7 +38,7 @@ struct ListOptions {
 int List(const Context &context, const ListOptions &options);
 
 struct NextOptions {
-    std::string job; // empty: all
+    std::string job; // empty for all jobs
     std::size_t count = 10;
     std::string at;
 };
@@ -49,7 +50,7 @@ struct ExplainOptions {
 };
 int Explain(const Context &context, const ExplainOptions &options);
 
-// Returns 3 when the daemon does not run.
+// Returns 3 if the daemon is not running.
 int Status(const Context &context);
 
 struct LogOptions {
@@ -68,15 +69,15 @@ int Show(const Context &context, const ShowOptions &options);
 
 struct TimelineOptions {
     std::size_t hours = 24;
-    std::string svg; // file to write; empty: the terminal
+    std::string svg; // output file; empty for text on standard output
 };
 int Timeline(const Context &context, const TimelineOptions &options);
 
 struct RunOptions {
     std::string job;
 };
-// Returns the job's own exit status, 128 and the signal's number when one ended it, 126 when it
-// cannot be prepared and 127 when its command cannot be run.
+// Returns the exit status of the job, 128 plus the signal number if a signal killed it, 126 if it
+// cannot be prepared, or 127 if its command cannot be run.
 int Run(const Context &context, const RunOptions &options);
 
 struct ReloadOptions {
@@ -86,30 +87,29 @@ int Reload(const Context &context, const ReloadOptions &options);
 
 int Metrics(const Context &context);
 
-// Whether a name is meant by `pattern`: a shell pattern when it holds one of "*?[", otherwise any
-// part of a name. An empty one means all.
+// Whether `name` matches `pattern`: a shell pattern if it contains one of "*?[", otherwise a
+// substring. An empty pattern matches all names.
 bool MatchesPattern(const std::string &pattern, const std::string &name);
 
-// The job that the command line names; as FindJob, and where there is none, what job files have to
-// say of it goes to standard error first.
+// FindJob for a name from the command line. If there is no such job, prints what the job files
+// contain about it to standard error first.
 const LiveJob &JobArgument(const Context &context, const Runtime &runtime, const std::string &name);
 
-// Writes to standard error where a job of that full name is defined and what there is to say of it;
-// nothing when it is nowhere.
-void TellWhyNotLoaded(const Context &context, const std::string &name);
+// Prints to standard error where a job of that full name is defined, and the diagnostics about it.
+void PrintWhyNotLoaded(const Context &context, const std::string &name);
 
-// Reads a time of the command line, empty for now. Throws Failure when it is none.
+// Parses a time from the command line; an empty text is the present time. Throws Failure if it is
+// invalid.
 std::time_t TimeArgument(const Context &context, const std::string &text);
 
-// Says on standard error what keeps the answer from being the whole truth: that the daemon does not
-// run, that a document is an old one, that an entry is corrupt.
-void PrintCaveats(const Runtime &runtime, const Daemon &daemon, const Context &context);
+// Warns on standard error that the daemon is not running, so the data is not current, and of
+// invalid entries in its document.
+void WarnOfStaleData(const Runtime &runtime, const Daemon &daemon, const Context &context);
 
-// Says on standard error what keeps jobs from starting in their time: that the machine is held, and
-// that launched jobs wait for their turn.
-void TellWhatWaits(const Daemon &daemon);
+// Warns on standard error that the machine is held, and of launched jobs that wait out their delay.
+void WarnOfWaitingStarts(const Daemon &daemon);
 
-// Writes a document as the answer; in one line when it is one of many.
+// Prints a JSON document, the second one in a single line.
 void WriteJson(const Json::Value &document);
 void WriteJsonLine(const Json::Value &document);
 

@@ -15,10 +15,10 @@
 
 namespace kest::ctl {
 
-// The answer in JSON: "expression", "fields" (each with "field", "text", "items" and "words"; an
-// item has "text", "type", which is "exact", "random" or "any", and "from" and "to"), "draws" (each
-// with "schedule" and "words", the first one as this machine would draw), "next", the first starts
-// of that one, and "remarks", what a check would say.
+// JSON output: "expression"; "fields", each with "field", "text", "words" and "items", which have
+// "text", "type" ("exact", "random" or "any"), "from" and "to"; "draws", each with "schedule" and
+// "words", where the first uses the draw of this machine; "next", the first starts of the first
+// draw; and "remarks", the diagnostics of a check.
 
 namespace {
 
@@ -27,19 +27,20 @@ constexpr std::size_t kStartsExplained = 5;
 
 std::string ExpressionOf(const ExplainOptions &options) {
     if (options.period.empty() == options.expression.empty())
-        throw Failure("explain wants an expression in quotes, or --period and a word");
+        throw Failure("explain requires either an expression in quotes or --period");
     if (options.period.empty())
         return options.expression;
     const std::optional<std::string> expression = PeriodCrontab(options.period, "");
     if (!expression)
-        throw Failure("\"" + options.period + "\" is no period: it begins with h, d, w, m or c");
+        throw Failure("\"" + options.period +
+                      "\" is not a valid period; expected: a word beginning with h, d, w, m or c");
     if (expression->empty())
         throw Failure("\"" + options.period +
-                      R"(" runs as the member "crontab" says; explain that)");
+                      R"(" uses the member "crontab"; write: explain EXPRESSION)");
     return *expression;
 }
 
-// The definition of a job with that expression.
+// A definition with the expression.
 Json::Value DefinitionWith(const std::string &expression) {
     Json::Value config;
     config["name"] = "explained";
@@ -50,19 +51,18 @@ Json::Value DefinitionWith(const std::string &expression) {
     return config;
 }
 
-// What a check of that job would say of its expression.
+// The diagnostics of a check of the definition, in one line each.
 std::vector<std::string> RemarksOn(const Json::Value &config, const CronJob &job,
                                    const std::vector<DefinitionFault> &faults) {
     const std::string noText;
-    const JsonPlaces nowhere(noText);
+    const JsonPositions nowhere(noText);
     CheckedDefinition checked(config, config, nowhere);
     AddErrors(checked, faults);
     if (job.valid)
-        FindCrontabWarnings(checked, job.cronFields());
+        CheckCrontab(checked, job.cronFields());
     std::vector<std::string> remarks;
     for (const Diagnostic &diagnostic : checked.TakeDiagnostics())
-        remarks.push_back(diagnostic.message +
-                          (diagnostic.allowed.empty() ? "" : "; allowed: " + diagnostic.allowed));
+        remarks.push_back(MessageWithHint(diagnostic));
     return remarks;
 }
 
@@ -71,7 +71,7 @@ std::string ItemInWords(const std::string &key, const CronRange &range) {
         return "every " + FieldsInWords({key});
     if (range.type == CronRange::Exact)
         return ValueInWords(key, range.from);
-    return "one from " + ValueInWords(key, range.from) + " to " + ValueInWords(key, range.to);
+    return "random from " + ValueInWords(key, range.from) + " to " + ValueInWords(key, range.to);
 }
 
 const char *RedrawInWords(const std::string &key) {
@@ -79,11 +79,11 @@ const char *RedrawInWords(const std::string &key) {
     case 'M':
         return "every hour";
     case 'h':
-        return "every midnight";
+        return "at midnight";
     case 'd':
-        return "every 1st of a month";
+        return "on the 1st of each month";
     case 'm':
-        return "every 1 January";
+        return "on 1 January";
     default:
         return "every Monday";
     }
@@ -96,7 +96,7 @@ std::string FieldInWords(const std::string &key, const std::vector<CronRange> &i
         texts.push_back(ItemInWords(key, item));
         random = random || item.type == CronRange::Random;
     }
-    return Enumerated(texts) + (random ? std::string(", drawn anew ") + RedrawInWords(key) : "");
+    return Enumerated(texts) + (random ? std::string(", redrawn ") + RedrawInWords(key) : "");
 }
 
 Json::Value FieldToJson(const std::string &key, const std::string &text,
@@ -120,8 +120,8 @@ Json::Value FieldToJson(const std::string &key, const std::string &text,
     return json;
 }
 
-// The first as this machine would draw it, if its own draw is known; the others by chance. One is
-// enough where nothing is drawn.
+// Possible draws. The first uses the draw of this machine, if known. An expression without random
+// items has only one.
 std::vector<Json::Value> Draws(const Context &context, CronJob job) {
     const std::optional<ScheduleTemplate> shared = FindTemplate(context.appliance);
     bool random = false;
@@ -159,10 +159,10 @@ Json::Value ToJson(const Explanation &explanation) {
     for (const std::string &remark : explanation.remarks)
         json["remarks"].append(remark);
     for (const Json::Value &draw : explanation.draws) {
-        Json::Value one;
-        one["schedule"] = draw;
-        one["words"] = ScheduleInWords(draw);
-        json["draws"].append(one);
+        Json::Value example;
+        example["schedule"] = draw;
+        example["words"] = ScheduleInWords(draw);
+        json["draws"].append(example);
     }
     json["next"] = Json::Value(Json::arrayValue);
     for (const ComingStart &start : explanation.starts)
@@ -179,14 +179,14 @@ void Write(const Explanation &explanation, const Context &context) {
     }
     std::cout << table.Show(context.screen) << "\n";
     for (const std::string &remark : explanation.remarks)
-        std::cout << Coloured(context.screen, Colour::Yellow, "Mind: ")
+        std::cout << Coloured(context.screen, Colour::Yellow, "Note: ")
                   << Wrapped(context.screen, Shown(remark), 6) << "\n";
     std::cout << (explanation.remarks.empty() ? "" : "\n")
-              << (explanation.draws.size() > 1 ? "Such as:\n" : "That is:\n");
+              << (explanation.draws.size() > 1 ? "For example:\n" : "Schedule:\n");
     for (const Json::Value &draw : explanation.draws)
         std::cout << "  " << ScheduleInWords(draw) << "\n";
-    std::cout << "\nThe next starts"
-              << (explanation.draws.size() > 1 ? ", of the first of these:\n" : ":\n");
+    std::cout << "\nNext starts"
+              << (explanation.draws.size() > 1 ? " of the first example:\n" : ":\n");
     for (const ComingStart &start : explanation.starts)
         std::cout << "  " << StartInWords(start, context.now)
                   << (start.undrawn.empty()
@@ -208,7 +208,7 @@ int Explain(const Context &context, const ExplainOptions &options) {
     explanation.job = CronJob(document, faults);
     explanation.remarks = RemarksOn(document["config"], explanation.job, faults);
     if (!explanation.job.valid)
-        throw Failure("\"" + explanation.expression + "\" is no crontab expression: " +
+        throw Failure("\"" + explanation.expression + "\" is not a valid crontab expression: " +
                       (explanation.remarks.empty() ? "" : explanation.remarks.front()));
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
     explanation.draws = Draws(context, explanation.job);

@@ -1,8 +1,8 @@
 #include "base/json_members.h"
 #include "ctl/commands/commands.h"
-#include "ctl/display/job_json.h"
 #include "ctl/display/job_status.h"
 #include "ctl/display/phrases.h"
+#include "ctl/display/starts.h"
 #include "ctl/display/times.h"
 
 #include <iostream>
@@ -12,15 +12,15 @@ namespace kest::ctl {
 int List(const Context &context, const ListOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    PrintCaveats(runtime, daemon, context);
-    TellWhatWaits(daemon);
-    Json::Value answer(Json::arrayValue);
+    WarnOfStaleData(runtime, daemon, context);
+    WarnOfWaitingStarts(daemon);
+    Json::Value json(Json::arrayValue);
     Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
     for (const LiveJob &job : runtime.jobs) {
         if (!MatchesPattern(options.pattern, job.name))
             continue;
         if (context.json) {
-            answer.append(JobToJson(job, daemon, context.now));
+            json.append(JobToJson(job, daemon, context.now));
             continue;
         }
         const JobStatusText &state = InWords(JobStatusOf(job, daemon));
@@ -31,7 +31,7 @@ int List(const Context &context, const ListOptions &options) {
                   state.colour);
     }
     if (context.json)
-        WriteJson(answer);
+        WriteJson(json);
     else
         std::cout << table.Show(context.screen);
     return 0;

@@ -1,6 +1,5 @@
 #include "base/paths.h"
 #include "ctl/commands/commands.h"
-#include "ctl/display/job_json.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
@@ -18,8 +17,8 @@
 
 namespace kest::ctl {
 
-// The answer in JSON: one object a line, with "time", "job" (null when the line tells of none),
-// "failed" and "text".
+// JSON output: one object for each line, with "time", "job" (null if the line names none), "failed"
+// and "text".
 
 namespace {
 
@@ -50,9 +49,9 @@ void Write(const Context &context, const LogLine &line) {
     WriteJsonLine(json);
 }
 
-// Writes what there is, as far as it is asked for: the last `most` lines, or all.
-void WritePast(const Context &context, LogFile &file, const Filter &filter,
-               std::optional<std::size_t> most, bool goesOn) {
+// Writes the existing lines that pass the filter: the last `most` of them, or all.
+void WriteExisting(const Context &context, LogFile &file, const Filter &filter,
+                   std::optional<std::size_t> most, bool follow) {
     std::deque<LogLine> kept;
     const auto take = [&](const std::string &line) {
         LogLine parsed = ParseLogLine(line);
@@ -68,8 +67,8 @@ void WritePast(const Context &context, LogFile &file, const Filter &filter,
     };
     for (std::string line; file.ReadLine(line);)
         take(line);
-    if (const std::string torn = goesOn ? "" : file.TakeTorn(); !torn.empty())
-        take(torn);
+    if (const std::string partial = follow ? "" : file.TakePartialLine(); !partial.empty())
+        take(partial);
     for (const LogLine &line : kept)
         Write(context, line);
 }
@@ -83,7 +82,7 @@ void WritePast(const Context &context, LogFile &file, const Filter &filter,
                 Write(context, parsed);
         if (!std::cout.flush())
             throw Failure(std::string("standard output: ") + std::strerror(errno));
-        // What the old file got until now is read; the new one is begun at its beginning.
+        // The old file is read to its end; now read the new one from its beginning.
         if (!rotated || !file.Open())
             std::this_thread::sleep_for(pause);
     }
@@ -92,7 +91,7 @@ void WritePast(const Context &context, LogFile &file, const Filter &filter,
 } // namespace
 
 int Log(const Context &context, const LogOptions &options) {
-    constexpr std::size_t someBefore = 10; // lines in front of those that are followed
+    constexpr std::size_t linesBeforeFollow = 10; // by default
     const std::string path = context.appliance.Locate(kExecutionLogFile);
     Filter filter{options.job, 0, options.failed};
     filter.since = options.since.empty() ? std::numeric_limits<std::time_t>::min()
@@ -101,12 +100,12 @@ int Log(const Context &context, const LogOptions &options) {
     if (!file.Open()) {
         if (errno != ENOENT)
             throw Failure(path + ": " + std::strerror(errno));
-        std::cerr << "kestcronctl: there is no " << path << " yet\n";
+        std::cerr << "kestcronctl: " << path << " does not exist yet\n";
     } else {
         std::optional<std::size_t> most = options.lines;
         if (options.follow && options.since.empty() && !most)
-            most = someBefore;
-        WritePast(context, file, filter, most, options.follow);
+            most = linesBeforeFollow;
+        WriteExisting(context, file, filter, most, options.follow);
     }
     if (options.follow)
         Follow(context, file, filter);

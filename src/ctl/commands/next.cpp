@@ -1,5 +1,4 @@
 #include "ctl/commands/commands.h"
-#include "ctl/display/job_json.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
@@ -11,22 +10,21 @@ namespace kest::ctl {
 
 namespace {
 
-// What is to be known about a start besides its time.
+// The column "REMARK".
 std::string RemarkOf(const JobStart &start) {
     if (start.overdue)
-        return start.undrawn.empty() ? "overdue by then"
-                                     : "overdue by then, unless it starts before";
+        return start.undrawn.empty() ? "overdue" : "overdue, unless it starts earlier";
     return start.undrawn.empty() ? "" : FieldsInWords(start.undrawn) + " not yet drawn";
 }
 
 void WriteAsJson(const std::vector<JobStart> &starts) {
-    Json::Value answer(Json::arrayValue);
+    Json::Value json(Json::arrayValue);
     for (const JobStart &start : starts) {
-        Json::Value json = StartToJson(start, start.overdue);
-        json["job"] = start.job->name;
-        answer.append(std::move(json));
+        Json::Value entry = StartToJson(start, start.overdue);
+        entry["job"] = start.job->name;
+        json.append(std::move(entry));
     }
-    WriteJson(answer);
+    WriteJson(json);
 }
 
 } // namespace
@@ -35,8 +33,8 @@ int Next(const Context &context, const NextOptions &options) {
     const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    PrintCaveats(runtime, daemon, context);
-    TellWhatWaits(daemon);
+    WarnOfStaleData(runtime, daemon, context);
+    WarnOfWaitingStarts(daemon);
     std::vector<const LiveJob *> jobs;
     if (!options.job.empty())
         jobs.push_back(&JobArgument(context, runtime, options.job));

@@ -19,7 +19,7 @@
 
 namespace kest::ctl {
 
-// The answer in JSON: "came", "went" and "changed", names of jobs, and "jobs", how many there are.
+// JSON output: "came", "went" and "changed", arrays of job names, and "jobs", the number of jobs.
 
 namespace {
 
@@ -32,7 +32,7 @@ Definitions DefinitionsIn(const Runtime &runtime) {
     return definitions;
 }
 
-// What tells one state of a file or directory from the next.
+// Identifies one version of a file or directory.
 using Stamp = std::tuple<ino_t, std::time_t, long>;
 
 Stamp StampOf(const char *path) {
@@ -42,8 +42,8 @@ Stamp StampOf(const char *path) {
     return {status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
-// Waits until the daemon has written its document after it staged programs anew: it writes the
-// document at every redraw too.
+// Waits until the daemon has staged programs and then written its runtime document. The document
+// alone is not enough, because the daemon writes it at each redraw too.
 void WaitForReload(const Daemon &daemon, Stamp document, Stamp staging, bool hadJobs,
                    std::chrono::seconds timeout) {
     constexpr std::chrono::milliseconds pause(20);
@@ -55,17 +55,17 @@ void WaitForReload(const Daemon &daemon, Stamp document, Stamp staging, bool had
             document = StampOf(kRuntimeFile);
         }
         if (kill(daemon.pid, 0) == -1 && errno == ESRCH)
-            throw Failure("the daemon has ended");
+            throw Failure("kestcrond has stopped");
         if (std::chrono::steady_clock::now() > end)
-            throw Failure("the daemon has not reloaded within " + std::to_string(timeout.count()) +
+            throw Failure("kestcrond did not reload within " + std::to_string(timeout.count()) +
                           " s");
         std::this_thread::sleep_for(pause);
     }
 }
 
 struct Difference {
-    std::vector<std::string> came;
-    std::vector<std::string> went;
+    std::vector<std::string> added;
+    std::vector<std::string> removed;
     std::vector<std::string> changed;
 };
 
@@ -74,17 +74,17 @@ Difference Compare(const Definitions &before, const Definitions &after) {
     for (const auto &[name, definition] : after) {
         const auto found = before.find(name);
         if (found == before.end())
-            difference.came.push_back(name);
+            difference.added.push_back(name);
         else if (found->second != definition)
             difference.changed.push_back(name);
     }
     for (const auto &[name, definition] : before)
         if (after.count(name) == 0)
-            difference.went.push_back(name);
+            difference.removed.push_back(name);
     return difference;
 }
 
-Json::Value Names(const std::vector<std::string> &names) {
+Json::Value NamesToJson(const std::vector<std::string> &names) {
     Json::Value json(Json::arrayValue);
     for (const std::string &name : names)
         json.append(name);
@@ -94,40 +94,41 @@ Json::Value Names(const std::vector<std::string> &names) {
 void Write(const Context &context, const Difference &difference, std::size_t jobs) {
     if (context.json) {
         Json::Value json;
-        json["came"] = Names(difference.came);
-        json["went"] = Names(difference.went);
-        json["changed"] = Names(difference.changed);
+        json["came"] = NamesToJson(difference.added);
+        json["went"] = NamesToJson(difference.removed);
+        json["changed"] = NamesToJson(difference.changed);
         json["jobs"] = Json::UInt64{jobs};
         WriteJson(json);
         return;
     }
-    const auto write = [&](Colour colour, const char *what, const std::vector<std::string> &names) {
+    const auto write = [&](Colour colour, const char *change,
+                           const std::vector<std::string> &names) {
         for (const std::string &name : names)
-            std::cout << Coloured(context.screen, colour, what) << " " << Shown(name) << "\n";
+            std::cout << Coloured(context.screen, colour, change) << " " << Shown(name) << "\n";
     };
-    write(Colour::Green, "came   ", difference.came);
-    write(Colour::Red, "went   ", difference.went);
+    write(Colour::Green, "added  ", difference.added);
+    write(Colour::Red, "removed", difference.removed);
     write(Colour::Yellow, "changed", difference.changed);
     const bool same =
-        difference.came.empty() && difference.went.empty() && difference.changed.empty();
-    std::cout << (same ? "no job came, went or changed; " : "") << jobs
+        difference.added.empty() && difference.removed.empty() && difference.changed.empty();
+    std::cout << (same ? "no jobs added, removed or changed; " : "") << jobs
               << (jobs == 1 ? " job\n" : " jobs\n");
 }
 
 } // namespace
 
 int Reload(const Context &context, const ReloadOptions &options) {
-    if (!context.appliance.IsThisOne())
-        throw Failure("the daemon of another system cannot be reached");
+    if (!context.appliance.IsLocal())
+        throw Failure("reload works only on this system, without --root");
     const Daemon daemon = FindDaemon(context.appliance);
     if (!daemon.Runs())
-        throw Failure(std::string("kestcrond does not run: ") + kPidFile +
-                      " names no process of that name");
+        throw Failure(std::string("kestcrond is not running: ") + kPidFile +
+                      " does not name a kestcrond process");
     const Runtime before = LoadRuntime(context.appliance);
     const Stamp document = StampOf(kRuntimeFile);
     const Stamp staging = StampOf(kRuntimeDirectory);
     if (kill(daemon.pid, SIGHUP) == -1)
-        throw Failure(std::string("cannot signal the daemon: ") + std::strerror(errno));
+        throw Failure(std::string("cannot send a signal to kestcrond: ") + std::strerror(errno));
     WaitForReload(daemon, document, staging, !before.jobs.empty(),
                   std::chrono::seconds(options.timeout));
     const Runtime after = LoadRuntime(context.appliance);

@@ -30,36 +30,35 @@ namespace kest::ctl {
 
 namespace {
 
-constexpr int kNotPrepared = 126; // as shells have it
+constexpr int kNotPrepared = 126; // as in shells
 constexpr int kNotRun = 127;
 
-// Who asked for it, before he became root.
-std::string Asker() {
+// The name of the user who called the tool, possibly through sudo.
+std::string CallerName() {
     const char *sudo = std::getenv("SUDO_USER");
     const passwd *account = getpwuid(getuid());
     return sudo != nullptr ? sudo : account != nullptr ? account->pw_name : "root";
 }
 
-std::string NoteOf(const LiveJob &job, std::time_t now) {
+std::string LaunchNote(const LiveJob &job, std::time_t now) {
     std::tm local{};
     localtime_r(&now, &local);
     std::ostringstream time;
     char text[32] = "";
     std::strftime(text, sizeof text, "%d %H:%M:%S", &local);
     return std::string("state[") + kManualState + "], trig[" + text + "], tab[" +
-           job.job.RenderSchedule() + "], by[" + Asker() + "]";
+           job.job.RenderSchedule() + "], by[" + CallerName() + "]";
 }
 
-// Whether the staged program is one that the daemon has staged: nobody else may write where it
-// lies.
+// Whether the daemon staged the program: only root can write to a valid runtime directory.
 bool IsStagedByDaemon(const std::string &staged) {
     return OpenRuntimeDirectory() && XLIBCFileExist(staged.c_str());
 }
 
-// A job has the daemon's environment, directory and file mode mask, not those of somebody's shell:
-// what goes wrong at night shall go wrong here. Nor has it the shell's terminal, into which it
-// could type; the session of its own keeps only what it writes there.
-void TakeOnSurroundings(const Daemon &daemon) {
+// Gives the job the environment, working directory and file mode mask of the daemon instead of the
+// caller's, so that it fails or succeeds as it would when launched. The new session has no
+// controlling terminal, so that the job cannot send input to it.
+void TakeDaemonEnvironment(const Daemon &daemon) {
     setsid();
     if (chdir("/") == -1)
         std::cerr << "kestcronctl: /: " << std::strerror(errno) << "\n";
@@ -84,8 +83,9 @@ void TakeOnSurroundings(const Daemon &daemon) {
             umask(static_cast<mode_t>(std::strtoul(word.c_str(), nullptr, 8)));
 }
 
-// Why the job cannot be prepared, in the words of the daemon's messages; nothing when it can.
-std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &appliance) {
+// The reasons why the job cannot run as its account, with the texts of the daemon's messages; empty
+// if it can.
+std::vector<std::string> AccountErrors(const CronJob &job, const Appliance &appliance) {
     const Json::Value config = job.Config();
     const std::optional<std::string> account = AccountOf(config);
     if (account && appliance.HasAccount(*account))
@@ -105,13 +105,13 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
 [[noreturn]] void BecomeJob(const CronJob &job, const Daemon &daemon, const std::string &note) {
     int status = kNotPrepared;
     try {
-        TakeOnSurroundings(daemon);
+        TakeDaemonEnvironment(daemon);
         executionLog.BeSilent();
         if (job.BecomeCommand(note)) {
             status = kNotRun;
-            std::cerr << "kestcronctl: its command cannot be run; the execution log shows why\n";
+            std::cerr << "kestcronctl: cannot run the command; see the execution log\n";
         } else {
-            std::cerr << "kestcronctl: the job cannot be prepared; the system log shows why\n";
+            std::cerr << "kestcronctl: cannot prepare the job; see the system log\n";
         }
     } catch (const std::exception &error) {
         std::cerr << "kestcronctl: " << error.what() << "\n";
@@ -123,27 +123,27 @@ std::vector<std::string> WhyNotPrepared(const CronJob &job, const Appliance &app
     _exit(status);
 }
 
-volatile std::sig_atomic_t runningJob = 0; // its session, for the signal handler
+volatile std::sig_atomic_t runningJob = 0; // for the signal handler; also the ID of its session
 
-void PassOn(int number) {
+void ForwardSignal(int number) {
     const ErrnoGuard errnoGuard;
     const auto job = static_cast<pid_t>(runningJob);
-    if (kill(-job, number) == -1) // it has no session of its own yet
+    if (kill(-job, number) == -1) // it has not created its session yet
         kill(job, number);
 }
 
-// Signals to this program are for the job, which ends or does not.
+// Waits for the job and forwards signals to it. Returns the exit status of the tool.
 int WaitFor(pid_t pid) {
     constexpr int signalled = 128;
     runningJob = pid;
     for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
-        std::signal(number, PassOn);
+        std::signal(number, ForwardSignal);
     int status = 0;
     while (waitpid(pid, &status, 0) == -1)
         if (errno != EINTR)
             throw Failure(std::string("cannot wait for the job: ") + std::strerror(errno));
     if (WIFSIGNALED(status)) {
-        std::cerr << "kestcronctl: ended by signal " << WTERMSIG(status) << " ("
+        std::cerr << "kestcronctl: killed by signal " << WTERMSIG(status) << " ("
                   << strsignal(WTERMSIG(status)) << ")\n";
         return signalled + WTERMSIG(status);
     }
@@ -153,20 +153,19 @@ int WaitFor(pid_t pid) {
 } // namespace
 
 int Run(const Context &context, const RunOptions &options) {
-    if (!context.appliance.IsThisOne())
-        throw Failure("a job of another system cannot be run here");
+    if (!context.appliance.IsLocal())
+        throw Failure("run works only on this system, without --root");
     if (geteuid() != 0)
-        throw Failure("only root can run a job as its account");
+        throw Failure("run requires root");
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    PrintCaveats(runtime, daemon, context);
+    WarnOfStaleData(runtime, daemon, context);
     const LiveJob &job = JobArgument(context, runtime, options.job);
     if (!IsStagedByDaemon(job.staged))
-        throw Failure(job.staged + " is not there, or not the daemon's: it stages programs when it "
-                                   "loads jobs");
+        throw Failure(job.staged + " does not exist or was not staged by kestcrond");
     CronJob prepared = job.job;
     prepared.SetStaged(true);
-    const std::vector<std::string> reasons = WhyNotPrepared(prepared, context.appliance);
+    const std::vector<std::string> reasons = AccountErrors(prepared, context.appliance);
     for (const std::string &reason : reasons)
         std::cerr << "kestcronctl: " << Shown(reason) << "\n";
     if (!reasons.empty())
@@ -176,7 +175,7 @@ int Run(const Context &context, const RunOptions &options) {
     if (pid == -1)
         throw Failure(std::string("cannot fork: ") + std::strerror(errno));
     if (pid == 0)
-        BecomeJob(prepared, daemon, NoteOf(job, context.now));
+        BecomeJob(prepared, daemon, LaunchNote(job, context.now));
     return WaitFor(pid);
 }
 

@@ -4,9 +4,9 @@
 #include "base/paths.h"
 #include "base/printable.h"
 #include "ctl/commands/commands.h"
-#include "ctl/display/job_json.h"
 #include "ctl/display/job_status.h"
 #include "ctl/display/phrases.h"
+#include "ctl/display/starts.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/log_file.h"
@@ -24,18 +24,18 @@
 
 namespace kest::ctl {
 
-// The answer in JSON: the members of a job in `list`, and "definition", "command" (an array),
-// "assure_execute" (hours), "assure_run", "run_on_passive", "program", "staged" (paths),
-// "staged_state" ("same", "differs", "missing", "unknown"), "starts" (the next ones) and "log"
-// (lines).
+// JSON output: the members of a job in `list`, and "definition", "command" (an array),
+// "assure_execute" (hours), "assure_run", "run_on_passive", "program" and "staged" (paths),
+// "staged_state" ("same", "differs", "missing", "unknown"), "starts" (the next starts) and "log"
+// (the last lines).
 
 namespace {
 
 constexpr std::size_t kStartsShown = 3;
 constexpr std::size_t kLogLines = 5;
-constexpr std::size_t kLogBytes = std::size_t{1} << 26; // older lines are the log command's
+constexpr std::size_t kLogBytes = std::size_t{1} << 26; // searched at the end of the log
 
-// The content of a program; nothing, with errno set, when it cannot be had.
+// The content of a program; nothing, with errno set, if it cannot be read.
 std::optional<std::string> ContentOf(const std::string &path) {
     constexpr std::size_t most = std::size_t{1} << 28;
     std::string content;
@@ -45,28 +45,28 @@ std::optional<std::string> ContentOf(const std::string &path) {
     return content;
 }
 
-struct Staged {
+struct StagedState {
     const char *word; // in JSON
     std::string text;
 };
 
-// How the staged program and the one it was copied from compare by now.
-Staged Compare(const Context &context, const LiveJob &job, const std::string &program) {
+// Compares the staged program with its source.
+StagedState CompareStaged(const Context &context, const LiveJob &job, const std::string &program) {
     const std::string staged = context.appliance.Locate(job.staged);
     if (access(staged.c_str(), F_OK) == -1)
-        return {"missing", "not staged: no daemon has loaded it since /tmp was cleaned"};
+        return {"missing", "not staged (not loaded since /tmp was cleared)"};
     const auto copy = ContentOf(staged);
     if (!copy)
-        return {"unknown", "staged; only root can compare it with its source"};
+        return {"unknown", "staged (only root can compare it with its source)"};
     const auto source = ContentOf(context.appliance.Locate(program));
     if (!source)
-        return {"differs", std::string("staged; its source: ") + std::strerror(errno)};
+        return {"differs", std::string("staged; cannot read its source: ") + std::strerror(errno)};
     if (*copy == *source)
-        return {"same", "staged, the same as its source"};
-    return {"differs", "staged; its source has changed since, a reload takes that over"};
+        return {"same", "staged, identical to its source"};
+    return {"differs", "staged; the source has changed since (a reload stages it again)"};
 }
 
-std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
+std::deque<LogLine> LastLogLines(const Context &context, const LiveJob &job) {
     std::deque<LogLine> lines;
     const std::string name = Printable(job.name);
     LogFile log(context.appliance.Locate(kExecutionLogFile));
@@ -83,38 +83,38 @@ std::deque<LogLine> LinesOf(const Context &context, const LiveJob &job) {
     return lines;
 }
 
-std::string WhyNoLines(const Context &context) {
+std::string ReasonForNoLines(const Context &context) {
     const std::string path = context.appliance.Locate(kExecutionLogFile);
     if (access(path.c_str(), R_OK) == 0 || errno == ENOENT)
-        return "no lines of it";
+        return "no lines";
     return path + ": " + std::strerror(errno);
 }
 
-struct ShownFacts {
+struct JobDetails {
     const LiveJob &job;
     Daemon daemon;
     std::string program;
-    Staged staged;
+    StagedState staged;
     std::vector<JobStart> starts;
     std::deque<LogLine> lines;
 };
 
-Json::Value ToJson(const ShownFacts &facts, std::time_t now) {
-    const Json::Value document = facts.job.job.Document();
-    Json::Value json = JobToJson(facts.job, facts.daemon, now);
+Json::Value ToJson(const JobDetails &details, std::time_t now) {
+    const Json::Value document = details.job.job.Document();
+    Json::Value json = JobToJson(details.job, details.daemon, now);
     json["definition"] = Member(document, "config");
     json["command"] = Member(document, "cmd_list");
-    json["assure_execute"] = facts.job.job.assureExecute;
-    json["assure_run"] = facts.job.job.assureRun == 1;
-    json["run_on_passive"] = facts.job.job.runOnPassive;
-    json["program"] = facts.program;
-    json["staged"] = facts.job.staged;
-    json["staged_state"] = facts.staged.word;
+    json["assure_execute"] = details.job.job.assureExecute;
+    json["assure_run"] = details.job.job.assureRun == 1;
+    json["run_on_passive"] = details.job.job.runOnPassive;
+    json["program"] = details.program;
+    json["staged"] = details.job.staged;
+    json["staged_state"] = details.staged.word;
     json["starts"] = Json::Value(Json::arrayValue);
-    for (const JobStart &start : facts.starts)
+    for (const JobStart &start : details.starts)
         json["starts"].append(StartToJson(start, start.overdue));
     json["log"] = Json::Value(Json::arrayValue);
-    for (const LogLine &line : facts.lines)
+    for (const LogLine &line : details.lines)
         json["log"].append(line.stamp + line.text);
     return json;
 }
@@ -127,16 +127,16 @@ void Line(const Screen &screen, const std::string &name, const std::string &text
 
 std::string AssuranceInWords(const CronJob &job) {
     if (job.assureExecute == 0)
-        return "no: a missed run is not made up for";
+        return "no (missed runs are not repeated)";
     return "run after " + std::to_string(job.assureExecute) + " h without a run" +
            (job.assureRun == 1 ? ", even while the machine is held" : "");
 }
 
-void Write(const ShownFacts &facts, const Context &context) {
+void Write(const JobDetails &details, const Context &context) {
     const Screen &screen = context.screen;
-    const LiveJob &job = facts.job;
+    const LiveJob &job = details.job;
     const Json::Value document = job.job.Document();
-    const JobStatusText &state = InWords(JobStatusOf(job, facts.daemon));
+    const JobStatusText &state = InWords(JobStatusOf(job, details.daemon));
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
          state.text +
@@ -144,18 +144,19 @@ void Write(const ShownFacts &facts, const Context &context) {
     Line(screen, "account", job.account);
     Line(screen, "command", TextMember(document, "cmd_str"));
     Line(screen, "program", job.staged);
-    Line(screen, "", facts.staged.text);
+    Line(screen, "", details.staged.text);
     Line(screen, "schedule", ScheduleInWords(Member(document, "schedule")));
-    Line(screen, "", "drawn as " + job.job.RenderSchedule());
+    Line(screen, "", "drawn values " + job.job.RenderSchedule());
     Line(screen, "assured", AssuranceInWords(job.job));
     Line(screen, "passive",
-         job.job.runOnPassive ? "run on a passive machine too" : "not run on a passive machine");
-    Line(screen, "last run",
-         job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "none known");
+         job.job.runOnPassive ? "runs on passive machines too"
+                              : "does not run on passive machines");
+    Line(screen, "last run", job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "unknown");
     std::string name = "next runs";
-    for (const JobStart &start : facts.starts)
-        Line(screen, std::exchange(name, ""), NextInWords(start, context.now));
-    if (facts.starts.empty())
+    for (const JobStart &start : details.starts)
+        Line(screen, std::exchange(name, ""),
+             StartInWords(start, context.now) + (start.overdue ? ", overdue" : ""));
+    if (details.starts.empty())
         Line(screen, name, "never");
     std::cout << "\ndefinition:\n";
     std::istringstream definition(JsonToString(Member(document, "config")));
@@ -164,12 +165,12 @@ void Write(const ShownFacts &facts, const Context &context) {
         std::cout << std::string(4 * depth, ' ') << Shown(line.substr(depth)) << "\n";
     }
     std::cout << "\nlog:\n";
-    for (const LogLine &line : facts.lines)
+    for (const LogLine &line : details.lines)
         std::cout << line.stamp
                   << Coloured(screen, line.failed ? Colour::Red : Colour::None, Shown(line.text))
                   << "\n";
-    if (facts.lines.empty())
-        std::cout << WhyNoLines(context) << "\n";
+    if (details.lines.empty())
+        std::cout << ReasonForNoLines(context) << "\n";
 }
 
 } // namespace
@@ -177,22 +178,22 @@ void Write(const ShownFacts &facts, const Context &context) {
 int Show(const Context &context, const ShowOptions &options) {
     const Runtime runtime = LoadRuntime(context.appliance);
     const Daemon daemon = FindDaemon(context.appliance);
-    PrintCaveats(runtime, daemon, context);
-    TellWhatWaits(daemon);
+    WarnOfStaleData(runtime, daemon, context);
+    WarnOfWaitingStarts(daemon);
     const LiveJob &job = JobArgument(context, runtime, options.job);
     const std::string program = job.job.Program();
-    const ShownFacts facts{job,
-                           daemon,
-                           program,
-                           Compare(context, job, program),
-                           StartsOf(job, daemon,
-                                    {context.now, context.now, context.now + kCalendarRepeats},
-                                    kStartsShown),
-                           LinesOf(context, job)};
+    const JobDetails details{job,
+                             daemon,
+                             program,
+                             CompareStaged(context, job, program),
+                             StartsOf(job, daemon,
+                                      {context.now, context.now, context.now + kCalendarRepeats},
+                                      kStartsShown),
+                             LastLogLines(context, job)};
     if (context.json)
-        WriteJson(ToJson(facts, context.now));
+        WriteJson(ToJson(details, context.now));
     else
-        Write(facts, context);
+        Write(details, context);
     return 0;
 }
 

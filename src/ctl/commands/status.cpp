@@ -2,7 +2,7 @@
 #include "core/unreadable.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/coming_starts.h"
-#include "ctl/display/job_json.h"
+#include "ctl/display/job_status.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
 #include "ctl/system/failure.h"
@@ -16,16 +16,16 @@
 
 namespace kest::ctl {
 
-// The answer in JSON: "running", "pid", "since", "passive", "held", "delayed" (launched jobs that
-// wait for their turn), "jobs", "draw" (the template's values as text), "max_delay" (seconds),
-// "redraw" (field to the time at which it is drawn anew), "document" (the file that jobs are known
-// from) and "unreadable" (the files that keep saved documents which could not be read). What is not
-// known is null.
+// JSON output: "running", "pid", "since", "passive", "held", "delayed" (number of launched jobs
+// that wait out their delay), "jobs" (number), "draw" (the values of the schedule template as
+// text), "max_delay" (seconds), "redraw" (the next redraw of each field), "document" (the file that
+// the jobs are read from) and "unreadable" (copies of saved documents that could not be read).
+// Unknown values are null.
 
 namespace {
 
-struct StatusFacts {
-    bool here = true; // this very appliance
+struct StatusData {
+    bool local = true; // this appliance
     Daemon daemon;
     std::optional<Runtime> runtime;
     std::optional<ScheduleTemplate> schedule;
@@ -33,49 +33,49 @@ struct StatusFacts {
     std::vector<std::string> unreadable;
 };
 
-std::vector<std::string> KeptUnreadable(const Appliance &appliance) {
-    std::vector<std::string> kept;
+std::vector<std::string> UnreadableCopies(const Appliance &appliance) {
+    std::vector<std::string> copies;
     for (const char *path : {kPersistentFile, kPersistentTemplateFile})
         if (XLIBCFileExist(appliance.Locate(UnreadableName(path)).c_str()))
-            kept.push_back(UnreadableName(path));
-    return kept;
+            copies.push_back(UnreadableName(path));
+    return copies;
 }
 
-StatusFacts Gather(const Context &context) {
-    StatusFacts facts;
-    facts.here = context.appliance.IsThisOne();
-    facts.daemon = FindDaemon(context.appliance);
+StatusData Gather(const Context &context) {
+    StatusData data;
+    data.local = context.appliance.IsLocal();
+    data.daemon = FindDaemon(context.appliance);
     try {
-        facts.runtime = LoadRuntime(context.appliance);
+        data.runtime = LoadRuntime(context.appliance);
     } catch (const Failure &failure) {
         std::cerr << "kestcronctl: " << failure.what() << "\n";
     }
-    facts.schedule = FindTemplate(context.appliance);
+    data.schedule = FindTemplate(context.appliance);
     for (const std::string &key : FieldKeys())
-        facts.redraws[key] = NextRedraw(key, context.now);
-    facts.unreadable = KeptUnreadable(context.appliance);
-    return facts;
+        data.redraws[key] = NextRedraw(key, context.now);
+    data.unreadable = UnreadableCopies(context.appliance);
+    return data;
 }
 
-Json::Value ToJson(const StatusFacts &facts) {
-    const Daemon &daemon = facts.daemon;
+Json::Value ToJson(const StatusData &data) {
+    const Daemon &daemon = data.daemon;
     const bool runs = daemon.Runs();
     Json::Value json;
     json["running"] = runs;
     json["pid"] = runs ? Json::Value(daemon.pid) : Json::Value();
     json["since"] = TimeToJson(daemon.since);
     json["passive"] = runs ? Json::Value(daemon.passive) : Json::Value();
-    json["held"] = facts.here ? Json::Value(daemon.held) : Json::Value();
-    json["delayed"] = facts.here ? Json::Value(daemon.delayed) : Json::Value();
+    json["held"] = data.local ? Json::Value(daemon.held) : Json::Value();
+    json["delayed"] = data.local ? Json::Value(daemon.delayed) : Json::Value();
     json["jobs"] =
-        facts.runtime ? Json::Value(Json::UInt64{facts.runtime->jobs.size()}) : Json::Value();
-    json["document"] = facts.runtime ? Json::Value(facts.runtime->path) : Json::Value();
-    json["draw"] = facts.schedule ? Json::Value(facts.schedule->RenderSchedule()) : Json::Value();
-    json["max_delay"] = facts.schedule ? Json::Value(facts.schedule->maxDelay) : Json::Value();
-    for (const auto &[key, time] : facts.redraws)
+        data.runtime ? Json::Value(Json::UInt64{data.runtime->jobs.size()}) : Json::Value();
+    json["document"] = data.runtime ? Json::Value(data.runtime->path) : Json::Value();
+    json["draw"] = data.schedule ? Json::Value(data.schedule->RenderSchedule()) : Json::Value();
+    json["max_delay"] = data.schedule ? Json::Value(data.schedule->maxDelay) : Json::Value();
+    for (const auto &[key, time] : data.redraws)
         json["redraw"][key] = Iso(time);
     json["unreadable"] = Json::arrayValue;
-    for (const std::string &path : facts.unreadable)
+    for (const std::string &path : data.unreadable)
         json["unreadable"].append(path);
     return json;
 }
@@ -84,23 +84,23 @@ void Line(const std::string &name, const std::string &text) {
     std::cout << Padded(name.empty() ? "" : name + ":", 13) << text << "\n";
 }
 
-// One line a field: what is drawn, and how long it holds.
-void ShowDraw(const StatusFacts &facts, std::time_t now) {
+// One line for each field: its drawn value and its next redraw.
+void ShowDraw(const StatusData &data, std::time_t now) {
     const char *name = "draw";
     for (const std::string &key : FieldKeys()) {
         const std::int32_t drawn =
-            facts.schedule ? facts.schedule->GetSingleScheduleValue(key) : kAnyValue;
+            data.schedule ? data.schedule->GetSingleScheduleValue(key) : kAnyValue;
         const std::string value = drawn == kAnyValue ? "-" : ValueInWords(key, drawn);
         Line(name, Padded(FieldsInWords({key}), 9) + Padded(value, 11) + "until " +
-                       WhenInWords(facts.redraws.at(key), now));
+                       WhenInWords(data.redraws.at(key), now));
         name = "";
     }
 }
 
-void Show(const StatusFacts &facts, const Context &context) {
-    const Daemon &daemon = facts.daemon;
-    if (!context.appliance.IsThisOne())
-        Line("kestcrond", "on another system, which does not run here");
+void Show(const StatusData &data, const Context &context) {
+    const Daemon &daemon = data.daemon;
+    if (!context.appliance.IsLocal())
+        Line("kestcrond", "on another system");
     else if (daemon.Runs())
         Line("kestcrond", Coloured(context.screen, Colour::Green, "running") + " as process " +
                               std::to_string(daemon.pid) + " since " +
@@ -108,33 +108,33 @@ void Show(const StatusFacts &facts, const Context &context) {
     else
         Line("kestcrond", Coloured(context.screen, Colour::Red, "not running"));
     if (daemon.Runs())
-        Line("mode", daemon.passive ? "passive: only jobs with \"run_on_passive\" run" : "active");
-    if (context.appliance.IsThisOne())
-        Line("machine", daemon.held ? "held: only overdue jobs with \"assure_execute_action\" "
-                                      "\"run\" run"
+        Line("mode", daemon.passive ? "passive: runs only jobs with \"run_on_passive\"" : "active");
+    if (context.appliance.IsLocal())
+        Line("machine", daemon.held ? "held: runs only overdue jobs with "
+                                      "\"assure_execute_action\" \"run\""
                                     : "not held");
-    if (facts.runtime)
-        Line("jobs", std::to_string(facts.runtime->jobs.size()) +
+    if (data.runtime)
+        Line("jobs", std::to_string(data.runtime->jobs.size()) +
                          (daemon.delayed != 0 ? ", " + std::to_string(daemon.delayed) +
-                                                    " launched and waiting for their turn"
+                                                    " launched and waiting out their delay"
                                               : ""));
-    if (facts.schedule)
-        Line("max delay", std::to_string(facts.schedule->maxDelay) + " s");
-    ShowDraw(facts, context.now);
-    for (const std::string &path : facts.unreadable)
-        Line("unreadable", path + " keeps a saved document that could not be read");
+    if (data.schedule)
+        Line("max delay", std::to_string(data.schedule->maxDelay) + " s");
+    ShowDraw(data, context.now);
+    for (const std::string &path : data.unreadable)
+        Line("unreadable", path + " (copy of a saved document that could not be read)");
 }
 
 } // namespace
 
 int Status(const Context &context) {
-    constexpr int notRunning = 3; // as init scripts have it
-    const StatusFacts facts = Gather(context);
+    constexpr int notRunning = 3; // as for the status action of init scripts
+    const StatusData data = Gather(context);
     if (context.json)
-        WriteJson(ToJson(facts));
+        WriteJson(ToJson(data));
     else
-        Show(facts, context);
-    return facts.daemon.Runs() || !context.appliance.IsThisOne() ? 0 : notRunning;
+        Show(data, context);
+    return data.daemon.Runs() || !context.appliance.IsLocal() ? 0 : notRunning;
 }
 
 } // namespace kest::ctl

@@ -24,7 +24,7 @@ enum FieldIndex : std::size_t {
     kFields
 };
 
-// Fields whose value comes out of a draw that is yet to be made.
+// Fields whose value comes from a future draw.
 using FieldSet = std::bitset<kFields>;
 
 std::optional<std::tm> LocalTime(std::time_t moment) {
@@ -34,8 +34,8 @@ std::optional<std::tm> LocalTime(std::time_t moment) {
     return local;
 }
 
-// Midnight `months` and `days` after the day of `local`, or what takes its place where the clock is
-// set forward at midnight.
+// Midnight of the first of the month `months` later, or if that is 0, of the day `days` later. If
+// the clock is set forward over midnight, the first time after it.
 std::time_t Midnight(std::tm local, int months, int days) {
     local.tm_mon += months;
     local.tm_mday = months == 0 ? local.tm_mday + days : 1;
@@ -51,8 +51,8 @@ bool IsRedrawn(const std::string &key, std::time_t moment) {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
-// The `number`th day, from that of `local` or before it on, at the beginning of which the field may
-// be drawn.
+// The `number`th day at whose beginning the field may be redrawn, counted from the day of `local`
+// or from one before it.
 std::tm RedrawDay(const std::string &key, std::tm local, int number) {
     if (key == FieldKeys().at(kHourField))
         local.tm_mday += number;
@@ -71,15 +71,15 @@ std::tm RedrawDay(const std::string &key, std::tm local, int number) {
 
 } // namespace
 
-// The minute may be drawn in any hour, the others at some midnight, which comes twice where the
-// clock is set back over it.
+// The minute is redrawn each hour, other fields at a midnight, of which there are two if the clock
+// is set back over it.
 std::time_t NextRedraw(const std::string &key, std::time_t after) {
-    constexpr int mostDays = 12; // more than any zone leaves midnights out
+    constexpr int mostDays = 12; // more than the consecutive days without a midnight in any zone
     const std::tm start = LocalTime(after).value_or(std::tm{});
     if (key == FieldKeys().at(kMinuteField)) {
         std::time_t hour = after - start.tm_min * kMinute - start.tm_sec;
         do
-            hour += kHour / 2; // as finely as zones are shifted
+            hour += kHour / 2; // zones change by half an hour at least
         while (hour <= after || !IsRedrawn(key, hour));
         return hour;
     }
@@ -89,15 +89,15 @@ std::time_t NextRedraw(const std::string &key, std::time_t after) {
             if (midnight > after && IsRedrawn(key, midnight))
                 return midnight;
         }
-    return after + kCalendarRepeats; // a zone that jumps over the midnight in question
+    return after + kCalendarRepeats; // the zone skips this midnight
 }
 
 namespace {
 
 struct Field {
-    std::vector<std::int32_t> drawn;   // its values until its next redraw, that minute included,
-    std::vector<std::int32_t> lasting; // those of them that no draw changes,
-    std::vector<CronRange> random;     // and where the others will lie
+    std::vector<std::int32_t> drawn;   // values up to and including the minute of the next redraw
+    std::vector<std::int32_t> lasting; // those of them that redraws do not change
+    std::vector<CronRange> random;     // ranges of the others
     std::time_t redraw = 0;
 };
 using Fields = std::array<Field, kFields>;
@@ -132,8 +132,8 @@ bool Holds(const std::vector<CronRange> &ranges, std::int32_t value) {
     });
 }
 
-// Looks for minutes in which a job may start that takes the values of the fields `undrawn` from
-// draws to come, and all others as they are known.
+// Searches for minutes in which a job may start, with values from future draws for the fields in
+// `undrawn` and known values for all others.
 class Search {
 public:
     Search(const Fields &fields, FieldSet undrawn) : fields_(fields), undrawn_(undrawn) {}
@@ -161,7 +161,7 @@ public:
         return std::nullopt;
     }
 
-    // `begin` admits a start itself.
+    // The last possible start up to `moment`. `begin` must be a possible start.
     std::time_t Last(std::time_t begin, std::time_t moment) const {
         while (moment > begin) {
             const std::tm local = LocalTime(moment).value_or(std::tm{});
@@ -192,7 +192,8 @@ private:
         return true;
     }
 
-    // What no moment admits can be passed over at once.
+    // Whether the field matches for some values. Months, days and hours that never match are
+    // skipped.
     bool EverAdmits(FieldIndex index, const Parts &parts) const {
         const Field &field = fields_.at(index);
         const std::int32_t value = parts.at(index);
@@ -204,7 +205,7 @@ private:
                EverAdmits(kWeekField, parts);
     }
 
-    // Whether there is a day of some month at all, such as none is the 31st of February.
+    // Whether any date of the year matches, unlike 31 February.
     bool EverAdmitsAnyDate() const {
         constexpr std::array<std::int32_t, 12> lengths{31, 29, 31, 30, 31, 30,
                                                        31, 31, 30, 31, 30, 31};
@@ -224,7 +225,7 @@ private:
     FieldSet undrawn_;
 };
 
-// Of the undrawn fields the one that is drawn least often: its draw decides when a start comes.
+// The undrawn field that is redrawn least often. Its redraws separate the starts.
 FieldIndex RarestOf(FieldSet undrawn) {
     for (const FieldIndex field : {kMonthField, kDayField, kWeekField, kHourField})
         if (undrawn[field])
@@ -232,16 +233,16 @@ FieldIndex RarestOf(FieldSet undrawn) {
     return kMinuteField;
 }
 
-// The end of the draw that a start in the minute `first` belongs to. A draw holds up to the minute
-// of the next one, which looks at the old value first; a start that has only that minute left is
-// taken together with the draw that follows.
+// The end of the draw that a start in the minute `first` belongs to. A draw is valid up to and
+// including the minute of the next redraw, because that cycle evaluates the old values first. A
+// start for which only this minute is left is merged into the following draw.
 std::time_t EndOfDraw(const Search &search, FieldIndex rarest, std::time_t first) {
     const std::time_t end = NextRedraw(FieldKeys().at(rarest), first - kMinute);
-    const bool goesOn = end == first && search.First(end + kMinute, end + kMinute);
-    return goesOn ? NextRedraw(FieldKeys().at(rarest), end) : end;
+    const bool continues = end == first && search.First(end + kMinute, end + kMinute);
+    return continues ? NextRedraw(FieldKeys().at(rarest), end) : end;
 }
 
-// Adds up to `count` starts that take their values as `undrawn` says.
+// Adds up to `count` starts with future draws for exactly the fields in `undrawn`.
 void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::time_t until,
                std::size_t count, std::vector<ComingStart> &starts) {
     const Search search(fields, undrawn);
@@ -251,7 +252,7 @@ void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::ti
             start.undrawn.push_back(FieldKeys().at(i));
             from = std::max(from, fields.at(i).redraw + kMinute);
         } else if (fields.at(i).lasting.empty())
-            until = std::min(until, fields.at(i).redraw); // there is no other value after it
+            until = std::min(until, fields.at(i).redraw); // no values after it
     }
     for (std::size_t i = 0; i < count; ++i) {
         const std::optional<std::time_t> first = search.First(from, until);
@@ -266,19 +267,19 @@ void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::ti
     }
 }
 
-// Where fields are drawn at the same moment, that one minute still belongs to the draw before of
-// the one and to the draw after of the other: hardly anything starts in it, so it is told together
-// with what follows. `starts` are in order.
-void JoinLastMinutes(std::vector<ComingStart> &starts) {
+// If several fields are redrawn at the same time, that minute still has the old value of one field
+// and the new value of another. A start in this minute alone is unlikely, so it is merged into the
+// next one. `starts` must be in chronological order.
+void MergeLastMinutes(std::vector<ComingStart> &starts) {
     for (std::size_t i = 0; i + 1 < starts.size();) {
         const ComingStart &last = starts[i];
         const auto next =
             std::find_if(starts.begin() + static_cast<std::ptrdiff_t>(i) + 1, starts.end(),
                          [&](const ComingStart &start) { return start.earliest > last.latest; });
-        const bool joins = !last.undrawn.empty() && last.earliest == last.latest &&
-                           next != starts.end() && next->earliest == last.latest + kMinute &&
-                           next->undrawn.size() > last.undrawn.size();
-        if (!joins) {
+        const bool merges = !last.undrawn.empty() && last.earliest == last.latest &&
+                            next != starts.end() && next->earliest == last.latest + kMinute &&
+                            next->undrawn.size() > last.undrawn.size();
+        if (!merges) {
             ++i;
             continue;
         }
@@ -298,7 +299,7 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
         return starts;
     const std::time_t from = outlook.from - first->tm_sec;
     const Fields fields = FieldsOfJob(items, schedule, outlook.now - local->tm_sec);
-    const std::size_t spare = std::max(count, 2 * count); // each may be joined with one before
+    const std::size_t spare = std::max(count, 2 * count); // each may be merged with one before
     for (unsigned long set = 0; set < 1UL << kFields; ++set) {
         const FieldSet undrawn(set);
         bool possible = true;
@@ -310,7 +311,7 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
     std::stable_sort(starts.begin(), starts.end(), [](const ComingStart &a, const ComingStart &b) {
         return std::tie(a.earliest, a.latest) < std::tie(b.earliest, b.latest);
     });
-    JoinLastMinutes(starts);
+    MergeLastMinutes(starts);
     starts.resize(std::min(starts.size(), count));
     return starts;
 }

@@ -1,8 +1,12 @@
 #include "ctl/display/job_status.h"
 
 #include "core/job_state.h"
+#include "ctl/display/phrases.h"
+#include "ctl/display/starts.h"
+#include "ctl/display/times.h"
 
 #include <array>
+#include <optional>
 
 namespace kest::ctl {
 
@@ -41,6 +45,24 @@ JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
 
 const JobStatusText &InWords(JobStatus jobStatus) {
     return kWords.at(static_cast<std::size_t>(jobStatus));
+}
+
+Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now) {
+    const std::optional<JobStart> next = NextStart(job, daemon, now);
+    Json::Value json;
+    json["name"] = job.name;
+    json["account"] = job.account;
+    json["schedule"] = job.job.RenderSchedule();
+    json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument());
+    json["state"] = InWords(JobStatusOf(job, daemon)).json;
+    json["last_run"] = TimeToJson(job.lastRun);
+    json["next"] = next ? StartToJson(*next, next->overdue) : Json::Value();
+    json["pid"] = job.process != 0 ? Json::Value(job.process) : Json::Value();
+    return json;
+}
+
+Json::Value TimeToJson(std::time_t time) {
+    return time != 0 ? Json::Value(Iso(time)) : Json::Value();
 }
 
 } // namespace kest::ctl

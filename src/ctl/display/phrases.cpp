@@ -18,11 +18,11 @@ constexpr std::array<const char *, 12> kMonths{"January",   "February", "March",
                                                "May",       "June",     "July",     "August",
                                                "September", "October",  "November", "December"};
 
-// The values of one field, in order and each once.
+// The values of one field, sorted and unique.
 struct Values {
     std::string key;
     std::vector<std::int32_t> values;
-    bool any = false; // all of them
+    bool any = false; // matches all values
 };
 
 Values ValuesOf(const Json::Value &schedule, const std::string &key) {
@@ -46,7 +46,7 @@ std::string Ordinal(std::int32_t number) {
 
 using InWords = std::string (*)(const std::string &, std::int32_t);
 
-// The values one after another; three and more in a row as "8 to 10".
+// The values as a list; three or more consecutive values become "8 to 10".
 std::string List(const Values &field, InWords inWords) {
     const std::vector<std::int32_t> &values = field.values;
     std::vector<std::string> texts;
@@ -71,12 +71,12 @@ std::string TwoDigits(std::int32_t number) {
     return (number < 10 ? "0" : "") + std::to_string(number);
 }
 
-// "03:17 and 03:47", as long as they are few.
+// "03:17 and 03:47", or minutes and hours separately if there are more than four times.
 std::string Clocks(const Values &minutes, const Values &hours) {
     constexpr std::size_t few = 4;
     if (minutes.values.size() * hours.values.size() > few)
         return std::string(minutes.values.size() == 1 ? "minute " : "minutes ") + Numbers(minutes) +
-               " of the hours " + Numbers(hours);
+               " of hours " + Numbers(hours);
     std::vector<std::string> clocks;
     for (const std::int32_t hour : hours.values)
         for (const std::int32_t minute : minutes.values)
@@ -101,7 +101,7 @@ std::string DaysInWords(const Values &day, const Values &month, const Values &we
     return (month.any ? "monthly on " : "yearly on ") + dates;
 }
 
-// The minutes from one start to the next where they are the same all the time; 0 otherwise.
+// The step if the minutes are evenly spaced from 0, with at least three in an hour; 0 otherwise.
 std::int32_t EvenStep(const Values &minutes) {
     constexpr std::int32_t hour = 60;
     const std::vector<std::int32_t> &values = minutes.values;
@@ -117,7 +117,7 @@ std::int32_t EvenStep(const Values &minutes) {
 std::string TimesInWords(const Values &minute, const Values &hour, const std::string &days) {
     const bool daily = days == "daily";
     if (!hour.any)
-        return minute.any ? (daily ? "" : days + ", ") + "every minute of the " +
+        return minute.any ? (daily ? "" : days + ", ") + "every minute of " +
                                 (hour.values.size() == 1 ? "hour " : "hours ") + Numbers(hour)
                           : days + " at " + Clocks(minute, hour);
     const std::int32_t step = EvenStep(minute);
@@ -168,8 +168,8 @@ std::string Enumerated(const std::vector<std::string> &texts) {
 
 namespace {
 
-// Whether a start that comes between two minutes comes on one day. The next midnight still counts:
-// it is the last minute of a draw.
+// Whether both bounds are on one day. The following midnight counts as the end of the day, because
+// a draw ends with that minute.
 bool IsOnOneDay(const ComingStart &start, std::time_t now) {
     return DayInWords(start.earliest, now) == DayInWords(start.latest - 1, now);
 }

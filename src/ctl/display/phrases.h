@@ -1,4 +1,4 @@
-// Schedules and starts in words.
+// Schedules and starts as English phrases.
 
 #ifndef CTL_DISPLAY_PHRASES_H
 #define CTL_DISPLAY_PHRASES_H
@@ -14,10 +14,11 @@
 namespace kest::ctl {
 
 // A drawn schedule: "daily at 03:17", "hourly at minute 5", "on Tuesdays at 00:30", "monthly on the
-// 17th at 03:17", "every minute", "never". It need not ever come.
+// 17th at 03:17", "every minute". "never" only if a field has no values, not for dates that do not
+// exist.
 std::string ScheduleInWords(const Json::Value &schedule);
 
-// The names of fields in a sentence: "minute and hour".
+// The names of fields: "minute and hour".
 std::string FieldsInWords(const std::vector<std::string> &keys);
 
 // One value of the field `key`: "7", but "March" and "Tuesday".
@@ -26,11 +27,11 @@ std::string ValueInWords(const std::string &key, std::int32_t value);
 // "a", "a and b", "a, b and c"
 std::string Enumerated(const std::vector<std::string> &texts);
 
-// When a start comes, as seen from `now`: "today 03:17", "tomorrow between 00:00 and 23:59",
+// The time of a start relative to `now`: "today 03:17", "tomorrow between 00:00 and 23:59",
 // "between Mon 8 Jun 00:00 and Sun 14 Jun 23:59".
 std::string StartInWords(const ComingStart &start, std::time_t now);
 
-// The same for a column of a table: "Wed 00:01-24:00", "8 Jun - 14 Jun".
+// The same for a table column: "Wed 00:01-24:00", "8 Jun - 14 Jun".
 std::string StartInShort(const ComingStart &start, std::time_t now);
 
 } // namespace kest::ctl

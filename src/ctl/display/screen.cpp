@@ -85,7 +85,7 @@ std::size_t WidthOf(const std::string &text) {
 std::string Fitted(const Screen &screen, const std::string &text, std::size_t width) {
     if (WidthOf(text) <= width)
         return text;
-    const std::string sign = screen.utf8 ? "…" : "~";
+    const std::string ellipsis = screen.utf8 ? "…" : "~";
     std::string cut;
     std::size_t shown = 0;
     for (const char byte : text) {
@@ -93,7 +93,7 @@ std::string Fitted(const Screen &screen, const std::string &text, std::size_t wi
             break;
         cut += byte;
     }
-    return cut + sign;
+    return cut + ellipsis;
 }
 
 std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent) {

@@ -1,4 +1,4 @@
-// What the output looks like, and on what it is shown.
+// Output for terminals and pipes: colours, widths, tables.
 
 #ifndef CTL_DISPLAY_SCREEN_H
 #define CTL_DISPLAY_SCREEN_H
@@ -10,44 +10,44 @@
 namespace kest::ctl {
 
 struct Screen {
-    std::size_t width = 0; // columns; 0: no terminal, lines may be of any length
+    std::size_t width = 0; // columns; 0 for unlimited, without a terminal
     bool colour = false;
-    bool utf8 = false; // otherwise ASCII is all that can be shown
+    bool utf8 = false; // otherwise only ASCII
 };
 
-// The screen that standard output is. Colour only on a terminal that has it, and not when NO_COLOR
+// The properties of standard output. Colours are used on a terminal unless it is "dumb" or NO_COLOR
 // is set.
 Screen DetectScreen();
 
 enum class Colour { None, Bold, Dim, Red, Green, Yellow };
 
-// `text` in that colour, as it is on a screen without.
+// `text` in the colour, or unchanged on a screen without colours.
 std::string Coloured(const Screen &screen, Colour colour, const std::string &text);
 
-// The number of columns that `text` takes: its characters.
+// The width of `text` in columns, which is its number of characters.
 std::size_t WidthOf(const std::string &text);
 
-// `text`, cut to `width` columns, with a sign that something is missing.
+// `text` cut to `width` columns, with an ellipsis if it was cut.
 std::string Fitted(const Screen &screen, const std::string &text, std::size_t width);
 
-// `text` behind `indent` columns that are taken already, broken at blanks into lines that fit, the
-// further ones indented as far.
+// `text` broken at blanks into lines that fit the screen. The first line starts at column `indent`,
+// and further lines are indented by it.
 std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent);
 
-// `text` and blanks up to `width` columns.
+// `text` padded with blanks to `width` columns.
 std::string Padded(const std::string &text, std::size_t width);
 
-// Rows of texts in columns. Control characters are shown as escapes.
+// A table. Control characters are shown as escape sequences.
 class Table {
 public:
-    // `dispensable` are columns that are cut, and then left out, one after another, where the table
-    // is too wide for the screen.
+    // If the table is too wide for the screen, the columns in `dispensable` are cut and then left
+    // out, in this order.
     explicit Table(std::vector<std::string> header, std::vector<std::size_t> dispensable = {});
 
-    // As many texts as the header has. The colour is that of the row's last text.
+    // `row` must have as many cells as the header. The colour applies to the last cell.
     void Add(std::vector<std::string> row, Colour colour = Colour::None);
 
-    // The table as text. Where it is still too wide for the screen, the widest columns are cut.
+    // The table as text. If it is still too wide for the screen, the widest columns are cut.
     std::string Show(const Screen &screen) const;
 
 private:
@@ -57,6 +57,7 @@ private:
     };
     // The width of each column; 0 for one that is left out.
     std::vector<std::size_t> WidthsFor(const Screen &screen) const;
+
     std::vector<Row> rows_; // the header first
     std::vector<std::size_t> dispensable_;
 };

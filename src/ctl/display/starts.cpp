@@ -19,27 +19,27 @@ bool ComesBefore(const JobStart &a, const JobStart &b) {
            std::tie(b.earliest, b.latest, b.job->name);
 }
 
-// A time that others wrote, inside the calendar.
-std::time_t Sane(std::int64_t time) {
+// A time from a document, limited to the range of the calendar.
+std::time_t Clamped(std::int64_t time) {
     constexpr std::int64_t yearTenThousand = 253402300800;
     return std::clamp(time, -yearTenThousand, yearTenThousand);
 }
 
-std::time_t LastKnown(const LiveJob &job) {
-    return Sane(job.job.LastRun());
+std::time_t LastRunOf(const LiveJob &job) {
+    return Clamped(job.job.LastRun());
 }
 
-// Puts the starts of a job in order, those of its schedule and, when it is assured, those for being
-// overdue. What comes before `wanted` only counts for what follows.
-class Life {
+// Merges the scheduled starts of a job with its overdue starts. Starts before `wanted` are
+// simulated, because overdue starts depend on them, but not returned.
+class Simulation {
 public:
-    Life(const LiveJob &job, std::time_t from, std::time_t wanted, std::size_t most)
+    Simulation(const LiveJob &job, std::time_t from, std::time_t wanted, std::size_t most)
         : job_(job), hours_(job.job.assureExecute), wanted_(wanted), most_(most),
-          last_(LastKnown(job)), free_(from) {}
+          last_(LastRunOf(job)), free_(from) {}
 
     void Add(const ComingStart &scheduled) {
         AddOverdueBefore(scheduled.earliest);
-        // The draw may be later than the moment at which the job is overdue.
+        // The job may become overdue before the drawn time.
         if (const auto overdue = OverdueBefore(scheduled.latest))
             Keep({*overdue, *overdue, scheduled.undrawn}, true);
         Keep(scheduled, false);
@@ -52,7 +52,7 @@ public:
             const auto overdue = OverdueBefore(end);
             if (!overdue)
                 return;
-            // One is as long after the other as the job may wait; those before are passed over.
+            // Overdue starts are `wait` apart. Skip those before `wanted`.
             const std::time_t wait = std::max(kMinute, kHour * hours_);
             const std::time_t ahead = std::min(wanted_, end - 1) - *overdue;
             last_ = *overdue + std::max(std::time_t{0}, ahead / wait * wait);
@@ -61,7 +61,7 @@ public:
         }
     }
 
-    // In their order.
+    // The starts in chronological order.
     std::vector<JobStart> Take() {
         std::stable_sort(starts_.begin(), starts_.end(), ComesBefore);
         starts_.resize(std::min(starts_.size(), most_));
@@ -74,7 +74,7 @@ private:
             starts_.push_back({start, &job_, overdue});
     }
 
-    // The first free minute in which the job is overdue; nothing when that is not before `end`.
+    // The first free minute in which the job is overdue, if it is before `end`.
     std::optional<std::time_t> OverdueBefore(std::time_t end) const {
         if (hours_ == 0)
             return std::nullopt;
@@ -90,15 +90,16 @@ private:
     std::int32_t hours_;
     std::time_t wanted_;
     std::size_t most_;
-    std::time_t last_; // it ran, as far as can be told
-    std::time_t free_; // no start before
+    std::time_t last_; // last run, known or simulated
+    std::time_t free_; // first minute in which the job can start
     std::vector<JobStart> starts_;
 };
 
-// When an assured job is overdue at a later time depends on its starts until then: on the last one,
-// which lies as long before as it may wait, or there is none.
-void LiveUntil(std::time_t wanted, const LiveJob &job, std::time_t now, Life &life) {
-    constexpr std::time_t longest = 9600 * kHour; // as long as anybody waits
+// Simulates an assured job up to `wanted`. Its overdue starts from there depend on the start
+// before, which lies at most the assured hours back.
+void SimulateUntil(std::time_t wanted, const LiveJob &job, std::time_t now,
+                   Simulation &simulation) {
+    constexpr std::time_t longest = 9600 * kHour; // limits the work
     const std::time_t waits =
         std::clamp(kHour * (job.job.assureExecute + std::time_t{24}), std::time_t{0}, longest);
     const Outlook before{now, std::max(now, wanted - waits), wanted - 1};
@@ -106,7 +107,7 @@ void LiveUntil(std::time_t wanted, const LiveJob &job, std::time_t now, Life &li
          ComingStarts(job.job.cronFields(), job.job.ScheduleDocument(), before,
                       static_cast<std::size_t>(longest / kMinute)))
         if (start.latest < wanted)
-            life.Add(start);
+            simulation.Add(start);
 }
 
 } // namespace
@@ -117,18 +118,19 @@ std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const O
         return {};
     Outlook ahead = outlook;
     ahead.from -= ahead.from % kMinute;
-    // What has run in a minute does not run in it again.
-    if (LastKnown(job) / kMinute == ahead.from / kMinute)
+    // A job starts at most once in a minute.
+    if (LastRunOf(job) / kMinute == ahead.from / kMinute)
         ahead.from += kMinute;
     const bool later = outlook.from > outlook.now;
-    Life life(job, later ? outlook.now - outlook.now % kMinute : ahead.from, ahead.from, count);
+    Simulation simulation(job, later ? outlook.now - outlook.now % kMinute : ahead.from, ahead.from,
+                          count);
     if (later && job.job.assureExecute != 0)
-        LiveUntil(ahead.from, job, outlook.now, life);
+        SimulateUntil(ahead.from, job, outlook.now, simulation);
     for (const ComingStart &scheduled :
          ComingStarts(job.job.cronFields(), job.job.ScheduleDocument(), ahead, count))
-        life.Add(scheduled);
-    life.AddOverdueBefore(ahead.until);
-    return life.Take();
+        simulation.Add(scheduled);
+    simulation.AddOverdueBefore(ahead.until);
+    return simulation.Take();
 }
 
 std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const Daemon &daemon,
@@ -139,13 +141,19 @@ std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const D
             merged.push_back(std::move(start));
         if (merged.size() < 2 * count + 10000)
             continue;
-        // Many jobs with many starts each would take room that nobody needs.
+        // Drop starts that are no longer needed, to limit memory.
         std::stable_sort(merged.begin(), merged.end(), ComesBefore);
         merged.resize(count);
     }
     std::stable_sort(merged.begin(), merged.end(), ComesBefore);
     merged.resize(std::min(merged.size(), count));
     return merged;
+}
+
+std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now) {
+    const std::vector<JobStart> starts =
+        StartsOf(job, daemon, {now, now, now + kCalendarRepeats}, 1);
+    return starts.empty() ? std::nullopt : std::optional<JobStart>(starts.front());
 }
 
 Json::Value StartToJson(const ComingStart &start, bool overdue) {

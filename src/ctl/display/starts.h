@@ -1,4 +1,4 @@
-// When the jobs of an appliance will start.
+// The next starts of jobs, by schedule and for being overdue.
 
 #ifndef CTL_DISPLAY_STARTS_H
 #define CTL_DISPLAY_STARTS_H
@@ -10,29 +10,33 @@
 #include <cstddef>
 #include <ctime>
 #include <json/value.h>
+#include <optional>
 #include <vector>
 
 namespace kest::ctl {
 
 struct JobStart : ComingStart {
     const LiveJob *job = nullptr;
-    bool overdue = false; // not by its schedule, but because it is assured and has waited too long
+    bool overdue = false; // launched for being overdue, not by its schedule
 };
 
-// The first `count` starts of a job, in their order; none of a job that a passive machine holds
-// back. A start is the minute in which the daemon launches the job: it takes place within that
-// minute, later by the delay that sets jobs of one minute apart. For being overdue a job is
-// launched at the first look after, which may be in the next minute; where such a start has undrawn
-// fields, the job may have started by its schedule before.
+// The first `count` starts of a job in chronological order; none if the machine is passive and the
+// job does not run on passive machines. A start is the minute in which the daemon launches the job.
+// The process may start later, by the delay between jobs of the same minute. An overdue job is
+// launched in the first cycle after it becomes overdue, which may fall in the next minute. If an
+// overdue start has undrawn fields, the job may start by its schedule first.
 std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const Outlook &outlook,
                                std::size_t count);
 
-// The same of several jobs, merged.
+// The first `count` starts of several jobs in chronological order.
 std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const Daemon &daemon,
                                const Outlook &outlook, std::size_t count);
 
-// The members that tell of a start: "earliest" and "latest", equal when it is known to the minute,
-// "undrawn", the keys of the fields that are to be drawn first, and "overdue".
+// The next start of a job; nothing if it never starts.
+std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now);
+
+// Members "earliest" and "latest", which are equal if the minute is known; "undrawn", the keys of
+// the fields that are drawn before the start; and "overdue".
 Json::Value StartToJson(const ComingStart &start, bool overdue);
 
 } // namespace kest::ctl

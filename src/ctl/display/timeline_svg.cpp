@@ -20,10 +20,10 @@ constexpr double kMarkHeight = 14;
 constexpr double kLoadHeight = 96;
 constexpr double kClockTop = 92; // of the line of labels above the rows
 constexpr double kRowsTop = 106;
-constexpr double kLetter = 7.3; // width of a letter of a name
+constexpr double kLetter = 7.3; // width of a letter of a job name
 constexpr std::size_t kLongestName = 36;
 
-// Light first, then what the dark differs in. Plain rules, for readers that know no variables.
+// The light colours, then those that differ in the dark. Some viewers do not support CSS variables.
 constexpr const char *kStyle = R"(
 .page{fill:#fff} .stripe{fill:#f5f7fa}
 text{font-family:system-ui,-apple-system,'Segoe UI','DejaVu Sans',sans-serif;fill:#1f2933}
@@ -42,7 +42,7 @@ text{font-family:system-ui,-apple-system,'Segoe UI','DejaVu Sans',sans-serif;fil
 
 // --- Pieces of a document -----------------------------------------------------------------------
 
-// Text inside an element. There are two characters of UTF-8 that a document may not hold.
+// Text inside an element. XML does not allow U+FFFE and U+FFFF.
 std::string Escaped(const std::string &text) {
     const std::string valid = Shown(text);
     std::string escaped;
@@ -75,7 +75,7 @@ std::string Attribute(const char *name, double value) {
     return std::string(" ") + name + "=\"" + Number(value) + "\"";
 }
 
-// An element that shows `title`, if any, when pointed at.
+// An element with a tooltip, unless `title` is empty.
 std::string Element(const std::string &name, const std::string &attributes,
                     const std::string &title) {
     const std::string begin = "<" + name + attributes;
@@ -129,9 +129,9 @@ std::string Text(const char *kind, double x, double y, Anchor anchor, const std:
            "</text>\n";
 }
 
-// --- Words --------------------------------------------------------------------------------------
+// --- Texts --------------------------------------------------------------------------------------
 
-// "2026-06-02 03:17": a report is read on other days.
+// "2026-06-02 03:17", because the image may be viewed on another day.
 std::string Moment(std::time_t time) {
     const std::string iso = Iso(time);
     return iso.substr(0, 10) + " " + iso.substr(11, 5);
@@ -143,7 +143,7 @@ std::string Counted(std::size_t count, const char *one, const char *more) {
 
 std::string BandInWords(const JobStart &start) {
     return "one start between " + Moment(start.earliest) + " and " + Moment(start.latest) +
-           "; yet to be drawn: " + FieldsInWords(start.undrawn);
+           "; not yet drawn: " + FieldsInWords(start.undrawn);
 }
 
 std::string QuarterInWords(const QuarterHour &quarter) {
@@ -159,20 +159,20 @@ std::string QuarterInWords(const QuarterHour &quarter) {
 
 class Drawing {
 public:
-    explicit Drawing(const ComingHours &hours)
-        : hours_(hours), marks_(ClockMarksOf(hours)), load_(LoadOf(hours)) {
+    explicit Drawing(const TimelineData &data)
+        : data_(data), marks_(ClockMarksOf(data)), load_(LoadOf(data)) {
         std::size_t longest = 12;
-        for (const JobRow &row : hours.rows)
+        for (const JobRow &row : data.rows)
             longest = std::max(longest, Label(row.name).size());
         left_ = kMargin + kLetter * static_cast<double>(std::min(longest, kLongestName)) + 14;
-        rowsBottom_ = kRowsTop + kRowHeight * static_cast<double>(hours.rows.size());
+        rowsBottom_ = kRowsTop + kRowHeight * static_cast<double>(data.rows.size());
         loadBottom_ = rowsBottom_ + 34 + kLoadHeight;
-        bottom_ = hours.rows.empty() ? kRowsTop + 40 : loadBottom_ + 80;
+        bottom_ = data.rows.empty() ? kRowsTop + 40 : loadBottom_ + 80;
     }
 
     std::string Show() const {
         std::string text = Head();
-        if (hours_.rows.empty())
+        if (data_.rows.empty())
             text += Text("small", kMargin, kRowsTop, Anchor::Begin, "No job starts in these hours");
         else
             text += Stripes() + Clock() + Rows() + Load() + Legend();
@@ -181,29 +181,29 @@ public:
 
 private:
     double X(std::time_t time) const {
-        const std::time_t within = std::clamp(time, hours_.from, hours_.until);
-        return left_ + static_cast<double>(within - hours_.from) * PerMinute() / 60;
+        const std::time_t within = std::clamp(time, data_.from, data_.until);
+        return left_ + static_cast<double>(within - data_.from) * PerMinute() / 60;
     }
     double PerMinute() const {
-        return (right_ - left_) * 60 / static_cast<double>(hours_.until - hours_.from);
+        return (right_ - left_) * 60 / static_cast<double>(data_.until - data_.from);
     }
 
     std::string Summary() const {
         std::size_t starts = 0;
         std::size_t bands = 0;
-        for (const JobRow &row : hours_.rows)
+        for (const JobRow &row : data_.rows)
             for (const JobStart &start : row.starts)
                 ++(start.earliest == start.latest ? starts : bands);
         std::string text =
-            Counted(hours_.rows.size(), "job", "jobs") + ", " + Counted(starts, "start", "starts");
+            Counted(data_.rows.size(), "job", "jobs") + ", " + Counted(starts, "start", "starts");
         if (bands != 0)
-            text += " and " + std::to_string(bands) + " whose time is yet to be drawn";
-        return text + (hours_.idle != 0 ? "; " + IdleInWords(hours_.idle) : "");
+            text += " and " + std::to_string(bands) + " whose time is not yet drawn";
+        return text + (data_.idle != 0 ? "; " + IdleInWords(data_.idle) : "");
     }
 
     std::string Head() const {
         const std::string title =
-            "Job starts from " + Moment(hours_.from) + " to " + Moment(hours_.until);
+            "Job starts from " + Moment(data_.from) + " to " + Moment(data_.until);
         const std::string size = "0 0 " + Number(kWidth) + " " + Number(bottom_);
         return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"" +
@@ -215,13 +215,12 @@ private:
                Rectangle("page", {0, 0, kWidth, bottom_}) +
                Text("heading", kMargin, 42, Anchor::Begin, title) +
                Text("small quiet", kMargin, 64, Anchor::Begin,
-                    Summary() +
-                        (hours_.held ? "; the machine is held: what is scheduled waits" : ""));
+                    Summary() + (data_.held ? "; the machine is held: scheduled starts wait" : ""));
     }
 
     std::string Stripes() const {
         std::string text;
-        for (std::size_t i = 0; i < hours_.rows.size(); i += 2)
+        for (std::size_t i = 0; i < data_.rows.size(); i += 2)
             text += Rectangle("stripe",
                               {kMargin - 8, RowTop(i), kWidth - 2 * kMargin + 16, kRowHeight, 4});
         return text;
@@ -263,8 +262,8 @@ private:
 
     std::string Rows() const {
         std::string text;
-        for (std::size_t i = 0; i < hours_.rows.size(); ++i) {
-            const JobRow &row = hours_.rows[i];
+        for (std::size_t i = 0; i < data_.rows.size(); ++i) {
+            const JobRow &row = data_.rows[i];
             text +=
                 Text("name", kMargin, RowTop(i) + 15, Anchor::Begin, Label(row.name), row.name) +
                 Bands(row, RowTop(i)) + Starts(row, RowTop(i)) + Overdues(row, RowTop(i));
@@ -285,7 +284,7 @@ private:
         return text;
     }
 
-    // Starts that would touch are drawn as one.
+    // Marks that would touch are drawn as one.
     std::string Starts(const JobRow &row, double top) const {
         constexpr double gap = 1.5;
         const double width = MarkWidth();
@@ -336,14 +335,14 @@ private:
     // --- The load ---
 
     std::string Load() const {
-        const std::size_t tallest = TallestOf(load_);
+        const std::size_t maximum = MaximumOf(load_);
         const auto heightOf = [&](std::size_t count) {
-            return kLoadHeight * static_cast<double>(count) / static_cast<double>(tallest);
+            return kLoadHeight * static_cast<double>(count) / static_cast<double>(maximum);
         };
         std::string text =
             Text("small quiet", kMargin, loadBottom_ - kLoadHeight + 4, Anchor::Begin, "Load");
         for (const std::size_t count :
-             {tallest, tallest % 2 == 0 ? tallest / 2 : 0, std::size_t{0}}) {
+             {maximum, maximum % 2 == 0 ? maximum / 2 : 0, std::size_t{0}}) {
             const double y = loadBottom_ - heightOf(count);
             text += Line(count == 0 ? "base" : "hour", left_, y, right_, y) +
                     Text("small quiet", left_ - 8, y + 4, Anchor::End, std::to_string(count));
@@ -373,20 +372,19 @@ private:
         const double band = start + 82;
         const double overdue = band + 258;
         const double load = overdue + 134;
-        const auto words = [&](double x, const char *text) {
+        const auto label = [&](double x, const char *text) {
             return Text("small", x, y, Anchor::Begin, text);
         };
         return Rectangle("mark", {start, middle - kMarkHeight / 2, 3, kMarkHeight, 1.5}) +
-               words(start + 12, "a start") + Rectangle("band", {band, middle - 6, 34, 12, 3}) +
-               words(band + 42, "a time in which one start lies") +
+               label(start + 12, "start") + Rectangle("band", {band, middle - 6, 34, 12, 3}) +
+               label(band + 42, "one start within this span") +
                Diamond("overdue", overdue + 6, middle, 6, "") +
-               words(overdue + 20, "an overdue start") +
-               Rectangle("bar", {load, middle - 2, 8, 8}) +
+               label(overdue + 20, "overdue start") + Rectangle("bar", {load, middle - 2, 8, 8}) +
                Rectangle("may", {load, middle - 8, 8, 6}) +
-               words(load + 16, "load: starts in a quarter hour, and those that may be");
+               label(load + 16, "load: starts in a quarter hour, certain and possible");
     }
 
-    const ComingHours &hours_;
+    const TimelineData &data_;
     std::vector<ClockMark> marks_;
     std::vector<QuarterHour> load_;
     double left_ = 0;
@@ -398,8 +396,8 @@ private:
 
 } // namespace
 
-std::string TimelineInSvg(const ComingHours &hours) {
-    return Drawing(hours).Show();
+std::string TimelineInSvg(const TimelineData &data) {
+    return Drawing(data).Show();
 }
 
 } // namespace kest::ctl

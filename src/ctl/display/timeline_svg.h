@@ -1,17 +1,17 @@
-// The picture of the coming hours for a page or a report.
+// The timeline as an SVG image.
 
 #ifndef CTL_DISPLAY_TIMELINE_SVG_H
 #define CTL_DISPLAY_TIMELINE_SVG_H
 
-#include "ctl/commands/timeline.h"
+#include "ctl/display/timeline.h"
 
 #include <string>
 
 namespace kest::ctl {
 
-// A whole SVG document, without scripts and without anything to be loaded from elsewhere. It is
-// light or dark as its reader prefers, and each mark tells its job and time when pointed at.
-std::string TimelineInSvg(const ComingHours &hours);
+// A complete SVG document without scripts and external references. It follows the light or dark
+// preference of the viewer, and shows the job and time of each mark as a tooltip.
+std::string TimelineInSvg(const TimelineData &data);
 
 } // namespace kest::ctl
 

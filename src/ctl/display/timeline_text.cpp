@@ -11,72 +11,72 @@ namespace kest::ctl {
 
 namespace {
 
-// What a place of the picture shows. Of two that meet in one place the later one is shown.
+// What a character cell shows. If several apply, the last one of this list is shown.
 enum class Cell { Empty, Midnight, Band, NextBand, Bands, StartLeft, StartRight, Start, Overdue };
 
-struct Look {
+struct Symbol {
     const char *block;
     const char *ascii;
     Colour colour;
 };
-constexpr std::array<Look, 9> kLooks{{
+constexpr std::array<Symbol, 9> kSymbols{{
     {" ", " ", Colour::None},
     {"│", "|", Colour::Dim},
     {"░", ".", Colour::Green},
-    {"▒", ",", Colour::Green}, // tells a band from the one before it
-    {"▓", ";", Colour::Green}, // more than one begins here
-    {"▌", "#", Colour::Green}, // starts in one half of the place only
+    {"▒", ",", Colour::Green}, // alternates with the one before
+    {"▓", ";", Colour::Green}, // several bands begin here
+    {"▌", "#", Colour::Green}, // starts in one half of the cell
     {"▐", "#", Colour::Green},
     {"█", "#", Colour::Green},
     {"▲", "!", Colour::Yellow},
 }};
 
-constexpr std::size_t kLevels = 8; // of one line of the load
+constexpr std::size_t kLevels = 8; // in one line of the load
 constexpr std::array<const char *, kLevels + 1> kBlockBars{" ", "▁", "▂", "▃", "▄",
                                                            "▅", "▆", "▇", "█"};
 constexpr std::array<const char *, kLevels + 1> kAsciiBars{" ", ":", ":", ":", ":",
                                                            "#", "#", "#", "#"};
 
-class TextPicture {
+class TextTimeline {
 public:
-    TextPicture(const ComingHours &hours, const Screen &screen)
-        : hours_(hours), screen_(screen), marks_(ClockMarksOf(hours)), load_(LoadOf(hours)) {
+    TextTimeline(const TimelineData &data, const Screen &screen)
+        : data_(data), screen_(screen), marks_(ClockMarksOf(data)), load_(LoadOf(data)) {
         constexpr std::size_t usual = 100;
         constexpr std::size_t narrowest = 30;
         constexpr std::size_t shortest = 8;
         const std::size_t width = std::max(screen.width == 0 ? usual : screen.width, narrowest);
         std::size_t longest = shortest;
-        for (const JobRow &row : hours.rows)
+        for (const JobRow &row : data.rows)
             longest = std::max(longest, WidthOf(Shown(row.name)));
         nameWidth_ = std::min(longest, width / 3);
         columns_ = width - nameWidth_ - 1;
-        for (const JobRow &row : hours.rows)
+        for (const JobRow &row : data.rows)
             rows_.push_back(CellsOf(row));
     }
 
     std::string Show() const {
-        std::string text = Line(Colour::Bold, WhenInWords(hours_.from, hours_.from) + " to " +
-                                                  WhenInWords(hours_.until, hours_.from));
-        if (hours_.held)
+        std::string text = Line(Colour::Bold, WhenInWords(data_.from, data_.from) + " to " +
+                                                  WhenInWords(data_.until, data_.from));
+        if (data_.held)
             text += Line(Colour::Yellow, "The machine is held: scheduled starts wait");
-        if (hours_.rows.empty())
+        if (data_.rows.empty())
             text += Line(Colour::None, "No job starts in these hours");
         else
             text += Clock() + Rows() + Load() + Legend();
-        if (hours_.idle != 0)
-            text += Line(Colour::None, IdleInWords(hours_.idle));
+        if (data_.idle != 0)
+            text += Line(Colour::None, IdleInWords(data_.idle));
         return text;
     }
 
 private:
     using Cells = std::vector<Cell>;
 
-    // Which of `places` the moment lies in, when they are spread over all hours.
-    std::size_t PlaceOf(std::time_t time, std::size_t places) const {
-        const auto whole = static_cast<std::size_t>(hours_.until - hours_.from);
-        return std::min(static_cast<std::size_t>(time - hours_.from) * places / whole, places - 1);
+    // The index of the time if the timeline is divided into `cells`.
+    std::size_t CellOf(std::time_t time, std::size_t cells) const {
+        const auto whole = static_cast<std::size_t>(data_.until - data_.from);
+        return std::min(static_cast<std::size_t>(time - data_.from) * cells / whole, cells - 1);
     }
-    std::size_t ColumnOf(std::time_t time) const { return PlaceOf(time, columns_); }
+    std::size_t ColumnOf(std::time_t time) const { return CellOf(time, columns_); }
 
     std::size_t Width() const { return nameWidth_ + 1 + columns_; }
 
@@ -84,9 +84,9 @@ private:
         return Coloured(screen_, colour, Fitted(screen_, text, Width())) + "\n";
     }
 
-    // A line of the picture; `name` stands before it.
-    static std::string Labelled(std::string name, const std::string &picture) {
-        std::string line = std::move(name) + " " + picture;
+    // A line with its name in front.
+    static std::string Labelled(std::string name, const std::string &cells) {
+        std::string line = std::move(name) + " " + cells;
         line.erase(line.find_last_not_of(' ') + 1);
         return line + "\n";
     }
@@ -96,9 +96,9 @@ private:
 
     // --- The clock ---
 
-    // Writes a label where there is room for it.
+    // Writes a label if its columns are free.
     static void Write(std::string &labels, std::size_t column, const std::string &label) {
-        const std::size_t begin = column == 0 ? 0 : column - 1; // a blank between two
+        const std::size_t begin = column == 0 ? 0 : column - 1; // keep a blank between labels
         if (labels.find_first_not_of(' ', begin) > column + label.size() &&
             column + label.size() <= labels.size())
             labels.replace(column, label.size(), label);
@@ -106,7 +106,7 @@ private:
 
     std::string Clock() const {
         constexpr double least = 7; // columns
-        const double minutes = static_cast<double>(hours_.until - hours_.from) / 60;
+        const double minutes = static_cast<double>(data_.until - data_.from) / 60;
         const int step = MinutesBetweenLabels(static_cast<double>(columns_) / minutes, least);
         std::string labels(columns_, ' ');
         std::vector<bool> ticks(columns_);
@@ -159,7 +159,7 @@ private:
             if (start.overdue) {
                 Put(cells[column], Cell::Overdue);
             } else if (start.earliest == start.latest) {
-                const std::size_t half = PlaceOf(start.earliest, 2 * columns_);
+                const std::size_t half = CellOf(start.earliest, 2 * columns_);
                 Put(cells[half / 2], half % 2 == 0 ? Cell::StartLeft : Cell::StartRight);
             } else {
                 band = band == Cell::Band ? Cell::NextBand : Cell::Band;
@@ -174,35 +174,35 @@ private:
     std::string Rows() const {
         std::string text;
         for (std::size_t i = 0; i < rows_.size(); ++i)
-            text += Labelled(Name(Shown(hours_.rows[i].name)), Drawn(rows_[i]));
+            text += Labelled(Name(Shown(data_.rows[i].name)), Drawn(rows_[i]));
         return text;
     }
 
     std::string Drawn(const Cells &cells) const {
         std::string text;
         for (std::size_t i = 0; i < cells.size();) {
-            const Colour colour = LookOf(cells[i]).colour;
+            const Colour colour = SymbolOf(cells[i]).colour;
             std::string same;
-            for (; i < cells.size() && LookOf(cells[i]).colour == colour; ++i)
-                same += SignOf(cells[i]);
+            for (; i < cells.size() && SymbolOf(cells[i]).colour == colour; ++i)
+                same += TextOf(cells[i]);
             text += Coloured(screen_, colour, same);
         }
         return text;
     }
 
-    static const Look &LookOf(Cell cell) { return kLooks.at(static_cast<std::size_t>(cell)); }
-    const char *SignOf(Cell cell) const {
-        return screen_.utf8 ? LookOf(cell).block : LookOf(cell).ascii;
+    static const Symbol &SymbolOf(Cell cell) { return kSymbols.at(static_cast<std::size_t>(cell)); }
+    const char *TextOf(Cell cell) const {
+        return screen_.utf8 ? SymbolOf(cell).block : SymbolOf(cell).ascii;
     }
 
     // --- The load ---
 
-    // For each column the quarter hour with the most in it.
+    // The quarter of an hour with the largest load in each column.
     std::vector<QuarterHour> LoadColumns() const {
         std::vector<QuarterHour> columns(columns_);
         for (const QuarterHour &quarter : load_) {
-            const std::time_t begin = std::max(quarter.from, hours_.from);
-            const std::time_t end = std::min(quarter.from + kQuarterHour, hours_.until);
+            const std::time_t begin = std::max(quarter.from, data_.from);
+            const std::time_t end = std::min(quarter.from + kQuarterHour, data_.until);
             for (std::size_t i = ColumnOf(begin); i <= ColumnOf(end - 1); ++i) {
                 const std::size_t most = columns[i].starts + columns[i].possible;
                 if (quarter.starts + quarter.possible > most)
@@ -215,9 +215,9 @@ private:
     std::string Load() const {
         constexpr std::size_t lines = 3;
         const std::vector<QuarterHour> columns = LoadColumns();
-        const std::size_t tallest = TallestOf(load_);
-        const auto levelOf = [&](std::size_t count) { // whatever is not nothing can be seen
-            return (count * lines * kLevels + tallest - 1) / tallest;
+        const std::size_t maximum = MaximumOf(load_);
+        const auto levelOf = [&](std::size_t count) { // rounded up, so that any load is visible
+            return (count * lines * kLevels + maximum - 1) / maximum;
         };
         std::string text;
         for (std::size_t line = lines; line-- > 0;) {
@@ -225,7 +225,7 @@ private:
             for (const QuarterHour &column : columns)
                 bars += BarOf(levelOf(column.starts), levelOf(column.starts + column.possible),
                               line * kLevels);
-            const std::string scale = line == 0 ? "0" : std::to_string(tallest);
+            const std::string scale = line == 0 ? "0" : std::to_string(maximum);
             const bool labelled = line == 0 || line + 1 == lines;
             const std::string name =
                 labelled ? std::string(nameWidth_ - scale.size(), ' ') + scale : Name("load");
@@ -237,7 +237,7 @@ private:
     // The part above `base` of a bar that is solid up to `known` and lighter up to `most`.
     const char *BarOf(std::size_t known, std::size_t most, std::size_t base) const {
         if (known <= base && most > base)
-            return SignOf(Cell::Band);
+            return TextOf(Cell::Band);
         const std::size_t level = std::min(std::max(known, base) - base, kLevels);
         return screen_.utf8 ? kBlockBars.at(level) : kAsciiBars.at(level);
     }
@@ -251,21 +251,21 @@ private:
     }
 
     std::string Legend() const {
-        std::vector<std::string> entries{std::string(SignOf(Cell::Start)) + " start"};
+        std::vector<std::string> entries{std::string(TextOf(Cell::Start)) + " start"};
         if (Shows(Cell::Band))
-            entries.push_back(std::string(SignOf(Cell::Band)) + SignOf(Cell::NextBand) +
-                              " one start in each band");
+            entries.push_back(std::string(TextOf(Cell::Band)) + TextOf(Cell::NextBand) +
+                              " one start within each band");
         if (Shows(Cell::Bands))
-            entries.push_back(std::string(SignOf(Cell::Bands)) + " several bands");
+            entries.push_back(std::string(TextOf(Cell::Bands)) + " several bands");
         if (Shows(Cell::Overdue))
-            entries.push_back(std::string(SignOf(Cell::Overdue)) + " overdue");
-        const std::size_t tallest = TallestOf(load_);
-        entries.push_back("load: at most " + std::to_string(tallest) +
-                          (tallest == 1 ? " start" : " starts") + " in a quarter hour");
+            entries.push_back(std::string(TextOf(Cell::Overdue)) + " overdue");
+        const std::size_t maximum = MaximumOf(load_);
+        entries.push_back("load: at most " + std::to_string(maximum) +
+                          (maximum == 1 ? " start" : " starts") + " in a quarter hour");
         return Wrapped(entries);
     }
 
-    // As many entries in each line as it has room for.
+    // As many entries in each line as fit.
     std::string Wrapped(const std::vector<std::string> &entries) const {
         std::string text;
         std::string line;
@@ -277,7 +277,7 @@ private:
         return text + Line(Colour::Dim, line);
     }
 
-    const ComingHours &hours_;
+    const TimelineData &data_;
     const Screen &screen_;
     std::vector<ClockMark> marks_;
     std::vector<QuarterHour> load_;
@@ -288,8 +288,8 @@ private:
 
 } // namespace
 
-std::string TimelineInText(const ComingHours &hours, const Screen &screen) {
-    return TextPicture(hours, screen).Show();
+std::string TimelineInText(const TimelineData &data, const Screen &screen) {
+    return TextTimeline(data, screen).Show();
 }
 
 } // namespace kest::ctl

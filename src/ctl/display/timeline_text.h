@@ -1,18 +1,18 @@
-// The picture of the coming hours for a terminal.
+// The timeline as text.
 
 #ifndef CTL_DISPLAY_TIMELINE_TEXT_H
 #define CTL_DISPLAY_TIMELINE_TEXT_H
 
-#include "ctl/commands/timeline.h"
 #include "ctl/display/screen.h"
+#include "ctl/display/timeline.h"
 
 #include <string>
 
 namespace kest::ctl {
 
-// The picture as lines of text that fit the screen, and 100 columns where there is none; below 30
-// columns it is drawn for 30.
-std::string TimelineInText(const ComingHours &hours, const Screen &screen);
+// The timeline as lines of the width of the screen, or of 100 columns without a terminal, but at
+// least 30.
+std::string TimelineInText(const TimelineData &data, const Screen &screen);
 
 } // namespace kest::ctl
 

@@ -34,7 +34,7 @@ bool IsSameDay(const std::tm &a, const std::tm &b) {
     return a.tm_year == b.tm_year && a.tm_yday == b.tm_yday;
 }
 
-// A whole number of a unit, before or after now.
+// A number and a unit, in seconds.
 std::optional<std::time_t> ReadSpan(const std::string &text) {
     struct Unit {
         const char *name;
@@ -42,7 +42,7 @@ std::optional<std::time_t> ReadSpan(const std::string &text) {
     };
     constexpr std::array<Unit, 6> units{
         {{"s", 1}, {"min", 60}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}}};
-    constexpr std::time_t most = 100'000'000; // of the largest unit; far beyond every calendar
+    constexpr std::time_t most = 100'000'000; // even as weeks without overflow
     std::time_t number = 0;
     const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
     if (read.ec != std::errc() || number < 0 || number > most)
@@ -54,7 +54,7 @@ std::optional<std::time_t> ReadSpan(const std::string &text) {
     return std::nullopt;
 }
 
-// The rest of a time behind its clock: nothing, "Z", or an offset from UTC.
+// Applies what follows the time of day: nothing, "Z", or an offset from UTC.
 std::optional<std::time_t> WithZone(std::tm local, const char *rest) {
     if (rest == nullptr)
         return std::nullopt;
@@ -131,17 +131,6 @@ std::string WhenInShort(std::time_t time, std::time_t now) {
     if (local.tm_year != Local(now).tm_year && day.size() > 3)
         return day;
     return day + (day.empty() ? "" : " ") + ClockInWords(time, now);
-}
-
-std::string SpanInWords(std::time_t seconds) {
-    const auto number = [](std::time_t value) { return std::to_string(value); };
-    const std::time_t minutes = seconds / 60;
-    const std::time_t hours = minutes / 60;
-    if (hours >= 24)
-        return number(hours / 24) + " d " + number(hours % 24) + " h";
-    if (hours > 0)
-        return number(hours) + " h " + number(minutes % 60) + " min";
-    return minutes > 0 ? number(minutes) + " min" : number(seconds) + " s";
 }
 
 std::string Iso(std::time_t time) {

@@ -11,8 +11,8 @@ namespace kest::ctl {
 
 namespace {
 
-// The leading bytes of one kind of character: how long it is, and what its second byte may be. All
-// further ones are as in any other.
+// A range of leading bytes, the length of their characters, and the range of the second byte.
+// Further bytes are always 0x80 to 0xBF.
 struct Lead {
     unsigned char first;
     unsigned char last;
@@ -23,36 +23,36 @@ struct Lead {
 constexpr std::array<Lead, 9> kLeads{{
     {0x00, 0x7F, 1, 0x80, 0xBF},
     {0xC2, 0xDF, 2, 0x80, 0xBF},
-    {0xE0, 0xE0, 3, 0xA0, 0xBF}, // what is shorter is written shorter
+    {0xE0, 0xE0, 3, 0xA0, 0xBF}, // no overlong forms
     {0xE1, 0xEC, 3, 0x80, 0xBF},
     {0xED, 0xED, 3, 0x80, 0x9F}, // no surrogates
     {0xEE, 0xEF, 3, 0x80, 0xBF},
     {0xF0, 0xF0, 4, 0x90, 0xBF},
     {0xF1, 0xF3, 4, 0x80, 0xBF},
-    {0xF4, 0xF4, 4, 0x80, 0x8F}, // there are no more
+    {0xF4, 0xF4, 4, 0x80, 0x8F}, // up to U+10FFFF
 }};
 
-bool LiesIn(char byte, unsigned char first, unsigned char last) {
+bool IsInRange(char byte, unsigned char first, unsigned char last) {
     const auto value = static_cast<unsigned char>(byte);
     return first <= value && value <= last;
 }
 
-// The length of the character that `text` begins with; 0 when it begins with none.
+// The length of the first character; 0 if it is not valid UTF-8.
 std::size_t LengthOfFirst(std::string_view text) {
     const auto *const lead = std::find_if(kLeads.begin(), kLeads.end(), [&](const Lead &kind) {
-        return LiesIn(text.front(), kind.first, kind.last);
+        return IsInRange(text.front(), kind.first, kind.last);
     });
     if (lead == kLeads.end() || text.size() < lead->length)
         return 0;
     for (std::size_t i = 1; i < lead->length; ++i)
-        if (i == 1 ? !LiesIn(text[i], lead->secondFirst, lead->secondLast)
-                   : !LiesIn(text[i], 0x80, 0xBF))
+        if (i == 1 ? !IsInRange(text[i], lead->secondFirst, lead->secondLast)
+                   : !IsInRange(text[i], 0x80, 0xBF))
             return 0;
     return lead->length;
 }
 
-// The number of a character of two or three bytes; 0 for others.
-unsigned NumberOf(std::string_view character) {
+// The code point of a character of two or three bytes; 0 for others.
+unsigned CodePointOf(std::string_view character) {
     const auto bits = [&](std::size_t i, unsigned mask) {
         return static_cast<unsigned char>(character[i]) & mask;
     };
@@ -63,7 +63,7 @@ unsigned NumberOf(std::string_view character) {
     return 0;
 }
 
-bool IsObeyed(unsigned number) {
+bool IsUnsafe(unsigned number) {
     const auto between = [number](unsigned first, unsigned last) {
         return first <= number && number <= last;
     };
@@ -99,10 +99,10 @@ std::string Shown(std::string_view text) {
     while (!text.empty()) {
         const std::size_t length = LengthOfFirst(text);
         const std::string_view first = text.substr(0, std::max<std::size_t>(length, 1));
-        const unsigned number = length == 0 ? 0 : NumberOf(first);
+        const unsigned number = length == 0 ? 0 : CodePointOf(first);
         if (length == 0)
             shown += Escaped('x', static_cast<unsigned char>(first.front()));
-        else if (IsObeyed(number))
+        else if (IsUnsafe(number))
             shown += Escaped('u', number);
         else
             shown += length == 1 ? Printable(first) : std::string(first);

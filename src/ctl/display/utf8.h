@@ -1,4 +1,4 @@
-// Text whose bytes are UTF-8 for certain.
+// Makes arbitrary bytes safe to print.
 
 #ifndef CTL_DISPLAY_UTF8_H
 #define CTL_DISPLAY_UTF8_H
@@ -8,13 +8,14 @@
 
 namespace kest::ctl {
 
-// `text` with the replacement character in place of each byte that belongs to no character. Names
-// of files and jobs may hold any bytes, while formats that others read admit characters only.
+// `text` with each byte that is not part of valid UTF-8 replaced by U+FFFD, for output formats that
+// require UTF-8. Names of files and jobs may contain any bytes.
 std::string ValidUtf8(std::string_view text);
 
-// `text` as it may go to a terminal: without anything that the terminal would obey, or that would
-// put what stands beside it in another order. Control characters, bytes that belong to no character
-// and marks of writing direction are written as escapes: "\n", "\x1b", "\u202e".
+// `text` made safe for a terminal. Control characters, bytes that are not part of valid UTF-8,
+// invisible characters and marks of writing direction are written as escape sequences: "\n",
+// "\x1b",
+// "\u202e".
 std::string Shown(std::string_view text);
 
 } // namespace kest::ctl

@@ -26,8 +26,9 @@ std::string ErrorText() {
     return std::strerror(errno);
 }
 
-// A zone that is named is not looked up again at every conversion. A system without one has UTC.
-void TakeOnZone(const std::string &file) {
+// Setting TZ avoids a check of the file at each conversion. A system without a time zone file uses
+// UTC.
+void SetTimeZone(const std::string &file) {
     setenv("TZ", ReadFile(file).empty() ? "UTC0" : (":" + file).c_str(), 1);
     tzset();
 }
@@ -49,7 +50,7 @@ std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
 Appliance::Appliance(const std::string &root) {
     if (root.empty()) {
         if (std::getenv("TZ") == nullptr)
-            TakeOnZone("/etc/localtime");
+            SetTimeZone("/etc/localtime");
         return;
     }
     const std::unique_ptr<char, decltype(&std::free)> real(realpath(root.c_str(), nullptr),
@@ -61,48 +62,48 @@ Appliance::Appliance(const std::string &root) {
         throw Failure(root + ": " + std::strerror(ENOTDIR));
     root_ = std::strcmp(real.get(), "/") == 0 ? "/." : real.get();
     accounts_ = ReadAccounts(Locate("/etc/passwd"));
-    TakeOnZone(Locate("/etc/localtime"));
+    SetTimeZone(Locate("/etc/localtime"));
 }
 
 std::string Appliance::Locate(const std::string &path) const {
-    if (IsThisOne())
+    if (IsLocal())
         return path;
-    constexpr int mostLinks = 40; // as many as the kernel follows
+    constexpr int mostLinks = 40; // the limit of the kernel
     int links = 0;
-    std::deque<std::string> ahead;
-    std::string found;
-    const auto putAhead = [&](const std::string &further) {
+    std::deque<std::string> remaining;
+    std::string resolved;
+    const auto prepend = [&](const std::string &components) {
         std::deque<std::string> parts;
-        std::istringstream stream(further);
+        std::istringstream stream(components);
         for (std::string part; std::getline(stream, part, '/');)
             parts.push_back(part);
-        ahead.insert(ahead.begin(), parts.begin(), parts.end());
+        remaining.insert(remaining.begin(), parts.begin(), parts.end());
     };
-    putAhead(path);
-    while (!ahead.empty()) {
-        const std::string part = ahead.front();
-        ahead.pop_front();
+    prepend(path);
+    while (!remaining.empty()) {
+        const std::string part = remaining.front();
+        remaining.pop_front();
         if (part == "..")
-            found.erase(std::min(found.rfind('/'), found.size()));
+            resolved.erase(std::min(resolved.rfind('/'), resolved.size()));
         if (part.empty() || part == "." || part == "..")
             continue;
-        const std::string directory = found;
-        found.append("/").append(part);
-        const std::string target = ReadLink(root_ + found);
+        const std::string directory = resolved;
+        resolved.append("/").append(part);
+        const std::string target = ReadLink(root_ + resolved);
         if (target.empty())
             continue;
         if (++links > mostLinks)
             return {};
-        found = target.front() == '/' ? "" : directory;
-        putAhead(target);
+        resolved = target.front() == '/' ? "" : directory;
+        prepend(target);
     }
-    return root_ + found;
+    return root_ + resolved;
 }
 
 bool Appliance::HasAccount(const std::string &name) const {
     uid_t uid = 0;
     gid_t gid = 0;
-    if (IsThisOne())
+    if (IsLocal())
         return name.find('\0') == std::string::npos &&
                KESTUserGetUGID(name.c_str(), &uid, &gid) == 0;
     return std::any_of(accounts_.begin(), accounts_.end(),
@@ -110,7 +111,7 @@ bool Appliance::HasAccount(const std::string &name) const {
 }
 
 std::optional<std::string> Appliance::AccountName(uid_t uid) const {
-    if (IsThisOne()) {
+    if (IsLocal()) {
         const passwd *entry = getpwuid(uid);
         return entry != nullptr ? std::optional<std::string>(entry->pw_name) : std::nullopt;
     }

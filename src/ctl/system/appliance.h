@@ -1,4 +1,4 @@
-// The appliance that is looked at: this one, or another one whose files lie below a directory.
+// The appliance to read: the running system, or another one whose files are below a directory.
 
 #ifndef CTL_SYSTEM_APPLIANCE_H
 #define CTL_SYSTEM_APPLIANCE_H
@@ -13,28 +13,28 @@ namespace kest::ctl {
 
 class Appliance {
 public:
-    // `root` is empty for this appliance. Its time zone becomes the program's. Throws Failure for
-    // anything but a directory.
+    // `root` is empty for the running system. Sets the time zone of the program to that of the
+    // appliance. Throws Failure if `root` is not a directory.
     explicit Appliance(const std::string &root);
 
-    bool IsThisOne() const { return root_.empty(); }
+    bool IsLocal() const { return root_.empty(); }
 
-    // Where the appliance's file `path` is found here; its links are followed as they lead there,
-    // the last one too. The file need not exist. Empty, which names
-    // nothing, for links that lead in a circle.
+    // The path on the running system of the appliance's file `path`. All links are resolved within
+    // the appliance, including the last component. The file need not exist. Empty, which is not the
+    // path of any file, if the links form a loop.
     std::string Locate(const std::string &path) const;
 
     bool HasAccount(const std::string &name) const;
-    // The name of the account; nothing when there is none of that number.
+    // The name of an account; nothing if it does not exist.
     std::optional<std::string> AccountName(uid_t uid) const;
 
 private:
     std::string root_;
-    std::map<uid_t, std::string> accounts_; // of another appliance
+    std::map<uid_t, std::string> accounts_; // only of another appliance
 };
 
-// The names in a directory that are job files or account directories, in the order in which they
-// are read. Throws Failure when it cannot be read.
+// The entries of a directory except hidden ones, in the order in which the daemon reads them.
+// Throws Failure if the directory cannot be read.
 std::vector<std::string> NamesIn(const std::string &directory);
 
 } // namespace kest::ctl

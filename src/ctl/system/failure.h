@@ -1,5 +1,3 @@
-// What ends a command.
-
 #ifndef CTL_SYSTEM_FAILURE_H
 #define CTL_SYSTEM_FAILURE_H
 
@@ -7,7 +5,7 @@
 
 namespace kest::ctl {
 
-// Something that a command needs cannot be had: the program says so and exits with 2.
+// An error that ends a command: the program prints the message and exits with status 2.
 class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -1,4 +1,4 @@
-// Small files that are looked at.
+// Reads small files and links.
 
 #ifndef CTL_SYSTEM_FILES_H
 #define CTL_SYSTEM_FILES_H
@@ -7,10 +7,10 @@
 
 namespace kest::ctl {
 
-// The content of a small file; empty when there is none.
+// The content of a regular file of at most 1 MiB; empty if it cannot be read.
 std::string ReadFile(const std::string &path);
 
-// Where a link leads; empty for anything else.
+// The target of a symbolic link; empty for anything else.
 std::string ReadLink(const std::string &path);
 
 } // namespace kest::ctl

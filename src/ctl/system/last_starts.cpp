@@ -15,7 +15,7 @@ namespace kest::ctl {
 
 namespace {
 
-void TakeIn(const LogLine &line, std::unordered_map<std::string, LastStarts> &lastStarts) {
+void AddLine(const LogLine &line, std::unordered_map<std::string, LastStarts> &lastStarts) {
     if (!line.started)
         return;
     LastStarts &job = lastStarts[line.job];
@@ -37,7 +37,7 @@ std::unordered_map<std::string, LastStarts> ReadLastStarts(const std::string &lo
     if (!file || fstat(file.Get(), &status) == -1)
         return lastStarts;
     auto begin = static_cast<std::uintmax_t>(status.st_size);
-    std::string rest; // of the line that began in the part before
+    std::string rest; // end of the line that begins in the part before
     bool reached = false;
     for (int i = 0; i < mostSteps && begin > 0 && !reached; ++i) {
         const auto size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
@@ -52,7 +52,7 @@ std::unordered_map<std::string, LastStarts> ReadLastStarts(const std::string &lo
         for (std::string text; std::getline(lines, text);) {
             const LogLine line = ParseLogLine(text);
             reached = reached || (line.time >= 0 && line.time < since);
-            TakeIn(line, lastStarts);
+            AddLine(line, lastStarts);
         }
     }
     return lastStarts;

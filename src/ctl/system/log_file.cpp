@@ -45,7 +45,7 @@ bool LogFile::ReadLine(std::string &line) {
     }
 }
 
-std::string LogFile::TakeTorn() {
+std::string LogFile::TakePartialLine() {
     return std::exchange(rest_, {}).substr(std::exchange(read_, 0));
 }
 
@@ -53,7 +53,7 @@ bool LogFile::IsRotated() const {
     struct stat opened {};
     struct stat named {};
     if (fstat(file_.Get(), &opened) == -1 || stat(path_.c_str(), &named) == -1)
-        return false; // between the old one and the new one
+        return false; // the new file does not exist yet
     return opened.st_ino != named.st_ino || opened.st_dev != named.st_dev ||
            opened.st_size < lseek(file_.Get(), 0, SEEK_CUR);
 }

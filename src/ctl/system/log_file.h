@@ -1,5 +1,3 @@
-// A log as it is read from a file.
-
 #ifndef CTL_SYSTEM_LOG_FILE_H
 #define CTL_SYSTEM_LOG_FILE_H
 
@@ -12,32 +10,33 @@
 
 namespace kest::ctl {
 
-// A log that may be rotated while it is read.
+// Reads a log that may be rotated meanwhile.
 class LogFile {
 public:
     explicit LogFile(std::string path) : path_(std::move(path)) {}
 
-    // Opens the file that the path names now. Returns false with errno set when it cannot.
+    // Opens the file that is at the path now. Returns false with errno set on failure.
     bool Open();
     bool IsOpen() const { return static_cast<bool>(file_); }
 
-    // Passes over all but the last `most` bytes, and the line that begins before them.
+    // Skips all but the complete lines in the last `most` bytes.
     void SkipToLast(std::uintmax_t most);
 
-    // The next whole line; false at the end of what there is. One without end comes in parts.
+    // Reads the next complete line. Returns false if there is none yet. A line of more than 1 MiB
+    // is returned in parts.
     bool ReadLine(std::string &line);
 
-    // What stands behind the last whole line.
-    std::string TakeTorn();
+    // Removes and returns the incomplete line at the end.
+    std::string TakePartialLine();
 
-    // Whether the path names another file by now, or this one begins anew.
+    // Whether another file is at the path now, or this file was truncated.
     bool IsRotated() const;
 
 private:
     std::string path_;
     Descriptor file_;
     std::string rest_;
-    std::size_t read_ = 0; // of it
+    std::size_t read_ = 0; // bytes of rest_ already returned
 };
 
 } // namespace kest::ctl

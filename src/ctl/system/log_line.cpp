@@ -16,7 +16,7 @@ std::optional<std::time_t> ReadTimestamp(const std::string &text) {
     char sign = '+';
     int hours = 0;
     int minutes = 0;
-    // NOLINTNEXTLINE(cert-err34-c): a number out of range makes a strange time, and no harm.
+    // NOLINTNEXTLINE(cert-err34-c): numbers out of range yield a wrong but harmless time.
     if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &utc.tm_year, &utc.tm_mon,
                     &utc.tm_mday, &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &sign, &hours,
                     &minutes) != 9)
@@ -27,7 +27,7 @@ std::optional<std::time_t> ReadTimestamp(const std::string &text) {
     return timegm(&utc) - (sign == '-' ? -offset : offset);
 }
 
-// What stands in `text` between the first `before` and the next `after`; empty when it does not.
+// The text between the first `before` and the next `after`; empty if they are not found.
 std::string Between(const std::string &text, const std::string &before, const std::string &after) {
     const auto start = text.find(before);
     if (start == std::string::npos)
@@ -56,14 +56,14 @@ LogLine ParseLogLine(std::string_view line) {
     const std::string &text = parsed.text;
     if (StartsWith(text, "running job: ")) {
         parsed.job = Between(text, "running job: ", " with command: ");
-        // A command may hold any text; only what stands behind it is ours.
+        // The command may contain any text, so the note after it is searched for from the end.
         const auto note = text.rfind(" (state[");
         parsed.started = note != std::string::npos && text.back() == ')';
         parsed.failed = !parsed.started && text.find(" failed, return code: ") != std::string::npos;
         if (parsed.started) {
-            const std::string told = text.substr(note);
-            ReadNumber(Between(told, ", delay[", "]"), parsed.delay);
-            parsed.manual = StartsWith(told, std::string(" (state[") + kManualState + "]");
+            const std::string details = text.substr(note);
+            ReadNumber(Between(details, ", delay[", "]"), parsed.delay);
+            parsed.manual = StartsWith(details, std::string(" (state[") + kManualState + "]");
         }
     } else if (StartsWith(text, "Failed to ")) {
         parsed.job = Between(text, " for", " for user ");

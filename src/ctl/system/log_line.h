@@ -1,4 +1,4 @@
-// The lines of the execution log, read back.
+// Parses lines of the execution log.
 
 #ifndef CTL_SYSTEM_LOG_LINE_H
 #define CTL_SYSTEM_LOG_LINE_H
@@ -9,17 +9,17 @@
 
 namespace kest::ctl {
 
-// What the execution log calls the state of a job that somebody ran by hand.
+// The state in the execution log for a start by hand.
 constexpr const char *kManualState = "Manual";
 
 struct LogLine {
-    std::time_t time = -1; // seconds since the epoch; -1 when the line begins with none
-    std::string stamp;     // that time as it is written, with the blank behind it
-    std::string text;      // the line without it
-    std::string job;       // full name as it is printed; empty when the line tells of none
-    bool started = false;  // the start of a run
-    bool manual = false;   // which somebody asked for, not the daemon
-    bool failed = false;   // something that went wrong
+    std::time_t time = -1; // seconds since the epoch; -1 without a timestamp
+    std::string stamp;     // the timestamp with the following blank
+    std::string text;      // the line without the timestamp
+    std::string job;       // full name as printed; empty if the line names none
+    bool started = false;  // a start
+    bool manual = false;   // a start by hand, not by the daemon
+    bool failed = false;   // a failure
     int delay = 0;         // seconds from the job's launch to this line
 };
 

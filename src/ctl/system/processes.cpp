@@ -53,11 +53,10 @@ std::vector<pid_t> AllProcesses() {
     return pids;
 }
 
-// The fields of "/proc/PID/stat" from the process's state on, which is the first; none when it is
-// gone.
+// The fields of "/proc/PID/stat" from the process state on; empty if the process has ended.
 std::vector<std::string> StatOf(pid_t pid) {
     const std::string stat = ReadFile(ProcessFile(pid, "stat"));
-    const auto name = stat.rfind(')'); // may hold blanks and brackets
+    const auto name = stat.rfind(')'); // the name may contain blanks and parentheses
     std::vector<std::string> fields;
     if (name == std::string::npos)
         return fields;
@@ -86,8 +85,8 @@ bool IsNamed(pid_t pid, const char *name) {
     return named;
 }
 
-// Whether root started the process, and whether it is the one that holds the pid file, as the
-// daemon does for all its life: a pid that is left from before may be anybody's by now.
+// Whether root started the process and the process holds the lock of the pid file, as the daemon
+// does for its lifetime. The PID in a stale file may belong to any process.
 bool IsTheDaemon(pid_t pid) {
     if (!IsProcessOfRoot(pid) || !IsNamed(pid, kDaemonName))
         return false;
@@ -99,7 +98,7 @@ bool IsTheDaemon(pid_t pid) {
            lock.l_pid == pid;
 }
 
-// What is launched with a delay is a child of the daemon that has become nothing else yet.
+// Launched jobs that wait out their delay are children of the daemon that still have its name.
 unsigned CountDelayed(pid_t daemon) {
     unsigned delayed = 0;
     for (const pid_t pid : AllProcesses()) {
@@ -111,16 +110,16 @@ unsigned CountDelayed(pid_t daemon) {
     return delayed;
 }
 
-// How many arguments may stand before the path of a script: its interpreter, what is written behind
-// that in its first line, and what that makes of it.
+// The number of arguments that may precede the path of a script: its interpreter, and the words
+// after the interpreter in the first line.
 std::size_t MostBeforeScript(const std::string &staged) {
-    constexpr std::size_t kernel = 2; // where the first line cannot be read
+    constexpr std::size_t usual = 2; // if the first line cannot be read
     std::string line;
     const Descriptor file = OpenRegularFile(staged);
     std::array<char, 256> block{};
     const ssize_t size = file ? read(file.Get(), block.data(), block.size()) : -1;
     if (size <= 2 || block[0] != '#' || block[1] != '!')
-        return size < 0 ? kernel : 0;
+        return size < 0 ? usual : 0;
     line.assign(block.data(), static_cast<std::size_t>(size));
     std::istringstream words(line.substr(0, line.find('\n')));
     return static_cast<std::size_t>(std::distance(std::istream_iterator<std::string>(words), {}));
@@ -130,7 +129,7 @@ std::size_t MostBeforeScript(const std::string &staged) {
 
 Daemon FindDaemon(const Appliance &appliance) {
     Daemon daemon;
-    if (!appliance.IsThisOne())
+    if (!appliance.IsLocal())
         return daemon;
     AskWhetherHeld(daemon.held);
     const pid_t pid = XLIBCReadPidFile(kPidFile);
@@ -151,7 +150,7 @@ std::vector<Candidate> Candidates(const Appliance &appliance) {
         return path.compare(0, directory.size(), directory) == 0;
     };
     std::vector<Candidate> candidates;
-    if (!appliance.IsThisOne())
+    if (!appliance.IsLocal())
         return candidates;
     for (const pid_t pid : AllProcesses()) {
         struct stat status {};

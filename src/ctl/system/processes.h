@@ -1,4 +1,4 @@
-// The processes of this appliance: the daemon, and the jobs that run now.
+// The processes of the daemon and of running jobs.
 
 #ifndef CTL_SYSTEM_PROCESSES_H
 #define CTL_SYSTEM_PROCESSES_H
@@ -14,30 +14,31 @@ namespace kest::ctl {
 
 // The daemon's process.
 struct Daemon {
-    pid_t pid = 0; // 0: it does not run
+    pid_t pid = 0; // 0 if it is not running
     std::time_t since = 0;
     bool passive = false;
-    bool held = false;    // the machine is, whether the daemon runs or not
-    unsigned delayed = 0; // jobs launched that wait for their turn to start
+    bool held = false;    // the machine is held; known without the daemon too
+    unsigned delayed = 0; // launched jobs that wait out their delay
     bool Runs() const { return pid != 0; }
 };
 
-// Never runs on another appliance.
+// The daemon of another appliance is never running.
 Daemon FindDaemon(const Appliance &appliance);
 
 // A process that may run a staged program.
 struct Candidate {
     pid_t pid;
     uid_t uid;
-    std::string program; // what it executes; empty where only root may ask
+    std::string program; // its executable; empty if only root can see it
     std::vector<std::string> arguments;
 };
 
-// Those that name something in the directory of the staged programs. None on another appliance.
+// The processes whose executable or arguments are in the directory of staged programs. None on
+// another appliance.
 std::vector<Candidate> Candidates(const Appliance &appliance);
 
-// The one of them that runs the staged program as that account; 0 for none. Anybody may give a
-// process such arguments, so that only the account's own count.
+// The process that runs the staged program as the account; 0 for none. Arguments can be forged, so
+// they count only in processes of the account.
 pid_t ProcessOf(const std::string &staged, const std::string &account,
                 const std::vector<Candidate> &candidates);
 

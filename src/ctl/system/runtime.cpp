@@ -42,8 +42,8 @@ LiveJob MakeLiveJob(CronJob parsed, std::time_t lastRun) {
     return live;
 }
 
-// What happened after the document was written: launches end what was due.
-void BringUpToDate(LiveJob &live, const LastStarts &lastStarts) {
+// Applies starts after the document was written. A launch also resets what was due.
+void ApplyLastStarts(LiveJob &live, const LastStarts &lastStarts) {
     const std::time_t known = live.lastRun;
     live.lastRun = std::max(known, std::max(lastStarts.ran, lastStarts.launched));
     if (lastStarts.launched <= known)
@@ -51,21 +51,20 @@ void BringUpToDate(LiveJob &live, const LastStarts &lastStarts) {
     live.job.NoteLaunch(lastStarts.launched);
 }
 
-// What is read of an appliance is bounded, the more so of another one: it may be an image that
-// somebody else made.
+// Documents are limited in size, more strictly for another appliance, whose files may be crafted.
 JsonLimits ReadLimits(const Appliance &appliance) {
-    return {std::size_t{appliance.IsThisOne() ? 256U : 32U} << 20, 128};
+    return {std::size_t{appliance.IsLocal() ? 256U : 32U} << 20, 128};
 }
 
 std::string ReasonOf(int error, const JsonLimits &limits) {
     if (error == EBADMSG)
-        return "is no whole JSON document";
+        return "is not a complete JSON document";
     if (error == EFBIG)
         return "is larger than " + std::to_string(limits.bytes >> 20) + " MiB";
     return std::strerror(error);
 }
 
-// Reads the document at `path`; false when there is none.
+// Reads the document at `path`. Returns false if it does not exist.
 bool ReadDocument(const std::string &path, const JsonLimits &limits, Json::Value &document) {
     JsonOrigin origin;
     if (JsonFromFile(path, document, limits, &origin))
@@ -86,8 +85,8 @@ Runtime LoadRuntime(const Appliance &appliance) {
             break;
     }
     if (document.isNull())
-        throw Failure(std::string("there is neither ") + kRuntimeFile + " nor " + kPersistentFile +
-                      ": kestcrond has not run here");
+        throw Failure(std::string("neither ") + kRuntimeFile + " nor " + kPersistentFile +
+                      " exists: kestcrond has not run on this system");
     runtime.saved = SavedAt(runtime.path);
     const auto lastStarts = ReadLastStarts(appliance.Locate(kExecutionLogFile), runtime.saved);
     const std::vector<Candidate> candidates = Candidates(appliance);
@@ -103,7 +102,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
         }
         LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
         if (const auto found = lastStarts.find(Printable(live.name)); found != lastStarts.end())
-            BringUpToDate(live, found->second);
+            ApplyLastStarts(live, found->second);
         live.process = ProcessOf(live.staged, live.account, candidates);
         runtime.jobs.push_back(std::move(live));
     }
@@ -137,7 +136,7 @@ std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance) {
 
 namespace {
 
-// The jobs of which the name, or its last part, is like `name`.
+// Jobs whose name, or the last part of it, is similar to `name`.
 std::vector<std::string> NearestJobs(const std::string &name,
                                      const std::vector<std::string> &names) {
     constexpr std::size_t most = 3;
@@ -176,11 +175,15 @@ const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
         names.clear();
         for (const LiveJob *match : matches)
             names.push_back(Shown(match->name));
-        throw Failure("more than one job is called \"" + Shown(name) + "\": " + Enumerated(names));
+        throw Failure("ambiguous job name \"" + Shown(name) + "\": it matches " +
+                      Enumerated(names));
     }
     const std::vector<std::string> near = NearestJobs(name, names);
-    throw Failure("there is no job \"" + Shown(name) + "\"" +
-                  (near.empty() ? "" : "; there is " + Shown(Enumerated(near))));
+    std::string message = "unknown job \"" + Shown(name) + "\"";
+    if (!near.empty())
+        message += (near.size() == 1 ? "; did you mean " : "; did you mean one of ") +
+                   Shown(Enumerated(near)) + "?";
+    throw Failure(message);
 }
 
 } // namespace kest::ctl

@@ -1,4 +1,4 @@
-// The jobs of an appliance and what its daemon has drawn.
+// The jobs of an appliance with their state and schedules.
 
 #ifndef CTL_SYSTEM_RUNTIME_H
 #define CTL_SYSTEM_RUNTIME_H
@@ -18,33 +18,33 @@ namespace kest::ctl {
 // One job as the daemon knows it.
 struct LiveJob {
     std::string name;
-    CronJob job;             // with what the execution log knows of its last run
-    std::string account;     // empty when the definition names none
-    std::time_t lastRun = 0; // by whomever; 0: none is known
+    CronJob job;             // updated with the last run in the execution log
+    std::string account;     // empty if the definition does not name one
+    std::time_t lastRun = 0; // by the daemon or by hand; 0 if unknown
     std::string staged;      // path of its staged program
-    pid_t process = 0;       // one that runs it now; 0: none is seen
+    pid_t process = 0;       // that runs it now; 0 for none
 };
 
-// The jobs and where they are known from.
+// The jobs and the document that they come from.
 struct Runtime {
-    std::string path; // of the document
-    std::time_t saved = 0;
+    std::string path;                 // of the document
+    std::time_t saved = 0;            // modification time of the document
     std::vector<LiveJob> jobs;        // by name
-    std::vector<std::string> corrupt; // entries that hold no job
+    std::vector<std::string> corrupt; // names of invalid entries
 };
 
-// Reads the runtime document, or what was kept of it when there is none, the execution log as far
-// as it may be read, and the process table. Throws Failure when no document can be had.
+// Reads the runtime document, or the saved document if it does not exist, the process table and, if
+// the caller may read it, the execution log. Throws Failure if there is no valid document.
 Runtime LoadRuntime(const Appliance &appliance);
 
-// The size of the largest document of the appliance that may be read, in bytes.
+// The size of the largest document of the appliance in bytes, up to the read limit.
 std::size_t LargestDocument(const Appliance &appliance);
 
-// The schedule template; nothing when there is none.
+// The schedule template; nothing if there is no valid one.
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance);
 
-// The job of that name, or the only one whose name ends with "-" and it. Throws Failure, with the
-// nearest names, when there is none or more than one.
+// The job with the name, or the only job whose name ends with "-" and `name`. Throws Failure, with
+// similar names, if there is no such job or more than one.
 const LiveJob &FindJob(const Runtime &runtime, const std::string &name);
 
 } // namespace kest::ctl

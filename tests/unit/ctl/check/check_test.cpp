@@ -35,7 +35,7 @@ Environment TheSystem() {
         if (path == "/absolute")
             program.link = "/p";
         if (path == "/open" || (path == "/home/alice/p" && account != "alice"))
-            program.openDirectory = "/writable";
+            program.writableDirectory = "/writable";
         return program;
     };
     return environment;
@@ -54,15 +54,17 @@ JobFile Read(const std::string &text, const JobDirectory &directory = {"/jobs", 
     return file;
 }
 
-// "LINE:COLUMN error MEMBER: MESSAGE [FOUND] (ALLOWED)", empty parts left out.
+// "LINE:COLUMN error MEMBER: MESSAGE [FOUND] (LABEL: HINT)", empty parts left out.
 std::string InText(const Diagnostic &diagnostic) {
     std::string text =
-        std::to_string(diagnostic.place.line) + ":" + std::to_string(diagnostic.place.column);
+        std::to_string(diagnostic.position.line) + ":" + std::to_string(diagnostic.position.column);
     text += diagnostic.severity == Severity::Error ? " error" : " warning";
     text += diagnostic.member.empty() ? "" : " " + diagnostic.member;
     text += ": " + diagnostic.message;
     text += diagnostic.found.empty() ? "" : " [" + diagnostic.found + "]";
-    return text + (diagnostic.allowed.empty() ? "" : " (" + diagnostic.allowed + ")");
+    if (diagnostic.hint.text.empty())
+        return text;
+    return text + " (" + diagnostic.hint.label + ": " + diagnostic.hint.text + ")";
 }
 
 std::vector<std::string> ProblemsOf(const JobFile &file) {
@@ -140,36 +142,36 @@ TEST(CheckJobFile, HasNothingToSayOfAGoodDefinition) {
 }
 
 TEST(CheckJobFile, TellsWhatIsRefused) {
-    const std::string periods = std::string(" (") + kPeriods + ")";
-    const std::string period5 = "2:12 error period: \"period\" cannot be 5 [5]" + periods;
+    const std::string periods = std::string(" (expected: ") + kPeriods + ")";
+    const std::string period5 = "2:12 error period: \"period\" is invalid: 5 [5]" + periods;
     const std::string yearly =
-        "2:12 error period: \"period\" cannot be \"yearly\" [\"yearly\"]" + periods;
-    const std::string noPeriod = "2:12 error period: \"period\" cannot be \"\" [\"\"]" + periods;
+        "2:12 error period: \"period\" is invalid: \"yearly\" [\"yearly\"]" + periods;
+    const std::string noPeriod = "2:12 error period: \"period\" is invalid: \"\" [\"\"]" + periods;
     ExpectDiagnostics({
         {R"("period": 5)", period5.c_str()},
         {R"("period": "yearly")", yearly.c_str()},
         {R"("period": "")", noPeriod.c_str()},
-        {R"("user": null)", "2:10 error user: \"user\" cannot be null [null] (\"root\", \"system\" "
-                            "or \"package\")"},
-        {R"("user": "package")",
-         "2:1 error package_username: \"package_username\" is missing (the name of the account)"},
-        {R"("name": ["x"])", "2:10 error name: \"name\" cannot be [\"x\"] [[\"x\"]] (a text)"},
-        {R"("cmd": 5)", "2:9 error cmd: \"cmd\" cannot be 5 [5] (a command, or \"cmd_list\" with "
-                        "its arguments)"},
+        {R"("user": null)", "2:10 error user: \"user\" is invalid: null [null] (expected: "
+                            "\"root\", \"system\" or \"package\")"},
+        {R"("user": "package")", "2:1 error package_username: \"package_username\" is missing "
+                                 "(expected: the name of the account)"},
+        {R"("name": ["x"])",
+         "2:10 error name: \"name\" is invalid: [\"x\"] [[\"x\"]] (expected: a string)"},
+        {R"("cmd": 5)", "2:9 error cmd: \"cmd\" is invalid: 5 [5] (expected: a command, or "
+                        "\"cmd_list\" with its arguments)"},
         {R"("period": "crontab")",
-         "2:1 error crontab: \"crontab\" is missing (five fields separated by one blank each: "
+         "2:1 error crontab: \"crontab\" is missing (expected: five fields separated by one blank: "
          "minute, hour, day, month, weekday)"},
-        {R"("period": "c")",
-         "2:1 error crontab: \"crontab\" is missing (five fields separated by one blank each: "
-         "minute, hour, day, month, weekday)"},
-        {R"("cmd_list": [])", "2:14 error cmd_list: \"cmd_list\" cannot be [] [[]] (at least one "
-                              "text: the program, then its arguments)"},
+        {R"("period": "c")", "2:1 error crontab: \"crontab\" is missing (expected: five fields "
+                             "separated by one blank: minute, hour, day, month, weekday)"},
+        {R"("cmd_list": [])", "2:14 error cmd_list: \"cmd_list\" is invalid: [] [[]] (expected: a "
+                              "list of at least one string: the program, then its arguments)"},
         {R"("cmd_list": ["/p", {"a": 1}])",
-         "2:21 error cmd_list: an argument cannot be {\"a\":1} [{\"a\":1}] (a text)"},
-        {R"("assure_execute": "5")", "2:20 error assure_execute: \"assure_execute\" cannot be "
-                                     "\"5\" [\"5\"] (a number of hours)"},
-        {R"("run_on_passive": [])", "2:20 error run_on_passive: \"run_on_passive\" cannot be [] "
-                                    "[[]] (true or false)"},
+         "2:21 error cmd_list: invalid argument {\"a\":1} [{\"a\":1}] (expected: a string)"},
+        {R"("assure_execute": "5")", "2:20 error assure_execute: \"assure_execute\" is invalid: "
+                                     "\"5\" [\"5\"] (expected: a number of hours)"},
+        {R"("run_on_passive": [])", "2:20 error run_on_passive: \"run_on_passive\" is invalid: [] "
+                                    "[[]] (expected: true or false)"},
     });
 }
 
@@ -183,27 +185,26 @@ TEST(CheckJobFile, TellsAllThatIsRefused) {
                     testing::StartsWith("1:21 error assure_execute: "),
                     testing::StartsWith("1:43 error run_on_passive: ")));
     EXPECT_THAT(ProblemsOf(Read(R"([5, "x", null, [7], true])")),
-                ElementsAre("1:2 error: a definition cannot be 5 [5] (an object)",
-                            "1:5 error: a definition cannot be \"x\" [\"x\"] (an object)",
-                            "1:10 error: a definition cannot be null [null] (an object)",
-                            "1:16 error: a definition cannot be [7] [[7]] (an object)",
-                            "1:21 error: a definition cannot be true [true] (an object)"));
+                ElementsAre("1:2 error: invalid definition 5 [5] (expected: an object)",
+                            "1:5 error: invalid definition \"x\" [\"x\"] (expected: an object)",
+                            "1:10 error: invalid definition null [null] (expected: an object)",
+                            "1:16 error: invalid definition [7] [[7]] (expected: an object)",
+                            "1:21 error: invalid definition true [true] (expected: an object)"));
 }
 
 TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
-    const std::string minute = " (0 to 59, a draw such as 0~59, \"~\" or \"*\")";
+    const std::string minute = " (expected: 0 to 59, a random value such as 0~59, \"~\" or \"*\")";
     const auto row = [&](const char *text) { return "2:" + (text + minute); };
-    const std::string letter = row("15 error crontab: minute \"x\" is no number [\"x\"]");
+    const std::string letter = row("15 error crontab: minute \"x\" is not a number [\"x\"]");
     const std::string item = row("16 error crontab: minute \"60\" is out of range [\"60\"]");
-    const std::string reversed =
-        row("14 error crontab: minute \"9~3\" ends before it begins [\"9~3\"]");
+    const std::string reversed = row("14 error crontab: minute \"9~3\" is reversed [\"9~3\"]");
     const std::string ends =
-        row("14 error crontab: minute \"1~2~3\" has more than two ends [\"1~2~3\"]");
-    const std::string half = row("14 error crontab: minute \"5~\": \"\" is no number [\"5~\"]");
-    const std::string step = row("14 error crontab: minute \"0/5\": there are no steps [\"0/5\"]");
-    const std::string empty =
-        row("16 error crontab: an item of the minute is empty; fields are separated by one blank "
-            "each, items by one comma [\"\"]");
+        row("14 error crontab: minute \"1~2~3\" has more than two bounds [\"1~2~3\"]");
+    const std::string half = row("14 error crontab: minute \"5~\": \"\" is not a number [\"5~\"]");
+    const std::string step =
+        row("14 error crontab: minute \"0/5\": steps are not supported [\"0/5\"]");
+    const std::string empty = row("16 error crontab: an item of the minute is empty: fields are "
+                                  "separated by one blank, items by one comma [\"\"]");
     ExpectDiagnostics({
         {R"("crontab":  "x * * * *")", letter.c_str()},
         {R"("crontab": "1,60 * * * *")", item.c_str()},
@@ -212,92 +213,96 @@ TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
         {R"("crontab": "5~ * * * *")", half.c_str()},
         {R"("crontab": "0/5 * * * *")", step.c_str()},
         {R"("crontab": "5, * * * *")", empty.c_str()},
-        {R"("crontab": "* * * * 7")", "2:22 error crontab: weekday \"7\" is out of range [\"7\"] "
-                                      "(0 (Sunday) to 6, a draw such as 0~6, \"~\" or \"*\")"},
+        {R"("crontab": "* * * * 7")",
+         "2:22 error crontab: weekday \"7\" is out of range [\"7\"] "
+         "(expected: 0 (Sunday) to 6, a random value such as 0~6, \"~\" or \"*\")"},
         {R"("crontab": "* 1-5 * * *")",
-         "2:16 error crontab: hour \"1-5\": there are no ranges with a dash [\"1-5\"] (1,2,3,4,5 "
-         "for each of them, 1~5 for one drawn at random)"},
+         "2:16 error crontab: hour \"1-5\": ranges with a dash are not supported [\"1-5\"] (write: "
+         "1,2,3,4,5 for all values, 1~5 for one random value)"},
         {R"("crontab": "* * * * 0-6")",
-         "2:22 error crontab: weekday \"0-6\": there are no ranges with a dash [\"0-6\"] (* for "
-         "each of them, 0~6 for one drawn at random)"},
+         "2:22 error crontab: weekday \"0-6\": ranges with a dash are not supported [\"0-6\"] "
+         "(write: * for all values, 0~6 for one random value)"},
         {R"("crontab": "* * * * 1-7")",
-         "2:22 error crontab: weekday \"1-7\": there are no ranges with a dash [\"1-7\"] (0 "
-         "(Sunday) to 6, a draw such as 0~6, \"~\" or \"*\")"},
+         "2:22 error crontab: weekday \"1-7\": ranges with a dash are not supported [\"1-7\"] "
+         "(expected: 0 (Sunday) to 6, a random value such as 0~6, \"~\" or \"*\")"},
         // Written with an escape, the text's characters cannot be told apart.
-        {R"("crontab": "* \u002a * * 7")", "2:13 error crontab: weekday \"7\" is out of range "
-                                           "[\"7\"] (0 (Sunday) to 6, a draw such as 0~6, \"~\" "
-                                           "or \"*\")"},
+        {R"("crontab": "* \u002a * * 7")",
+         "2:13 error crontab: weekday \"7\" is out of range [\"7\"] (expected: 0 (Sunday) to 6, a "
+         "random value such as 0~6, \"~\" or \"*\")"},
         {R"("crontab": "* * * *")",
-         "2:13 error crontab: \"crontab\" has 4 fields [\"* * * *\"] (five fields separated by one "
-         "blank each: minute, hour, day, month and weekday)"},
+         "2:13 error crontab: \"crontab\" has 4 fields [\"* * * *\"] (expected: five fields "
+         "separated by one blank: minute, hour, day, month and weekday)"},
         {R"("crontab": "")",
-         "2:13 error crontab: \"crontab\" has 1 field, as there is one between any two blanks "
-         "[\"\"] (five fields separated by one blank each: minute, hour, day, month and weekday)"},
+         "2:13 error crontab: \"crontab\" has 1 field (each blank separates two fields) [\"\"] "
+         "(expected: five fields separated by one blank: minute, hour, day, month and weekday)"},
     });
 }
 
 TEST(CheckJobFile, TellsHowACrontabIsRead) {
     const std::string every5 =
         "2:14 warning crontab: minute \"*/5\" is read as \"*\", every minute [\"*/5\"] "
-        "(0,5,10,15,20,25,30,35,40,45,50,55)";
+        "(write: 0,5,10,15,20,25,30,35,40,45,50,55)";
     ExpectDiagnostics({
         {R"("crontab": "*/5 * * * *")", every5.c_str()},
-        {R"("crontab": "* * */10 * *")",
-         "2:18 warning crontab: day \"*/10\" is read as \"*\", every day [\"*/10\"] (1,11,21,31)"},
-        {R"("crontab": "*/1 * * * *")",
-         "2:14 warning crontab: minute \"*/1\" is read as \"*\", every minute [\"*/1\"] (*)"},
+        {R"("crontab": "* * */10 * *")", "2:18 warning crontab: day \"*/10\" is read as \"*\", "
+                                         "every day [\"*/10\"] (write: 1,11,21,31)"},
+        {R"("crontab": "*/1 * * * *")", "2:14 warning crontab: minute \"*/1\" is read as \"*\", "
+                                        "every minute [\"*/1\"] (write: *)"},
         {R"("crontab": "* *7 * * *")",
-         "2:16 warning crontab: hour \"*7\" is read as \"*\", every hour [\"*7\"] (0 to 23, a draw "
-         "such as 0~23, \"~\" or \"*\")"},
+         "2:16 warning crontab: hour \"*7\" is read as \"*\", every hour [\"*7\"] (expected: 0 to "
+         "23, a random value such as 0~23, \"~\" or \"*\")"},
         {R"("crontab": "* * ~5 * *")",
-         "2:18 warning crontab: day \"~5\" is read as \"~\", one drawn from 1 to 28 [\"~5\"] (both "
-         "ends, such as 1~5)"},
-        {R"("crontab": "* * 1 * 1")", "2:22 warning crontab: day \"1\" and weekday \"1\" must both "
-                                      "match on the same day [\"1\"] (\"*\" for one of the two)"},
-        {R"("crontab": "* * ~ * ~")", "2:22 warning crontab: day \"~\" and weekday \"~\" must both "
-                                      "match on the same day [\"~\"] (\"*\" for one of the two)"},
+         "2:18 warning crontab: day \"~5\" is read as \"~\", a random value from 1 to 28 [\"~5\"] "
+         "(write: both bounds, such as 1~5)"},
+        {R"("crontab": "* * 1 * 1")",
+         "2:22 warning crontab: day \"1\" and weekday \"1\" must match on the same day [\"1\"] "
+         "(write: \"*\" for one of the two)"},
+        {R"("crontab": "* * ~ * ~")",
+         "2:22 warning crontab: day \"~\" and weekday \"~\" must match on the same day [\"~\"] "
+         "(write: \"*\" for one of the two)"},
         {R"("crontab": "* * 30 2 *")",
-         "2:18 warning crontab: February never has day 30: the job never runs [\"30\"] (days that "
-         "every month of the expression has)"},
+         "2:18 warning crontab: February never has day 30: the job never runs [\"30\"] (expected: "
+         "days that every month of the expression has)"},
         {R"("crontab": "* * 1,31 2,3,4 *")",
-         "2:18 warning crontab: February never has day 31; April never has day 31 [\"1,31\"] (days "
-         "that every month of the expression has)"},
+         "2:18 warning crontab: February never has day 31; April never has day 31 [\"1,31\"] "
+         "(expected: days that every month of the expression has)"},
         {R"("crontab": "* * 29~31 1~2 *")",
-         "2:18 warning crontab: February never has day 30 and 31 [\"29~31\"] (days that every "
-         "month of the expression has)"},
+         "2:18 warning crontab: February never has day 30 and 31 [\"29~31\"] (expected: days that "
+         "every month of the expression has)"},
         // What is not read is not judged.
         {R"("period": "daily", "crontab": "* * 31 2 1-5")",
-         "2:32 warning crontab: \"crontab\" is not read: \"period\" is \"daily\" [\"* * 31 2 "
-         "1-5\"] "
-         "(\"crontab\" as \"period\")"},
+         "2:32 warning crontab: \"crontab\" is ignored: \"period\" is \"daily\" [\"* * 31 2 1-5\"] "
+         "(write: \"period\": \"crontab\")"},
     });
 }
 
 TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
     const std::string monday =
         std::string("2:12 warning period: \"period\" \"monday\" is read as \"monthly\": only its "
-                    "first letter counts [\"monday\"] (") +
+                    "first letter counts [\"monday\"] (expected: ") +
         kPeriods + ")";
     ExpectDiagnostics({
         {R"("period": "monday")", monday.c_str()},
-        {R"("Name": "x")", "2:2 warning Name: nobody reads \"Name\" [\"x\"] (\"name\")"},
-        {R"("zzzzzzzz" : [1, 2])", "2:2 warning zzzzzzzz: nobody reads \"zzzzzzzz\" [[1,2]]"},
-        {R"("a\"b" : 1)", "2:2 warning a\"b: nobody reads \"a\\\"b\" [1]"},
+        {R"("Name": "x")",
+         "2:2 warning Name: unknown member \"Name\" is ignored [\"x\"] (write: \"name\")"},
+        {R"("zzzzzzzz" : [1, 2])",
+         "2:2 warning zzzzzzzz: unknown member \"zzzzzzzz\" is ignored [[1,2]]"},
+        {R"("a\"b" : 1)", "2:2 warning a\"b: unknown member \"a\\\"b\" is ignored [1]"},
         {R"("cmd_list": ["/p"], "cmd": "/q")",
-         "2:29 warning cmd: \"cmd\" is not read: \"cmd_list\" goes before it [\"/q\"] (one of the "
-         "two)"},
-        {R"("assure_execute": -1)", "2:20 warning assure_execute: \"assure_execute\" is negative: "
-                                    "the job is overdue in every cycle [-1] (hours, or 0 for "
-                                    "never)"},
+         "2:29 warning cmd: \"cmd\" is ignored: \"cmd_list\" takes precedence [\"/q\"] (expected: "
+         "one of the two)"},
+        {R"("assure_execute": -1)",
+         "2:20 warning assure_execute: \"assure_execute\" is negative: the job is overdue in every "
+         "cycle [-1] (expected: a number of hours, or 0 for no assurance)"},
         {R"("assure_execute": 1.5)", "2:20 warning assure_execute: \"assure_execute\" 1.5 is read "
-                                     "as 1 [1.5] (a whole number of hours)"},
+                                     "as 1 [1.5] (expected: a whole number of hours)"},
         {R"("assure_execute": true)", "2:20 warning assure_execute: \"assure_execute\" true is "
-                                      "read as 1 [true] (a whole number of hours)"},
+                                      "read as 1 [true] (expected: a whole number of hours)"},
         {R"("assure_execute": 5, "assure_execute_action": "now")",
          "2:48 warning assure_execute_action: \"assure_execute_action\" \"now\" is read as "
-         "\"wait\" [\"now\"] (\"run\" or \"wait\")"},
+         "\"wait\" [\"now\"] (expected: \"run\" or \"wait\")"},
         {R"("assure_execute_action": "run")",
-         "2:27 warning assure_execute_action: \"assure_execute_action\" is not read without hours "
+         "2:27 warning assure_execute_action: \"assure_execute_action\" is ignored without hours "
          "in \"assure_execute\" [\"run\"]"},
     });
 }
@@ -305,59 +310,64 @@ TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
 TEST(CheckJobFile, TellsWhatKeepsAJobFromBeingAdmitted) {
     ExpectDiagnostics({
         {R"("user": "nobody")",
-         "2:10 warning user: \"user\" \"nobody\" names no account: the job is not admitted "
-         "[\"nobody\"] (\"root\" or \"system\" as \"user\", or \"package\" and an account as "
-         "\"package_username\")"},
+         "2:10 warning user: \"user\" \"nobody\" does not name an account: the daemon will not "
+         "load this job [\"nobody\"] (expected: \"root\" or \"system\" as \"user\", or \"package\" "
+         "with an account as \"package_username\")"},
         {R"("user": "package", "package_username": null)",
-         "2:41 warning package_username: \"package_username\" null names no account: the job is "
-         "not admitted [null] (\"root\" or \"system\" as \"user\", or \"package\" and an account "
-         "as \"package_username\")"},
+         "2:41 warning package_username: \"package_username\" null does not name an account: the "
+         "daemon will not load this job [null] (expected: \"root\" or \"system\" as \"user\", or "
+         "\"package\" with an account as \"package_username\")"},
         {R"("user": "package", "package_username": "bob")",
-         "2:41 warning package_username: there is no account \"bob\": the job is not admitted "
-         "[\"bob\"]"},
-        {R"("user": "rootless")", "2:10 warning user: there is no account \"rootless\": the job is "
-                                  "not admitted [\"rootless\"]"},
+         "2:41 warning package_username: account \"bob\" does not exist: the daemon will not load "
+         "this job [\"bob\"]"},
+        {R"("user": "rootless")", "2:10 warning user: account \"rootless\" does not exist: the "
+                                  "daemon will not load this job [\"rootless\"]"},
         {R"("user": "packages", "package_username": "alice")",
          "2:10 warning user: \"user\" \"packages\" is read as \"package\" [\"packages\"]"},
         {R"("user": "root", "package_username": "alice")",
-         "2:38 warning package_username: \"package_username\" is not read: \"user\" is \"root\" "
-         "[\"alice\"] (\"package\" as \"user\")"},
-        {R"("name": "a/b")", "2:10 warning name: the full name \"pkg-f-a/b\" has a \"/\": the job "
-                             "is not admitted [\"a/b\"] (a name without \"/\")"},
-        {R"("name": "a\nb")", "2:10 warning name: the full name \"pkg-f-a\\nb\" has control "
-                              "characters [\"a\\nb\"] (a name that can be printed)"},
-        {R"("name": "a\u0000b")", "2:10 warning name: the full name \"pkg-f-a\\u0000b\" has a zero "
-                                  "byte: the job is not admitted [\"a\\u0000b\"]"},
-        {R"("cmd": " /p")", "2:9 warning cmd: the command begins with no program: the job is not "
-                            "admitted [\" /p\"] (an absolute path, at the very beginning)"},
-        {R"("cmd": "/missing -x")", "2:9 warning cmd: program \"/missing\" does not exist: the job "
-                                    "is not admitted [\"/missing -x\"]"},
+         "2:38 warning package_username: \"package_username\" is ignored: \"user\" is \"root\" "
+         "[\"alice\"] (write: \"user\": \"package\")"},
+        {R"("name": "a/b")",
+         "2:10 warning name: the full name \"pkg-f-a/b\" contains \"/\": the daemon will not load "
+         "this job [\"a/b\"] (expected: a name without \"/\")"},
+        {R"("name": "a\nb")", "2:10 warning name: the full name \"pkg-f-a\\nb\" contains control "
+                              "characters [\"a\\nb\"] (expected: printable characters)"},
+        {R"("name": "a\u0000b")", "2:10 warning name: the full name \"pkg-f-a\\u0000b\" contains a "
+                                  "zero byte: the daemon will not load this job [\"a\\u0000b\"]"},
+        {R"("cmd": " /p")",
+         "2:9 warning cmd: the command does not begin with a program: the daemon will not load "
+         "this job [\" /p\"] (expected: an absolute path without a leading blank)"},
+        {R"("cmd": "/missing -x")", "2:9 warning cmd: program \"/missing\" does not exist: the "
+                                    "daemon will not load this job [\"/missing -x\"]"},
         {R"("cmd": "missing")",
-         "2:9 warning cmd: program \"missing\" is looked for in \"/\" alone, where it is not: the "
-         "job is not admitted [\"missing\"] (an absolute path)"},
-        {R"("cmd": "p")", "2:9 warning cmd: program \"p\" is looked for in \"/\" alone [\"p\"] (an "
-                          "absolute path)"},
+         "2:9 warning cmd: program \"missing\" is a relative path: the daemon resolves it from "
+         "\"/\" and does not find it: the daemon will not load this job [\"missing\"] (expected: "
+         "an absolute path)"},
+        {R"("cmd": "p")", "2:9 warning cmd: program \"p\" is a relative path: the daemon resolves "
+                          "it from \"/\" [\"p\"] (expected: an absolute path)"},
         {R"("cmd_list": ["/directory"])",
-         "2:14 warning cmd_list: program \"/directory\" is no regular file: the job is not "
-         "admitted [[\"/directory\"]]"},
+         "2:14 warning cmd_list: program \"/directory\" is not a regular file: the daemon will not "
+         "load this job [[\"/directory\"]]"},
         {R"("cmd": "/empty")", "2:9 warning cmd: program \"/empty\" is empty [\"/empty\"]"},
         {R"("cmd": "/relative")",
-         "2:9 warning cmd: program \"/relative\" is a link to \"p\", which leads nowhere from "
-         "where programs are staged: the job is not admitted [\"/relative\"] (the program itself)"},
-        {R"("cmd": "/absolute")", "2:9 warning cmd: program \"/absolute\" is a link to \"/p\", "
-                                  "which runs as it is found there [\"/absolute\"] (the program "
-                                  "itself)"},
-        {R"("cmd": "/open")", "2:9 warning cmd: program \"/open\" can be replaced: others may "
-                              "write \"/writable\" [\"/open\"] (a program in directories that only "
-                              "root, or the job's account, may write)"},
+         "2:9 warning cmd: program \"/relative\" is a link to \"p\", which does not resolve in the "
+         "directory of staged programs: the daemon will not load this job [\"/relative\"] "
+         "(expected: the path of the program itself)"},
+        {R"("cmd": "/absolute")",
+         "2:9 warning cmd: program \"/absolute\" is a link to \"/p\": the daemon runs the link "
+         "target, not a copy [\"/absolute\"] (expected: the path of the program itself)"},
+        {R"("cmd": "/open")", "2:9 warning cmd: program \"/open\" can be replaced: other users can "
+                              "write to \"/writable\" [\"/open\"] (expected: a program in "
+                              "directories that only root or the job's account can write to)"},
     });
 }
 
 TEST(CheckJobFile, TellsOfALongName) {
     const std::string longest(255 - std::string("pkg-f-").size(), 'x');
     EXPECT_THAT(ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "\""))), IsEmpty());
-    EXPECT_THAT(ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "x\""))),
-                ElementsAre(testing::HasSubstr("has 256 bytes: the job is not admitted")));
+    EXPECT_THAT(
+        ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "x\""))),
+        ElementsAre(testing::HasSubstr("has 256 bytes: the daemon will not load this job")));
 }
 
 TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
@@ -365,12 +375,13 @@ TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
                              "2>&1", "&>x", "<x"}) {
         const std::vector<std::string> texts =
             ProblemsOf(Read(DefinitionWith(std::string(R"("cmd": "/p )") + word + " b\"")));
-        EXPECT_THAT(texts, ElementsAre(testing::HasSubstr("is passed on as it is"))) << word;
+        EXPECT_THAT(texts, ElementsAre(testing::HasSubstr("is passed to the program as it is")))
+            << word;
     }
     EXPECT_THAT(ProblemsOf(Read(DefinitionWith(R"("cmd": "/p a | b > c")"))),
-                ElementsAre(testing::StartsWith("2:15 warning cmd: \"|\" is passed on")));
+                ElementsAre(testing::StartsWith("2:15 warning cmd: \"|\" is passed to")));
     EXPECT_THAT(ProblemsOf(Read(DefinitionWith(R"("cmd": "/p x&y  &")"))),
-                ElementsAre(testing::StartsWith("2:18 warning cmd: \"&\" is passed on")));
+                ElementsAre(testing::StartsWith("2:18 warning cmd: \"&\" is passed to")));
 }
 
 TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
@@ -378,18 +389,18 @@ TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
     ExpectDiagnostics(
         {
             {R"("user": "package", "package_username": "alice")", ""},
-            {R"("user": "root")", "2:10 warning user: \"user\" is not read: every job of this "
-                                  "directory runs as \"alice\" [\"root\"]"},
+            {R"("user": "root")", "2:10 warning user: \"user\" is ignored: all jobs in this "
+                                  "directory run as \"alice\" [\"root\"]"},
             {R"("user": "package", "package_username": 5)",
-             "2:41 warning package_username: \"package_username\" is not read: every job of this "
-             "directory runs as \"alice\" [5]"},
+             "2:41 warning package_username: \"package_username\" is ignored: all jobs in this "
+             "directory run as \"alice\" [5]"},
         },
         directory);
     EXPECT_THAT(ProblemsOf(Read(R"([{"name": "x", "period": "daily", "cmd": "/p"}])", directory)),
                 IsEmpty());
     // What the directory gives is not missed in a definition without a name either.
     EXPECT_THAT(ProblemsOf(Read(R"([{"period": "daily", "cmd": "/p"}])", directory)),
-                ElementsAre("1:2 error name: \"name\" is missing (a text)"));
+                ElementsAre("1:2 error name: \"name\" is missing (expected: a string)"));
 }
 
 TEST(CheckJobFile, GivesJobsTheirFullNames) {
@@ -413,7 +424,7 @@ TEST(CheckJobFile, GivesJobsTheirFullNames) {
         const JobFileReport report = CheckJobFile(Read(row.text, row.directory), TheSystem());
         ASSERT_EQ(report.jobs.size(), 1U);
         EXPECT_EQ(report.jobs.front().name, row.name);
-        EXPECT_EQ(report.jobs.front().place.column, row.column);
+        EXPECT_EQ(report.jobs.front().position.column, row.column);
         EXPECT_FALSE(report.jobs.front().accepted);
     }
 }
@@ -422,10 +433,10 @@ TEST(CheckJobFile, TellsThatTheOnlyJobOfAFileIsCalledDefault) {
     const std::string rest = R"("user": "root", "period": "daily", "cmd": "/p"})";
     EXPECT_THAT(ProblemsOf(Read("{" + rest)), IsEmpty());
     EXPECT_THAT(ProblemsOf(Read(R"({"name": "default", )" + rest)), IsEmpty());
-    EXPECT_THAT(ProblemsOf(Read(R"({"name": "x", )" + rest)),
-                ElementsAre("1:10 warning name: \"name\" is not read: the only job of a file "
-                            "without an array is \"default\" [\"x\"] (an array with this "
-                            "definition, where the job may have a name)"));
+    EXPECT_THAT(
+        ProblemsOf(Read(R"({"name": "x", )" + rest)),
+        ElementsAre("1:10 warning name: \"name\" is ignored: the job of a file without an array is "
+                    "named \"default\" [\"x\"] (write: an array around the definition)"));
 }
 
 TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
@@ -434,22 +445,22 @@ TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
         const char *diagnostic;
     };
     const FileRow rows[] = {
-        {"", "1:1 error: the file is empty (one JSON document)"},
+        {"", "1:1 error: the file is empty (expected: one JSON document)"},
         {"[{\"a\": 1\n  \"b\": 2}]",
-         "2:3 error: no JSON document: Missing ',' or '}' in object declaration"},
-        {"\xEF\xBB\xBF[1,]", "1:7 error: no JSON document: value, object or array expected."},
-        {"[]\r\n[]", "2:1 error: no JSON document: Extra non-whitespace after JSON value."},
-        {std::string("[]\n a\0b", 7), "2:3 error: no JSON document: There is a zero byte in the "
-                                      "text."},
+         "2:3 error: invalid JSON: Missing ',' or '}' in object declaration"},
+        {"\xEF\xBB\xBF[1,]", "1:7 error: invalid JSON: value, object or array expected."},
+        {"[]\r\n[]", "2:1 error: invalid JSON: Extra non-whitespace after JSON value."},
+        {std::string("[]\n a\0b", 7), "2:3 error: invalid JSON: There is a zero byte in the text."},
         {std::string(70, '[') + std::string(70, ']'),
-         "1:1 error: no JSON document: Values are nested deeper than 64 levels."},
+         "1:1 error: invalid JSON: Values are nested deeper than 64 levels."},
         {"[" + std::string(std::size_t{1} << 20, ' ') + "]",
-         "1:1 error: the file is too large (at most 1048576 bytes)"},
-        {"5", "1:1 warning: there is no job in it [5] (an array of definitions, or one "
-              "definition)"},
+         "1:1 error: the file is too large (expected: at most 1048576 bytes)"},
+        {"5", "1:1 warning: the file defines no jobs [5] (expected: an array of definitions, or "
+              "one definition)"},
         {"[]", ""},
-        {R"([{"a": {"b": 1, "b": 2}}])", "1:17 warning: of members with one name only the last is "
-                                         "read: Duplicate key: 'b' (each member once)"},
+        {R"([{"a": {"b": 1, "b": 2}}])",
+         "1:17 warning: only the last of several members with the same name counts: Duplicate key: "
+         "'b' (expected: each member once)"},
     };
     for (const FileRow &row : rows) {
         std::vector<std::string> texts = ProblemsOf(Read(row.text));
@@ -468,15 +479,16 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
         const char *diagnostic;
     };
     const ErrorRow rows[] = {
-        {EISDIR, "", "1:1 error: a directory is no job file (a regular file)"},
-        {EINVAL, "", "1:1 error: neither a regular file nor a link to one (a regular file)"},
+        {EISDIR, "", "1:1 error: is a directory (expected: a regular file)"},
+        {EINVAL, "",
+         "1:1 error: is neither a regular file nor a link to one (expected: a regular file)"},
         {ENOENT, "", "1:1 error: cannot be read: No such file or directory"},
-        {EFBIG, "", "1:1 error: the file is too large (at most 1048576 bytes)"},
-        {EFBIG, "alice", "1:1 error: the file is too large (at most 1048576 bytes)"},
+        {EFBIG, "", "1:1 error: the file is too large (expected: at most 1048576 bytes)"},
+        {EFBIG, "alice", "1:1 error: the file is too large (expected: at most 1048576 bytes)"},
         {EDQUOT, "alice",
-         "1:1 error: the quota of \"alice\" is used up before this file is read (1048576 bytes for "
-         "all files of the account, of which each and each job counts as 1024 at least, and "
-         "4194304 bytes of runtime document)"},
+         "1:1 error: exceeds the quota of account \"alice\" (expected: at most 1048576 bytes in "
+         "all job files of the account, where each file and each job counts as at least 1024, and "
+         "at most 4194304 bytes in the runtime document)"},
     };
     for (const ErrorRow &row : rows) {
         JobFile file;
@@ -493,12 +505,12 @@ TEST(CheckJobFile, TellsOfFilesThatAreHardlyMeantToBeJobFiles) {
         EXPECT_THAT(ProblemsOf(Read("[]", directory, name)), IsEmpty()) << name;
     for (const char *name : {"a.conf~", "a.conf.bak", "a.dpkg-old"})
         EXPECT_THAT(ProblemsOf(Read("[]", directory, name)),
-                    ElementsAre(testing::HasSubstr("looks like a copy")))
+                    ElementsAre(testing::HasSubstr("looks like a backup copy")))
             << name;
     for (const char *name : {".a.conf", ".a~"})
         EXPECT_THAT(ProblemsOf(Read("[]", directory, name)),
-                    ElementsAre("1:1 warning: the daemon does not read hidden files (a name that "
-                                "does not begin with \".\")"))
+                    ElementsAre("1:1 warning: the daemon ignores hidden files (expected: a name "
+                                "that does not begin with \".\")"))
             << name;
 }
 
@@ -527,7 +539,7 @@ TEST(CheckJobFile, CutsWhatIsLongBetweenCharacters) {
 
 TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
     const auto job = [](const char *name, const char *file, bool accepted) {
-        return JudgedJob{name, file, {3, 7}, accepted};
+        return CheckedJob{name, file, {3, 7}, accepted};
     };
     const std::vector<Diagnostic> diagnostics =
         ReplacedJobs({job("a", "first", true), job("b", "first", true), job("a", "second", true),
@@ -537,8 +549,8 @@ TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
     EXPECT_EQ(diagnostics.front().file, "first");
     EXPECT_EQ(diagnostics.front().job, "a");
     EXPECT_EQ(InText(diagnostics.front()),
-              "3:7 warning name: replaced by the job of the same full name in second:3, which is "
-              "read later [\"a\"] (one job of a full name)");
+              "3:7 warning name: replaced by the job with the same full name in second:3, which is "
+              "read later [\"a\"] (expected: one job for each full name)");
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "ctl/display/starts.h"
 
 #include "ctl/display/coming_starts.h"
-#include "ctl/display/job_status.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
@@ -163,39 +162,6 @@ TEST_F(StartsTest, AreToldInJson) {
               FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
                            "latest": "2026-06-02T02:11:00+00:00",
                            "undrawn": ["hour"], "overdue": true})"));
-}
-
-TEST(JobStatus, FollowsTheStatesOfTheDaemon) {
-    const LocalZone zone("UTC0");
-    const FixedClock clock(kNow);
-    struct {
-        int hours; // assured
-        bool run;  // "assure_execute_action"
-        bool due;
-        bool passive;
-        bool held;
-        pid_t process;
-        JobStatus jobStatus;
-    } const rows[] = {
-        {0, false, false, false, false, 0, JobStatus::Waiting},
-        {0, false, true, false, false, 0, JobStatus::Due},
-        {0, false, true, true, false, 0, JobStatus::HeldBack},
-        {0, false, true, false, true, 0, JobStatus::Suspended},
-        {5, false, false, false, false, 0, JobStatus::Overdue},
-        {5, false, false, false, true, 0, JobStatus::Held},
-        {5, true, false, false, true, 0, JobStatus::Overdue},
-        {5, true, false, true, true, 77, JobStatus::Running},
-    };
-    for (const auto &row : rows) {
-        LiveJob job = LiveJobOf("0 0 30 2 *", row.hours);
-        job.job = With(job.job, "expireTime", row.due ? 1 : 0);
-        job.job.assureRun = row.run ? 1 : 0;
-        job.process = row.process;
-        Daemon daemon;
-        daemon.passive = row.passive;
-        daemon.held = row.held;
-        EXPECT_EQ(JobStatusOf(job, daemon), row.jobStatus) << &row - rows;
-    }
 }
 
 } // namespace

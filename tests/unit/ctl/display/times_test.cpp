@@ -48,17 +48,6 @@ TEST(ClockInWords, NamesTheZoneLikewise) {
     EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 1, 0), now), "02:00 CET");
 }
 
-TEST(SpanInWords, HasTwoUnitsAtMost) {
-    struct {
-        std::time_t seconds;
-        const char *words;
-    } const rows[] = {{0, "0 s"},         {59, "59 s"},        {60, "1 min"},
-                      {3599, "59 min"},   {3600, "1 h 0 min"}, {86399, "23 h 59 min"},
-                      {86400, "1 d 0 h"}, {90000, "1 d 1 h"},  {8640000, "100 d 0 h"}};
-    for (const auto &row : rows)
-        EXPECT_EQ(SpanInWords(row.seconds), row.words);
-}
-
 TEST(Iso, HasTheOffset) {
     const LocalZone zone("Asia/Kolkata");
     EXPECT_EQ(Iso(Utc(2026, 6, 2, 2, 10, 30)), "2026-06-02T07:40:30+05:30");

@@ -1,4 +1,4 @@
-#include "ctl/check/json_places.h"
+#include "ctl/check/json_positions.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,7 +8,7 @@ namespace kest::ctl {
 
 namespace {
 
-// The last character before `end` that is no blank; npos when there is none.
+// The offset of the last non-blank character before `end`; npos if there is none.
 std::size_t LastBefore(const std::string &text, std::size_t end) {
     return end == 0 ? std::string::npos : text.find_last_not_of(" \t\r\n", end - 1);
 }
@@ -19,7 +19,7 @@ bool IsEscaped(const std::string &text, std::size_t at) {
     return slashes % 2 == 1;
 }
 
-// The quote that opens the text closed by the one at `closing`; npos when there is none.
+// The offset of the quote that opens the string which ends at `closing`; npos if there is none.
 std::size_t OpeningQuote(const std::string &text, std::size_t closing) {
     std::size_t opening = closing;
     do
@@ -30,26 +30,26 @@ std::size_t OpeningQuote(const std::string &text, std::size_t closing) {
 
 } // namespace
 
-JsonPlaces::JsonPlaces(const std::string &text)
+JsonPositions::JsonPositions(const std::string &text)
     : text_(text), begin_(text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0), lines_{0} {
     for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1))
         lines_.push_back(end + 1);
 }
 
-Place JsonPlaces::At(std::size_t offset) const {
+Position JsonPositions::At(std::size_t offset) const {
     const auto next = std::upper_bound(lines_.begin(), lines_.end(), offset);
     return {static_cast<std::size_t>(next - lines_.begin()), offset - *(next - 1) + 1};
 }
 
-std::size_t JsonPlaces::StartOf(const Json::Value &value) const {
+std::size_t JsonPositions::StartOf(const Json::Value &value) const {
     return begin_ + static_cast<std::size_t>(value.getOffsetStart());
 }
 
-Place JsonPlaces::Of(const Json::Value &value) const {
+Position JsonPositions::Of(const Json::Value &value) const {
     return At(StartOf(value));
 }
 
-Place JsonPlaces::OfName(const Json::Value &value) const {
+Position JsonPositions::OfName(const Json::Value &value) const {
     const std::size_t colon = LastBefore(text_, StartOf(value));
     if (colon == std::string::npos || text_[colon] != ':')
         return Of(value);
@@ -60,7 +60,7 @@ Place JsonPlaces::OfName(const Json::Value &value) const {
     return opening == std::string::npos ? Of(value) : At(opening);
 }
 
-std::optional<std::size_t> JsonPlaces::OffsetOfText(const Json::Value &value) const {
+std::optional<std::size_t> JsonPositions::OffsetOfText(const Json::Value &value) const {
     const std::size_t first = StartOf(value) + 1;
     const std::string text = value.asString();
     const auto end = begin_ + static_cast<std::size_t>(value.getOffsetLimit());
@@ -69,18 +69,18 @@ std::optional<std::size_t> JsonPlaces::OffsetOfText(const Json::Value &value) co
     return plain ? std::optional<std::size_t>(first) : std::nullopt;
 }
 
-JsonPlaces::Fault JsonPlaces::FirstOf(const std::string &faults) const {
+JsonPositions::Fault JsonPositions::FirstOf(const std::string &faults) const {
     if (const auto zero = text_.find('\0'); zero != std::string::npos)
         return {At(zero), faults};
     Fault fault{{}, faults};
     int read = 0;
-    // The numbers are the parser's own: they fit.
+    // The parser's own numbers are in range.
     // NOLINTNEXTLINE(cert-err34-c)
-    if (std::sscanf(faults.c_str(), "* Line %zu, Column %zu\n %n", &fault.place.line,
-                    &fault.place.column, &read) == 2) {
+    if (std::sscanf(faults.c_str(), "* Line %zu, Column %zu\n %n", &fault.position.line,
+                    &fault.position.column, &read) == 2) {
         fault.text = faults.substr(static_cast<std::size_t>(read));
-        if (fault.place.line == 1)
-            fault.place.column += begin_;
+        if (fault.position.line == 1)
+            fault.position.column += begin_;
     }
     fault.text.resize(std::min(fault.text.size(), fault.text.find('\n')));
     constexpr std::string_view prefix = "Syntax error: ";

@@ -1,4 +1,4 @@
-#include "ctl/commands/metrics.h"
+#include "ctl/display/metrics.h"
 
 #include "ctl/display/coming_starts.h"
 #include "job/schedule.h"
@@ -49,19 +49,19 @@ std::string JobSample(const std::string &fact) {
 
 TEST(Metrics, TellNothingOfADaemonThatIsNotThere) {
     EXPECT_EQ(MetricsInText({}, {}, std::nullopt, kTenPastTwo),
-              "# HELP kestcron_up Whether kestcrond runs.\n"
+              "# HELP kestcron_up Whether kestcrond is running.\n"
               "# TYPE kestcron_up gauge\n"
               "kestcron_up 0\n"
-              "# HELP kestcron_passive Whether kestcrond runs in passive mode.\n"
+              "# HELP kestcron_passive Whether kestcrond is running in passive mode.\n"
               "# TYPE kestcron_passive gauge\n"
               "kestcron_passive 0\n"
               "# HELP kestcron_held Whether the machine is held.\n"
               "# TYPE kestcron_held gauge\n"
               "kestcron_held 0\n"
-              "# HELP kestcron_jobs How many jobs there are.\n"
+              "# HELP kestcron_jobs Number of jobs.\n"
               "# TYPE kestcron_jobs gauge\n"
               "kestcron_jobs 0\n"
-              "# HELP kestcron_delayed_starts How many jobs are launched and wait for their turn.\n"
+              "# HELP kestcron_delayed_starts Number of launched jobs that wait out their delay.\n"
               "# TYPE kestcron_delayed_starts gauge\n"
               "kestcron_delayed_starts 0\n");
 }

@@ -1,4 +1,4 @@
-#include "ctl/check/limits.h"
+#include "ctl/system/limits.h"
 
 #include <algorithm>
 #include <csignal>
@@ -10,29 +10,29 @@ namespace kest::ctl {
 
 namespace {
 
-volatile std::sig_atomic_t statusAtEnd = 0;
+volatile std::sig_atomic_t exitStatus = 0;
 
-void EndInTime(int /*number*/) {
-    constexpr std::string_view text = "kestcronctl: this takes too long: the files of this system "
-                                      "keep the program busy\n";
+void ExitOnTimeout(int /*number*/) {
+    constexpr std::string_view text = "kestcronctl: processor time limit for another system "
+                                      "exceeded\n";
     static_cast<void>(!write(STDERR_FILENO, text.data(), text.size()));
-    _exit(statusAtEnd);
+    _exit(exitStatus);
 }
 
-// Where the address sanitizer is at work, it takes memory of its own.
+// The address sanitizer needs memory of its own.
 #ifdef __SANITIZE_ADDRESS__
-constexpr bool kMemoryIsCounted = false;
+constexpr bool kMemoryIsLimited = false;
 #else
-constexpr bool kMemoryIsCounted = true;
+constexpr bool kMemoryIsLimited = true;
 #endif
 
 } // namespace
 
 void LimitTime(int status) {
     constexpr rlim_t seconds = 4;
-    statusAtEnd = status;
+    exitStatus = status;
     struct sigaction action {};
-    action.sa_handler = EndInTime;
+    action.sa_handler = ExitOnTimeout;
     sigaction(SIGXCPU, &action, nullptr);
     const rlimit limit{seconds, seconds + 1};
     setrlimit(RLIMIT_CPU, &limit);
@@ -43,7 +43,7 @@ void LimitMemory(std::size_t documentSize) {
     constexpr std::size_t least = std::size_t{64} << 20;
     const rlim_t most = std::max(least, times * documentSize);
     const rlimit limit{most, most};
-    if (kMemoryIsCounted)
+    if (kMemoryIsLimited)
         setrlimit(RLIMIT_DATA, &limit);
 }
 

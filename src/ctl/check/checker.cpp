@@ -1,0 +1,276 @@
+#include "ctl/check/checker.h"
+
+#include "core/account_files.h"
+#include "ctl/check/paths.h"
+#include "ctl/check/rights.h"
+#include "ctl/system/files.h"
+#include "job/account.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <iterator>
+#include <map>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+#include <utility>
+
+namespace kest::ctl {
+
+namespace {
+
+// Looks up accounts and programs, each once.
+class SystemFacts {
+public:
+    explicit SystemFacts(const Appliance &appliance) : appliance_(appliance) {}
+
+    Account AccountOf(const Json::Value &config);
+    const Program &ProgramAt(const std::string &path, const std::string &account);
+
+private:
+    Program Inspect(const std::string &path, const std::string &account);
+    bool IsWritableByOthers(const std::string &directory, bool last,
+                            const std::string &account) const;
+
+    const Appliance &appliance_;
+    std::map<std::string, bool> accounts_;
+    std::map<std::pair<std::string, std::string>, Program> programs_;
+};
+
+Account SystemFacts::AccountOf(const Json::Value &config) {
+    Account account{kest::AccountOf(config).value_or(""), false};
+    const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
+    if (isNew)
+        entry->second = appliance_.HasAccount(account.name);
+    account.exists = entry->second;
+    return account;
+}
+
+const Program &SystemFacts::ProgramAt(const std::string &path, const std::string &account) {
+    const auto [entry, isNew] = programs_.try_emplace({path, account});
+    if (isNew)
+        entry->second = Inspect(path, account);
+    return entry->second;
+}
+
+Program SystemFacts::Inspect(const std::string &path, const std::string &account) {
+    Program program;
+    struct stat status {};
+    if (stat(appliance_.Locate(path).c_str(), &status) == 0) {
+        program.exists = true;
+        program.regular = S_ISREG(status.st_mode);
+        program.empty = status.st_size == 0;
+    }
+    const auto slash = path.rfind('/');
+    const std::string itself = appliance_.Locate(path.substr(0, slash + 1)) + path.substr(slash);
+    program.link = ReadLink(itself);
+    for (auto end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
+        const std::string directory = path.substr(0, std::max<std::size_t>(end, 1));
+        if (program.writableDirectory.empty() &&
+            IsWritableByOthers(directory, end == slash, account))
+            program.writableDirectory = directory;
+    }
+    return program;
+}
+
+// Whether users other than root and the account can replace entries of a directory on a program's
+// path. `last` marks the directory that contains the program.
+bool SystemFacts::IsWritableByOthers(const std::string &directory, bool last,
+                                     const std::string &account) const {
+    struct stat status {};
+    if (stat(appliance_.Locate(directory).c_str(), &status) == -1)
+        return false;
+    const bool own = appliance_.AccountName(status.st_uid) == account;
+    if (status.st_uid != 0 && !own)
+        return true;
+    // In a sticky directory nobody can remove the entries of others, but anybody can add entries.
+    if ((status.st_mode & S_ISVTX) != 0 && !last)
+        return false;
+    // An account may share its own directory with a group.
+    return (status.st_mode & S_IWOTH) != 0 ||
+           ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_uid == 0);
+}
+
+void Append(std::vector<Diagnostic> &diagnostics, std::vector<Diagnostic> more) {
+    diagnostics.insert(diagnostics.end(), std::make_move_iterator(more.begin()),
+                       std::make_move_iterator(more.end()));
+}
+
+// Reads and checks the files of one batch after another.
+class Checker {
+public:
+    explicit Checker(const Appliance &appliance) : appliance_(appliance), facts_(appliance) {}
+
+    void Check(const JobFileBatch &batch);
+    CheckResult Finish();
+
+private:
+    void CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs);
+    void CheckAccount(const JobFileBatch &batch);
+    void CheckUnlisted(const JobFileBatch &batch,
+                       const std::map<std::string, std::string> &unlisted);
+    bool ReadFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
+
+    const Appliance &appliance_;
+    SystemFacts facts_;
+    CheckResult result_;
+    std::vector<CheckedJob> jobs_;               // of the sources
+    std::map<std::string, AccountQuota> quotas_; // by account
+};
+
+void Checker::CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs) {
+    // Root can read the file, so for other users this is not an error of the file.
+    if ((file.error == EACCES || file.error == EPERM) && geteuid() != 0) {
+        result_.unreadable.push_back(file.path + ": " + std::strerror(file.error));
+        return;
+    }
+    const Environment environment{
+        [this](const Json::Value &config) { return facts_.AccountOf(config); },
+        [this](const std::string &path, const std::string &account) {
+            return facts_.ProgramAt(path, account);
+        }};
+    JobFileReport report = CheckJobFile(file, environment);
+    ++result_.files;
+    result_.jobs += report.jobs.size();
+    Append(result_.diagnostics, std::move(report.diagnostics));
+    std::move(report.jobs.begin(), report.jobs.end(), std::back_inserter(jobs));
+}
+
+void Checker::Check(const JobFileBatch &batch) {
+    if (batch.ofSource && !batch.directory.account.empty()) {
+        CheckAccount(batch);
+        return;
+    }
+    std::vector<CheckedJob> batchJobs;
+    for (const auto &[name, shown] : batch.files) {
+        JobFile file;
+        const std::string path = batch.directory.path + "/" + name;
+        file.path = shown;
+        file.name = name;
+        file.directory = batch.directory;
+        const bool read = JsonFromFile(batch.ofSource ? appliance_.Locate(path) : path,
+                                       file.document, kJobFileLimits, &file.origin);
+        file.error = read ? 0 : errno;
+        CheckFile(file, batch.ofSource ? jobs_ : batchJobs);
+    }
+    Append(result_.diagnostics, ReplacedJobs(batchJobs));
+}
+
+// On this appliance root reads the files as the daemon does, with the rights of the account. In all
+// other cases they are read with the caller's rights, and links are resolved on the appliance.
+bool Checker::ReadFiles(const JobFileBatch &batch, const AccountQuota &quota,
+                        AccountFiles &files) const {
+    const std::string path = appliance_.Locate(batch.directory.path);
+    const Descriptor directory = OpenForNaming(path);
+    if (!directory)
+        return false;
+    struct stat status {};
+    if (appliance_.IsLocal() && geteuid() == 0 && fstat(directory.Get(), &status) == 0)
+        if (const passwd *owner = getpwuid(status.st_uid))
+            return ReadAsAccount(directory.Get(),
+                                 {true, owner->pw_name, owner->pw_uid, owner->pw_gid}, quota,
+                                 files) == AccountReading::Done;
+    if (!ListAccountFiles(directory.Get(), quota, files))
+        return false;
+    AccountQuota left = quota;
+    for (AccountFile &file : files.files)
+        ReadAccountFile(AT_FDCWD, appliance_.Locate(batch.directory.path + "/" + file.name), left,
+                        file);
+    return true;
+}
+
+// Reads all files of the account, not only the requested ones, because each uses up its quota.
+void Checker::CheckAccount(const JobFileBatch &batch) {
+    AccountQuota &quota = quotas_[batch.directory.account];
+    AccountFiles files;
+    if (!ReadFiles(batch, quota, files)) {
+        if (!batch.files.empty())
+            result_.unreadable.push_back(batch.directory.path + ": " + std::strerror(errno));
+        return;
+    }
+    std::map<std::string, std::string> requested = batch.files;
+    for (AccountFile &found : files.files) {
+        JobFile file;
+        file.name = found.name;
+        file.directory = batch.directory;
+        file.error = ParseAccountFile(found, quota, file.origin, file.document);
+        if (file.error == 0 && !ChargeDocument(quota, DocumentSizeOf(file, quota.documentBytes)))
+            file.error = EDQUOT;
+        const auto one = requested.find(file.name);
+        if (one == requested.end())
+            continue;
+        file.path = one->second;
+        requested.erase(one);
+        CheckFile(file, jobs_);
+    }
+    CheckUnlisted(batch, requested);
+}
+
+// Checks files that ListAccountFiles leaves out: hidden files, and the last names of a directory
+// with too many files.
+void Checker::CheckUnlisted(const JobFileBatch &batch,
+                            const std::map<std::string, std::string> &unlisted) {
+    std::string first;
+    std::size_t count = 0;
+    for (const auto &[name, shown] : unlisted) {
+        JobFile file;
+        file.path = shown;
+        file.name = name;
+        file.directory = batch.directory;
+        if (IsJobFileName(name)) {
+            first = count++ == 0 ? shown : first;
+            continue;
+        }
+        const std::string path = appliance_.Locate(batch.directory.path + "/" + name);
+        const bool read = JsonFromFile(path, file.document, kJobFileLimits, &file.origin);
+        file.error = read ? 0 : errno;
+        CheckFile(file, jobs_);
+    }
+    if (count == 0)
+        return;
+    Diagnostic diagnostic = QuotaDiagnostic(batch.directory.account);
+    diagnostic.file = first;
+    if (count > 1)
+        diagnostic.message += ", and " + std::to_string(count - 1) + " more";
+    result_.diagnostics.push_back(std::move(diagnostic));
+    result_.files += count;
+}
+
+CheckResult Checker::Finish() {
+    Append(result_.diagnostics, ReplacedJobs(jobs_));
+    result_.sourceJobs = std::move(jobs_);
+    return std::move(result_);
+}
+
+} // namespace
+
+CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths) {
+    CheckPaths selected(appliance);
+    if (paths.empty())
+        selected.AddSources();
+    for (const std::string &path : paths)
+        selected.AddPath(path);
+    selected.AddOtherAccountDirectories();
+    Checker checker(appliance);
+    CheckRights rights(appliance);
+    for (const JobFileBatch &batch : selected.Batches()) {
+        checker.Check(batch);
+        rights.Check(batch);
+    }
+    CheckResult result = checker.Finish();
+    Append(result.diagnostics, rights.Diagnostics());
+    Append(result.diagnostics, selected.Diagnostics());
+    result.unreadable.insert(result.unreadable.begin(), selected.Unreadable().begin(),
+                             selected.Unreadable().end());
+    std::stable_sort(result.diagnostics.begin(), result.diagnostics.end(),
+                     [](const Diagnostic &a, const Diagnostic &b) {
+                         return std::tie(a.file, a.position.line, a.position.column) <
+                                std::tie(b.file, b.position.line, b.position.column);
+                     });
+    return result;
+}
+
+} // namespace kest::ctl

@@ -1,0 +1,30 @@
+// Checks sets of job files on an appliance.
+
+#ifndef CTL_CHECK_CHECKER_H
+#define CTL_CHECK_CHECKER_H
+
+#include "ctl/check/check.h"
+#include "ctl/check/diagnostic.h"
+#include "ctl/system/appliance.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kest::ctl {
+
+struct CheckResult {
+    std::size_t files = 0;
+    std::size_t jobs = 0;
+    std::vector<Diagnostic> diagnostics; // by file, line and column
+    std::vector<std::string> unreadable; // files that the caller may not read, with the error
+    std::vector<CheckedJob> sourceJobs;  // the jobs of the four sources
+};
+
+// Checks the job files at `paths`, or those of the four sources if there are none. Throws Failure
+// when a path does not exist.
+CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths);
+
+} // namespace kest::ctl
+
+#endif

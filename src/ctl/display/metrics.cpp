@@ -1,0 +1,132 @@
+#include "ctl/display/metrics.h"
+
+#include "core/job_state.h"
+#include "ctl/display/starts.h"
+#include "ctl/display/utf8.h"
+
+#include <array>
+#include <set>
+
+namespace kest::ctl {
+
+namespace {
+
+using Value = std::optional<std::int64_t>;
+
+struct JobFigures {
+    std::string labels;
+    Value lastRun;
+    Value next;
+    Value nextLatest;
+    bool overdue = false;
+    bool pending = false;
+    bool running = false;
+};
+
+struct JobFamily {
+    const char *name;
+    const char *help;
+    Value (*value)(const JobFigures &job);
+};
+constexpr std::array<JobFamily, 6> kJobFamilies{{
+    {"kestcron_job_last_run_timestamp_seconds", "Time of the last start of the job.",
+     [](const JobFigures &job) { return job.lastRun; }},
+    {"kestcron_job_next_run_timestamp_seconds", "Earliest time of the next start of the job.",
+     [](const JobFigures &job) { return job.next; }},
+    {"kestcron_job_next_run_latest_timestamp_seconds", "Latest time of the next start of the job.",
+     [](const JobFigures &job) { return job.nextLatest; }},
+    {"kestcron_job_overdue", "Whether the job is assured and has not run for more than its hours.",
+     [](const JobFigures &job) { return Value(job.overdue); }},
+    {"kestcron_job_pending", "Whether the job is due and not launched yet.",
+     [](const JobFigures &job) { return Value(job.pending); }},
+    {"kestcron_job_running", "Whether a process of the job is running.",
+     [](const JobFigures &job) { return Value(job.running); }},
+}};
+
+std::string Heading(const std::string &name, const char *help) {
+    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n";
+}
+
+std::string Sample(const std::string &name, const std::string &labels, std::int64_t value) {
+    return name + labels + " " + std::to_string(value) + "\n";
+}
+
+// A family with one sample without labels; empty without a value.
+std::string Single(const char *name, const char *help, Value value) {
+    return value ? Heading(name, help) + Sample(name, "", *value) : "";
+}
+
+std::string Quoted(const std::string &text) {
+    std::string quoted = "\"";
+    for (const char character : ValidUtf8(text))
+        if (character == '\n')
+            quoted += "\\n";
+        else {
+            if (character == '\\' || character == '"')
+                quoted += '\\';
+            quoted += character;
+        }
+    return quoted + "\"";
+}
+
+// Names that differ only in invalid UTF-8 would become equal, and duplicate samples are not
+// allowed.
+std::string LabelsOf(const LiveJob &job, std::set<std::string> &used) {
+    std::string name = job.name;
+    while (!used.insert(ValidUtf8(name)).second)
+        name += "'";
+    return "{job=" + Quoted(name) + ",user=" + Quoted(job.account) + "}";
+}
+
+JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon, std::time_t now) {
+    const StateInput input = StateInputOf(job.job, daemon.passive, daemon.held);
+    const bool heldBack = StateOf(input) == JobState::NotRunOnPassive;
+    JobFigures figures;
+    if (job.lastRun != 0)
+        figures.lastRun = job.lastRun;
+    if (const std::optional<JobStart> next = NextStart(job, daemon, now)) {
+        figures.next = next->earliest;
+        figures.nextLatest = next->latest;
+    }
+    figures.overdue = input.overdue && !heldBack;
+    figures.pending = input.expireTime != 0 && !heldBack;
+    figures.running = job.process != 0;
+    return figures;
+}
+
+std::string FamilyInText(const JobFamily &family, const std::vector<JobFigures> &jobs) {
+    std::string samples;
+    for (const JobFigures &job : jobs)
+        if (const Value value = family.value(job))
+            samples += Sample(family.name, job.labels, *value);
+    return samples.empty() ? "" : Heading(family.name, family.help) + samples;
+}
+
+} // namespace
+
+std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon,
+                          std::optional<std::int32_t> maxDelay, std::time_t now) {
+    std::set<std::string> used;
+    std::vector<JobFigures> figures;
+    for (const LiveJob &job : jobs) {
+        figures.push_back(FiguresOf(job, daemon, now));
+        figures.back().labels = LabelsOf(job, used);
+    }
+    std::string text =
+        Single("kestcron_up", "Whether kestcrond is running.", daemon.Runs()) +
+        Single("kestcron_passive", "Whether kestcrond is running in passive mode.",
+               daemon.passive) +
+        Single("kestcron_held", "Whether the machine is held.", daemon.held) +
+        Single("kestcron_jobs", "Number of jobs.", static_cast<std::int64_t>(jobs.size())) +
+        Single("kestcron_start_time_seconds", "Start time of kestcrond.",
+               daemon.Runs() ? Value(daemon.since) : std::nullopt) +
+        Single("kestcron_delayed_starts", "Number of launched jobs that wait out their delay.",
+               daemon.delayed) +
+        Single("kestcron_max_delay_seconds", "Maximum delay between two starts of the same minute.",
+               maxDelay);
+    for (const JobFamily &family : kJobFamilies)
+        text += FamilyInText(family, figures);
+    return text;
+}
+
+} // namespace kest::ctl
