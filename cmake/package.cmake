@@ -16,8 +16,8 @@ may be drawn at random, so that a thousand machines do not call one server
 in the same minute; runs that were missed can be made up for; a machine that
 stands by holds its jobs back; and a broken file harms nothing but itself.
 .
-kestcronctl checks job files, shows what will run and what ran, and says why
-something did not.")
+kestcronctl checks job files, shows past and coming runs, and helps to
+find out why a job did not run.")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "logrotate")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

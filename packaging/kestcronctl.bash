@@ -1,6 +1,6 @@
 # bash completion for kestcronctl
 
-# Job names are written by package authors: they are never expanded, and quoted where that matters.
+# Job names come from package authors: never expand them, and quote them in replies.
 _kestcronctl_jobs() {
     local name root=() i
     for ((i = 1; i + 1 < COMP_CWORD; i++)); do
