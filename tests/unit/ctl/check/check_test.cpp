@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A system where the accounts and programs that rows name exist as they say.
+// A system with the accounts and programs that the tests use.
 Environment TheSystem() {
     Environment environment;
     environment.account = [](const Json::Value &config) {
@@ -74,7 +74,7 @@ std::vector<std::string> ProblemsOf(const JobFile &file) {
     return texts;
 }
 
-// A definition in an array, alone in its line; `members` replace what a good one has.
+// An array with one valid definition on a line of its own. `members` are added or replace others.
 std::string DefinitionWith(const std::string &members) {
     std::string text = "[\n{" + members;
     const auto add = [&](const std::string &name, const std::string &value) {
@@ -91,7 +91,7 @@ std::string DefinitionWith(const std::string &members) {
 
 struct ProblemRow {
     const char *members;    // of the definition
-    const char *diagnostic; // the only one; empty: none
+    const char *diagnostic; // the only one, or empty for none
 };
 
 void ExpectDiagnostics(const std::vector<ProblemRow> &rows,
@@ -119,7 +119,7 @@ void ExpectDiagnostics(const std::vector<ProblemRow> &rows,
 
 const char *const kPeriods = "\"hourly\", \"daily\", \"weekly\", \"monthly\" or \"crontab\"";
 
-TEST(CheckJobFile, HasNothingToSayOfAGoodDefinition) {
+TEST(CheckJobFile, AcceptsValidDefinitions) {
     ExpectDiagnostics({
         {R"("name": "n")", ""},
         {R"("period": "h")", ""},
@@ -141,7 +141,7 @@ TEST(CheckJobFile, HasNothingToSayOfAGoodDefinition) {
     });
 }
 
-TEST(CheckJobFile, TellsWhatIsRefused) {
+TEST(CheckJobFile, ReportsInvalidMembers) {
     const std::string periods = std::string(" (expected: ") + kPeriods + ")";
     const std::string period5 = "2:12 error period: \"period\" is invalid: 5 [5]" + periods;
     const std::string yearly =
@@ -175,7 +175,7 @@ TEST(CheckJobFile, TellsWhatIsRefused) {
     });
 }
 
-TEST(CheckJobFile, TellsAllThatIsRefused) {
+TEST(CheckJobFile, ReportsAllErrors) {
     EXPECT_THAT(
         ProblemsOf(Read(R"([{"assure_execute": [], "run_on_passive": "x", "cmd_list": 5}])")),
         ElementsAre(testing::StartsWith("1:2 error period: \"period\" is missing"),
@@ -192,7 +192,7 @@ TEST(CheckJobFile, TellsAllThatIsRefused) {
                             "1:21 error: invalid definition true [true] (expected: an object)"));
 }
 
-TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
+TEST(CheckJobFile, ReportsCrontabErrorsAtTheirItem) {
     const std::string minute = " (expected: 0 to 59, a random value such as 0~59, \"~\" or \"*\")";
     const auto row = [&](const char *text) { return "2:" + (text + minute); };
     const std::string letter = row("15 error crontab: minute \"x\" is not a number [\"x\"]");
@@ -225,7 +225,7 @@ TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
         {R"("crontab": "* * * * 1-7")",
          "2:22 error crontab: weekday \"1-7\": ranges with a dash are not supported [\"1-7\"] "
          "(expected: 0 (Sunday) to 6, a random value such as 0~6, \"~\" or \"*\")"},
-        // Written with an escape, the text's characters cannot be told apart.
+        // With an escape sequence in the string, positions within it are unknown.
         {R"("crontab": "* \u002a * * 7")",
          "2:13 error crontab: weekday \"7\" is out of range [\"7\"] (expected: 0 (Sunday) to 6, a "
          "random value such as 0~6, \"~\" or \"*\")"},
@@ -238,7 +238,7 @@ TEST(CheckJobFile, PointsAtTheItemOfACrontab) {
     });
 }
 
-TEST(CheckJobFile, TellsHowACrontabIsRead) {
+TEST(CheckJobFile, WarnsOfMisleadingCrontabs) {
     const std::string every5 =
         "2:14 warning crontab: minute \"*/5\" is read as \"*\", every minute [\"*/5\"] "
         "(write: 0,5,10,15,20,25,30,35,40,45,50,55)";
@@ -269,14 +269,14 @@ TEST(CheckJobFile, TellsHowACrontabIsRead) {
         {R"("crontab": "* * 29~31 1~2 *")",
          "2:18 warning crontab: February never has day 30 and 31 [\"29~31\"] (expected: days that "
          "every month of the expression has)"},
-        // What is not read is not judged.
+        // An ignored expression is not checked.
         {R"("period": "daily", "crontab": "* * 31 2 1-5")",
          "2:32 warning crontab: \"crontab\" is ignored: \"period\" is \"daily\" [\"* * 31 2 1-5\"] "
          "(write: \"period\": \"crontab\")"},
     });
 }
 
-TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
+TEST(CheckJobFile, WarnsOfIgnoredMembersAndValues) {
     const std::string monday =
         std::string("2:12 warning period: \"period\" \"monday\" is read as \"monthly\": only its "
                     "first letter counts [\"monday\"] (expected: ") +
@@ -307,7 +307,7 @@ TEST(CheckJobFile, TellsWhatIsNotReadOrReadAsAnother) {
     });
 }
 
-TEST(CheckJobFile, TellsWhatKeepsAJobFromBeingAdmitted) {
+TEST(CheckJobFile, WarnsOfJobsThatWillNotBeLoaded) {
     ExpectDiagnostics({
         {R"("user": "nobody")",
          "2:10 warning user: \"user\" \"nobody\" does not name an account: the daemon will not "
@@ -362,7 +362,7 @@ TEST(CheckJobFile, TellsWhatKeepsAJobFromBeingAdmitted) {
     });
 }
 
-TEST(CheckJobFile, TellsOfALongName) {
+TEST(CheckJobFile, WarnsOfLongNames) {
     const std::string longest(255 - std::string("pkg-f-").size(), 'x');
     EXPECT_THAT(ProblemsOf(Read(DefinitionWith("\"name\": \"" + longest + "\""))), IsEmpty());
     EXPECT_THAT(
@@ -370,7 +370,7 @@ TEST(CheckJobFile, TellsOfALongName) {
         ElementsAre(testing::HasSubstr("has 256 bytes: the daemon will not load this job")));
 }
 
-TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
+TEST(CheckJobFile, WarnsOfShellSyntax) {
     for (const char *word : {"'a'", "\\\"a", "`a`", "a|b", "$HOME", "&", "&&", "a;", "a\\\\", ">x",
                              "2>&1", "&>x", "<x"}) {
         const std::vector<std::string> texts =
@@ -384,7 +384,7 @@ TEST(CheckJobFile, TellsOfWordsThatAreForAShell) {
                 ElementsAre(testing::StartsWith("2:18 warning cmd: \"&\" is passed to")));
 }
 
-TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
+TEST(CheckJobFile, CompletesDefinitionsInAccountDirectories) {
     const JobDirectory directory{"/jobs", "pkg_nonroot", "alice"};
     ExpectDiagnostics(
         {
@@ -398,7 +398,7 @@ TEST(CheckJobFile, KnowsWhatAnAccountsDirectoryGives) {
         directory);
     EXPECT_THAT(ProblemsOf(Read(R"([{"name": "x", "period": "daily", "cmd": "/p"}])", directory)),
                 IsEmpty());
-    // What the directory gives is not missed in a definition without a name either.
+    // The user is not reported missing in a definition without a name either.
     EXPECT_THAT(ProblemsOf(Read(R"([{"period": "daily", "cmd": "/p"}])", directory)),
                 ElementsAre("1:2 error name: \"name\" is missing (expected: a string)"));
 }
@@ -429,7 +429,7 @@ TEST(CheckJobFile, GivesJobsTheirFullNames) {
     }
 }
 
-TEST(CheckJobFile, TellsThatTheOnlyJobOfAFileIsCalledDefault) {
+TEST(CheckJobFile, WarnsOfNamesWithoutAnArray) {
     const std::string rest = R"("user": "root", "period": "daily", "cmd": "/p"})";
     EXPECT_THAT(ProblemsOf(Read("{" + rest)), IsEmpty());
     EXPECT_THAT(ProblemsOf(Read(R"({"name": "default", )" + rest)), IsEmpty());
@@ -439,7 +439,7 @@ TEST(CheckJobFile, TellsThatTheOnlyJobOfAFileIsCalledDefault) {
                     "named \"default\" [\"x\"] (write: an array around the definition)"));
 }
 
-TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
+TEST(CheckJobFile, ReportsInvalidFiles) {
     struct FileRow {
         std::string text;
         const char *diagnostic;
@@ -472,7 +472,7 @@ TEST(CheckJobFile, TellsWhatKeepsAFileFromBeingADocument) {
     }
 }
 
-TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
+TEST(CheckJobFile, ReportsReadErrors) {
     struct ErrorRow {
         int error;
         const char *account;
@@ -499,7 +499,7 @@ TEST(CheckJobFile, TellsWhyAFileCannotBeRead) {
     }
 }
 
-TEST(CheckJobFile, TellsOfFilesThatAreHardlyMeantToBeJobFiles) {
+TEST(CheckJobFile, WarnsOfHiddenFilesAndBackupCopies) {
     const JobDirectory directory{"", "pkg", {}};
     for (const char *name : {"a.conf", "a", "~a", "bak"})
         EXPECT_THAT(ProblemsOf(Read("[]", directory, name)), IsEmpty()) << name;
@@ -520,7 +520,7 @@ TEST(CheckJobFile, CountsBytesAfterAByteOrderMark) {
                             testing::StartsWith("2:7 error")));
 }
 
-TEST(CheckJobFile, CutsWhatIsLongBetweenCharacters) {
+TEST(CheckJobFile, ShortensValuesBetweenCharacters) {
     std::string umlauts;
     for (int i = 0; i < 100; ++i)
         umlauts += "\xC3\xA4";
@@ -537,7 +537,7 @@ TEST(CheckJobFile, CutsWhatIsLongBetweenCharacters) {
     }
 }
 
-TEST(ReplacedJobs, AreThoseWithALaterOneThatIsAccepted) {
+TEST(ReplacedJobs, ReportsJobsBeforeAValidDuplicate) {
     const auto job = [](const char *name, const char *file, bool accepted) {
         return CheckedJob{name, file, {3, 7}, accepted};
     };

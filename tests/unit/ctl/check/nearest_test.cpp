@@ -13,7 +13,7 @@ using testing::IsEmpty;
 const std::vector<std::string> kKnown{"name", "user",     "period",        "crontab",
                                       "cmd",  "cmd_list", "assure_execute"};
 
-TEST(Nearest, IsWhatIsMostAlike) {
+TEST(NearestOf, FindsSimilarWords) {
     EXPECT_THAT(NearestOf("nmae", kKnown, 1), ElementsAre("name"));
     EXPECT_THAT(NearestOf("Period", kKnown, 1), ElementsAre("period"));
     EXPECT_THAT(NearestOf("cron_tab", kKnown, 1), ElementsAre("crontab"));
@@ -21,12 +21,12 @@ TEST(Nearest, IsWhatIsMostAlike) {
     EXPECT_THAT(NearestOf("cmd-list", kKnown, 1), ElementsAre("cmd_list"));
 }
 
-TEST(Nearest, AreSoManyAtMostTheNearestFirst) {
+TEST(NearestOf, ReturnsTheMostSimilarFirst) {
     EXPECT_THAT(NearestOf("abc", {"abd", "abcd", "abc", "xyz"}, 2), ElementsAre("abcd", "abc"));
     EXPECT_THAT(NearestOf("abX", {"aXY", "abd"}, 5), ElementsAre("abd", "aXY"));
 }
 
-TEST(Nearest, IsNothingWhereNothingIsAlike) {
+TEST(NearestOf, IgnoresDissimilarWords) {
     EXPECT_THAT(NearestOf("schedule", kKnown, 3), IsEmpty());
     EXPECT_THAT(NearestOf("", kKnown, 3), IsEmpty());
     EXPECT_THAT(NearestOf("name", {}, 3), IsEmpty());

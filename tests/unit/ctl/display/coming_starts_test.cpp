@@ -21,7 +21,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// A job with the crontab; its schedule is drawn, but where `drawn` says so by field key.
+// A job with the crontab and a drawn schedule, with the values of the fields in `drawn`.
 CronJob JobOf(const std::string &crontab, const std::string &drawn = "{}") {
     Json::Value document =
         FromText(R"({"config": {"name": "x", "user": "root", "cmd": "x", "period": "c"}})");
@@ -72,7 +72,7 @@ struct StartsRow {
     std::vector<std::string> starts;
 };
 
-TEST(ComingStarts, AreKnownWhereNothingIsDrawn) {
+TEST(ComingStarts, AreExactWithoutRandomFields) {
     const LocalZone zone("UTC0");
     const std::int64_t from = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
     const StartsRow rows[] = {
@@ -92,11 +92,11 @@ TEST(ComingStarts, AreKnownWhereNothingIsDrawn) {
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
 }
 
-TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
+TEST(ComingStarts, HaveBoundsAfterTheNextRedraw) {
     const LocalZone zone("UTC0");
     const std::int64_t from = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
     const StartsRow rows[] = {
-        // Hourly: this hour's minute is drawn, and holds up to the minute of the next draw.
+        // Hourly: the minute is drawn for this hour and valid up to the minute of the next redraw.
         {"~ * * * *",
          R"({"Minute": [17]})",
          {"2026-06-02 02:17", "2026-06-02 03:01..2026-06-02 04:00 Minute"}},
@@ -111,7 +111,7 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
          R"({"Minute": [10]})",
          {"2026-06-02 05:10..2026-06-02 05:20 Minute",
           "2026-06-03 05:10..2026-06-03 05:20 Minute"}},
-        // Daily: the hour holds for today, the minute for this hour.
+        // Daily: the hour is valid today, the minute in this hour.
         {"~ ~ * * *",
          R"({"Minute": [17], "hour": [2]})",
          {"2026-06-02 02:17", "2026-06-03 00:01..2026-06-04 00:00 Minute,hour"}},
@@ -122,18 +122,18 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
         {"30 ~ * * *",
          R"({"hour": [1]})",
          {"2026-06-03 00:30..2026-06-03 23:30 hour", "2026-06-04 00:30..2026-06-04 23:30 hour"}},
-        // Monthly: the day holds for this month.
+        // Monthly: the day is valid in this month.
         {"0 0 ~ * *",
          R"({"day": [20]})",
          {"2026-06-20 00:00", "2026-07-02 00:00..2026-08-01 00:00 day"}},
         {"0 12 10~12 * *",
          R"({"day": [1]})",
          {"2026-07-10 12:00..2026-07-12 12:00 day", "2026-08-10 12:00..2026-08-12 12:00 day"}},
-        // Weekly: the weekday holds up to Monday.
+        // Weekly: the weekday is valid until Monday.
         {"0 12 * * ~",
          R"({"week": [0]})",
          {"2026-06-07 12:00", "2026-06-08 12:00..2026-06-14 12:00 week"}},
-        // The one minute that is left of a draw is told together with what follows.
+        // A single remaining minute of a draw is merged into the next start.
         {"~ ~ * * ~",
          R"({"Minute": [32], "hour": [2], "week": [1]})",
          {"2026-06-08 00:00..2026-06-15 00:00 Minute,hour,week",
@@ -142,7 +142,7 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
         {"0 12 1 ~ *",
          R"({"month": [3]})",
          {"2027-01-01 12:00..2027-12-01 12:00 month", "2028-01-01 12:00..2028-12-01 12:00 month"}},
-        // What is fixed beside what is drawn is known.
+        // Fixed values next to random ones are exact.
         {"5,~ 3 * * *",
          R"({"Minute": [5, 7]})",
          {"2026-06-02 03:01..2026-06-02 03:59 Minute", "2026-06-02 03:05"}},
@@ -152,7 +152,7 @@ TEST(ComingStarts, AreWindowsAfterTheNextDraw) {
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
 }
 
-TEST(ComingStarts, OfALaterTimeKnowWhatIsDrawnUntilThen) {
+TEST(ComingStarts, FromALaterTimeConsiderRedrawsBefore) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
     const CronJob hourly = JobOf("~ * * * *", R"({"Minute": [17]})");
@@ -167,7 +167,7 @@ TEST(ComingStarts, OfALaterTimeKnowWhatIsDrawnUntilThen) {
                 ElementsAre("2026-06-10 12:00..2026-06-11 00:00 Minute,hour"));
 }
 
-TEST(ComingStarts, AreThoseOfTheLocalClock) {
+TEST(ComingStarts, FollowLocalTime) {
     const LocalZone zone("Europe/Berlin");
     // 02:00 becomes 03:00 on 29 March, and 03:00 becomes 02:00 on 25 October.
     EXPECT_THAT(Starts(JobOf("30 2 * * *"), Utc(2026, 3, 28, 12, 0), 2),
@@ -181,7 +181,7 @@ TEST(ComingStarts, AreThoseOfTheLocalClock) {
     EXPECT_EQ(twice[2].earliest, Utc(2026, 10, 26, 1, 30));
 }
 
-TEST(NextRedraw, FindsTheHourThatBeginsAfterHalfAnHour) {
+TEST(NextRedraw, HandlesZoneChangesOfHalfAnHour) {
     const LocalZone zone("Australia/Lord_Howe");
     // At 02:00 on 5 April 2026 the clock is set back to 01:30.
     EXPECT_EQ(NextRedraw("Minute", Utc(2026, 4, 4, 14, 10)), Utc(2026, 4, 4, 15, 30));
@@ -190,7 +190,7 @@ TEST(NextRedraw, FindsTheHourThatBeginsAfterHalfAnHour) {
     EXPECT_EQ(NextRedraw("Minute", Utc(2026, 10, 3, 15, 10)), Utc(2026, 10, 3, 16, 0));
 }
 
-TEST(NextRedraw, FindsTheMidnightOfEachField) {
+TEST(NextRedraw, IsAtTheMidnightOfEachField) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
     EXPECT_EQ(NextRedraw("Minute", now), Utc(2026, 6, 2, 3, 0));
@@ -198,7 +198,7 @@ TEST(NextRedraw, FindsTheMidnightOfEachField) {
     EXPECT_EQ(NextRedraw("day", now), Utc(2026, 7, 1, 0, 0));
     EXPECT_EQ(NextRedraw("month", now), Utc(2027, 1, 1, 0, 0));
     EXPECT_EQ(NextRedraw("week", now), Utc(2026, 6, 8, 0, 0));
-    const std::time_t monday = Utc(2024, 1, 1, 0, 0); // all of them
+    const std::time_t monday = Utc(2024, 1, 1, 0, 0); // redraws all fields
     for (const std::string &key : FieldKeys())
         EXPECT_EQ(NextRedraw(key, monday - 1), monday) << key;
     EXPECT_EQ(NextRedraw("week", monday), Utc(2024, 1, 8, 0, 0));
@@ -206,20 +206,20 @@ TEST(NextRedraw, FindsTheMidnightOfEachField) {
     EXPECT_EQ(NextRedraw("day", monday), Utc(2024, 2, 1, 0, 0));
 }
 
-TEST(ComingStarts, AreNoneWithoutASchedule) {
+TEST(ComingStarts, AreEmptyWithoutASchedule) {
     const LocalZone zone("UTC0");
     EXPECT_THAT(ComingStarts({}, Json::Value(), {0, 0, kCalendarRepeats}, 3), IsEmpty());
     EXPECT_THAT(ComingStarts({}, Json::Value(), {INT64_MAX, INT64_MAX, INT64_MAX}, 3), IsEmpty());
-    // An entry whose stored draw is broken is never due until it is drawn anew.
+    // A job with an invalid stored draw is not due until the next redraw.
     EXPECT_THAT(Starts(JobOf("5 3 * * *", R"({"hour": "x"})"), Utc(2026, 6, 2, 2, 10), 1),
                 ElementsAre("2026-06-03 03:05"));
 }
 
-// --- Against the daemon's own way, minute by minute ---------------------------------------------
+// --- Against a simulation of the daemon, minute by minute ---------------------------------------
 
 constexpr std::time_t kDay = 86400;
 
-std::string SomeField(std::mt19937 &bits, int low, int high) {
+std::string RandomField(std::mt19937 &bits, int low, int high) {
     const auto number = [&bits](int from, int to) {
         return std::uniform_int_distribution<int>(from, to)(bits);
     };
@@ -238,8 +238,9 @@ std::string SomeField(std::mt19937 &bits, int low, int high) {
     }
 }
 
-// The minutes in which the job starts in `days`, drawn anew when its fields are.
-std::vector<std::time_t> Lived(CronJob job, std::time_t from, std::time_t days, FixedClock &clock) {
+// The minutes in which the job starts in `days`, with redraws.
+std::vector<std::time_t> Simulate(CronJob job, std::time_t from, std::time_t days,
+                                  FixedClock &clock) {
     std::vector<std::time_t> starts;
     for (std::time_t moment = from; moment < from + days * kDay; moment += 60) {
         clock.Set(moment);
@@ -254,29 +255,30 @@ std::vector<std::time_t> Lived(CronJob job, std::time_t from, std::time_t days, 
     return starts;
 }
 
-TEST(ComingStarts, HoldAllThatComes) {
+TEST(ComingStarts, MatchASimulation) {
     const LocalZone zone("Europe/Berlin");
     FixedClock clock(0);
     for (unsigned round = 0; round < 60; ++round) {
         std::mt19937 bits(round);
-        const CronJob job = JobOf(SomeField(bits, 0, 59) + " " + SomeField(bits, 0, 23) + " " +
-                                  SomeField(bits, 1, 31) + " * " + SomeField(bits, 0, 6));
+        const CronJob job = JobOf(RandomField(bits, 0, 59) + " " + RandomField(bits, 0, 23) + " " +
+                                  RandomField(bits, 1, 31) + " * " + RandomField(bits, 0, 6));
         SCOPED_TRACE(job.Document()["config"]["crontab"].asString());
         constexpr std::time_t days = 9;
         const std::time_t from =
             Utc(2026, 3, 25, static_cast<int>(round % 24), static_cast<int>(round));
-        const std::vector<std::time_t> lived = Lived(job, from, days, clock);
+        const std::vector<std::time_t> simulated = Simulate(job, from, days, clock);
         const std::vector<ComingStart> coming = ComingStarts(
             job.cronFields(), job.Document()["schedule"], {from, from, from + days * kDay}, 20000);
-        for (const std::time_t moment : lived)
+        for (const std::time_t moment : simulated)
             ASSERT_TRUE(std::any_of(coming.begin(), coming.end(),
                                     [moment](const ComingStart &start) {
                                         return start.earliest <= moment && moment <= start.latest;
                                     }))
                 << TimeText(moment);
         for (const ComingStart &start : coming) {
-            const bool promised = start.undrawn.empty() && start.earliest < from + days * kDay;
-            ASSERT_TRUE(!promised || std::binary_search(lived.begin(), lived.end(), start.earliest))
+            const bool certain = start.undrawn.empty() && start.earliest < from + days * kDay;
+            ASSERT_TRUE(!certain ||
+                        std::binary_search(simulated.begin(), simulated.end(), start.earliest))
                 << TimeText(start.earliest);
         }
     }

@@ -23,7 +23,7 @@ LiveJob AssuredJob(int hours, std::time_t now) {
     return live;
 }
 
-TEST(JobStatus, FollowsTheStatesOfTheDaemon) {
+TEST(JobStatus, FollowsTheJobState) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30);
     const FixedClock clock(now);

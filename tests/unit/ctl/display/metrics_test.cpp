@@ -34,7 +34,7 @@ LiveJob AssuredJob(const std::string &name, const std::string &crontab,
     return live;
 }
 
-// The value behind the sample with these labels; empty when there is none.
+// The value of a sample with its labels; empty if there is none.
 std::string ValueOf(const std::string &text, const std::string &sample) {
     const auto at = ("\n" + text).find("\n" + sample + " ");
     if (at == std::string::npos)
@@ -47,7 +47,7 @@ std::string JobSample(const std::string &fact) {
     return "kestcron_job_" + fact + "{job=\"a\",user=\"root\"}";
 }
 
-TEST(Metrics, TellNothingOfADaemonThatIsNotThere) {
+TEST(Metrics, WithoutADaemonAndJobs) {
     EXPECT_EQ(MetricsInText({}, {}, std::nullopt, kTenPastTwo),
               "# HELP kestcron_up Whether kestcrond is running.\n"
               "# TYPE kestcron_up gauge\n"
@@ -66,7 +66,7 @@ TEST(Metrics, TellNothingOfADaemonThatIsNotThere) {
               "kestcron_delayed_starts 0\n");
 }
 
-TEST(Metrics, TellOfTheDaemon) {
+TEST(Metrics, OfTheDaemon) {
     Daemon daemon;
     daemon.pid = 7;
     daemon.since = 1780000000;
@@ -81,7 +81,7 @@ TEST(Metrics, TellOfTheDaemon) {
     EXPECT_EQ(ValueOf(text, "kestcron_max_delay_seconds"), "120");
 }
 
-TEST(Metrics, TellOfAJob) {
+TEST(Metrics, OfAJob) {
     const LocalZone zone("UTC0");
     const FixedClock clock(kTenPastTwo);
     const auto number = [](std::time_t value) { return std::to_string(value); };
@@ -102,11 +102,10 @@ TEST(Metrics, TellOfAJob) {
     const std::string at = number(hour + kHour);
     const std::string now = number(hour + 10 * kMinute);
     const Row rows[] = {
-        {"a usual one", "0 3 * * *", ran, recent, 0, false, number(recent), at, at, "0", "0", "0"},
-        {"never run, drawn anew first", "~ 3 * * *", ran, 0, 0, false, "",
+        {"waiting", "0 3 * * *", ran, recent, 0, false, number(recent), at, at, "0", "0", "0"},
+        {"never run, redrawn before", "~ 3 * * *", ran, 0, 0, false, "",
          number(hour + kHour + kMinute), number(hour + kHour + 59 * kMinute), "0", "0", "0"},
-        {"one that runs", "0 3 * * *", ran, recent, 9, false, number(recent), at, at, "0", "0",
-         "1"},
+        {"running", "0 3 * * *", ran, recent, 9, false, number(recent), at, at, "0", "0", "1"},
         {"overdue", "0 3 * * *", late, 0, 0, false, "", now, now, "1", "0", "0"},
         {"pending", "0 3 * * *", due, 0, 0, false, "", at, at, "0", "1", "0"},
         {"passive", "0 3 * * *", R"({"expireTime": 1, "lastExecution": 1})", 0, 0, true, "", "", "",
@@ -133,7 +132,7 @@ TEST(Metrics, TellOfAJob) {
     }
 }
 
-TEST(Metrics, QuoteLabels) {
+TEST(Metrics, EscapeLabels) {
     const LocalZone zone("UTC0");
     const auto named = [](const std::string &name) { return AssuredJob(name, "0 3 * * *"); };
     const std::string text = MetricsInText(
@@ -144,7 +143,7 @@ TEST(Metrics, QuoteLabels) {
     EXPECT_THAT(text, Not(HasSubstr("\xFE")));
 }
 
-TEST(Metrics, KeepAFamilyTogether) {
+TEST(Metrics, GroupSamplesByFamily) {
     const LocalZone zone("UTC0");
     const std::string text = MetricsInText(
         {AssuredJob("a", "0 3 * * *"), AssuredJob("b", "0 3 * * *")}, {}, 300, kTenPastTwo);

@@ -24,7 +24,7 @@ Json::Value Schedule(const std::string &fields) {
     return schedule;
 }
 
-TEST(ScheduleInWords, SaysWhenItStarts) {
+TEST(ScheduleInWords, DescribesSchedules) {
     struct {
         const char *schedule;
         const char *words;
@@ -66,29 +66,29 @@ TEST(ScheduleInWords, SaysWhenItStarts) {
         EXPECT_EQ(ScheduleInWords(Schedule(row.schedule)), row.words) << row.schedule;
 }
 
-TEST(ScheduleInWords, IsNeverWithoutASchedule) {
+TEST(ScheduleInWords, IsNeverForInvalidSchedules) {
     EXPECT_EQ(ScheduleInWords(Json::Value()), "never");
     EXPECT_EQ(ScheduleInWords(FromText(R"({"Minute": [1]})")), "never");
     EXPECT_EQ(ScheduleInWords(FromText("[1]")), "never");
 }
 
-TEST(ScheduleInWords, StandsStrangeNumbers) {
+TEST(ScheduleInWords, AcceptsNumbersOutOfRange) {
     EXPECT_EQ(ScheduleInWords(Schedule("99 -5 77 13 9")),
               "on 9s that are the 77th of 13 at 0-5:99");
 }
 
-TEST(Enumerated, HasCommasAndAnAnd) {
+TEST(Enumerated, JoinsTexts) {
     EXPECT_EQ(Enumerated({}), "");
     EXPECT_EQ(Enumerated({"a"}), "a");
     EXPECT_EQ(Enumerated({"a", "b"}), "a and b");
     EXPECT_EQ(Enumerated({"a", "b", "c"}), "a, b and c");
 }
 
-TEST(FieldsInWords, AreNames) {
+TEST(FieldsInWords, JoinsNames) {
     EXPECT_EQ(FieldsInWords({"Minute", "hour", "week"}), "minute, hour and weekday");
 }
 
-TEST(Start, IsATimeOrTheBoundsOfOne) {
+TEST(StartInWords, ShowsATimeOrItsBounds) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10);
     const std::time_t tomorrow = Utc(2026, 6, 3, 0, 0);

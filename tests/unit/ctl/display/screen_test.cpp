@@ -8,27 +8,27 @@ namespace {
 
 constexpr Screen kPipe{0, false, true};
 
-TEST(Screen, ColoursOnlyWhereThereAreColours) {
+TEST(Coloured, NeedsAScreenWithColours) {
     EXPECT_EQ(Coloured({80, true, true}, Colour::Red, "x"), "\033[31mx\033[0m");
     EXPECT_EQ(Coloured({80, true, true}, Colour::None, "x"), "x");
     EXPECT_EQ(Coloured({80, false, true}, Colour::Red, "x"), "x");
 }
 
-TEST(Screen, CountsCharacters) {
+TEST(WidthOf, CountsCharacters) {
     EXPECT_EQ(WidthOf("abc"), 3U);
     EXPECT_EQ(WidthOf("ä…b"), 3U);
     EXPECT_EQ(Padded("ä", 3), "ä  ");
     EXPECT_EQ(Padded("abcd", 3), "abcd");
 }
 
-TEST(Screen, CutsWhatDoesNotFit) {
+TEST(Fitted, CutsLongTexts) {
     EXPECT_EQ(Fitted(kPipe, "abcd", 4), "abcd");
     EXPECT_EQ(Fitted(kPipe, "abcde", 4), "abc…");
     EXPECT_EQ(Fitted({0, false, false}, "abcde", 4), "abc~");
     EXPECT_EQ(Fitted(kPipe, "äöüäö", 4), "äöü…");
 }
 
-TEST(Screen, BreaksLinesAtBlanks) {
+TEST(Wrapped, BreaksLinesAtBlanks) {
     EXPECT_EQ(Wrapped(kPipe, "one two three", 4), "one two three");
     EXPECT_EQ(Wrapped({12, false, true}, "one two three", 4), "one two\n    three");
     EXPECT_EQ(Wrapped({11, false, true}, "one two three", 4), "one two\n    three");
@@ -45,13 +45,13 @@ Table SomeJobs() {
     return table;
 }
 
-TEST(Table, HasColumns) {
+TEST(Table, AlignsColumns) {
     EXPECT_EQ(SomeJobs().Show(kPipe), "JOB                  ACCOUNT   STATE\n"
                                       "builtin-core-backup  root      waiting\n"
                                       "x                    operator  overdue\n");
 }
 
-TEST(Table, LeavesOutWhatIsDispensableAndCutsTheWidest) {
+TEST(Table, CutsAndOmitsColumns) {
     EXPECT_EQ(SomeJobs().Show({38, false, true}), SomeJobs().Show(kPipe));
     EXPECT_EQ(SomeJobs().Show({37, false, true}), "JOB                  STATE\n"
                                                   "builtin-core-backup  waiting\n"
@@ -59,7 +59,7 @@ TEST(Table, LeavesOutWhatIsDispensableAndCutsTheWidest) {
     EXPECT_EQ(SomeJobs().Show({20, false, true}), "JOB          STATE\n"
                                                   "builtin-co…  waiting\n"
                                                   "x            overdue\n");
-    // A wide column is cut before it is left out.
+    // A wide column is cut before it is omitted.
     Table table({"JOB", "SCHEDULE"}, {1});
     table.Add({"backup", "monthly on the 17th at 03:17"});
     EXPECT_EQ(table.Show({20, false, true}), "JOB     SCHEDULE\n"
@@ -74,7 +74,7 @@ TEST(Table, ColoursTheHeaderAndTheLastColumn) {
               "x                    operator  \033[33moverdue\033[0m\n");
 }
 
-TEST(Table, KeepsControlCharactersOffTheTerminal) {
+TEST(Table, EscapesControlCharacters) {
     Table table({"JOB"});
     table.Add({"a\nb\033[2J"});
     EXPECT_EQ(table.Show(kPipe), "JOB\na\\nb\\x1b[2J\n");

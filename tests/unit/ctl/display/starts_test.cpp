@@ -36,7 +36,7 @@ LiveJob LiveJobOf(const std::string &crontab, int hours = 0,
     return live;
 }
 
-// Hours from the present minute to each start, and whether it is for being overdue.
+// Hours from the present minute to each start, and whether the job is overdue then.
 std::vector<std::pair<double, bool>> Starts(const LiveJob &job, std::size_t count,
                                             const Daemon &daemon = {}) {
     std::vector<std::pair<double, bool>> starts;
@@ -53,20 +53,20 @@ class StartsTest : public testing::Test {
     const LocalZone zone{"UTC0"};
 };
 
-TEST_F(StartsTest, AreThoseOfTheSchedule) {
+TEST_F(StartsTest, FollowTheSchedule) {
     EXPECT_THAT(Starts(LiveJobOf("10 * * * *"), 3),
                 ElementsAre(S{0, false}, S{1, false}, S{2, false}));
     EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *"), 3), IsEmpty());
 }
 
-TEST_F(StartsTest, AreNotInTheMinuteThatItHasRunIn) {
+TEST_F(StartsTest, ExcludeTheMinuteOfTheLastRun) {
     EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow + 2), 2),
                 ElementsAre(S{1, false}, S{2, false}));
     EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 0, kMinuteOfNow - 1), 2),
                 ElementsAre(S{0, false}, S{1, false}));
 }
 
-TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
+TEST_F(StartsTest, AreEmptyOnPassiveMachines) {
     Daemon passive;
     passive.passive = true;
     LiveJob job = LiveJobOf("10 * * * *");
@@ -75,21 +75,21 @@ TEST_F(StartsTest, AreNoneWhereThePassiveMachineHoldsBack) {
     EXPECT_THAT(Starts(job, 1, passive), ElementsAre(S{0, false}));
 }
 
-TEST_F(StartsTest, ComeSoonerForAnAssuredJob) {
-    // Never by its schedule: whenever it has waited for more than 5 hours.
+TEST_F(StartsTest, IncludeOverdueStarts) {
+    // Never by its schedule: whenever it has not run for more than 5 hours.
     EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour), 2),
                 ElementsAre(S{3, true}, S{8, true}));
-    // Overdue by now.
+    // Overdue now.
     EXPECT_THAT(Starts(LiveJobOf("0 0 30 2 *", 5, kNow - 6 * kHour), 1), ElementsAre(S{0, true}));
-    // Its schedule comes sooner.
+    // Its schedule is earlier.
     EXPECT_THAT(Starts(LiveJobOf("10 * * * *", 5), 1), ElementsAre(S{0, false}));
     EXPECT_THAT(Starts(LiveJobOf("10 5 * * *", 5, kMinuteOfNow), 2),
                 ElementsAre(S{3, false}, S{8, true}));
 }
 
-TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
-    // Drawn anew at midnight: if that is later than the moment at which it is overdue, it comes
-    // then.
+TEST_F(StartsTest, IncludeOverdueStartsWithinBounds) {
+    // Redrawn at midnight. If the new time is after the job becomes overdue, it starts when
+    // overdue.
     const LiveJob job = LiveJobOf("30 ~ * * *", 24, kMinuteOfNow - 5);
     LiveJob drawn = job;
     Json::Value schedule = drawn.job.Document()["schedule"];
@@ -105,7 +105,7 @@ TEST_F(StartsTest, OfAnAssuredJobMayComeWithinAWindow) {
     EXPECT_THAT(starts[1].undrawn, ElementsAre("hour"));
 }
 
-TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
+TEST_F(StartsTest, FromALaterTimeDependOnEarlierOnes) {
     const LiveJob job = LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow - 2 * kHour);
     const std::vector<JobStart> starts =
         StartsOf(job, {}, {kNow, kNow + 4 * kHour, kNow + kDayLength}, 2);
@@ -114,25 +114,25 @@ TEST_F(StartsTest, OfALaterTimeFollowThoseBefore) {
     EXPECT_EQ(starts[1].earliest, kMinuteOfNow + 13 * kHour);
 }
 
-TEST_F(StartsTest, OfAMuchLaterTimeAreFoundToo) {
+TEST_F(StartsTest, FromAMuchLaterTime) {
     const std::time_t later = kMinuteOfNow + 1000 * kDayLength;
     const auto first = [&](const LiveJob &job) {
         const std::vector<JobStart> starts =
             StartsOf(job, {}, {kNow, later, later + kDayLength}, 2);
         return starts.empty() ? JobStart() : starts.front();
     };
-    // Each 5 hours: 1000 days hold 4800 such waits.
+    // Every 5 hours: 1000 days are 4800 times 5 hours.
     EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).earliest, later);
     EXPECT_TRUE(first(LiveJobOf("0 0 30 2 *", 5, kMinuteOfNow)).overdue);
     EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", 7, kMinuteOfNow)).earliest, later + 3 * kHour);
     EXPECT_EQ(first(LiveJobOf("0 0 30 2 *", -1)).earliest, later);
-    // One that starts every minute is never overdue.
+    // A job that starts every minute is never overdue.
     EXPECT_EQ(first(LiveJobOf("* * * * *", 5)).earliest, later);
     EXPECT_FALSE(first(LiveJobOf("* * * * *", 5)).overdue);
     EXPECT_EQ(first(LiveJobOf("0 3 * * *", 5)).earliest, later + 3000);
 }
 
-TEST_F(StartsTest, StandStrangeTimes) {
+TEST_F(StartsTest, AcceptTimesOutOfRange) {
     for (const std::int64_t time : {std::int64_t{0}, INT64_MAX, INT64_MIN}) {
         const std::vector<JobStart> starts =
             StartsOf(LiveJobOf("0 0 30 2 *", 5, time), {}, {kNow, kNow, kNow + kDayLength}, 100);
@@ -144,7 +144,7 @@ TEST_F(StartsTest, StandStrangeTimes) {
               (std::vector<S>{{0, true}, {1 / 60.0, true}, {2 / 60.0, true}}));
 }
 
-TEST_F(StartsTest, AreMergedInOrder) {
+TEST_F(StartsTest, OfSeveralJobsAreSorted) {
     const LiveJob early = LiveJobOf("30 * * * *");
     LiveJob late = LiveJobOf("40 * * * *");
     late.name = "pkg-a-a";
@@ -157,7 +157,7 @@ TEST_F(StartsTest, AreMergedInOrder) {
     EXPECT_EQ(starts[2].earliest, starts[0].earliest + kHour);
 }
 
-TEST_F(StartsTest, AreToldInJson) {
+TEST_F(StartsTest, AreWrittenAsJson) {
     EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}}, true),
               FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
                            "latest": "2026-06-02T02:11:00+00:00",

@@ -30,7 +30,7 @@ TEST(TimelineInSvg, EscapesNames) {
     }
 }
 
-TEST(TimelineInSvg, TellsEachMark) {
+TEST(TimelineInSvg, DescribesEachMark) {
     const LocalZone zone("UTC0");
     const std::string svg = TimelineInSvg(Night());
     for (const char *text :
@@ -45,7 +45,7 @@ TEST(TimelineInSvg, TellsEachMark) {
     EXPECT_THAT(svg, HasSubstr("prefers-color-scheme:dark"));
 }
 
-TEST(TimelineInSvg, DrawsStartsThatWouldTouchAsOne) {
+TEST(TimelineInSvg, MergesMarksThatTouch) {
     const LocalZone zone("UTC0");
     const std::time_t from = Utc(2026, 6, 2, 2, 10);
     const TimelineData hours = CollectStarts({Job("a", "* * * * *")}, {}, from, 24);
@@ -54,7 +54,7 @@ TEST(TimelineInSvg, DrawsStartsThatWouldTouchAsOne) {
     EXPECT_EQ(Count(svg, "class=\"mark\""), 2U); // the row's and the legend's
 }
 
-TEST(TimelineInSvg, SaysSoWhenThereIsNothing) {
+TEST(TimelineInSvg, WithoutStarts) {
     const LocalZone zone("UTC0");
     const std::string svg = TimelineInSvg(TimelineOf(Utc(2026, 6, 2, 2, 10), 1, {}, 1));
     EXPECT_THAT(svg, HasSubstr(">No job starts in these hours<"));

@@ -10,7 +10,7 @@ namespace kest::ctl {
 
 namespace {
 
-TEST(CollectStarts, TakesTheStartsOfTheHoursAndCountsTheOtherJobs) {
+TEST(CollectStarts, CollectsStartsAndCountsIdleJobs) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30);
     const std::time_t from = Utc(2026, 6, 2, 2, 10);
@@ -29,7 +29,7 @@ TEST(CollectStarts, TakesTheStartsOfTheHoursAndCountsTheOtherJobs) {
     EXPECT_EQ(hours.rows[2].starts.front().earliest, hours.until - kMinute);
 }
 
-TEST(CollectStarts, KnowsWhatHoldsJobsBack) {
+TEST(CollectStarts, ConsidersPassiveAndHeldMachines) {
     const LocalZone zone("UTC0");
     Daemon daemon;
     daemon.pid = 1;
@@ -41,7 +41,7 @@ TEST(CollectStarts, KnowsWhatHoldsJobsBack) {
     EXPECT_EQ(hours.idle, 1U);
 }
 
-TEST(CollectStarts, TellsOverdueStartsFromOthers) {
+TEST(CollectStarts, MarksOverdueStarts) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10);
     const std::string ran = std::to_string(now - 23 * kHour);
@@ -53,7 +53,7 @@ TEST(CollectStarts, TellsOverdueStartsFromOthers) {
     EXPECT_EQ(hours.rows[0].starts[0].earliest, now + kHour);
 }
 
-TEST(LoadOf, CountsEachQuarterHourOfTheLocalClock) {
+TEST(LoadOf, CountsStartsInQuarterHoursOfLocalTime) {
     const LocalZone zone("XXX-5:30");                // India
     const std::time_t from = Utc(2026, 6, 2, 2, 40); // 08:10 there
     const std::vector<QuarterHour> load = LoadOf(
@@ -82,7 +82,7 @@ TEST(LoadOf, CountsEachQuarterHourOfTheLocalClock) {
     EXPECT_EQ(MaximumOf({}), 0U);
 }
 
-TEST(ClockMarks, FollowTheLocalClockThroughItsChanges) {
+TEST(ClockMarksOf, FollowsLocalTime) {
     struct Row {
         const char *zone;
         std::time_t from;
@@ -95,7 +95,7 @@ TEST(ClockMarks, FollowTheLocalClockThroughItsChanges) {
         // Set forward at 02:00, and set back at 03:00.
         {"CET-1CEST,M3.5.0,M10.5.0/3", Utc(2026, 3, 29, 0, 0), 3, {"01:00", "03:00", "04:00"}},
         {"CET-1CEST,M3.5.0,M10.5.0/3", Utc(2026, 10, 25, 0, 0), 3, {"02:00", "02:00", "03:00"}},
-        // There is no midnight.
+        // A day without a midnight.
         {"XXX-2YYY,M3.5.0/0,M10.5.0/0", Utc(2026, 3, 28, 21, 0), 3, {"23:00", "!01:00", "02:00"}},
         // The first minutes of a day.
         {"UTC0", Utc(2026, 6, 2, 0, 1), 1, {"01:00"}},
@@ -112,14 +112,14 @@ TEST(ClockMarks, FollowTheLocalClockThroughItsChanges) {
     }
 }
 
-TEST(MinutesBetweenLabels, LeaveRoomForALabel) {
+TEST(MinutesBetweenLabels, DependsOnTheScale) {
     EXPECT_EQ(MinutesBetweenLabels(1, 7), 15);
     EXPECT_EQ(MinutesBetweenLabels(0.25, 7), 30);
     EXPECT_EQ(MinutesBetweenLabels(60.0 / 1440, 7), 180);
     EXPECT_EQ(MinutesBetweenLabels(0.001, 7), 1440);
 }
 
-TEST(TimelineToJson, HoldsTheStartsAndTheLoad) {
+TEST(TimelineToJson, WritesStartsAndLoad) {
     const LocalZone zone("UTC0");
     const std::time_t from = Utc(2026, 6, 2, 2, 0);
     const Json::Value json = TimelineToJson(TimelineOf(

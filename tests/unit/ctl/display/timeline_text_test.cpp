@@ -58,9 +58,9 @@ load: at most 3 starts in a quarter hour
 )");
 }
 
-TEST(TimelineInText, TellsTheHalvesOfAPlace) {
+TEST(TimelineInText, ShowsHalfCells) {
     const LocalZone zone("UTC0");
-    const std::time_t from = Utc(2026, 6, 2, 2, 0); // a place takes ten minutes
+    const std::time_t from = Utc(2026, 6, 2, 2, 0); // a cell is ten minutes wide
     struct Row {
         std::vector<JobStart> starts;
         const char *shown;
@@ -86,10 +86,10 @@ TEST(TimelineInText, ShowsTheSmallestLoad) {
     std::vector<JobRow> rows(100, JobRow{"a", {Known(from)}});
     rows.push_back({"b", {Known(from + 7 * kHour)}});
     const std::string text = TimelineInText(TimelineOf(from, 8, rows), ScreenOf(57));
-    EXPECT_EQ(Count(text, "▁"), 2U) << text; // a quarter of an hour lies in two places
+    EXPECT_EQ(Count(text, "▁"), 2U) << text; // a quarter of an hour spans two cells
 }
 
-TEST(TimelineInText, ColoursOnlyWhereItMay) {
+TEST(TimelineInText, UsesColoursOnlyOnScreensWithColours) {
     const LocalZone zone("UTC0");
     Screen screen = ScreenOf(68);
     const std::string plain = TimelineInText(Night(), screen);
@@ -118,17 +118,17 @@ TEST(TimelineInText, FitsEveryScreen) {
         EXPECT_LE(WidthOf(line), 100U) << line;
 }
 
-TEST(TimelineInText, TellsSeveralBandsInOnePlace) {
+TEST(TimelineInText, ShowsSeveralBandsInOneCell) {
     const LocalZone zone("UTC0");
     const std::time_t from = Utc(2026, 6, 2, 0, 0);
     JobRow row{"hourly", {}};
     for (std::time_t hour = from; hour < from + 96 * kHour; hour += kHour)
         row.starts.push_back(Band(hour + kMinute, hour + kHour - kMinute));
     const std::string text = TimelineInText(TimelineOf(from, 96, {row}), ScreenOf(57));
-    EXPECT_EQ(Count(text, "▓"), 48U + 1U) << text; // the places, and the legend
+    EXPECT_EQ(Count(text, "▓"), 48U + 1U) << text; // the cells and the legend
 }
 
-TEST(TimelineInText, SaysSoWhenThereIsNothing) {
+TEST(TimelineInText, WithoutStarts) {
     const LocalZone zone("UTC0");
     const std::time_t from = Utc(2026, 6, 2, 2, 10);
     EXPECT_EQ(TimelineInText(TimelineOf(from, 1, {}, 1), ScreenOf(80)),

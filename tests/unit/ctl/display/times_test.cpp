@@ -8,7 +8,7 @@ namespace kest::ctl {
 
 namespace {
 
-TEST(WhenInWords, IsAsSomebodyWouldSayIt) {
+TEST(WhenInWords, IsRelativeToNow) {
     const LocalZone zone("UTC0");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30);
     struct {
@@ -33,7 +33,7 @@ TEST(WhenInWords, IsAsSomebodyWouldSayIt) {
     }
 }
 
-TEST(WhenInWords, NamesTheZoneWhereTheClockIsAnother) {
+TEST(WhenInWords, AppendsAZoneWithAnotherOffset) {
     const LocalZone zone("Europe/Berlin");
     const std::time_t now = Utc(2026, 10, 24, 22, 0); // 00:00 on the day that has 25 hours
     EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 0, 30), now), "today 02:30");
@@ -41,19 +41,19 @@ TEST(WhenInWords, NamesTheZoneWhereTheClockIsAnother) {
     EXPECT_EQ(WhenInWords(Utc(2026, 10, 25, 23, 30), now), "tomorrow 00:30 CET");
 }
 
-TEST(ClockInWords, NamesTheZoneLikewise) {
+TEST(ClockInWords, AppendsAZoneWithAnotherOffset) {
     const LocalZone zone("Europe/Berlin");
     const std::time_t now = Utc(2026, 10, 24, 22, 0);
     EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 0, 59), now), "02:59");
     EXPECT_EQ(ClockInWords(Utc(2026, 10, 25, 1, 0), now), "02:00 CET");
 }
 
-TEST(Iso, HasTheOffset) {
+TEST(Iso, IncludesTheOffset) {
     const LocalZone zone("Asia/Kolkata");
     EXPECT_EQ(Iso(Utc(2026, 6, 2, 2, 10, 30)), "2026-06-02T07:40:30+05:30");
 }
 
-TEST(ReadTime, ReadsWhatPeopleWrite) {
+TEST(ReadTime, ParsesTimes) {
     const LocalZone zone("Europe/Berlin");
     const std::time_t now = Utc(2026, 6, 2, 2, 10, 30); // 04:10:30
     struct {
@@ -86,7 +86,7 @@ TEST(ReadTime, ReadsWhatPeopleWrite) {
         EXPECT_EQ(ReadTime(row.text, now), row.time) << row.text;
 }
 
-TEST(ReadTime, RefusesTheRest) {
+TEST(ReadTime, RefusesOtherTexts) {
     const LocalZone zone("UTC0");
     for (const char *text : {"",
                              "x",

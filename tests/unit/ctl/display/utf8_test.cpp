@@ -7,7 +7,7 @@ namespace kest::ctl {
 
 namespace {
 
-TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
+TEST(ValidUtf8, ReplacesInvalidBytes) {
     struct Row {
         std::string text;
         std::string valid; // "?" for a replacement
@@ -18,9 +18,9 @@ TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
         {"\x80", "?"},
         {"\xC3", "?"},
         {"\xC3(", "?("},
-        {"\xC1\x81", "??"},                       // longer than it need be
-        {"\xE0\x9F\xBF", "???"},                  // the same
-        {"\xF0\x8F\xBF\xBF", "????"},             // the same
+        {"\xC1\x81", "??"},                       // overlong
+        {"\xE0\x9F\xBF", "???"},                  // overlong
+        {"\xF0\x8F\xBF\xBF", "????"},             // overlong
         {"\xED\xA0\x80", "???"},                  // a surrogate
         {"\xED\x9F\xBF", "\xED\x9F\xBF"},         // the last before them
         {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}, // the last of all
@@ -38,7 +38,7 @@ TEST(ValidUtf8, ReplacesWhatIsNoCharacter) {
     }
 }
 
-TEST(Shown, HasNothingThatATerminalObeys) {
+TEST(Shown, EscapesUnsafeCharacters) {
     struct {
         const char *text;
         const char *shown;

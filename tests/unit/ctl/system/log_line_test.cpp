@@ -6,7 +6,7 @@ namespace kest::ctl {
 
 namespace {
 
-TEST(LogLine, OfAStart) {
+TEST(ParseLogLine, ParsesStarts) {
     const LogLine line = ParseLogLine(
         "2026-11-15T03:00:10+01:00 running job: pkg-a-b with command: /bin/x -y as user root "
         "(state[Ready], trig[15 03:00:00], tab[0 3 -1 -1 -1], job[2/3], delay[10])");
@@ -19,7 +19,7 @@ TEST(LogLine, OfAStart) {
     EXPECT_EQ(line.delay, 10);
 }
 
-TEST(LogLine, IsNotLedAstrayByACommand) {
+TEST(ParseLogLine, IgnoresNotesInsideCommands) {
     const std::string start = "2026-11-15T03:00:10+01:00 running job: a with command: ";
     const LogLine started = ParseLogLine(
         start + "x (state[Manual], delay[77]) failed, return code: 1 as user root (state[Ready], "
@@ -35,14 +35,14 @@ TEST(LogLine, IsNotLedAstrayByACommand) {
     EXPECT_EQ(failed.delay, 0);
 }
 
-TEST(LogLine, KnowsWhatSomebodyRan) {
+TEST(ParseLogLine, RecognisesManualRuns) {
     const LogLine line = ParseLogLine("2026-11-15T03:00:10+01:00 running job: a with command: x as "
                                       "user root (state[Manual], trig[15 03:00:10], by[bob])");
     EXPECT_TRUE(line.started);
     EXPECT_TRUE(line.manual);
 }
 
-TEST(LogLine, OfAFailure) {
+TEST(ParseLogLine, ParsesFailures) {
     const char *const texts[] = {
         "running job: pkg-a-b with command: /bin/x failed, return code: -1, error: No such file",
         "Failed to initgroups forpkg-a-b for user bob[Operation not permitted]",
@@ -57,13 +57,13 @@ TEST(LogLine, OfAFailure) {
     }
 }
 
-TEST(LogLine, TakesTheOffsetFromUtcInEitherDirection) {
+TEST(ParseLogLine, AppliesTheOffsetFromUtc) {
     EXPECT_EQ(ParseLogLine("2026-06-02T02:10:10+00:00 x").time, 1780366210);
     EXPECT_EQ(ParseLogLine("2026-06-02T07:40:10+05:30 x").time, 1780366210);
     EXPECT_EQ(ParseLogLine("2026-06-01T22:40:10-03:30 x").time, 1780366210);
 }
 
-TEST(LogLine, OfAnythingElseTellsNothing) {
+TEST(ParseLogLine, AcceptsOtherLines) {
     for (const char *text :
          {"", "x", "2026-11-15", "2026-11-15T03:00:00+01:00", "2026-11-15T03:00:00+01:00running",
           "yyyy-mm-ddTHH:MM:SS+01:00 text", "running", "Failed to ", "\x80\xff"}) {
