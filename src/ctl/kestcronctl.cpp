@@ -92,7 +92,7 @@ private:
         if (remaining.empty())
             return "no command given; see kestcronctl --help";
         const std::string &word = remaining.front();
-        if (word.front() == '-')
+        if (word.compare(0, 1, "-") == 0)
             return "unknown option \"" + word + "\"; see kestcronctl --help";
         std::vector<std::string> names;
         for (const CLI::App *command : app_.get_subcommands({}))

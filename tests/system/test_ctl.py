@@ -165,6 +165,7 @@ def test_draws_of_an_expression(known, ctl):
     (["lst"], 'unknown command "lst"; did you mean "list"?'),
     (["--json", "lst"], 'unknown command "lst"; did you mean "list"?'),
     (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
+    ([""], 'unknown command ""; see kestcronctl --help'),
     (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
     ([], "no command given; see kestcronctl --help"),
     (["--json"], "no command given"),

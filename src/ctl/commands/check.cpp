@@ -9,6 +9,17 @@
 
 namespace kest::ctl {
 
+// JSON output: "files", "jobs", "errors" and "warnings", all numbers, and "problems", an array of
+// objects with these members:
+//
+//   "file", "line", "column"   the position; both numbers count from 1, columns count bytes
+//   "severity"                 "error" or "warning"
+//   "job"                      the full name; null for the whole file
+//   "member"                   the member; null for the whole definition
+//   "found"                    the present value as JSON text, shortened; null if missing
+//   "allowed"                  the text of the hint; null without a hint
+//   "message"                  the message without the hint
+
 namespace {
 
 std::size_t CountOf(const CheckResult &result, Severity severity) {

@@ -42,7 +42,7 @@ std::time_t TimeArgument(const Context &context, const std::string &text) {
 }
 
 void WarnOfStaleData(const Runtime &runtime, const Daemon &daemon, const Context &context) {
-    if (context.appliance.IsLocal() && !daemon.Runs())
+    if (context.appliance.IsLocal() && !daemon.IsRunning())
         std::cerr
             << "kestcronctl: kestcrond is not running, so nothing will start; showing the state of "
             << WhenInWords(runtime.saved, context.now) << " from " << runtime.path << "\n";

@@ -121,7 +121,7 @@ int Reload(const Context &context, const ReloadOptions &options) {
     if (!context.appliance.IsLocal())
         throw Failure("reload works only on this system, without --root");
     const Daemon daemon = FindDaemon(context.appliance);
-    if (!daemon.Runs())
+    if (!daemon.IsRunning())
         throw Failure(std::string("kestcrond is not running: ") + kPidFile +
                       " does not name a kestcrond process");
     const Runtime before = LoadRuntime(context.appliance);

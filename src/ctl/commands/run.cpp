@@ -68,7 +68,7 @@ void TakeDaemonEnvironment(const Daemon &daemon) {
             close(null);
     }
     clearenv();
-    if (!daemon.Runs()) {
+    if (!daemon.IsRunning()) {
         setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
         return;
     }

@@ -59,7 +59,7 @@ StatusData Gather(const Context &context) {
 
 Json::Value ToJson(const StatusData &data) {
     const Daemon &daemon = data.daemon;
-    const bool runs = daemon.Runs();
+    const bool runs = daemon.IsRunning();
     Json::Value json;
     json["running"] = runs;
     json["pid"] = runs ? Json::Value(daemon.pid) : Json::Value();
@@ -101,13 +101,13 @@ void Show(const StatusData &data, const Context &context) {
     const Daemon &daemon = data.daemon;
     if (!context.appliance.IsLocal())
         Line("kestcrond", "on another system");
-    else if (daemon.Runs())
+    else if (daemon.IsRunning())
         Line("kestcrond", Coloured(context.screen, Colour::Green, "running") + " as process " +
                               std::to_string(daemon.pid) + " since " +
                               WhenInWords(daemon.since, context.now));
     else
         Line("kestcrond", Coloured(context.screen, Colour::Red, "not running"));
-    if (daemon.Runs())
+    if (daemon.IsRunning())
         Line("mode", daemon.passive ? "passive: runs only jobs with \"run_on_passive\"" : "active");
     if (context.appliance.IsLocal())
         Line("machine", daemon.held ? "held: runs only overdue jobs with "
@@ -134,7 +134,7 @@ int Status(const Context &context) {
         WriteJson(ToJson(data));
     else
         Show(data, context);
-    return data.daemon.Runs() || !context.appliance.IsLocal() ? 0 : notRunning;
+    return data.daemon.IsRunning() || !context.appliance.IsLocal() ? 0 : notRunning;
 }
 
 } // namespace kest::ctl

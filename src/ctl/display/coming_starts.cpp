@@ -192,8 +192,8 @@ private:
         return true;
     }
 
-    // Whether the field matches for some values. Months, days and hours that never match are
-    // skipped.
+    // Whether the field can match at some time, before or after its redraw. Months, days and hours
+    // that cannot are skipped.
     bool EverAdmits(FieldIndex index, const Parts &parts) const {
         const Field &field = fields_.at(index);
         const std::int32_t value = parts.at(index);

@@ -113,13 +113,13 @@ std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon
         figures.back().labels = LabelsOf(job, used);
     }
     std::string text =
-        Single("kestcron_up", "Whether kestcrond is running.", daemon.Runs()) +
+        Single("kestcron_up", "Whether kestcrond is running.", daemon.IsRunning()) +
         Single("kestcron_passive", "Whether kestcrond is running in passive mode.",
                daemon.passive) +
         Single("kestcron_held", "Whether the machine is held.", daemon.held) +
         Single("kestcron_jobs", "Number of jobs.", static_cast<std::int64_t>(jobs.size())) +
         Single("kestcron_start_time_seconds", "Start time of kestcrond.",
-               daemon.Runs() ? Value(daemon.since) : std::nullopt) +
+               daemon.IsRunning() ? Value(daemon.since) : std::nullopt) +
         Single("kestcron_delayed_starts", "Number of launched jobs that wait out their delay.",
                daemon.delayed) +
         Single("kestcron_max_delay_seconds", "Maximum delay between two starts of the same minute.",

@@ -38,15 +38,15 @@ TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemo
     return data;
 }
 
-std::vector<QuarterHour> LoadOf(const TimelineData &hours) {
+std::vector<QuarterHour> LoadOf(const TimelineData &data) {
     std::vector<QuarterHour> load;
-    const std::time_t begin = BeginOfQuarter(hours.from);
-    for (std::time_t from = begin; from < hours.until; from += kQuarterHour)
+    const std::time_t begin = BeginOfQuarter(data.from);
+    for (std::time_t from = begin; from < data.until; from += kQuarterHour)
         load.push_back({from, 0, 0});
     const auto indexOf = [&](std::time_t time) {
         return std::min(static_cast<std::size_t>((time - begin) / kQuarterHour), load.size() - 1);
     };
-    for (const JobRow &row : hours.rows)
+    for (const JobRow &row : data.rows)
         for (const JobStart &start : row.starts) {
             if (start.earliest == start.latest)
                 ++load[indexOf(start.earliest)].starts;
@@ -64,11 +64,11 @@ std::size_t MaximumOf(const std::vector<QuarterHour> &load) {
     return maximum;
 }
 
-std::vector<ClockMark> ClockMarksOf(const TimelineData &hours) {
+std::vector<ClockMark> ClockMarksOf(const TimelineData &data) {
     std::vector<ClockMark> marks;
-    std::tm before = Local(hours.from - 1);
-    for (std::time_t time = BeginOfQuarter(hours.from); time < hours.until; time += kQuarterHour) {
-        if (time < hours.from)
+    std::tm before = Local(data.from - 1);
+    for (std::time_t time = BeginOfQuarter(data.from); time < data.until; time += kQuarterHour) {
+        if (time < data.from)
             continue;
         const std::tm local = Local(time);
         marks.push_back({time, local.tm_hour * 60 + local.tm_min, local.tm_mday != before.tm_mday});
@@ -96,20 +96,20 @@ std::string IdleInWords(std::size_t idle) {
            " not start in these hours";
 }
 
-Json::Value TimelineToJson(const TimelineData &hours) {
+Json::Value TimelineToJson(const TimelineData &data) {
     Json::Value json;
-    json["from"] = Iso(hours.from);
-    json["until"] = Iso(hours.until);
-    json["idle_jobs"] = Json::UInt64{hours.idle};
+    json["from"] = Iso(data.from);
+    json["until"] = Iso(data.until);
+    json["idle_jobs"] = Json::UInt64{data.idle};
     json["jobs"] = Json::Value(Json::arrayValue);
-    for (const JobRow &row : hours.rows) {
+    for (const JobRow &row : data.rows) {
         Json::Value job;
         job["name"] = row.name;
         for (const JobStart &start : row.starts)
             job["starts"].append(StartToJson(start, start.overdue));
         json["jobs"].append(std::move(job));
     }
-    for (const QuarterHour &quarter : LoadOf(hours)) {
+    for (const QuarterHour &quarter : LoadOf(data)) {
         Json::Value entry;
         entry["from"] = Iso(quarter.from);
         entry["starts"] = Json::UInt64{quarter.starts};

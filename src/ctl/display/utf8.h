@@ -14,8 +14,7 @@ std::string ValidUtf8(std::string_view text);
 
 // `text` made safe for a terminal. Control characters, bytes that are not part of valid UTF-8,
 // invisible characters and marks of writing direction are written as escape sequences: "\n",
-// "\x1b",
-// "\u202e".
+// "\x1b", "\u202e".
 std::string Shown(std::string_view text);
 
 } // namespace kest::ctl

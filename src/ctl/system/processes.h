@@ -19,7 +19,7 @@ struct Daemon {
     bool passive = false;
     bool held = false;    // the machine is held; known without the daemon too
     unsigned delayed = 0; // launched jobs that wait out their delay
-    bool Runs() const { return pid != 0; }
+    bool IsRunning() const { return pid != 0; }
 };
 
 // The daemon of another appliance is never running.
