@@ -8,7 +8,7 @@ import time
 from collections import namedtuple
 from pathlib import Path
 
-from private_machine import PrivateMachine, wait_for
+from tests.lib.private_machine import PrivateMachine, wait_for
 
 from . import programs
 from .measure import Arrivals, Group, cpu_of

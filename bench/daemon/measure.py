@@ -10,7 +10,7 @@ import struct
 import time
 from pathlib import Path
 
-from private_machine import Deadline, wait_for
+from tests.lib.private_machine import Deadline, wait_for
 
 libc = ctypes.CDLL(None, use_errno=True)
 IN_MOVED_TO = 0x80

@@ -2,7 +2,7 @@
 
 import pytest
 
-from node import Node
+from tests.lib.cluster_node import Node
 
 
 def pytest_addoption(parser):

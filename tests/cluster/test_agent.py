@@ -6,8 +6,8 @@ import time
 
 import pytest
 
-from node import INSTALLED_AGENT, RECORD
-from private_machine import wait_for
+from tests.lib.cluster_node import INSTALLED_AGENT, RECORD
+from tests.lib.private_machine import wait_for
 
 SUCCESS, ERR_GENERIC, ERR_UNIMPLEMENTED, ERR_PERM, ERR_INSTALLED, ERR_CONFIGURED = 0, 1, 3, 4, 5, 6
 NOT_RUNNING, RUNNING_PROMOTED, FAILED_PROMOTED = 7, 8, 9

@@ -14,8 +14,8 @@ import time
 
 import pytest
 
-from node import RECORD, Node
-from private_machine import wait_for
+from tests.lib.cluster_node import RECORD, Node
+from tests.lib.private_machine import wait_for
 
 ADDRESSES = {"one": "192.0.2.1", "two": "192.0.2.2"}
 MONITOR_PROMOTED, MONITOR_UNPROMOTED = 10, 11  # seconds, as docs/cluster.md has them

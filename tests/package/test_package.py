@@ -4,15 +4,13 @@ and its init script with the shells and tools of a small system."""
 import re
 import shutil
 import subprocess
-import sys
 import time
 from pathlib import Path
 
 import pytest
 
 TOP = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TOP / "scripts"))
-from private_machine import PrivateMachine, wait_for  # noqa: E402
+from tests.lib.private_machine import PrivateMachine, wait_for
 
 SERVICE = "/lib/systemd/system/kestcrond.service"
 JOBS = "/usr/local/etc/kestcron.d/test"

@@ -1,159 +1,12 @@
-"""The appliance that system tests run on: a private machine with accounts, a program that records
-its runs, and short ways to put jobs and templates on it."""
+"""The options and fixtures of the system tests."""
 
-import json
-import platform
-import signal
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "scripts"))
-from private_machine import PrivateMachine, wait_for  # noqa: E402
-
-SOURCES = {
-    "builtin": "/usr/kest/share/kestcron.d",
-    "builtin-dyn": "/usr/kest/etc/kestcron.d",
-    "pkg": "/usr/local/etc/kestcron.d",
-    "pkg_nonroot": "/usr/local/etc/kestcron_nonroot.d",
-}
-PERSISTENT_FILE = "/usr/kest/etc/kestcrond.config"
-PERSISTENT_TEMPLATE = "/usr/kest/etc/kestcrond.st.config"
-RECORD = "/usr/local/bin/record"
-FIELDS = ["Minute", "hour", "day", "month", "week"]
-
-PSELECT = {"x86_64": "270", "aarch64": "72"}[platform.machine()]
-
-# Writes who runs it, how, and with what arguments, one line a run, to a file named after the job.
-RECORD_PROGRAM = """#!/bin/sh
-echo "$(id -un) $(id -gn) [$*]" >> "/tmp/ran/${0##*/}"
-"""
-
-
-def is_arm(program):
-    """Whether it is a program of 32-bit ARM, which runs emulated."""
-    return program.read_bytes()[16:20] == b"\x03\0\x28\0"
-
-
-class Appliance(PrivateMachine):
-    def __enter__(self):
-        super().__enter__()
-        self.add_account("alice", 2001, groups=["crew", "media"])
-        self.add_account("bob", 2002)
-        self.add_account("system", 2003)
-        self.write(RECORD, RECORD_PROGRAM, 0o755)
-        self.path("/tmp/ran").mkdir()
-        self.path("/tmp/ran").chmod(0o1777)
-        if is_arm(self.daemon_binary):
-            clock = self.daemon_binary.parent / "tests/arm/clock.so"
-            self.write("/usr/lib/arm-linux-gnueabihf/faketime/libfaketime.so.1", clock.read_bytes())
-        self.environment.update(
-            ASAN_OPTIONS="verify_asan_link_order=0:log_path=/tmp/sanitizer",
-            UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer")
-        return self
-
-    def is_sanitized(self):
-        """Whether the daemon runs under the address sanitizer, which takes memory of its own."""
-        return b"__asan_init" in self.daemon_binary.read_bytes()
-
-    def jobs(self, source, file, definitions, account=None):
-        """Puts a job file into a source, for the fourth one into the account's directory."""
-        directory = SOURCES[source]
-        if account:
-            directory += "/" + account
-            self.account_directory(account)
-        self.write(f"{directory}/{file}", json.dumps(definitions))
-
-    def account_directory(self, account):
-        path = self.path(f"{SOURCES['pkg_nonroot']}/{account}")
-        path.mkdir(parents=True, exist_ok=True)
-        path.parent.chmod(0o755)
-        self.chown(path, account)
-
-    def template(self, crontab="~ ~ ~ ~ ~", **members):
-        """Puts a persistent schedule template in place."""
-        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-                  "crontab": crontab}
-        self.write(PERSISTENT_TEMPLATE, json.dumps({"config": config, **members}))
-
-    def drawn(self, **fields):
-        """A schedule as it is stored, every value but those given."""
-        return {key: [fields.get(key, -1)] for key in FIELDS}
-
-    def document(self, path="/run/kestcrond.config"):
-        """A JSON document; None when there is none."""
-        text = self.read(path)
-        return json.loads(text) if text else None
-
-    def entries(self):
-        """The job entries of the runtime document."""
-        return (self.document() or {}).get("jobs", {})
-
-    def runs(self, job):
-        """What the runs of a job recorded."""
-        return self.read(f"/tmp/ran/{job}").splitlines()
-
-    def wait_for_text(self, text, count=1, seconds=60):
-        """Waits until the system log holds an error with exactly this text `count` times."""
-        wait_for(lambda: self.texts().count(text) >= count, seconds, f"{text!r} in {self.texts()}")
-
-    def start_with_faults(self, *faults, path=None):
-        """Starts the daemon while system calls of it and its children fail, each fault written as
-        "CALL[,CALL]:error=NAME[:when=EXPRESSION]"; with a path only those that concern it.
-        Returns the exit status as the starter sees it."""
-        options = [word for fault in faults for word in ("-e", f"inject={fault}")]
-        return self.start_traced("-o", "/dev/null", *options, *(["-P", path] if path else []))
-
-    def start_traced(self, *options):
-        """Starts the daemon under strace with these options; returns as start() does."""
-        variables = [f"--env={name}={value}" for name, value in self.environment.items()]
-        # The tracer is no parent of the daemon. Leak detection would need to trace it itself.
-        return self.popen(
-            "/usr/bin/strace", "-D", "-f", "-qq", *options, *variables,
-            f"--env=ASAN_OPTIONS={self.environment['ASAN_OPTIONS']}:detect_leaks=0", self.DAEMON,
-            env={"LD_PRELOAD": ""}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL).wait(60)
-
-    def reload(self):
-        """Asks for a reload and waits until it is over."""
-        # A load that a change of the files has begun may have read them before they were complete.
-        wait_for(self.is_between_cycles, what="the end of a cycle")
-        before = self.loads(), self.saved()
-        self.signal(signal.SIGHUP)
-        wait_for(lambda: self.loads() > before[0] and self.saved() != before[1], what="a reload")
-        # It may have been one that the daemon had begun by itself: that which was asked for follows.
-        wait_for(self.is_between_cycles, what="the end of the reload")
-
-    def is_between_cycles(self):
-        """Whether the daemon waits for its next cycle, which is the only thing it does by pselect()."""
-        try:
-            return self.proc(self.daemon_pid(), "syscall").read_text().split()[0] == PSELECT
-        except (FileNotFoundError, ProcessLookupError):
-            return False  # it has ended
-
-    def loads(self):
-        """How many times the jobs were loaded so far."""
-        return len(self.messages("crondaemon", "info"))
-
-    def saved(self):
-        """Tells one save of the runtime documents from the next: each makes new files."""
-        return self.path(self.RUNTIME_TEMPLATE).stat().st_ino
-
-    def staged(self, job):
-        return self.path(f"/tmp/kestcrond/{job}")
-
-
-def every_minute(name, **members):
-    """A definition that is due in every minute."""
-    return {"name": name, "user": "root", "period": "crontab", "crontab": "* * * * *",
-            "cmd": RECORD, **members}
-
-
-def never(name, **members):
-    """A definition that is due on no day: the 31st of February."""
-    return every_minute(name, crontab="0 0 31 2 *", **members)
+from tests.lib.appliance import Appliance, is_arm
+from tests.lib.ctl import Ctl
+from tests.lib.private_machine import wait_for
 
 
 def pytest_addoption(parser):
@@ -194,3 +47,11 @@ def machine(request):
             wait_for(lambda: not appliance.daemons(), what="the end of all daemons")
         reports = sorted(appliance.path("/tmp").glob("sanitizer*"))
         assert not reports, reports[0].read_text(errors="replace")
+
+
+@pytest.fixture
+def ctl(machine, request):
+    """The tool that lies beside the daemon under test, installed on the appliance. Whatever it is
+    asked, it writes nothing to the system log."""
+    yield Ctl(machine, Path(request.config.getoption("--daemon")).resolve().parent / "kestcronctl")
+    assert [message for message in machine.messages() if message.program == "kestcronctl"] == []

@@ -3,14 +3,13 @@
 import json
 import os
 import re
-import stat
 import subprocess
 import time
 from datetime import datetime
 
 import pytest
-from conftest import RECORD, SOURCES, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import SOURCES, every_minute, never
+from tests.lib.private_machine import wait_for
 
 TOP = SOURCES["pkg_nonroot"]
 ALICE = TOP + "/alice"

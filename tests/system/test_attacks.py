@@ -1,7 +1,6 @@
 """Attacks by somebody with a shell, or with an account's directory, as they were carried out. Each
 succeeded once. The racing programs are in C, in `attacks/`."""
 
-import json
 import os
 import signal
 import subprocess
@@ -9,8 +8,8 @@ import time
 from pathlib import Path
 
 import pytest
-from conftest import PERSISTENT_FILE, RECORD, SOURCES, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, RECORD, SOURCES, every_minute, never
+from tests.lib.private_machine import wait_for
 
 NOBODY = 2999
 ALICE = 2001

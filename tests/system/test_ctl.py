@@ -8,9 +8,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import PERSISTENT_FILE, RECORD, every_minute, never
-from ctl import TOOL, ctl, expect_golden  # noqa: F401  (a fixture)
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, RECORD, every_minute, never
+from tests.lib.ctl import TOOL, expect_golden
+from tests.lib.private_machine import wait_for
 
 COMPLETION = Path(__file__).parents[2] / "packaging/kestcronctl.bash"
 ERRORS = "kestcronctl: "

@@ -5,9 +5,8 @@ import json
 import re
 
 import pytest
-from conftest import every_minute, never
-from ctl import ctl  # noqa: F401
-from private_machine import wait_for
+from tests.lib.appliance import every_minute, never
+from tests.lib.private_machine import wait_for
 
 MINUTE = datetime.timedelta(minutes=1)
 START = re.compile(r"(\S+) running job: (\S+) with command: .* \(state\[(\w+)\], "

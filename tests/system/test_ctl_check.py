@@ -6,9 +6,8 @@ import random
 import re
 
 import pytest
-from conftest import RECORD, SOURCES
-from ctl import ctl  # noqa: F401
-from definitions import GOOD, Definitions, damaged_files
+from tests.lib.appliance import RECORD, SOURCES
+from tests.lib.definitions import GOOD, Definitions, damaged_files
 
 PKG = SOURCES["pkg"]
 ACCOUNTS = SOURCES["pkg_nonroot"]

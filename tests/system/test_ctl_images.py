@@ -5,7 +5,6 @@ import os
 import struct
 
 import pytest
-from ctl import ctl  # noqa: F401
 
 ROOT = "/tmp/image"
 MIB = 1 << 20

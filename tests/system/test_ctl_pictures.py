@@ -6,9 +6,9 @@ import stat
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from conftest import every_minute, never
-from ctl import ctl, expect_golden  # noqa: F401  (a fixture)
-from private_machine import wait_for
+from tests.lib.appliance import every_minute, never
+from tests.lib.ctl import expect_golden
+from tests.lib.private_machine import wait_for
 from prometheus_client.parser import text_string_to_metric_families
 
 SVG = "{http://www.w3.org/2000/svg}"

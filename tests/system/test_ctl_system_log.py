@@ -5,9 +5,8 @@ import signal
 
 import pytest
 
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, SOURCES, every_minute, never
-from ctl import ctl  # noqa: F401
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, SOURCES, every_minute, never
+from tests.lib.private_machine import wait_for
 
 ERRORS = "kestcronctl: "
 

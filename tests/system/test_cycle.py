@@ -6,8 +6,8 @@ import re
 import signal
 
 import pytest
-from conftest import FIELDS, PERSISTENT_FILE, RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import FIELDS, PERSISTENT_FILE, RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 LINE = re.compile(r"(\S+) running job: (\S+) with command: (.*) as user (\w+)(?: \((.*)\))?")
 

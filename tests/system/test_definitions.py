@@ -1,8 +1,8 @@
 """Job definitions from the outside: what is accepted, what is refused, and in which words."""
 
 import pytest
-from conftest import RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 RULES = {
     "period": 'Failed [!jsConf.isMember("period") || !jsConf["period"].isString() || '

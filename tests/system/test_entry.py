@@ -8,8 +8,8 @@ import subprocess
 import time
 
 import pytest
-from conftest import every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import every_minute, never
+from tests.lib.private_machine import wait_for
 
 
 def status_field(machine, pid, field):

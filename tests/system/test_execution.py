@@ -5,8 +5,8 @@ import re
 import signal
 
 import pytest
-from conftest import RECORD, every_minute
-from private_machine import wait_for
+from tests.lib.appliance import RECORD, every_minute
+from tests.lib.private_machine import wait_for
 
 
 @pytest.fixture(autouse=True)

@@ -9,8 +9,8 @@ import signal
 from pathlib import Path
 
 import pytest
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, Appliance, every_minute, never
-from private_machine import Deadline, wait_for
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, Appliance, every_minute, never
+from tests.lib.private_machine import Deadline, wait_for
 
 ERRORS = ["EIO", "ENOSPC", "ENOMEM", "EMFILE", "EINTR", "EACCES"]
 EFFECTS = [*(f"error={error}" for error in ERRORS), "signal=KILL"]

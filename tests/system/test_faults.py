@@ -4,8 +4,8 @@ import re
 import signal
 
 import pytest
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 LOG_FILE = "/var/log/kestcrond-execute.log"
 STAGING = "/tmp/kestcrond.log"

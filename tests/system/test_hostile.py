@@ -10,8 +10,8 @@ import socket
 import stat
 
 import pytest
-from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
-from private_machine import wait_for
+from tests.lib.appliance import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
+from tests.lib.private_machine import wait_for
 
 ALICE = SOURCES["pkg_nonroot"] + "/alice"
 
@@ -186,7 +186,6 @@ def test_odd_names_of_job_files(machine):
     machine.stop()
     machine.clock("2026-06-02 03:10:10")
     machine.start_and_wait()
-    startups = lambda entries: {name: entry["startup"] for name, entry in entries.items()}
     after = machine.entries()
     odd = {name for name in before if "\ufffd" in name}  # not UTF-8, and so not known again
     assert len(odd) == 1 and set(after) == set(before)
@@ -354,9 +353,9 @@ def test_a_program_that_is_replaced_while_it_is_copied(machine):
     before = {name: machine.path(name).lstat() for name in ("/etc/shadow", "/usr/bin/id", "/srv")}
     swapper = machine.popen(
         "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash", "-c",
-        f"cd /srv/alice; while :; do rm -rf program; ln -s /etc/shadow program; rm program; "
-        f"mkdir program; touch program/inside; rm -rf program; mkfifo program; rm program; "
-        f"ln -s /srv program; rm program; printf '#!/bin/sh\\n' > program; done 2>/dev/null",
+        "cd /srv/alice; while :; do rm -rf program; ln -s /etc/shadow program; rm program; "
+        "mkdir program; touch program/inside; rm -rf program; mkfifo program; rm program; "
+        "ln -s /srv program; rm program; printf '#!/bin/sh\\n' > program; done 2>/dev/null",
         env={"LD_PRELOAD": ""})
     machine.jobs("pkg", "f", [never(f"x{i}", user="package", package_username="alice", cmd=path)
                               for i in range(20)])

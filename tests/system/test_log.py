@@ -7,8 +7,8 @@ import signal
 import stat
 
 import pytest
-from conftest import RECORD, SOURCES, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import RECORD, SOURCES, every_minute, never
+from tests.lib.private_machine import wait_for
 
 STAGING = "/tmp/kestcrond.log"
 

@@ -7,8 +7,8 @@ import time
 from pathlib import Path
 
 import pytest
-from conftest import every_minute
-from private_machine import wait_for
+from tests.lib.appliance import every_minute
+from tests.lib.private_machine import wait_for
 
 SETTINGS = Path(__file__).resolve().parents[2] / "packaging/logrotate/kestcrond"
 PLACE = "/etc/logrotate.d/kestcrond"

@@ -9,8 +9,8 @@ import signal
 import time
 
 import pytest
-from conftest import every_minute
-from private_machine import wait_for
+from tests.lib.appliance import every_minute
+from tests.lib.private_machine import wait_for
 
 RATE = 3000  # a simulated day is half a minute, a cycle 20 ms
 DAY = 86400 / RATE

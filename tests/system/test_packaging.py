@@ -13,8 +13,8 @@ from pathlib import Path
 
 import kconfiglib
 import pytest
-from conftest import PERSISTENT_FILE, SOURCES, Appliance, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, SOURCES, Appliance, every_minute, never
+from tests.lib.private_machine import wait_for
 
 TOP = Path(__file__).resolve().parents[2]
 BUILDROOT = TOP / "packaging/buildroot"

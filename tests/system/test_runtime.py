@@ -4,8 +4,8 @@ import json
 import re
 
 import pytest
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 
 def test_an_entry_is_the_whole_document(machine):

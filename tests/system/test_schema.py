@@ -6,9 +6,8 @@ import re
 from pathlib import Path
 
 import pytest
-from conftest import RECORD, SOURCES
-from ctl import ctl  # noqa: F401
-from definitions import GOOD, Definitions, damaged_files
+from tests.lib.appliance import RECORD, SOURCES
+from tests.lib.definitions import GOOD, Definitions, damaged_files
 from jsonschema import Draft202012Validator, RefResolver
 
 PROJECT = Path(__file__).resolve().parents[2]

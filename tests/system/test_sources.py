@@ -7,9 +7,9 @@ import stat
 import time
 
 import pytest
-from conftest import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute,
+from tests.lib.appliance import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute,
                       never)
-from private_machine import wait_for
+from tests.lib.private_machine import wait_for
 
 
 def names(machine):

@@ -1,11 +1,10 @@
 """Staging: what is copied, to whom it belongs, and what is left alone."""
 
 import os
-import signal
 
 import pytest
-from conftest import RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 STAGED = "/tmp/kestcrond/pkg-f-x"
 

@@ -11,9 +11,8 @@ import socket
 import time
 
 import pytest
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
-from ctl import ctl  # noqa: F401  (a fixture)
-from private_machine import Message, wait_for
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
+from tests.lib.private_machine import Message, wait_for
 
 DOCUMENTS = ["/run/kestcrond.config", PERSISTENT_FILE]
 TEMPLATES = ["/run/kestcrond.st.config", PERSISTENT_TEMPLATE]

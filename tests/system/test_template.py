@@ -4,8 +4,8 @@ import json
 from collections import Counter
 
 import pytest
-from conftest import FIELDS, PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import FIELDS, PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, every_minute, never
+from tests.lib.private_machine import wait_for
 
 
 def template(machine):

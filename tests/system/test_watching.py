@@ -5,8 +5,8 @@ import os
 import re
 
 import pytest
-from conftest import SOURCES, every_minute, never
-from private_machine import wait_for
+from tests.lib.appliance import SOURCES, every_minute, never
+from tests.lib.private_machine import wait_for
 
 TOP = SOURCES["pkg_nonroot"]
 

@@ -7,8 +7,8 @@ import json
 import random
 import zoneinfo
 
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, SOURCES
-from stepped_machine import WITNESS
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, SOURCES
+from tests.lib.stepped_machine import WITNESS
 
 KEYS = ["Minute", "hour", "day", "month", "week"]
 BOUNDS = [(0, 59), (0, 23), (1, 31), (1, 12), (0, 6)]

@@ -7,13 +7,11 @@ import json
 import os
 import re
 import subprocess
-import sys
 import time
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TOP / "scripts"))
-from private_machine import FAKETIME_LIBRARY, PrivateMachine, wait_for  # noqa: E402
+from tests.lib.private_machine import FAKETIME_LIBRARY, PrivateMachine, wait_for
 
 AGENT = TOP / "packaging/ocf/kestcrond"
 INSTALLED_AGENT = "/usr/lib/ocf/resource.d/kestcrond/kestcrond"

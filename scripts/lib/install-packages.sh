@@ -1,4 +1,4 @@
-#!/bin/bash
+# shellcheck shell=bash
 # Installs Debian packages that are missing. Sourced: install_packages NAME...
 
 install_packages() {

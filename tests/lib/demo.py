@@ -3,7 +3,7 @@
 Everything shown is read from the daemon's documents and logs and from what the jobs wrote. The exit
 status is 0 when all of CHECKS came true.
 
-Usage: demo.py DAEMON
+Usage: python3 -m tests.lib.demo DAEMON
 """
 
 import json
@@ -19,7 +19,7 @@ from collections import Counter
 from pathlib import Path
 from typing import NamedTuple
 
-from private_machine import Deadline, PrivateMachine, wait_for
+from tests.lib.private_machine import Deadline, PrivateMachine, wait_for
 
 PASSIVE_START = "2026-05-24 10:30:20"
 ACTIVE_START = "2026-06-02 01:55:20"
@@ -27,7 +27,7 @@ TOP_OF_HOUR = "02:00"
 LAST_MINUTE = "02:20"
 MAX_DELAY = 5  # seconds between two starts; with more, those of one minute would mix with the next
 
-EXAMPLES = Path(__file__).resolve().parent.parent / "examples"
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 DROPPED_IN = "usr/local/etc/kestcron_nonroot.d/weather/storm.conf"
 DROPPED_IN_JOB = "pkg_nonroot-weather-storm-default"
 PASSIVE_JOB = "pkg-vault-mirror"

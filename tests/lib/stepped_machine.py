@@ -16,8 +16,8 @@ import subprocess
 import time
 from pathlib import Path
 
-from conftest import PERSISTENT_FILE, PERSISTENT_TEMPLATE, Appliance
-from private_machine import Deadline
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, Appliance
+from tests.lib.private_machine import Deadline
 
 CLOCK_LIBRARY = "/opt/clock.so"
 WITNESS = "/usr/local/bin/witness"

@@ -3,7 +3,7 @@
 import json
 import random
 
-from conftest import RECORD
+from tests.lib.appliance import RECORD
 
 GOOD = {"name": "x", "user": "root", "period": "daily", "cmd": RECORD}
 

@@ -1,4 +1,4 @@
-"""Runs kestcronctl on a private machine: import the fixture `ctl` next to `machine`."""
+"""The operator's tool on a private machine; tests use it through the fixture `ctl`."""
 
 import fcntl
 import json
@@ -9,10 +9,8 @@ import subprocess
 import termios
 from pathlib import Path
 
-import pytest
-
 TOOL = "/usr/bin/kestcronctl"
-GOLDEN = Path(__file__).parent / "golden"
+GOLDEN = Path(__file__).resolve().parents[1] / "system/golden"
 
 
 class Ctl:
@@ -56,14 +54,6 @@ class Ctl:
         os.close(ours)
         process.communicate(timeout=60)
         return text.decode().replace("\r\n", "\n")
-
-
-@pytest.fixture
-def ctl(machine, request):
-    """Installs the tool that was built with the daemon under test. Checks that it writes nothing to the
-    system log."""
-    yield Ctl(machine, Path(request.config.getoption("--daemon")).resolve().parent / "kestcronctl")
-    assert [message for message in machine.messages() if message.program == "kestcronctl"] == []
 
 
 def expect_golden(name, text):

@@ -1,4 +1,4 @@
-#!/bin/bash
+# shellcheck shell=bash
 # Lets programs of 32-bit ARM run by an emulator. Sourced.
 
 # Tells the kernel how to run them, for as long as the calling script lasts, in whatever root they lie.
