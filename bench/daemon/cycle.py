@@ -31,7 +31,7 @@ class Looks:
     def __init__(self, cpu):
         self.cpu = cpu
         self.last = None  # when it was last seen to have run
-        self.found = []   # [moment, nanoseconds]
+        self.found = []  # [moment, nanoseconds]
 
     def see(self, cpu, now):
         if cpu != self.cpu:
@@ -80,8 +80,10 @@ def watch(bench, cells, running, minutes):
     while time.monotonic() < end:
         time.sleep(STEP)
         for cell in list(looks):
+
             def see():
                 looks[cell].see(cpu_of(pids[cell]), time.time())
+
             if not bench.attempt(cells, cell, see):
                 del looks[cell]
     return looks

@@ -28,7 +28,7 @@ def idle_jobs(count):
 def in_files(jobs, per_file):
     """The jobs file by file; with `per_file` 0 all are in one."""
     per_file = per_file or max(len(jobs), 1)
-    return [jobs[start:start + per_file] for start in range(0, len(jobs), per_file)]
+    return [jobs[start : start + per_file] for start in range(0, len(jobs), per_file)]
 
 
 def lines_of(jobs, user=""):
@@ -89,9 +89,16 @@ class Daemon(PrivateMachine):
         self.group = self.group or Group()
         self.output = tempfile.TemporaryFile("w+", errors="replace")
         with (self.group.path / "cgroup.procs").open("w") as group:
-            return self.popen(tool("charged"), "/tmp/began", group.fileno(), *command,
-                              pass_fds=[group.fileno()], stdin=subprocess.DEVNULL,
-                              stdout=self.output, stderr=self.output)
+            return self.popen(
+                tool("charged"),
+                "/tmp/began",
+                group.fileno(),
+                *command,
+                pass_fds=[group.fileno()],
+                stdin=subprocess.DEVNULL,
+                stdout=self.output,
+                stderr=self.output,
+            )
 
     def bare(self, count, *command):
         """So many bare starts of a command, charged to the group; returns CPU time and time, in
@@ -158,8 +165,10 @@ class Kestcrond(Daemon):
     SOURCE = "/usr/local/etc/kestcron.d"
 
     def write_jobs(self, jobs, per_file=0):
-        self.put(self.SOURCE, {f"jobs{number}.conf": self.definitions(part)
-                               for number, part in enumerate(in_files(jobs, per_file))})
+        self.put(
+            self.SOURCE,
+            {f"jobs{number}.conf": self.definitions(part) for number, part in enumerate(in_files(jobs, per_file))},
+        )
 
     def add_jobs(self, jobs):
         self.put(self.SOURCE, {"more.conf": self.definitions(jobs)})
@@ -169,14 +178,23 @@ class Kestcrond(Daemon):
         return self.path(f"/tmp/kestcrond/pkg-more-{job.name}")
 
     def definitions(self, jobs):
-        return json.dumps([{"name": job.name, "user": "root", "period": "crontab",
-                            "crontab": job.when, "cmd": job.command} for job in jobs],
-                          separators=(",", ":"))
+        return json.dumps(
+            [
+                {"name": job.name, "user": "root", "period": "crontab", "crontab": job.when, "cmd": job.command}
+                for job in jobs
+            ],
+            separators=(",", ":"),
+        )
 
     def start_at_once(self):
         """Lets all jobs of a cycle start without a delay between them."""
-        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-                  "crontab": "~ ~ ~ ~ ~"}
+        config = {
+            "name": "scheduleTemplate",
+            "user": "root",
+            "cmd": "true",
+            "period": "crontab",
+            "crontab": "~ ~ ~ ~ ~",
+        }
         self.write(self.TEMPLATE, json.dumps({"config": config, "maxDelay": 0}))
 
     def timed_start(self, seconds=120):
@@ -207,8 +225,10 @@ class Cron(Daemon):
         if per_file == 0:
             self.write("/etc/crontab", lines_of(jobs, "root"))
         else:
-            self.put("/etc/cron.d", {f"jobs{number}": lines_of(part, "root")
-                                     for number, part in enumerate(in_files(jobs, per_file))})
+            self.put(
+                "/etc/cron.d",
+                {f"jobs{number}": lines_of(part, "root") for number, part in enumerate(in_files(jobs, per_file))},
+            )
 
     def add_jobs(self, jobs):
         self.put("/etc/cron.d", {"more": lines_of(jobs, "root")})
@@ -234,8 +254,13 @@ class Bcron(Daemon):
         self.chown(self.path(SPOOL), "cron")
 
     def write_jobs(self, jobs, per_file=0):
-        self.put(SPOOL, {f":etc:cron.d:jobs{number}": lines_of(part, "root")
-                         for number, part in enumerate(in_files(jobs, per_file))})
+        self.put(
+            SPOOL,
+            {
+                f":etc:cron.d:jobs{number}": lines_of(part, "root")
+                for number, part in enumerate(in_files(jobs, per_file))
+            },
+        )
 
     def add_jobs(self, jobs):
         self.put(SPOOL, {":etc:cron.d:more": lines_of(jobs, "root")})
@@ -258,8 +283,7 @@ class BusyBox(Daemon):
         with self.path("/etc/passwd").open("a") as passwd:
             for uid in range(self.FIRST_UID, self.FIRST_UID + len(parts)):
                 passwd.write(f"u{uid}:x:{uid}:{uid}::/:/bin/sh\n")
-        self.put(SPOOL, {f"u{uid}": lines_of(part)
-                         for uid, part in enumerate(parts, self.FIRST_UID)}, 0o600)
+        self.put(SPOOL, {f"u{uid}": lines_of(part) for uid, part in enumerate(parts, self.FIRST_UID)}, 0o600)
 
     def add_jobs(self, jobs):
         with self.path(f"{SPOOL}/root").open("a") as crontab:

@@ -87,10 +87,12 @@ def start_all(bench, cells, stack):
 
         def add():
             running[kind.TITLE, count] = start(kind, count, stack), judge
+
         bench.attempt(cells, (kind.TITLE, "drift", count), add)
 
     def add_sleeper():
         running[SLEEPER, 0] = start_sleeper(stack), judge_drift
+
     bench.attempt(cells, (SLEEPER, "drift", 0), add_sleeper)
     return running
 
@@ -101,6 +103,5 @@ def measure(bench):
         running = start_all(bench, cells, stack)
         time.sleep(60 * (2 if bench.quick else 10) + 5)
         for (title, count), (machine, judge) in running.items():
-            bench.attempt(cells, (title, "drift", count),
-                          lambda: judge(cells, title, count, notes(machine)))
+            bench.attempt(cells, (title, "drift", count), lambda: judge(cells, title, count, notes(machine)))
     return cells.rows()

@@ -48,10 +48,8 @@ def batch_minutes(bench):
 def due_jobs(batches):
     """The jobs of the largest batch; the first of them belong to the smaller ones too."""
     for number in range(max(batch for _, batch in batches)):
-        minutes = sorted({time.localtime(minute).tm_min for minute, batch in batches
-                          if number < batch})
-        yield Job(f"due{number}", f"{','.join(map(str, minutes))} * * * *",
-                  f"{tool('stamp')} due{number}")
+        minutes = sorted({time.localtime(minute).tm_min for minute, batch in batches if number < batch})
+        yield Job(f"due{number}", f"{','.join(map(str, minutes))} * * * *", f"{tool('stamp')} due{number}")
 
 
 def prepare(kind, others, jobs, stack):
@@ -95,12 +93,12 @@ def take(machine, window):
     before = machine.group.cpu(), sum(map(cpu_of, pids))
     send(machine, signal.SIGCONT)
     time.sleep(window)
-    return Spent(time.time_ns(), machine.group.cpu() - before[0],
-                 sum(map(cpu_of, pids)) - before[1])
+    return Spent(time.time_ns(), machine.group.cpu() - before[0], sum(map(cpu_of, pids)) - before[1])
 
 
 def judge(cells, title, others, batch, machine, spent):
     """What the notes and the CPU time tell of one batch, when all had time to start."""
+
     def add(what, value):
         cells.add(value, title, what, others, batch)
 
@@ -125,8 +123,7 @@ def turns(running):
         if kind is Kestcrond:
             yield OWN_SECONDS[others], OWN_WINDOWS[others], kind, others
         else:
-            turn = OTHERS.index(others) * len(daemons.PEER_BINARIES) \
-                + list(daemons.PEER_BINARIES).index(kind)
+            turn = OTHERS.index(others) * len(daemons.PEER_BINARIES) + list(daemons.PEER_BINARIES).index(kind)
             yield 2 + turn * (PEER_WINDOW + 0.2), PEER_WINDOW, kind, others
 
 
@@ -146,6 +143,7 @@ def run_minute(bench, cells, running, minute, batch):
             if time.time() > minute + second + 1:
                 raise RuntimeError("the turn before took too long")
             spent[kind, others] = take(machine, window)
+
         bench.attempt(cells, (kind.TITLE, "first to last", others, batch), fill)
     return spent
 
@@ -154,17 +152,22 @@ def judge_minute(bench, cells, running, spent, batch):
     """At the minute's end: late enough for what is slow, and before the next notes are made."""
     for (kind, others), taken in spent.items():
         machine = running[kind, others]
-        bench.attempt(cells, (kind.TITLE, "first to last", others, batch),
-                      lambda: judge(cells, kind.TITLE, others, batch, machine, taken))
+        bench.attempt(
+            cells,
+            (kind.TITLE, "first to last", others, batch),
+            lambda: judge(cells, kind.TITLE, others, batch, machine, taken),
+        )
 
 
 def start_all(bench, cells, jobs, first, stack):
     """The others first; ours at their seconds of the minute before the first batch."""
     running = {}
-    for others in (OTHERS[:1] if bench.quick else OTHERS):
+    for others in OTHERS[:1] if bench.quick else OTHERS:
         for kind in daemons.KINDS:
+
             def prepare_one():
                 running[kind, others] = prepare(kind, others, jobs, stack)
+
             bench.attempt(cells, (kind.TITLE, "first to last", others, 0), prepare_one)
     for others, second in OWN_SECONDS.items():
         if (Kestcrond, others) not in running:
@@ -175,6 +178,7 @@ def start_all(bench, cells, jobs, first, stack):
                 raise RuntimeError("the machines were not ready in time")
             wait_for_second(second)
             start_own(running[Kestcrond, others], jobs)
+
         if not bench.attempt(cells, (Kestcrond.TITLE, "first to last", others, 0), start):
             del running[Kestcrond, others]
     return running

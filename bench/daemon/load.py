@@ -73,14 +73,13 @@ def steps(bench, cells):
     """What one repetition does: a cell's start, and how to fill it."""
     for count in bench.sizes(100, 1000, 10000):
         for per_file in LAYOUTS:
-            yield ("kestcrond, no copies", "start", "cpu", per_file, count), \
-                lambda: load_own(cells, count, per_file, copies=False)
+            yield ("kestcrond, no copies", "start", "cpu", per_file, count), lambda: load_own(
+                cells, count, per_file, copies=False
+            )
             for kind in daemons.PEER_BINARIES:
-                yield (kind.TITLE, "start", "cpu", per_file, count), \
-                    lambda: load_peer(cells, kind, count, per_file)
+                yield (kind.TITLE, "start", "cpu", per_file, count), lambda: load_peer(cells, kind, count, per_file)
     for count in bench.sizes(100, 1000):
-        yield ("kestcrond", "start", "cpu", 1, count), \
-            lambda: load_own(cells, count, 1, copies=True)
+        yield ("kestcrond", "start", "cpu", 1, count), lambda: load_own(cells, count, 1, copies=True)
         yield ("bare copies", "start", "cpu", 1, count), lambda: bare_copies(cells, count)
 
 

@@ -23,10 +23,12 @@ def cpu_of(pid):
 
 def memory_of(pid):
     """Resident, proportional and private memory in KiB."""
-    sizes = dict(re.findall(r"(?m)^(\w+): +(\d+) kB",
-                            Path(f"/proc/{pid}/smaps_rollup").read_text()))
-    return {"resident": int(sizes["Rss"]), "proportional": int(sizes["Pss"]),
-            "private": int(sizes["Private_Clean"]) + int(sizes["Private_Dirty"])}
+    sizes = dict(re.findall(r"(?m)^(\w+): +(\d+) kB", Path(f"/proc/{pid}/smaps_rollup").read_text()))
+    return {
+        "resident": int(sizes["Rss"]),
+        "proportional": int(sizes["Pss"]),
+        "private": int(sizes["Private_Clean"]) + int(sizes["Private_Dirty"]),
+    }
 
 
 def state_of(pid):
@@ -106,7 +108,7 @@ class Arrivals:
             records, offset = os.read(self.descriptor, 1 << 16), 0
             while offset < len(records):
                 size = struct.unpack_from("iIII", records, offset)[3]
-                if records[offset + 16:offset + 16 + size].rstrip(b"\0") == name.encode():
+                if records[offset + 16 : offset + 16 + size].rstrip(b"\0") == name.encode():
                     return moment
                 offset += 16 + size
         raise Deadline(f"{name}: not within {seconds} s")
@@ -135,14 +137,18 @@ class Cells:
 
     def rows(self):
         cells = dict.fromkeys([*self.values, *self.faults])
-        return [{**dict(zip(self.keys, cell)), **summary(self.values.get(cell, [])),
-                 **({"fault": self.faults[cell]} if cell in self.faults else {})}
-                for cell in cells]
+        return [
+            {
+                **dict(zip(self.keys, cell)),
+                **summary(self.values.get(cell, [])),
+                **({"fault": self.faults[cell]} if cell in self.faults else {}),
+            }
+            for cell in cells
+        ]
 
 
 def summary(values):
     """The median, the lowest and the highest of what was measured, and all of it."""
     if not values:
         return {"values": []}
-    return {"median": statistics.median(values), "low": min(values), "high": max(values),
-            "values": values}
+    return {"median": statistics.median(values), "low": min(values), "high": max(values), "values": values}

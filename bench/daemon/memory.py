@@ -23,6 +23,5 @@ def measure(bench):
     for _ in range(bench.repetitions(3)):
         for count in bench.sizes(0, 100, 1000, 10000):
             for kind in daemons.KINDS:
-                bench.attempt(cells, (kind.TITLE, "proportional", count),
-                              lambda: measure_one(cells, kind, count))
+                bench.attempt(cells, (kind.TITLE, "proportional", count), lambda: measure_one(cells, kind, count))
     return cells.rows()

@@ -4,15 +4,20 @@ from math import log10
 
 PLOTS = {}
 # Told apart with any kind of sight, and by their marks too.
-LOOKS = {"kestcrond": ("#d55e00", "o", 2.4), "kestcrond, no copies": ("#d55e00", "o", 2.4),
-         "cron": ("#0072b2", "s", 1.4), "bcron": ("#009e73", "^", 1.4),
-         "BusyBox crond": ("#7b5ea7", "D", 1.4)}
+LOOKS = {
+    "kestcrond": ("#d55e00", "o", 2.4),
+    "kestcrond, no copies": ("#d55e00", "o", 2.4),
+    "cron": ("#0072b2", "s", 1.4),
+    "bcron": ("#009e73", "^", 1.4),
+    "BusyBox crond": ("#7b5ea7", "D", 1.4),
+}
 
 
 def plot(name):
     def keep(function):
         PLOTS[name] = function
         return function
+
     return keep
 
 
@@ -42,14 +47,22 @@ def name_curves(axes, found):
     low, high = (log10(value) for value in axes.get_ylim())
     ends = {name: (log10(points[-1][1]) - low) / (high - low) for name, points in found.items()}
     for name, place in spread(ends, 0.07).items():
-        axes.annotate(name, (found[name][-1][0], 10 ** (low + place * (high - low))),
-                      xytext=(9, 0), textcoords="offset points", va="center", fontsize=9,
-                      color=LOOKS[name][0], annotation_clip=False)
+        axes.annotate(
+            name,
+            (found[name][-1][0], 10 ** (low + place * (high - low))),
+            xytext=(9, 0),
+            textcoords="offset points",
+            va="center",
+            fontsize=9,
+            color=LOOKS[name][0],
+            annotation_clip=False,
+        )
 
 
 def draw_curves(axes, found, title, across, up):
     """Lines on two logarithmic axes."""
     from matplotlib.ticker import LogLocator
+
     axes.set_xscale("log")
     axes.set_yscale("log")
     for name, points in found.items():
@@ -80,42 +93,71 @@ def draw_pair(figure, sides):
 
 @plot("cycle")
 def cycle(figure, rows):
-    draw_pair(figure, [
-        (curves([row for row in rows if row["per_file"] == layout], "jobs"),
-         f"A look with nothing due, {title}", "jobs", "CPU time, ms")
-        for layout, title in [(0, "all jobs in one file"), (1, "a file per job")]])
+    draw_pair(
+        figure,
+        [
+            (
+                curves([row for row in rows if row["per_file"] == layout], "jobs"),
+                f"A look with nothing due, {title}",
+                "jobs",
+                "CPU time, ms",
+            )
+            for layout, title in [(0, "all jobs in one file"), (1, "a file per job")]
+        ],
+    )
 
 
 @plot("load")
 def load(figure, rows):
-    starts = [row for row in rows if row["what"] == "start" and row["kind"] == "cpu"
-              and row["daemon"] != "kestcrond"]
-    draw_pair(figure, [
-        (curves([row for row in starts if row["per_file"] == layout], "jobs"),
-         f"Exec to ready, {title}", "jobs", "CPU time, ms")
-        for layout, title in [(1, "a file per job"), (100, "files of 100 jobs")]])
+    starts = [row for row in rows if row["what"] == "start" and row["kind"] == "cpu" and row["daemon"] != "kestcrond"]
+    draw_pair(
+        figure,
+        [
+            (
+                curves([row for row in starts if row["per_file"] == layout], "jobs"),
+                f"Exec to ready, {title}",
+                "jobs",
+                "CPU time, ms",
+            )
+            for layout, title in [(1, "a file per job"), (100, "files of 100 jobs")]
+        ],
+    )
 
 
 @plot("memory")
 def memory(figure, rows):
-    draw_pair(figure, [
-        (curves([row for row in rows if row["sort"] == sort], "jobs"),
-         f"{sort.capitalize()} memory", "jobs", "KiB") for sort in ("proportional", "private")])
+    draw_pair(
+        figure,
+        [
+            (curves([row for row in rows if row["sort"] == sort], "jobs"), f"{sort.capitalize()} memory", "jobs", "KiB")
+            for sort in ("proportional", "private")
+        ],
+    )
 
 
 @plot("launch")
 def launch(figure, rows):
     spans = [row for row in rows if row["what"] == "first to last" and row["batch"] > 1]
-    draw_pair(figure, [
-        (curves([row for row in spans if row["others"] == others], "batch"),
-         f"First start to last, {others:,} other jobs loaded", "jobs due in one minute", "ms")
-        for others in (0, 10000)])
+    draw_pair(
+        figure,
+        [
+            (
+                curves([row for row in spans if row["others"] == others], "batch"),
+                f"First start to last, {others:,} other jobs loaded",
+                "jobs due in one minute",
+                "ms",
+            )
+            for others in (0, 10000)
+        ],
+    )
 
 
 def draw(directory, results):
     import matplotlib
+
     matplotlib.use("svg")
     import matplotlib.pyplot as pyplot
+
     matplotlib.rcParams["svg.hashsalt"] = "kestcrond"  # the same figures, the same file
     directory.mkdir(parents=True, exist_ok=True)
     for name, function in PLOTS.items():

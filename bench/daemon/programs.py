@@ -17,14 +17,24 @@ TOOLS = BUILD / "daemon-tools"
 
 PACKAGES = ["cron", "bcron", "libbg2"]
 BUSYBOX_OPTIONS = {
-    "CONFIG_CROND": "y", "CONFIG_FEATURE_CROND_D": "y", "CONFIG_FEATURE_CROND_CALL_SENDMAIL": "y",
-    "CONFIG_FEATURE_CROND_SPECIAL_TIMES": "y", "CONFIG_FEATURE_CROND_DIR": '"/var/spool/cron"'}
+    "CONFIG_CROND": "y",
+    "CONFIG_FEATURE_CROND_D": "y",
+    "CONFIG_FEATURE_CROND_CALL_SENDMAIL": "y",
+    "CONFIG_FEATURE_CROND_SPECIAL_TIMES": "y",
+    "CONFIG_FEATURE_CROND_DIR": '"/var/spool/cron"',
+}
 
 
 def run(*command, cwd=None):
     """Runs a command among the peers; what it said is told when it fails."""
-    done = subprocess.run([str(word) for word in command], cwd=cwd or PEERS, text=True,
-                          errors="replace", stdin=subprocess.DEVNULL, capture_output=True)
+    done = subprocess.run(
+        [str(word) for word in command],
+        cwd=cwd or PEERS,
+        text=True,
+        errors="replace",
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+    )
     if done.returncode != 0:
         raise RuntimeError(f"{command[0]} failed: {(done.stdout + done.stderr)[-2000:]}")
     return done.stdout
@@ -52,11 +62,19 @@ def source_options():
         (parts / listing.name).write_text(text)
     lines = Path("/etc/apt/sources.list")
     if lines.exists():
-        (parts / "lines.list").write_text("".join(
-            "deb-src" + line[3:] + "\n" for line in lines.read_text().splitlines()
-            if line.startswith("deb ")))
-    return ["-o", "Dir::Etc::SourceList=/dev/null", "-o", f"Dir::Etc::SourceParts={parts}",
-            "-o", f"Dir::State::Lists={lists}", "-o", f"Dir::Cache={cache}"]
+        (parts / "lines.list").write_text(
+            "".join("deb-src" + line[3:] + "\n" for line in lines.read_text().splitlines() if line.startswith("deb "))
+        )
+    return [
+        "-o",
+        "Dir::Etc::SourceList=/dev/null",
+        "-o",
+        f"Dir::Etc::SourceParts={parts}",
+        "-o",
+        f"Dir::State::Lists={lists}",
+        "-o",
+        f"Dir::Cache={cache}",
+    ]
 
 
 def busybox():
@@ -70,8 +88,11 @@ def busybox():
     tree = PEERS / "busybox"
     shutil.rmtree(tree, ignore_errors=True)  # of a build that failed
     run("dpkg-source", "-x", "--no-check", *PEERS.glob("busybox_*.dsc"), tree)
-    lines = [line for line in (tree / "debian/config/pkg/deb").read_text().splitlines()
-             if not any(f"{name}=" in line or f"{name} " in line for name in BUSYBOX_OPTIONS)]
+    lines = [
+        line
+        for line in (tree / "debian/config/pkg/deb").read_text().splitlines()
+        if not any(f"{name}=" in line or f"{name} " in line for name in BUSYBOX_OPTIONS)
+    ]
     lines += [f"{name}={value}" for name, value in BUSYBOX_OPTIONS.items()]
     (tree / ".config").write_text("\n".join(lines) + "\n")
     run("sh", "-c", "yes '' | make oldconfig && make -j2 busybox", cwd=tree)
@@ -80,8 +101,12 @@ def busybox():
 
 def versions():
     """What the others are, with Debian's versions."""
-    found = [archive.name.split("_")[:2] for name in PACKAGES
-             for archive in PEERS.glob(f"{name}_*.deb") if not name.startswith("lib")]
+    found = [
+        archive.name.split("_")[:2]
+        for name in PACKAGES
+        for archive in PEERS.glob(f"{name}_*.deb")
+        if not name.startswith("lib")
+    ]
     log = PEERS / "busybox/debian/changelog"
     if log.exists():
         found.append(log.read_text().split(")", 1)[0].split(" ("))
@@ -101,8 +126,7 @@ def fetch_peers():
     """Fetches, builds and unpacks; returns what is wrong with those that are not to be had."""
     PEERS.mkdir(parents=True, exist_ok=True)
     faults = {}
-    for name, get in [(package, lambda name=package: unpacked(name)) for package in PACKAGES] + \
-                     [("busybox", busybox)]:
+    for name, get in [(package, lambda name=package: unpacked(name)) for package in PACKAGES] + [("busybox", busybox)]:
         try:
             get()
         except (RuntimeError, OSError) as fault:

@@ -73,16 +73,20 @@ def grid(rows, column="jobs", growth=True, ratio="kestcrond to the lowest of the
         found = {row[column]: row for row in cells}
         line = [name, *(figure(found.get(count)) for count in counts)]
         lines.append(line + ([number(exponent(medians(cells, column)))] if growth else []))
-    others = [medians(cells, column) for name, cells in of_daemon.items()
-              if not is_own(name) and not name.startswith("bare")]
-    best = {count: min((cells[count] for cells in others if count in cells), default=None)
-            for count in counts}
+    others = [
+        medians(cells, column) for name, cells in of_daemon.items() if not is_own(name) and not name.startswith("bare")
+    ]
+    best = {count: min((cells[count] for cells in others if count in cells), default=None) for count in counts}
     for name, cells in of_daemon.items():
         if is_own(name) and len(daemons) > 1:
             own = medians(cells, column)
-            lines.append([f"*{ratio}*", *(number(own[count] / best[count])
-                         if own.get(count) and best[count] else "–" for count in counts)]
-                         + ([""] if growth else []))
+            lines.append(
+                [
+                    f"*{ratio}*",
+                    *(number(own[count] / best[count]) if own.get(count) and best[count] else "–" for count in counts),
+                ]
+                + ([""] if growth else [])
+            )
     head = ["", *(f"{count:,}" for count in counts)] + (["grows with the power"] if growth else [])
     return markdown(head, lines)
 
@@ -98,135 +102,190 @@ def drift(rows):
     for row in chosen(rows, what="mean drift"):
         single = chosen(rows, daemon=row["daemon"], what="drift", jobs=row["jobs"])[0]
         per_year = row["median"] / 1000 * MINUTES_A_YEAR / 60
-        drifts.append([row["daemon"], f"{row['jobs']:,}", number(row["median"]), figure(single),
-                       number(per_year)])
+        drifts.append([row["daemon"], f"{row['jobs']:,}", number(row["median"]), figure(single), number(per_year)])
     late = [[row["daemon"], f"{row['jobs']:,}", figure(row)] for row in chosen(rows, what="late")]
-    yield ("Milliseconds from one note to the next beyond 60 seconds, over the whole time and "
-           "one by one, and the minutes of a year that are stepped over by it:\n\n"
-           + markdown(["", "jobs", "over all", "one by one", "minutes a year"], drifts))
-    yield ("The others sleep until the minute begins and step over none. They sleep whole seconds, "
-           "so that how late in the minute their job runs, in milliseconds, is a matter of when "
-           "they were started:\n\n" + markdown(["", "jobs", "late"], late))
+    yield (
+        "Milliseconds from one note to the next beyond 60 seconds, over the whole time and "
+        "one by one, and the minutes of a year that are stepped over by it:\n\n"
+        + markdown(["", "jobs", "over all", "one by one", "minutes a year"], drifts)
+    )
+    yield (
+        "The others sleep until the minute begins and step over none. They sleep whole seconds, "
+        "so that how late in the minute their job runs, in milliseconds, is a matter of when "
+        "they were started:\n\n" + markdown(["", "jobs", "late"], late)
+    )
 
 
 def load(rows):
     for layout in (1, 100):
-        part = [row for row in chosen(rows, what="start", kind="cpu", per_file=layout)
-                if row["daemon"] not in (OWN, "bare copies")]
-        yield (f"Milliseconds of CPU time from exec to ready, {LAYOUTS[layout]}; ours without "
-               f"the copies of programs:\n\n{grid(part)}")
+        part = [
+            row
+            for row in chosen(rows, what="start", kind="cpu", per_file=layout)
+            if row["daemon"] not in (OWN, "bare copies")
+        ]
+        yield (
+            f"Milliseconds of CPU time from exec to ready, {LAYOUTS[layout]}; ours without "
+            f"the copies of programs:\n\n{grid(part)}"
+        )
     names = {"start": "start to ready", "reload": "SIGHUP to ready"}
-    lines = [[f"{names[what]}, {LAYOUTS[layout]}, {'CPU' if kind == 'cpu' else 'elapsed'}",
-              chosen(rows, daemon="kestcrond, no copies", what=what, kind=kind, per_file=layout)]
-             for what in names for layout in (1, 100) for kind in ("cpu", "wall")]
-    yield ("kestcrond at a start and at a reload, without copies, in milliseconds of CPU time and "
-           "of time elapsed:\n\n"
-           + grid([{**row, "daemon": name} for name, cells in lines for row in cells]))
-    yield ("With copies, beside as many bare starts of the copy program one by one, in "
-           "milliseconds, CPU time of all processes and time elapsed:\n\n" + copies(rows))
+    lines = [
+        [
+            f"{names[what]}, {LAYOUTS[layout]}, {'CPU' if kind == 'cpu' else 'elapsed'}",
+            chosen(rows, daemon="kestcrond, no copies", what=what, kind=kind, per_file=layout),
+        ]
+        for what in names
+        for layout in (1, 100)
+        for kind in ("cpu", "wall")
+    ]
+    yield (
+        "kestcrond at a start and at a reload, without copies, in milliseconds of CPU time and "
+        "of time elapsed:\n\n" + grid([{**row, "daemon": name} for name, cells in lines for row in cells])
+    )
+    yield (
+        "With copies, beside as many bare starts of the copy program one by one, in "
+        "milliseconds, CPU time of all processes and time elapsed:\n\n" + copies(rows)
+    )
 
 
 def copies(rows):
     lines = []
     for kind, name in (("cpu", "CPU"), ("wall", "elapsed")):
         for what in ("start", "reload"):
-            floor = {row["jobs"]: row for row in
-                     chosen(rows, daemon="bare copies", what=what, kind=kind)}
+            floor = {row["jobs"]: row for row in chosen(rows, daemon="bare copies", what=what, kind=kind)}
             for row in chosen(rows, daemon=OWN, what=what, kind=kind):
                 bare = floor.get(row["jobs"], {})
                 both = "median" in row and "median" in bare
-                lines.append([f"{what}, {name}", f"{row['jobs']:,}", figure(row), figure(bare),
-                              number(row["median"] / bare["median"] if both else None)])
+                lines.append(
+                    [
+                        f"{what}, {name}",
+                        f"{row['jobs']:,}",
+                        figure(row),
+                        figure(bare),
+                        number(row["median"] / bare["median"] if both else None),
+                    ]
+                )
     return markdown(["", "jobs", "kestcrond", "bare copies", "ratio"], lines)
 
 
 def memory(rows):
     for sort in ("proportional", "resident", "private"):
-        yield (f"KiB of {sort} memory:\n\n"
-               + grid(chosen(rows, sort=sort)))
+        yield (f"KiB of {sort} memory:\n\n" + grid(chosen(rows, sort=sort)))
     lines = []
     for name in dict.fromkeys(row["daemon"] for row in rows):
         line = [name]
         for sort in ("proportional", "private"):
             of_count = medians(chosen(rows, daemon=name, sort=sort), "jobs")
             last = max(of_count, default=0)
-            line.append(number((of_count[last] - of_count[0]) / last)
-                        if last and 0 in of_count else "–")
+            line.append(number((of_count[last] - of_count[0]) / last) if last and 0 in of_count else "–")
         lines.append(line)
-    yield ("KiB for each job more, from none to the most:\n\n"
-           + markdown(["", "proportional", "private"], lines))
+    yield ("KiB for each job more, from none to the most:\n\n" + markdown(["", "proportional", "private"], lines))
 
 
 def launch(rows):
     for others in sorted({row["others"] for row in rows}):
         part = [row for row in chosen(rows, others=others) if row["batch"]]
-        for what, said in (("first to last", "from the first start to the last"),
-                           ("cpu in all", "of CPU time in all"),
-                           ("cpu of the daemon", "of CPU time of the daemon itself"),
-                           ("cpu of the daemon per start", "of that for each job")):
+        for what, said in (
+            ("first to last", "from the first start to the last"),
+            ("cpu in all", "of CPU time in all"),
+            ("cpu of the daemon", "of CPU time of the daemon itself"),
+            ("cpu of the daemon per start", "of that for each job"),
+        ):
             # Of one job the first is the last.
-            cells = [row for row in chosen(part, what=what)
-                     if what != "first to last" or row["batch"] > 1]
+            cells = [row for row in chosen(part, what=what) if what != "first to last" or row["batch"] > 1]
             if cells:
                 unit = "Microseconds" if what.endswith("per start") else "Milliseconds"
-                yield (f"{unit} {said}, with {others:,} other jobs loaded:\n\n"
-                       + grid(cells, "batch", growth=False))
+                yield (f"{unit} {said}, with {others:,} other jobs loaded:\n\n" + grid(cells, "batch", growth=False))
     yield lost(rows)
 
 
 def lost(rows):
     """Whether each job was started, and once."""
-    faults = [f"{row['daemon']} started {row['low']:,} of {row['batch']:,} with "
-              f"{row['others']:,} others loaded" for row in chosen(rows, what="started")
-              if row.get("low") != row["batch"]]
-    faults += [f"{row['daemon']} started {row['high']:,} of {row['batch']:,} twice"
-               for row in chosen(rows, what="twice") if row.get("high")]
+    faults = [
+        f"{row['daemon']} started {row['low']:,} of {row['batch']:,} with " f"{row['others']:,} others loaded"
+        for row in chosen(rows, what="started")
+        if row.get("low") != row["batch"]
+    ]
+    faults += [
+        f"{row['daemon']} started {row['high']:,} of {row['batch']:,} twice"
+        for row in chosen(rows, what="twice")
+        if row.get("high")
+    ]
     return "Lost or doubled: " + ("; ".join(faults) if faults else "none, by any of them") + "."
 
 
 def sizes(rows):
-    lines = [[row["daemon"], f"{row['bytes']:,}" if "bytes" in row else row["fault"][:80],
-              ", ".join(row.get("libraries", [])),
-              row.get("note") or ", ".join(row.get("files", []))] for row in rows]
+    lines = [
+        [
+            row["daemon"],
+            f"{row['bytes']:,}" if "bytes" in row else row["fault"][:80],
+            ", ".join(row.get("libraries", [])),
+            row.get("note") or ", ".join(row.get("files", [])),
+        ]
+        for row in rows
+    ]
     yield "Stripped programs, in bytes, and the libraries that they need:\n\n" + markdown(
-        ["", "bytes", "libraries", "what is counted"], lines, "lrll")
+        ["", "bytes", "libraries", "what is counted"], lines, "lrll"
+    )
 
 
 # Part to its heading, how it was measured, and its tables and plot.
 SECTIONS = {
-    "cycle": ("A look at the jobs with nothing due", """
+    "cycle": (
+        "A look at the jobs with nothing due",
+        """
 Every daemon runs on a private machine of its own, all at the same time and by the real clock, with
 jobs of a day that never comes. A figure is the CPU time of the process that looks, by
 `/proc/PID/schedstat`, from one sleep to the next. The others look when a minute begins; ours is told
 to load again at that moment, so that it looks right before them, those with a file per job last.""",
-              cycle),
-    "drift": ("What a cycle adds to a minute", """
+        cycle,
+    ),
+    "drift": (
+        "What a cycle adds to a minute",
+        """
 A job that is due in every minute notes when it runs, beside so many jobs that are not due. The
 start of that one job is in the figure. A bare sleep is a program that does nothing but sleep 60
-seconds: what the timer itself is late.""", drift),
-    "load": ("Loading", """
+seconds: what the timer itself is late.""",
+        drift,
+    ),
+    "load": (
+        "Loading",
+        """
 The CPU time of all processes of a control group, from the exec until the runtime documents are
 written and the daemon sleeps; of the others, until no process of theirs has run for 0.3 seconds.
 BusyBox has a crontab for each account, and looks each account up in a list that is as long. Where
 copies are left out, an empty file appears in place of each; the CPU time of making as many by
 themselves is taken off.""",
-             load),
-    "memory": ("Memory", """
+        load,
+    ),
+    "memory": (
+        "Memory",
+        """
 By `/proc/PID/smaps_rollup`, jobs in one file, one daemon at a time; of bcron both processes.""",
-               memory),
-    "launch": ("Many starts at once", """
+        memory,
+    ),
+    "launch": (
+        "Many starts at once",
+        """
 So many jobs are due in one minute, "maxDelay" is 0, and each notes when it was started. No daemon
 starts jobs while another one does. CPU time in all is that of the daemon, its children, the shells
 between and the jobs, which are the same small static program for all. Bare starts are those of a
-loop that starts the same program and waits for it.""", launch),
-    "sizes": ("On disk", """
-""", sizes),
+loop that starts the same program and waits for it.""",
+        launch,
+    ),
+    "sizes": (
+        "On disk",
+        """
+""",
+        sizes,
+    ),
 }
 
 
 def machine_line(machine):
-    return (f"{machine['cpu']}, {machine['cores']} cores, {machine['memory_gib']} GiB, "
-            f"Linux {machine['kernel']}; load {machine['load_before']} before")
+    return (
+        f"{machine['cpu']}, {machine['cores']} cores, {machine['memory_gib']} GiB, "
+        f"Linux {machine['kernel']}; load {machine['load_before']} before"
+    )
 
 
 def wrapped(text):
@@ -237,8 +296,11 @@ def wrapped(text):
 
 def section(name, found, images=""):
     title, how, tables = SECTIONS[name]
-    faults = [" ".join(str(value) for key, value in row.items() if key not in FIGURES)
-              for row in found["rows"] if "fault" in row]
+    faults = [
+        " ".join(str(value) for key, value in row.items() if key not in FIGURES)
+        for row in found["rows"]
+        if "fault" in row
+    ]
     whole = any(set(row) == {"fault"} for row in found["rows"])
     where = f"`{found['command']}`, {found['when']}, on {machine_line(found['machine'])}."
     parts = [f"## {title}", how.strip(), textwrap.fill(where, 100)]
@@ -253,8 +315,7 @@ def section(name, found, images=""):
 
 
 def text(results, images=""):
-    return "\n\n".join(section(name, results[name], images) for name in SECTIONS
-                       if name in results)
+    return "\n\n".join(section(name, results[name], images) for name in SECTIONS if name in results)
 
 
 def peers(results):

@@ -28,8 +28,10 @@ def all_programs():
     if small.exists():
         yield "kestcrond, minsize", [small]
     yield "cron", [PEERS / "cron/usr/sbin/cron"]
-    yield "bcron", [*sorted((PEERS / "bcron/usr/sbin").iterdir()),
-                    next((PEERS / "libbg2").rglob("libbg.so.2")).resolve()]
+    yield "bcron", [
+        *sorted((PEERS / "bcron/usr/sbin").iterdir()),
+        next((PEERS / "libbg2").rglob("libbg.so.2")).resolve(),
+    ]
     yield "BusyBox crond", [programs.PEERS / "busybox/busybox"]
 
 
@@ -38,9 +40,15 @@ def measure(_):
     for title, files in all_programs():
         try:
             needed = dict.fromkeys(name for file in files for name in libraries(file))
-            rows.append({"daemon": title, "bytes": sum(map(stripped_size, files)),
-                         "files": [file.name for file in files], "note": NOTES.get(title, ""),
-                         "libraries": [name for name in needed if "libbg" not in name]})
+            rows.append(
+                {
+                    "daemon": title,
+                    "bytes": sum(map(stripped_size, files)),
+                    "files": [file.name for file in files],
+                    "note": NOTES.get(title, ""),
+                    "libraries": [name for name in needed if "libbg" not in name],
+                }
+            )
         except (RuntimeError, OSError) as fault:
             rows.append({"daemon": title, "fault": str(fault)})
     return rows

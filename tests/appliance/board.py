@@ -18,8 +18,9 @@ class Silence(Exception):
 class Board:
     """The emulated machine. `say` is what it writes; a `boot` is over when its shell is there."""
 
-    def __init__(self, kernel: pathlib.Path, initramfs: pathlib.Path, disk: pathlib.Path,
-                 transcript: pathlib.Path) -> None:
+    def __init__(
+        self, kernel: pathlib.Path, initramfs: pathlib.Path, disk: pathlib.Path, transcript: pathlib.Path
+    ) -> None:
         self._kernel, self._initramfs, self._disk = kernel, initramfs, disk
         self._transcript = transcript.open("ab", buffering=0)
         self.place = transcript.parent
@@ -62,14 +63,38 @@ class Board:
             line.settimeout(60)
             # Debian's kernel for this machine knows no memory and no devices above 4 GiB.
             self._emulator = subprocess.Popen(
-                ["qemu-system-arm", "-machine", "virt,highmem=off", "-cpu", "cortex-a15",
-                 "-smp", "2", "-m", "512", "-no-reboot",
-                 "-nodefaults", "-display", "none", "-nic", "none",
-                 "-kernel", self._kernel, "-initrd", self._initramfs,
-                 "-append", "console=ttyAMA0 loglevel=4 systemd.show_status=false panic=10",
-                 "-drive", f"if=none,id=disk,format=raw,file={self._disk}",
-                 "-device", "virtio-blk-device,drive=disk",
-                 "-rtc", f"base={clock}", "-serial", f"unix:{path}"])
+                [
+                    "qemu-system-arm",
+                    "-machine",
+                    "virt,highmem=off",
+                    "-cpu",
+                    "cortex-a15",
+                    "-smp",
+                    "2",
+                    "-m",
+                    "512",
+                    "-no-reboot",
+                    "-nodefaults",
+                    "-display",
+                    "none",
+                    "-nic",
+                    "none",
+                    "-kernel",
+                    self._kernel,
+                    "-initrd",
+                    self._initramfs,
+                    "-append",
+                    "console=ttyAMA0 loglevel=4 systemd.show_status=false panic=10",
+                    "-drive",
+                    f"if=none,id=disk,format=raw,file={self._disk}",
+                    "-device",
+                    "virtio-blk-device,drive=disk",
+                    "-rtc",
+                    f"base={clock}",
+                    "-serial",
+                    f"unix:{path}",
+                ]
+            )
             try:
                 self._console = line.accept()[0]
             except TimeoutError:
@@ -101,8 +126,9 @@ class Board:
         """Runs shell commands there. Returns the exit status of the last, and what all wrote."""
         number = next(self._numbers)
         # The command may be of many lines; the mark is put together there, so that it is no echo.
-        self._send(f"{{ eval {shlex.quote(command)}\n}} </dev/null 2>&1; "
-                   f"status=$?; echo; echo \"<<$status\":{number}'>>'")
+        self._send(
+            f"{{ eval {shlex.quote(command)}\n}} </dev/null 2>&1; " f"status=$?; echo; echo \"<<$status\":{number}'>>'"
+        )
         mark = self._read_until(rb"\n<<(\d+):%d>>\n" % number, timeout)
         text = mark.string[: mark.start()].decode(errors="replace")
         return int(mark.group(1)), text.strip("\n")
@@ -117,8 +143,7 @@ class Board:
     def wait_until(self, condition: str, *, timeout: float, what: str = "") -> None:
         """Waits there until the condition, a shell command, holds."""
         loop = shlex.quote(f"until {condition}; do sleep 0.5; done")
-        status, _ = self.run(f"timeout {timeout:.0f} sh -c {loop} 2>/dev/null",
-                             timeout=timeout + 120)
+        status, _ = self.run(f"timeout {timeout:.0f} sh -c {loop} 2>/dev/null", timeout=timeout + 120)
         if status:
             raise AssertionError(f"{what or condition}: not within {timeout:.0f} s")
 
@@ -145,7 +170,7 @@ class Board:
         while True:
             found = expression.search(self._said)
             if found:
-                self._said = self._said[found.end():]
+                self._said = self._said[found.end() :]
                 return found
             left = deadline - time.monotonic()
             if left <= 0:

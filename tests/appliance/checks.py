@@ -75,20 +75,22 @@ class Checks:
 
 
 def job(name: str, command: str, crontab: str = MINUTELY, **more: object) -> dict:
-    return {"name": name, "user": "root", "period": "crontab", "crontab": crontab,
-            "cmd": command} | more
+    return {"name": name, "user": "root", "period": "crontab", "crontab": crontab, "cmd": command} | more
 
 
-TOOLS = [job("root", "/usr/local/bin/record root"),
-         job("system", "/usr/local/bin/record system", user="system"),
-         job("package", "/usr/local/bin/record package",
-             user="package", package_username="reports")]
+TOOLS = [
+    job("root", "/usr/local/bin/record root"),
+    job("system", "/usr/local/bin/record system", user="system"),
+    job("package", "/usr/local/bin/record package", user="package", package_username="reports"),
+]
 # The account's directory decides, whatever the file says.
 METERS = [job("read", "/usr/local/bin/record meters", user="root")]
-DRAWS = [job("daily", "/usr/local/bin/record daily", "~ ~ * * *"),
-         job("weekly", "/usr/local/bin/record weekly", "~ ~ * * ~"),
-         job("range", "/usr/local/bin/record range", "10~20,40~50 20~23 25~28 * *"),
-         job("assured", "/usr/local/bin/record assured", "0 0 29 2 *", assure_execute=24)]
+DRAWS = [
+    job("daily", "/usr/local/bin/record daily", "~ ~ * * *"),
+    job("weekly", "/usr/local/bin/record weekly", "~ ~ * * ~"),
+    job("range", "/usr/local/bin/record range", "10~20,40~50 20~23 25~28 * *"),
+    job("assured", "/usr/local/bin/record assured", "0 0 29 2 *", assure_execute=24),
+]
 SLOW = [job("a-long", "/usr/local/bin/long"), job("b-late", "/usr/local/bin/record late")]
 HUNGRY = [job("hungry", "/usr/bin/tail /dev/zero")]
 
@@ -157,8 +159,9 @@ def check_start(checks: Checks, board: Appliance, release: str, took: float) -> 
         status, state = board.run("systemctl is-system-running --wait", timeout=600)
         assert state == "running", state + "\n" + board.run("systemctl --failed --no-pager")[1]
         told += [f"console after {took:.0f} s", board.ask("uname -r")]
-    with checks.check(f"{release}: the service is active on 32-bit ARM, and its main process is "
-                      "that of the pid file"):
+    with checks.check(
+        f"{release}: the service is active on 32-bit ARM, and its main process is " "that of the pid file"
+    ):
         assert board.ask("uname -m") == "armv7l"
         assert board.ask("systemctl is-active kestcrond") == "active"
         assert board.main_pid() == int(board.ask("cat /run/kestcrond.pid")) > 1
@@ -173,26 +176,29 @@ def check_accounts(checks: Checks, board: Appliance) -> None:
         board.wait_until(f"grep -q pkg_nonroot-meters-flow-read {RUNTIME}", timeout=CYCLES)
     board.jobs(f"{PKG}/tools.conf", TOOLS)
     board.jobs(f"{BUILTIN}/board.conf", DRAWS)
-    names = sorted([f"builtin-board-{draw['name']}" for draw in DRAWS] +
-                   [f"pkg-tools-{tool['name']}" for tool in TOOLS] +
-                   ["pkg_nonroot-meters-flow-read"])
+    names = sorted(
+        [f"builtin-board-{draw['name']}" for draw in DRAWS]
+        + [f"pkg-tools-{tool['name']}" for tool in TOOLS]
+        + ["pkg_nonroot-meters-flow-read"]
+    )
     with checks.check("files of the other directories count after systemctl reload"):
         assert "pkg-tools-root" not in board.read(RUNTIME)["jobs"]
         board.reload()
         assert sorted(board.read(RUNTIME)["jobs"]) == names, board.read(RUNTIME)["jobs"].keys()
     for record, name, identity in (
-            ("root", "pkg-tools-root", "root root root"),
-            ("system", "pkg-tools-system", "system system system"),
-            ("package", "pkg-tools-package", "reports reports reports,scanners"),
-            ("meters", "pkg_nonroot-meters-flow-read", "meters meters meters")):
+        ("root", "pkg-tools-root", "root root root"),
+        ("system", "pkg-tools-system", "system system system"),
+        ("package", "pkg-tools-package", "reports reports reports,scanners"),
+        ("meters", "pkg_nonroot-meters-flow-read", "meters meters meters"),
+    ):
         account = identity.split()[0]
-        with checks.check(f"the job of {account} runs as {account}, with its groups and a line in "
-                          "the execution log"):
+        with checks.check(
+            f"the job of {account} runs as {account}, with its groups and a line in " "the execution log"
+        ):
             board.wait_until(f"[ -s /var/lib/ran/{record} ]", timeout=CYCLES)
             line = board.ask(f"tail -n 1 /var/lib/ran/{record}").split(None, 2)
             assert line[2] == identity, line
-            board.started(f" running job: {name} with command: .* as user {account} "
-                          "(state\\[Ready\\]")
+            board.started(f" running job: {name} with command: .* as user {account} " "(state\\[Ready\\]")
             staged = board.ask(f"stat -c '%U %G %a' /tmp/kestcrond/{name}")
             assert staged == " ".join(identity.split()[:2] + ["700"]), staged
     with checks.check("kestcronctl check, list and status tell of it"):
@@ -252,13 +258,14 @@ def check_service(checks: Checks, board: Appliance) -> None:
         before = board.main_pid()
         restarts = int(board.ask("systemctl show -P NRestarts kestcrond"))
         board.ask(f"kill -KILL {before}")
-        board.wait_until(f"[ $(systemctl show -P NRestarts kestcrond) -gt {restarts} ] && "
-                         "systemctl is-active --quiet kestcrond", timeout=90)
+        board.wait_until(
+            f"[ $(systemctl show -P NRestarts kestcrond) -gt {restarts} ] && " "systemctl is-active --quiet kestcrond",
+            timeout=90,
+        )
         assert board.main_pid() not in (0, before)
         assert board.main_pid() == int(board.ask("cat /run/kestcrond.pid"))
         both_go_on(board, long, late)
-    with checks.check("a job killed for want of memory ends neither the service nor another "
-                      "job") as told:
+    with checks.check("a job killed for want of memory ends neither the service nor another " "job") as told:
         board.jobs(f"{PKG}/slow.conf", SLOW[:1])
         board.jobs(f"{PKG}/hungry.conf", HUNGRY)
         board.ask("systemctl set-property --runtime kestcrond MemoryMax=64M")
@@ -290,8 +297,7 @@ def check_reboot(checks: Checks, board: Appliance, witness: str) -> None:
     lines = int(board.ask(f"wc -l <{LOG}"))
     boot = board.ask("cat /proc/sys/kernel/random/boot_id")
     took = board.board.reboot()
-    with checks.check(f"{year}: a reboot keeps all that was drawn, of each job and of the "
-                      "template") as told:
+    with checks.check(f"{year}: a reboot keeps all that was drawn, of each job and of the " "template") as told:
         assert board.ask("cat /proc/sys/kernel/random/boot_id") != boot
         board.wait_until("systemctl is-active --quiet kestcrond", timeout=120)
         drawn = {name: entry["schedule"] for name, entry in before["jobs"].items()}
@@ -319,8 +325,7 @@ def check_unit_tests(checks: Checks, board: Appliance) -> None:
         count = int(re.search(r"\[==========\] (\d+) tests", text).group(1))
         skipped = re.search(r"\[  SKIPPED \] (\d+) test", text)
         told += [f"{count} tests", f"{skipped.group(1) if skipped else 0} skipped"]
-    with checks.check("among them those of programs that end or are missing, which user emulation "
-                      "cannot show"):
+    with checks.check("among them those of programs that end or are missing, which user emulation " "cannot show"):
         text = board.ask("/root/unit_tests --gtest_filter='XLIBCExecTest.*'", timeout=300)
         assert "XLIBCExecTest.TellsHowTheProgramEnded" in text
         assert "XLIBCExecTest.StartsAProgramThatHearsNoSignalForItsCaller" in text
@@ -335,16 +340,21 @@ def check_memory(checks: Checks, board: Appliance, result: pathlib.Path) -> None
             board.ask("systemctl stop kestcrond")
             board.ask(f"rm -rf {KEPT} {BUILTIN}/* {NONROOT}/* {PKG}/* /tmp/kestcrond")
             one = '{"name":"j%04d","user":"root","period":"daily","cmd":"/usr/bin/true -v"}'
-            board.ask(f"{{ echo '['; for i in $(seq {count}); do printf ',{one}\\n' $i; done "
-                      f"| sed '1s/,//'; echo ']'; }} >{PKG}/many.conf")
+            board.ask(
+                f"{{ echo '['; for i in $(seq {count}); do printf ',{one}\\n' $i; done "
+                f"| sed '1s/,//'; echo ']'; }} >{PKG}/many.conf"
+            )
             board.ask("systemctl start kestcrond")
-            board.wait_until(f"[ $(ls /tmp/kestcrond | wc -l) = {count} ] && "
-                             f"[ {TEMPLATE} -nt {PKG}/many.conf ]", timeout=900)
+            board.wait_until(
+                f"[ $(ls /tmp/kestcrond | wc -l) = {count} ] && " f"[ {TEMPLATE} -nt {PKG}/many.conf ]", timeout=900
+            )
             rollup = board.ask(f"cat /proc/{board.main_pid()}/smaps_rollup")
             pages = dict(re.findall(r"(\w+): +(\d+) kB", rollup))
             sizes[str(count)] = {
-                "Rss": int(pages["Rss"]), "Pss": int(pages["Pss"]),
-                "Private": int(pages["Private_Clean"]) + int(pages["Private_Dirty"])}
+                "Rss": int(pages["Rss"]),
+                "Pss": int(pages["Pss"]),
+                "Private": int(pages["Private_Clean"]) + int(pages["Private_Dirty"]),
+            }
             told.append(f"{count} jobs: {sizes[str(count)]['Rss']} KiB resident")
         result.write_text(json.dumps(sizes))
         assert sizes["0"]["Rss"] < sizes["100"]["Rss"] < sizes["1000"]["Rss"] < 65536
@@ -354,8 +364,9 @@ def check_purge(checks: Checks, board: Appliance) -> None:
     with checks.check("a purge leaves nothing of the package, but the job file of somebody else"):
         board.ask(f"rm -rf {BUILTIN}/* {NONROOT}/*")
         board.ask("dpkg -P kestcrond", timeout=300)
-        left = board.run("find / /run -xdev -name '*kestcron*' ! -path '/root/*'; "
-                         "ls -d /usr/kest 2>/dev/null; pgrep -x kestcrond")[1]
+        left = board.run(
+            "find / /run -xdev -name '*kestcron*' ! -path '/root/*'; " "ls -d /usr/kest 2>/dev/null; pgrep -x kestcrond"
+        )[1]
         assert left == PKG, left
         assert json.loads(board.ask(f"cat {PKG}/tools.conf")) == TOOLS
         assert board.run("systemctl cat kestcrond")[0] != 0
@@ -370,8 +381,7 @@ def the_board(checks: Checks, board: Appliance, release: str) -> None:
     took = board.board.power_on(datetime.datetime(2026, 6, 2, 2, 2))
     check_start(checks, board, release, took)
     # They take long and are in nobody's way.
-    board.ask("systemd-run --unit=unit-tests -p StandardOutput=truncate:/root/unit_tests.out "
-              "/root/unit_tests")
+    board.ask("systemd-run --unit=unit-tests -p StandardOutput=truncate:/root/unit_tests.out " "/root/unit_tests")
     board.prepare()
     check_accounts(checks, board)
     check_service(checks, board)
@@ -407,14 +417,12 @@ def the_late_board(checks: Checks, board: Appliance, release: str) -> None:
     board.board.power_off()
 
     board.board.power_on(datetime.datetime(2040, 6, 5, 10, 2))
-    with checks.check("2040: a boot in that year starts the service, and jobs run as their "
-                      "accounts"):
+    with checks.check("2040: a boot in that year starts the service, and jobs run as their " "accounts"):
         assert board.ask("date +%Y") == "2040"
         board.wait_until("systemctl is-active --quiet kestcrond", timeout=120)
         assert board.main_pid() == int(board.ask("cat /run/kestcrond.pid"))
         for name, account in (("root", "root"), ("system", "system"), ("package", "reports")):
-            board.started(f"^2040-06-05T.*running job: pkg-tools-{name} .*as user {account} "
-                          "(state\\[Ready")
+            board.started(f"^2040-06-05T.*running job: pkg-tools-{name} .*as user {account} " "(state\\[Ready")
             # The line is written just before the program starts.
             recorded = f"tail -n 1 /var/lib/ran/{name}"
             board.wait_until(f"[ $({recorded} | cut -d' ' -f2) -ge {START_OF_2040} ]", timeout=60)
@@ -468,8 +476,10 @@ def main() -> int:
 
     with concurrent.futures.ThreadPoolExecutor() as pool:
         list(pool.map(lambda board: live(*board), boards))
-    print(f"{checks.passed} checks passed, {checks.failed} failed, "
-          f"{(time.monotonic() - start) / 60:.0f} minutes on the boards")
+    print(
+        f"{checks.passed} checks passed, {checks.failed} failed, "
+        f"{(time.monotonic() - start) / 60:.0f} minutes on the boards"
+    )
     return 1 if checks.failed else 0
 
 

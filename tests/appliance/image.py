@@ -16,6 +16,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 # In the order in which they can be loaded, but for what they depend on.
 MODULES = ["crc32c_generic", "virtio_mmio", "virtio_blk", "ext4"]
 
+
 def _depends(module: pathlib.Path) -> list[str]:
     """The names of the modules that this one needs, as it tells itself."""
     found = re.search(rb"\0depends=([^\0]*)\0", module.read_bytes())
@@ -49,8 +50,7 @@ class _Archive:
     def _pad(self) -> None:
         self._out.write(b"\0" * (-self._out.tell() % 4))
 
-    def add(self, name: str, mode: int, content: bytes = b"",
-            device: tuple[int, int] = (0, 0)) -> None:
+    def add(self, name: str, mode: int, content: bytes = b"", device: tuple[int, int] = (0, 0)) -> None:
         self._inode += 1
         named = name.encode() + b"\0"
         numbers = (self._inode, mode, 0, 0, 1, 0, len(content), 0, 0, *device, len(named), 0)
@@ -67,8 +67,10 @@ class _Archive:
 def make_initramfs(path: pathlib.Path, kernel: pathlib.Path) -> None:
     """Writes the initramfs; `kernel` is the unpacked package."""
     init = path.with_name("init")
-    subprocess.run(["arm-linux-gnueabihf-gcc", "-Wall", "-Wextra", "-Werror", "-O2", "-static",
-                    "-o", init, HERE / "init.c"], check=True)
+    subprocess.run(
+        ["arm-linux-gnueabihf-gcc", "-Wall", "-Wextra", "-Werror", "-O2", "-static", "-o", init, HERE / "init.c"],
+        check=True,
+    )
     modules = _in_order(kernel / "lib/modules")
     with contextlib.closing(_Archive(path)) as archive:
         for directory in ("dev", "modules", "root"):
@@ -101,5 +103,6 @@ def furnish(root: pathlib.Path) -> None:
 
 def make_disk(path: pathlib.Path, root: pathlib.Path, megabytes: int) -> None:
     path.unlink(missing_ok=True)
-    subprocess.run(["mkfs.ext4", "-q", "-L", "board", "-d", root, path, f"{megabytes}M"],
-                   check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(
+        ["mkfs.ext4", "-q", "-L", "board", "-d", root, path, f"{megabytes}M"], check=True, stdout=subprocess.DEVNULL
+    )

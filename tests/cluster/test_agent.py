@@ -11,8 +11,13 @@ from tests.lib.private_machine import wait_for
 
 SUCCESS, ERR_GENERIC, ERR_UNIMPLEMENTED, ERR_PERM, ERR_INSTALLED, ERR_CONFIGURED = 0, 1, 3, 4, 5, 6
 NOT_RUNNING, RUNNING_PROMOTED, FAILED_PROMOTED = 7, 8, 9
-MONITOR = {"passive": SUCCESS, "active": RUNNING_PROMOTED, "none": NOT_RUNNING,
-           "killed passive": NOT_RUNNING, "killed active": FAILED_PROMOTED}
+MONITOR = {
+    "passive": SUCCESS,
+    "active": RUNNING_PROMOTED,
+    "none": NOT_RUNNING,
+    "killed passive": NOT_RUNNING,
+    "killed active": FAILED_PROMOTED,
+}
 
 
 def bring(node, state):
@@ -37,12 +42,15 @@ def test_the_standards_tool_finds_nothing(node):
 
 
 @pytest.mark.parametrize("state", MONITOR)
-@pytest.mark.parametrize("action, code, after", [
-    ("start", SUCCESS, ["passive"]),
-    ("demote", SUCCESS, ["passive"]),
-    ("promote", SUCCESS, ["active"]),
-    ("stop", SUCCESS, []),
-])
+@pytest.mark.parametrize(
+    "action, code, after",
+    [
+        ("start", SUCCESS, ["passive"]),
+        ("demote", SUCCESS, ["passive"]),
+        ("promote", SUCCESS, ["active"]),
+        ("stop", SUCCESS, []),
+    ],
+)
 def test_an_action_leads_to_its_role_from_every_state(node, state, action, code, after):
     bring(node, state)
     before = node.daemon_pid()
@@ -69,8 +77,7 @@ def test_what_was_demoted_does_not_fail_as_promoted(node):
 
 
 def test_a_start_ends_when_the_jobs_are_loaded(node):
-    node.jobs(*({"name": f"job-{i}", "user": "root", "period": "daily", "cmd": RECORD}
-                for i in range(300)))
+    node.jobs(*({"name": f"job-{i}", "user": "root", "period": "daily", "cmd": RECORD} for i in range(300)))
     for action in "start", "promote":
         node.path(node.RUNTIME_FILE).unlink(missing_ok=True)
         assert node.agent(action) == SUCCESS
@@ -103,18 +110,29 @@ time.sleep(1000)
 """
 
 
-@pytest.mark.parametrize("name, user, lock, believed", [
-    ("kestcrond", "root", True, True),
-    ("kestcrond", "root", False, False),
-    ("kestcrond", "nobody", True, False),
-    ("other", "root", True, False),
-])
+@pytest.mark.parametrize(
+    "name, user, lock, believed",
+    [
+        ("kestcrond", "root", True, True),
+        ("kestcrond", "root", False, False),
+        ("kestcrond", "nobody", True, False),
+        ("other", "root", True, False),
+    ],
+)
 def test_who_is_believed_to_be_the_daemon(node, name, user, lock, believed):
     """One of that name, of root's, that holds the pid file."""
     node.write(f"/tmp/{name}", node.path("/usr/bin/python3").resolve().read_bytes(), 0o755)
     node.write(node.PID_FILE, "", 0o666)
-    node.popen("/usr/bin/setpriv", "--reuid", user, "--clear-groups", f"/tmp/{name}", "-c", LOCK,
-               env={"PYTHONHOME": "/usr", **({"lock": "1"} if lock else {})})
+    node.popen(
+        "/usr/bin/setpriv",
+        "--reuid",
+        user,
+        "--clear-groups",
+        f"/tmp/{name}",
+        "-c",
+        LOCK,
+        env={"PYTHONHOME": "/usr", **({"lock": "1"} if lock else {})},
+    )
     wait_for(lambda: node.exists("/tmp/ready"), what="the impostor")
     pid = next(pid for pid, process in node.processes().items() if process["name"] == name)
     node.path(node.PID_FILE).write_text(f"{pid}\n")
@@ -145,11 +163,13 @@ def test_what_was_launched_goes_on(node):
     node.write("/usr/local/bin/long", "#!/bin/sh\nexec sleep 600\n", 0o755)
     every = {"user": "root", "period": "crontab", "crontab": "* * * * *"}
     # To the daemon's clock 300 seconds are five real ones.
-    node.jobs({**every, "name": "a-long", "cmd": "/usr/local/bin/long"},
-              {**every, "name": "b-late", "cmd": RECORD}, max_delay=300)
+    node.jobs(
+        {**every, "name": "a-long", "cmd": "/usr/local/bin/long"},
+        {**every, "name": "b-late", "cmd": RECORD},
+        max_delay=300,
+    )
     bring(node, "active")
-    running = lambda: [pid for pid, process in node.processes().items()
-                       if process["name"] == "sleep"]
+    running = lambda: [pid for pid, process in node.processes().items() if process["name"] == "sleep"]
     wait_for(running, what="a run")
     waiting = wait_for(lambda: set(node.daemons()) - {node.daemon_pid()}, what="a delayed launch")
     assert node.agent("demote") == SUCCESS

@@ -90,16 +90,22 @@ class Pair:
     def wait_for_active(self, since, seconds):
         """Waits until a node that was not is seen to run an active daemon after `since`; returns
         its name and when that began."""
+
         def found():
-            return [(name, first) for name, spans in self.witness.active.items()
-                    for first, _ in spans[-1:] if first > since]
+            return [
+                (name, first) for name, spans in self.witness.active.items() for first, _ in spans[-1:] if first > since
+            ]
+
         return wait_for(found, seconds, "a daemon in active mode")[0]
 
     def wait_for_runs(self, job, *names, count=3):
         """Waits for further runs of a job on the nodes named."""
         before = {name: len(self.nodes[name].runs(job)) for name in names}
-        wait_for(lambda: all(len(self.nodes[name].runs(job)) >= before[name] + count
-                             for name in names), 60, f"runs of {job} on {names}")
+        wait_for(
+            lambda: all(len(self.nodes[name].runs(job)) >= before[name] + count for name in names),
+            60,
+            f"runs of {job} on {names}",
+        )
 
     def spans_of_the_agent(self, name):
         """From when to when the node was the active one by what its agent said, in seconds."""
@@ -117,37 +123,51 @@ class Pair:
     def starts(self, name):
         """When the daemon was started on a node, and in which mode."""
         lines = (self.nodes[name].shared / "starts").read_text().splitlines()
-        return [(float(line.split()[0]), "passive" if "--passive-mode" in line else "active")
-                for line in lines]
+        return [(float(line.split()[0]), "passive" if "--passive-mode" in line else "active") for line in lines]
 
 
 @pytest.fixture(scope="module")
 def pair(request, tmp_path_factory):
     begin = time.time()
-    nodes = {name: Node(request.config.getoption("--daemon"), name, tmp_path_factory.mktemp(name))
-             for name in ADDRESSES}
+    nodes = {
+        name: Node(request.config.getoption("--daemon"), name, tmp_path_factory.mktemp(name)) for name in ADDRESSES
+    }
     with nodes["one"], nodes["two"]:
-        subprocess.run(["ip", "link", "add", "pair", "netns", str(nodes["one"].init), "type",
-                        "veth", "peer", "name", "pair", "netns", str(nodes["two"].init)],
-                       check=True)
+        subprocess.run(
+            [
+                "ip",
+                "link",
+                "add",
+                "pair",
+                "netns",
+                str(nodes["one"].init),
+                "type",
+                "veth",
+                "peer",
+                "name",
+                "pair",
+                "netns",
+                str(nodes["two"].init),
+            ],
+            check=True,
+        )
         for name, node in nodes.items():
-            node.run("/usr/sbin/ip", "address", "add", f"{ADDRESSES[name]}/24", "dev", "pair",
-                     check=True)
+            node.run("/usr/sbin/ip", "address", "add", f"{ADDRESSES[name]}/24", "dev", "pair", check=True)
             node.run("/usr/sbin/ip", "link", "set", "pair", "up", check=True)
             node.set_clock("2026-06-02 02:10:10", begin)
-            node.jobs({**EVERY_MINUTE, "name": "alone"},
-                      {**EVERY_MINUTE, "name": "everywhere", "run_on_passive": True},
-                      {**EVERY_MINUTE, "name": "rare", "crontab": "0,1 * * * *"})
+            node.jobs(
+                {**EVERY_MINUTE, "name": "alone"},
+                {**EVERY_MINUTE, "name": "everywhere", "run_on_passive": True},
+                {**EVERY_MINUTE, "name": "rare", "crontab": "0,1 * * * *"},
+            )
             node.start_cluster(ADDRESSES, ADDRESSES.values())
         witness = Witness(nodes)
         witness.start()
         one = nodes["one"]
         wait_for(lambda: set(one.status()) == set(ADDRESSES), 90, "both nodes online")
         # Nobody to call for help: a node that is gone here was killed by the test.
-        one.run("/usr/sbin/crm_attribute", "--name", "stonith-enabled", "--update", "false",
-                check=True)
-        one.run("/usr/sbin/cibadmin", "--create", "--scope", "resources", "--xml-text", CLONE,
-                check=True)
+        one.run("/usr/sbin/crm_attribute", "--name", "stonith-enabled", "--update", "false", check=True)
+        one.run("/usr/sbin/cibadmin", "--create", "--scope", "resources", "--xml-text", CLONE, check=True)
         yield Pair(nodes, witness)
         witness.ended.set()
         witness.join()
@@ -160,15 +180,16 @@ def changes_in(names):
 @pytest.fixture
 def record_figure(capsys):
     """Prints what was measured."""
+
     def record(what, seconds):
         with capsys.disabled():
             print(f"\n    {what}: {seconds:.2f} s", end="")
+
     return record
 
 
 def test_one_node_becomes_the_active_one(pair):
-    wait_for(lambda: sorted(pair.nodes["one"].status().values()) == ["Promoted", "Unpromoted"], 60,
-             "a promoted node")
+    wait_for(lambda: sorted(pair.nodes["one"].status().values()) == ["Promoted", "Unpromoted"], 60, "a promoted node")
     active = pair.promoted()
     passive = "two" if active == "one" else "one"
     assert set(pair.nodes[active].modes().values()) == {"active"}
@@ -184,8 +205,12 @@ def test_the_role_moves_by_request(pair, record_figure):
     wait_for(lambda: pair.nodes[old].runs("rare"), 90, "a full hour")
     assert not pair.nodes[new].runs("rare")
     begin = time.time()
-    assert pair.nodes[old].run("/usr/sbin/crm_resource", "--resource", "kestcrond-clone", "--move",
-                               "--promoted", "--node", new).returncode == 0
+    assert (
+        pair.nodes[old]
+        .run("/usr/sbin/crm_resource", "--resource", "kestcrond-clone", "--move", "--promoted", "--node", new)
+        .returncode
+        == 0
+    )
     name, moved = pair.wait_for_active(begin, 60)
     assert name == new
     record_figure("move by request", moved - begin)
@@ -230,8 +255,7 @@ def test_at_no_moment_were_both_active(pair, record_figure):
     witness = pair.witness
     assert not witness.both
     record_figure("longest time between two looks of the witness", witness.longest_gap)
-    spans = sorted((first, last, name) for name, found in witness.active.items()
-                   for first, last in found)
+    spans = sorted((first, last, name) for name, found in witness.active.items() for first, last in found)
     assert len(spans) >= 4 and {name for *_, name in spans} == {"one", "two"}
     for (_, end, _), (begin, _, _) in zip(spans, spans[1:]):
         assert end < begin
@@ -244,8 +268,7 @@ def test_at_no_moment_were_both_active(pair, record_figure):
     # Between a start in active mode and the next start on that node there is none on the other, if
     # it was not killed.
     active = set()
-    for at, mode, name in sorted((at, mode, name) for name in pair.nodes
-                                 for at, mode in pair.starts(name)):
+    for at, mode, name in sorted((at, mode, name) for name in pair.nodes for at, mode in pair.starts(name)):
         active -= {other for other, node in pair.nodes.items() if node.killed and node.killed < at}
         active = active | {name} if mode == "active" else active - {name}
         assert len(active) <= 1, (at, name)
@@ -254,16 +277,16 @@ def test_at_no_moment_were_both_active(pair, record_figure):
     for job in "alone", "rare":
         for name, node in pair.nodes.items():
             for at in node.runs(job):
-                assert any(first - 1 < at < last + 1 for first, last in witness.active[name]), (
-                    job, name, at, spans)
-    turns = [name for _, name in sorted((at, name) for name, node in pair.nodes.items()
-                                        for at in node.runs("alone"))]
+                assert any(first - 1 < at < last + 1 for first, last in witness.active[name]), (job, name, at, spans)
+    turns = [name for _, name in sorted((at, name) for name, node in pair.nodes.items() for at in node.runs("alone"))]
     assert changes_in(turns) == changes_in([name for *_, name in spans]) >= 2
 
 
 def test_the_marked_job_ran_on_both_all_the_time(pair):
     for name, node in pair.nodes.items():
-        passive = [at for at in node.runs("everywhere")
-                   if not any(first - 1 < at < last + 1
-                              for first, last in pair.witness.active[name])]
+        passive = [
+            at
+            for at in node.runs("everywhere")
+            if not any(first - 1 < at < last + 1 for first, last in pair.witness.active[name])
+        ]
         assert len(passive) >= 3, name

@@ -46,7 +46,8 @@ class Appliance(PrivateMachine):
             self.write("/usr/lib/arm-linux-gnueabihf/faketime/libfaketime.so.1", clock.read_bytes())
         self.environment.update(
             ASAN_OPTIONS="verify_asan_link_order=0:log_path=/tmp/sanitizer",
-            UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer")
+            UBSAN_OPTIONS="print_stacktrace=1:log_path=/tmp/sanitizer",
+        )
         return self
 
     def is_sanitized(self):
@@ -69,8 +70,7 @@ class Appliance(PrivateMachine):
 
     def template(self, crontab="~ ~ ~ ~ ~", **members):
         """Puts a persistent schedule template in place."""
-        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-                  "crontab": crontab}
+        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab", "crontab": crontab}
         self.write(PERSISTENT_TEMPLATE, json.dumps({"config": config, **members}))
 
     def drawn(self, **fields):
@@ -106,10 +106,19 @@ class Appliance(PrivateMachine):
         variables = [f"--env={name}={value}" for name, value in self.environment.items()]
         # The tracer is no parent of the daemon. Leak detection would need to trace it itself.
         return self.popen(
-            "/usr/bin/strace", "-D", "-f", "-qq", *options, *variables,
-            f"--env=ASAN_OPTIONS={self.environment['ASAN_OPTIONS']}:detect_leaks=0", self.DAEMON,
-            env={"LD_PRELOAD": ""}, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL).wait(60)
+            "/usr/bin/strace",
+            "-D",
+            "-f",
+            "-qq",
+            *options,
+            *variables,
+            f"--env=ASAN_OPTIONS={self.environment['ASAN_OPTIONS']}:detect_leaks=0",
+            self.DAEMON,
+            env={"LD_PRELOAD": ""},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        ).wait(60)
 
     def reload(self):
         """Asks for a reload and waits until it is over."""
@@ -142,8 +151,7 @@ class Appliance(PrivateMachine):
 
 def every_minute(name, **members):
     """A definition that is due in every minute."""
-    return {"name": name, "user": "root", "period": "crontab", "crontab": "* * * * *",
-            "cmd": RECORD, **members}
+    return {"name": name, "user": "root", "period": "crontab", "crontab": "* * * * *", "cmd": RECORD, **members}
 
 
 def never(name, **members):

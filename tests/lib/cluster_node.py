@@ -105,16 +105,22 @@ class Node(PrivateMachine):
     def set_clock(self, clock, begin):
         """The daemon's clock stands at `clock` when the real one stands at `begin`."""
         seconds = int(subprocess.check_output(["date", "-d", clock, "+%s"]))
-        self.write(self.STARTED, STARTER.format(
-            library=FAKETIME_LIBRARY, clock=seconds, begin=int(begin), rate=RATE,
-            daemon=self.DAEMON), 0o755)
+        self.write(
+            self.STARTED,
+            STARTER.format(library=FAKETIME_LIBRARY, clock=seconds, begin=int(begin), rate=RATE, daemon=self.DAEMON),
+            0o755,
+        )
 
     def jobs(self, *definitions, max_delay=0):
         self.write("/usr/local/etc/kestcron.d/pair.conf", json.dumps(definitions))
-        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-                  "crontab": "~ ~ ~ ~ ~"}
-        self.write("/usr/kest/etc/kestcrond.st.config",
-                   json.dumps({"config": config, "maxDelay": max_delay}))
+        config = {
+            "name": "scheduleTemplate",
+            "user": "root",
+            "cmd": "true",
+            "period": "crontab",
+            "crontab": "~ ~ ~ ~ ~",
+        }
+        self.write("/usr/kest/etc/kestcrond.st.config", json.dumps({"config": config, "maxDelay": max_delay}))
 
     def runs(self, job):
         """When the job ran here, in real time."""
@@ -126,9 +132,16 @@ class Node(PrivateMachine):
     def agent(self, action, timeout=20, **meta):
         """Runs an action of the agent as a cluster would; returns its exit code."""
         variables = {f"OCF_RESKEY_CRM_meta_{key}": value for key, value in meta.items()}
-        return self.run(INSTALLED_AGENT, action, env={
-            "OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": "kestcrond",
-            "OCF_RESKEY_CRM_meta_timeout": timeout * 1000, **variables}).returncode
+        return self.run(
+            INSTALLED_AGENT,
+            action,
+            env={
+                "OCF_ROOT": "/usr/lib/ocf",
+                "OCF_RESOURCE_INSTANCE": "kestcrond",
+                "OCF_RESKEY_CRM_meta_timeout": timeout * 1000,
+                **variables,
+            },
+        ).returncode
 
     def start_by_hand(self, *options):
         self.run(self.STARTED, *options, check=True)
@@ -140,8 +153,7 @@ class Node(PrivateMachine):
         form = re.compile(r"<\d+>(\w+ +\d+ [\d:]+) kestcrond\(kestcrond\)\[\d+\]: +\w+: (.*)")
         lines = [form.match(datagram) for datagram in list(self._datagrams)]
         year = time.strftime("%Y ")
-        return [(time.mktime(time.strptime(year + line[1], "%Y %b %d %H:%M:%S")), line[2])
-                for line in lines if line]
+        return [(time.mktime(time.strptime(year + line[1], "%Y %b %d %H:%M:%S")), line[2]) for line in lines if line]
 
     def modes(self):
         """The mode of each running process of the daemon, the daemon itself and its children."""
@@ -162,18 +174,27 @@ class Node(PrivateMachine):
 
     def start_cluster(self, names, addresses):
         nodes = "".join(
-            f"    node {{\n        ring0_addr: {address}\n        name: {name}\n"
-            f"        nodeid: {number}\n    }}\n"
-            for number, (name, address) in enumerate(zip(names, addresses), 1))
+            f"    node {{\n        ring0_addr: {address}\n        name: {name}\n" f"        nodeid: {number}\n    }}\n"
+            for number, (name, address) in enumerate(zip(names, addresses), 1)
+        )
         self.write("/etc/corosync/corosync.conf", COROSYNC.format(nodes=nodes))
-        self.run("/usr/bin/install", "-d", "-o", "hacluster", "-g", "haclient", "-m", "0770",
-                 "/var/log/pacemaker", "/run/crm", check=True)
+        self.run(
+            "/usr/bin/install",
+            "-d",
+            "-o",
+            "hacluster",
+            "-g",
+            "haclient",
+            "-m",
+            "0770",
+            "/var/log/pacemaker",
+            "/run/crm",
+            check=True,
+        )
         self.run("/bin/sh", "-c", "rm -f /var/lib/pacemaker/cib/* /var/lib/corosync/*", check=True)
-        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL,
-                 "stderr": subprocess.DEVNULL}
+        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         self.popen("/usr/sbin/corosync", "-f", **quiet)
-        self.popen("/bin/sh", "-c", "until corosync-cfgtool -s; do sleep 0.2; done; "
-                   "exec pacemakerd", **quiet)
+        self.popen("/bin/sh", "-c", "until corosync-cfgtool -s; do sleep 0.2; done; " "exec pacemakerd", **quiet)
 
     def cluster(self, *command):
         """Runs a command of the cluster's and returns what it says; empty when it fails."""
@@ -186,8 +207,9 @@ class Node(PrivateMachine):
         text = self.cluster("/usr/sbin/crm_mon", "--one-shot", "--output-as=xml")
         online = re.findall(r'<node name="(\w+)"[^>]* online="true"', text)
         roles = dict.fromkeys(online, "")
-        for role, inner in re.findall(r'<resource id="kestcrond"[^>]* role="(\w+)"[^>]*>(.*?)'
-                                      r"</resource>", text, re.DOTALL):
+        for role, inner in re.findall(
+            r'<resource id="kestcrond"[^>]* role="(\w+)"[^>]*>(.*?)' r"</resource>", text, re.DOTALL
+        ):
             for name in re.findall(r'<node name="(\w+)"', inner):
                 roles[name] = role
         return roles

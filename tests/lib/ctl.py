@@ -25,8 +25,14 @@ class Ctl:
         the simulated clock has files that only root can open."""
         become = ["/usr/bin/setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
         clock = {"LD_PRELOAD": ""} if user else {}
-        return self._machine.run(*(become if user else []), TOOL, *arguments,
-                                 env={"LC_ALL": "C.UTF-8", **clock, **(env or {})}, timeout=timeout, **options)
+        return self._machine.run(
+            *(become if user else []),
+            TOOL,
+            *arguments,
+            env={"LC_ALL": "C.UTF-8", **clock, **(env or {})},
+            timeout=timeout,
+            **options,
+        )
 
     def json(self, *arguments, **options):
         """Returns the exit status and the JSON output. Standard error must be empty."""
@@ -39,8 +45,13 @@ class Ctl:
         ours, theirs = os.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
         process = self._machine.popen(
-            TOOL, *arguments, env={"LC_ALL": "C.UTF-8", "TERM": "linux", **(env or {})},
-            stdin=subprocess.DEVNULL, stdout=theirs, stderr=subprocess.PIPE)
+            TOOL,
+            *arguments,
+            env={"LC_ALL": "C.UTF-8", "TERM": "linux", **(env or {})},
+            stdin=subprocess.DEVNULL,
+            stdout=theirs,
+            stderr=subprocess.PIPE,
+        )
         os.close(theirs)
         text = b""
         while True:

@@ -33,10 +33,12 @@ DROPPED_IN_JOB = "pkg_nonroot-weather-storm-default"
 PASSIVE_JOB = "pkg-vault-mirror"
 ASSURED_JOB = "pkg-vault-verify"
 ACCOUNTS = {"system": 901, "vault": 2001, "photos": 2002, "weather": 2003}
-OWNERS = {"/usr/local/etc/kestcron_nonroot.d/photos": "photos",
-          "/usr/local/etc/kestcron_nonroot.d/weather": "weather",
-          "/usr/local/var/photos": "photos",
-          "/usr/local/var/vault": "vault"}
+OWNERS = {
+    "/usr/local/etc/kestcron_nonroot.d/photos": "photos",
+    "/usr/local/etc/kestcron_nonroot.d/weather": "weather",
+    "/usr/local/var/photos": "photos",
+    "/usr/local/var/vault": "vault",
+}
 
 JOB_LOG = "/var/log/jobs.log"
 PERSISTENT_FILE = "/usr/kest/etc/kestcrond.config"
@@ -74,12 +76,12 @@ def heading(text):
 
 # --- What the logs hold --------------------------------------------------------------------------
 
-START_FORM = re.compile(
-    r"\d+-\d+-\d+T([\d:]{8})\S+ running job: (\S+) with command: .* as user (\S+) \((.*)\)")
+START_FORM = re.compile(r"\d+-\d+-\d+T([\d:]{8})\S+ running job: (\S+) with command: .* as user (\S+) \((.*)\)")
 
 
 class Start(NamedTuple):
     """A start in the execution log."""
+
     clock: str
     job: str
     account: str
@@ -106,6 +108,7 @@ class Start(NamedTuple):
 
 class Record(NamedTuple):
     """A line that a job's program wrote."""
+
     clock: str
     job: str
     account: str
@@ -160,6 +163,7 @@ def account_of(config):
 
 # --- The appliance -------------------------------------------------------------------------------
 
+
 class Appliance(PrivateMachine):
     """A machine with the example jobs on it and one clock for all its processes."""
 
@@ -188,8 +192,7 @@ class Appliance(PrivateMachine):
         before = set(shared_memory.iterdir())
         nothing = {name: subprocess.DEVNULL for name in ("stdin", "stdout", "stderr")}
         self.popen("sleep", "infinity", **nothing)  # keeps the clock
-        pair = wait_for(lambda: len(new := set(shared_memory.iterdir()) - before) == 2 and new,
-                        what="the clock")
+        pair = wait_for(lambda: len(new := set(shared_memory.iterdir()) - before) == 2 and new, what="the clock")
         for file in pair:
             file.chmod(0o666)
         memory, semaphore = sorted(file.name.removeprefix("sem.") for file in pair)[::-1]
@@ -224,6 +227,7 @@ class Appliance(PrivateMachine):
 
 # --- The show ------------------------------------------------------------------------------------
 
+
 class Show:
     def __init__(self, appliance):
         self.appliance = appliance
@@ -244,7 +248,7 @@ class Show:
         return value
 
     def show_new_starts(self):
-        new = self.appliance.starts()[len(self.starts):]
+        new = self.appliance.starts()[len(self.starts) :]
         self.starts += new
         for start in new:
             start.show()
@@ -259,8 +263,9 @@ class Show:
         self.start()
         self.pass_the_hour()
         self.drop_a_file_in()
-        self.follow(lambda: self.starts[-1].clock > LAST_MINUTE and self.starts[-1].is_last(), 45,
-                    f"the minute {LAST_MINUTE}")
+        self.follow(
+            lambda: self.starts[-1].clock > LAST_MINUTE and self.starts[-1].is_last(), 45, f"the minute {LAST_MINUTE}"
+        )
         self.ask()
         self.stop()
         self.await_last_jobs()
@@ -272,8 +277,7 @@ class Show:
         self.follow(lambda: self.starts, 10, "the start of a job")
         self.appliance.stop()
         # A start has no rank when nothing else was launched with it.
-        self.came_true["passive"] = all(start.job == PASSIVE_JOB and "job" not in start.note
-                                        for start in self.starts)
+        self.came_true["passive"] = all(start.job == PASSIVE_JOB and "job" not in start.note for start in self.starts)
         print(paint(DIM, "  Stopped. Then it is switched off for nine days."))
 
     def start(self):
@@ -284,33 +288,44 @@ class Show:
         self.appliance.set_clock(ACTIVE_START)
         self.appliance.start_and_wait()
         self.came_true["kept"] = self.draws() == {
-            "template": template["schedule"], **{name: job["schedule"] for name, job in jobs.items()}}
+            "template": template["schedule"],
+            **{name: job["schedule"] for name, job in jobs.items()},
+        }
         self.show_jobs()
         heading("what starts: time, job, account, state, rank, delay")
-        print(paint(DIM, "  Ready: its minute has come. AssureExecute: it has not run for too "
-                         "long.\n  2/5: the second of five that start together, each "
-                         f"{MAX_DELAY} s after the one before.\n"))
+        print(
+            paint(
+                DIM,
+                "  Ready: its minute has come. AssureExecute: it has not run for too "
+                "long.\n  2/5: the second of five that start together, each "
+                f"{MAX_DELAY} s after the one before.\n",
+            )
+        )
 
     def draws(self):
         template = self.appliance.document(self.appliance.RUNTIME_TEMPLATE)
         jobs = self.appliance.jobs()
-        return {"template": template.get("schedule"),
-                **{name: job["schedule"] for name, job in jobs.items()}}
+        return {"template": template.get("schedule"), **{name: job["schedule"] for name, job in jobs.items()}}
 
     def show_jobs(self):
         for name, job in self.appliance.jobs().items():
             mark = "~" if is_drawn(job["config"]) else " "
             print(f"  {name:<34} {account_of(job['config']):<8} {mark} {in_words(job['schedule'])}")
         shared = {key: values[0] for key, values in self.draws()["template"].items()}
-        print(paint(DIM, "  ~ drawn at random. Shared by all jobs that it fits: minute {Minute}, "
-                         "hour {hour},\n    day {day}, month {month}, weekday {0}."
-                    .format(WEEKDAYS[shared["week"]], **shared)))
+        print(
+            paint(
+                DIM,
+                "  ~ drawn at random. Shared by all jobs that it fits: minute {Minute}, "
+                "hour {hour},\n    day {day}, month {month}, weekday {0}.".format(WEEKDAYS[shared["week"]], **shared),
+            )
+        )
 
     def pass_the_hour(self):
         appliance = self.appliance
         before, version = self.draws(), appliance.version(appliance.RUNTIME_TEMPLATE)
-        self.follow(lambda: appliance.version(appliance.RUNTIME_TEMPLATE) != version, 30,
-                    "the redraw at the top of the hour")
+        self.follow(
+            lambda: appliance.version(appliance.RUNTIME_TEMPLATE) != version, 30, "the redraw at the top of the hour"
+        )
         clock = appliance.time_of_day()
         after = self.draws()
         minutes = {name: (before[name]["Minute"], after[name]["Minute"]) for name in before}
@@ -318,10 +333,10 @@ class Show:
         self.event(f"the minute is drawn anew: {old[0]} → {new[0]}")
         for name, (job_old, job_new) in minutes.items():
             if job_old != job_new:
-                print(f"            {name:<34} {' '.join(map(str, job_old))} → "
-                      f"{' '.join(map(str, job_new))}")
-        shared = all(after[name]["Minute"] == new for name, job in appliance.jobs().items()
-                     if shares_minute(job["config"]))
+                print(f"            {name:<34} {' '.join(map(str, job_old))} → " f"{' '.join(map(str, job_new))}")
+        shared = all(
+            after[name]["Minute"] == new for name, job in appliance.jobs().items() if shares_minute(job["config"])
+        )
         # One draw in sixty is what it was before; that of all jobs together hardly ever is.
         self.came_true["redrawn"] = clock[:5] == TOP_OF_HOUR and before != after and shared
 
@@ -337,14 +352,14 @@ class Show:
         """What the operator's tool has to say at this moment."""
         told = {}
         for command in ("status", "list", "next -n 8", "timeline --hours 6", "log -n 3"):
-            result = self.appliance.run("kestcronctl", *command.split(),
-                                        env={"LC_ALL": "C.UTF-8"})
+            result = self.appliance.run("kestcronctl", *command.split(), env={"LC_ALL": "C.UTF-8"})
             told[command] = result.stdout
             print(paint(YELLOW, f"\n  $ kestcronctl {command}"))
             print(textwrap.indent(result.stdout, "  "), end="")
         print()
         self.came_true["told"] = "running as process" in told["status"] and all(
-            job in told["list"] for job in self.appliance.jobs())
+            job in told["list"] for job in self.appliance.jobs()
+        )
 
     def starts_of(self, job):
         return [start for start in self.starts if start.job == job]
@@ -355,20 +370,20 @@ class Show:
         before = [appliance.version(document) for document in documents]
         self.event("SIGTERM")
         appliance.stop()
-        written = all(appliance.version(document) != version
-                      for document, version in zip(documents, before))
+        written = all(appliance.version(document) != version for document, version in zip(documents, before))
         kept = appliance.jobs(PERSISTENT_FILE)
         complete = kept.keys() == appliance.jobs().keys() and DROPPED_IN_JOB in kept
         gone = not appliance.exists(appliance.PID_FILE)
-        self.event(f"ended; pid file {'gone' if gone else 'still there'}, "
-                   f"{len(kept)} jobs kept for the next start")
+        self.event(f"ended; pid file {'gone' if gone else 'still there'}, " f"{len(kept)} jobs kept for the next start")
         self.came_true["stopped"] = written and complete and gone
 
     def await_last_jobs(self):
         prefixes = ("kestcrond", "builtin-", "pkg-", "pkg_nonroot-")
-        wait_for(lambda: not any(process["name"].startswith(prefixes)
-                                 for process in self.appliance.processes().values()),
-                 10, "the end of the last jobs")
+        wait_for(
+            lambda: not any(process["name"].startswith(prefixes) for process in self.appliance.processes().values()),
+            10,
+            "the end of the last jobs",
+        )
         self.show_new_starts()
 
     def check_runs(self):
@@ -377,13 +392,14 @@ class Show:
         records = appliance.records()
         for user in ("root", "system", "package"):
             ran = [record for record in records if jobs.get(record.job, {}).get("user") == user]
-            self.came_true[user] = bool(ran) and all(
-                record.account == account_of(jobs[record.job]) for record in ran)
+            self.came_true[user] = bool(ran) and all(record.account == account_of(jobs[record.job]) for record in ran)
         recorded = Counter((record.job, record.account) for record in records)
         self.came_true["recorded"] = bool(records) and recorded == Counter(
-            (start.job, start.account) for start in self.starts)
+            (start.job, start.account) for start in self.starts
+        )
         self.came_true["assured"] = recorded.keys() >= {(ASSURED_JOB, "vault")} and [
-            start.note["state"] for start in self.starts_of(ASSURED_JOB)] == ["AssureExecute"]
+            start.note["state"] for start in self.starts_of(ASSURED_JOB)
+        ] == ["AssureExecute"]
         self.came_true["dropped"] = (DROPPED_IN_JOB, "weather") in recorded
         self.came_true["silent"] = bool(records) and not appliance.failures()
 

@@ -13,8 +13,7 @@ from tests.lib.stepped_machine import WITNESS
 KEYS = ["Minute", "hour", "day", "month", "week"]
 BOUNDS = [(0, 59), (0, 23), (1, 31), (1, 12), (0, 6)]
 ACCOUNTS = {"alice": 2001, "bob": 2002, "system": 2003}
-ZONES = ["UTC", "UTC", "UTC", "Europe/Berlin", "America/New_York", "Asia/Kolkata",
-         "Australia/Lord_Howe"]
+ZONES = ["UTC", "UTC", "UTC", "Europe/Berlin", "America/New_York", "Asia/Kolkata", "Australia/Lord_Howe"]
 MISSING = object()
 
 
@@ -27,6 +26,7 @@ class Members(list):
 
 
 # --- JSON ----------------------------------------------------------------------------------------
+
 
 class Writer:
     """Writes JSON in one of the ways in which people and programs write it."""
@@ -47,12 +47,14 @@ class Writer:
             return self.quoted(value)
         if isinstance(value, (dict, Members)):
             pairs = value.items() if isinstance(value, dict) else value
-            return self.between(b"{", [self.quoted(name) + self.colon.encode()
-                                       + self.write(member, depth + 1)
-                                       for name, member in pairs], b"}", depth)
+            return self.between(
+                b"{",
+                [self.quoted(name) + self.colon.encode() + self.write(member, depth + 1) for name, member in pairs],
+                b"}",
+                depth,
+            )
         if isinstance(value, (list, tuple)):
-            return self.between(b"[", [self.write(element, depth + 1) for element in value], b"]",
-                                depth)
+            return self.between(b"[", [self.write(element, depth + 1) for element in value], b"]", depth)
         return json.dumps(value).encode()
 
     def quoted(self, text):
@@ -68,8 +70,7 @@ class Writer:
             return begin + b", ".join(pieces) + end
         line = b"\n" + (self.indent * (depth + 1)).encode()
         comment = b" // as it was" if self.comments else b""
-        return begin + comment + line + (b"," + line).join(pieces) + b"\n" + \
-            (self.indent * depth).encode() + end
+        return begin + comment + line + (b"," + line).join(pieces) + b"\n" + (self.indent * depth).encode() + end
 
 
 def parsed(text):
@@ -80,17 +81,69 @@ def parsed(text):
         return MISSING
 
 
-ODD = [None, True, False, 0, 1, -1, 5, Raw("0.0"), Raw("5.0"), Raw("-0"), Raw("1.5"), Raw("1e2"),
-       Raw("5e-1"), Raw("1e300"), 2147483647, 2147483648, -2147483648, -2147483649, 4294967296,
-       9223372036854775807, 9223372036854775808, -9223372036854775808, -9223372036854775809,
-       18446744073709551615, 18446744073709551616, "", "5", "0", "text", "\u00e4\u20ac\U0001f600",
-       "zero\0byte", "line\nand\ttab", b"\xff\xfe", b"\xc3", b"\\ud800", b"\\ud83d\\ude00",
-       "x" * 80, [], {}, [0], [5, 5], [[]], [{}], {"a": {}}, {"": 0}, {"jobs": {}},
-       [None, True, "x", 1],
-       ["a rather long text in a list"] * 4, [Raw("0.1")] * 30, {"z": 1, "a": [1, {"b": [2, 3]}]},
-       Members([("a", 1), ("a", 2)]), {"zero\0byte": 1}, {"\u00e4": "\u00e4"}, Raw("-1e-7"),
-       Raw("123456789.123456789"), Raw("1.7976931348623157e308"), Raw("5e-324"), Raw("1e5"),
-       Raw("[" * 50 + "]" * 50), Raw("[" * 60 + "]" * 60), Raw('{"a":' * 58 + "1" + "}" * 58)]
+ODD = [
+    None,
+    True,
+    False,
+    0,
+    1,
+    -1,
+    5,
+    Raw("0.0"),
+    Raw("5.0"),
+    Raw("-0"),
+    Raw("1.5"),
+    Raw("1e2"),
+    Raw("5e-1"),
+    Raw("1e300"),
+    2147483647,
+    2147483648,
+    -2147483648,
+    -2147483649,
+    4294967296,
+    9223372036854775807,
+    9223372036854775808,
+    -9223372036854775808,
+    -9223372036854775809,
+    18446744073709551615,
+    18446744073709551616,
+    "",
+    "5",
+    "0",
+    "text",
+    "\u00e4\u20ac\U0001f600",
+    "zero\0byte",
+    "line\nand\ttab",
+    b"\xff\xfe",
+    b"\xc3",
+    b"\\ud800",
+    b"\\ud83d\\ude00",
+    "x" * 80,
+    [],
+    {},
+    [0],
+    [5, 5],
+    [[]],
+    [{}],
+    {"a": {}},
+    {"": 0},
+    {"jobs": {}},
+    [None, True, "x", 1],
+    ["a rather long text in a list"] * 4,
+    [Raw("0.1")] * 30,
+    {"z": 1, "a": [1, {"b": [2, 3]}]},
+    Members([("a", 1), ("a", 2)]),
+    {"zero\0byte": 1},
+    {"\u00e4": "\u00e4"},
+    Raw("-1e-7"),
+    Raw("123456789.123456789"),
+    Raw("1.7976931348623157e308"),
+    Raw("5e-324"),
+    Raw("1e5"),
+    Raw("[" * 50 + "]" * 50),
+    Raw("[" * 60 + "]" * 60),
+    Raw('{"a":' * 58 + "1" + "}" * 58),
+]
 
 
 def odd_value(chance):
@@ -99,38 +152,103 @@ def odd_value(chance):
 
 def broken(chance, good):
     """The content of a file that is not a JSON document, or an unusual one."""
-    special = [b"", b" ", b"\n", b"{", b"[", b"nul", b"null", b"5", b'"text"', b"true", b"[]",
-               b"{}", b"[[]]", b"[[],{},5,null]", b"\xef\xbb\xbf" + good, b"[" * 65 + b"]" * 65,
-               b"[" * 63 + b"]" * 63, b'{"a":' * 70 + b"1" + b"}" * 70, b"[1,]",
-               b"// c\n[] /* d */", b"'x'", b"[1e999]", b"[NaN]", b"null\x00", b"\xff", good + good,
-               good + b"\x00", good + b" x", good[:-1], good[:len(good) // 2],
-               b'"' + b"x" * 3000 + b'"',
-               b"[" + b" " * (1 << 20) + b"]"]
+    special = [
+        b"",
+        b" ",
+        b"\n",
+        b"{",
+        b"[",
+        b"nul",
+        b"null",
+        b"5",
+        b'"text"',
+        b"true",
+        b"[]",
+        b"{}",
+        b"[[]]",
+        b"[[],{},5,null]",
+        b"\xef\xbb\xbf" + good,
+        b"[" * 65 + b"]" * 65,
+        b"[" * 63 + b"]" * 63,
+        b'{"a":' * 70 + b"1" + b"}" * 70,
+        b"[1,]",
+        b"// c\n[] /* d */",
+        b"'x'",
+        b"[1e999]",
+        b"[NaN]",
+        b"null\x00",
+        b"\xff",
+        good + good,
+        good + b"\x00",
+        good + b" x",
+        good[:-1],
+        good[: len(good) // 2],
+        b'"' + b"x" * 3000 + b'"',
+        b"[" + b" " * (1 << 20) + b"]",
+    ]
     if chance.random() < 0.5 or not good:
         return chance.choice(special)
     content = bytearray(good)
     for _ in range(chance.randint(1, 3)):
         at = chance.randrange(len(content) + 1)
-        content[at:at + chance.randint(0, 2)] = \
-            bytes([chance.choice(b"\x00\n\"\\{}[]:,x5-\xc3\xff\x1b")]) * chance.randint(0, 2)
+        content[at : at + chance.randint(0, 2)] = bytes(
+            [chance.choice(b'\x00\n"\\{}[]:,x5-\xc3\xff\x1b')]
+        ) * chance.randint(0, 2)
     return bytes(content)
 
 
 # --- Definitions ---------------------------------------------------------------------------------
 
+
 class Definitions:
     """Definitions of one appliance, many of which are due in the minutes around its present."""
 
     NAMES = ["a", "b", "c", "backup", "report", *(f"j{number}" for number in range(1, 16))]
-    ODD_NAMES = ["", "x y", "\u00e4", "\U0001f600", "l" * 60, "l" * 300, "a-b", "A", "x.conf",
-                 "n", "n\0l", "n\0l", "n\0m", "new\nline", "a/b", "..", "q\"uote", b"\xff\xfe",
-                 "default", "%s%n", "\x1b[1m"]
+    ODD_NAMES = [
+        "",
+        "x y",
+        "\u00e4",
+        "\U0001f600",
+        "l" * 60,
+        "l" * 300,
+        "a-b",
+        "A",
+        "x.conf",
+        "n",
+        "n\0l",
+        "n\0l",
+        "n\0m",
+        "new\nline",
+        "a/b",
+        "..",
+        'q"uote',
+        b"\xff\xfe",
+        "default",
+        "%s%n",
+        "\x1b[1m",
+    ]
     PROGRAMS = [WITNESS] * 12 + ["/srv/link", "/srv/script", "/srv/alices", "/srv/changing"]
-    ODD_PROGRAMS = ["/usr/local/bin/missing", "/srv/dir", "/srv/text", "/srv/empty", "/srv/closed",
-                    "/srv/fifo", "/srv/dangling", "/srv/relative", "/srv/relative", "witness",
-                    "/dev/null", "", "/usr/bin/true",
-                    "/srv/loop", "/srv/alices/x", WITNESS + "\0x", "/etc/passwd", "/" + "n" * 300]
-    WORDS = ["a", "b", "--all", "'c'", "\u00e4", "", "%d", "$HOME", "a" * 70, "\\", "\"", "\t"]
+    ODD_PROGRAMS = [
+        "/usr/local/bin/missing",
+        "/srv/dir",
+        "/srv/text",
+        "/srv/empty",
+        "/srv/closed",
+        "/srv/fifo",
+        "/srv/dangling",
+        "/srv/relative",
+        "/srv/relative",
+        "witness",
+        "/dev/null",
+        "",
+        "/usr/bin/true",
+        "/srv/loop",
+        "/srv/alices/x",
+        WITNESS + "\0x",
+        "/etc/passwd",
+        "/" + "n" * 300,
+    ]
+    WORDS = ["a", "b", "--all", "'c'", "\u00e4", "", "%d", "$HOME", "a" * 70, "\\", '"', "\t"]
 
     def __init__(self, chance, local):
         self.chance = chance
@@ -141,14 +259,14 @@ class Definitions:
         chance = self.chance
         if chance.random() < 0.03:
             return odd_value(chance)
-        definition = {"name": chance.choice(self.NAMES), **self.account(), **self.times(),
-                      **self.command()}
+        definition = {"name": chance.choice(self.NAMES), **self.account(), **self.times(), **self.command()}
         if chance.random() < 0.08:
             definition["name"] = chance.choice(self.ODD_NAMES)
         self.add_settings(definition)
         for _ in range(chance.choice([0, 0, 0, 1, 2])):
-            definition[chance.choice(["comment", "x", "version", "", "\u00e4", "schedule",
-                                      "startup", "cmd_str", "zero\0byte"])] = odd_value(chance)
+            definition[
+                chance.choice(["comment", "x", "version", "", "\u00e4", "schedule", "startup", "cmd_str", "zero\0byte"])
+            ] = odd_value(chance)
         if chance.random() < 0.1:
             self.break_it(definition)
         if chance.random() < 0.2:
@@ -157,22 +275,30 @@ class Definitions:
 
     def account(self):
         return self.chance.choice(
-            [{"user": "root"}] * 8 + [{"user": "system"}] * 4
+            [{"user": "root"}] * 8
+            + [{"user": "system"}] * 4
             + 2 * [{"user": "package", "package_username": name} for name in ("alice", "bob")]
             + [{"user": "packages", "package_username": "bob"}, {"user": "root", "extra": {}}]
-            + [self.chance.choice([{"user": "package", "package_username": "nobody here"},
-                                   {"user": "package"}, {"user": "rooty"}, {"user": "daemon"},
-                                   {"user": "package", "package_username": None},
-                                   {"user": "package", "package_username": "alice\0x"},
-                                   {"user": "package", "package_username": "carol"},
-                                   {"user": "package", "package_username": "carol"}])])
+            + [
+                self.chance.choice(
+                    [
+                        {"user": "package", "package_username": "nobody here"},
+                        {"user": "package"},
+                        {"user": "rooty"},
+                        {"user": "daemon"},
+                        {"user": "package", "package_username": None},
+                        {"user": "package", "package_username": "alice\0x"},
+                        {"user": "package", "package_username": "carol"},
+                        {"user": "package", "package_username": "carol"},
+                    ]
+                )
+            ]
+        )
 
     def times(self):
         if self.chance.random() < 0.35:
-            return {"period": self.chance.choice(["hourly", "daily", "Weekly", "month", "monday",
-                                                  "H", "d", "w", "m"])}
-        return {"period": self.chance.choice(["crontab"] * 5 + ["Cron", "c", "crontabs"]),
-                "crontab": self.crontab()}
+            return {"period": self.chance.choice(["hourly", "daily", "Weekly", "month", "monday", "H", "d", "w", "m"])}
+        return {"period": self.chance.choice(["crontab"] * 5 + ["Cron", "c", "crontabs"]), "crontab": self.crontab()}
 
     # Of the items of a field. A list of many takes more than one line in a document.
     COUNTS = [1] * 9 + [2] * 3 + [4] * 2 + [30]
@@ -183,29 +309,72 @@ class Definitions:
         if kind < 0.3:
             return "* * * * *"
         if kind < 0.33:
-            return chance.choice(["", "* * * *", "* * * * * *", " * * * * *", "* * * * * ",
-                                  "*  * * *", "* * * *\t*", "@daily", "0 0 31 2 *", "* * * * *\n"])
-        return " ".join(",".join(self.item(field) for _ in range(chance.choice(self.COUNTS)))
-                        for field in range(5))
+            return chance.choice(
+                [
+                    "",
+                    "* * * *",
+                    "* * * * * *",
+                    " * * * * *",
+                    "* * * * * ",
+                    "*  * * *",
+                    "* * * *\t*",
+                    "@daily",
+                    "0 0 31 2 *",
+                    "* * * * *\n",
+                ]
+            )
+        return " ".join(",".join(self.item(field) for _ in range(chance.choice(self.COUNTS))) for field in range(5))
 
     def item(self, field):
         chance = self.chance
         lowest, highest = BOUNDS[field]
-        now = (self.local.minute, self.local.hour, self.local.day, self.local.month,
-               (self.local.weekday() + 1) % 7)[field]
+        now = (self.local.minute, self.local.hour, self.local.day, self.local.month, (self.local.weekday() + 1) % 7)[
+            field
+        ]
         near = min(max(now + (chance.randint(0, 5) if field == 0 else 0), lowest), highest)
         if chance.random() < 0.01:
-            return chance.choice([str(highest + 1), "", "x", "1-5", f"{highest}~{lowest}", "-1",
-                                  "1~", f"{lowest}~{highest + 1}", "1~2~3", "99999999999", " ",
-                                  "0x5", "~~", "+-5", "5.0"])
-        return chance.choice(["*", "*", "*", "~", str(near), str(near), f"{lowest}~{highest}",
-                              f"{near}~{near}", f"{lowest}~{near}", f"{near}~{highest}",
-                              str(chance.randint(lowest, highest)), f"+{near}", "*/5", "~9", "*x",
-                              f"0{near}"])
+            return chance.choice(
+                [
+                    str(highest + 1),
+                    "",
+                    "x",
+                    "1-5",
+                    f"{highest}~{lowest}",
+                    "-1",
+                    "1~",
+                    f"{lowest}~{highest + 1}",
+                    "1~2~3",
+                    "99999999999",
+                    " ",
+                    "0x5",
+                    "~~",
+                    "+-5",
+                    "5.0",
+                ]
+            )
+        return chance.choice(
+            [
+                "*",
+                "*",
+                "*",
+                "~",
+                str(near),
+                str(near),
+                f"{lowest}~{highest}",
+                f"{near}~{near}",
+                f"{lowest}~{near}",
+                f"{near}~{highest}",
+                str(chance.randint(lowest, highest)),
+                f"+{near}",
+                "*/5",
+                "~9",
+                "*x",
+                f"0{near}",
+            ]
+        )
 
     def program(self):
-        return self.chance.choice(self.ODD_PROGRAMS if self.chance.random() < 0.05
-                                  else self.PROGRAMS)
+        return self.chance.choice(self.ODD_PROGRAMS if self.chance.random() < 0.05 else self.PROGRAMS)
 
     def command(self):
         chance = self.chance
@@ -214,9 +383,25 @@ class Definitions:
         if chance.random() < 0.5:
             return {"cmd": chance.choice([" ", " ", " ", "  "]).join([program, *words])}
         if chance.random() < 0.3:
-            words += [chance.choice([5, None, True, False, Raw("1.50"), Raw("1e2"), "", b"\xe4",
-                                     "z\0z", 18446744073709551615, -5, Raw("-0.0")])
-                      for _ in range(chance.randint(1, 3))]
+            words += [
+                chance.choice(
+                    [
+                        5,
+                        None,
+                        True,
+                        False,
+                        Raw("1.50"),
+                        Raw("1e2"),
+                        "",
+                        b"\xe4",
+                        "z\0z",
+                        18446744073709551615,
+                        -5,
+                        Raw("-0.0"),
+                    ]
+                )
+                for _ in range(chance.randint(1, 3))
+            ]
         if chance.random() < 0.1:
             words += ["an argument of many"] * chance.randint(3, 40)
         return {"cmd_list": [program, *words], **chance.choice([{}, {}, {"cmd": "x"}, {"cmd": 5}])}
@@ -225,19 +410,44 @@ class Definitions:
         chance = self.chance
         if chance.random() < 0.35:
             definition["assure_execute"] = chance.choice(
-                [0, 1, 1, 2, 48, -1, Raw("1.5"), Raw("0.0"), True, None, 2147483647, -2147483648,
-                 Raw("-3.7"), Raw("2e0")])
+                [
+                    0,
+                    1,
+                    1,
+                    2,
+                    48,
+                    -1,
+                    Raw("1.5"),
+                    Raw("0.0"),
+                    True,
+                    None,
+                    2147483647,
+                    -2147483648,
+                    Raw("-3.7"),
+                    Raw("2e0"),
+                ]
+            )
         if chance.random() < 0.3:
             definition["assure_execute_action"] = chance.choice(["run", "run", "wait", "x", 5, []])
         if chance.random() < 0.3:
-            definition["run_on_passive"] = chance.choice([True, True, False, None, 0, 7,
-                                                          Raw("1.5")])
+            definition["run_on_passive"] = chance.choice([True, True, False, None, 0, 7, Raw("1.5")])
 
     def break_it(self, definition):
         chance = self.chance
-        member = chance.choice(["name", "user", "package_username", "period", "crontab", "cmd",
-                                "cmd_list", "assure_execute", "run_on_passive",
-                                "assure_execute_action"])
+        member = chance.choice(
+            [
+                "name",
+                "user",
+                "package_username",
+                "period",
+                "crontab",
+                "cmd",
+                "cmd_list",
+                "assure_execute",
+                "run_on_passive",
+                "assure_execute_action",
+            ]
+        )
         if chance.random() < 0.35:
             definition.pop(member, None)
         else:
@@ -262,10 +472,12 @@ class Definitions:
         if deed < 0.15:
             pairs.pop(at)
         elif deed < 0.35:
-            pairs.append((chance.choice(["added", "assure_execute", "run_on_passive", "comment",
-                                         "assure_execute_action"]),
-                          chance.choice([0, 1, Raw("0.0"), Raw("0.0"), "run", "wait", False,
-                                         odd_value(chance)])))
+            pairs.append(
+                (
+                    chance.choice(["added", "assure_execute", "run_on_passive", "comment", "assure_execute_action"]),
+                    chance.choice([0, 1, Raw("0.0"), Raw("0.0"), "run", "wait", False, odd_value(chance)]),
+                )
+            )
         elif deed < 0.5:
             pairs[at] = (name, same_but_written_otherwise(chance, value))
         elif deed < 0.6:
@@ -287,8 +499,7 @@ def some_member(chance, pairs):
 def same_but_written_otherwise(chance, value):
     """A value that a careless comparison takes for the same."""
     if value is None or value is False or value == 0:
-        return chance.choice([0, Raw("0.0"), Raw("0.0"), Raw("-0"), Raw("-0.0"), False, None, "",
-                              [], {}])
+        return chance.choice([0, Raw("0.0"), Raw("0.0"), Raw("-0"), Raw("-0.0"), False, None, "", [], {}])
     if value is True:
         return chance.choice([1, Raw("1.0"), True, "true"])
     if isinstance(value, int):
@@ -303,6 +514,7 @@ def same_but_written_otherwise(chance, value):
 
 
 # --- Saved documents -----------------------------------------------------------------------------
+
 
 class Editor:
     """Changes documents that a daemon has saved, as time, people and broken disks do."""
@@ -330,8 +542,7 @@ class Editor:
 
     def edit_template(self, document):
         if self.chance.random() < 0.7:
-            document["maxDelay"] = self.chance.choice(
-                [0, 0, 1, 5, 60, 299, 300, 301, 600, 3600, 100000, self.value()])
+            document["maxDelay"] = self.chance.choice([0, 0, 1, 5, 60, 299, 300, 301, 600, 3600, 100000, self.value()])
         for _ in range(self.chance.choice([0, 1, 1, 2])):
             self.edit_entry(document)
 
@@ -352,11 +563,11 @@ class Editor:
         if deed < 0.03:
             jobs[name] = self.value()
         elif deed < 0.06:
-            jobs[chance.choice([name + "x", "builtin-gone-x", "pkg_nonroot-alice-a-b", "",
-                                name[:-1]])] = jobs.pop(name, None)
+            jobs[chance.choice([name + "x", "builtin-gone-x", "pkg_nonroot-alice-a-b", "", name[:-1]])] = jobs.pop(
+                name, None
+            )
         elif deed < 0.08:
-            jobs[chance.choice([name + "\0x", name + "\0", name.upper()])] = \
-                copy.deepcopy(jobs.get(name))
+            jobs[chance.choice([name + "\0x", name + "\0", name.upper()])] = copy.deepcopy(jobs.get(name))
         elif deed < 0.1:
             jobs[name] = jobs[chance.choice(list(jobs))] if jobs else {}
         elif deed < 0.12:
@@ -374,8 +585,10 @@ class Editor:
         elif deed < 0.63:
             entry[chance.choice(["cmd_list", "cmd_str", "schedule", "config"])] = self.value()
         elif deed < 0.7:
-            entry.pop(chance.choice(["lastExecution", "startup", "expireTime", "cmd_list",
-                                     "cmd_str", "schedule", "config"]), None)
+            entry.pop(
+                chance.choice(["lastExecution", "startup", "expireTime", "cmd_list", "cmd_str", "schedule", "config"]),
+                None,
+            )
         elif deed < 0.87:
             entry[chance.choice(["note", "a", "zz", "", "\u00e4", "zero\0byte"])] = self.value()
         elif isinstance(entry.get("config"), dict):
@@ -385,11 +598,39 @@ class Editor:
         """What may be taken for a time, or not."""
         now = self.now
         return self.chance.choice(
-            [now, now - 60, now - 4000, now - 200000, now + 5000, 0, 5, Raw(f"{now}.0"),
-             Raw(f"{now - 9000}.0"), Raw(f"{now}.5"), str(now), Raw("5.0"), Raw("0.0"), Raw("-0.0"),
-             Raw("0.5"), Raw("1e9"), Raw("1e18"), Raw("1e19"), -5, True, False, None, "5", [now],
-             9223372036854775807, 9223372036854775808, -9223372036854775808, -9223372036854775807,
-             18446744073709551615, self.value()])
+            [
+                now,
+                now - 60,
+                now - 4000,
+                now - 200000,
+                now + 5000,
+                0,
+                5,
+                Raw(f"{now}.0"),
+                Raw(f"{now - 9000}.0"),
+                Raw(f"{now}.5"),
+                str(now),
+                Raw("5.0"),
+                Raw("0.0"),
+                Raw("-0.0"),
+                Raw("0.5"),
+                Raw("1e9"),
+                Raw("1e18"),
+                Raw("1e19"),
+                -5,
+                True,
+                False,
+                None,
+                "5",
+                [now],
+                9223372036854775807,
+                9223372036854775808,
+                -9223372036854775808,
+                -9223372036854775807,
+                18446744073709551615,
+                self.value(),
+            ]
+        )
 
     def edit_config(self, config):
         chance = self.chance
@@ -424,15 +665,30 @@ class Editor:
         chance = self.chance
         if chance.random() < 0.15:
             return self.value()
-        odd = [-1, Raw("-1.0"), Raw("-1.0"), Raw("5.0"), Raw("0.5"), Raw("-1.5"), True, None, "-1",
-               4294967295, -4294967297, self.value()]
+        odd = [
+            -1,
+            Raw("-1.0"),
+            Raw("-1.0"),
+            Raw("5.0"),
+            Raw("0.5"),
+            Raw("-1.5"),
+            True,
+            None,
+            "-1",
+            4294967295,
+            -4294967297,
+            self.value(),
+        ]
         usual = [-1, -1, -1, 0, 1, 2, 5, 12, 31, 59, 60, 63, 64, -2]
-        return [chance.choice(odd if chance.random() < share else usual)
-                for share in [chance.choice([0, 0, 0.5, 0.9])]
-                for _ in range(chance.choice([0, 1, 1, 1, 2, 3, 40]))]
+        return [
+            chance.choice(odd if chance.random() < share else usual)
+            for share in [chance.choice([0, 0, 0.5, 0.9])]
+            for _ in range(chance.choice([0, 1, 1, 1, 2, 3, 40]))
+        ]
 
 
 # --- Appliances ----------------------------------------------------------------------------------
+
 
 class JobFile:
     """A job file: its path, and what is in it."""
@@ -452,10 +708,30 @@ class GeneratedAppliance:
     """What happens on an appliance: `steps`, tuples of the name of a method of Life and its
     arguments, from the second `now` on, in the time of `zone`."""
 
-    FILES = ["a.conf", "b.conf", "c.conf", "a", "b", "dyn-a.conf", "d.conf.bak", "a.conf.conf",
-             "conf", "e-f.conf", "z.conf"]
-    ODD_FILES = [".hidden.conf", ".conf", "x.confx", "\u00e4.conf", "\udcff.conf", "n" * 200,
-                 "con.conff", "%s", "new\nline"]
+    FILES = [
+        "a.conf",
+        "b.conf",
+        "c.conf",
+        "a",
+        "b",
+        "dyn-a.conf",
+        "d.conf.bak",
+        "a.conf.conf",
+        "conf",
+        "e-f.conf",
+        "z.conf",
+    ]
+    ODD_FILES = [
+        ".hidden.conf",
+        ".conf",
+        "x.confx",
+        "\u00e4.conf",
+        "\udcff.conf",
+        "n" * 200,
+        "con.conff",
+        "%s",
+        "new\nline",
+    ]
 
     def __init__(self, seed, number):
         self.chance = random.Random(f"{seed} {number}")
@@ -465,21 +741,27 @@ class GeneratedAppliance:
         self.definitions = Definitions(self.chance, self.local)
         self.files = {}
         self.steps = []
-        self.kind = self.chance.choices(["usual", "a day", "large", "crowded"],
-                                        [0.98, 0.004, 0.014, 0.002])[0]
+        self.kind = self.chance.choices(["usual", "a day", "large", "crowded"], [0.98, 0.004, 0.014, 0.002])[0]
         self.live()
 
     def moment(self):
         """A moment of which little time is left until something is drawn anew, or any other."""
         chance = self.chance
         day = datetime.datetime(2026, 6, 2) + datetime.timedelta(days=chance.randrange(400))
-        minute = chance.choice([chance.randrange(24 * 60), chance.randrange(24) * 60 + 58,
-                                23 * 60 + 58])
+        minute = chance.choice([chance.randrange(24 * 60), chance.randrange(24) * 60 + 58, 23 * 60 + 58])
         if chance.random() < 0.3:
-            day = chance.choice([datetime.datetime(2026, 12, 31), datetime.datetime(2026, 6, 30),
-                                 datetime.datetime(2026, 8, 30), datetime.datetime(2028, 2, 28),
-                                 datetime.datetime(2026, 10, 24), datetime.datetime(2027, 3, 27),
-                                 datetime.datetime(2040, 2, 29), datetime.datetime(2026, 2, 28)])
+            day = chance.choice(
+                [
+                    datetime.datetime(2026, 12, 31),
+                    datetime.datetime(2026, 6, 30),
+                    datetime.datetime(2026, 8, 30),
+                    datetime.datetime(2028, 2, 28),
+                    datetime.datetime(2026, 10, 24),
+                    datetime.datetime(2027, 3, 27),
+                    datetime.datetime(2040, 2, 29),
+                    datetime.datetime(2026, 2, 28),
+                ]
+            )
         moment = day + datetime.timedelta(minutes=minute, seconds=chance.randrange(60))
         return moment.replace(tzinfo=zoneinfo.ZoneInfo(self.zone))
 
@@ -519,8 +801,7 @@ class GeneratedAppliance:
     def cycles(self, count):
         chance = self.chance
         if count:
-            self.steps.append(("cycles", [chance.choice([60] * 20 + [59, 61, 90, 120, 3600])
-                                          for _ in range(count)]))
+            self.steps.append(("cycles", [chance.choice([60] * 20 + [59, 61, 90, 120, 3600]) for _ in range(count)]))
         if chance.random() < 0.05:
             self.steps.append(("set_clock", chance.choice([3600, -3600, 86400, -7200, 30, -90000])))
             self.steps.append(("cycles", [60]))
@@ -536,21 +817,36 @@ class GeneratedAppliance:
         if chance.random() < 0.5:
             self.change()
         if chance.random() < 0.05:
-            self.steps.append(("change", [("remove", chance.choice(
-                [PERSISTENT_FILE, PERSISTENT_TEMPLATE, "/tmp/kestcrond", "/usr/kest/etc"]))]))
+            self.steps.append(
+                (
+                    "change",
+                    [
+                        (
+                            "remove",
+                            chance.choice([PERSISTENT_FILE, PERSISTENT_TEMPLATE, "/tmp/kestcrond", "/usr/kest/etc"]),
+                        )
+                    ],
+                )
+            )
 
     # --- What lies there -------------------------------------------------------------------------
 
     def prepare(self):
         """The programs, and the job files as they are at first."""
         changes = [
-            ("link", "/srv/link", WITNESS), ("link", "/srv/relative", "script"),
-            ("link", "/srv/dangling", "/srv/missing"), ("link", "/srv/loop", "/srv/loop"),
-            ("directory", "/srv/dir", 0o755, 0), ("fifo", "/srv/fifo"),
-            ("write", "/srv/text", b"text\n", 0o755, 0), ("write", "/srv/empty", b"", 0o755, 0),
-            ("script", "/srv/script", 0), ("script", "/srv/changing", 1),
+            ("link", "/srv/link", WITNESS),
+            ("link", "/srv/relative", "script"),
+            ("link", "/srv/dangling", "/srv/missing"),
+            ("link", "/srv/loop", "/srv/loop"),
+            ("directory", "/srv/dir", 0o755, 0),
+            ("fifo", "/srv/fifo"),
+            ("write", "/srv/text", b"text\n", 0o755, 0),
+            ("write", "/srv/empty", b"", 0o755, 0),
+            ("script", "/srv/script", 0),
+            ("script", "/srv/changing", 1),
             ("copy", "/srv/closed", WITNESS, 0o600, 0),
-            ("copy", "/srv/alices", WITNESS, 0o700, ACCOUNTS["alice"])]
+            ("copy", "/srv/alices", WITNESS, 0o700, ACCOUNTS["alice"]),
+        ]
         count = 1 if self.kind == "a day" else self.chance.choice([0, 1, 2, 3, 3, 4, 5, 8])
         for _ in range(count):
             changes += self.fresh_file()
@@ -567,8 +863,7 @@ class GeneratedAppliance:
         source = chance.choice(list(SOURCES))
         directory = SOURCES[source]
         if source == "pkg_nonroot":
-            directory += "/" + chance.choice(["alice", "alice", "alice", "bob", "system", "root",
-                                              ".hidden"])
+            directory += "/" + chance.choice(["alice", "alice", "alice", "bob", "system", "root", ".hidden"])
         names = self.ODD_FILES if chance.random() < 0.08 else self.FILES
         return f"{directory}/{chance.choice(names)}"
 
@@ -577,8 +872,7 @@ class GeneratedAppliance:
         is_single = chance.random() < 0.2
         count = 1 if is_single else chance.choice([0, 1, 2, 3, 4, 5, 6, 8])
         path = self.place()
-        self.files[path] = file = JobFile(path,
-                                          [self.definitions.one() for _ in range(count)], is_single)
+        self.files[path] = file = JobFile(path, [self.definitions.one() for _ in range(count)], is_single)
         return self.written(file)
 
     def large_file(self):
@@ -587,15 +881,25 @@ class GeneratedAppliance:
         path = self.place()
         count = chance.choice([40, 150, 400])
         program = WITNESS if count < 100 else "/nowhere"
-        many = [{"name": f"n{number}", "user": "root", "period": "daily", "cmd": program,
-                 "text": "x" * chance.choice([10, 500, 3000])} for number in range(count)]
+        many = [
+            {
+                "name": f"n{number}",
+                "user": "root",
+                "period": "daily",
+                "cmd": program,
+                "text": "x" * chance.choice([10, 500, 3000]),
+            }
+            for number in range(count)
+        ]
         self.files[path] = file = JobFile(path, many + [self.definitions.one()], False)
         return self.written(file)
 
     def crowd(self):
         """More jobs of one account in every minute than may wait for their starts."""
-        many = [{"name": f"n{number}", "user": "package", "period": "crontab",
-                 "crontab": "* * * * *", "cmd": WITNESS} for number in range(40)]
+        many = [
+            {"name": f"n{number}", "user": "package", "period": "crontab", "crontab": "* * * * *", "cmd": WITNESS}
+            for number in range(40)
+        ]
         path = SOURCES["pkg_nonroot"] + "/alice/crowd.conf"
         self.files[path] = file = JobFile(path, many, False)
         return self.written(file)
@@ -604,49 +908,59 @@ class GeneratedAppliance:
         directory, account = file.path.rpartition("/")[0], 0
         if directory.startswith(SOURCES["pkg_nonroot"]):
             account = ACCOUNTS.get(directory.rpartition("/")[2], 0)
-        return [("directory", directory, 0o755, account),
-                ("write", file.path, file.content(self.chance), 0o644, account)]
+        return [
+            ("directory", directory, 0o755, account),
+            ("write", file.path, file.content(self.chance), 0o644, account),
+        ]
 
     def odd_places(self):
         """What does not belong among job files, now and then."""
         chance = self.chance
         top = SOURCES["pkg_nonroot"]
-        return [change for change in
-                [("directory", top + "/mallory", 0o755, 4242),
-                 ("directory", top + "/bob", 0o000, ACCOUNTS["bob"]),
-                 ("write", top + "/file", b"[]", 0o644, 0),
-                 ("link", top + "/link", top + "/alice"),
-                 ("directory", SOURCES["pkg"] + "/directory.conf", 0o755, 0),
-                 ("fifo", SOURCES["builtin"] + "/fifo.conf"),
-                 ("link", SOURCES["pkg"] + "/link.conf", SOURCES["builtin"] + "/a.conf"),
-                 ("link", SOURCES["pkg"] + "/dangling.conf", "/nowhere"),
-                 *[("write", "/run/kestvorld.status", text, 0o644, 0)
-                   for text in (b"2\n", b"2\n", b"2", b"x")],
-                 ("account", "carol", True),
-                 ("write", "/tmp/kestcrond", b"in the way", 0o644, ACCOUNTS["alice"]),
-                 ("write", SOURCES["builtin-dyn"], b"", 0o644, 0)]
-                if chance.random() < 0.025]
+        return [
+            change
+            for change in [
+                ("directory", top + "/mallory", 0o755, 4242),
+                ("directory", top + "/bob", 0o000, ACCOUNTS["bob"]),
+                ("write", top + "/file", b"[]", 0o644, 0),
+                ("link", top + "/link", top + "/alice"),
+                ("directory", SOURCES["pkg"] + "/directory.conf", 0o755, 0),
+                ("fifo", SOURCES["builtin"] + "/fifo.conf"),
+                ("link", SOURCES["pkg"] + "/link.conf", SOURCES["builtin"] + "/a.conf"),
+                ("link", SOURCES["pkg"] + "/dangling.conf", "/nowhere"),
+                *[("write", "/run/kestvorld.status", text, 0o644, 0) for text in (b"2\n", b"2\n", b"2", b"x")],
+                ("account", "carol", True),
+                ("write", "/tmp/kestcrond", b"in the way", 0o644, ACCOUNTS["alice"]),
+                ("write", SOURCES["builtin-dyn"], b"", 0o644, 0),
+            ]
+            if chance.random() < 0.025
+        ]
 
     def first_documents(self):
         """What an earlier run has saved, as far as it can be told without one."""
         chance = self.chance
         changes = []
         if chance.random() < 0.6 and self.kind != "crowded":
-            config = {"name": "scheduleTemplate", "user": "root", "cmd": "true",
-                      "period": "crontab", "crontab": chance.choice(
-                          ["~ ~ ~ ~ ~", "~ ~ ~ ~ ~", self.definitions.crontab()])}
-            template = {"config": config, "schedule": {
-                key: [chance.randint(*bounds)] for key, bounds in zip(KEYS, BOUNDS)}}
+            config = {
+                "name": "scheduleTemplate",
+                "user": "root",
+                "cmd": "true",
+                "period": "crontab",
+                "crontab": chance.choice(["~ ~ ~ ~ ~", "~ ~ ~ ~ ~", self.definitions.crontab()]),
+            }
+            template = {
+                "config": config,
+                "schedule": {key: [chance.randint(*bounds)] for key, bounds in zip(KEYS, BOUNDS)},
+            }
             text = json.dumps({**template, "maxDelay": chance.choice([0, 0, 0, 1, 60, 300, 600])})
             if chance.random() < 0.3:
-                text = Editor(chance.getrandbits(32), self.now).edit(text, True).decode(
-                    errors="surrogateescape")
-            changes.append(("write", PERSISTENT_TEMPLATE, text.encode(errors="surrogateescape"),
-                            0o644, 0))
+                text = Editor(chance.getrandbits(32), self.now).edit(text, True).decode(errors="surrogateescape")
+            changes.append(("write", PERSISTENT_TEMPLATE, text.encode(errors="surrogateescape"), 0o644, 0))
         if chance.random() < 0.4:
             text = Writer(chance).write({"jobs": self.entries()}).decode(errors="surrogateescape")
-            changes.append(("write", PERSISTENT_FILE,
-                            Editor(chance.getrandbits(32), self.now).edit(text, False), 0o640, 0))
+            changes.append(
+                ("write", PERSISTENT_FILE, Editor(chance.getrandbits(32), self.now).edit(text, False), 0o640, 0)
+            )
         if changes:
             self.steps.append(("change", changes))
 
@@ -655,20 +969,29 @@ class GeneratedAppliance:
         chance = self.chance
         entries = {}
         for file in self.files.values():
-            label = next(label for label, directory in SOURCES.items()
-                         if file.path.startswith(directory + "/"))
-            inside = file.path[len(SOURCES[label]) + 1:].replace(".conf", "").replace("/", "-")
+            label = next(label for label, directory in SOURCES.items() if file.path.startswith(directory + "/"))
+            inside = file.path[len(SOURCES[label]) + 1 :].replace(".conf", "").replace("/", "-")
             for definition in file.definitions:
                 if not isinstance(definition, dict) or not isinstance(definition.get("name"), str):
                     continue
                 name = f"{label}-{inside}-{'default' if file.is_single else definition['name']}"
-                config = {**definition, "assure_execute": 0, "assure_execute_action": "wait",
-                          "run_on_passive": False, **definition, "name": name}
+                config = {
+                    **definition,
+                    "assure_execute": 0,
+                    "assure_execute_action": "wait",
+                    "run_on_passive": False,
+                    **definition,
+                    "name": name,
+                }
                 entries[name] = {
-                    "config": config, "startup": self.now - chance.choice([60, 5000, 500000]),
-                    "schedule": {key: [chance.choice([-1, chance.randint(*bounds)])]
-                                 for key, bounds in zip(KEYS, BOUNDS)},
-                    "expireTime": 0, "lastExecution": self.now - chance.choice([60, 5000, 500000])}
+                    "config": config,
+                    "startup": self.now - chance.choice([60, 5000, 500000]),
+                    "schedule": {
+                        key: [chance.choice([-1, chance.randint(*bounds)])] for key, bounds in zip(KEYS, BOUNDS)
+                    },
+                    "expireTime": 0,
+                    "lastExecution": self.now - chance.choice([60, 5000, 500000]),
+                }
         return entries
 
     def change(self):
@@ -678,17 +1001,30 @@ class GeneratedAppliance:
         for _ in range(chance.choice([0, 1, 1, 2, 3])):
             changes += self.one_change()
         if chance.random() < 0.15:
-            changes.append(("write", "/run/kestvorld.status",
-                            chance.choice([b"2\n", b"2\n", b"1\n", b"1", b"22"]), 0o644, 0))
+            changes.append(
+                ("write", "/run/kestvorld.status", chance.choice([b"2\n", b"2\n", b"1\n", b"1", b"22"]), 0o644, 0)
+            )
         if chance.random() < 0.05:
             changes.append(("account", "carol", chance.random() < 0.7))
         if chance.random() < 0.1:
             changes.append(("script", "/srv/changing", chance.randrange(3)))
         if chance.random() < 0.12:
-            changes.append(("remove", chance.choice(
-                [*["/tmp/kestcrond"] * 6, "/run/kestvorld.status",
-                 "/usr/local/etc/kestcron_nonroot.d", "/usr/kest/share/kestcron.d",
-                 "/run/kestcrond.config", "/srv/script", "/srv/alices"])))
+            changes.append(
+                (
+                    "remove",
+                    chance.choice(
+                        [
+                            *["/tmp/kestcrond"] * 6,
+                            "/run/kestvorld.status",
+                            "/usr/local/etc/kestcron_nonroot.d",
+                            "/usr/kest/share/kestcron.d",
+                            "/run/kestcrond.config",
+                            "/srv/script",
+                            "/srv/alices",
+                        ]
+                    ),
+                )
+            )
         if changes:
             self.steps.append(("change", changes))
 

@@ -150,10 +150,24 @@ class PrivateMachine:
 
     def __enter__(self):
         self._unshare = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid", "--fork",
-             "--kill-child", "bash", "-c", SETUP],
+            [
+                "setpriv",
+                "--pdeathsig",
+                "KILL",
+                "unshare",
+                "--mount",
+                "--pid",
+                "--fork",
+                "--kill-child",
+                "bash",
+                "-c",
+                SETUP,
+            ],
             env={**self.environment, "REAPER": REAPER, "SHARED": str(self.shared)},
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         if self._unshare.stdout.readline() != "up\n":
             raise RuntimeError("the private machine did not come up; is this root?")
         children = Path(f"/proc/{self._unshare.pid}/task/{self._unshare.pid}/children")
@@ -219,9 +233,16 @@ class PrivateMachine:
 
     def run(self, *command, env=None, check=False, timeout=60, **options):
         """Runs a command inside and returns the completed process, its output captured as text."""
-        return subprocess.run(self._inside(command, env), check=check, timeout=timeout,
-                              capture_output=True, text=True, errors="replace",
-                              stdin=subprocess.DEVNULL, **options)
+        return subprocess.run(
+            self._inside(command, env),
+            check=check,
+            timeout=timeout,
+            capture_output=True,
+            text=True,
+            errors="replace",
+            stdin=subprocess.DEVNULL,
+            **options,
+        )
 
     def popen(self, *command, env=None, **options):
         return subprocess.Popen(self._inside(command, env), **options)
@@ -229,9 +250,18 @@ class PrivateMachine:
     def _inside(self, command, env):
         # The environment is set inside: a clock preloaded into nsenter would belong to the outside.
         variables = {**self.environment, **(env or {})}
-        return ["nsenter", f"--target={self.init}", "--mount", "--pid", "--root", "--wd",
-                "/usr/bin/env", "-i", *(f"{name}={value}" for name, value in variables.items()),
-                *map(str, command)]
+        return [
+            "nsenter",
+            f"--target={self.init}",
+            "--mount",
+            "--pid",
+            "--root",
+            "--wd",
+            "/usr/bin/env",
+            "-i",
+            *(f"{name}={value}" for name, value in variables.items()),
+            *map(str, command),
+        ]
 
     def processes(self):
         """Pid to {"name", "state", "ppid"} of every process inside."""
@@ -243,8 +273,8 @@ class PrivateMachine:
                 stat = (entry / "stat").read_text()
             except (FileNotFoundError, ProcessLookupError):
                 continue
-            name = stat[stat.index("(") + 1:stat.rindex(")")]
-            state, ppid = stat[stat.rindex(")") + 2:].split()[:2]
+            name = stat[stat.index("(") + 1 : stat.rindex(")")]
+            state, ppid = stat[stat.rindex(")") + 2 :].split()[:2]
             found[int(entry.name)] = {"name": name, "state": state, "ppid": int(ppid)}
         return found
 
@@ -256,8 +286,9 @@ class PrivateMachine:
     def clock(self, start, rate=60, zone=None):
         """From now on programs are started with a clock that begins at `start` and runs `rate`
         times as fast; with rate 0 it stands still, while sleeps take their real time."""
-        self.environment.update(LD_PRELOAD=FAKETIME_LIBRARY, NO_FAKE_STAT="1",
-                                FAKETIME=f"@{start} x{rate}" if rate else start)
+        self.environment.update(
+            LD_PRELOAD=FAKETIME_LIBRARY, NO_FAKE_STAT="1", FAKETIME=f"@{start} x{rate}" if rate else start
+        )
         if zone:
             self.environment["TZ"] = zone
 
@@ -280,8 +311,7 @@ class PrivateMachine:
 
     def daemons(self):
         """The pids of the daemon and its children that have not become a job yet."""
-        return [pid for pid, process in self.processes().items()
-                if process["name"] == Path(self.DAEMON).name]
+        return [pid for pid, process in self.processes().items() if process["name"] == Path(self.DAEMON).name]
 
     def daemon_pid(self):
         """The pid inside of the running daemon; 0 when there is none."""
@@ -343,9 +373,10 @@ class PrivateMachine:
     def messages(self, tag=None, priority=None):
         """What was written to the system log so far, in order."""
         self._drain()
-        self._messages += map(Message, self._datagrams[len(self._messages):])
-        return [message for message in self._messages
-                if tag in (None, message.tag) and priority in (None, message.priority)]
+        self._messages += map(Message, self._datagrams[len(self._messages) :])
+        return [
+            message for message in self._messages if tag in (None, message.tag) and priority in (None, message.priority)
+        ]
 
     def texts(self, tag=None, priority="err"):
         """The texts of messages without the error in brackets that may follow."""

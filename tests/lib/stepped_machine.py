@@ -26,8 +26,7 @@ LONGEST_STEP = 30  # seconds of real time
 
 # What is looked at after each step, and what is removed before the next life.
 TREES = ["/tmp", "/run", "/var/log", "/usr/kest", "/usr/local/etc", "/srv"]
-DOCUMENTS = ["/run/kestcrond.config", "/run/kestcrond.st.config", PERSISTENT_FILE,
-             PERSISTENT_TEMPLATE]
+DOCUMENTS = ["/run/kestcrond.config", "/run/kestcrond.st.config", PERSISTENT_FILE, PERSISTENT_TEMPLATE]
 
 # Where a message comes from in the source may change.
 SOURCE_LINE = re.compile(r"^(<\d+>\w+ +\d+ [\d:]+ \w+: \w+):\d+ ")
@@ -88,8 +87,15 @@ class World:
         del self._sleepers[number]
         place = self.place_of(number) + 8
         struct.pack_into("=i", self.memory, place, self.AWAKE)
-        self._system(ctypes.c_long(self.FUTEX), ctypes.c_void_p(self._first + place),
-                     ctypes.c_int(self.WAKE), ctypes.c_int(1), None, None, ctypes.c_int(0))
+        self._system(
+            ctypes.c_long(self.FUTEX),
+            ctypes.c_void_p(self._first + place),
+            ctypes.c_int(self.WAKE),
+            ctypes.c_int(1),
+            None,
+            None,
+            ctypes.c_int(0),
+        )
 
 
 class SteppedMachine(Appliance):
@@ -191,9 +197,12 @@ class SteppedMachine(Appliance):
     def start_daemon(self, seed, *arguments):
         """Starts the daemon and waits for the end of its first cycle."""
         self.world.set(self.world.now, self.world.steady, seed)
-        self.process = subprocess.Popen(self._inside((self.program, *arguments), None),
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL)
+        self.process = subprocess.Popen(
+            self._inside((self.program, *arguments), None),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
         self.daemon = 0
         self.await_daemon()
 
@@ -224,8 +233,7 @@ class SteppedMachine(Appliance):
     def pass_time(self, seconds):
         """Lets time pass; those that sleep until a moment of it wake up one after another."""
         end = self.world.steady + seconds
-        while sleepers := {number: until for number, until in self.world.sleepers().items()
-                           if until <= end}:
+        while sleepers := {number: until for number, until in self.world.sleepers().items() if until <= end}:
             number = min(sleepers, key=lambda number: (sleepers[number], number))
             passed = max(sleepers[number] - self.world.steady, 0)
             self.world.set(self.world.now + passed, self.world.steady + passed)
@@ -318,8 +326,7 @@ class SteppedMachine(Appliance):
             identity = (status.st_ino, status.st_mtime_ns, status.st_size)
         if identity != self.seen.get(document):
             self.seen[document] = identity
-            self.add("document", f"{document}\n{self.read(document)}" if identity else
-                     f"{document} is gone")
+            self.add("document", f"{document}\n{self.read(document)}" if identity else f"{document} is gone")
 
     def put_down_trees(self):
         """Adds what there is of files, but not what is in the documents and the pid file."""
@@ -331,8 +338,10 @@ class SteppedMachine(Appliance):
         for entry in os.scandir(directory):
             path = f"{name}/{entry.name}"
             status = entry.stat(follow_symlinks=False)
-            line = RANDOM_NAME.sub(r"\1.XXXXXX", path) + \
-                f" {stat.filemode(status.st_mode)} {status.st_uid} {status.st_gid}"
+            line = (
+                RANDOM_NAME.sub(r"\1.XXXXXX", path)
+                + f" {stat.filemode(status.st_mode)} {status.st_uid} {status.st_gid}"
+            )
             if stat.S_ISLNK(status.st_mode):
                 line += f" to {os.readlink(entry.path)}"
             elif stat.S_ISREG(status.st_mode) and path != self.PID_FILE:
@@ -349,8 +358,7 @@ def printable(line):
 
 def children_of(pid):
     try:
-        return [int(child) for child in
-                Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+        return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
     except (FileNotFoundError, ProcessLookupError):
         return []
 

@@ -58,8 +58,9 @@ def machine():
 
 def install(machine, package):
     shutil.copy(package, machine.path("/root/kestcrond.deb"))
-    done = machine.run("/usr/bin/dpkg", "--force-confold", "-i", "/root/kestcrond.deb",
-                       env={"DEBIAN_FRONTEND": "noninteractive"})
+    done = machine.run(
+        "/usr/bin/dpkg", "--force-confold", "-i", "/root/kestcrond.deb", env={"DEBIAN_FRONTEND": "noninteractive"}
+    )
     assert done.returncode == 0, done.stdout + done.stderr
     return done
 
@@ -72,8 +73,18 @@ def runs(machine, job):
 def files(machine):
     """Every path on the machine but those of dpkg itself and the caches of others."""
     found = machine.run("find", "/", "/tmp", "/run", "/var/log", "-xdev", env={"LD_PRELOAD": ""}).stdout
-    others = ("/etc/default/kestcrond", "/proc/", "/sys/", "/dev/", "/root/", "/var/lib/dpkg/", "/var/cache/", "/usr/share/",
-              "/var/log/dpkg.log", "/etc/ld.so.cache")
+    others = (
+        "/etc/default/kestcrond",
+        "/proc/",
+        "/sys/",
+        "/dev/",
+        "/root/",
+        "/var/lib/dpkg/",
+        "/var/cache/",
+        "/usr/share/",
+        "/var/log/dpkg.log",
+        "/etc/ld.so.cache",
+    )
     return {path for path in found.splitlines() if not path.startswith(others)}
 
 
@@ -83,8 +94,9 @@ def newer(package, tmp_path):
     subprocess.run(["dpkg-deb", "-R", package, tree], check=True)
     control = tree / "DEBIAN/control"
     control.write_text(re.sub(r"(?m)^Version: .*$", "Version: 999.0-1", control.read_text()))
-    subprocess.run(["dpkg-deb", "--root-owner-group", "-b", tree, tmp_path / "newer.deb"], check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(
+        ["dpkg-deb", "--root-owner-group", "-b", tree, tmp_path / "newer.deb"], check=True, stdout=subprocess.DEVNULL
+    )
     return tmp_path / "newer.deb"
 
 
@@ -94,15 +106,17 @@ def owner_and_mode(machine, path):
 
 
 def test_it_has_no_fault_that_lintian_knows(package):
-    done = subprocess.run(["lintian", "--fail-on", "error,warning", package], capture_output=True,
-                          text=True, check=False)
+    done = subprocess.run(
+        ["lintian", "--fail-on", "error,warning", package], capture_output=True, text=True, check=False
+    )
     assert (done.returncode, done.stdout) == (0, "")
 
 
 def test_it_has_one_version(package):
     version = re.search(r"project\(kestcrond VERSION (\S+)", (TOP / "CMakeLists.txt").read_text())[1]
-    told = subprocess.run(["dpkg-deb", "-f", package, "Version"], capture_output=True, text=True,
-                          check=True).stdout.strip()
+    told = subprocess.run(
+        ["dpkg-deb", "-f", package, "Version"], capture_output=True, text=True, check=True
+    ).stdout.strip()
     assert told == version + "-1"
     headings = re.findall(r"(?m)^## \[(.*?)\]", (TOP / "CHANGELOG.md").read_text())
     assert headings[0] == "Unreleased" or headings[0] == version
@@ -112,8 +126,7 @@ def test_it_has_one_version(package):
 
 
 def test_it_needs_no_more_than_it_uses(package):
-    depends = subprocess.run(["dpkg-deb", "-f", package, "Depends"], capture_output=True, text=True,
-                             check=True).stdout
+    depends = subprocess.run(["dpkg-deb", "-f", package, "Depends"], capture_output=True, text=True, check=True).stdout
     names = {entry.split()[0] for entry in depends.split(",")}
     assert names == {"libc6", "libgcc-s1", "libjsoncpp25", "libstdc++6"}
 
@@ -131,14 +144,12 @@ def test_a_whole_life(machine, package, tmp_path):
 
     # An upgrade exchanges the scheduler while a job waits, and what was changed by hand stays.
     machine.write("/etc/default/kestcrond", "# mine\n" + CLOCK)
-    waiting = wait_for(lambda: [child for child in machine.daemons() if child != pid], 60,
-                       "a job that waits")
+    waiting = wait_for(lambda: [child for child in machine.daemons() if child != pid], 60, "a job that waits")
     install(machine, upgrade)
     assert wait_for(machine.daemon_pid) != pid
     assert "# mine" in machine.read("/etc/default/kestcrond")
     assert waiting[0] in machine.daemons(), "a waiting job was ended"
-    wait_for(lambda: str(waiting[0]) in runs(machine, "a") + runs(machine, "b"), 120,
-             "the run of the waiting job")
+    wait_for(lambda: str(waiting[0]) in runs(machine, "a") + runs(machine, "b"), 120, "the run of the waiting job")
 
     # Removed, it is silent; what it knew stays.
     done = machine.run("/usr/bin/dpkg", "-r", "kestcrond")
@@ -158,10 +169,15 @@ def test_an_empty_machine_is_empty_again(machine, package):
     before = files(machine)
     install(machine, package)
     wait_for(machine.daemon_pid)
-    for place, mode in [("/usr/kest/share/kestcron.d", 0o750), ("/usr/kest/etc/kestcron.d", 0o750),
-                        ("/usr/local/etc/kestcron.d", 0o750), ("/usr/kest", 0o755),
-                        ("/usr/kest/etc", 0o755), ("/usr/local/etc", 0o755),
-                        ("/usr/local/etc/kestcron_nonroot.d", 0o755)]:
+    for place, mode in [
+        ("/usr/kest/share/kestcron.d", 0o750),
+        ("/usr/kest/etc/kestcron.d", 0o750),
+        ("/usr/local/etc/kestcron.d", 0o750),
+        ("/usr/kest", 0o755),
+        ("/usr/kest/etc", 0o755),
+        ("/usr/local/etc", 0o755),
+        ("/usr/local/etc/kestcron_nonroot.d", 0o755),
+    ]:
         assert owner_and_mode(machine, place) == (0, 0, mode), place
 
     assert machine.run("/usr/bin/dpkg", "-P", "kestcrond").returncode == 0
@@ -179,8 +195,7 @@ def test_the_service_leaves_jobs_their_rights(package, tmp_path):
     # Whatever takes a right from the service takes it from all jobs.
     subprocess.run(["dpkg-deb", "-x", package, tmp_path], check=True)
     text = (tmp_path / ("usr" + SERVICE)).read_text()
-    settings = dict(line.split("=", 1) for line in text.splitlines()
-                    if "=" in line and not line.startswith("#"))
+    settings = dict(line.split("=", 1) for line in text.splitlines() if "=" in line and not line.startswith("#"))
     assert settings["Type"] == "forking" and settings["PIDFile"] == "/run/kestcrond.pid"
     assert settings["KillMode"] == "process" and settings["OOMPolicy"] == "continue"
     assert settings["Restart"] == "always"
@@ -197,34 +212,55 @@ def test_no_cleaner_takes_the_programs_away(machine, package):
     machine.write("/usr/lib/tmpfiles.d/aged.conf", "d /tmp/other 0755 root root 1s\nq /tmp 1777 root root 1s\n")
     machine.write(PROGRAMS + "/old", "x")
     machine.write("/tmp/else", "x")
-    wait_for(lambda: machine.run("systemd-tmpfiles", "--clean", env={"LD_PRELOAD": ""}) and
-             not machine.exists("/tmp/else"), what="the cleaner")
+    wait_for(
+        lambda: machine.run("systemd-tmpfiles", "--clean", env={"LD_PRELOAD": ""}) and not machine.exists("/tmp/else"),
+        what="the cleaner",
+    )
     assert machine.exists(PROGRAMS + "/old")
 
 
-@pytest.mark.parametrize("saved,slept", [
-    ("1780366200", "15"), ("1780366244", "15"), ("1780366199", ""), ("1780366300", "15"), ("0", ""),
-    ("99999999999999999999", ""), ("-1", ""), (None, "")])
+@pytest.mark.parametrize(
+    "saved,slept",
+    [
+        ("1780366200", "15"),
+        ("1780366244", "15"),
+        ("1780366199", ""),
+        ("1780366300", "15"),
+        ("0", ""),
+        ("99999999999999999999", ""),
+        ("-1", ""),
+        (None, ""),
+    ],
+)
 def test_an_upgrade_waits_out_the_minute_of_launches(machine, saved, slept):
     text = (TOP / "packaging/debian/postinst").read_text()
     function = re.search(r"^wait_out_launches\(\) \{.*?^\}$", text, re.M | re.S)[0]
     if saved is not None:
-        machine.write("/usr/kest/etc/kestcrond.config",
-                      '{\n\t"jobs" : \n\t{\n\t\t"lastExecution" : 5,\n\t\t"x" : \n'
-                      f'\t\t"lastExecution" : {saved},\n\t\t"lastExecution" : 7\n')
+        machine.write(
+            "/usr/kest/etc/kestcrond.config",
+            '{\n\t"jobs" : \n\t{\n\t\t"lastExecution" : 5,\n\t\t"x" : \n'
+            f'\t\t"lastExecution" : {saved},\n\t\t"lastExecution" : 7\n',
+        )
     else:
         machine.path("/usr/kest/etc/kestcrond.config").unlink(missing_ok=True)
-    done = machine.run("/bin/dash", "-ec", "sleep() { printf %s $1; }\n"
-                       f"date() {{ echo 1780366245; }}\n{function}\nwait_out_launches")
+    done = machine.run(
+        "/bin/dash",
+        "-ec",
+        "sleep() { printf %s $1; }\n" f"date() {{ echo 1780366245; }}\n{function}\nwait_out_launches",
+    )
     assert (done.returncode, done.stdout, done.stderr) == (0, slept, "")
 
 
 # --- The file system of the programs ------------------------------------------------------------
 
+
 def mounted(machine):
     """The options of what is mounted there, the newest last."""
-    return [line.split()[3].split(",") for line in machine.run("cat", "/proc/mounts").stdout.splitlines()
-            if line.split()[1] == PROGRAMS]
+    return [
+        line.split()[3].split(",")
+        for line in machine.run("cat", "/proc/mounts").stdout.splitlines()
+        if line.split()[1] == PROGRAMS
+    ]
 
 
 def test_programs_have_a_file_system_of_their_own(machine, package):
@@ -254,8 +290,9 @@ def test_the_size_of_the_file_system_can_be_set(machine, package, size, expected
     machine.write("/etc/default/kestcrond", CLOCK + f'KESTCROND_PROGRAMS_SIZE="{size}"\n')
     install(machine, package)
     wait_for(machine.daemon_pid)
-    assert [option for options in mounted(machine) for option in options
-            if option.startswith("size=")] == ([expected] if expected else [])
+    assert [option for options in mounted(machine) for option in options if option.startswith("size=")] == (
+        [expected] if expected else []
+    )
 
 
 @pytest.mark.parametrize("plant", ["link", "directory", "file"])
@@ -281,14 +318,20 @@ def test_what_somebody_put_there_is_not_mounted_over(machine, plant):
 def test_somebody_who_is_quick_leads_no_mount_astray(machine):
     shutil.copy(TOP / "packaging/lib/mount-programs", machine.path("/usr/local/bin/mount-programs"))
     vandal = machine.popen(
-        "setpriv", "--reuid=2999", "--regid=2999", "--clear-groups", "/bin/bash", "-c",
+        "setpriv",
+        "--reuid=2999",
+        "--regid=2999",
+        "--clear-groups",
+        "/bin/bash",
+        "-c",
         f"cd /tmp; while :; do mkdir {PROGRAMS}; mv {PROGRAMS} d.$RANDOM; ln -s /etc {PROGRAMS}; "
-        f"mv {PROGRAMS} l.$RANDOM; done 2>/dev/null", env={"LD_PRELOAD": ""})
+        f"mv {PROGRAMS} l.$RANDOM; done 2>/dev/null",
+        env={"LD_PRELOAD": ""},
+    )
     for _ in range(20):
         machine.run("/bin/dash", "/usr/local/bin/mount-programs", env={"LD_PRELOAD": ""})
         points = machine.run("cat", "/proc/mounts", env={"LD_PRELOAD": ""}).stdout
-        assert {line.split()[1] for line in points.splitlines()
-                if line.startswith("kestcrond ")} <= {PROGRAMS}
+        assert {line.split()[1] for line in points.splitlines() if line.startswith("kestcrond ")} <= {PROGRAMS}
         machine.run("umount", PROGRAMS, env={"LD_PRELOAD": ""})
         machine.run("rmdir", PROGRAMS, env={"LD_PRELOAD": ""})
     vandal.kill()
@@ -296,6 +339,7 @@ def test_somebody_who_is_quick_leads_no_mount_astray(machine):
 
 
 # --- The init script ----------------------------------------------------------------------------
+
 
 @pytest.fixture(name="service", params=["dash", "busybox"])
 def init_script(request, machine):
@@ -343,9 +387,12 @@ def test_running_and_waiting_jobs_outlive_a_stop(machine, service):
     assert service("start").returncode == 0
     pid = machine.daemon_pid()
     names = lambda: {process["name"] for process in machine.processes().values()}
-    wait_for(lambda: any(name.startswith("pkg-test-") for name in names())
-             and [child for child in machine.daemons() if child != pid], 60,
-             "a job that runs and one that waits")
+    wait_for(
+        lambda: any(name.startswith("pkg-test-") for name in names())
+        and [child for child in machine.daemons() if child != pid],
+        60,
+        "a job that runs and one that waits",
+    )
     assert service("stop").returncode == 0
     assert pid not in machine.processes()
     wait_for(lambda: {"pkg-test-a", "pkg-test-b"} <= names(), 60, "both jobs")
@@ -360,8 +407,7 @@ def test_a_daemon_that_died(machine, service):
     assert service("status").returncode == 1
     # Somebody else has the pid now.
     other = machine.popen("sleep", "1000", env={"LD_PRELOAD": ""})
-    stranger = wait_for(lambda: [pid for pid, process in machine.processes().items()
-                                 if process["name"] == "sleep"])[0]
+    stranger = wait_for(lambda: [pid for pid, process in machine.processes().items() if process["name"] == "sleep"])[0]
     machine.write(machine.PID_FILE, f"{stranger}\n")
     assert service("status").returncode == 1
     assert service("stop").returncode == 0
@@ -397,22 +443,42 @@ def test_options_come_from_their_file(machine, service):
 
 
 def test_an_administrators_environment_stays_his(machine, service):
-    machine.write("/bin/count", "#!/bin/sh\nenv > /run/environment.new\n"
-                  "mv /run/environment.new /run/environment\n", 0o755)
+    machine.write(
+        "/bin/count", "#!/bin/sh\nenv > /run/environment.new\n" "mv /run/environment.new /run/environment\n", 0o755
+    )
     machine.write(JOBS, TWO_JOBS)
     machine.write("/etc/default/kestcrond", CLOCK + 'KESTCROND_ENVIRONMENT="$KESTCROND_ENVIRONMENT A=b"\n')
     assert service("start", env={"SECRET": "x", "HOME": "/root"}).returncode == 0
-    names = {line.split("=")[0] for line in wait_for(
-        lambda: machine.read("/run/environment"), 60, "the job's report").splitlines()}
+    names = {
+        line.split("=")[0]
+        for line in wait_for(lambda: machine.read("/run/environment"), 60, "the job's report").splitlines()
+    }
     assert {"PATH", "A"} <= names
-    assert names <= {"PATH", "A", "LD_PRELOAD", "NO_FAKE_STAT", "FAKETIME_TIMESTAMP_FILE",
-                     "FAKETIME_SHARED", "PWD", "SHLVL", "_", "OLDPWD"}
+    assert names <= {
+        "PATH",
+        "A",
+        "LD_PRELOAD",
+        "NO_FAKE_STAT",
+        "FAKETIME_TIMESTAMP_FILE",
+        "FAKETIME_SHARED",
+        "PWD",
+        "SHLVL",
+        "_",
+        "OLDPWD",
+    }
 
 
 def test_a_process_of_an_account_is_no_daemon(machine, service):
     machine.write("/usr/local/bin/kestcrond", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
-    other = machine.popen("setpriv", "--reuid=2999", "--regid=2999", "--clear-groups",
-                          "/usr/local/bin/kestcrond", "1000", env={"LD_PRELOAD": ""})
+    other = machine.popen(
+        "setpriv",
+        "--reuid=2999",
+        "--regid=2999",
+        "--clear-groups",
+        "/usr/local/bin/kestcrond",
+        "1000",
+        env={"LD_PRELOAD": ""},
+    )
     [stranger] = wait_for(machine.daemons, what="the account's process")
     machine.write(machine.PID_FILE, f"{stranger}\n")
     assert service("status").returncode == 1

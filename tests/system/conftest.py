@@ -37,8 +37,9 @@ def machine(request):
     counts = request.config.getoption("--coverage")
     with Appliance(daemon, Path(counts).resolve() if counts else "") as appliance:
         if counts:
-            appliance.environment.update(GCOV_PREFIX="/share", GCOV_PREFIX_STRIP=str(
-                len(Path(counts).resolve().parts) - 1))
+            appliance.environment.update(
+                GCOV_PREFIX="/share", GCOV_PREFIX_STRIP=str(len(Path(counts).resolve().parts) - 1)
+            )
         appliance.clock("2026-06-02 02:10:10")
         yield appliance
         if counts:
