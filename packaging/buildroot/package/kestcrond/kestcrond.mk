@@ -17,7 +17,7 @@ KESTCROND_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude=/build
 KESTCROND_VERSION := $(shell sed -n 's/^project.kestcrond VERSION \([0-9.]*\) .*/\1/p' \
 	$(KESTCROND_SITE)/CMakeLists.txt)
 
-# No licence has been granted to the public.
+# Not licensed yet: all rights reserved by the owner.
 KESTCROND_LICENSE = PROPRIETARY
 KESTCROND_LICENSE_FILES = packaging/debian/copyright
 KESTCROND_REDISTRIBUTE = NO

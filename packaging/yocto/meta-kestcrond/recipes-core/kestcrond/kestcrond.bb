@@ -4,7 +4,7 @@ SUMMARY = "Job scheduler daemon for embedded Linux appliances"
 DESCRIPTION = "Runs the jobs of the system, its packages and their accounts on time. Jobs are \
 defined in JSON files."
 SECTION = "base"
-# No licence has been granted to the public.
+# Not licensed yet: all rights reserved by the owner.
 LICENSE = "CLOSED"
 
 # There is no place to download it from: the source is the tree that this layer lies in. A copy of the
