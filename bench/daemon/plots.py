@@ -1,4 +1,4 @@
-"""The plots of docs/performance.md."""
+"""The plots of docs/performance.md and docs/performance-tables.md."""
 
 from math import log10
 
@@ -98,7 +98,7 @@ def cycle(figure, rows):
         [
             (
                 curves([row for row in rows if row["per_file"] == layout], "jobs"),
-                f"A look with nothing due, {title}",
+                f"A cycle with no job due, {title}",
                 "jobs",
                 "CPU time, ms",
             )

@@ -1,4 +1,4 @@
-"""Results as tables, on the terminal and in docs/performance.md."""
+"""Results as tables, on the terminal and in docs/performance-tables.md."""
 
 import math
 import re
@@ -94,7 +94,7 @@ def grid(rows, column="jobs", growth=True, ratio="kestcrond to the lowest of the
 def cycle(rows):
     for layout in (0, 1):
         part = [row for row in rows if row["per_file"] == layout or row["jobs"] == 0]
-        yield f"Milliseconds of CPU time for a look, {LAYOUTS[layout]}:\n\n{grid(part)}"
+        yield f"Milliseconds of CPU time for a cycle, {LAYOUTS[layout]}:\n\n{grid(part)}"
 
 
 def drift(rows):
@@ -105,14 +105,14 @@ def drift(rows):
         drifts.append([row["daemon"], f"{row['jobs']:,}", number(row["median"]), figure(single), number(per_year)])
     late = [[row["daemon"], f"{row['jobs']:,}", figure(row)] for row in chosen(rows, what="late")]
     yield (
-        "Milliseconds from one note to the next beyond 60 seconds, over the whole time and "
-        "one by one, and the minutes of a year that are stepped over by it:\n\n"
+        "Milliseconds by which the time between two records exceeds 60 seconds, over the whole time "
+        "and one by one, and the minutes of a year that pass without a cycle for it:\n\n"
         + markdown(["", "jobs", "over all", "one by one", "minutes a year"], drifts)
     )
     yield (
-        "The others sleep until the minute begins and step over none. They sleep whole seconds, "
-        "so that how late in the minute their job runs, in milliseconds, is a matter of when "
-        "they were started:\n\n" + markdown(["", "jobs", "late"], late)
+        "The others sleep until the minute begins and skip none. They sleep whole seconds, so the "
+        "delay of their job within the minute, in milliseconds, depends on when they were started:\n\n"
+        + markdown(["", "jobs", "late"], late)
     )
 
 
@@ -178,7 +178,10 @@ def memory(rows):
             last = max(of_count, default=0)
             line.append(number((of_count[last] - of_count[0]) / last) if last and 0 in of_count else "–")
         lines.append(line)
-    yield ("KiB for each job more, from none to the most:\n\n" + markdown(["", "proportional", "private"], lines))
+    yield (
+        "KiB for each further job, from none to the largest number:\n\n"
+        + markdown(["", "proportional", "private"], lines)
+    )
 
 
 def launch(rows):
@@ -210,7 +213,7 @@ def lost(rows):
         for row in chosen(rows, what="twice")
         if row.get("high")
     ]
-    return "Lost or doubled: " + ("; ".join(faults) if faults else "none, by any of them") + "."
+    return "Lost or duplicate starts: " + ("; ".join(faults) if faults else "none, by any of them") + "."
 
 
 def sizes(rows):
@@ -231,20 +234,21 @@ def sizes(rows):
 # Part to its heading, how it was measured, and its tables and plot.
 SECTIONS = {
     "cycle": (
-        "A look at the jobs with nothing due",
+        "A cycle with no job due",
         """
 Every daemon runs on a private machine of its own, all at the same time and by the real clock, with
-jobs of a day that never comes. A figure is the CPU time of the process that looks, by
-`/proc/PID/schedstat`, from one sleep to the next. The others look when a minute begins; ours is told
-to load again at that moment, so that it looks right before them, those with a file per job last.""",
+jobs that are due on a day that does not exist. A figure is the CPU time of the process that checks the
+jobs, by `/proc/PID/schedstat`, from one sleep to the next. The others check when a minute begins; ours
+gets a request to reload at that moment, so that its cycle is right before theirs, with a file per job
+last.""",
         cycle,
     ),
     "drift": (
         "What a cycle adds to a minute",
         """
-A job that is due in every minute notes when it runs, beside so many jobs that are not due. The
-start of that one job is in the figure. A bare sleep is a program that does nothing but sleep 60
-seconds: what the timer itself is late.""",
+A job that is due in every minute records when it runs; "jobs" is the number of other jobs, which are
+not due. The figure includes the start of that job. "Bare sleep" is a program that only sleeps for 60
+seconds, and shows how late the timer itself is.""",
         drift,
     ),
     "load": (
@@ -252,24 +256,23 @@ seconds: what the timer itself is late.""",
         """
 The CPU time of all processes of a control group, from the exec until the runtime documents are
 written and the daemon sleeps; of the others, until no process of theirs has run for 0.3 seconds.
-BusyBox has a crontab for each account, and looks each account up in a list that is as long. Where
-copies are left out, an empty file appears in place of each; the CPU time of making as many by
-themselves is taken off.""",
+BusyBox has a crontab for each account, and looks up each account in a list of that length. Without
+copies, an empty file replaces each copy; the CPU time of making these files alone is subtracted.""",
         load,
     ),
     "memory": (
         "Memory",
         """
-By `/proc/PID/smaps_rollup`, jobs in one file, one daemon at a time; of bcron both processes.""",
+By `/proc/PID/smaps_rollup`, jobs in one file, one daemon at a time; both processes of bcron.""",
         memory,
     ),
     "launch": (
         "Many starts at once",
         """
-So many jobs are due in one minute, "maxDelay" is 0, and each notes when it was started. No daemon
-starts jobs while another one does. CPU time in all is that of the daemon, its children, the shells
-between and the jobs, which are the same small static program for all. Bare starts are those of a
-loop that starts the same program and waits for it.""",
+The number of jobs in the head of a column is due in one minute, "maxDelay" is 0, and each job records
+when it was started. No two daemons start jobs at the same time. CPU time in all is that of the daemon,
+its children, the shells between them and the jobs, which are the same small static program for all. Bare
+starts are those of a loop that starts the same program and waits for it.""",
         launch,
     ),
     "sizes": (
@@ -324,12 +327,12 @@ def peers(results):
 
 def write(top, results):
     """Puts the tables between the markers of the document, and the plots beside it."""
-    document = top / "docs/performance.md"
-    old = document.read_text() if document.exists() else f"# Performance\n\n{BEGIN}\n{END}\n"
+    document = top / "docs/performance-tables.md"
+    old = document.read_text() if document.exists() else f"# Performance tables\n\n{BEGIN}\n{END}\n"
     body = f"""{BEGIN}
 Written by `scripts/bench --report` from what `sudo scripts/bench` measured. A figure is the median,
-with the lowest and the highest in brackets. "Grows with the power" tells how a figure grows from
-100 jobs to the largest number: 1 is in proportion, 0 not at all. The others are Debian's:
+with the lowest and the highest in brackets. "Grows with the power" describes how a figure grows from
+100 jobs to the largest number: 1 is in proportion, 0 is not at all. The others are Debian's:
 {peers(results)}.
 
 {text(results, "images")}
