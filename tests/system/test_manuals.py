@@ -307,7 +307,7 @@ def test_what_is_refused_is_refused(request):
 
 def test_what_is_said_of_fields_and_periods():
     """The tables of periods and bounds are those that the code has."""
-    periods = re.findall(r"^\.It (\w) Ta Ql (.*?) Ta", section(PAGES[1], "Periods"), re.M)
+    periods = re.findall(r"^\.It (\w) Ta \"(.*?)\" Ta", section(PAGES[1], "Periods"), re.M)
     assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";",
                                                 CODE["job/definition.cpp"]))
     bounds = re.findall(r"\{'\w', (\d+), (\d+), (\d+)\}", CODE["job/cron_field.cpp"])
