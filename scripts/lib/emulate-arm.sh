@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# Lets programs of 32-bit ARM run by an emulator. Sourced.
+# Emulation of 32-bit ARM programs. Sourced.
 
-# Tells the kernel how to run them, for as long as the calling script lasts, in whatever root they lie.
-# Returns 1 where the kernel does not let it.
+# Registers the emulator in the kernel, for programs in any root, until the calling script ends. Returns 1 if the kernel does not
+# permit it.
 emulate_arm() {
     local handlers=/proc/sys/fs/binfmt_misc name=kestcrond-arm-$$
     [[ -e $handlers/register ]] || mount -t binfmt_misc none "$handlers" 2>/dev/null || return 1

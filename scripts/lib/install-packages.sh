@@ -8,14 +8,14 @@ install_packages() {
     done
     ((${#missing[@]})) || return 0
     echo "Installing: ${missing[*]}"
-    # A list that cannot be read now is no reason to stop: what is known of may be enough.
-    apt-get -qq update || echo "Not all lists of packages could be read"
+    # The installation may succeed without the latest package lists.
+    apt-get -qq update || echo "Some package lists could not be updated"
     DEBIAN_FRONTEND=noninteractive apt-get -qq install --yes --no-install-recommends \
         "${missing[@]}" >/dev/null
 }
 
-# What it takes to build for 32-bit ARM and to run the result. Returns 1 where that cannot be had; the
-# list of architectures is then as it was.
+# Installs the packages that building for 32-bit ARM and running the result require. Returns 1 if they are not available; the list
+# of architectures is then unchanged.
 install_arm_packages() {
     local added=
     [[ $(dpkg --print-foreign-architectures) == *armhf* ]] || added=yes

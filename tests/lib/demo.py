@@ -1,7 +1,7 @@
 """The demonstration: the real daemon on a private machine whose clock runs 60 times as fast.
 
 Everything shown is read from the daemon's documents and logs and from what the jobs wrote. The exit
-status is 0 when all of CHECKS came true.
+status is 0 if all CHECKS came true.
 
 Usage: python3 -m tests.lib.demo DAEMON
 """
@@ -45,12 +45,12 @@ PERSISTENT_FILE = "/usr/kest/etc/kestcrond.config"
 PERSISTENT_TEMPLATE = "/usr/kest/etc/kestcrond.st.config"
 
 CHECKS = {
-    "passive": "standing by, only the job marked run_on_passive started",
+    "passive": "on the passive machine, only the job marked run_on_passive started",
     "kept": "the drawn times survived the restart",
     "assured": "the overdue assured job ran once, without being due",
-    "redrawn": "the minutes were drawn anew at the top of the hour",
-    "dropped": "the job file dropped in was picked up and its job ran",
-    "told": "kestcronctl told of every job, and that the daemon runs",
+    "redrawn": "the minutes were redrawn at the full hour",
+    "dropped": "the added job file was loaded and its job ran",
+    "told": "kestcronctl showed every job, and that the daemon runs",
     "stopped": "clean stop: process ended, pid file gone, documents written",
     "root": "jobs of the class root ran as root",
     "system": "jobs of the class system ran as system",
@@ -89,7 +89,7 @@ class Start(NamedTuple):
 
     @classmethod
     def from_line(cls, line):
-        """None for a line that tells of anything else."""
+        """None for any other line."""
         match = START_FORM.fullmatch(line)
         return match and cls(*match.groups()[:3], dict(re.findall(r"(\w+)\[([^]]*)\]", match[4])))
 
@@ -271,7 +271,7 @@ class Show:
         self.await_last_jobs()
 
     def stand_by(self):
-        heading(f"{PASSIVE_START[:10]}: a new machine stands by (--passive-mode)")
+        heading(f"{PASSIVE_START[:10]}: a new machine is passive (--passive-mode)")
         self.appliance.set_clock(PASSIVE_START)
         self.appliance.start_and_wait("--passive-mode")
         self.follow(lambda: self.starts, 10, "the start of a job")
@@ -281,7 +281,7 @@ class Show:
         print(paint(DIM, "  Stopped. Then it is switched off for nine days."))
 
     def start(self):
-        heading(f"{ACTIVE_START[:10]}: the machine takes over, its clock runs fast")
+        heading(f"{ACTIVE_START[:10]}: the machine becomes active, its clock runs fast")
         template = self.appliance.document(PERSISTENT_TEMPLATE)
         self.appliance.write(PERSISTENT_TEMPLATE, json.dumps({**template, "maxDelay": MAX_DELAY}))
         jobs = self.appliance.jobs(PERSISTENT_FILE)
@@ -330,7 +330,7 @@ class Show:
         after = self.draws()
         minutes = {name: (before[name]["Minute"], after[name]["Minute"]) for name in before}
         old, new = minutes.pop("template")
-        self.event(f"the minute is drawn anew: {old[0]} → {new[0]}")
+        self.event(f"the minute is redrawn: {old[0]} → {new[0]}")
         for name, (job_old, job_new) in minutes.items():
             if job_old != job_new:
                 print(f"            {name:<34} {' '.join(map(str, job_old))} → " f"{' '.join(map(str, job_new))}")
@@ -341,7 +341,7 @@ class Show:
         self.came_true["redrawn"] = clock[:5] == TOP_OF_HOUR and before != after and shared
 
     def drop_a_file_in(self):
-        self.event("dropped in: " + DROPPED_IN.removeprefix("usr/local/etc/"))
+        self.event("added: " + DROPPED_IN.removeprefix("usr/local/etc/"))
         self.appliance.install(DROPPED_IN)
         self.follow(lambda: DROPPED_IN_JOB in self.appliance.jobs(), 15, "the new job's loading")
         job = self.appliance.jobs()[DROPPED_IN_JOB]
@@ -426,7 +426,7 @@ def main():
         show = Show(appliance)
         try:
             show.run()
-        except Exception as error:  # whatever it was, the summary tells how far things came
+        except Exception as error:  # the summary shows how far the demonstration came
             print(paint(RED, f"  ✗ {type(error).__name__}: {error}"))
         show.summarise()
         return 0 if all(show.came_true.values()) else 1

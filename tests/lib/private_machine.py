@@ -1,8 +1,8 @@
 """A private machine: the real program on its real paths, without touching the system it runs on.
 
-A private machine is a mount and process namespace of its own. Its root is an overlay of the
-system's, so whatever is written in it vanishes with it; "/tmp", "/run", "/var/log" and "/dev" are
-fresh, and a listener takes in what programs write to "/dev/log". Needs root.
+A private machine is a mount and process namespace. Its root is an overlay of the root of the system, so
+files written in it vanish with it; "/tmp", "/run", "/var/log" and "/dev" are empty at the start, and a
+listener receives messages to "/dev/log". Needs root.
 
 The tests and the demonstration are built on this module.
 """
