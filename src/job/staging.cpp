@@ -274,10 +274,12 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
 
 // Removes an entry that an earlier failure left there only when it is in the way.
 bool Staging::MoveToTaken(int from, const std::string &name) {
+    const int error = errno;
     if (renameat2(from, name.c_str(), area_.Get(), kTaken, RENAME_NOREPLACE) == 0)
         return true;
     if (errno == ENOENT)
         return false;
+    errno = error; // a success leaves it unchanged: later messages include it
     Clear(area_, kTaken);
     return renameat(from, name.c_str(), area_.Get(), kTaken) == 0;
 }

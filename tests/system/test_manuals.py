@@ -17,11 +17,13 @@ LAYERS = ["base", "platform", "log", "job", "core", "daemon"]
 TOKEN = re.compile(r'R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|//[^\n]*|/\*.*?\*/', re.S)
 
 # Only these paths are the daemon's: those of programs and examples are anybody's.
-OWN_PATH = re.compile(r"(?<![\w.])(?:/usr/kest|/usr/local/etc|/tmp/kestcrond|/var/run|/run|"
-                      r"/var/log)[\w./-]*")
-CODE = {str(path.relative_to(TOP / "src")): path.read_text()
-        for layer in LAYERS for path in sorted((TOP / "src" / layer).rglob("*"))
-        if path.suffix in (".cpp", ".h")}
+OWN_PATH = re.compile(r"(?<![\w.])(?:/usr/kest|/usr/local/etc|/tmp/kestcrond|/var/run|/run|" r"/var/log)[\w./-]*")
+CODE = {
+    str(path.relative_to(TOP / "src")): path.read_text()
+    for layer in LAYERS
+    for path in sorted((TOP / "src" / layer).rglob("*"))
+    if path.suffix in (".cpp", ".h")
+}
 
 
 def strings(source):
@@ -33,7 +35,7 @@ def strings(source):
             continue
         if token["raw"] is None:
             text = re.sub(r"\\(.)", r"\1", text)
-        if end >= 0 and not source[end:token.start()].strip():
+        if end >= 0 and not source[end : token.start()].strip():
             texts[-1] += text
         else:
             texts.append(text)
@@ -59,15 +61,17 @@ def manual(page):
 
 def heads(pages, macro):
     """The words behind `.It MACRO` in the pages."""
-    return [word for page in pages
-            for line in re.findall(rf"^\.It {macro} (.*)$", manual(page), re.M)
-            for word in re.findall(r"[\w-]+", line)]
+    return [
+        word
+        for page in pages
+        for line in re.findall(rf"^\.It {macro} (.*)$", manual(page), re.M)
+        for word in re.findall(r"[\w-]+", line)
+    ]
 
 
 def section(page, name, level="Ss"):
     """What stands below a heading, up to the next one of any level."""
-    found = re.search(rf"^\.{level} {re.escape(name)}\n(.*?)(?=^\.S[sh] |\Z)", manual(page),
-                      re.M | re.S)
+    found = re.search(rf"^\.{level} {re.escape(name)}\n(.*?)(?=^\.S[sh] |\Z)", manual(page), re.M | re.S)
     assert found, f"no {name!r} in {page.name}"
     return found[1]
 
@@ -80,8 +84,7 @@ def test_every_path_of_the_code_is_told():
     paths = code_paths()
     assert len(paths) >= 15
     # Where a path may be named, so that "/dev" is not found in "/dev/null".
-    named = {path for page in PAGES
-             for path in re.findall(r"^\.(?:Pa|It Pa) (/\S*)", manual(page), re.M)}
+    named = {path for page in PAGES for path in re.findall(r"^\.(?:Pa|It Pa) (/\S*)", manual(page), re.M)}
     assert paths - named == set()
 
 
@@ -94,8 +97,10 @@ def test_every_path_told_is_one_of_the_code():
     def known(path):
         if path in paths or jobs & {str(parent) for parent in list(Path(path).parents)[:2]}:
             return True  # the latter is an example's job file, in an account's directory or not
-        return any(own.startswith(path + "/") or path.startswith(own) and path[len(own):] in texts
-                   for own in paths)
+        return any(
+            own.startswith(path + "/") or path.startswith(own) and path[len(own) :].lstrip("/") in texts
+            for own in paths
+        )
 
     assert {path for path in told if not known(path)} == set()
 
@@ -105,7 +110,8 @@ def test_members():
     and nothing else is."""
     lookups = re.compile(
         r'(?:(?:Member|HasText)\((?:[^"();]|\([^()]*\))*,\s*"(\w+)"'
-        r'|isMember\("(\w+)"\)|\["(\w+)"\]|StaticString\("(\w+)"\))')
+        r'|isMember\("(\w+)"\)|\["(\w+)"\]|StaticString\("(\w+)"\))'
+    )
     members = set()
     for name, source in CODE.items():
         if name.startswith(("job/", "core/")):
@@ -127,8 +133,9 @@ def test_each_member_of_a_definition_has_an_example():
 
 def test_defaults():
     """The defaults in the member list are those that the code writes."""
-    written = dict(re.findall(r'WriteWhenAbsent\(config, Json::StaticString\("(\w+)"\), "?(\w+)"?\)',
-                              CODE["job/definition.cpp"]))
+    written = dict(
+        re.findall(r'WriteWhenAbsent\(config, Json::StaticString\("(\w+)"\), "?(\w+)"?\)', CODE["job/definition.cpp"])
+    )
     written["maxDelay"] = re.search(r"kDefaultMaxDelay = (\d+)", CODE["job/cronjob.h"])[1]
     listed = section(PAGES[1], "Members") + section(PAGES[1], "The template")
     told = dict(re.findall(r"^\.It Va (\w+)\n[^\n]*; default\s(?:\.Dq )?(\w+)", listed, re.M))
@@ -136,8 +143,12 @@ def test_defaults():
 
 
 def test_options():
-    options = {text for name in ("daemon/kestcrond.cpp", "base/paths.h")
-               for text in strings(CODE[name]) if text.startswith("-")}
+    options = {
+        text
+        for name in ("daemon/kestcrond.cpp", "base/paths.h")
+        for text in strings(CODE[name])
+        if text.startswith("-")
+    }
     assert options == {f"-{word}" for word in heads(PAGES, "Fl")}
     synopsis = section(PAGES[0], "SYNOPSIS", "Sh")
     assert set(re.findall(r"^\.Op Fl (\S+)$", synopsis, re.M)) == set(heads(PAGES, "Fl"))
@@ -162,8 +173,8 @@ def formats(source):
     """The texts that a source file hands to the system log."""
     found = []
     for call in re.finditer(r"LOG_ERROR\(", without_comments(source)):
-        rest = without_comments(source)[call.end():]
-        texts = strings(rest[:rest.index(";")])
+        rest = without_comments(source)[call.end() :]
+        texts = strings(rest[: rest.index(";")])
         if not texts:
             continue  # the macro itself
         found += texts[:1] if texts[0] != "%s" else []
@@ -211,13 +222,13 @@ def test_fixed_words_of_messages():
     calls += re.findall(r'\{Kind::NoCommand, "cmd_list", ([^;]*)\}', CODE["job/definition.cpp"])
     words = {text for call in calls for text in strings(call)}
     assert len(words) == 4
-    assert [word for word in words if f".Ql {word}\n" not in manual(PAGES[0])
-            and f".Ql {word} ,\n" not in manual(PAGES[0])] == []
+    assert [
+        word for word in words if f".Ql {word}\n" not in manual(PAGES[0]) and f".Ql {word} ,\n" not in manual(PAGES[0])
+    ] == []
 
 
 def test_lines_of_the_execution_log_that_tell_of_failures():
-    told = [one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M)
-            if "ERROR" in one]
+    told = [one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M) if "ERROR" in one]
     text = CODE["job/cronjob.start.cpp"]
     steps = set(re.findall(r'report\("(\w+)"\)', text))
     assert len(steps) == 3
@@ -225,8 +236,9 @@ def test_lines_of_the_execution_log_that_tell_of_failures():
     first, last = strings(re.search(r"const std::string running =(.*?);", text, re.S)[1])[:2]
     failed = strings(re.search(r"rc < 0\)\s*WriteExecutionLog\((.*?)\);", text, re.S)[1])
     assert sorted(told) == sorted(
-        ["JOB".join([f"{pieces[0]}{step}{pieces[1]}", pieces[2]]) + f"ACCOUNT{pieces[3]}ERROR]"
-         for step in steps] + [f"{first}JOB{last}COMMAND{failed[0]}-1{failed[1]}ERROR"])
+        ["JOB".join([f"{pieces[0]}{step}{pieces[1]}", pieces[2]]) + f"ACCOUNT{pieces[3]}ERROR]" for step in steps]
+        + [f"{first}JOB{last}COMMAND{failed[0]}-1{failed[1]}ERROR"]
+    )
 
 
 def test_lint(tmp_path):
@@ -239,22 +251,30 @@ def test_lint(tmp_path):
         place.mkdir(exist_ok=True)
         shutil.copy(page, place)
     subprocess.run(["/usr/sbin/makewhatis", tmp_path], check=True)
-    done = subprocess.run(["mandoc", "-T", "lint", "-W", "style", *pages], text=True,
-                          capture_output=True, env={**os.environ, "MANPATH": str(tmp_path)})
+    done = subprocess.run(
+        ["mandoc", "-T", "lint", "-W", "style", *pages],
+        text=True,
+        capture_output=True,
+        env={**os.environ, "MANPATH": str(tmp_path)},
+    )
     assert done.stdout + done.stderr == ""
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
 def test_no_word_is_taken_for_a_macro(page):
     """What is quoted is printed whole: in it a word such as "No" would be obeyed and vanish."""
-    printed = subprocess.run(["mandoc", "-T", "utf8", page], check=True, text=True,
-                             encoding="utf-8", capture_output=True).stdout
+    printed = subprocess.run(
+        ["mandoc", "-T", "utf8", page], check=True, text=True, encoding="utf-8", capture_output=True
+    ).stdout
     printed = re.sub(r"\s", "", re.sub(r".\x08", "", printed))
     quoted = re.findall(r"^\.(?:Dq|Ql|Dl|It Ql|It Li) (.*?)(?: [.,:;)])?$", manual(page), re.M)
     assert len(quoted) > 20
     # Quotes around a word only keep its blanks.
-    assert [text for text in quoted if re.sub(r'\s|^"|"$', "", text) not in printed
-            and re.sub(r"\s", "", text) not in printed] == []
+    assert [
+        text
+        for text in quoted
+        if re.sub(r'\s|^"|"$', "", text) not in printed and re.sub(r"\s", "", text) not in printed
+    ] == []
 
 
 def tool(request, *arguments):
@@ -267,8 +287,11 @@ def example_files():
     examples = section(PAGES[1], "EXAMPLES", "Sh")
     blocks = re.findall(r"^\.Bd -literal[^\n]*\n(.*?)^\.Ed$", examples, re.M | re.S)
     introductions = re.split(r"^\.Bd .*?^\.Ed$", examples, flags=re.M | re.S)
-    return [(re.findall(r"^\.Pa (/\S+)", introduction, re.M)[0], block)
-            for introduction, block in zip(introductions, blocks) if block[0] in "[{"]
+    return [
+        (re.findall(r"^\.Pa (/\S+)", introduction, re.M)[0], block)
+        for introduction, block in zip(introductions, blocks)
+        if block[0] in "[{"
+    ]
 
 
 def test_the_example_files_are_right(request, tmp_path):
@@ -277,8 +300,9 @@ def test_the_example_files_are_right(request, tmp_path):
     assert len(examples) == 3
     (tmp_path / "etc").mkdir()
     accounts = {"root": 0, "system": 2001, "reports": 2002, "weather": 2003}
-    (tmp_path / "etc/passwd").write_text("".join(
-        f"{name}:x:{number}:{number}::/:/bin/false\n" for name, number in accounts.items()))
+    (tmp_path / "etc/passwd").write_text(
+        "".join(f"{name}:x:{number}:{number}::/:/bin/false\n" for name, number in accounts.items())
+    )
     for path, text in examples:
         file = tmp_path / path[1:]
         file.parent.mkdir(parents=True)
@@ -308,22 +332,25 @@ def test_what_is_refused_is_refused(request):
 def test_what_is_said_of_fields_and_periods():
     """The tables of periods and bounds are those that the code has."""
     periods = re.findall(r"^\.It (\w) Ta \"(.*?)\" Ta", section(PAGES[1], "Periods"), re.M)
-    assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";",
-                                                CODE["job/definition.cpp"]))
+    assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";", CODE["job/definition.cpp"]))
     bounds = re.findall(r"\{'\w', (\d+), (\d+), (\d+)\}", CODE["job/cron_field.cpp"])
     told = re.findall(r"^\.It \w+ Ta (\d+) to (\d+) Ta (\d+) to (\d+)", expressions(), re.M)
     assert told == [(low, high, low, drawn) for low, high, drawn in bounds]
 
 
-@pytest.mark.parametrize("words,name,pattern", [
-    (r"at most (\d+) MiB, and", "platform/json_file.h", r"size_t\{(1)\} << 20"),
-    (r"quota of (\d+) MiB of job files", "core/job_files.h", r" bytes = std::size_t\{(1)\} << 20"),
-    (r"counts as (\d+) KiB at least", "core/job_files.h", r"kLeastCharge = (1)024"),
-    (r"quota of (\d+) MiB in the runtime", "core/job_files.h", r"Bytes = std::size_t\{(4)\} << 20"),
-    (r"waited for (\d+) seconds, and its", "core/account_files.cpp", r"timeout = (\d+);"),
-    (r"at most (\d+) levels", "platform/json_file.h", r"<< 20, (\d+)\}"),
-    (r"sleeps for (\d+) seconds; a signal", "core/crondaemon.cpp", r"kCycleSeconds = (\d+)"),
-    (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)")])
+@pytest.mark.parametrize(
+    "words,name,pattern",
+    [
+        (r"at most (\d+) MiB, and", "core/job_files.h", r"JobFileLimits\{std::size_t\{(1)\} << 20"),
+        (r"quota of (\d+) MiB of job files", "core/job_files.h", r" bytes = std::size_t\{(1)\} << 20"),
+        (r"counts as (\d+) KiB at least", "core/job_files.h", r"kLeastCharge = (1)024"),
+        (r"quota of (\d+) MiB in the runtime", "core/job_files.h", r"Bytes = std::size_t\{(4)\} << 20"),
+        (r"waited for (\d+) seconds, and its", "core/account_files.cpp", r"timeout = (\d+);"),
+        (r"at most (\d+) levels", "core/job_files.h", r"<< 20, (\d+)\}"),
+        (r"sleeps for (\d+) seconds; a signal", "core/crondaemon.cpp", r"kCycleSeconds = (\d+)"),
+        (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)"),
+    ],
+)
 def test_numbers(words, name, pattern):
     """A limit in the text is that in the code; one watch is the directory's of all accounts."""
     told = int(re.search(words, "".join(map(manual, PAGES)))[1])

@@ -30,8 +30,9 @@ def cp_failed(program, name="pkg-f-x"):
     return [f"Failed to cp [{program}][/tmp/kestcrond/{name}][0x0000 :0]"]
 
 
-@pytest.mark.parametrize("user,account,ids", [
-    ("root", None, (0, 0)), ("system", None, (2003, 2003)), ("package", "alice", (2001, 2001))])
+@pytest.mark.parametrize(
+    "user,account,ids", [("root", None, (0, 0)), ("system", None, (2003, 2003)), ("package", "alice", (2001, 2001))]
+)
 def test_the_copy_belongs_to_the_account(machine, user, account, ids):
     machine.jobs("pkg", "f", [never("x", user=user, package_username=account)])
     machine.start_and_wait()
@@ -42,11 +43,9 @@ def test_the_copy_belongs_to_the_account(machine, user, account, ids):
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["pkg-f-x"]
 
 
-@pytest.mark.parametrize("user,account,ids", [
-    ("root", None, (0, 0)), ("package", "alice", (2001, 2001))])
+@pytest.mark.parametrize("user,account,ids", [("root", None, (0, 0)), ("package", "alice", (2001, 2001))])
 @pytest.mark.parametrize("uid,gid", [(2001, 0), (0, 2001), (2001, 2001), (0, 0), (2002, 2002)])
-def test_the_copy_belongs_to_the_account_whose_ever_the_program_is(machine, user, account, ids,
-                                                                   uid, gid):
+def test_the_copy_belongs_to_the_account_whose_ever_the_program_is(machine, user, account, ids, uid, gid):
     os.chown(machine.path(RECORD), uid, gid)
     machine.jobs("pkg", "f", [never("x", user=user, package_username=account)])
     machine.start_and_wait()
@@ -76,18 +75,27 @@ def test_a_program_that_goes_missing_leaves_its_copy(machine):
 
 
 def test_a_program_that_is_missing(machine):
-    machine.jobs("builtin", "f", [never("gone", cmd="/usr/local/bin/gone -x"), never("here"),
-                                  never("blank", cmd=" x"), never("none", cmd="")])
+    machine.jobs(
+        "builtin",
+        "f",
+        [never("gone", cmd="/usr/local/bin/gone -x"), never("here"), never("blank", cmd=" x"), never("none", cmd="")],
+    )
     machine.start_and_wait()
     assert machine.texts() == [
-        "missing binary ", "MoveBinaryToTmp failed.",
-        "missing binary /usr/local/bin/gone", "MoveBinaryToTmp failed.",
-        "missing binary ", "MoveBinaryToTmp failed."]
+        "missing binary ",
+        "MoveBinaryToTmp failed.",
+        "missing binary /usr/local/bin/gone",
+        "MoveBinaryToTmp failed.",
+        "missing binary ",
+        "MoveBinaryToTmp failed.",
+    ]
     assert list(machine.entries()) == ["builtin-f-here"]
-    assert {message.tag for message in machine.messages(priority="err")
-            if message.plain().startswith("missing")} == {"cronjob"}
-    assert {message.tag for message in machine.messages(priority="err")
-            if message.plain() == "MoveBinaryToTmp failed."} == {"crondaemon"}
+    assert {message.tag for message in machine.messages(priority="err") if message.plain().startswith("missing")} == {
+        "cronjob"
+    }
+    assert {
+        message.tag for message in machine.messages(priority="err") if message.plain() == "MoveBinaryToTmp failed."
+    } == {"crondaemon"}
 
 
 def test_each_reload_copies_again(machine):
@@ -106,18 +114,17 @@ def test_a_copy_that_fails_leaves_the_one_before(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     before = machine.staged("builtin-f-x").stat().st_ino
-    machine.write("/usr/bin/cp", "#!/bin/sh\necho torn > \"$3\"\nexit 3\n", 0o755)
+    machine.write("/usr/bin/cp", '#!/bin/sh\necho torn > "$3"\nexit 3\n', 0o755)
     machine.reload()
-    text, = [text for text in machine.texts() if text.startswith("Failed to cp")]
-    assert text.startswith(
-        f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0302 kestcore.cpp:")
+    (text,) = [text for text in machine.texts() if text.startswith("Failed to cp")]
+    assert text.startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0302 kestcore.cpp:")
     assert machine.staged("builtin-f-x").stat().st_ino == before
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["builtin-f-x"]
     assert machine.document() == {}
 
 
 def test_a_copy_that_fails_half_way_leaves_nothing(machine):
-    machine.write("/usr/bin/cp", "#!/bin/sh\necho half > \"$3\"\nexit 1\n", 0o755)
+    machine.write("/usr/bin/cp", '#!/bin/sh\necho half > "$3"\nexit 1\n', 0o755)
     assert run_package_job(machine, RECORD)[0].startswith(f"Failed to cp [{RECORD}][{STAGED}][0x0302")
     assert os.listdir(machine.path("/tmp/kestcrond")) == []
 
@@ -127,50 +134,46 @@ def test_a_copy_program_that_is_missing_or_killed(machine):
     machine.path("/usr/bin/cp").unlink()
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
-    assert machine.texts()[0].startswith(
-        f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0301 kestcore.cpp:")
+    assert machine.texts()[0].startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0301 kestcore.cpp:")
     machine.write("/usr/bin/cp", "#!/bin/sh\nkill -9 $$\n", 0o755)
     machine.reload()
-    assert machine.texts()[-2].startswith(
-        f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0303 kestcore.cpp:")
+    assert machine.texts()[-2].startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0303 kestcore.cpp:")
 
 
 def test_signals_to_all_of_the_name_do_not_hit_a_copy(machine):
     machine.jobs("pkg", "f", [never(f"x{i:02}") for i in range(40)])
     machine.start_and_wait()
     for _ in range(3):
-        machine.run("bash", "-c", "for i in {1..100}; do pkill -HUP -x kestcrond; done",
-                    env={"LD_PRELOAD": ""})
+        machine.run("bash", "-c", "for i in {1..100}; do pkill -HUP -x kestcrond; done", env={"LD_PRELOAD": ""})
     machine.reload()
     assert machine.texts() == []
     assert len(machine.entries()) == 40
 
 
 def test_the_copy_is_made_by_cp_with_exactly_its_arguments(machine):
-    machine.write("/usr/bin/cp", "#!/bin/sh\nprintf '%s|' \"$0\" \"$@\" > /tmp/arguments\n"
-                  "cat \"$2\" > \"$3\"\n", 0o755)
+    machine.write("/usr/bin/cp", '#!/bin/sh\nprintf \'%s|\' "$0" "$@" > /tmp/arguments\n' 'cat "$2" > "$3"\n', 0o755)
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
-    assert machine.read("/tmp/arguments") == (
-        f"/usr/bin/cp|-af|{RECORD}|/tmp/kestcrond/builtin-f-x|")
+    assert machine.read("/tmp/arguments") == (f"/usr/bin/cp|-af|{RECORD}|/tmp/kestcrond/builtin-f-x|")
 
 
 def test_jobs_that_end_while_a_copy_runs_leave_no_zombie(machine):
     machine.template(maxDelay=0)
-    machine.write("/usr/bin/cp", "#!/bin/sh\nsleep 1\ncat \"$2\" > \"$3\"\n", 0o755)
+    machine.write("/usr/bin/cp", '#!/bin/sh\nsleep 1\ncat "$2" > "$3"\n', 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/wait")])
     machine.write("/usr/local/bin/wait", "#!/bin/sh\necho > /tmp/ran/started\nsleep 0.3\n", 0o755)
     machine.start_and_wait()
     wait_for(lambda: machine.runs("started"))
     machine.reload()
     pid = machine.daemon_pid()
-    wait_for(lambda: not [p for p in machine.processes().values()
-                          if p["ppid"] == pid and p["state"] == "Z"], what="no zombie")
+    wait_for(
+        lambda: not [p for p in machine.processes().values() if p["ppid"] == pid and p["state"] == "Z"],
+        what="no zombie",
+    )
     assert machine.texts() == []
 
 
-@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop",
-                                  "kernel file"])
+@pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop", "kernel file"])
 def test_a_program_that_is_no_file(machine, make):
     program = "/usr/local/bin/odd"
     path = machine.path(program)
@@ -222,9 +225,14 @@ def test_a_program_that_is_a_link_leaves_its_target_alone(machine, target):
 def test_a_link_that_leads_nowhere_from_the_staging_directory(machine):
     machine.path("/usr/local/bin").mkdir(parents=True, exist_ok=True)
     machine.path("/usr/local/bin/link").symlink_to("record")
-    refused(machine, "/usr/local/bin/link", [
-        f"Failed to stat [{STAGED}][No such file or directory]",
-        f"Failed to chown if permissions are incorrect [{STAGED}]"])
+    refused(
+        machine,
+        "/usr/local/bin/link",
+        [
+            f"Failed to stat [{STAGED}][No such file or directory]",
+            f"Failed to chown if permissions are incorrect [{STAGED}]",
+        ],
+    )
 
 
 def test_a_link_that_leads_to_the_copy_of_somebody_else(machine):
@@ -232,29 +240,55 @@ def test_a_link_that_leads_to_the_copy_of_somebody_else(machine):
     machine.write("/srv/builtin-f-x", "#!/bin/sh\n", 0o755)  # so that it leads somewhere here too
     machine.path("/srv/link").symlink_to("builtin-f-x")
     machine.template(maxDelay=0)
-    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice",
-                                           cmd="/srv/link")])
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice", cmd="/srv/link")])
     machine.start_and_wait()
     assert os.readlink(machine.path(STAGED)) == "builtin-f-x"
     assert owner_and_mode(machine.staged("builtin-f-x")) == (0, 0, 0o700)
-    wait_for(lambda: any(line.endswith("error: Permission denied")
-                         for line in machine.log_lines()), what="a start that is refused")
+    wait_for(
+        lambda: any(line.endswith("error: Permission denied") for line in machine.log_lines()),
+        what="a start that is refused",
+    )
 
 
 def test_an_account_that_does_not_exist(machine):
-    machine.jobs("pkg", "f", [never("x", user="package", package_username="nobody-here"),
-                              never("y", user="somebody"), never("z", user="packager"),
-                              never("r", user="rootjob")])
+    machine.jobs(
+        "pkg",
+        "f",
+        [
+            never("x", user="package", package_username="nobody-here"),
+            never("y", user="somebody"),
+            never("z", user="packager"),
+            never("r", user="rootjob"),
+        ],
+    )
     machine.start_and_wait()
-    end = lambda name: ["Unable to get user group info", "Failed to chown if permissions are "
-                        f"incorrect [/tmp/kestcrond/pkg-f-{name}]", "MoveBinaryToTmp failed."]
+    end = lambda name: [
+        "Unable to get user group info",
+        "Failed to chown if permissions are " f"incorrect [/tmp/kestcrond/pkg-f-{name}]",
+        "MoveBinaryToTmp failed.",
+    ]
     assert machine.texts() == [
-        "user rootjob not exist", *end("r"),
-        "user nobody-here not exist", *end("x"),
+        "user rootjob not exist",
+        *end("r"),
+        "user nobody-here not exist",
+        *end("x"),
         'wrong user somebody! you can only specify root/system/package in config ["pkg-f-y"]',
-        "Unable to determine user", *end("y"),
-        "you are not package! error user in config", "Unable to determine user", *end("z")]
+        "Unable to determine user",
+        *end("y"),
+        "you are not package! error user in config",
+        "Unable to determine user",
+        *end("z"),
+    ]
     assert os.listdir(machine.path("/tmp/kestcrond")) == [], "a copy that is nobody's is not seen"
+
+
+def test_a_copy_after_a_failed_one_leaves_errno_unchanged(machine):
+    """The copy of the first job is still where the copy of the second one is checked. Messages include errno."""
+    machine.jobs("pkg", "f", [never(name, user="somebody") for name in "ab"])
+    machine.start_and_wait()
+    texts = [message.text for message in machine.messages(priority="err")]
+    assert len(texts) == 10
+    assert [text for text in texts if "File exists" in text] == []
 
 
 @pytest.mark.parametrize("name", ["a/b", "../../../etc/x", "/", "a\0b"])
@@ -347,11 +381,12 @@ def test_nothing_is_staged_into_a_foreign_directory(machine):
     wait_for(lambda: machine.runs("builtin-f-x"))
     directory = machine.path("/tmp/kestcrond")
     # A mount can neither be moved nor exchanged.
-    machine.run("mount", "-t", "tmpfs", "-o", "uid=2001", "tmpfs", "/tmp/kestcrond", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("mount", "-t", "tmpfs", "-o", "uid=2001", "tmpfs", "/tmp/kestcrond", check=True, env={"LD_PRELOAD": ""})
     machine.wait_for_text("runtime dir (/tmp/kestcrond) create failed")
-    wait_for(lambda: sum(text.startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-")
-                         for text in machine.texts()) >= 2)
+    wait_for(
+        lambda: sum(text.startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-") for text in machine.texts())
+        >= 2
+    )
     assert os.listdir(directory) == []
 
 
