@@ -30,8 +30,9 @@ def names(machine):
 
 def as_alice(machine, *command, **options):
     """Starts a program as that account, with the real clock, and waits until it runs."""
-    process = machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", *command,
-                            env={"LD_PRELOAD": ""}, **options)
+    process = machine.popen(
+        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", *command, env={"LD_PRELOAD": ""}, **options
+    )
     name = os.path.basename(command[0])
     wait_for(lambda: name in {one["name"] for one in machine.processes().values()}, what=name)
     return process
@@ -57,6 +58,7 @@ def memory(machine, name):
 
 
 # --- Whose a directory is -----------------------------------------------------------------------
+
 
 def test_a_link_that_its_account_leads_elsewhere(machine):
     """Root linked the directory to a place of the account's, who leads the link on to "/tmp"."""
@@ -123,8 +125,7 @@ int main(void) {
 def test_a_link_that_is_exchanged_all_the_time(machine):
     """Whoever looks at the path, and then opens it, may see root's directory and open another."""
     attack = compiled(machine, EXCHANGE)
-    for directory, owner in [("/srv/alice", "alice"), ("/srv/alice/own", "alice"),
-                             ("/srv/of-root", "root")]:
+    for directory, owner in [("/srv/alice", "alice"), ("/srv/alice/own", "alice"), ("/srv/of-root", "root")]:
         machine.path(directory).mkdir(parents=True)
         machine.path(directory).chmod(0o755)
         machine.chown(machine.path(directory), owner)
@@ -144,6 +145,7 @@ def test_a_link_that_is_exchanged_all_the_time(machine):
 
 # --- With which rights its files are read -------------------------------------------------------
 
+
 def test_what_the_account_may_not_read(machine):
     machine.account_directory("alice")
     machine.write("/root/secret", json.dumps([never("secret")]), 0o600)
@@ -156,8 +158,7 @@ def test_what_the_account_may_not_read(machine):
     machine.write(ALICE + "/z-roots", json.dumps([never("roots")]), 0o600)
     machine.start_and_wait()
     assert names(machine) == {"pkg_nonroot-alice-crew-crew"}
-    assert machine.texts() == [f"JSON file read error: {ALICE}/{name}"
-                               for name in ("closed", "secret", "z-roots")]
+    assert machine.texts() == [f"JSON file read error: {ALICE}/{name}" for name in ("closed", "secret", "z-roots")]
     for message in machine.messages(priority="err"):
         assert message.text.endswith("(Permission denied)")
 
@@ -187,8 +188,9 @@ def test_what_is_no_file_is_not_opened(machine):
     machine.path(ALICE + "/directory").mkdir()
     machine.path(ALICE + "/memory").symlink_to("/proc/self/mem")
     machine.start_and_wait()
-    assert machine.texts() == [f"JSON file read error: {ALICE}/{name}" for name in (
-        "directory", "fifo", "loop", "memory", "terminal", "zero")]
+    assert machine.texts() == [
+        f"JSON file read error: {ALICE}/{name}" for name in ("directory", "fifo", "loop", "memory", "terminal", "zero")
+    ]
 
 
 STOP = r"""
@@ -203,8 +205,9 @@ int main(void) {
 def takes_a_moment(machine):
     """Gives the account a job in so many files that they are not read before somebody is quick."""
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
-    machine.run("bash", "-c", f"cd {ALICE}; for i in {{1..1000}}; do echo [] > $i; done", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run(
+        "bash", "-c", f"cd {ALICE}; for i in {{1..1000}}; do echo [] > $i; done", check=True, env={"LD_PRELOAD": ""}
+    )
 
 
 def test_a_reader_that_its_account_stops(machine):
@@ -223,13 +226,16 @@ def test_a_reader_that_its_account_stops(machine):
         started = time.monotonic()
         machine.reload()
     assert time.monotonic() - started > 5
-    first, second = (datetime.strptime(message.stamp, "%b %d %H:%M:%S")
-                     for message in machine.messages() if message.plain() in failures)
+    first, second = (
+        datetime.strptime(message.stamp, "%b %d %H:%M:%S")
+        for message in machine.messages()
+        if message.plain() in failures
+    )
     assert (second - first).total_seconds() < 5 * 60, "one deadline for both directories"
     end(machine, stopper)
     assert names(machine) == set()
     texts = machine.texts()
-    assert texts[texts.index(failures[0]):][:2] == failures and texts.count(failures[0]) == 1
+    assert texts[texts.index(failures[0]) :][:2] == failures and texts.count(failures[0]) == 1
     # In a load in which it was too late for the reader, it may have stopped the process that copies.
     others = {text for text in texts if text not in failures and not text.startswith("Failed to cp ")}
     assert others <= {"MoveBinaryToTmp failed.", "removed cleared jobs: pkg_nonroot-alice-f-x"}
@@ -254,8 +260,11 @@ def test_a_reader_that_its_account_kills(machine):
     assert machine.daemon_pid() == pid
     # The process that copies for the account may be killed as well.
     texts = {text for text in machine.texts() if not text.startswith("Failed to cp ")}
-    assert texts <= {f"Failed to load {ALICE} config", "MoveBinaryToTmp failed.",
-                     "removed cleared jobs: pkg_nonroot-alice-f-x"}
+    assert texts <= {
+        f"Failed to load {ALICE} config",
+        "MoveBinaryToTmp failed.",
+        "removed cleared jobs: pkg_nonroot-alice-f-x",
+    }
     machine.reload()
     assert names(machine) == {"pkg_nonroot-alice-f-x"}
 
@@ -266,27 +275,32 @@ def test_no_reader_outlives_a_load(machine):
     before = sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir())
     for _ in range(5):
         machine.reload()
-    wait_for(lambda: not [process for process in machine.processes().values()
-                          if process["ppid"] == pid and process["state"] in "ZT"], what="their end")
-    wait_for(lambda: sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir())
-             == before, what="the descriptors as before")
+    wait_for(
+        lambda: not [
+            process for process in machine.processes().values() if process["ppid"] == pid and process["state"] in "ZT"
+        ],
+        what="their end",
+    )
+    wait_for(
+        lambda: sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir()) == before,
+        what="the descriptors as before",
+    )
 
 
 # --- How much an account may have ---------------------------------------------------------------
+
 
 def test_a_directory_full_of_empty_files(machine):
     machine.jobs("pkg_nonroot", "0-first", [never("x")], account="alice")
     machine.start_and_wait()
     before = memory(machine, "VmHWM")
     machine.stop()
-    machine.run("bash", "-c", f"cd {ALICE} && touch {{00001..100000}}", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("bash", "-c", f"cd {ALICE} && touch {{00001..100000}}", check=True, env={"LD_PRELOAD": ""})
     machine.start_and_wait()
     left_out = ", ".join(f"alice/{number:06}" for number in range(1024, 1034))
     machine.wait_for_text(f"Quota of alice exceeded, left out: {left_out} and 98967 more")
     assert names(machine) == {"pkg_nonroot-alice-0-first-x"}
-    assert machine.texts()[:-1] == [f"JSON file read error: {ALICE}/{number:06}"
-                                    for number in range(1, 1024)]
+    assert machine.texts()[:-1] == [f"JSON file read error: {ALICE}/{number:06}" for number in range(1, 1024)]
     assert memory(machine, "VmHWM") < before + (100 if machine.is_sanitized() else 6)
 
 
@@ -309,8 +323,7 @@ def test_deep_lists_take_no_more_memory_than_they_do_as_values(machine):
     machine.start_and_wait()
     before = memory(machine, "VmHWM")
     machine.stop()
-    text = json.dumps([never("x", lists="@")]).replace(
-        '"@"', "[" * 58 + "[]" + ",[]" * 300000 + "]" * 58)
+    text = json.dumps([never("x", lists="@")]).replace('"@"', "[" * 58 + "[]" + ",[]" * 300000 + "]" * 58)
     assert len(text) < 1 << 20
     machine.write(ALICE + "/nested", text)
     machine.start_and_wait()
@@ -335,8 +348,7 @@ def test_two_directories_share_the_quota_of_their_account(machine):
     machine.account_directory("alice")
     machine.path(TOP + "/also").mkdir()
     machine.chown(machine.path(TOP + "/also"), "alice")
-    many = lambda count: json.dumps([never(f"{number}", cmd="/usr/bin/true")
-                                     for number in range(count)])
+    many = lambda count: json.dumps([never(f"{number}", cmd="/usr/bin/true") for number in range(count)])
     machine.write(f"{TOP}/also/f", many(600))
     machine.write(f"{ALICE}/f", many(600))
     machine.write(f"{ALICE}/g", many(200))
@@ -347,13 +359,19 @@ def test_two_directories_share_the_quota_of_their_account(machine):
 
 # --- How often it is read -----------------------------------------------------------------------
 
+
 def test_a_burst_of_changes_is_forgotten(machine):
     """The queue of what has changed holds 16,384 records, of which each poll takes some thirty."""
     machine.account_directory("alice")
     machine.start_and_wait()
     before = machine.loads()
-    machine.run("bash", "-c", f"cd {ALICE}; for i in {{1..3000}}; do echo > .$i; done; rm .[1-9]*",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "bash",
+        "-c",
+        f"cd {ALICE}; for i in {{1..3000}}; do echo > .$i; done; rm .[1-9]*",
+        check=True,
+        env={"LD_PRELOAD": ""},
+    )
     after = machine.loads()
     wait_for(lambda: machine.loads() > before, what="a reload")
     ticks = lambda: len(machine.runs("pkg_nonroot-bob-f-tick"))

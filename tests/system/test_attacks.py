@@ -25,9 +25,9 @@ def compiled(tmp_path_factory):
         program = directory / name
         if not program.exists():
             source = Path(__file__).parent / "attacks" / f"{name}.c"
-            subprocess.run(["gcc", "-O2", "-Wall", "-Wextra", "-Werror", "-static", "-o", program,
-                            source], check=True)
+            subprocess.run(["gcc", "-O2", "-Wall", "-Wextra", "-Werror", "-static", "-o", program, source], check=True)
         return program
+
     return compile_attack
 
 
@@ -39,9 +39,16 @@ def attack(machine, compiled):
     def start(name, *arguments, uid=NOBODY):
         machine.write(f"/srv/attacks/{name}", compiled(name).read_bytes(), 0o755)
         process = machine.popen(
-            "setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups",
-            f"/srv/attacks/{name}", *arguments, env={"LD_PRELOAD": ""}, stdout=subprocess.PIPE,
-            text=True)
+            "setpriv",
+            f"--reuid={uid}",
+            f"--regid={uid}",
+            "--clear-groups",
+            f"/srv/attacks/{name}",
+            *arguments,
+            env={"LD_PRELOAD": ""},
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         started.append(process)
         assert process.stdout.readline() == "ready\n"
         return process
@@ -69,6 +76,7 @@ def reload_often(machine, times=3):
 
 # --- Becoming root, reading what is root's ------------------------------------------------------
 
+
 def test_a_runtime_directory_that_goes_away_is_nobody_elses(machine, attack):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
@@ -76,8 +84,7 @@ def test_a_runtime_directory_that_goes_away_is_nobody_elses(machine, attack):
     attack("take_directory")
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
     owner = lambda: machine.run("stat", "-c", "%u", "/tmp/kestcrond", env={"LD_PRELOAD": ""}).stdout
-    wait_for(lambda: owner() == "0\n" and len(machine.runs("builtin-f-x")) >= 3,
-             what="the directory of root's again")
+    wait_for(lambda: owner() == "0\n" and len(machine.runs("builtin-f-x")) >= 3, what="the directory of root's again")
     assert machine.read("/tmp/ran/taken") == ""
 
 
@@ -87,8 +94,7 @@ def test_a_mount_over_tmp_is_noticed(machine, attack):
     machine.start_and_wait()
     wait_for(lambda: machine.read("/srv/ran"))
     machine.path("/srv/empty").mkdir()
-    machine.run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp", check=True, env={"LD_PRELOAD": ""})
     machine.path("/tmp/ran").mkdir()
     machine.path("/tmp/ran").chmod(0o1777)
     attack("take_directory")
@@ -106,12 +112,12 @@ def test_a_start_does_not_trust_what_it_finds(machine):
     machine.signal(signal.SIGKILL)
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
     machine.path("/tmp/kestcrond").mkdir()
-    machine.write("/tmp/kestcrond/builtin-f-x", "#!/bin/sh\nid -un >> /tmp/ran/taken\n", 0o755,
-                  owner="alice")
+    machine.write("/tmp/kestcrond/builtin-f-x", "#!/bin/sh\nid -un >> /tmp/ran/taken\n", 0o755, owner="alice")
     machine.chown(machine.path("/tmp/kestcrond"), "alice")
     failed = "running job: builtin-f-x with command: /usr/local/bin/record failed, return code: -1"
-    line = wait_for(lambda: next((line for line in machine.log_lines() if failed in line), None),
-                    90, "the failure of the start")
+    line = wait_for(
+        lambda: next((line for line in machine.log_lines() if failed in line), None), 90, "the failure of the start"
+    )
     assert line.endswith("error: Operation not permitted")
     assert machine.read("/tmp/ran/taken") == ""
 
@@ -119,12 +125,15 @@ def test_a_start_does_not_trust_what_it_finds(machine):
 @pytest.mark.parametrize("source,account", [("pkg", None), ("pkg_nonroot", "alice")])
 def test_a_copy_never_has_set_id_bits(machine, attack, source, account):
     machine.path("/media").mkdir(exist_ok=True)
-    machine.run("mount", "-t", "tmpfs", "-o", "nosuid", "tmpfs", "/media", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("mount", "-t", "tmpfs", "-o", "nosuid", "tmpfs", "/media", check=True, env={"LD_PRELOAD": ""})
     machine.write("/media/program", machine.path("/usr/bin/id").read_bytes(), 0o6755)
     machine.path("/media/program").chmod(0o6755)
-    machine.jobs(source, "f", [never(f"x{i}", user="package", package_username="alice",
-                                     cmd="/media/program") for i in range(40)], account=account)
+    machine.jobs(
+        source,
+        "f",
+        [never(f"x{i}", user="package", package_username="alice", cmd="/media/program") for i in range(40)],
+        account=account,
+    )
     observer = attack("observe")
     machine.start_and_wait()
     reload_often(machine)
@@ -138,8 +147,12 @@ def test_a_copy_is_never_a_device(machine, attack, source, account):
     machine.write("/srv/alice/a/null", "#!/bin/sh\n", 0o755, owner="alice")
     machine.path("/srv/alice/d").symlink_to("/srv/alice/a")
     os.chown(machine.path("/srv/alice"), ALICE, ALICE)
-    machine.jobs(source, "f", [never(f"x{i:03}", user="package", package_username="alice",
-                                     cmd="/srv/alice/d/null") for i in range(100)], account=account)
+    machine.jobs(
+        source,
+        "f",
+        [never(f"x{i:03}", user="package", package_username="alice", cmd="/srv/alice/d/null") for i in range(100)],
+        account=account,
+    )
     observer = attack("observe")
     attack("swap", "/srv/alice/d", "/srv/alice/a", "/dev", uid=ALICE)
     machine.start_and_wait()
@@ -162,22 +175,27 @@ def test_an_account_does_not_get_a_copy_of_what_it_may_not_read(machine):
     machine.write("/etc/secret", "root's own\n", 0o600)
     machine.write("/root/closed/program", "#!/bin/sh\n", 0o755)
     machine.path("/root/closed").chmod(0o700)
-    machine.jobs("pkg_nonroot", "f", [never("a", cmd="/etc/secret"),
-                                      never("b", cmd="/root/closed/program"), never("c")],
-                 account="alice")
+    machine.jobs(
+        "pkg_nonroot",
+        "f",
+        [never("a", cmd="/etc/secret"), never("b", cmd="/root/closed/program"), never("c")],
+        account="alice",
+    )
     machine.start_and_wait()
     name = "/tmp/kestcrond/pkg_nonroot-alice-f-"
     assert machine.texts() == [
-        f"Failed to cp [/etc/secret][{name}a][0x0000 :0]", "MoveBinaryToTmp failed.",
-        f"Failed to cp [/root/closed/program][{name}b][0x0000 :0]", "MoveBinaryToTmp failed."]
+        f"Failed to cp [/etc/secret][{name}a][0x0000 :0]",
+        "MoveBinaryToTmp failed.",
+        f"Failed to cp [/root/closed/program][{name}b][0x0000 :0]",
+        "MoveBinaryToTmp failed.",
+    ]
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["pkg_nonroot-alice-f-c"]
 
 
 def test_an_account_runs_what_it_may_run_but_not_read(machine):
     machine.template(maxDelay=0)
     machine.write("/usr/local/bin/closed", machine.path("/usr/bin/touch").read_bytes(), 0o711)
-    machine.jobs("pkg_nonroot", "f", [every_minute("x", cmd="/usr/local/bin/closed /tmp/ran/ran")],
-                 account="alice")
+    machine.jobs("pkg_nonroot", "f", [every_minute("x", cmd="/usr/local/bin/closed /tmp/ran/ran")], account="alice")
     machine.start_and_wait()
     assert os.readlink(machine.staged("pkg_nonroot-alice-f-x")) == "/usr/local/bin/closed"
     assert machine.staged("pkg_nonroot-alice-f-x").lstat().st_uid == ALICE
@@ -196,14 +214,15 @@ def test_an_account_reads_programs_with_all_its_groups(machine):
 
 # --- Stopping, starving, losing -----------------------------------------------------------------
 
+
 def test_leased_programs_do_not_hold_up_a_load(machine, attack):
     programs = [f"/srv/alice/p{i}" for i in range(3)]
     for program in programs:
         machine.write(program, "#!/bin/sh\n", 0o755, owner="alice")
-    machine.jobs("pkg_nonroot", "f", [never(f"x{i}", cmd=program)
-                                      for i, program in enumerate(programs)], account="alice")
-    machine.jobs("pkg", "g", [never("y", cmd=programs[0], user="package",
-                                    package_username="alice"), never("z")])
+    machine.jobs(
+        "pkg_nonroot", "f", [never(f"x{i}", cmd=program) for i, program in enumerate(programs)], account="alice"
+    )
+    machine.jobs("pkg", "g", [never("y", cmd=programs[0], user="package", package_username="alice"), never("z")])
     attack("lease", *programs, uid=ALICE)
     begin = time.monotonic()
     machine.start_and_wait()
@@ -215,8 +234,9 @@ def test_leased_programs_do_not_hold_up_a_load(machine, attack):
 def hanging_copies(machine):
     """A copy program that never ends, for one program only."""
     machine.write("/usr/local/bin/slow", "#!/bin/sh\n", 0o755)
-    machine.write("/usr/bin/cp", "#!/bin/sh\n[ \"$2\" = /usr/local/bin/slow ] && exec sleep 100000\n"
-                  "cat \"$2\" > \"$3\"\n", 0o755)
+    machine.write(
+        "/usr/bin/cp", '#!/bin/sh\n[ "$2" = /usr/local/bin/slow ] && exec sleep 100000\n' 'cat "$2" > "$3"\n', 0o755
+    )
 
 
 def test_a_copy_takes_ten_seconds_at_most(machine):
@@ -298,8 +318,7 @@ def test_copies_that_are_stopped_harm_their_own_account_only(machine, attack):
 
 def test_what_an_account_leaves_behind_stops_no_load(machine, attack):
     """It reaches its own work directory through the process that copies for it."""
-    machine.write("/usr/bin/cp", "#!/bin/sh\n[ $(id -u) = 0 ] || /usr/bin/sleep 120\n"
-                  "cat \"$2\" > \"$3\"\n", 0o755)
+    machine.write("/usr/bin/cp", "#!/bin/sh\n[ $(id -u) = 0 ] || /usr/bin/sleep 120\n" 'cat "$2" > "$3"\n', 0o755)
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
     attacker = attack("nest", uid=ALICE)
@@ -310,25 +329,36 @@ def test_what_an_account_leaves_behind_stops_no_load(machine, attack):
         machine.reload()
     end(machine, attacker)
     machine.reload()
-    assert not [name for name in os.listdir(machine.path("/tmp/kestcrond"))
-                if name.startswith(".")]
+    assert not [name for name in os.listdir(machine.path("/tmp/kestcrond")) if name.startswith(".")]
 
 
 def test_an_account_has_a_quarter_of_the_file_system(machine):
     machine.path("/tmp/kestcrond").mkdir()
-    machine.run("mount", "-t", "tmpfs", "-o", "mode=755,size=4m", "tmpfs", "/tmp/kestcrond",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "mount", "-t", "tmpfs", "-o", "mode=755,size=4m", "tmpfs", "/tmp/kestcrond", check=True, env={"LD_PRELOAD": ""}
+    )
     machine.write("/usr/local/bin/half", b"#!/bin/sh\n" + bytes(400 << 10), 0o755)
     machine.write("/usr/local/bin/more", b"#!/bin/sh\n" + bytes(2 << 20), 0o755)
-    machine.jobs("pkg_nonroot", "f", [never("a", cmd="/usr/local/bin/half"),
-                                      never("b", cmd="/usr/local/bin/half"),
-                                      never("c", cmd="/usr/local/bin/half"),
-                                      never("d", cmd="/usr/local/bin/more")], account="alice")
+    machine.jobs(
+        "pkg_nonroot",
+        "f",
+        [
+            never("a", cmd="/usr/local/bin/half"),
+            never("b", cmd="/usr/local/bin/half"),
+            never("c", cmd="/usr/local/bin/half"),
+            never("d", cmd="/usr/local/bin/more"),
+        ],
+        account="alice",
+    )
     machine.jobs("pkg_nonroot", "f", [never("a", cmd="/usr/local/bin/half")], account="bob")
     machine.jobs("pkg", "f", [never("d", cmd="/usr/local/bin/more")])
     machine.start_and_wait()
-    assert list(machine.entries()) == ["pkg-f-d", "pkg_nonroot-alice-f-a", "pkg_nonroot-alice-f-b",
-                                       "pkg_nonroot-bob-f-a"]
+    assert list(machine.entries()) == [
+        "pkg-f-d",
+        "pkg_nonroot-alice-f-a",
+        "pkg_nonroot-alice-f-b",
+        "pkg_nonroot-bob-f-a",
+    ]
     message = next(m for m in machine.messages("cronjob") if "alice-f-c" in m.text)
     assert message.text.endswith("(Disk quota exceeded)")
 
@@ -339,14 +369,15 @@ def test_what_could_not_be_copied_is_tried_again_in_an_hour(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     assert machine.entries() == {}
-    machine.write("/usr/bin/cp", "#!/bin/sh\ncat \"$2\" > \"$3\"\n", 0o755)
+    machine.write("/usr/bin/cp", '#!/bin/sh\ncat "$2" > "$3"\n', 0o755)
     # A busy machine may step over the first minute of an hour.
     wait_for(lambda: list(machine.entries()) == ["builtin-f-x"], 150, "the next hour")
 
 
 def test_waiting_starts_of_an_account_are_bounded(machine):
-    machine.jobs("pkg_nonroot", "f", [every_minute(f"x{i:03}", cmd="/usr/bin/true")
-                                      for i in range(1000)], account="alice")
+    machine.jobs(
+        "pkg_nonroot", "f", [every_minute(f"x{i:03}", cmd="/usr/bin/true") for i in range(1000)], account="alice"
+    )
     machine.jobs("builtin", "a", [every_minute("tick")])
     machine.start_and_wait()
     wait_for(lambda: machine.texts().count("Failed to fork()") > 1500, 120, "refused launches")
@@ -386,11 +417,11 @@ def test_a_full_directory_costs_no_history(machine):
 def test_programs_of_renamed_jobs_are_removed(machine):
     machine.jobs("pkg", "f", [never("x")])
     for number in range(3):
-        machine.jobs("pkg_nonroot", "f", [never(f"x{number}{i}") for i in range(20)],
-                     account="alice")
+        machine.jobs("pkg_nonroot", "f", [never(f"x{number}{i}") for i in range(20)], account="alice")
         machine.reload() if number else machine.start_and_wait()
     assert sorted(os.listdir(machine.path("/tmp/kestcrond"))) == sorted(
-        ["pkg-f-x", *(f"pkg_nonroot-alice-f-x2{i}" for i in range(20))])
+        ["pkg-f-x", *(f"pkg_nonroot-alice-f-x2{i}" for i in range(20))]
+    )
 
 
 def test_a_program_that_a_waiting_start_needs_is_kept(machine):
@@ -400,8 +431,7 @@ def test_a_program_that_a_waiting_start_needs_is_kept(machine):
     wait_for(lambda: machine.runs("pkg_nonroot-alice-f-a"))
     machine.jobs("pkg_nonroot", "f", [never("c")], account="alice")
     machine.reload()
-    assert set(os.listdir(machine.path("/tmp/kestcrond"))) >= {
-        "pkg_nonroot-alice-f-b", "pkg_nonroot-alice-f-c"}
+    assert set(os.listdir(machine.path("/tmp/kestcrond"))) >= {"pkg_nonroot-alice-f-b", "pkg_nonroot-alice-f-c"}
     wait_for(lambda: machine.runs("pkg_nonroot-alice-f-b"), 60, "the start that waited")
 
     def removed_by_a_reload():
@@ -426,14 +456,15 @@ def test_every_start_makes_the_runtime_directory(machine, attack, arguments):
 
 # --- Where there is no mount namespace ----------------------------------------------------------
 
+
 def test_without_a_namespace_the_directory_is_closed_while_programs_are_copied(machine, attack):
     machine.template(maxDelay=0)
     machine.write("/root/closed/program", "#!/bin/sh\n# secret\n", 0o755)
     machine.path("/root/closed").chmod(0o700)
-    machine.jobs("builtin", "f", [every_minute("tick"),
-                                  *(never(f"x{i}", cmd="/root/closed/program") for i in range(20))])
-    machine.jobs("pkg_nonroot", "f", [every_minute("y"), *(never(f"x{i}") for i in range(20))],
-                 account="alice")
+    machine.jobs(
+        "builtin", "f", [every_minute("tick"), *(never(f"x{i}", cmd="/root/closed/program") for i in range(20))]
+    )
+    machine.jobs("pkg_nonroot", "f", [every_minute("y"), *(never(f"x{i}") for i in range(20))], account="alice")
     observer = attack("observe")
     machine.start_with_faults("unshare:error=EPERM")
     wait_for(lambda: len(machine.entries()) == 42)
@@ -452,9 +483,8 @@ def test_without_a_namespace_the_directory_is_closed_while_programs_are_copied(m
 def test_without_a_namespace_starts_wait_for_the_load(machine):
     machine.clock("2026-06-02 02:10:57", rate=1)
     machine.template(maxDelay=1)
-    machine.write("/usr/bin/cp", "#!/bin/sh\n/usr/bin/sleep 3\ncat \"$2\" > \"$3\"\n", 0o755)
-    machine.jobs("builtin", "f", [every_minute("a", crontab="11 2 * * *"),
-                                  every_minute("b", crontab="11 2 * * *")])
+    machine.write("/usr/bin/cp", '#!/bin/sh\n/usr/bin/sleep 3\ncat "$2" > "$3"\n', 0o755)
+    machine.jobs("builtin", "f", [every_minute("a", crontab="11 2 * * *"), every_minute("b", crontab="11 2 * * *")])
     machine.start_with_faults("unshare:error=EPERM")
     wait_for(lambda: machine.entries())
     wait_for(machine.is_between_cycles, what="the cycle that launches both")

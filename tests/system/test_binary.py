@@ -13,8 +13,7 @@ def find_binary(request):
 
 
 def readelf(binary, *options):
-    return subprocess.run(["readelf", "--wide", *options, binary], check=True, text=True,
-                          capture_output=True).stdout
+    return subprocess.run(["readelf", "--wide", *options, binary], check=True, text=True, capture_output=True).stdout
 
 
 def is_instrumented(binary):
@@ -42,5 +41,4 @@ def test_it_needs_no_more_than_it_says(binary):
     if is_instrumented(binary):
         pytest.skip("an instrumented build")
     needed = re.findall(r"NEEDED.*\[(.*?)\.so", readelf(binary, "--dynamic"))
-    assert set(needed) <= {"libjsoncpp", "libstdc++", "libm", "libgcc_s", "libc", "ld-linux-x86-64",
-                           "ld-linux-armhf"}
+    assert set(needed) <= {"libjsoncpp", "libstdc++", "libm", "libgcc_s", "libc", "ld-linux-x86-64", "ld-linux-armhf"}

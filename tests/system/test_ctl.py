@@ -19,12 +19,22 @@ ERRORS = "kestcronctl: "
 def entry(name, schedule, crontab="* * * * *", last=None, **config):
     """A job of the runtime document."""
     document = {
-        "config": {"name": name, "user": "root", "period": "crontab", "crontab": crontab,
-                   "cmd": f"{RECORD} {name}", "assure_execute": 0, "assure_execute_action": "wait",
-                   "run_on_passive": False, **config},
-        "cmd_list": [f"/tmp/kestcrond/{name}", name], "cmd_str": f"{RECORD} {name}",
-        "startup": 1780272000, "schedule": dict(zip(("Minute", "hour", "day", "month", "week"),
-                                                    schedule))}
+        "config": {
+            "name": name,
+            "user": "root",
+            "period": "crontab",
+            "crontab": crontab,
+            "cmd": f"{RECORD} {name}",
+            "assure_execute": 0,
+            "assure_execute_action": "wait",
+            "run_on_passive": False,
+            **config,
+        },
+        "cmd_list": [f"/tmp/kestcrond/{name}", name],
+        "cmd_str": f"{RECORD} {name}",
+        "startup": 1780272000,
+        "schedule": dict(zip(("Minute", "hour", "day", "month", "week"), schedule)),
+    }
     return {**document, **({"lastExecution": last} if last else {})}
 
 
@@ -34,26 +44,39 @@ LOG = """\
 2026-06-02T01:07:11+00:00 running job: builtin-core-gone with command: /nowhere as user root (state[Ready], trig[02 01:07:00], tab[7 1 -1 -1 -1])
 2026-06-02T01:07:11+00:00 running job: builtin-core-gone with command: /nowhere failed, return code: -1, error: No such file or directory
 2026-06-02T02:00:00+00:00 Failed to setuid forpkg_nonroot-alice-own-report for user alice[Operation not permitted]
-""".format(record=RECORD)
+""".format(
+    record=RECORD
+)
 
 JOBS = {
-    "builtin-core-backup": entry("builtin-core-backup", [[17], [3], [-1], [-1], [-1]], "~ ~ * * *",
-                                 assure_execute=48, assure_execute_action="run"),
-    "builtin-core-gone": entry("builtin-core-gone", [[7], [1], [-1], [-1], [-1]], "7 1 * * *",
-                               cmd="/nowhere"),
-    "builtin-core-hourly": entry("builtin-core-hourly", [[17], [-1], [-1], [-1], [-1]],
-                                 "~ * * * *", last=1780364100),
-    "builtin-core-late": entry("builtin-core-late", [[0], [0], [31], [2], [-1]], "0 0 31 2 *",
-                               last=1780272000, assure_execute=24),
+    "builtin-core-backup": entry(
+        "builtin-core-backup",
+        [[17], [3], [-1], [-1], [-1]],
+        "~ ~ * * *",
+        assure_execute=48,
+        assure_execute_action="run",
+    ),
+    "builtin-core-gone": entry("builtin-core-gone", [[7], [1], [-1], [-1], [-1]], "7 1 * * *", cmd="/nowhere"),
+    "builtin-core-hourly": entry("builtin-core-hourly", [[17], [-1], [-1], [-1], [-1]], "~ * * * *", last=1780364100),
+    "builtin-core-late": entry(
+        "builtin-core-late", [[0], [0], [31], [2], [-1]], "0 0 31 2 *", last=1780272000, assure_execute=24
+    ),
     "builtin-core-leap": entry("builtin-core-leap", [[0], [0], [29], [2], [0]], "0 0 29 2 0"),
     "builtin-core-never": entry("builtin-core-never", [[0], [0], [31], [2], [-1]], "0 0 31 2 *"),
-    "pkg-app-office": entry("pkg-app-office", [[0, 15, 30, 45], [8, 9, 10], [-1], [-1],
-                                               [1, 2, 3, 4, 5]],
-                            "0,15,30,45 8,9,10 * * 1,2,3,4,5", run_on_passive=True),
+    "pkg-app-office": entry(
+        "pkg-app-office",
+        [[0, 15, 30, 45], [8, 9, 10], [-1], [-1], [1, 2, 3, 4, 5]],
+        "0,15,30,45 8,9,10 * * 1,2,3,4,5",
+        run_on_passive=True,
+    ),
     "pkg-app-weekly": entry("pkg-app-weekly", [[17], [3], [-1], [-1], [1]], "~ ~ * * ~"),
     "pkg_nonroot-alice-own-report": entry(
-        "pkg_nonroot-alice-own-report", [[17], [14], [-1], [-1], [-1]], "~ 8~17 * * *",
-        user="package", package_username="alice"),
+        "pkg_nonroot-alice-own-report",
+        [[17], [14], [-1], [-1], [-1]],
+        "~ 8~17 * * *",
+        user="package",
+        package_username="alice",
+    ),
 }
 
 
@@ -64,11 +87,17 @@ def known(machine):
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write(machine.RUNTIME_FILE, json.dumps({"jobs": JOBS}))
     os.utime(machine.path(machine.RUNTIME_FILE), (1780364100, 1780364100))
-    config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-              "crontab": "~ ~ ~ ~ ~"}
-    machine.write(machine.RUNTIME_TEMPLATE, json.dumps(
-        {"config": config, "maxDelay": 600,
-         "schedule": {"Minute": [17], "hour": [3], "day": [17], "month": [3], "week": [1]}}))
+    config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab", "crontab": "~ ~ ~ ~ ~"}
+    machine.write(
+        machine.RUNTIME_TEMPLATE,
+        json.dumps(
+            {
+                "config": config,
+                "maxDelay": 600,
+                "schedule": {"Minute": [17], "hour": [3], "day": [17], "month": [3], "week": [1]},
+            }
+        ),
+    )
     machine.write(machine.LOG_FILE, LOG, mode=0o600)
     return machine
 
@@ -102,8 +131,10 @@ def test_output(known, ctl, name, form):
     if name.startswith(("status", "explain", "log")):
         assert result.stderr == ""
     else:
-        assert result.stderr == (ERRORS + "kestcrond is not running, so nothing will start; showing "
-                                 "the state of today 01:35 from /var/run/kestcrond.config\n")
+        assert result.stderr == (
+            ERRORS + "kestcrond is not running, so nothing will start; showing "
+            "the state of today 01:35 from /var/run/kestcrond.config\n"
+        )
     if form == "json":
         lines = result.stdout.splitlines() if name.startswith("log") else [result.stdout]
         assert lines and all(json.loads(line) is not None for line in lines)
@@ -136,8 +167,11 @@ def test_draws_of_an_expression(known, ctl):
     assert answer["expression"] == "~ ~ * * ~"
     assert [field["text"] for field in answer["fields"]] == ["~", "~", "*", "*", "~"]
     assert answer["fields"][0] == {
-        "field": "Minute", "text": "~", "words": "random from 0 to 59, redrawn every hour",
-        "items": [{"text": "~", "type": "random", "from": 0, "to": 59}]}
+        "field": "Minute",
+        "text": "~",
+        "words": "random from 0 to 59, redrawn every hour",
+        "items": [{"text": "~", "type": "random", "from": 0, "to": 59}],
+    }
     assert answer["draws"][0]["words"] == "on Mondays at 03:17"  # as in the template
     assert len(answer["draws"]) == 3
     for draw in answer["draws"]:
@@ -145,45 +179,51 @@ def test_draws_of_an_expression(known, ctl):
         assert schedule["day"] == schedule["month"] == [-1]
         assert 0 <= schedule["Minute"][0] < 60 and 0 <= schedule["week"][0] < 7
     assert answer["next"][0] == {
-        "earliest": "2026-06-08T00:00:00+00:00", "latest": "2026-06-15T00:00:00+00:00",
-        "undrawn": ["Minute", "hour", "week"], "overdue": False}
+        "earliest": "2026-06-08T00:00:00+00:00",
+        "latest": "2026-06-15T00:00:00+00:00",
+        "undrawn": ["Minute", "hour", "week"],
+        "overdue": False,
+    }
 
 
-@pytest.mark.parametrize("arguments,error", [
-    (["explain", "* * * *"], 'is not a valid crontab expression: "crontab" has 4 fields; expected: five'),
-    (["explain", "1-5 * * * *"], 'minute "1-5": ranges with a dash are not supported; write: 1,2,3'),
-    (["explain", "61 * * * *"], 'minute "61" is out of range; expected: 0 to 59'),
-    (["explain", "--period", "yearly"], '"yearly" is not a valid period; expected: '),
-    (["explain", "--period", "crontab"], '"crontab" uses the member "crontab"; write: explain'),
-    (["explain"], "explain requires either"),
-    (["explain", "* * * * *", "--period", "daily"], "explain requires either"),
-    (["next", "bakup"], 'unknown job "bakup"; did you mean builtin-core-backup?\n'),
-    (["show", "builtin-core-bakup"], "did you mean one of builtin-core-backup, "),
-    (["next", "xyzzy"], 'unknown job "xyzzy"\n'),
-    (["next", "--at", "noon"], '"noon" is not a valid time; expected: '),
-    (["log", "--since", "noon"], '"noon" is not a valid time; expected: '),
-    (["lst"], 'unknown command "lst"; did you mean "list"?'),
-    (["--json", "lst"], 'unknown command "lst"; did you mean "list"?'),
-    (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
-    ([""], 'unknown command ""; see kestcronctl --help'),
-    (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
-    ([], "no command given; see kestcronctl --help"),
-    (["--json"], "no command given"),
-    (["show"], "missing argument; see kestcronctl show --help"),
-    (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
-    (["list", "a", "b"], "not expected: b"),
-    (["list", "--nonsense"], "not expected: --nonsense"),
-    (["next", "-n", "0"], "-n"),
-    (["next", "-n", "x"], "-n"),
-    (["timeline", "--hours", "0"], "--hours"),
-    (["list", "--root", "/nowhere"], "/nowhere: No such file"),
-    (["list", "--root", "/etc/passwd"], "/etc/passwd: Not a directory"),
-    (["list", "--root", "/usr"], "kestcrond has not run on this system"),
-    (["run", "backup"], "/tmp/kestcrond/builtin-core-backup does not exist or was not staged"),
-    (["run", "backup", "--root", "/"], "run works only on this system"),
-    (["reload"], "kestcrond is not running"),
-    (["reload", "--root", "/"], "reload works only on this system"),
-])
+@pytest.mark.parametrize(
+    "arguments,error",
+    [
+        (["explain", "* * * *"], 'is not a valid crontab expression: "crontab" has 4 fields; expected: five'),
+        (["explain", "1-5 * * * *"], 'minute "1-5": ranges with a dash are not supported; write: 1,2,3'),
+        (["explain", "61 * * * *"], 'minute "61" is out of range; expected: 0 to 59'),
+        (["explain", "--period", "yearly"], '"yearly" is not a valid period; expected: '),
+        (["explain", "--period", "crontab"], '"crontab" uses the member "crontab"; write: explain'),
+        (["explain"], "explain requires either"),
+        (["explain", "* * * * *", "--period", "daily"], "explain requires either"),
+        (["next", "bakup"], 'unknown job "bakup"; did you mean builtin-core-backup?\n'),
+        (["show", "builtin-core-bakup"], "did you mean one of builtin-core-backup, "),
+        (["next", "xyzzy"], 'unknown job "xyzzy"\n'),
+        (["next", "--at", "noon"], '"noon" is not a valid time; expected: '),
+        (["log", "--since", "noon"], '"noon" is not a valid time; expected: '),
+        (["lst"], 'unknown command "lst"; did you mean "list"?'),
+        (["--json", "lst"], 'unknown command "lst"; did you mean "list"?'),
+        (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
+        ([""], 'unknown command ""; see kestcronctl --help'),
+        (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
+        ([], "no command given; see kestcronctl --help"),
+        (["--json"], "no command given"),
+        (["show"], "missing argument; see kestcronctl show --help"),
+        (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
+        (["list", "a", "b"], "not expected: b"),
+        (["list", "--nonsense"], "not expected: --nonsense"),
+        (["next", "-n", "0"], "-n"),
+        (["next", "-n", "x"], "-n"),
+        (["timeline", "--hours", "0"], "--hours"),
+        (["list", "--root", "/nowhere"], "/nowhere: No such file"),
+        (["list", "--root", "/etc/passwd"], "/etc/passwd: Not a directory"),
+        (["list", "--root", "/usr"], "kestcrond has not run on this system"),
+        (["run", "backup"], "/tmp/kestcrond/builtin-core-backup does not exist or was not staged"),
+        (["run", "backup", "--root", "/"], "run works only on this system"),
+        (["reload"], "kestcrond is not running"),
+        (["reload", "--root", "/"], "reload works only on this system"),
+    ],
+)
 def test_errors(known, ctl, arguments, error):
     result = ctl(*arguments)
     assert result.returncode == 2
@@ -207,18 +247,20 @@ def test_help_of_every_command(machine, ctl):
 
 # --- Damaged files ------------------------------------------------------------------------------
 
+
 def test_an_invalid_document(known, ctl):
     for text in ('{"jobs": {', "", "\0", "[" * 1000):
         known.write(known.RUNTIME_FILE, text)
         result = ctl("list")
         assert result.returncode == 2
-        assert result.stderr == (
-            ERRORS + "/var/run/kestcrond.config: is not a complete JSON document\n")
+        assert result.stderr == (ERRORS + "/var/run/kestcrond.config: is not a complete JSON document\n")
 
 
 def test_invalid_entries(known, ctl):
-    known.write(known.RUNTIME_FILE, json.dumps(
-        {"jobs": {"good": JOBS["builtin-core-never"], "b\nad": 7, "worse": {"config": []}}}))
+    known.write(
+        known.RUNTIME_FILE,
+        json.dumps({"jobs": {"good": JOBS["builtin-core-never"], "b\nad": 7, "worse": {"config": []}}}),
+    )
     result = ctl("list", "--json")
     assert [job["name"] for job in json.loads(result.stdout)] == ["builtin-core-never"]
     assert '"b\\nad" is not a valid job\n' in result.stderr and '"worse" is not a valid job\n' in result.stderr
@@ -261,8 +303,7 @@ def test_a_full_disk(known, ctl):
 
 
 def test_commands_without_root(known, ctl):
-    for arguments in (["list"], ["next"], ["show", "backup"], ["explain", "* * * * *"],
-                      ["timeline"], ["metrics"]):
+    for arguments in (["list"], ["next"], ["show", "backup"], ["explain", "* * * * *"], ["timeline"], ["metrics"]):
         assert ctl(*arguments, user=2001).returncode == 0
     assert ctl("status", user=2001).returncode == 3
     result = ctl("log", user=2001)
@@ -283,10 +324,10 @@ def test_another_system(known, ctl):
     (root / "etc/passwd").write_text("root:x:0:0::/:/bin/sh\n")
     (root / "etc/localtime").symlink_to("/usr/share/zoneinfo/Asia/Kolkata")
     (root / "usr/share/zoneinfo/Asia").mkdir(parents=True)
-    (root / "usr/share/zoneinfo/Asia/Kolkata").write_bytes(
-        known.path("/usr/share/zoneinfo/Asia/Kolkata").read_bytes())
-    (root / "run/kestcrond.config").write_text(json.dumps(
-        {"jobs": {"x": entry("builtin-x-x", [[0], [0], [-1], [-1], [-1]], "0 0 * * *")}}))
+    (root / "usr/share/zoneinfo/Asia/Kolkata").write_bytes(known.path("/usr/share/zoneinfo/Asia/Kolkata").read_bytes())
+    (root / "run/kestcrond.config").write_text(
+        json.dumps({"jobs": {"x": entry("builtin-x-x", [[0], [0], [-1], [-1], [-1]], "0 0 * * *")}})
+    )
     answer = json.loads(ctl("list", "--root", "/image", "--json").stdout)
     assert [job["name"] for job in answer] == ["builtin-x-x"]
     assert answer[0]["next"]["earliest"] == "2026-06-03T00:00:00+05:30"
@@ -301,26 +342,28 @@ def test_another_system(known, ctl):
 
 
 def test_why_a_job_is_not_loaded(machine, ctl):
-    machine.jobs("builtin", "f.conf", [never("x", cmd="/nowhere"), every_minute("y", crontab="* *"),
-                                       never("z")])
+    machine.jobs("builtin", "f.conf", [never("x", cmd="/nowhere"), every_minute("y", crontab="* *"), never("z")])
     machine.start_and_wait()
     machine.jobs("builtin", "g.conf", [never("new")])
     errors = lambda name: ctl("show", name).stderr.splitlines()
     place = "/usr/kest/share/kestcron.d/f.conf:1:"
     lines = errors("builtin-f-x")
     assert lines[0].startswith(place) and ": the job is defined here" in lines[0]
-    assert any(line.startswith(place) and '"/nowhere" does not exist: the daemon will not load' in line
-               for line in lines[1:-1])
+    assert any(
+        line.startswith(place) and '"/nowhere" does not exist: the daemon will not load' in line for line in lines[1:-1]
+    )
     assert lines[-1].startswith(ERRORS + 'unknown job "builtin-f-x"')
     lines = errors("builtin-f-y")
     assert lines[0].endswith(": the job is defined here") and '"crontab" has 2 fields' in lines[1]
     assert errors("builtin-g-new")[0].endswith(
-        "g.conf:1:11: the job is defined here, and the next reload tries to load it")
+        "g.conf:1:11: the job is defined here, and the next reload tries to load it"
+    )
     assert len(errors("builtin-f-nothing")) == 1
     assert errors("builtin-f-z") == []
 
 
 # --- Files and processes of other users ---------------------------------------------------------
+
 
 def test_run_refuses_programs_of_other_users(machine, ctl):
     """After a reboot, before the daemon starts, any user can create the runtime directory."""
@@ -353,8 +396,9 @@ def test_a_process_that_imitates_the_daemon(machine, ctl):
     machine.path("/tmp/fake").mkdir()
     machine.path("/tmp/fake/kestcrond").symlink_to("/usr/bin/sleep")
     for user in ("2001", "0"):
-        impostor = machine.popen("setpriv", f"--reuid={user}", "/tmp/fake/kestcrond", "1000",
-                                 env={"LD_PRELOAD": "", "TRAP": "sprung"})
+        impostor = machine.popen(
+            "setpriv", f"--reuid={user}", "/tmp/fake/kestcrond", "1000", env={"LD_PRELOAD": "", "TRAP": "sprung"}
+        )
         wait_for(lambda: machine.daemons())
         machine.write(machine.PID_FILE, f"{machine.daemons()[0]}\n")
         assert ctl("status").returncode == 3
@@ -405,9 +449,17 @@ def test_timeline_replaces_links(known, ctl):
     assert known.path("/tmp/t.svg").stat().st_mode & 0o7777 == 0o644
 
 
-@pytest.mark.parametrize("file", ["etc/passwd", "etc/localtime", "var/run/kestcrond.config",
-                                  "var/log/kestcrond-execute.log", "var/run/kestcrond.st.config",
-                                  "usr/kest/share/kestcron.d/f"])
+@pytest.mark.parametrize(
+    "file",
+    [
+        "etc/passwd",
+        "etc/localtime",
+        "var/run/kestcrond.config",
+        "var/log/kestcrond-execute.log",
+        "var/run/kestcrond.st.config",
+        "usr/kest/share/kestcron.d/f",
+    ],
+)
 @pytest.mark.parametrize("kind", ["fifo", "zero", "loop", "huge"])
 def test_unusual_files_in_an_image(known, ctl, file, kind):
     root = known.path("/image")
@@ -432,8 +484,7 @@ def test_unusual_files_in_an_image(known, ctl, file, kind):
 
 def test_names_with_control_characters_are_escaped(known, ctl):
     evil = "builtin-x-\x1b]0;owned\x07\u202e\u009b2J"
-    known.write(known.RUNTIME_FILE, json.dumps({"jobs": {evil: entry(evil, [[0], [0], [-1], [-1],
-                                                                            [-1]])}}))
+    known.write(known.RUNTIME_FILE, json.dumps({"jobs": {evil: entry(evil, [[0], [0], [-1], [-1], [-1]])}}))
     known.write(known.LOG_FILE, LOG + f"2026-06-02T02:10:00+00:00 {evil} \x1b[31m\n", 0o600)
     for command in (["list"], ["next"], ["show", evil], ["log"], ["timeline"], ["show", "no"]):
         result = ctl(*command)
@@ -445,35 +496,53 @@ def test_names_with_invalid_utf8_in_json(known, ctl):
     document = json.dumps({"jobs": {"x": entry("builtin-x-BAD", [[0], [0], [-1], [-1], [-1]])}})
     known.write(known.RUNTIME_FILE, document.encode().replace(b"BAD", b"\xff\xfe"))
     for command in (["list"], ["next", "-n", "1"], ["timeline"], ["show", "builtin-x-\udcff\udcfe"]):
-        assert "builtin-x-\ufffd\ufffd" in json.dumps(json.loads(ctl(*command, "--json").stdout),
-                                                      ensure_ascii=False)
+        assert "builtin-x-\ufffd\ufffd" in json.dumps(json.loads(ctl(*command, "--json").stdout), ensure_ascii=False)
 
 
 def test_run_does_not_count_as_a_launch(machine, ctl):
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write("/run/kestvorld.status", "2")
     machine.jobs("builtin", "f", [never("x", assure_execute=1)])
-    machine.write(PERSISTENT_FILE, json.dumps({"jobs": {"builtin-f-x": {
-        "config": never("builtin-f-x", assure_execute=1), "startup": 1000, "lastExecution": 1000}}}))
+    machine.write(
+        PERSISTENT_FILE,
+        json.dumps(
+            {
+                "jobs": {
+                    "builtin-f-x": {
+                        "config": never("builtin-f-x", assure_execute=1),
+                        "startup": 1000,
+                        "lastExecution": 1000,
+                    }
+                }
+            }
+        ),
+    )
     machine.start_and_wait()
     state = lambda: json.loads(ctl("list", "--json").stdout)[0]
     assert state()["state"] == "held"
     assert ctl("run", "x").returncode == 0
     assert state()["last_run"] == "2026-06-02T02:10:10+00:00"
     assert state()["state"] == "held"
-    assert "kestcron_job_overdue{job=\"builtin-f-x\",user=\"root\"} 1" in ctl("metrics").stdout
+    assert 'kestcron_job_overdue{job="builtin-f-x",user="root"} 1' in ctl("metrics").stdout
     assert "the machine is held" in ctl("list").stderr
 
 
 def test_forged_arguments_do_not_count_as_running(machine, ctl):
-    machine.jobs("builtin", "f", [never("victim"), every_minute(
-        "deep", cmd="/usr/local/bin/deep", user="system")])
-    machine.write("/usr/local/bin/deep", "#!/usr/bin/env -S python3 -u -X dev -W ignore\n"
-                  "import time\ntime.sleep(100000)\n", 0o755)
+    machine.jobs("builtin", "f", [never("victim"), every_minute("deep", cmd="/usr/local/bin/deep", user="system")])
+    machine.write(
+        "/usr/local/bin/deep",
+        "#!/usr/bin/env -S python3 -u -X dev -W ignore\n" "import time\ntime.sleep(100000)\n",
+        0o755,
+    )
     machine.start_and_wait()
-    pretender = machine.popen("setpriv", "--reuid=2001", "bash", "-c",
-                              "exec -a /tmp/kestcrond/builtin-f-victim sleep 1000",
-                              env={"LD_PRELOAD": ""})
+    pretender = machine.popen(
+        "setpriv",
+        "--reuid=2001",
+        "bash",
+        "-c",
+        "exec -a /tmp/kestcrond/builtin-f-victim sleep 1000",
+        env={"LD_PRELOAD": ""},
+    )
     state = lambda: {job["name"]: job["state"] for job in json.loads(ctl("list", "--json").stdout)}
     wait_for(lambda: state()["builtin-f-deep"] == "running")
     assert state()["builtin-f-victim"] == "waiting"
@@ -482,6 +551,7 @@ def test_forged_arguments_do_not_count_as_running(machine, ctl):
 
 
 # --- With the daemon ----------------------------------------------------------------------------
+
 
 def test_status_of_a_daemon(machine, ctl):
     machine.jobs("builtin", "f", [never("a"), never("b")])
@@ -518,15 +588,27 @@ until [ -e /tmp/end ]; do /usr/bin/sleep 0.02; done
 def test_running_jobs(machine, ctl):
     machine.write("/usr/local/bin/sleeper", SLEEPER, 0o755)
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [
-        every_minute("script", cmd="/usr/local/bin/sleeper", user="system"),
-        every_minute("binary", cmd="/usr/bin/sleep 100000"), never("other")])
+    machine.jobs(
+        "builtin",
+        "f",
+        [
+            every_minute("script", cmd="/usr/local/bin/sleeper", user="system"),
+            every_minute("binary", cmd="/usr/bin/sleep 100000"),
+            never("other"),
+        ],
+    )
     machine.start_and_wait()
-    state = lambda: {job["name"]: (job["state"], job["pid"] is not None)
-                     for job in json.loads(ctl("list", "--json").stdout)}
-    wait_for(lambda: state() == {"builtin-f-script": ("running", True),
-                                 "builtin-f-binary": ("running", True),
-                                 "builtin-f-other": ("waiting", False)})
+    state = lambda: {
+        job["name"]: (job["state"], job["pid"] is not None) for job in json.loads(ctl("list", "--json").stdout)
+    }
+    wait_for(
+        lambda: state()
+        == {
+            "builtin-f-script": ("running", True),
+            "builtin-f-binary": ("running", True),
+            "builtin-f-other": ("waiting", False),
+        }
+    )
     pid = {job["name"]: job["pid"] for job in json.loads(ctl("list", "--json").stdout)}
     assert machine.processes()[pid["builtin-f-script"]]["name"] == "builtin-f-scrip"
     machine.write("/tmp/end", "")
@@ -555,9 +637,20 @@ exit 7
 def test_run_matches_a_launch_by_the_daemon(machine, ctl):
     machine.clock("2026-06-02 02:12:10", rate=0)  # the daemon launches it in its first cycle only
     machine.write("/usr/local/bin/witness", WITNESS, 0o755)
-    machine.jobs("pkg", "f", [{"name": "own", "user": "package", "package_username": "alice",
-                               "period": "crontab", "crontab": "12 2 * * *",
-                               "cmd_list": ["/usr/local/bin/witness", "a b", "c"]}])
+    machine.jobs(
+        "pkg",
+        "f",
+        [
+            {
+                "name": "own",
+                "user": "package",
+                "package_username": "alice",
+                "period": "crontab",
+                "crontab": "12 2 * * *",
+                "cmd_list": ["/usr/local/bin/witness", "a b", "c"],
+            }
+        ],
+    )
     machine.run("sh", "-c", f"umask 027; MARK='of the daemon' {machine.DAEMON}")
     results = lambda: [path.read_text() for path in machine.path("/tmp/ran").glob("*.whole")]
     wait_for(lambda: len(results()) == 1)
@@ -569,12 +662,19 @@ def test_run_matches_a_launch_by_the_daemon(machine, ctl):
     assert re.search(
         r" running job: pkg-f-own with command: /usr/local/bin/witness a b c  as user alice "
         r"\(state\[Manual\], trig\[02 02:1\d:\d\d\], tab\[12 2 -1 -1 -1\], by\[carol\]\)$",
-        machine.log_lines()[-1])
+        machine.log_lines()[-1],
+    )
 
 
-@pytest.mark.parametrize("program,status", [
-    ("#!/bin/sh\nexit 0\n", 0), ("#!/bin/sh\nexit 3\n", 3), ("#!/bin/sh\nkill -9 $$\n", 137),
-    ("#!/no/such/interpreter\n", 127)])
+@pytest.mark.parametrize(
+    "program,status",
+    [
+        ("#!/bin/sh\nexit 0\n", 0),
+        ("#!/bin/sh\nexit 3\n", 3),
+        ("#!/bin/sh\nkill -9 $$\n", 137),
+        ("#!/no/such/interpreter\n", 127),
+    ],
+)
 def test_exit_status_of_run(machine, ctl, program, status):
     machine.write("/usr/local/bin/x", program, 0o755)
     machine.jobs("builtin", "f", [never("x", cmd="/usr/local/bin/x")])
@@ -617,11 +717,16 @@ def test_reload_lists_changes(machine, ctl):
     assert (result.returncode, result.stdout) == (0, "no jobs added, removed or changed; 3 jobs\n")
     machine.jobs("builtin", "f", [never("stays"), never("changes", assure_execute=5), never("new")])
     result = ctl("reload", "--json")
-    assert json.loads(result.stdout) == {"came": ["builtin-f-new"], "went": ["builtin-f-goes"],
-                                         "changed": ["builtin-f-changes"], "jobs": 3}
+    assert json.loads(result.stdout) == {
+        "came": ["builtin-f-new"],
+        "went": ["builtin-f-goes"],
+        "changed": ["builtin-f-changes"],
+        "jobs": 3,
+    }
     machine.jobs("builtin", "f", [never("one")])
-    assert ctl("reload").stdout == ("added   builtin-f-one\nremoved builtin-f-changes\n"
-                                    "removed builtin-f-new\nremoved builtin-f-stays\n1 job\n")
+    assert ctl("reload").stdout == (
+        "added   builtin-f-one\nremoved builtin-f-changes\n" "removed builtin-f-new\nremoved builtin-f-stays\n1 job\n"
+    )
     machine.jobs("builtin", "f", [])
     assert ctl("reload").stdout == "removed builtin-f-one\n0 jobs\n"
     machine.jobs("builtin", "f", [never("again")])
@@ -689,6 +794,7 @@ def test_log_follows_rotation(known, ctl, tmp_path):
 
 # --- Completion ---------------------------------------------------------------------------------
 
+
 def complete(machine, *words):
     script = """source /share/kestcronctl.bash
 COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); compopt() { :; }
@@ -700,15 +806,10 @@ _kestcronctl; printf '%s\\n' "${COMPREPLY[@]}" """
 def test_completion(known, ctl):
     known.write("/share/kestcronctl.bash", COMPLETION.read_text())
     hostile = "pkg-x-$(touch /tmp/owned) `touch /tmp/owned`"
-    known.write(known.RUNTIME_FILE, json.dumps(
-        {"jobs": {**JOBS, hostile: entry(hostile, [[0], [0], [0], [0], [0]])}}))
+    known.write(known.RUNTIME_FILE, json.dumps({"jobs": {**JOBS, hostile: entry(hostile, [[0], [0], [0], [0], [0]])}}))
     assert complete(known, "kestcronctl", "li") == ["list"]
-    assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late",
-                                                                        "builtin-core-leap"]
-    assert complete(known, "kestcronctl", "--root", "/", "next", "--") == [
-        "--root", "--json", "--help", "--at"]
-    assert complete(known, "kestcronctl", "log", "--job", "pkg_") == [
-        "pkg_nonroot-alice-own-report"]
-    assert complete(known, "kestcronctl", "run", "pkg-x") == [
-        r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]
+    assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late", "builtin-core-leap"]
+    assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--json", "--help", "--at"]
+    assert complete(known, "kestcronctl", "log", "--job", "pkg_") == ["pkg_nonroot-alice-own-report"]
+    assert complete(known, "kestcronctl", "run", "pkg-x") == [r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]
     assert not known.exists("/tmp/owned")

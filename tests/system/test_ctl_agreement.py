@@ -9,14 +9,24 @@ from tests.lib.appliance import every_minute, never
 from tests.lib.private_machine import wait_for
 
 MINUTE = datetime.timedelta(minutes=1)
-START = re.compile(r"(\S+) running job: (\S+) with command: .* \(state\[(\w+)\], "
-                   r"trig\[\d\d (\d\d):(\d\d):(\d\d)\]")
+START = re.compile(r"(\S+) running job: (\S+) with command: .* \(state\[(\w+)\], " r"trig\[\d\d (\d\d):(\d\d):(\d\d)\]")
 
 JOBS = {
-    "hourly": "~ * * * *", "daily": "~ ~ * * *", "weekly": "~ ~ * * ~", "monthly": "~ ~ ~ * *",
-    "office": "0,20,40 8~17 * * *", "quarter": "0,15,30,45 * * * *", "night": "30 23 * * *",
-    "midnight": "0 0 * * *", "monday": "~ 5 * * 1", "first": "7 ~ 1 * *", "both": "5,~ 6~7 * * *",
-    "whole": "* 3 * * *", "window": "10~20 * * * *", "mixed": "5 ~,12 * * *", "tuesday": "1 1 * * 2",
+    "hourly": "~ * * * *",
+    "daily": "~ ~ * * *",
+    "weekly": "~ ~ * * ~",
+    "monthly": "~ ~ ~ * *",
+    "office": "0,20,40 8~17 * * *",
+    "quarter": "0,15,30,45 * * * *",
+    "night": "30 23 * * *",
+    "midnight": "0 0 * * *",
+    "monday": "~ 5 * * 1",
+    "first": "7 ~ 1 * *",
+    "both": "5,~ 6~7 * * *",
+    "whole": "* 3 * * *",
+    "window": "10~20 * * * *",
+    "mixed": "5 ~,12 * * *",
+    "tuesday": "1 1 * * 2",
 }
 
 
@@ -56,9 +66,12 @@ def check_predictions(predictions, since, launched, overdue, evaluated):
     for job, moments in launched.items():
         mine = [prediction for prediction in predictions if prediction["job"] == job]
         for moment in (moment for moment in moments if since + 2 * MINUTE < moment < last):
-            assert any(minute_of(prediction["earliest"]) <= minute <= minute_of(prediction["latest"])
-                       for minute in minutes_of(moment)
-                       for prediction in mine if not prediction["overdue"]), (job, moment, since)
+            assert any(
+                minute_of(prediction["earliest"]) <= minute <= minute_of(prediction["latest"])
+                for minute in minutes_of(moment)
+                for prediction in mine
+                if not prediction["overdue"]
+            ), (job, moment, since)
     links = 0
     for prediction in predictions:
         minute = minute_of(prediction["earliest"])
@@ -69,28 +82,38 @@ def check_predictions(predictions, since, launched, overdue, evaluated):
             # The job is launched in the first cycle in which it is overdue, counted from the launch
             # before. The log records a launch when the process starts, which may be a minute later.
             launches = overdue.get(prediction["job"], [])
-            assert any(minute - MINUTE <= launch <= minute + (2 * links + 1) * MINUTE
-                       for launch in launches), (prediction, since, launches)
+            assert any(minute - MINUTE <= launch <= minute + (2 * links + 1) * MINUTE for launch in launches), (
+                prediction,
+                since,
+                launches,
+            )
         elif minute in evaluated:
-            assert minute in (moment.replace(second=0) for moment in
-                              launched.get(prediction["job"], [])), (prediction, since)
+            assert minute in (moment.replace(second=0) for moment in launched.get(prediction["job"], [])), (
+                prediction,
+                since,
+            )
 
 
 @pytest.mark.native(reason="too slow for its deadline when emulated")
-def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
+def test_over_a_day_with_redraws(machine, ctl):
     """From Sunday, 31 May 2026, 22:50, so that all fields but the month are redrawn at midnight."""
     machine.clock("2026-05-31 22:50:00", rate=1200)
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [
-        every_minute("tick"), never("assured", assure_execute=5),
-        *(every_minute(name, crontab=crontab) for name, crontab in JOBS.items())])
+    machine.jobs(
+        "builtin",
+        "f",
+        [
+            every_minute("tick"),
+            never("assured", assure_execute=5),
+            *(every_minute(name, crontab=crontab) for name, crontab in JOBS.items()),
+        ],
+    )
     machine.start_and_wait()
     snapshots = []
 
     def take_at(hour):
         """Records the predictions after the redraw of that hour of the day."""
-        wait_for(lambda: any(minute.hour == hour and minute.minute > 2 for minute in ticks()), 120,
-                 f"{hour} o'clock")
+        wait_for(lambda: any(minute.hour == hour and minute.minute > 2 for minute in ticks()), 120, f"{hour} o'clock")
         now = machine.log_lines()[-1].split()[0]
         clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still meanwhile
         later = (minute_of(now) + 5 * 60 * MINUTE).isoformat()
@@ -110,8 +133,7 @@ def test_over_a_day_with_redraws(machine, ctl):  # noqa: F811
     evaluated = {moment.replace(second=0) for moment in cycles if moment.second >= SURE}
     # A slow machine skips many minutes, but not all of them.
     assert len(cycles) > 400 and len(evaluated) > 50
-    assert set(launched) >= {f"builtin-f-{name}" for name in (
-        "hourly", "quarter", "whole", "window")}
+    assert set(launched) >= {f"builtin-f-{name}" for name in ("hourly", "quarter", "whole", "window")}
     assert len(overdue["builtin-f-assured"]) >= 3
     for since, predictions in snapshots:
         assert len(predictions) == 3000

@@ -17,7 +17,9 @@ PREFIX = "JSON file read error: "
 def files_of_a_fixed_tree(machine):
     """Creates valid and invalid files in all sources. Returns the output of a check."""
     machine.write(PKG + "/good.conf", json.dumps([GOOD]))
-    machine.write(PKG + "/period.conf", """[
+    machine.write(
+        PKG + "/period.conf",
+        """[
     {
         "name": "x",
         "user": "root",
@@ -25,26 +27,33 @@ def files_of_a_fixed_tree(machine):
         "cmd": "/usr/local/bin/record"
     }
 ]
-""")
+""",
+    )
     machine.write(PKG + "/syntax.conf", '[{"name": "x"\n  "user": "root"}]')
     machine.write(PKG + "/empty.conf", "")
     machine.path(PKG + "/deeper").mkdir()
     machine.write(PKG + "/.hidden.conf", "not read")
     machine.write(SOURCES["builtin"] + "/dyn-a.conf", json.dumps([{**GOOD, "name": "b"}]))
     machine.write(SOURCES["builtin-dyn"] + "/a.conf", json.dumps([{**GOOD, "name": "b"}]))
-    machine.write(SOURCES["builtin-dyn"] + "/times.conf", """[
+    machine.write(
+        SOURCES["builtin-dyn"] + "/times.conf",
+        """[
     {"name": "both", "user": "root", "period": "crontab", "cmd": "/usr/local/bin/record",
      "crontab": "*/20 3 1 * 1"},
     {"name": "dash", "user": "root", "period": "crontab", "cmd": "/usr/local/bin/record",
      "crontab": "0 8-9 * * 7"}
 ]
-""")
+""",
+    )
     machine.account_directory("alice")
-    machine.write(ACCOUNTS + "/alice/one.conf", """{
+    machine.write(
+        ACCOUNTS + "/alice/one.conf",
+        """{
     "name": "x", "user": "root", "perod": "hourly", "period": "monday",
     "cmd": "/usr/local/bin/record > /dev/null"
 }
-""")
+""",
+    )
     machine.path(ACCOUNTS + "/stranger").mkdir()
     os.chown(machine.path(ACCOUNTS + "/stranger"), 4711, 4711)
     return """\
@@ -83,7 +92,7 @@ account; expected: a directory owned by the account of its jobs
 """
 
 
-def test_output(machine, ctl):  # noqa: F811
+def test_output(machine, ctl):
     expected = files_of_a_fixed_tree(machine)
     done = ctl("check")
     assert done.stdout == expected
@@ -93,19 +102,25 @@ def test_output(machine, ctl):  # noqa: F811
     assert ctl("check", env={"TERM": "xterm"}).stdout == expected
 
 
-def test_json_output(machine, ctl):  # noqa: F811
+def test_json_output(machine, ctl):
     expected = files_of_a_fixed_tree(machine).splitlines()
     status, answer = ctl.json("check")
     assert status == 1
     assert {key: answer[key] for key in ("files", "jobs", "errors", "warnings")} == {
-        "files": 9, "jobs": 7, "errors": 7, "warnings": 8}
+        "files": 9,
+        "jobs": 7,
+        "errors": 7,
+        "warnings": 8,
+    }
     lines = []
     for problem in answer["problems"]:
-        assert sorted(problem) == ["allowed", "column", "file", "found", "job", "line", "member",
-                                   "message", "severity"]
-        lines.append("{file}:{line}:{column}: {severity}: ".format(**problem)
-                     + (f"{problem['job']}: " if problem["job"] else "") + problem["message"]
-                     + (f"; {problem['allowed']}" if problem["allowed"] else ""))
+        assert sorted(problem) == ["allowed", "column", "file", "found", "job", "line", "member", "message", "severity"]
+        lines.append(
+            "{file}:{line}:{column}: {severity}: ".format(**problem)
+            + (f"{problem['job']}: " if problem["job"] else "")
+            + problem["message"]
+            + (f"; {problem['allowed']}" if problem["allowed"] else "")
+        )
     assert lines == [re.sub("; (?:expected|write): ", "; ", line) for line in expected]
     dash = next(problem for problem in answer["problems"] if "8-9" in problem["message"])
     assert (dash["member"], dash["found"]) == ("crontab", '"8-9"')
@@ -113,18 +128,17 @@ def test_json_output(machine, ctl):  # noqa: F811
     assert (empty["job"], empty["member"], empty["found"]) == (None, None, None)
 
 
-def test_errors_only(machine, ctl):  # noqa: F811
+def test_errors_only(machine, ctl):
     expected = files_of_a_fixed_tree(machine)
     done = ctl("check", "--errors-only")
-    assert done.stdout.splitlines() == [line for line in expected.splitlines()
-                                        if ": error: " in line]
+    assert done.stdout.splitlines() == [line for line in expected.splitlines() if ": error: " in line]
     assert done.stderr == "9 files, 7 jobs: 7 errors\n"
     assert done.returncode == 1
     only_warned = ctl("check", "--errors-only", ACCOUNTS + "/alice")
     assert (only_warned.returncode, only_warned.stdout) == (0, "")
 
 
-def test_no_problems(machine, ctl):  # noqa: F811
+def test_no_problems(machine, ctl):
     machine.write(PKG + "/good.conf", json.dumps([GOOD, {**GOOD, "name": "y"}]))
     machine.write(PKG + "/one", json.dumps({key: GOOD[key] for key in ("user", "period", "cmd")}))
     done = ctl("check")
@@ -132,7 +146,7 @@ def test_no_problems(machine, ctl):  # noqa: F811
     assert done.stderr == "2 files, 3 jobs: no problems\n"
 
 
-def test_no_sources(machine, ctl):  # noqa: F811
+def test_no_sources(machine, ctl):
     machine.run("rm", "-rf", *SOURCES.values())
     done = ctl("check")
     assert (done.returncode, done.stdout) == (0, "")
@@ -143,20 +157,24 @@ def refused_jobs(answer):
     return [problem["job"] for problem in answer["problems"] if problem["severity"] == "error"]
 
 
-def test_paths_in_and_outside_the_sources(machine, ctl):  # noqa: F811
+def test_paths_in_and_outside_the_sources(machine, ctl):
     bad = json.dumps([{**GOOD, "period": "yearly"}])
     machine.account_directory("alice")
     for path in (PKG + "/f", ACCOUNTS + "/alice/f", "/tmp/build/f.conf", "/tmp/build/.g"):
         machine.write(path, bad)
     for paths, names in [
-            ([PKG], ["pkg-f-x"]), ([PKG + "/f"], ["pkg-f-x"]), ([PKG + "//./f"], ["pkg-f-x"]),
-            (["/usr/local/bin/.." + PKG.removeprefix("/usr/local") + "/"], ["pkg-f-x"]),
-            ([ACCOUNTS], ["pkg_nonroot-alice-f-x"]),
-            ([ACCOUNTS + "/alice/"], ["pkg_nonroot-alice-f-x"]),
-            ([ACCOUNTS + "/alice/f"], ["pkg_nonroot-alice-f-x"]),
-            (["/tmp/build"], ["f-x"]), (["tmp/build/f.conf"], ["f-x"]),
-            (["/tmp/build/.g"], [".g-x"]),
-            ([PKG, PKG + "/f", "/tmp/build"], ["f-x", "pkg-f-x"])]:
+        ([PKG], ["pkg-f-x"]),
+        ([PKG + "/f"], ["pkg-f-x"]),
+        ([PKG + "//./f"], ["pkg-f-x"]),
+        (["/usr/local/bin/.." + PKG.removeprefix("/usr/local") + "/"], ["pkg-f-x"]),
+        ([ACCOUNTS], ["pkg_nonroot-alice-f-x"]),
+        ([ACCOUNTS + "/alice/"], ["pkg_nonroot-alice-f-x"]),
+        ([ACCOUNTS + "/alice/f"], ["pkg_nonroot-alice-f-x"]),
+        (["/tmp/build"], ["f-x"]),
+        (["tmp/build/f.conf"], ["f-x"]),
+        (["/tmp/build/.g"], [".g-x"]),
+        ([PKG, PKG + "/f", "/tmp/build"], ["f-x", "pkg-f-x"]),
+    ]:
         status, answer = ctl.json("check", *paths)
         assert (status, refused_jobs(answer)) == (1, names), paths
     # Paths are printed as given, so that editors find them.
@@ -164,7 +182,7 @@ def test_paths_in_and_outside_the_sources(machine, ctl):  # noqa: F811
     assert ctl("check", "tmp/build/").stdout.startswith("tmp/build/f.conf:1:")
 
 
-def test_a_link_to_an_account_directory(machine, ctl):  # noqa: F811
+def test_a_link_to_an_account_directory(machine, ctl):
     machine.account_directory("alice")
     machine.run("mv", ACCOUNTS + "/alice", "/tmp/elsewhere", check=True)
     machine.path(ACCOUNTS + "/linked").symlink_to("/tmp/elsewhere")
@@ -175,13 +193,13 @@ def test_a_link_to_an_account_directory(machine, ctl):  # noqa: F811
 
 
 @pytest.mark.parametrize("arguments", [["/nowhere"], [PKG, "/nowhere"], [""], ["--nonsense"]])
-def test_errors(machine, ctl, arguments):  # noqa: F811
+def test_errors(machine, ctl, arguments):
     done = ctl("check", *arguments)
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr
 
 
-def test_files_that_the_caller_may_not_read(machine, ctl):  # noqa: F811
+def test_files_that_the_caller_may_not_read(machine, ctl):
     machine.write("/tmp/build/bad", "no JSON")
     machine.write("/tmp/build/secret", json.dumps([GOOD]), mode=0o600)
     machine.path("/tmp/locked").mkdir(mode=0o700)
@@ -194,7 +212,7 @@ def test_files_that_the_caller_may_not_read(machine, ctl):  # noqa: F811
     assert ctl("check", "/tmp/locked").returncode == 0
 
 
-def test_refused_directories_and_files(machine, ctl):  # noqa: F811
+def test_refused_directories_and_files(machine, ctl):
     machine.run("rm", "-rf", PKG)
     machine.write(PKG, "in the way")
     machine.account_directory("alice")
@@ -208,17 +226,24 @@ def test_refused_directories_and_files(machine, ctl):  # noqa: F811
         (ACCOUNTS + "/alice/dangling", "cannot be read: No such file or directory"),
         (ACCOUNTS + "/alice/fifo", "is neither a regular file nor a link to one"),
         (ACCOUNTS + "/dangling", "cannot be read: No such file or directory"),
-        (ACCOUNTS + "/file", "is not a directory")]
+        (ACCOUNTS + "/file", "is not a directory"),
+    ]
 
 
-def test_another_appliance(machine, ctl):  # noqa: F811
+def test_another_appliance(machine, ctl):
     root = "/tmp/other"
     machine.write(root + "/etc/passwd", "root:x:0:0::/:/bin/sh\ncarol:x:1234:1234::/:/bin/sh\n")
     machine.write(root + "/opt/real", "#!/bin/sh\n", mode=0o755)
-    machine.write(root + PKG + "/f.conf", json.dumps([
-        {**GOOD, "user": "package", "package_username": "carol", "cmd": "/opt/real"},
-        {**GOOD, "name": "y", "user": "package", "package_username": "alice", "cmd": RECORD},
-        {**GOOD, "name": "z", "cmd": "/opt/link"}]))
+    machine.write(
+        root + PKG + "/f.conf",
+        json.dumps(
+            [
+                {**GOOD, "user": "package", "package_username": "carol", "cmd": "/opt/real"},
+                {**GOOD, "name": "y", "user": "package", "package_username": "alice", "cmd": RECORD},
+                {**GOOD, "name": "z", "cmd": "/opt/link"},
+            ]
+        ),
+    )
     machine.path(root + "/opt/link").symlink_to("/opt/real")
     machine.path(root + PKG + "/g.conf").symlink_to(PKG + "/f.conf")
     directory = machine.path(root + ACCOUNTS + "/whatever")
@@ -229,47 +254,79 @@ def test_another_appliance(machine, ctl):  # noqa: F811
     expected = [
         (PKG + "/f.conf", "pkg-f-y", 'account "alice" does not exist: the daemon will not load this job'),
         (PKG + "/f.conf", "pkg-f-y", f'program "{RECORD}" does not exist: the daemon will not load this job'),
-        (PKG + "/f.conf", "pkg-f-z",
-         'program "/opt/link" is a link to "/opt/real": the daemon runs the link target, not a copy')]
+        (
+            PKG + "/f.conf",
+            "pkg-f-z",
+            'program "/opt/link" is a link to "/opt/real": the daemon runs the link target, not a copy',
+        ),
+    ]
     expected += [(PKG + "/g.conf", job.replace("-f-", "-g-"), text) for _, job, text in expected]
     expected += [
-        (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
-         '"user" is ignored: all jobs in this directory run as "carol"'),
-        (ACCOUNTS + "/whatever/f", "pkg_nonroot-carol-f-x",
-         'program "/opt/none" does not exist: the daemon will not load this job')]
-    assert sorted((problem["file"].removeprefix(root), problem["job"], problem["message"])
-                  for problem in answer["problems"]) == sorted(expected)
+        (
+            ACCOUNTS + "/whatever/f",
+            "pkg_nonroot-carol-f-x",
+            '"user" is ignored: all jobs in this directory run as "carol"',
+        ),
+        (
+            ACCOUNTS + "/whatever/f",
+            "pkg_nonroot-carol-f-x",
+            'program "/opt/none" does not exist: the daemon will not load this job',
+        ),
+    ]
+    assert sorted(
+        (problem["file"].removeprefix(root), problem["job"], problem["message"]) for problem in answer["problems"]
+    ) == sorted(expected)
 
 
-def test_program_directories_that_others_can_write_to(machine, ctl):  # noqa: F811
+def test_program_directories_that_others_can_write_to(machine, ctl):
     machine.account_directory("alice")
-    for path, mode, owner in [("/opt/a", 0o755, "root"), ("/opt/b", 0o777, "root"),
-                              ("/opt/c", 0o1777, "root"), ("/opt/d", 0o755, "alice"),
-                              ("/opt/b/e", 0o755, "root"), ("/opt/c/f", 0o755, "root")]:
+    for path, mode, owner in [
+        ("/opt/a", 0o755, "root"),
+        ("/opt/b", 0o777, "root"),
+        ("/opt/c", 0o1777, "root"),
+        ("/opt/d", 0o755, "alice"),
+        ("/opt/b/e", 0o755, "root"),
+        ("/opt/c/f", 0o755, "root"),
+    ]:
         machine.path(path).mkdir(parents=True)
         machine.write(path + "/p", "#!/bin/sh\n", mode=0o755)
         machine.path(path).chmod(mode)
         machine.chown(machine.path(path), owner)
-    machine.write(PKG + "/f", json.dumps([
-        {**GOOD, "name": name, "cmd": f"/opt/{name.replace('-', '/')}/p"}
-        for name in ("a", "b", "c", "d", "b-e", "c-f")]))
-    machine.write(ACCOUNTS + "/alice/f", json.dumps([
-        {"name": name, "period": "daily", "cmd": f"/opt/{name}/p"} for name in ("a", "b", "d")]))
+    machine.write(
+        PKG + "/f",
+        json.dumps(
+            [
+                {**GOOD, "name": name, "cmd": f"/opt/{name.replace('-', '/')}/p"}
+                for name in ("a", "b", "c", "d", "b-e", "c-f")
+            ]
+        ),
+    )
+    machine.write(
+        ACCOUNTS + "/alice/f",
+        json.dumps([{"name": name, "period": "daily", "cmd": f"/opt/{name}/p"} for name in ("a", "b", "d")]),
+    )
     _, answer = ctl.json("check")
-    assert {problem["job"]: problem["message"].split("write to ")[1]
-            for problem in answer["problems"]} == {
-        "pkg-f-b": '"/opt/b"', "pkg-f-c": '"/opt/c"', "pkg-f-d": '"/opt/d"',
-        "pkg-f-b-e": '"/opt/b"', "pkg_nonroot-alice-f-b": '"/opt/b"'}
+    assert {problem["job"]: problem["message"].split("write to ")[1] for problem in answer["problems"]} == {
+        "pkg-f-b": '"/opt/b"',
+        "pkg-f-c": '"/opt/c"',
+        "pkg-f-d": '"/opt/d"',
+        "pkg-f-b-e": '"/opt/b"',
+        "pkg_nonroot-alice-f-b": '"/opt/b"',
+    }
 
 
-def test_job_files_that_others_can_change(machine, ctl):  # noqa: F811
+def test_job_files_that_others_can_change(machine, ctl):
     for name, mode, owner in [("fine", 0o644, "root"), ("of-bob", 0o644, "bob"), ("open", 0o666, "root")]:
         machine.write(f"{PKG}/{name}", json.dumps([GOOD]), mode, owner=owner)
     machine.write("/srv/bob/real", json.dumps([GOOD]), 0o644, owner="bob")
     machine.path(PKG + "/to-bob").symlink_to("/srv/bob/real")
     machine.account_directory("alice")
-    for name, mode, owner in [("fine", 0o664, "alice"), ("of-bob", 0o644, "bob"), ("open", 0o666, "alice"),
-                              ("of-root", 0o644, "root")]:
+    for name, mode, owner in [
+        ("fine", 0o664, "alice"),
+        ("of-bob", 0o644, "bob"),
+        ("open", 0o666, "alice"),
+        ("of-root", 0o644, "root"),
+    ]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([GOOD]), mode, owner=owner)
     for name in ("linked", "shared"):
         machine.path(f"/srv/{name}").mkdir()
@@ -282,57 +339,80 @@ def test_job_files_that_others_can_change(machine, ctl):  # noqa: F811
     machine.path("/usr/local").chmod(0o777)
     machine.path(PKG).chmod(0o1777)
     _, answer = ctl.json("check")
-    found = {(problem["file"], problem["message"]) for problem in answer["problems"]
-            if "users other than" in problem["message"] or "is a link" in problem["message"]}
+    found = {
+        (problem["file"], problem["message"])
+        for problem in answer["problems"]
+        if "users other than" in problem["message"] or "is a link" in problem["message"]
+    }
     below = "users other than root can change this directory and the job files below it"
     both = 'users other than root and "alice" can '
     assert found == {
-        ("/usr/local", below), (PKG, "users other than root can add job files to this directory"),
-        *((f"{PKG}/{name}", "users other than root can change this file")
-          for name in ("of-bob", "open", "to-bob")),
+        ("/usr/local", below),
+        (PKG, "users other than root can add job files to this directory"),
+        *((f"{PKG}/{name}", "users other than root can change this file") for name in ("of-bob", "open", "to-bob")),
         *((f"{ACCOUNTS}/alice/{name}", both + "change this file") for name in ("of-bob", "open")),
-        (ACCOUNTS + "/linked", 'is a link to "/srv/linked": whoever can replace the target determines '
-                               'the account of the jobs'),
-        (ACCOUNTS + "/shared", both + "add job files to this directory")}
+        (
+            ACCOUNTS + "/linked",
+            'is a link to "/srv/linked": whoever can replace the target determines ' "the account of the jobs",
+        ),
+        (ACCOUNTS + "/shared", both + "add job files to this directory"),
+    }
     assert all(problem["severity"] == "warning" for problem in answer["problems"])
 
 
 # --- Agreement with the daemon ------------------------------------------------------------------
 
-def test_jobs_that_the_daemon_does_not_load(machine, ctl):  # noqa: F811
+
+def test_jobs_that_the_daemon_does_not_load(machine, ctl):
     machine.path("/usr/local/bin/relative").symlink_to("record")
     machine.path("/usr/local/bin/absolute").symlink_to(RECORD)
     machine.path("/usr/local/bin/directory").mkdir()
     definitions = {
-        "good": {}, "relative-path": {"cmd": RECORD[1:]}, "absolute-link": {
-            "cmd": "/usr/local/bin/absolute"},
+        "good": {},
+        "relative-path": {"cmd": RECORD[1:]},
+        "absolute-link": {"cmd": "/usr/local/bin/absolute"},
         "packages": {"user": "packages", "package_username": "alice"},
-        "control\x1b": {}, "superfluous": {"package_username": "alice"},
-        "nobody": {"user": "nobody"}, "rootless": {"user": "rootless"}, "package": {
-            "user": "package", "package_username": 5},
+        "control\x1b": {},
+        "superfluous": {"package_username": "alice"},
+        "nobody": {"user": "nobody"},
+        "rootless": {"user": "rootless"},
+        "package": {"user": "package", "package_username": 5},
         "missing-account": {"user": "package", "package_username": "carol"},
-        "a/b": {}, "zero\x00byte": {}, "n" * 250: {}, "m" * 249: {},
-        "missing": {"cmd": "/missing"}, "directory": {"cmd": "/usr/local/bin/directory"},
-        "device": {"cmd_list": ["/dev/null"]}, "blank": {"cmd": " " + RECORD}, "no-path": {
-            "cmd": "record"}, "relative-link": {"cmd": "/usr/local/bin/relative"},
-        "nothing": {"cmd_list": [None]}}
-    machine.write(PKG + "/f", json.dumps([{**GOOD, "name": name, **members}
-                                          for name, members in definitions.items()]))
+        "a/b": {},
+        "zero\x00byte": {},
+        "n" * 250: {},
+        "m" * 249: {},
+        "missing": {"cmd": "/missing"},
+        "directory": {"cmd": "/usr/local/bin/directory"},
+        "device": {"cmd_list": ["/dev/null"]},
+        "blank": {"cmd": " " + RECORD},
+        "no-path": {"cmd": "record"},
+        "relative-link": {"cmd": "/usr/local/bin/relative"},
+        "nothing": {"cmd_list": [None]},
+    }
+    machine.write(PKG + "/f", json.dumps([{**GOOD, "name": name, **members} for name, members in definitions.items()]))
     _, answer = ctl.json("check")
     assert answer["errors"] == 0
     machine.start_and_wait()
-    warned = {problem["job"] for problem in answer["problems"]
-            if "the daemon will not load this job" in problem["message"]}
+    warned = {
+        problem["job"] for problem in answer["problems"] if "the daemon will not load this job" in problem["message"]
+    }
     names = {f"pkg-f-{name}" for name in definitions}
     assert warned == names - set(machine.entries())
     assert len(warned) == 14
 
 
-def test_duplicate_names(machine, ctl):  # noqa: F811
+def test_duplicate_names(machine, ctl):
     def put(source, file, *names_and_arguments):
-        machine.jobs(source, file, [{**GOOD, "name": name, "cmd": f"{RECORD} {argument}",
-                                     **({} if argument != "bad" else {"period": "x"})}
-                                    for name, argument in names_and_arguments])
+        machine.jobs(
+            source,
+            file,
+            [
+                {**GOOD, "name": name, "cmd": f"{RECORD} {argument}", **({} if argument != "bad" else {"period": "x"})}
+                for name, argument in names_and_arguments
+            ],
+        )
+
     put("pkg", "same", ("x", 1), ("x", 2), ("x", "bad"))
     put("pkg", "a", ("x", 3))
     put("pkg", "a.conf", ("x", 4))
@@ -340,17 +420,18 @@ def test_duplicate_names(machine, ctl):  # noqa: F811
     put("builtin", "dyn-x.conf", ("y", 6))
     put("builtin-dyn", "x.conf", ("y", 7))
     # In the wrong order on purpose.
-    _, answer = ctl.json("check", *reversed([SOURCES[label] for label in ("builtin", "builtin-dyn",
-                                                                          "pkg")]))
+    _, answer = ctl.json("check", *reversed([SOURCES[label] for label in ("builtin", "builtin-dyn", "pkg")]))
     machine.start_and_wait()
     winners = {}
     for problem in answer["problems"]:
         if "replaced" in problem["message"]:
-            winners.setdefault(problem["job"], set()).add(
-                problem["message"].split(" in ")[1].split(":")[0])
+            winners.setdefault(problem["job"], set()).add(problem["message"].split(" in ")[1].split(":")[0])
     arguments = {name: entry["cmd_str"].split()[1] for name, entry in machine.entries().items()}
-    assert winners == {"pkg-same-x": {PKG + "/same"}, "pkg-a-x": {PKG + "/a.conf.conf"},
-                       "builtin-dyn-x-y": {SOURCES["builtin-dyn"] + "/x.conf"}}
+    assert winners == {
+        "pkg-same-x": {PKG + "/same"},
+        "pkg-a-x": {PKG + "/a.conf.conf"},
+        "builtin-dyn-x-y": {SOURCES["builtin-dyn"] + "/x.conf"},
+    }
     assert arguments == {"pkg-same-x": "2", "pkg-a-x": "5", "builtin-dyn-x-y": "7"}
     # Outside the sources only files of the same directory are compared.
     for path in ("/tmp/one/f", "/tmp/two/f"):
@@ -364,12 +445,11 @@ def read_errors(machine):
 
 def left_out(machine):
     """The paths that exceeded a quota, if there are only a few."""
-    matches = [re.fullmatch("Quota of alice exceeded, left out: (.*)", text)
-            for text in machine.texts()]
+    matches = [re.fullmatch("Quota of alice exceeded, left out: (.*)", text) for text in machine.texts()]
     return [f"{ACCOUNTS}/{name}" for match in matches if match for name in match[1].split(", ")]
 
 
-def expect_left_out(machine, ctl, *names):  # noqa: F811
+def expect_left_out(machine, ctl, *names):
     """The daemon and the tool must leave out exactly these files of alice."""
     machine.start_and_wait()
     paths = [f"{ACCOUNTS}/{name}" for name in names]
@@ -382,26 +462,24 @@ def expect_left_out(machine, ctl, *names):  # noqa: F811
         assert ctl("check", "--errors-only", path).returncode == 1
 
 
-def test_files_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_files_of_an_account_share_its_quota(machine, ctl):
     machine.account_directory("alice")
-    for name, size in [("a", 400 << 10), (".hidden", 400 << 10), ("b", 400 << 10),
-                       ("c", 300 << 10), ("d", 100 << 10)]:
-        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}])
-                      + " " * size)
+    for name, size in [("a", 400 << 10), (".hidden", 400 << 10), ("b", 400 << 10), ("c", 300 << 10), ("d", 100 << 10)]:
+        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}]) + " " * size)
         machine.write(f"{PKG}/{name}", json.dumps([{**GOOD, "name": name}]) + " " * size)
     expect_left_out(machine, ctl, "alice/c")
     assert ctl("check", "--errors-only", ACCOUNTS + "/alice/d").returncode == 0
     assert ctl("check", ACCOUNTS + "/alice/.hidden").returncode == 1
 
 
-def test_jobs_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_jobs_of_an_account_share_its_quota(machine, ctl):
     machine.account_directory("alice")
     for name, count in [("a", 400), ("b", 625), ("c", 100)]:
         machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "name": name}] * count))
     expect_left_out(machine, ctl, "alice/b")
 
 
-def test_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_directories_of_an_account_share_its_quota(machine, ctl):
     machine.account_directory("alice")
     machine.path(ACCOUNTS + "/also").mkdir()
     machine.chown(machine.path(ACCOUNTS + "/also"), "alice")
@@ -410,45 +488,52 @@ def test_directories_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
     expect_left_out(machine, ctl, "also/a")
 
 
-def test_documents_of_an_account_share_its_quota(machine, ctl):  # noqa: F811
+def test_documents_of_an_account_share_its_quota(machine, ctl):
     machine.account_directory("alice")
     for name, count in [("a", 50000), ("b", 50000), ("c", 1000)]:
-        machine.write(f"{ACCOUNTS}/alice/{name}", json.dumps([
-            {**GOOD, "extra": [[[[[]]]]] * count}], separators=(",", ":")))
+        machine.write(
+            f"{ACCOUNTS}/alice/{name}", json.dumps([{**GOOD, "extra": [[[[[]]]]] * count}], separators=(",", ":"))
+        )
     expect_left_out(machine, ctl, "alice/b")
 
 
-def test_too_many_files_for_a_quota(machine, ctl):  # noqa: F811
+def test_too_many_files_for_a_quota(machine, ctl):
     machine.account_directory("alice")
-    machine.run("bash", "-c", f"cd {ACCOUNTS}/alice; for i in {{0001..1100}}; do echo [] > $i; done",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "bash",
+        "-c",
+        f"cd {ACCOUNTS}/alice; for i in {{0001..1100}}; do echo [] > $i; done",
+        check=True,
+        env={"LD_PRELOAD": ""},
+    )
     _, answer = ctl.json("check", "--errors-only")
     assert answer["files"] == 1100
     # The first ten have a problem each, as the daemon has a message for each.
-    assert [problem["file"][-4:] for problem in answer["problems"]] == [
-        str(number) for number in range(1025, 1036)]
+    assert [problem["file"][-4:] for problem in answer["problems"]] == [str(number) for number in range(1025, 1036)]
     assert answer["problems"][-1]["message"].endswith(", and 65 more")
 
 
-def test_files_that_the_account_may_not_read(machine, ctl):  # noqa: F811
+def test_files_that_the_account_may_not_read(machine, ctl):
     machine.account_directory("alice")
     machine.write(ACCOUNTS + "/alice/f", json.dumps([GOOD]), 0o600)
     machine.start_and_wait()
     assert read_errors(machine) == [ACCOUNTS + "/alice/f"]
     _, answer = ctl.json("check", "--errors-only")
     assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
-        (ACCOUNTS + "/alice/f", "cannot be read: Permission denied")]
+        (ACCOUNTS + "/alice/f", "cannot be read: Permission denied")
+    ]
 
 
-def test_a_directory_of_root_that_others_can_write_to(machine, ctl):  # noqa: F811
+def test_a_directory_of_root_that_others_can_write_to(machine, ctl):
     machine.write(ACCOUNTS + "/open/f", json.dumps([GOOD]))
     machine.path(ACCOUNTS + "/open").chmod(0o777)
     _, answer = ctl.json("check", "--errors-only")
     assert [(problem["file"], problem["message"]) for problem in answer["problems"]] == [
-        (ACCOUNTS + "/open", "is owned by root, and others can write to it")]
+        (ACCOUNTS + "/open", "is owned by root, and others can write to it")
+    ]
 
 
-def test_random_bytes(machine, ctl):  # noqa: F811
+def test_random_bytes(machine, ctl):
     special = damaged_files(7)
     for number, content in enumerate(special):
         machine.write(f"{PKG}/{number:03}", content)
@@ -456,8 +541,9 @@ def test_random_bytes(machine, ctl):  # noqa: F811
     done = ctl("check", "--json", env={"LC_ALL": "C.UTF-8"})
     assert done.returncode == 1 and done.stderr == ""
     answer = json.loads(done.stdout)
-    refused = sorted(problem["file"] for problem in answer["problems"]
-                     if problem["job"] is None and problem["severity"] == "error")
+    refused = sorted(
+        problem["file"] for problem in answer["problems"] if problem["job"] is None and problem["severity"] == "error"
+    )
     assert refused == read_errors(machine)
     assert 50 < len(refused) < len(special) - 50
     assert ctl("check").returncode == 1
@@ -465,18 +551,18 @@ def test_random_bytes(machine, ctl):  # noqa: F811
 
 
 @pytest.mark.native(reason="too slow for its deadline when emulated")
-@pytest.mark.parametrize("item,count,end", [
-    ("~x,", 200000, "1 1 1 1 1"), ("x,", 250000, "1 1 1 1 1"), ("* ", 400000, ""),
-    ("*/1,", 200000, "1 1 1 1")])
-def test_many_problems_in_one_file(machine, ctl, item, count, end):  # noqa: F811
-    machine.write("/tmp/f", json.dumps([{**GOOD, "period": "crontab",
-                                    "crontab": item * count + end}]))
+@pytest.mark.parametrize(
+    "item,count,end",
+    [("~x,", 200000, "1 1 1 1 1"), ("x,", 250000, "1 1 1 1 1"), ("* ", 400000, ""), ("*/1,", 200000, "1 1 1 1")],
+)
+def test_many_problems_in_one_file(machine, ctl, item, count, end):
+    machine.write("/tmp/f", json.dumps([{**GOOD, "period": "crontab", "crontab": item * count + end}]))
     done = ctl("check", "/tmp/f")
     assert done.returncode == 1 and done.stdout.startswith("/tmp/f:1:")
     assert "exception" not in done.stderr and len(done.stderr) < 100
 
 
-def test_random_definitions(machine, ctl):  # noqa: F811
+def test_random_definitions(machine, ctl):
     # The clock stands still, so that no job runs.
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.template(maxDelay=0)
@@ -505,8 +591,7 @@ def test_random_definitions(machine, ctl):  # noqa: F811
     machine.start_and_wait()
     loaded = set(machine.entries())
     _, answer = ctl.json("check")
-    refused = {(problem["file"], problem["line"]) for problem in answer["problems"]
-               if problem["severity"] == "error"}
+    refused = {(problem["file"], problem["line"]) for problem in answer["problems"] if problem["severity"] == "error"}
     assert answer["jobs"] == len(by_position)
     assert {name for position, name in by_position.items() if position not in refused} == loaded
     assert refused <= set(by_position)

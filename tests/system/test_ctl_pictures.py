@@ -18,16 +18,20 @@ SVG = "{http://www.w3.org/2000/svg}"
 def appliance(machine):
     """A machine whose clock stands still, with a fixed draw and various jobs."""
     machine.clock("2026-06-02 02:10:10", rate=0, zone="UTC")
-    machine.template(schedule={"Minute": [17], "hour": [5], "day": [9], "month": [6], "week": [3]},
-                     maxDelay=0)
-    machine.jobs("pkg", "f.conf", [
-        every_minute("assured", crontab="0 0 31 2 *", assure_execute=4),
-        every_minute("daily", period="daily"),
-        every_minute("fixed", crontab="0,30 6,18 * * *"),
-        every_minute("hourly", period="hourly"),
-        every_minute("minutely"),
-        every_minute('<"&\\>', crontab="5 9 * * *"),
-        never("never")])
+    machine.template(schedule={"Minute": [17], "hour": [5], "day": [9], "month": [6], "week": [3]}, maxDelay=0)
+    machine.jobs(
+        "pkg",
+        "f.conf",
+        [
+            every_minute("assured", crontab="0 0 31 2 *", assure_execute=4),
+            every_minute("daily", period="daily"),
+            every_minute("fixed", crontab="0,30 6,18 * * *"),
+            every_minute("hourly", period="hourly"),
+            every_minute("minutely"),
+            every_minute('<"&\\>', crontab="5 9 * * *"),
+            never("never"),
+        ],
+    )
     return machine
 
 
@@ -60,8 +64,7 @@ def test_the_timeline_on_a_terminal(running, ctl):
 @pytest.mark.parametrize("hours", [1, 8, 168])
 def test_the_timeline_fits(running, ctl, hours):
     for columns in (30, 57, 200):
-        text = ctl.on_terminal("timeline", "--hours", hours, columns=columns,
-                               env={"NO_COLOR": "1"})
+        text = ctl.on_terminal("timeline", "--hours", hours, columns=columns, env={"NO_COLOR": "1"})
         assert len(text.splitlines()) > 5
         assert max(map(len, text.splitlines())) <= columns
 
@@ -79,23 +82,42 @@ def test_the_timeline_without_a_terminal(running, ctl):
 
 def test_the_timeline_in_json(running, ctl):
     document = json.loads(output(ctl, "timeline", "--hours", 2, "--json"))
-    assert (document["from"], document["until"]) == (
-        "2026-06-02T02:10:00+00:00", "2026-06-02T04:10:00+00:00")
+    assert (document["from"], document["until"]) == ("2026-06-02T02:10:00+00:00", "2026-06-02T04:10:00+00:00")
     assert document["idle_jobs"] == 5
     starts = {job["name"]: job["starts"] for job in document["jobs"]}
     assert list(starts) == ["pkg-f-hourly", "pkg-f-minutely"]
     assert starts["pkg-f-hourly"] == [
-        {"earliest": "2026-06-02T02:17:00+00:00", "latest": "2026-06-02T02:17:00+00:00",
-         "undrawn": [], "overdue": False},
-        {"earliest": "2026-06-02T03:01:00+00:00", "latest": "2026-06-02T04:00:00+00:00",
-         "undrawn": ["Minute"], "overdue": False},
-        {"earliest": "2026-06-02T04:01:00+00:00", "latest": "2026-06-02T05:00:00+00:00",
-         "undrawn": ["Minute"], "overdue": False}]
+        {
+            "earliest": "2026-06-02T02:17:00+00:00",
+            "latest": "2026-06-02T02:17:00+00:00",
+            "undrawn": [],
+            "overdue": False,
+        },
+        {
+            "earliest": "2026-06-02T03:01:00+00:00",
+            "latest": "2026-06-02T04:00:00+00:00",
+            "undrawn": ["Minute"],
+            "overdue": False,
+        },
+        {
+            "earliest": "2026-06-02T04:01:00+00:00",
+            "latest": "2026-06-02T05:00:00+00:00",
+            "undrawn": ["Minute"],
+            "overdue": False,
+        },
+    ]
     assert len(starts["pkg-f-minutely"]) == 119  # all but the one that has started
-    assert [(entry["from"][11:16], entry["starts"], entry["possible"])
-            for entry in document["load"]] == [
-        ("02:00", 4, 0), ("02:15", 16, 0), ("02:30", 15, 0), ("02:45", 15, 0), ("03:00", 15, 1),
-        ("03:15", 15, 1), ("03:30", 15, 1), ("03:45", 15, 1), ("04:00", 10, 2)]
+    assert [(entry["from"][11:16], entry["starts"], entry["possible"]) for entry in document["load"]] == [
+        ("02:00", 4, 0),
+        ("02:15", 16, 0),
+        ("02:30", 15, 0),
+        ("02:45", 15, 0),
+        ("03:00", 15, 1),
+        ("03:15", 15, 1),
+        ("03:30", 15, 1),
+        ("03:45", 15, 1),
+        ("04:00", 10, 2),
+    ]
 
 
 def test_the_timeline_in_svg(running, ctl):
@@ -107,11 +129,13 @@ def test_the_timeline_in_svg(running, ctl):
     assert [child.tag for child in root][:2] == [SVG + "title", SVG + "desc"]
     assert root.find(SVG + "title").text == "Job starts from 2026-06-02 02:10 to 2026-06-03 02:10"
     titles = [title.text for title in root.iter(SVG + "title")]
-    for title in ('pkg-f-<"&\\>: 2026-06-02 09:05', "pkg-f-fixed: 2026-06-02 18:30",
-                  "pkg-f-assured: 2026-06-02 06:10, overdue",
-                  "pkg-f-minutely: 2026-06-02 02:11 to 2026-06-03 02:09, 1439 starts",
-                  "pkg-f-hourly: one start between 2026-06-02 03:01 and 2026-06-02 04:00; "
-                  "not yet drawn: minute"):
+    for title in (
+        'pkg-f-<"&\\>: 2026-06-02 09:05',
+        "pkg-f-fixed: 2026-06-02 18:30",
+        "pkg-f-assured: 2026-06-02 06:10, overdue",
+        "pkg-f-minutely: 2026-06-02 02:11 to 2026-06-03 02:09, 1439 starts",
+        "pkg-f-hourly: one start between 2026-06-02 03:01 and 2026-06-02 04:00; " "not yet drawn: minute",
+    ):
         assert titles.count(title) == 1, titles
     assert not list(root.iter(SVG + "script"))
     assert not re.search(r"https?://(?!www\.w3\.org/2000/svg)|@import|url\(", text)
@@ -127,9 +151,15 @@ def test_svg_replaces_the_file(running, ctl):
     assert running.path("/tmp/old.svg").stat().st_ino != before
 
 
-@pytest.mark.parametrize("path, error", [
-    ("/nowhere/x.svg", "No such file or directory"), ("/tmp", "Is a directory"),
-    ("/dev/null", "Invalid argument"), ("/dev/full", "Invalid argument")])
+@pytest.mark.parametrize(
+    "path, error",
+    [
+        ("/nowhere/x.svg", "No such file or directory"),
+        ("/tmp", "Is a directory"),
+        ("/dev/null", "Invalid argument"),
+        ("/dev/full", "Invalid argument"),
+    ],
+)
 def test_svg_cannot_be_written(running, ctl, path, error):
     before = sorted(running.path("/tmp").iterdir())
     result = ctl("timeline", "--svg", path)
@@ -143,8 +173,7 @@ def test_a_full_disk_keeps_the_old_file(running, ctl):
     running.run("/usr/bin/mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/mnt/small", check=True)
     running.write("/mnt/small/x.svg", "old")
     result = ctl("timeline", "--svg", "/mnt/small/x.svg")
-    assert (result.returncode, result.stderr) == (
-        2, "kestcronctl: /mnt/small/x.svg: No space left on device\n")
+    assert (result.returncode, result.stderr) == (2, "kestcronctl: /mnt/small/x.svg: No space left on device\n")
     assert running.read("/mnt/small/x.svg") == "old"
     assert [entry.name for entry in small.iterdir()] == ["x.svg"]
 
@@ -158,8 +187,7 @@ def test_svg_and_json_together_are_refused(running, ctl):
 def test_a_timeline_without_jobs(appliance, ctl):
     appliance.path("/usr/local/etc/kestcron.d/f.conf").unlink()
     appliance.start_and_wait()
-    assert output(ctl, "timeline") == (
-        "today 02:10 to tomorrow 02:10\nNo job starts in these hours\n")
+    assert output(ctl, "timeline") == ("today 02:10 to tomorrow 02:10\nNo job starts in these hours\n")
     document = json.loads(output(ctl, "--json", "timeline"))
     assert (document["jobs"], document["idle_jobs"]) == ([], 0)
     root = ElementTree.fromstring(output(ctl, "timeline", "--svg", "-"))
@@ -171,8 +199,11 @@ def samples(text):
     families = list(text_string_to_metric_families(text))
     assert {family.type for family in families} == {"gauge"}
     assert all(family.documentation for family in families)
-    found = [(sample.name, tuple(sorted(sample.labels.items())), sample.value)
-             for family in families for sample in family.samples]
+    found = [
+        (sample.name, tuple(sorted(sample.labels.items())), sample.value)
+        for family in families
+        for sample in family.samples
+    ]
     values = {(name, labels): value for name, labels, value in found}
     assert len(values) == len(found)
     return values
@@ -210,8 +241,7 @@ def test_the_metrics_without_the_daemon(running, ctl):
 def test_the_metrics_without_a_document(appliance, ctl):
     result = ctl("metrics")
     assert result.returncode == 0
-    assert re.fullmatch("kestcronctl: neither .* exists: kestcrond has not run on this system\n",
-                        result.stderr)
+    assert re.fullmatch("kestcronctl: neither .* exists: kestcrond has not run on this system\n", result.stderr)
     values = samples(result.stdout)
     assert (values["kestcron_up", ()], values["kestcron_jobs", ()]) == (0, 0)
 

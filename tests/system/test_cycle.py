@@ -37,9 +37,11 @@ def test_one_launch(machine):
     machine.start_and_wait()
     wait_for(lambda: machine.log_lines())
     assert re.fullmatch(
-        r"2026-06-02T02:\d\d:\d\d\+00:00 running job: builtin-f-x with command: " + RECORD
+        r"2026-06-02T02:\d\d:\d\d\+00:00 running job: builtin-f-x with command: "
+        + RECORD
         + r" as user root \(state\[Ready\], trig\[02 02:\d\d:\d\d\], tab\[-1 -1 -1 -1 -1\]\)",
-        machine.log_lines()[0])
+        machine.log_lines()[0],
+    )
 
 
 def test_two_launches_are_maxdelay_apart(machine):
@@ -52,13 +54,13 @@ def test_two_launches_are_maxdelay_apart(machine):
     # The delay is waited out: 5 minutes by the machine's clock.
     first = next(start for start in starts(machine) if start[1] == "builtin-f-b")
     triggered = re.search(r"trig\[02 ([\d:]+)\]", first[4]).group(1)
-    waited = (datetime.datetime.fromisoformat(first[0])
-              - datetime.datetime.fromisoformat(f"2026-06-02T{triggered}+00:00")).total_seconds()
+    waited = (
+        datetime.datetime.fromisoformat(first[0]) - datetime.datetime.fromisoformat(f"2026-06-02T{triggered}+00:00")
+    ).total_seconds()
     assert 300 <= waited < 600
 
 
-@pytest.mark.parametrize("max_delay,delays", [(600, [0, 600, 1200]), (2000, [0, 1800, 3600]),
-                                              (0, [0, 0, 0])])
+@pytest.mark.parametrize("max_delay,delays", [(600, [0, 600, 1200]), (2000, [0, 1800, 3600]), (0, [0, 0, 0])])
 def test_three_launches(machine, max_delay, delays):
     # Overdue jobs, because they run once, in whatever minute the fast clock has come to.
     history(machine, *[never(name, assure_execute=1000) for name in "abc"], lastExecution=5)
@@ -72,16 +74,14 @@ def test_three_launches(machine, max_delay, delays):
 
 
 def test_a_hundred_launches_spread_over_an_hour(machine):
-    history(machine, *[never(f"j{i:03}", assure_execute=1000) for i in range(100)],
-            lastExecution=5)
+    history(machine, *[never(f"j{i:03}", assure_execute=1000) for i in range(100)], lastExecution=5)
     machine.template(maxDelay=3600)
     machine.clock("2026-06-02 02:10:05", rate=600)
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) == 100, 60)
     assert note_of(machine, "builtin-f-j000").endswith("], job[1/100]")
     for i in range(1, 100):
-        assert note_of(machine, f"builtin-f-j{i:03}").endswith(
-            f"], job[{i + 1}/100], delay[{36 * i}]")
+        assert note_of(machine, f"builtin-f-j{i:03}").endswith(f"], job[{i + 1}/100], delay[{36 * i}]")
     assert len({re.search(r"trig\[.*?\]", note)[0] for *_, note in starts(machine)}) == 1
 
 
@@ -95,8 +95,10 @@ def test_only_launches_count_for_delays(machine):
 
 def triggers(machine):
     """When the cycles were that launched something, in minutes and seconds of their day."""
-    return [datetime.datetime.strptime(re.search(r"trig\[\d\d (.*?)\]", note)[1], "%H:%M:%S")
-            for *_, note in starts(machine)]
+    return [
+        datetime.datetime.strptime(re.search(r"trig\[\d\d (.*?)\]", note)[1], "%H:%M:%S")
+        for *_, note in starts(machine)
+    ]
 
 
 def test_a_cycle_takes_a_minute(machine):
@@ -147,11 +149,9 @@ def test_held_defers_a_due_run(machine):
     assert machine.entries()["builtin-f-x"]["expireTime"] == 0
 
 
-@pytest.mark.parametrize("action,state", [("run", "AssureExecuteRun"), ("wait", None),
-                                          ("Run", None)])
+@pytest.mark.parametrize("action,state", [("run", "AssureExecuteRun"), ("wait", None), ("Run", None)])
 def test_overdue_while_held(machine, action, state):
-    history(machine, never("x", assure_execute=1, assure_execute_action=action),
-            lastExecution=1780000000)
+    history(machine, never("x", assure_execute=1, assure_execute_action=action), lastExecution=1780000000)
     machine.write("/run/kestvorld.status", "2")
     machine.start_and_wait()
     if state:
@@ -275,14 +275,14 @@ def test_a_reload_cycle_launches_nothing(machine):
 
 
 REDRAWS = [
-    ("2026-06-10 10:00:10", {"Minute"}),                               # an ordinary hour
-    ("2026-06-01 10:00:10", {"Minute"}),                               # ... of a 1st and a Monday
-    ("2026-06-10 00:00:10", {"Minute", "hour"}),                       # an ordinary midnight
-    ("2026-06-08 00:00:10", {"Minute", "hour", "week"}),               # to a Monday
-    ("2026-09-01 00:00:10", {"Minute", "hour", "day"}),                # to the 1st, a Tuesday
-    ("2026-06-01 00:00:10", {"Minute", "hour", "day", "week"}),        # to the 1st, a Monday
-    ("2026-01-01 00:00:10", {"Minute", "hour", "day", "month"}),       # to 1 January, a Thursday
-    ("2029-01-01 00:00:10", set(FIELDS)),                              # to 1 January, a Monday
+    ("2026-06-10 10:00:10", {"Minute"}),  # an ordinary hour
+    ("2026-06-01 10:00:10", {"Minute"}),  # ... of a 1st and a Monday
+    ("2026-06-10 00:00:10", {"Minute", "hour"}),  # an ordinary midnight
+    ("2026-06-08 00:00:10", {"Minute", "hour", "week"}),  # to a Monday
+    ("2026-09-01 00:00:10", {"Minute", "hour", "day"}),  # to the 1st, a Tuesday
+    ("2026-06-01 00:00:10", {"Minute", "hour", "day", "week"}),  # to the 1st, a Monday
+    ("2026-01-01 00:00:10", {"Minute", "hour", "day", "month"}),  # to 1 January, a Thursday
+    ("2029-01-01 00:00:10", set(FIELDS)),  # to 1 January, a Monday
 ]
 
 
@@ -305,7 +305,7 @@ def test_redraw(machine, start, fields):
     assert drawn == template, "the job takes what the template drew"
     assert machine.entries()["builtin-f-y"]["schedule"] == drawn, "and so does every other"
     other = machine.entries()["builtin-f-z"]["schedule"]
-    hour, = other["hour"]
+    (hour,) = other["hour"]
     assert hour in range(1, 5) if "hour" in fields else hour == 71
     assert template["hour"] == [hour] or "hour" not in fields or template["hour"][0] not in range(1, 5)
     expected = {"Minute": [5], "hour": [hour], "day": [-1], "month": [-1], "week": [-1]}
@@ -356,8 +356,7 @@ def test_a_reload_draws_nothing_anew(machine):
 def copy_slowly(machine, meanwhile="/usr/bin/sleep 1"):
     """Lets each copy of a program say that it begins and take its time."""
     machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
-    machine.write("/usr/bin/cp", f"#!/bin/sh\necho >> /tmp/copies\n{meanwhile}\n"
-                  'exec /usr/bin/cp.real "$@"\n', 0o755)
+    machine.write("/usr/bin/cp", f"#!/bin/sh\necho >> /tmp/copies\n{meanwhile}\n" 'exec /usr/bin/cp.real "$@"\n', 0o755)
 
 
 def test_stop_during_the_first_load_is_served(machine):
@@ -410,8 +409,7 @@ def test_a_signal_during_a_reload_is_served_at_once(machine, number):
 def test_hup_storm(machine):
     machine.jobs("builtin", "f", [never(f"j{i:02}") for i in range(20)])
     pid = machine.start_and_wait()
-    machine.run("bash", "-c", f"for i in $(seq 500); do kill -HUP {pid}; done",
-                env={"LD_PRELOAD": ""})
+    machine.run("bash", "-c", f"for i in $(seq 500); do kill -HUP {pid}; done", env={"LD_PRELOAD": ""})
     machine.reload()
     assert len(machine.entries()) == 20
     assert machine.daemon_pid() == pid

@@ -47,33 +47,48 @@ def test_signal_dispositions(machine):
 
 
 def test_starter_descriptors_are_not_kept(machine):
-    machine.run("bash", "-c", f"exec 7</etc/passwd 9>/tmp/starter; exec {machine.DAEMON}",
-                env={"LD_PRELOAD": ""}, check=True)
+    machine.run(
+        "bash", "-c", f"exec 7</etc/passwd 9>/tmp/starter; exec {machine.DAEMON}", env={"LD_PRELOAD": ""}, check=True
+    )
     pid = wait_for(machine.daemon_pid, what="the daemon")
     wait_for(machine.is_between_cycles, what="the end of the first cycle")
     targets = machine.run("bash", "-c", f"readlink /proc/{pid}/fd/*").stdout.split()
     assert "/etc/passwd" not in targets and "/tmp/starter" not in targets
     assert sorted(set(targets)) == sorted(
-        {"/dev/null", "anon_inode:inotify", "/run/kestcrond.pid", "/run/kestcrond.lock"})
+        {"/dev/null", "anon_inode:inotify", "/run/kestcrond.pid", "/run/kestcrond.lock"}
+    )
 
 
 def test_blocked_signals_of_the_starter_do_not_count(machine):
-    machine.run("/usr/bin/python3", "-c",
-                "import os, signal; signal.pthread_sigmask(signal.SIG_BLOCK, {15, 1, 2});"
-                f"os.execv('{machine.DAEMON}', ['kestcrond'])")
+    machine.run(
+        "/usr/bin/python3",
+        "-c",
+        "import os, signal; signal.pthread_sigmask(signal.SIG_BLOCK, {15, 1, 2});"
+        f"os.execv('{machine.DAEMON}', ['kestcrond'])",
+    )
     wait_for(machine.daemon_pid, what="the daemon")
     machine.stop()
 
 
-@pytest.mark.parametrize("arguments", [
-    ["--help"], ["-h"], ["--debug"], ["word"], [""], ["--passive-mode", "--help"],
-    ["--help", "--passive-mode"], ["--passive-mode="], ["--Passive-Mode"]])
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["--help"],
+        ["-h"],
+        ["--debug"],
+        ["word"],
+        [""],
+        ["--passive-mode", "--help"],
+        ["--help", "--passive-mode"],
+        ["--passive-mode="],
+        ["--Passive-Mode"],
+    ],
+)
 def test_any_other_argument_stops_the_start(machine, arguments):
     result = machine.run(machine.DAEMON, *arguments)
     assert result.returncode == 255
     assert result.stdout == result.stderr == ""
-    assert [message.plain() for message in machine.messages("kestcrond", "err")] == [
-        "parse_arguments failed"]
+    assert [message.plain() for message in machine.messages("kestcrond", "err")] == ["parse_arguments failed"]
     assert not machine.exists(machine.PID_FILE)
     assert machine.daemon_pid() == 0
     assert machine.daemons() == []
@@ -119,8 +134,9 @@ def collect(machine):
 
 def status_of_daemon(machine):
     """The exit status of the daemon itself, after that of its starter."""
-    statuses = wait_for(lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2
-                        and lines, what="the daemon's end")
+    statuses = wait_for(
+        lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2 and lines, what="the daemon's end"
+    )
     assert statuses[0] == "0", "the starter has gone before"
     return int(statuses[1])
 
@@ -152,15 +168,14 @@ def test_a_start_that_fails_is_a_failure(machine, obstacle):
     assert status_of_daemon(machine) == 255
 
 
-@pytest.mark.parametrize("arguments,passive", [
-    ([], False), (["--passive-mode"], True), (["--passive-mode", "--passive-mode"], True)])
+@pytest.mark.parametrize(
+    "arguments,passive", [([], False), (["--passive-mode"], True), (["--passive-mode", "--passive-mode"], True)]
+)
 def test_passive_mode(machine, arguments, passive):
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [every_minute("local"),
-                                  every_minute("everywhere", run_on_passive=True)])
+    machine.jobs("builtin", "f", [every_minute("local"), every_minute("everywhere", run_on_passive=True)])
     machine.start_and_wait(*arguments)
-    wait_for(lambda: len(machine.runs("builtin-f-everywhere")) >= 3
-             and (passive or machine.runs("builtin-f-local")))
+    wait_for(lambda: len(machine.runs("builtin-f-everywhere")) >= 3 and (passive or machine.runs("builtin-f-local")))
     assert bool(machine.runs("builtin-f-local")) == (not passive)
 
 
@@ -181,8 +196,7 @@ def test_of_many_starts_at_once_one_survives(machine):
     assert len(refusals) == 19
 
 
-@pytest.mark.parametrize("content", ["", "0\n", "-5\n", "nonsense", "999999\n",
-                                     "99999999999999999999\n"])
+@pytest.mark.parametrize("content", ["", "0\n", "-5\n", "nonsense", "999999\n", "99999999999999999999\n"])
 def test_a_stale_pid_file_is_replaced(machine, content):
     machine.write(machine.PID_FILE, content)
     pid = machine.start_and_wait()
@@ -190,14 +204,12 @@ def test_a_stale_pid_file_is_replaced(machine, content):
     assert machine.texts("kestcrond") == []
 
 
-@pytest.mark.parametrize("name", ["sleep", "kestcrond2", "akestcrond", "kestcron", "Kestcrond",
-                                  "x"])
+@pytest.mark.parametrize("name", ["sleep", "kestcrond2", "akestcrond", "kestcron", "Kestcrond", "x"])
 def test_a_pid_file_of_another_program_is_replaced(machine, name):
     machine.write(f"/tmp/{name}", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
     other = machine.popen(f"/tmp/{name}", "100", env={"LD_PRELOAD": ""})
     wait_for(lambda: name in {p["name"] for p in machine.processes().values()})
-    pid_of_other = next(p for p, process in machine.processes().items()
-                        if process["name"] == name)
+    pid_of_other = next(p for p, process in machine.processes().items() if process["name"] == name)
     machine.write(machine.PID_FILE, f"{pid_of_other}\n")
     pid = machine.start_and_wait()
     assert machine.read(machine.PID_FILE) == f"{pid}\n"
@@ -219,8 +231,9 @@ def test_a_process_of_an_account_is_no_other_instance(machine, tmp_path, mode):
     (tmp_path / "sleeper.c").write_text(SLEEPER)
     subprocess.run(["gcc", "-o", tmp_path / "sleeper", tmp_path / "sleeper.c"], check=True)
     machine.write("/usr/local/bin/kestcrond", (tmp_path / "sleeper").read_bytes(), mode)
-    other = machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups",
-                          "/usr/local/bin/kestcrond", env={"LD_PRELOAD": ""})
+    other = machine.popen(
+        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "/usr/local/bin/kestcrond", env={"LD_PRELOAD": ""}
+    )
     [stranger] = wait_for(machine.daemons, what="the account's process")
     machine.write(machine.PID_FILE, f"{stranger}\n")
     assert machine.start_and_wait() != stranger
@@ -261,8 +274,9 @@ def test_a_waiting_job_does_not_hold_the_lock_of_the_instance(machine):
 
 
 def test_a_pid_file_that_names_the_starter_itself_is_no_other_instance(machine):
-    machine.run("bash", "-c", f"echo $BASHPID > {machine.PID_FILE}; exec {machine.DAEMON}",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "bash", "-c", f"echo $BASHPID > {machine.PID_FILE}; exec {machine.DAEMON}", check=True, env={"LD_PRELOAD": ""}
+    )
     wait_for(machine.daemon_pid, what="the daemon")
     assert machine.texts("kestcrond") == []
 
@@ -286,11 +300,15 @@ def limits(machine, pid):
 
 def test_limits_of_the_starter_do_not_count(machine):
     machine.template(maxDelay=0)
-    machine.write("/usr/local/bin/limits", "#!/bin/sh\ncat /proc/self/limits > /tmp/ran/limits.new\n"
-                  "mv /tmp/ran/limits.new /tmp/ran/limits\n", 0o755)
+    machine.write(
+        "/usr/local/bin/limits",
+        "#!/bin/sh\ncat /proc/self/limits > /tmp/ran/limits.new\n" "mv /tmp/ran/limits.new /tmp/ran/limits\n",
+        0o755,
+    )
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/limits")])
-    machine.run("bash", "-c", f"ulimit -S -f 0 -n 20; ulimit -S -c unlimited; exec {machine.DAEMON}",
-                env={"LD_PRELOAD": ""})  # a preloaded clock writes to a file of its own
+    machine.run(
+        "bash", "-c", f"ulimit -S -f 0 -n 20; ulimit -S -c unlimited; exec {machine.DAEMON}", env={"LD_PRELOAD": ""}
+    )  # a preloaded clock writes to a file of its own
     pid = wait_for(machine.daemon_pid, what="the daemon")
     found = limits(machine, pid)
     assert found["Max file size"] == ("unlimited", "unlimited")
@@ -385,8 +403,7 @@ int pselect(int count, fd_set *readable, fd_set *writable, fd_set *exceptional,
 @pytest.mark.native(reason="what is preloaded is the host's")
 def test_no_signal_slips_past_the_wait(machine, tmp_path):
     (tmp_path / "late.c").write_text(LATE_SIGNAL)
-    subprocess.run(["gcc", "-shared", "-fPIC", "-o", tmp_path / "late.so", tmp_path / "late.c"],
-                   check=True)
+    subprocess.run(["gcc", "-shared", "-fPIC", "-o", tmp_path / "late.so", tmp_path / "late.c"], check=True)
     machine.write("/usr/local/lib/late.so", (tmp_path / "late.so").read_bytes(), 0o755)
     machine.clock("2026-06-02 02:10:10", rate=1)
     clock = machine.environment["LD_PRELOAD"]
@@ -410,8 +427,7 @@ def test_a_missing_pid_file_at_the_end_is_reported(machine):
     machine.signal(signal.SIGTERM, pid)
     machine.wait_for_text("Unable to clean pid file No such file or directory")
     message = machine.messages("kestcrond")[-1]
-    assert message.text == ("Unable to clean pid file No such file or directory "
-                            "(No such file or directory)")
+    assert message.text == ("Unable to clean pid file No such file or directory " "(No such file or directory)")
     assert message.priority == "err" and message.program == "kestcrond"
     assert message.facility == 1, "user messages"
 
@@ -433,7 +449,7 @@ def test_a_pid_file_that_cannot_be_made_ends_the_start(machine):
 def test_messages_lead_to_the_source(machine):
     machine.start_and_wait()
     machine.start()
-    source = (os.path.dirname(__file__) + "/../../src/daemon/kestcrond.cpp")
+    source = os.path.dirname(__file__) + "/../../src/daemon/kestcrond.cpp"
     message = machine.messages("kestcrond")[0]
     with open(source, encoding="utf-8") as file:
         line = file.read().splitlines()[message.line - 1]
@@ -446,7 +462,10 @@ def test_messages_do_not_tell_errors_of_things_that_went_well(machine):
     machine.reload()
     messages = machine.messages(priority="err")
     assert [message.plain() for message in messages] == 2 * [
-        "error period", "parse error", "Job JSON format error: /usr/kest/share/kestcron.d/f"]
+        "error period",
+        "parse error",
+        "Job JSON format error: /usr/kest/share/kestcron.d/f",
+    ]
     # What a preloaded clock or a sanitizer left behind is theirs: ours would be a directory that was
     # missing and has been made, and the sleep that the reload's signal has ended.
     own = (os.strerror(errno.ENOENT), os.strerror(errno.EINTR))

@@ -23,17 +23,21 @@ def once(machine):
 def report(machine, user, script, **members):
     """Runs a job as `user` whose program is a shell script; returns what it wrote."""
     once(machine)
-    machine.write("/usr/local/bin/job", f"#!/bin/sh\nexec > /tmp/ran/out.$$\n{script}\n"
-                  "mv /tmp/ran/out.$$ /tmp/ran/out\n", 0o755)
+    machine.write(
+        "/usr/local/bin/job",
+        f"#!/bin/sh\nexec > /tmp/ran/out.$$\n{script}\n" "mv /tmp/ran/out.$$ /tmp/ran/out\n",
+        0o755,
+    )
     members = {"cmd": "/usr/local/bin/job", **members}
     machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice", **members)])
     machine.start_and_wait()
     return wait_for(lambda: machine.read("/tmp/ran/out"), what="the job's report")
 
 
-@pytest.mark.parametrize("user,line", [
-    ("root", "root 0 0 0"), ("system", "system 2003 2003 2003"),
-    ("package", "alice 2001 2001 2001 3001 3002")])
+@pytest.mark.parametrize(
+    "user,line",
+    [("root", "root 0 0 0"), ("system", "system 2003 2003 2003"), ("package", "alice 2001 2001 2001 3001 3002")],
+)
 def test_identity(machine, user, line):
     assert report(machine, user, "echo $(id -un) $(id -u) $(id -g) $(id -G)") == line + "\n"
 
@@ -47,74 +51,101 @@ def test_real_effective_and_saved_ids(machine):
 def test_what_a_job_inherits(machine, user):
     # Under the real clock, since a preloaded one opens a file of its own in every program. The
     # shell gives way to the program that reads, because it blocks signals around a child of its own.
-    machine.write("/usr/local/bin/job", "#!/bin/sh\nexec > /tmp/ran/out\npwd\n"
-                  "readlink /proc/$$/fd/*\nexec cat /proc/self/status\n", 0o755)
-    machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice",
-                                           cmd="/usr/local/bin/job")])
+    machine.write(
+        "/usr/local/bin/job",
+        "#!/bin/sh\nexec > /tmp/ran/out\npwd\n" "readlink /proc/$$/fd/*\nexec cat /proc/self/status\n",
+        0o755,
+    )
+    machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice", cmd="/usr/local/bin/job")])
     # What the starter ignored is not passed on.
-    machine.run("/usr/bin/python3", "-c", "import os, signal\n"
-                "for number in (1, 3, 10, 13, 17, 20, 34): signal.signal(number, signal.SIG_IGN)\n"
-                f"os.execv('{machine.DAEMON}', ['kestcrond'])", env={"LD_PRELOAD": ""})
-    text = wait_for(lambda: "ctxt_switches" in machine.read("/tmp/ran/out")
-                    and machine.read("/tmp/ran/out"), what="the job's report")
+    machine.run(
+        "/usr/bin/python3",
+        "-c",
+        "import os, signal\n"
+        "for number in (1, 3, 10, 13, 17, 20, 34): signal.signal(number, signal.SIG_IGN)\n"
+        f"os.execv('{machine.DAEMON}', ['kestcrond'])",
+        env={"LD_PRELOAD": ""},
+    )
+    text = wait_for(
+        lambda: "ctxt_switches" in machine.read("/tmp/ran/out") and machine.read("/tmp/ran/out"),
+        what="the job's report",
+    )
     lines = text.splitlines()
     assert lines[0] == "/"
     assert sorted(line for line in lines[1:] if line.startswith("/")) == [
-        "/dev/null", "/dev/null", "/tmp/kestcrond/pkg-f-x", "/tmp/ran/out"], "script and report"
+        "/dev/null",
+        "/dev/null",
+        "/tmp/kestcrond/pkg-f-x",
+        "/tmp/ran/out",
+    ], "script and report"
     assert not [line for line in lines if "socket" in line or "inotify" in line]
-    masks = {line[:6]: int(line.split()[1], 16) for line in lines
-             if line[:6] in ("SigBlk", "SigIgn", "SigCgt")}
+    masks = {line[:6]: int(line.split()[1], 16) for line in lines if line[:6] in ("SigBlk", "SigIgn", "SigCgt")}
     assert masks == {"SigBlk": 0, "SigIgn": 0, "SigCgt": 0}
 
 
 def test_arguments(machine):
     once(machine)
-    machine.jobs("pkg", "f", [
-        every_minute("split", cmd=f"{RECORD}   a  b "),
-        every_minute("list", cmd_list=[RECORD, "a  b", "", "$HOME;*", "é"], cmd="ignored"),
-        every_minute("types", cmd_list=[RECORD, 5, True, None, -1.5])])
+    machine.jobs(
+        "pkg",
+        "f",
+        [
+            every_minute("split", cmd=f"{RECORD}   a  b "),
+            every_minute("list", cmd_list=[RECORD, "a  b", "", "$HOME;*", "é"], cmd="ignored"),
+            every_minute("types", cmd_list=[RECORD, 5, True, None, -1.5]),
+        ],
+    )
     machine.start_and_wait()
-    runs = {name: wait_for(lambda n=name: machine.runs(f"pkg-f-{n}"))[0]
-            for name in ("split", "list", "types")}
-    assert runs == {"split": "root root [a b ]", "list": "root root [a  b  $HOME;* é]",
-                    "types": "root root [5 true  -1.5]"}
-    commands = {re.search(r"pkg-f-(\w+)", line).group(1):
-                re.search(r"with command: (.*) as user", line).group(1)
-                for line in machine.log_lines()}
-    assert commands == {"split": f"{RECORD}   a  b ", "list": f"{RECORD} a  b  $HOME;* é ",
-                        "types": f"{RECORD} 5 true  -1.5 "}
+    runs = {name: wait_for(lambda n=name: machine.runs(f"pkg-f-{n}"))[0] for name in ("split", "list", "types")}
+    assert runs == {
+        "split": "root root [a b ]",
+        "list": "root root [a  b  $HOME;* é]",
+        "types": "root root [5 true  -1.5]",
+    }
+    commands = {
+        re.search(r"pkg-f-(\w+)", line).group(1): re.search(r"with command: (.*) as user", line).group(1)
+        for line in machine.log_lines()
+    }
+    assert commands == {
+        "split": f"{RECORD}   a  b ",
+        "list": f"{RECORD} a  b  $HOME;* é ",
+        "types": f"{RECORD} 5 true  -1.5 ",
+    }
 
 
 @pytest.mark.parametrize("user", ["root", "package"])
-@pytest.mark.parametrize("content,error", [
-    ("echo no interpreter line\n", "Exec format error"), ("", "Exec format error"),
-    ("#!/no/such/interpreter\n", "No such file or directory")])
+@pytest.mark.parametrize(
+    "content,error",
+    [
+        ("echo no interpreter line\n", "Exec format error"),
+        ("", "Exec format error"),
+        ("#!/no/such/interpreter\n", "No such file or directory"),
+    ],
+)
 def test_a_command_that_cannot_be_started(machine, user, content, error):
     once(machine)
     machine.write("/usr/local/bin/broken", content, 0o755)
-    machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice",
-                                   cmd="/usr/local/bin/broken a")])
+    machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice", cmd="/usr/local/bin/broken a")])
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= 2)
     account = "alice" if user == "package" else "root"
     start, failure = machine.log_lines()[:2]
     assert f"running job: pkg-f-x with command: /usr/local/bin/broken a as user {account} (" in start
-    assert re.fullmatch(r"2026-06-02T02:10:10\+00:00 running job: pkg-f-x with command: "
-                        r"/usr/local/bin/broken a failed, return code: -1, error: " + error,
-                        failure)
+    assert re.fullmatch(
+        r"2026-06-02T02:10:10\+00:00 running job: pkg-f-x with command: "
+        r"/usr/local/bin/broken a failed, return code: -1, error: " + error,
+        failure,
+    )
     assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600
     assert machine.texts() == []
     wait_for(lambda: not machine.exists("/tmp/kestcrond.log"))
 
 
 def test_an_account_that_vanishes_before_the_launch(machine):
-    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="bob"),
-                              every_minute("y")])
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="bob"), every_minute("y")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
     passwd = machine.read("/etc/passwd")
-    machine.write("/etc/passwd", "".join(line + "\n" for line in passwd.splitlines()
-                                         if not line.startswith("bob:")))
+    machine.write("/etc/passwd", "".join(line + "\n" for line in passwd.splitlines() if not line.startswith("bob:")))
     machine.wait_for_text("Failed to get user group info for job [pkg-f-x]")
     machine.wait_for_text("user bob not exist")
     count = len(machine.runs("pkg-f-y"))
@@ -167,8 +198,7 @@ def test_waiting_children_hold_nothing_of_the_daemon(machine):
 
 
 def test_a_job_may_be_started_again_while_it_runs(machine):
-    machine.write("/usr/local/bin/long", "#!/bin/sh\necho >> /tmp/ran/long\nexec sleep 1000\n",
-                  0o755)
+    machine.write("/usr/local/bin/long", "#!/bin/sh\necho >> /tmp/ran/long\nexec sleep 1000\n", 0o755)
     machine.jobs("pkg", "f", [every_minute("x", cmd="/usr/local/bin/long")])
     machine.start_and_wait()
     wait_for(lambda: len([p for p in machine.processes().values() if p["name"] == "sleep"]) >= 3)
@@ -179,8 +209,7 @@ def test_no_zombies(machine):
     machine.start_and_wait()
     wait_for(lambda: len(machine.runs("pkg-f-j9")) >= 3)
     pid = machine.daemon_pid()
-    wait_for(lambda: not [p for p in machine.processes().values()
-                          if p["ppid"] == pid and p["state"] == "Z"])
+    wait_for(lambda: not [p for p in machine.processes().values() if p["ppid"] == pid and p["state"] == "Z"])
 
 
 def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
@@ -188,10 +217,15 @@ def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
     pid = machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
     # A control group in which the daemon may have no process beside itself.
-    machine.run("sh", "-ec", "mount -t cgroup -o pids none /mnt || { mount -t cgroup2 none /mnt; "
-                "echo +pids > /mnt/cgroup.subtree_control; }; mkdir -p /mnt/alone; "
-                f"echo 1 > /mnt/alone/pids.max; echo {pid} > /mnt/alone/cgroup.procs",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "sh",
+        "-ec",
+        "mount -t cgroup -o pids none /mnt || { mount -t cgroup2 none /mnt; "
+        "echo +pids > /mnt/cgroup.subtree_control; }; mkdir -p /mnt/alone; "
+        f"echo 1 > /mnt/alone/pids.max; echo {pid} > /mnt/alone/cgroup.procs",
+        check=True,
+        env={"LD_PRELOAD": ""},
+    )
     try:
         machine.wait_for_text("Failed to fork()", count=2)
     finally:

@@ -15,8 +15,19 @@ from tests.lib.private_machine import Deadline, wait_for
 ERRORS = ["EIO", "ENOSPC", "ENOMEM", "EMFILE", "EINTR", "EACCES"]
 EFFECTS = [*(f"error={error}" for error in ERRORS), "signal=KILL"]
 # These do not return, or do not fail; the C library ends a program for which they did.
-LEFT_OUT = {"exit", "exit_group", "rt_sigreturn", "restart_syscall", "futex", "rt_sigprocmask",
-            "rt_sigaction", "arch_prctl", "set_tid_address", "set_robust_list", "rseq"}
+LEFT_OUT = {
+    "exit",
+    "exit_group",
+    "rt_sigreturn",
+    "restart_syscall",
+    "futex",
+    "rt_sigprocmask",
+    "rt_sigaction",
+    "arch_prctl",
+    "set_tid_address",
+    "set_robust_list",
+    "rseq",
+}
 WITNESSES = ["/etc/passwd", "/etc/shadow", "/usr/local/bin/record", "/usr/bin/cp", "/srv/witness"]
 TICK = "builtin-f-tick"
 HISTORY = {"startup": 1700000000, "lastExecution": 1780000000}
@@ -38,10 +49,17 @@ def prepare(machine):
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [every_minute("tick"), never("other")])
     machine.jobs("pkg_nonroot", "f", [every_minute("hers")], account="alice")
-    config = {**every_minute("tick"), "name": TICK, "assure_execute": 0,
-              "assure_execute_action": "wait", "run_on_passive": False}
-    machine.write(PERSISTENT_FILE, json.dumps({"jobs": {TICK: {
-        "config": config, "schedule": machine.drawn(), "expireTime": 0, **HISTORY}}}))
+    config = {
+        **every_minute("tick"),
+        "name": TICK,
+        "assure_execute": 0,
+        "assure_execute_action": "wait",
+        "run_on_passive": False,
+    }
+    machine.write(
+        PERSISTENT_FILE,
+        json.dumps({"jobs": {TICK: {"config": config, "schedule": machine.drawn(), "expireTime": 0, **HISTORY}}}),
+    )
     machine.write("/srv/witness", "untouched")
 
 
@@ -66,14 +84,19 @@ def within(condition, seconds):
 def daemon_of(machine):
     """The daemon itself; 0 when it has ended. Its pid file may be missing."""
     parents = machine.processes()
-    return next((pid for pid, process in parents.items() if process["name"] == "kestcrond"
-                 and parents.get(process["ppid"], {}).get("name") != "kestcrond"), 0)
+    return next(
+        (
+            pid
+            for pid, process in parents.items()
+            if process["name"] == "kestcrond" and parents.get(process["ppid"], {}).get("name") != "kestcrond"
+        ),
+        0,
+    )
 
 
 def leftovers(machine):
     names = {"kestcrond", "kestcrond-stage", "cp"}
-    return [process for process in machine.processes().values()
-            if process["name"] in names and process["state"] != "Z"]
+    return [process for process in machine.processes().values() if process["name"] in names and process["state"] != "Z"]
 
 
 def live(machine, *options):
@@ -108,8 +131,12 @@ def calls_of_a_life(daemon):
 
 def all_faults(daemon):
     """Every call of a life with every effect, as the arguments of an injection."""
-    return [f"{call}:{effect}:when={number}" for call, count in calls_of_a_life(daemon)
-            for number in range(1, count + 1) for effect in EFFECTS]
+    return [
+        f"{call}:{effect}:when={number}"
+        for call, count in calls_of_a_life(daemon)
+        for number in range(1, count + 1)
+        for effect in EFFECTS
+    ]
 
 
 @pytest.fixture(scope="session")
@@ -134,13 +161,13 @@ def check_document(machine, path):
 
 def check_history(machine):
     """What was saved of the job is saved still, or the system log names it."""
-    named = any(TICK in text or "read error" in text or "loaded failed" in text
-                for text in machine.texts())
+    named = any(TICK in text or "read error" in text or "loaded failed" in text for text in machine.texts())
     copies = [machine.read(PERSISTENT_FILE), machine.read(PERSISTENT_FILE + ".unreadable")]
     entries = [json.loads(text).get("jobs", {}).get(TICK, {}) for text in copies if text]
-    assert named or any(entry.get("startup") == HISTORY["startup"] and
-                        entry.get("lastExecution", 0) >= HISTORY["lastExecution"]
-                        for entry in entries), (entries, machine.texts())
+    assert named or any(
+        entry.get("startup") == HISTORY["startup"] and entry.get("lastExecution", 0) >= HISTORY["lastExecution"]
+        for entry in entries
+    ), (entries, machine.texts())
 
 
 def test_a_fault(machine, calls, fault, request):
@@ -153,8 +180,7 @@ def test_a_fault(machine, calls, fault, request):
     trace = machine.read("/srv/trace")
     assert not re.search("--- SIG(SEGV|ABRT|BUS|ILL|FPE) ", trace), trace[-2000:]
     assert states(machine) == before
-    documents = (machine.RUNTIME_FILE, machine.RUNTIME_TEMPLATE, PERSISTENT_FILE,
-                 PERSISTENT_TEMPLATE)
+    documents = (machine.RUNTIME_FILE, machine.RUNTIME_TEMPLATE, PERSISTENT_FILE, PERSISTENT_TEMPLATE)
     for path in documents:
         check_document(machine, path)
     check_history(machine)

@@ -30,6 +30,7 @@ def add_tick(machine):
 
 # --- Start --------------------------------------------------------------------------------------
 
+
 @pytest.mark.native(reason="the calls seen are the emulator's")
 def test_no_process_can_be_made(machine):
     assert machine.start_with_faults("fork,vfork,clone,clone3:error=EAGAIN") == 255
@@ -37,9 +38,13 @@ def test_no_process_can_be_made(machine):
     assert not machine.exists(machine.PID_FILE)
 
 
-@pytest.mark.parametrize("file,fault,text", [
-    ("comm", "open,openat:error=EACCES", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:"),
-    ("comm", "read:retval=0", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:")])
+@pytest.mark.parametrize(
+    "file,fault,text",
+    [
+        ("comm", "open,openat:error=EACCES", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:"),
+        ("comm", "read:retval=0", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:"),
+    ],
+)
 def test_a_process_that_does_not_tell_its_name(machine, file, fault, text):
     machine.write(machine.PID_FILE, "1\n")
     assert machine.start_with_faults(fault, path=f"/proc/1/{file}") == 0
@@ -49,12 +54,14 @@ def test_a_process_that_does_not_tell_its_name(machine, file, fault, text):
 
 def test_a_process_without_a_name(machine):
     # Only a newline: that is what the kernel shows of an empty name.
-    holder = machine.popen("/usr/bin/python3", "-c", "import ctypes, time\n"
-                           "ctypes.CDLL(None).prctl(15, b'')\n"
-                           "open('/run/named', 'w').close()\ntime.sleep(600)",
-                           env={"LD_PRELOAD": ""})
+    holder = machine.popen(
+        "/usr/bin/python3",
+        "-c",
+        "import ctypes, time\n" "ctypes.CDLL(None).prctl(15, b'')\n" "open('/run/named', 'w').close()\ntime.sleep(600)",
+        env={"LD_PRELOAD": ""},
+    )
     wait_for(lambda: machine.exists("/run/named"))
-    pid, = (pid for pid, process in machine.processes().items() if process["name"] == "")
+    (pid,) = (pid for pid, process in machine.processes().items() if process["name"] == "")
     machine.write(machine.PID_FILE, f"{pid}\n")
     machine.start_and_wait()
     assert machine.texts("kestcrond") == [f"Unable to get cmd [{pid}][0x0000 :0]"]
@@ -88,12 +95,14 @@ def test_an_old_kernel_draws_from_the_device(machine, tick):
     assert schedules[0] != schedules[1]
 
 
-@pytest.mark.parametrize("owner,fault,text", [
-    (None, "mkdir,mkdirat:error=ENOSPC", "runtime dir (/tmp/kestcrond) create failed"),
-    ("alice", "rename,renameat,renameat2:error=EROFS",
-     "runtime dir (/tmp/kestcrond) create failed"),
-    ("root", "chmod,fchmodat,fchmod:error=EROFS",
-     "Failed to chmod [/tmp/kestcrond][Read-only file system]")])
+@pytest.mark.parametrize(
+    "owner,fault,text",
+    [
+        (None, "mkdir,mkdirat:error=ENOSPC", "runtime dir (/tmp/kestcrond) create failed"),
+        ("alice", "rename,renameat,renameat2:error=EROFS", "runtime dir (/tmp/kestcrond) create failed"),
+        ("root", "chmod,fchmodat,fchmod:error=EROFS", "Failed to chmod [/tmp/kestcrond][Read-only file system]"),
+    ],
+)
 def test_a_runtime_directory_that_cannot_be_prepared(machine, owner, fault, text):
     if owner:
         machine.path("/tmp/kestcrond").mkdir()
@@ -104,6 +113,7 @@ def test_a_runtime_directory_that_cannot_be_prepared(machine, owner, fault, text
 
 
 # --- Watching and sources -----------------------------------------------------------------------
+
 
 def test_changes_that_cannot_be_asked_for(machine, tick):
     machine.start_with_faults("select,pselect6:error=ENOMEM")
@@ -128,9 +138,7 @@ def test_an_account_source_that_cannot_be_opened(machine, tick):
     machine.start_with_faults("open,openat:error=EMFILE", path="/usr/local/etc/kestcron_nonroot.d")
     tick()
     assert list(machine.entries()) == ["builtin-t-tick"]
-    assert machine.texts() == [
-        "open directory failed.",
-        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
+    assert machine.texts() == ["open directory failed.", "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
 
 
 def test_an_account_source_that_cannot_be_watched(machine, tick):
@@ -141,11 +149,11 @@ def test_an_account_source_that_cannot_be_watched(machine, tick):
     assert machine.texts() == [
         "Failed to listen /usr/local/etc/kestcron_nonroot.d",
         "Failed to register /usr/local/etc/kestcron_nonroot.d",
-        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
+        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed",
+    ]
 
 
-@pytest.mark.parametrize("fault", ["open,openat:error=EACCES", "open,openat:error=EIO",
-                                   "read:error=EIO"])
+@pytest.mark.parametrize("fault", ["open,openat:error=EACCES", "open,openat:error=EIO", "read:error=EIO"])
 def test_a_job_file_that_cannot_be_read(machine, tick, fault):
     file = "/usr/local/etc/kestcron.d/unreadable"
     machine.jobs("pkg", "unreadable", [never("x")])
@@ -158,12 +166,23 @@ def test_a_job_file_that_cannot_be_read(machine, tick, fault):
 
 # --- Staging ------------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("faults,texts", [
-    (["chown,fchown,lchown,fchownat:error=EPERM"],
-     ["Failed to chown [/tmp/kestcrond/pkg-f-x][alice][Operation not permitted]",
-      "Failed to chown if permissions are incorrect [/tmp/kestcrond/pkg-f-x]"]),
-    (["chmod,fchmod,fchmodat:error=EROFS:when=2"],  # the first is the other job's
-     ["Failed to chmod [/tmp/kestcrond/pkg-f-x][Read-only file system]"])])
+
+@pytest.mark.parametrize(
+    "faults,texts",
+    [
+        (
+            ["chown,fchown,lchown,fchownat:error=EPERM"],
+            [
+                "Failed to chown [/tmp/kestcrond/pkg-f-x][alice][Operation not permitted]",
+                "Failed to chown if permissions are incorrect [/tmp/kestcrond/pkg-f-x]",
+            ],
+        ),
+        (
+            ["chmod,fchmod,fchmodat:error=EROFS:when=2"],  # the first is the other job's
+            ["Failed to chmod [/tmp/kestcrond/pkg-f-x][Read-only file system]"],
+        ),
+    ],
+)
 def test_a_copy_that_cannot_be_given_away(machine, tick, faults, texts):
     machine.jobs("pkg", "f", [never("x", user="package", package_username="alice")])
     machine.start_with_faults(*faults, path="/tmp/kestcrond/.staging/taken")
@@ -180,14 +199,21 @@ def test_a_program_that_vanishes_while_it_is_looked_at(machine, tick):
     tick()
     assert machine.texts() == [
         "Failed to cp [/usr/local/bin/odd][/tmp/kestcrond/pkg-f-x][0x0000 :0]",
-        "MoveBinaryToTmp failed."]
+        "MoveBinaryToTmp failed.",
+    ]
 
 
 # --- Execution ----------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("step,call,kept", [
-    ("initgroups", "setgroups", "alice alice"), ("setgid", "setgid", "alice root"),
-    ("setuid", "setuid", "root alice")])
+
+@pytest.mark.parametrize(
+    "step,call,kept",
+    [
+        ("initgroups", "setgroups", "alice alice"),
+        ("setgid", "setgid", "alice root"),
+        ("setuid", "setuid", "root alice"),
+    ],
+)
 def test_a_step_to_the_account_that_fails(machine, step, call, kept):
     machine.clock("2026-06-02 02:10:10", rate=0)  # one start, whose lines follow each other
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice")])
@@ -200,9 +226,9 @@ def test_a_step_to_the_account_that_fails(machine, step, call, kept):
 
 # --- The execution log --------------------------------------------------------------------------
 
+
 def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
-    machine.run("mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/var/log", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/var/log", check=True, env={"LD_PRELOAD": ""})
     machine.write(LOG_FILE, ("x" * 99 + "\n") * 81)  # 92 bytes are left: less than a line
     before = machine.read(LOG_FILE)
     machine.start_and_wait()
@@ -224,16 +250,16 @@ def test_a_log_that_cannot_be_written(machine, tick, fault):
 
 def test_a_failure_that_the_log_has_no_room_for(machine):
     machine.write("/usr/local/bin/odd", "", 0o755)
-    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice",
-                                           cmd="/usr/local/bin/odd")])
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice", cmd="/usr/local/bin/odd")])
     machine.start_with_faults("write:error=ENOSPC:when=2", path=LOG_FILE)
     machine.wait_for_text(f"Failed to write [{LOG_FILE}]")
     assert all(" as user alice (" in line for line in machine.log_lines())
 
 
-@pytest.mark.parametrize("fault,text", [
-    ("write:error=ENOSPC", f"Failed to write [{STAGING}]"),
-    ("read:error=EIO", f"Failed to read [{STAGING}]")])
+@pytest.mark.parametrize(
+    "fault,text",
+    [("write:error=ENOSPC", f"Failed to write [{STAGING}]"), ("read:error=EIO", f"Failed to read [{STAGING}]")],
+)
 def test_a_staging_file_that_fails_is_told_from_one_that_does_not_open(machine, tick, fault, text):
     machine.start_with_faults(fault, path=STAGING)
     machine.wait_for_text(text)
@@ -255,9 +281,13 @@ def test_a_log_that_cannot_be_locked_is_written_all_the_same(machine, tick):
     assert machine.texts() == []
 
 
-@pytest.mark.parametrize("fault,path,text", [
-    ("rename,renameat2:error=EROFS", None, "open memory logger failed"),
-    ("open,openat:error=EMFILE", STAGING, "Failed [!fsMem], err=Too many open files")])
+@pytest.mark.parametrize(
+    "fault,path,text",
+    [
+        ("rename,renameat2:error=EROFS", None, "open memory logger failed"),
+        ("open,openat:error=EMFILE", STAGING, "Failed [!fsMem], err=Too many open files"),
+    ],
+)
 def test_a_staging_file_that_cannot_be_used(machine, tick, fault, path, text):
     machine.path("/tmp/kestcrond").mkdir()  # programs are put into place by another call
     machine.start_with_faults(fault, path=path)
@@ -267,6 +297,7 @@ def test_a_staging_file_that_cannot_be_used(machine, tick, fault, path, text):
 
 
 # --- The clock ----------------------------------------------------------------------------------
+
 
 def test_a_time_without_a_calendar(machine):
     machine.environment["FAKETIME"] = "+2500000000y x60"
@@ -286,8 +317,7 @@ def test_a_launch_at_a_time_without_a_calendar(machine):
     machine.environment["FAKETIME"] = "+2500000000y x60"
     machine.start_and_wait()
     machine.wait_for_text("Failed to get localtime. Not able to format date.")
-    line = f"running job: builtin-f-x with command: {RECORD} as user root " \
-           "(state[AssureExecute], trig[])"
+    line = f"running job: builtin-f-x with command: {RECORD} as user root " "(state[AssureExecute], trig[])"
     wait_for(lambda: line in machine.log_lines(), what=line)
 
 
@@ -364,17 +394,16 @@ def test_memory_that_runs_out_in_a_cycle(machine):
 @pytest.mark.parametrize("megabytes", range(6, 30, 3))
 def test_memory_that_runs_out_somewhere_in_a_load(machine, megabytes):
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [never(f"{number}", extra="x" * 10000) for number in range(100)]
-                 + [every_minute("tick")])
+    machine.jobs(
+        "builtin", "f", [never(f"{number}", extra="x" * 10000) for number in range(100)] + [every_minute("tick")]
+    )
     pid = machine.start_and_wait()
     wait_for(lambda: machine.runs("builtin-f-tick"))
     for number in range(4):
-        machine.jobs("pkg", f"f{number}", [never(f"{i}", cmd="/usr/bin/true", extra="x" * 10000)
-                                           for i in range(100)])
+        machine.jobs("pkg", f"f{number}", [never(f"{i}", cmd="/usr/bin/true", extra="x" * 10000) for i in range(100)])
     limit_memory(machine, pid, megabytes)
     machine.signal(signal.SIGHUP)
-    wait_for(lambda: not machine.daemon_pid()
-             or len(machine.entries()) == 501 and machine.is_between_cycles())
+    wait_for(lambda: not machine.daemon_pid() or len(machine.entries()) == 501 and machine.is_between_cycles())
     if machine.daemon_pid():
         machine.stop()
     jobs = machine.document(PERSISTENT_FILE)["jobs"]

@@ -10,15 +10,48 @@ import socket
 import stat
 
 import pytest
-from tests.lib.appliance import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never)
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
 from tests.lib.private_machine import wait_for
 
 ALICE = SOURCES["pkg_nonroot"] + "/alice"
 
 # A value of every JSON type, and numbers beyond every limit.
-VALUES = [None, True, False, 0, -1, 1, 2**31 - 1, 2**31, -2**31, -2**31 - 1, 2**32, 2**63 - 1, 2**63,
-          -2**63, 2**64 - 1, 2**64, 1e300, -1e300, 0.5, -0.0, "", "x", "5", "true", "root", "\0", [],
-          [1], [None], [[]], ["x", {}], {}, {"x": 1}, {"": None}]
+VALUES = [
+    None,
+    True,
+    False,
+    0,
+    -1,
+    1,
+    2**31 - 1,
+    2**31,
+    -(2**31),
+    -(2**31) - 1,
+    2**32,
+    2**63 - 1,
+    2**63,
+    -(2**63),
+    2**64 - 1,
+    2**64,
+    1e300,
+    -1e300,
+    0.5,
+    -0.0,
+    "",
+    "x",
+    "5",
+    "true",
+    "root",
+    "\0",
+    [],
+    [1],
+    [None],
+    [[]],
+    ["x", {}],
+    {},
+    {"x": 1},
+    {"": None},
+]
 
 
 @pytest.fixture(autouse=True)
@@ -83,17 +116,28 @@ def test_odd_files_do_not_make_the_daemon_grow(machine):
 
 def definition(text, name='"x"'):
     """A definition with odd text in it, as an author may write it."""
-    return (b'[{"name":' + name.encode() + b',"user":"","period":"crontab","crontab":"0 0 31 2 *",'
-            b'"cmd":"' + RECORD.encode() + b'",' + text + b'}]')
+    return (
+        b'[{"name":' + name.encode() + b',"user":"","period":"crontab","crontab":"0 0 31 2 *",'
+        b'"cmd":"' + RECORD.encode() + b'",' + text + b"}]"
+    )
 
 
-@pytest.mark.parametrize("content", [
-    definition(b'"odd":"\xc3\xa9 \xf0\x9f\x98\x80"'), b"\xef\xbb\xbf" + definition(b'"a":1'),
-    definition(b'"cmd":"' + RECORD.encode() + b'","cmd":"' + RECORD.encode() + b'"'),
-    definition(b'"number":1' + b"0" * 400), definition(b'"number":1e400'),
-    definition(b'"' + b"n" * 100000 + b'":1'), definition(b'"\\u0000":"\\u0000"'),
-    definition(b'"a":' + b"[" * 61 + b"]" * 61), definition(b'"\\ud800":"\\udc00"'),
-    definition(b'"%n%s%n":"%n%s%n"')], ids=range(10))
+@pytest.mark.parametrize(
+    "content",
+    [
+        definition(b'"odd":"\xc3\xa9 \xf0\x9f\x98\x80"'),
+        b"\xef\xbb\xbf" + definition(b'"a":1'),
+        definition(b'"cmd":"' + RECORD.encode() + b'","cmd":"' + RECORD.encode() + b'"'),
+        definition(b'"number":1' + b"0" * 400),
+        definition(b'"number":1e400'),
+        definition(b'"' + b"n" * 100000 + b'":1'),
+        definition(b'"\\u0000":"\\u0000"'),
+        definition(b'"a":' + b"[" * 61 + b"]" * 61),
+        definition(b'"\\ud800":"\\udc00"'),
+        definition(b'"%n%s%n":"%n%s%n"'),
+    ],
+    ids=range(10),
+)
 def test_an_odd_document(machine, content):
     machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
     machine.write(ALICE + "/odd", content)
@@ -151,10 +195,28 @@ def test_text_that_is_not_utf_8_costs_its_own_history_alone(machine):
     still_works(machine)
 
 
-@pytest.mark.parametrize("name", [
-    "a/b", "../../etc/passwd", "..", ".", "", "a\nb", "a\x1b[2J", "%n%s", "n" * 5000, "\0", "a\0b",
-    "-rf", "'; touch /tmp/pwned; '", "$(touch /tmp/pwned)", " ", "\u202e"],
-    ids=lambda name: repr(name[:12]))
+@pytest.mark.parametrize(
+    "name",
+    [
+        "a/b",
+        "../../etc/passwd",
+        "..",
+        ".",
+        "",
+        "a\nb",
+        "a\x1b[2J",
+        "%n%s",
+        "n" * 5000,
+        "\0",
+        "a\0b",
+        "-rf",
+        "'; touch /tmp/pwned; '",
+        "$(touch /tmp/pwned)",
+        " ",
+        "\u202e",
+    ],
+    ids=lambda name: repr(name[:12]),
+)
 def test_an_odd_name(machine, name):
     machine.jobs("pkg_nonroot", "f", [never(name), never("good")], account="alice")
     machine.start_and_wait()
@@ -167,8 +229,19 @@ def test_an_odd_name(machine, name):
     still_works(machine)
 
 
-ODD_FILES = [b"a\nb", b"\x1b[2J", b"%n%s%n", b"\xff\xfe\xc0", b"-rf", b"a b", b"$(touch x)", b"..x",
-             b"\xe2\x80\xae", b"n" * 200, b"n" * 255]
+ODD_FILES = [
+    b"a\nb",
+    b"\x1b[2J",
+    b"%n%s%n",
+    b"\xff\xfe\xc0",
+    b"-rf",
+    b"a b",
+    b"$(touch x)",
+    b"..x",
+    b"\xe2\x80\xae",
+    b"n" * 200,
+    b"n" * 255,
+]
 
 
 def test_odd_names_of_job_files(machine):
@@ -193,7 +266,7 @@ def test_odd_names_of_job_files(machine):
     assert len(machine.texts()) == 2 * 2 + 1
     machine.path(ALICE).rename(machine.path(SOURCES["pkg_nonroot"] + "/.away"))
     machine.reload()
-    cleared = machine.texts()[2 * 2 + 1:]
+    cleared = machine.texts()[2 * 2 + 1 :]
     assert len(cleared) == len(before) - 1
     assert all(text.startswith("removed cleared jobs: pkg_nonroot-alice-") for text in cleared)
     assert not any(set(text) & set(map(chr, range(32))) for text in cleared)
@@ -213,14 +286,28 @@ def test_odd_entries_among_the_accounts(machine):
     assert set(machine.entries()) == {"builtin-t-tick", "pkg_nonroot-bob-f-x"}
     no_directory = lambda name: ["open directory failed.", f"Failed to load {top}/{name} config"]
     assert machine.texts() == [
-        *no_directory("a-device"), *no_directory("a-fifo"),
-        f"stat error: {top}/a-loop", f"Failed to dir user: {top}/a-loop",
-        *no_directory("a-node"), *no_directory("a-socket")]
+        *no_directory("a-device"),
+        *no_directory("a-fifo"),
+        f"stat error: {top}/a-loop",
+        f"Failed to dir user: {top}/a-loop",
+        *no_directory("a-node"),
+        *no_directory("a-socket"),
+    ]
     still_works(machine)
 
 
-MEMBERS = ["name", "user", "package_username", "period", "crontab", "cmd", "cmd_list",
-           "assure_execute", "assure_execute_action", "run_on_passive"]
+MEMBERS = [
+    "name",
+    "user",
+    "package_username",
+    "period",
+    "crontab",
+    "cmd",
+    "cmd_list",
+    "assure_execute",
+    "assure_execute_action",
+    "run_on_passive",
+]
 
 
 @pytest.mark.parametrize("source,account", [("pkg", None), ("pkg_nonroot", "alice")])
@@ -228,8 +315,11 @@ def test_each_member_with_each_value(machine, source, account):
     odd = []
     for number, (member, value) in enumerate(itertools.product(MEMBERS, VALUES)):
         job = never(f"odd{number}", cmd="/usr/bin/true")
-        odd.append({**job, member: value} if value is not None or number % 2 else
-                   {key: kept for key, kept in job.items() if key != member})
+        odd.append(
+            {**job, member: value}
+            if value is not None or number % 2
+            else {key: kept for key, kept in job.items() if key != member}
+        )
     machine.jobs(source, "f", [*odd, never("good")], account=account)
     machine.start_and_wait()
     good = f"{source}-{account}-f-good" if account else f"{source}-f-good"
@@ -265,8 +355,9 @@ def test_an_account_cannot_make_the_daemon_grow(machine):
 
 def test_an_account_cannot_hold_up_the_jobs_of_others(machine):
     """Each job costs a copy of its program at each load."""
-    many = lambda count: json.dumps([{"name": f"{number}", "user": "", "period": "d", "cmd": "/usr/bin/true"}
-                                     for number in range(count)])
+    many = lambda count: json.dumps(
+        [{"name": f"{number}", "user": "", "period": "d", "cmd": "/usr/bin/true"} for number in range(count)]
+    )
     machine.account_directory("alice")
     machine.write(f"{ALICE}/a", many(15))
     machine.write(f"{ALICE}/b", many(15000))
@@ -279,11 +370,11 @@ def test_an_account_cannot_hold_up_the_jobs_of_others(machine):
 
 # --- Documents of our own -----------------------------------------------------------------------
 
+
 def paths_in(value, path=()):
     """The path of each value inside a document, itself included."""
     yield path
-    children = value.items() if isinstance(value, dict) else enumerate(value) if isinstance(
-        value, list) else ()
+    children = value.items() if isinstance(value, dict) else enumerate(value) if isinstance(value, list) else ()
     for key, child in children:
         yield from paths_in(child, (*path, key))
 
@@ -310,8 +401,7 @@ def test_a_document_of_our_own_with_odd_values(machine, file, number):
     kept["jobs"]["builtin-t-tick"]["lastExecution"] = 5
     odd = [None, -1, 2**64, 1e300, "x", [], [[]], {}, {"x": []}]
     places = [path for path in paths_in(whole) if "builtin-t-tick" not in path]
-    cases = [case for index, case in enumerate(itertools.product(places, odd))
-             if index % 40 == number * 10]
+    cases = [case for index, case in enumerate(itertools.product(places, odd)) if index % 40 == number * 10]
     assert cases
     for path, value in cases:
         machine.write(PERSISTENT_FILE, json.dumps(kept))
@@ -329,6 +419,7 @@ def test_a_document_of_our_own_with_odd_values(machine, file, number):
 
 # --- Programs -----------------------------------------------------------------------------------
 
+
 def package_job(name="x", **members):
     return every_minute(name, user="package", package_username="alice", **members)
 
@@ -336,8 +427,9 @@ def package_job(name="x", **members):
 def test_a_program_that_is_running_is_replaced(machine):
     machine.write("/usr/local/bin/long", "#!/bin/sh\nexec /usr/bin/sleep 100\n", 0o755)
     machine.write("/usr/local/bin/binary", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
-    machine.jobs("pkg", "f", [package_job("s", cmd="/usr/local/bin/long"),
-                              package_job("b", cmd="/usr/local/bin/binary 100")])
+    machine.jobs(
+        "pkg", "f", [package_job("s", cmd="/usr/local/bin/long"), package_job("b", cmd="/usr/local/bin/binary 100")]
+    )
     machine.start_and_wait()
     wait_for(lambda: "pkg-f-b" in {p["name"] for p in machine.processes().values()})
     machine.reload()
@@ -352,13 +444,18 @@ def test_a_program_that_is_replaced_while_it_is_copied(machine):
     machine.write(path, "#!/bin/sh\n", 0o755, owner="alice")
     before = {name: machine.path(name).lstat() for name in ("/etc/shadow", "/usr/bin/id", "/srv")}
     swapper = machine.popen(
-        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash", "-c",
+        "setpriv",
+        "--reuid=2001",
+        "--regid=2001",
+        "--clear-groups",
+        "bash",
+        "-c",
         "cd /srv/alice; while :; do rm -rf program; ln -s /etc/shadow program; rm program; "
         "mkdir program; touch program/inside; rm -rf program; mkfifo program; rm program; "
         "ln -s /srv program; rm program; printf '#!/bin/sh\\n' > program; done 2>/dev/null",
-        env={"LD_PRELOAD": ""})
-    machine.jobs("pkg", "f", [never(f"x{i}", user="package", package_username="alice", cmd=path)
-                              for i in range(20)])
+        env={"LD_PRELOAD": ""},
+    )
+    machine.jobs("pkg", "f", [never(f"x{i}", user="package", package_username="alice", cmd=path) for i in range(20)])
     machine.start_and_wait()
     for _ in range(5):
         machine.reload()
@@ -373,8 +470,22 @@ def test_a_program_that_is_replaced_while_it_is_copied(machine):
 
 def touched_since(machine, mark):
     """What was made or changed in content, owner or mode since the file `mark` was."""
-    found = machine.run("find", "/etc", "/usr", "/srv/alice", "/tmp", "/run", "/var/log", "/dev",
-                        "-not", "-type", "d", "-cnewer", mark, env={"LD_PRELOAD": ""})
+    found = machine.run(
+        "find",
+        "/etc",
+        "/usr",
+        "/srv/alice",
+        "/tmp",
+        "/run",
+        "/var/log",
+        "/dev",
+        "-not",
+        "-type",
+        "d",
+        "-cnewer",
+        mark,
+        env={"LD_PRELOAD": ""},
+    )
     return set(found.stdout.splitlines())
 
 
@@ -383,42 +494,71 @@ def test_nothing_else_of_the_system_is_touched(machine):
     machine.path("/srv/alice/link").symlink_to("/etc/shadow")
     machine.path("/srv/alice/dangling").symlink_to("../../etc/planted")
     machine.path("/srv/alice/directory").mkdir()
-    programs = ["/etc/passwd", "/usr/bin/passwd", "/srv/alice/program", "/srv/alice/link",
-                "/srv/alice/dangling", "/srv/alice/directory", "/dev/null", "/srv/alice/none"]
+    programs = [
+        "/etc/passwd",
+        "/usr/bin/passwd",
+        "/srv/alice/program",
+        "/srv/alice/link",
+        "/srv/alice/dangling",
+        "/srv/alice/directory",
+        "/dev/null",
+        "/srv/alice/none",
+    ]
     names = ["x", "../x", "../../etc/planted", "/etc/planted", "..", "x/../../../etc/planted"]
-    machine.jobs("pkg_nonroot", "f", [never(f"{name}{number}", cmd=program)
-                                      for name in names
-                                      for number, program in enumerate(programs)], account="alice")
+    machine.jobs(
+        "pkg_nonroot",
+        "f",
+        [never(f"{name}{number}", cmd=program) for name in names for number, program in enumerate(programs)],
+        account="alice",
+    )
     machine.write("/run/mark", "")
-    wait_for(lambda: machine.write("/run/later", "") or "/run/later" in touched_since(
-        machine, "/run/mark"), what="a later moment by the clock of the file system")
+    wait_for(
+        lambda: machine.write("/run/later", "") or "/run/later" in touched_since(machine, "/run/mark"),
+        what="a later moment by the clock of the file system",
+    )
     machine.start_and_wait()
     machine.reload()
     still_works(machine)
     machine.stop()
     wait_for(lambda: not machine.daemons())
-    touched = {path for path in touched_since(machine, "/run/mark")
-               if not path.startswith(("/tmp/kestcrond/", "/tmp/ran/", "/dev/shm/"))}
+    touched = {
+        path
+        for path in touched_since(machine, "/run/mark")
+        if not path.startswith(("/tmp/kestcrond/", "/tmp/ran/", "/dev/shm/"))
+    }
     assert touched - {"/run/mark", "/run/later"} == {
-        machine.LOG_FILE, machine.RUNTIME_FILE,
-        machine.RUNTIME_TEMPLATE, PERSISTENT_FILE, PERSISTENT_TEMPLATE,
-        "/run/kestcrond.lock", "/run/kestcrond-execute.lock"}
+        machine.LOG_FILE,
+        machine.RUNTIME_FILE,
+        machine.RUNTIME_TEMPLATE,
+        PERSISTENT_FILE,
+        PERSISTENT_TEMPLATE,
+        "/run/kestcrond.lock",
+        "/run/kestcrond-execute.lock",
+    }
     assert not list(machine.path("/etc").glob("planted*"))
 
 
 # --- Watched directories ------------------------------------------------------------------------
 
+
 def test_thousands_of_changes_a_second(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     pid = machine.start_and_wait()
     vandal = machine.popen(
-        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "/usr/bin/python3", "-c",
+        "setpriv",
+        "--reuid=2001",
+        "--regid=2001",
+        "--clear-groups",
+        "/usr/bin/python3",
+        "-c",
         f"import os\nos.chdir('{ALICE}')\n"
         "while True:\n"
         "    for i in range(50):\n"
         "        os.mkdir(f'd{i}'); open(f'f{i}', 'w').close()\n"
         "    for i in range(50):\n"
-        "        os.rmdir(f'd{i}'); os.unlink(f'f{i}')\n", env={"LD_PRELOAD": ""})
+        "        os.rmdir(f'd{i}'); os.unlink(f'f{i}')\n",
+        env={"LD_PRELOAD": ""},
+    )
     before, runs = machine.loads(), len(machine.runs("builtin-t-tick"))
     descriptors = len(list(machine.proc(pid, "fd").iterdir()))
     wait_for(lambda: len(machine.runs("builtin-t-tick")) >= runs + 8)
@@ -428,8 +568,9 @@ def test_thousands_of_changes_a_second(machine):
     assert "pkg_nonroot-alice-f-x" in machine.entries()
     machine.stop()
     ending = {"kestcrond", "builtin-t-tick"}
-    wait_for(lambda: not ending & {process["name"] for process in machine.processes().values()},
-             what="the end of all runs")
+    wait_for(
+        lambda: not ending & {process["name"] for process in machine.processes().values()}, what="the end of all runs"
+    )
     # At most one reload goes with an evaluation, however much has changed.
     assert machine.loads() - before <= len(machine.runs("builtin-t-tick")) - runs + 2
 
@@ -443,7 +584,9 @@ def test_directories_that_come_and_go(machine):
         machine.run("rm", "-r", SOURCES["pkg_nonroot"] + "/bob", env={"LD_PRELOAD": ""})
         wait_for(lambda: "pkg_nonroot-bob-f-x" not in machine.entries())
     machine.reload()
-    watched = sum(machine.read(f"/proc/{pid}/fdinfo/{entry.name}").count("inotify wd:")
-                  for entry in machine.proc(pid, "fdinfo").iterdir())
+    watched = sum(
+        machine.read(f"/proc/{pid}/fdinfo/{entry.name}").count("inotify wd:")
+        for entry in machine.proc(pid, "fdinfo").iterdir()
+    )
     assert watched == 2
     still_works(machine)

@@ -18,16 +18,24 @@ def at_once(machine):
     machine.template(maxDelay=0)
 
 
-@pytest.mark.parametrize("zone,offset", [
-    ("UTC0", "+00:00"), ("Europe/Berlin", "+02:00"), ("Asia/Kathmandu", "+05:45"),
-    ("XXX3:30", "-03:30"), ("XXX0:30", "-00:30"), ("XXX-14", "+14:00"), ("XXX12", "-12:00")])
+@pytest.mark.parametrize(
+    "zone,offset",
+    [
+        ("UTC0", "+00:00"),
+        ("Europe/Berlin", "+02:00"),
+        ("Asia/Kathmandu", "+05:45"),
+        ("XXX3:30", "-03:30"),
+        ("XXX0:30", "-00:30"),
+        ("XXX-14", "+14:00"),
+        ("XXX12", "-12:00"),
+    ],
+)
 def test_time_zones(machine, zone, offset):
     machine.clock("2026-06-02 02:10:10", zone=zone)
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     line = wait_for(machine.log_lines)[0]
-    assert re.match(r"2026-06-02T02:\d\d:\d\d" + re.escape(offset) + " running job: builtin-f-x ",
-                    line)
+    assert re.match(r"2026-06-02T02:\d\d:\d\d" + re.escape(offset) + " running job: builtin-f-x ", line)
 
 
 def test_mode_is_set_at_every_flush(machine):
@@ -94,8 +102,9 @@ def plant(machine, kind):
         machine.write(STAGING, "2026-06-02T02:10:10+00:00 running job: forged\n", owner="alice")
 
 
-@pytest.mark.parametrize("kind", ["link", "dangling link", "hard link", "fifo", "directory",
-                                  "full directory", "foreign file"])
+@pytest.mark.parametrize(
+    "kind", ["link", "dangling link", "hard link", "fifo", "directory", "full directory", "foreign file"]
+)
 def test_a_planted_staging_file(machine, kind):
     plant(machine, kind)
     machine.jobs("builtin", "f", [every_minute("x")])
@@ -108,16 +117,17 @@ def test_a_planted_staging_file(machine, kind):
     if kind == "hard link":
         assert machine.read("/tmp/victim") == "precious\n"
     if kind == "directory":
-        wait_for(lambda: not list(machine.path("/tmp").glob("kestcrond.log.*")),
-                 what="the end of a flush: there was nothing to keep")
+        wait_for(
+            lambda: not list(machine.path("/tmp").glob("kestcrond.log.*")),
+            what="the end of a flush: there was nothing to keep",
+        )
 
 
 def many_missed_jobs(machine, count):
     """Lets so many assured jobs be missed for two hours, so that the next daemon starts them in its
     first cycle; returns their names."""
     names = [f"j{i:03}" for i in range(count)]
-    machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true")
-                                  for name in names])
+    machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true") for name in names])
     machine.clock("2026-06-02 02:10:10", rate=1)
     machine.start_and_wait()
     machine.stop()
@@ -128,14 +138,22 @@ def many_missed_jobs(machine, count):
 
 def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
     names = many_missed_jobs(machine, 40)
-    planters = [machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "bash",
-                              "-c", f"while :; do {plant}; done 2>/dev/null",
-                              env={"LD_PRELOAD": ""})
-                for plant in (f": > {STAGING}", f": > {STAGING}; ln -s /etc/passwd {STAGING}")]
+    planters = [
+        machine.popen(
+            "setpriv",
+            "--reuid=2001",
+            "--regid=2001",
+            "--clear-groups",
+            "bash",
+            "-c",
+            f"while :; do {plant}; done 2>/dev/null",
+            env={"LD_PRELOAD": ""},
+        )
+        for plant in (f": > {STAGING}", f": > {STAGING}; ln -s /etc/passwd {STAGING}")
+    ]
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= len(names))
-    assert sorted(re.search(r"builtin-f-(\w+)", line).group(1)
-                  for line in machine.log_lines()) == names
+    assert sorted(re.search(r"builtin-f-(\w+)", line).group(1) for line in machine.log_lines()) == names
     assert machine.texts() == []
     for planter in planters:
         planter.kill()
@@ -166,9 +184,11 @@ def test_two_hundred_starts_at_once(machine):
     names = many_missed_jobs(machine, 200)
     machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= 200, 60)
-    line = re.compile(r"2026-06-02T04:1\d:\d\d\+00:00 running job: builtin-f-(j\d+) with command: "
-                      r"/usr/bin/true as user root "
-                      r"\(state\[AssureExecute\], trig\[02 04:1\d:\d\d\], job\[\d+/200\]\)")
+    line = re.compile(
+        r"2026-06-02T04:1\d:\d\d\+00:00 running job: builtin-f-(j\d+) with command: "
+        r"/usr/bin/true as user root "
+        r"\(state\[AssureExecute\], trig\[02 04:1\d:\d\d\], job\[\d+/200\]\)"
+    )
     found = [line.fullmatch(text) for text in machine.log_lines()]
     assert all(found), [text for text, match in zip(machine.log_lines(), found) if not match]
     assert sorted(match.group(1) for match in found) == names
@@ -179,7 +199,7 @@ def test_control_characters_forge_nothing(machine):
     forged = "x\n2026-06-02T02:10:10+00:00 running job: forged\r\t\x1b[31m\x7f"
     machine.jobs("builtin", "f", [every_minute(forged)])
     machine.start_and_wait()
-    escaped = (r"x\n2026-06-02T02:10:10+00:00 running job: forged\x0d\t\x1b[31m\x7f")
+    escaped = r"x\n2026-06-02T02:10:10+00:00 running job: forged\x0d\t\x1b[31m\x7f"
     lines = wait_for(machine.log_lines)
     assert all(f"running job: builtin-f-{escaped} with command" in line for line in lines)
     machine.path("/usr/kest/share/kestcron.d/f").unlink()
@@ -193,8 +213,7 @@ def test_control_characters_in_a_command_forge_nothing(machine):
     machine.start_and_wait()
     lines = wait_for(machine.log_lines)
     shown = rf"{RECORD} a\n2026-06-02T02:10:10+00:00 running job: forged\x0d\x1b[31m\x7f"
-    assert all(f" running job: builtin-f-x with command: {shown} as user root (" in line
-               for line in lines)
+    assert all(f" running job: builtin-f-x with command: {shown} as user root (" in line for line in lines)
 
 
 def test_a_command_longer_than_any_can_be(machine):
@@ -209,8 +228,11 @@ def test_a_command_longer_than_any_can_be(machine):
     most = 16 * 1024
     for line in of_long:
         assert most - 64 < len(line) < most
-        assert re.search(r" running job: builtin-f-x with command: /usr/bin/true (\\x01)+.*"
-                         r" \[\.\.\. \d+ bytes left out \.\.\.\] ", line)
+        assert re.search(
+            r" running job: builtin-f-x with command: /usr/bin/true (\\x01)+.*"
+            r" \[\.\.\. \d+ bytes left out \.\.\.\] ",
+            line,
+        )
         assert line.endswith(("job[1/2])", "error: Argument list too long"))
     assert machine.texts() == []
 
@@ -218,8 +240,7 @@ def test_a_command_longer_than_any_can_be(machine):
 def whole_pairs(machine):
     """The lines of the long command, when each start has got the line of its failure too."""
     lines = [line for line in machine.log_lines() if " running job: builtin-f-x with " in line]
-    failed = [line for line in lines
-              if line.endswith(" failed, return code: -1, error: Argument list too long")]
+    failed = [line for line in lines if line.endswith(" failed, return code: -1, error: Argument list too long")]
     return lines if len(failed) * 2 == len(lines) > 0 else None
 
 
@@ -249,8 +270,17 @@ def test_a_planted_lock(machine, plant):
             machine.path(path).mkdir()
         else:
             machine.write(path, "", 0o666, owner="alice")
-            machine.popen("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "flock", path,
-                          "sleep", "1000", env={"LD_PRELOAD": ""})
+            machine.popen(
+                "setpriv",
+                "--reuid=2001",
+                "--regid=2001",
+                "--clear-groups",
+                "flock",
+                path,
+                "sleep",
+                "1000",
+                env={"LD_PRELOAD": ""},
+            )
     if plant == "open":
         names = lambda: [process["name"] for process in machine.processes().values()]
         wait_for(lambda: names().count("sleep") == 2)
@@ -298,8 +328,17 @@ def test_a_full_disk_on_the_way_loses_no_line(machine):
     machine.jobs("builtin", "f", [every_minute("x", cmd="/bin/count")])
     machine.start_and_wait()
     machine.run("mount", "-o", "remount,size=1m", "/tmp", check=True, env={"LD_PRELOAD": ""})
-    machine.run("setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "dd", "if=/dev/zero",
-                "of=/tmp/full", "bs=4096", env={"LD_PRELOAD": ""})
+    machine.run(
+        "setpriv",
+        "--reuid=2001",
+        "--regid=2001",
+        "--clear-groups",
+        "dd",
+        "if=/dev/zero",
+        "of=/tmp/full",
+        "bs=4096",
+        env={"LD_PRELOAD": ""},
+    )
     count = lambda: len(machine.read("/run/ran").splitlines())
     before = count()
     wait_for(lambda: count() >= before + 3)
@@ -314,8 +353,7 @@ def test_failures_of_roots_jobs_pass_through_the_staging_file(machine):
     machine.write("/usr/local/bin/odd", "", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/odd")])
     machine.start_traced("-e", "trace=open,openat", "-o", "/tmp/calls")
-    wait_for(lambda: len([line for line in machine.log_lines()
-                          if " failed, return code: -1, " in line]) >= 4)
+    wait_for(lambda: len([line for line in machine.log_lines() if " failed, return code: -1, " in line]) >= 4)
     machine.stop()
     wait_for(lambda: not machine.daemons())
     moved = machine.read("/tmp/calls").count(f'"{STAGING}", O_RDONLY')

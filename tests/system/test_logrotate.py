@@ -12,9 +12,11 @@ from tests.lib.private_machine import wait_for
 
 SETTINGS = Path(__file__).resolve().parents[2] / "packaging/logrotate/kestcrond"
 PLACE = "/etc/logrotate.d/kestcrond"
-LINE = re.compile(r"2026-06-02T\d\d:\d\d:\d\d\+00:00 running job: builtin-f-(\w+) with command: "
-                  r"(/\S+) as user (\w+) \(state\[Ready\], trig\[([^\]]+)\], tab\[[-1 ]+\], "
-                  r"job\[\d+/\d+\]\)")
+LINE = re.compile(
+    r"2026-06-02T\d\d:\d\d:\d\d\+00:00 running job: builtin-f-(\w+) with command: "
+    r"(/\S+) as user (\w+) \(state\[Ready\], trig\[([^\]]+)\], tab\[[-1 ]+\], "
+    r"job\[\d+/\d+\]\)"
+)
 # What the settings for all logs may say elsewhere: the opposite of all that matters here.
 HOSTILE = "create 0644 bob bob\ncopytruncate\ndateext\nnodelaycompress\nifempty\n"
 
@@ -31,16 +33,16 @@ def install(machine, settings):
 
 
 def rotate(machine, *options):
-    done = machine.run("/usr/sbin/logrotate", "-s", "/tmp/logrotate.state", *options,
-                       "/etc/logrotate.conf", env={"LD_PRELOAD": ""})
+    done = machine.run(
+        "/usr/sbin/logrotate", "-s", "/tmp/logrotate.state", *options, "/etc/logrotate.conf", env={"LD_PRELOAD": ""}
+    )
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
 
 def logs(machine):
     """The log and what was put aside of it: name to path outside, the newest first."""
     files = machine.path(machine.LOG_FILE).parent.iterdir()
-    found = {path.name.removeprefix("kestcrond-execute.log"): path for path in files
-             if path.suffix != ".lock"}
+    found = {path.name.removeprefix("kestcrond-execute.log"): path for path in files if path.suffix != ".lock"}
     assert all(re.fullmatch(r"(\.\d+(\.gz)?)?", name) for name in found), found
     return dict(sorted(found.items(), key=lambda item: int(re.sub(r"\D", "", item[0]) or 0)))
 
@@ -60,8 +62,7 @@ def test_no_start_is_lost_or_doubled(machine):
     install(machine, re.sub(r"rotate \d+", "rotate 10000", SETTINGS.read_text()))
     names = [f"j{number:02}" for number in range(100)]
     machine.write("/usr/local/bin/count", '#!/bin/sh\necho >> "/tmp/ran/${0##*/}"\n', 0o755)
-    machine.jobs("builtin", "f", [every_minute(name, cmd="/usr/local/bin/count")
-                                  for name in names])
+    machine.jobs("builtin", "f", [every_minute(name, cmd="/usr/local/bin/count") for name in names])
     machine.clock("2026-06-02 02:10:10", rate=240)
     machine.start_and_wait()
     ran = lambda: {name: len(machine.runs("builtin-f-" + name)) for name in names}
@@ -69,13 +70,14 @@ def test_no_start_is_lost_or_doubled(machine):
     while len(logs(machine)) <= 50 or sum(ran().values()) <= 10 * len(names):
         assert time.monotonic() < end, "too few starts"
         # As soon as the starts of a minute begin, and again and again while they come.
-        wait_for(lambda: machine.exists(machine.LOG_FILE)
-                 and machine.path(machine.LOG_FILE).stat().st_size > 0)
+        wait_for(lambda: machine.exists(machine.LOG_FILE) and machine.path(machine.LOG_FILE).stat().st_size > 0)
         rotate(machine, "-f")
     machine.stop()
-    wait_for(lambda: not machine.daemons()
-             and not any(process["name"].startswith("builtin-f")
-                         for process in machine.processes().values()), what="the end of all jobs")
+    wait_for(
+        lambda: not machine.daemons()
+        and not any(process["name"].startswith("builtin-f") for process in machine.processes().values()),
+        what="the end of all jobs",
+    )
     lines = [line for path in logs(machine).values() for line in text_of(path).splitlines()]
     found = [LINE.fullmatch(line) for line in lines]
     assert all(found), [line for line, match in zip(lines, found) if not match]
@@ -99,11 +101,14 @@ def test_a_line_for_the_log_that_was_just_put_aside(machine):
     # that it starts once.
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write("/usr/local/bin/broken", "#!/nowhere\n", 0o755)
-    machine.jobs("builtin", "f", [every_minute("late", user="package", package_username="alice",
-                                               cmd="/usr/local/bin/broken")])
+    machine.jobs(
+        "builtin", "f", [every_minute("late", user="package", package_username="alice", cmd="/usr/local/bin/broken")]
+    )
     machine.start_traced("-o", "/dev/null", "-e", "inject=setuid:delay_enter=10000000")
-    wait_for(lambda: any(has_group_of_alice(machine, pid) for pid in machine.processes()),
-             what="the process that takes on its account")
+    wait_for(
+        lambda: any(has_group_of_alice(machine, pid) for pid in machine.processes()),
+        what="the process that takes on its account",
+    )
     rotate(machine, "-f")
     assert list(logs(machine)) == [".1"], "the start is all there was"
     assert "failed" not in text_of(logs(machine)[".1"]), "it was quicker than the test"
@@ -126,7 +131,10 @@ def test_what_is_kept(machine):
         rotate(machine)
         assert "" not in logs(machine), "made by somebody else than the daemon"
     assert {name: text_of(path).split() for name, path in logs(machine).items()} == {
-        ".1": ["5"], ".2.gz": ["4"], ".3.gz": ["3"]}
+        ".1": ["5"],
+        ".2.gz": ["4"],
+        ".3.gz": ["3"],
+    }
     expect_root_alone(machine)
 
 

@@ -15,14 +15,18 @@ from tests.lib.private_machine import wait_for
 RATE = 3000  # a simulated day is half a minute, a cycle 20 ms
 DAY = 86400 / RATE
 
-START = re.compile(r"(\S{19})\S+ running job: (\S+) with command: .* as user \w+ "
-                   r"\(state\[Ready\], trig\[(\d\d) (\d\d):(\d\d):(\d\d)\], tab\[.*\]\)")
+START = re.compile(
+    r"(\S{19})\S+ running job: (\S+) with command: .* as user \w+ "
+    r"\(state\[Ready\], trig\[(\d\d) (\d\d):(\d\d):(\d\d)\], tab\[.*\]\)"
+)
 
 
 # In a world this fast, the half second that a reload leaves launched jobs to open their programs is
 # over at once.
-MISSED = re.compile(r".* failed, return code: -1, error: (No such file or directory|Text file busy|"
-                    "Permission denied|Exec format error)")
+MISSED = re.compile(
+    r".* failed, return code: -1, error: (No such file or directory|Text file busy|"
+    "Permission denied|Exec format error)"
+)
 
 
 class Job:
@@ -35,8 +39,9 @@ class Job:
 
     def definition(self, version):
         text = lambda values: "*" if values is None else ",".join(map(str, values))
-        return every_minute(self.name, cmd=f"/usr/bin/true {version}",
-                            crontab=f"{text(self.minutes)} {text(self.hours)} * * *")
+        return every_minute(
+            self.name, cmd=f"/usr/bin/true {version}", crontab=f"{text(self.minutes)} {text(self.hours)} * * *"
+        )
 
     def is_due(self, hour, minute):
         return minute in self.minutes and (self.hours is None or hour in self.hours)
@@ -44,9 +49,14 @@ class Job:
 
 def minute_bits(label):
     """Jobs whose runs tell, in binary, the minute in which they were looked at."""
-    return [every_minute(f"{label}{bit}", cmd="/usr/bin/true", crontab=",".join(
-        str(minute) for minute in range(60) if minute >> bit & 1) + " * * * *")
-        for bit in range(6)]
+    return [
+        every_minute(
+            f"{label}{bit}",
+            cmd="/usr/bin/true",
+            crontab=",".join(str(minute) for minute in range(60) if minute >> bit & 1) + " * * * *",
+        )
+        for bit in range(6)
+    ]
 
 
 class Life:
@@ -67,9 +77,12 @@ class Life:
             self.write(file)
 
     def write(self, file):
-        self.machine.jobs("pkg_nonroot", f"f{file}",
-                          [job.definition(self.versions[file]) for job in self.jobs[file::7]],
-                          account="alice")
+        self.machine.jobs(
+            "pkg_nonroot",
+            f"f{file}",
+            [job.definition(self.versions[file]) for job in self.jobs[file::7]],
+            account="alice",
+        )
 
     def go_on(self):
         """One thing that an operator or a package does."""
@@ -100,8 +113,10 @@ def memory(machine):
 
 def descriptors(machine):
     pid = machine.daemon_pid()
-    return sorted(re.sub(r"\[\d+\]", "", str((machine.proc(pid, "fd") / entry.name).readlink()))
-                  for entry in machine.proc(pid, "fd").iterdir())
+    return sorted(
+        re.sub(r"\[\d+\]", "", str((machine.proc(pid, "fd") / entry.name).readlink()))
+        for entry in machine.proc(pid, "fd").iterdir()
+    )
 
 
 def moment(stamp, day, *clock):
@@ -111,7 +126,8 @@ def moment(stamp, day, *clock):
         month = (logged.replace(day=1) - datetime.timedelta(days=1)) if back else logged
         try:
             triggered = month.replace(day=int(day)).replace(
-                hour=int(clock[0]), minute=int(clock[1]), second=int(clock[2]))
+                hour=int(clock[0]), minute=int(clock[1]), second=int(clock[2])
+            )
         except ValueError:
             continue
         if triggered <= logged:
@@ -149,15 +165,13 @@ def test_days_without_a_fault(machine, request):
         sizes.append(memory(machine))
     wait_for(lambda: descriptors(machine) == open_at_first, what="the descriptors of the start")
     pid = machine.daemon_pid()
-    wait_for(lambda: not [p for p in machine.processes().values()
-                          if p["ppid"] == pid and p["state"] == "Z"])
+    wait_for(lambda: not [p for p in machine.processes().values() if p["ppid"] == pid and p["state"] == "Z"])
     machine.stop()
     wait_for(lambda: not machine.daemons())
     print(f"{len(sizes)} deeds, resident memory {min(sizes)} to {max(sizes)} KiB")
     assert machine.is_sanitized() or max(sizes) < 1.3 * sizes[0] + 1024
     check_launches(machine, life)
-    assert all(text.startswith("removed modified jobs: pkg_nonroot-alice-")
-               for text in machine.texts())
+    assert all(text.startswith("removed modified jobs: pkg_nonroot-alice-") for text in machine.texts())
 
 
 def told_minute(names, label):
@@ -166,8 +180,11 @@ def told_minute(names, label):
 
 def whole_looks(machine):
     """The launches that began and ended within the minute of their trigger."""
-    return {trigger: names for trigger, names in launches(machine).items()
-            if told_minute(names, "first") == told_minute(names, "last") == trigger.minute}
+    return {
+        trigger: names
+        for trigger, names in launches(machine).items()
+        if told_minute(names, "first") == told_minute(names, "last") == trigger.minute
+    }
 
 
 def check_launches(machine, life):
@@ -188,8 +205,14 @@ def test_no_leak(machine, request):
         pytest.skip("takes valgrind and some minutes: scripts/soak")
     life = Life(machine, random.Random(2))
     machine.clock("2026-06-02 02:10:10", rate=60)
-    command = ["/usr/bin/valgrind", "--leak-check=full", "--show-leak-kinds=definite,possible",
-               "--suppressions=/run/suppressions", "--log-file=/tmp/valgrind.%p", machine.DAEMON]
+    command = [
+        "/usr/bin/valgrind",
+        "--leak-check=full",
+        "--show-leak-kinds=definite,possible",
+        "--suppressions=/run/suppressions",
+        "--log-file=/tmp/valgrind.%p",
+        machine.DAEMON,
+    ]
     machine.write("/run/suppressions", "{\nclock\nMemcheck:Cond\nobj:*libfaketime*\n}\n")
     assert machine.run(*command).returncode == 0
     wait_for(lambda: len(launches(machine)) >= 3, 120)

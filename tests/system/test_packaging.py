@@ -19,8 +19,7 @@ from tests.lib.private_machine import wait_for
 TOP = Path(__file__).resolve().parents[2]
 BUILDROOT = TOP / "packaging/buildroot"
 LAYER = TOP / "packaging/yocto/meta-kestcrond"
-VERSION = re.search(r"^project\(kestcrond VERSION ([\d.]+) ", (TOP / "CMakeLists.txt").read_text(),
-                    re.M)[1]
+VERSION = re.search(r"^project\(kestcrond VERSION ([\d.]+) ", (TOP / "CMakeLists.txt").read_text(), re.M)[1]
 
 # The file that an image takes each of these from, and its mode there.
 FILES = {
@@ -35,8 +34,7 @@ FILES = {
 
 def options(text):
     """The project's options that are set in a text, with their values; all of them are its own."""
-    known = re.findall(r"^(?:option|set)\((KESTCROND_\w+) ",
-                       (TOP / "cmake/options.cmake").read_text(), re.M)
+    known = re.findall(r"^(?:option|set)\((KESTCROND_\w+) ", (TOP / "cmake/options.cmake").read_text(), re.M)
     found = dict(re.findall(r"-D(\w+)=(\"[^\"]*\"|[^\s,'\"]*)", text))
     assert set(found) <= set(known)
     return found
@@ -67,8 +65,7 @@ def holds(root):
 
 
 def expected_files(*paths):
-    return {path: ((TOP / "packaging" / FILES[path][0]).read_bytes(), FILES[path][1])
-            for path in paths}
+    return {path: ((TOP / "packaging" / FILES[path][0]).read_bytes(), FILES[path][1]) for path in paths}
 
 
 # --- Buildroot -----------------------------------------------------------------------------------
@@ -98,10 +95,20 @@ def make(tmp_path, goal, **configuration):
     makefile = tmp_path / "Makefile"
     lines = [f"{name} = {value}" for name, value in configuration.items()]
     makefile.write_text("\n".join(lines) + STAND_IN)
-    done = subprocess.run(["make", "-f", makefile, "--warn-undefined-variables", goal,
-                           f"BR2_EXTERNAL_KESTCROND_PATH={BUILDROOT}",
-                           f"TARGET_DIR={tmp_path}/image"],
-                          check=True, capture_output=True, text=True)
+    done = subprocess.run(
+        [
+            "make",
+            "-f",
+            makefile,
+            "--warn-undefined-variables",
+            goal,
+            f"BR2_EXTERNAL_KESTCROND_PATH={BUILDROOT}",
+            f"TARGET_DIR={tmp_path}/image",
+        ],
+        check=True,
+        capture_output=True,
+        text=True,
+    )
     # What was not chosen is not defined; everything else is a slip.
     unknown = re.findall(r"undefined variable '(?!BR2_)(\w+)'", done.stderr)
     assert set(unknown) <= {"KESTCROND_INSTALL_LOGROTATE"}
@@ -122,19 +129,32 @@ def test_buildroot_values(tmp_path):
     assert all((TOP / name).is_file() for name in found["KESTCROND_LICENSE_FILES"].split())
     assert found["KESTCROND_DEPENDENCIES"].split() == ["host-pkgconf", "boost", "jsoncpp"]
     assert options(found["KESTCROND_CONF_OPTS"]) == {
-        "KESTCROND_BUILD_TESTS": "OFF", "KESTCROND_BUILD_FUZZERS": "OFF",
-        "KESTCROND_BUILD_CTL": "OFF", "KESTCROND_SMALL": "OFF", "KESTCROND_HARDENING": "OFF"}
+        "KESTCROND_BUILD_TESTS": "OFF",
+        "KESTCROND_BUILD_FUZZERS": "OFF",
+        "KESTCROND_BUILD_CTL": "OFF",
+        "KESTCROND_SMALL": "OFF",
+        "KESTCROND_HARDENING": "OFF",
+    }
 
 
 def test_buildroot_values_with_everything(tmp_path):
-    found = values(tmp_path, BR2_PACKAGE_KESTCROND_CTL="y", BR2_PACKAGE_KESTCROND_SMALL="y",
-                   BR2_TOOLCHAIN_HAS_SSP="y", BR2_PACKAGE_LOGROTATE="y",
-                   BR2_PACKAGE_KESTCROND_PLATFORM_LIBRARIES='"kestcore;kestsdk"')
+    found = values(
+        tmp_path,
+        BR2_PACKAGE_KESTCROND_CTL="y",
+        BR2_PACKAGE_KESTCROND_SMALL="y",
+        BR2_TOOLCHAIN_HAS_SSP="y",
+        BR2_PACKAGE_LOGROTATE="y",
+        BR2_PACKAGE_KESTCROND_PLATFORM_LIBRARIES='"kestcore;kestsdk"',
+    )
     assert found["KESTCROND_DEPENDENCIES"].split()[-1] == "cli11"
     assert options(found["KESTCROND_CONF_OPTS"]) == {
-        "KESTCROND_BUILD_TESTS": "OFF", "KESTCROND_BUILD_FUZZERS": "OFF",
-        "KESTCROND_BUILD_CTL": "ON", "KESTCROND_SMALL": "ON", "KESTCROND_HARDENING": "ON",
-        "KESTCROND_PLATFORM_LIBRARIES": '"kestcore;kestsdk"'}
+        "KESTCROND_BUILD_TESTS": "OFF",
+        "KESTCROND_BUILD_FUZZERS": "OFF",
+        "KESTCROND_BUILD_CTL": "ON",
+        "KESTCROND_SMALL": "ON",
+        "KESTCROND_HARDENING": "ON",
+        "KESTCROND_PLATFORM_LIBRARIES": '"kestcore;kestsdk"',
+    }
 
 
 def test_buildroot_site_can_be_another(tmp_path):
@@ -156,15 +176,28 @@ def test_buildroot_image(tmp_path, logrotate):
 
 def test_buildroot_places(tmp_path):
     table = values(tmp_path)["KESTCROND_PERMISSIONS"].split()
-    rows = [table[i:i + 10] for i in range(0, len(table), 10)]
+    rows = [table[i : i + 10] for i in range(0, len(table), 10)]
     assert {row[0]: int(row[2], 8) for row in rows} == places()
     assert all(row[1] == "d" and row[3:] == ["0", "0"] + ["-"] * 5 for row in rows)
 
 
-NEEDS = ["BR2_USE_MMU", "BR2_USE_WCHAR", "BR2_INSTALL_LIBSTDCPP", "BR2_TOOLCHAIN_HAS_THREADS_NPTL",
-         "BR2_TOOLCHAIN_GCC_AT_LEAST_9", "BR2_TOOLCHAIN_USES_GLIBC", "BR2_ROOTFS_MERGED_USR"]
-OTHERS = ["BR2_TOOLCHAIN_USES_MUSL", "BR2_PACKAGE_BOOST", "BR2_PACKAGE_JSONCPP",
-          "BR2_GCC_ENABLE_LTO", "BR2_TOOLCHAIN_EXTERNAL", "BR2_PACKAGE_CLI11"]
+NEEDS = [
+    "BR2_USE_MMU",
+    "BR2_USE_WCHAR",
+    "BR2_INSTALL_LIBSTDCPP",
+    "BR2_TOOLCHAIN_HAS_THREADS_NPTL",
+    "BR2_TOOLCHAIN_GCC_AT_LEAST_9",
+    "BR2_TOOLCHAIN_USES_GLIBC",
+    "BR2_ROOTFS_MERGED_USR",
+]
+OTHERS = [
+    "BR2_TOOLCHAIN_USES_MUSL",
+    "BR2_PACKAGE_BOOST",
+    "BR2_PACKAGE_JSONCPP",
+    "BR2_GCC_ENABLE_LTO",
+    "BR2_TOOLCHAIN_EXTERNAL",
+    "BR2_PACKAGE_CLI11",
+]
 
 
 def menu(tmp_path, monkeypatch, *chosen, without=()):
@@ -172,8 +205,9 @@ def menu(tmp_path, monkeypatch, *chosen, without=()):
     monkeypatch.setenv("BR2_EXTERNAL_KESTCROND_PATH", str(BUILDROOT))
     top = tmp_path / "Config.in"
     known = [name for name in NEEDS + OTHERS if name not in without]
-    top.write_text("".join(f'config {name}\n\tbool "{name}"\n\n' for name in known)
-                   + f'source "{BUILDROOT}/Config.in"\n')
+    top.write_text(
+        "".join(f'config {name}\n\tbool "{name}"\n\n' for name in known) + f'source "{BUILDROOT}/Config.in"\n'
+    )
     configuration = kconfiglib.Kconfig(str(top), warn_to_stderr=False)
     for name in chosen:
         configuration.syms[name].set_value("y")
@@ -183,8 +217,11 @@ def menu(tmp_path, monkeypatch, *chosen, without=()):
 
 def comments(configuration):
     """The comments that are shown, by their first words."""
-    return {" ".join(node.prompt[0].split()[:2]) for node in configuration.node_iter()
-            if node.item == kconfiglib.COMMENT and kconfiglib.expr_value(node.prompt[1])}
+    return {
+        " ".join(node.prompt[0].split()[:2])
+        for node in configuration.node_iter()
+        if node.item == kconfiglib.COMMENT and kconfiglib.expr_value(node.prompt[1])
+    }
 
 
 def test_buildroot_menu(tmp_path, monkeypatch):
@@ -196,8 +233,7 @@ def test_buildroot_menu(tmp_path, monkeypatch):
         assert chosen.syms[name].str_value == "y", "it is not selected"
     assert comments(chosen) == set()
     # Each symbol of ours that the makefile asks is one of the menu.
-    asked = re.findall(r"\((BR2_PACKAGE_KESTCROND\w*)",
-                       (BUILDROOT / "package/kestcrond/kestcrond.mk").read_text())
+    asked = re.findall(r"\((BR2_PACKAGE_KESTCROND\w*)", (BUILDROOT / "package/kestcrond/kestcrond.mk").read_text())
     assert len(asked) >= 3 and set(asked) <= {symbol.name for symbol in chosen.defined_syms}
 
 
@@ -225,20 +261,30 @@ def test_buildroot_menu_without_the_library_of_the_tool(tmp_path, monkeypatch, w
 
 # --- Yocto ---------------------------------------------------------------------------------------
 
-STATEMENT = re.compile(r"""
+STATEMENT = re.compile(
+    r"""
     (?:\#[^\n]*)?\n
   | inherit\ (?P<classes>[\w. -]+)\n
   | (?P<function>def\ \w+\(d\):\n(?:\ +[^\n]*\n)+)
   | (?P<task>do_\w+(?::append)?)\(\)\ \{\n(?P<body>(?:\ +[^\n]*\n)+)\}\n
   | (?P<name>[A-Za-z_]\w*(?:[:-](?:\w|\$\{\w+\}|-)+)?)(?:\[(?P<flag>\w+)\])?
     \ (?P<operator>=|\?=|\?\?=|\+=|=\+|\.=)\ "(?P<value>(?:[^"\\\n]|\\\n)*)"\n
-""", re.X)
+""",
+    re.X,
+)
 
 # What the core layer says of a target.
-CORE = {"PN": "kestcrond", "bindir": "/usr/bin", "sbindir": "/usr/sbin", "datadir": "/usr/share",
-        "sysconfdir": "/etc", "systemd_system_unitdir": "/usr/lib/systemd/system",
-        "PACKAGES": "kestcrond-doc kestcrond", "WORKDIR": "/work",
-        "FILES:kestcrond": "/usr/sbin/* /etc /usr/share/kestcrond"}
+CORE = {
+    "PN": "kestcrond",
+    "bindir": "/usr/bin",
+    "sbindir": "/usr/sbin",
+    "datadir": "/usr/share",
+    "sysconfdir": "/etc",
+    "systemd_system_unitdir": "/usr/lib/systemd/system",
+    "PACKAGES": "kestcrond-doc kestcrond",
+    "WORKDIR": "/work",
+    "FILES:kestcrond": "/usr/sbin/* /etc /usr/share/kestcrond",
+}
 
 
 class Recipe:
@@ -270,16 +316,16 @@ class Recipe:
         elif statement["flag"]:
             self.flags.setdefault(statement["name"], {})[statement["flag"]] = statement["value"]
         elif statement["name"]:
-            self.assign(self.expand(statement["name"]), statement["operator"],
-                        statement["value"].replace("\\\n", ""))
+            self.assign(self.expand(statement["name"]), statement["operator"], statement["value"].replace("\\\n", ""))
 
     def assign(self, name, operator, value):
         before = self.raw.get(name, "")
         if operator == "??=":
             self.weak[name] = value
         elif operator != "?=" or name not in self.raw:
-            self.raw[name] = {"+=": f"{before} {value}", "=+": f"{value} {before}",
-                              ".=": before + value}.get(operator, value)
+            self.raw[name] = {"+=": f"{before} {value}", "=+": f"{value} {before}", ".=": before + value}.get(
+                operator, value
+            )
 
     def expand(self, text):
         text = re.sub(r"\$\{@(.*?)\}", lambda found: str(eval(found[1], self.world)), text)
@@ -315,16 +361,20 @@ def test_yocto_values(recipe):
     assert Path(recipe.getVar("EXTERNALSRC")) == TOP
     assert recipe.getVar("PV") == VERSION
     assert recipe.read == [str(TOP / "CMakeLists.txt")], "a new version would not be noticed"
-    assert recipe.classes == ["externalsrc", "cmake", "pkgconfig", "features_check", "systemd",
-                              "update-rc.d"]
+    assert recipe.classes == ["externalsrc", "cmake", "pkgconfig", "features_check", "systemd", "update-rc.d"]
     assert recipe.words("REQUIRED_DISTRO_FEATURES") == ["usrmerge"]
     assert recipe.words("DEPENDS") == ["boost", "jsoncpp"]
     assert options(recipe.getVar("EXTRA_OECMAKE")) == {
-        "KESTCROND_BUILD_TESTS": "OFF", "KESTCROND_BUILD_FUZZERS": "OFF",
-        "KESTCROND_PLATFORM_LIBRARIES": ""}
+        "KESTCROND_BUILD_TESTS": "OFF",
+        "KESTCROND_BUILD_FUZZERS": "OFF",
+        "KESTCROND_PLATFORM_LIBRARIES": "",
+    }
     on, off, library = recipe.flags["PACKAGECONFIG"]["ctl"].split(",")
     assert (options(on), options(off), library) == (
-        {"KESTCROND_BUILD_CTL": "ON"}, {"KESTCROND_BUILD_CTL": "OFF"}, "cli11")
+        {"KESTCROND_BUILD_CTL": "ON"},
+        {"KESTCROND_BUILD_CTL": "OFF"},
+        "cli11",
+    )
     on, off = recipe.flags["PACKAGECONFIG"]["small"].split(",")
     assert (options(on), options(off)) == ({"KESTCROND_SMALL": "ON"}, {"KESTCROND_SMALL": "OFF"})
     assert set(recipe.words("PACKAGECONFIG")) <= set(recipe.flags["PACKAGECONFIG"])
@@ -332,13 +382,22 @@ def test_yocto_values(recipe):
 
 def package_of(recipe, path):
     """The first of the recipe's packages that takes a file or a directory."""
-    patterns = {name: recipe.words(f"FILES:{name}") if f"FILES:{name}" in recipe.raw else []
-                for name in recipe.words("PACKAGES")}
-    patterns["kestcrond"] += [f"{CORE['systemd_system_unitdir']}/{unit}"
-                              for unit in recipe.words("SYSTEMD_SERVICE:kestcrond")]
-    return next((name for name, wanted in patterns.items()
-                 for pattern in wanted if fnmatch.fnmatch(path, pattern)
-                 or path.startswith(pattern + "/")), None)
+    patterns = {
+        name: recipe.words(f"FILES:{name}") if f"FILES:{name}" in recipe.raw else []
+        for name in recipe.words("PACKAGES")
+    }
+    patterns["kestcrond"] += [
+        f"{CORE['systemd_system_unitdir']}/{unit}" for unit in recipe.words("SYSTEMD_SERVICE:kestcrond")
+    ]
+    return next(
+        (
+            name
+            for name, wanted in patterns.items()
+            for pattern in wanted
+            if fnmatch.fnmatch(path, pattern) or path.startswith(pattern + "/")
+        ),
+        None,
+    )
 
 
 def test_yocto_image(recipe, tmp_path):
@@ -346,8 +405,9 @@ def test_yocto_image(recipe, tmp_path):
     subprocess.run(["sh", "-eu", "-c", step], check=True)
     files, directories = holds(tmp_path)
     assert files == expected_files(*FILES)
-    assert {path: mode for path, mode in directories.items()
-            if path.startswith(("/usr/kest", "/usr/local"))} == places()
+    assert {
+        path: mode for path, mode in directories.items() if path.startswith(("/usr/kest", "/usr/local"))
+    } == places()
     assert [path for path in [*files, *places()] if package_of(recipe, path) != "kestcrond"] == []
     assert set(recipe.words("CONFFILES:kestcrond")) <= set(files)
     assert f"/etc/init.d/{recipe.getVar('INITSCRIPT_NAME')}" in files
@@ -357,26 +417,30 @@ def test_yocto_packages(recipe):
     """What the build installs goes where it belongs."""
     install = (TOP / "cmake/install.cmake").read_text()
     assert "completions RENAME kestcronctl" in install and "kestcrond/examples" in install
-    for path, package in [("/usr/sbin/kestcrond", "kestcrond"),
-                          ("/usr/bin/kestcronctl", "kestcrond-ctl"),
-                          ("/usr/share/bash-completion/completions/kestcronctl", "kestcrond-ctl"),
-                          ("/usr/share/kestcrond/examples/README.md", "kestcrond-examples"),
-                          ("/usr/share/kestcrond/kestcron.job.schema.json", "kestcrond")]:
+    for path, package in [
+        ("/usr/sbin/kestcrond", "kestcrond"),
+        ("/usr/bin/kestcronctl", "kestcrond-ctl"),
+        ("/usr/share/bash-completion/completions/kestcronctl", "kestcrond-ctl"),
+        ("/usr/share/kestcrond/examples/README.md", "kestcrond-examples"),
+        ("/usr/share/kestcrond/kestcron.job.schema.json", "kestcrond"),
+    ]:
         assert package_of(recipe, path) == package, path
 
 
 # --- A platform of the maker's own ---------------------------------------------------------------
 
-HEADERS = [header for header in sorted((TOP / "src/platform").glob("*.h"))
-           if (TOP / "src/platform/posix" / f"{header.stem}.cpp").exists()]
+HEADERS = [
+    header
+    for header in sorted((TOP / "src/platform").glob("*.h"))
+    if (TOP / "src/platform/posix" / f"{header.stem}.cpp").exists()
+]
 
 
 def declared(header):
     """The functions that a header declares, each in one line and with its whole name."""
     text = re.sub(r"//[^\n]*|^#[^\n]*", "", header.read_text(), flags=re.M)
     scope = "::".join(re.findall(r"^(?:namespace|class) ([\w:]+) \{", text, re.M))
-    functions = re.findall(
-        r"^ *(\w[\w:<>]*(?: \w+)*[ *&]+)(\w+)\(([^;{}]*?)\)(?: __attribute__.*)?;", text, re.M)
+    functions = re.findall(r"^ *(\w[\w:<>]*(?: \w+)*[ *&]+)(\w+)\(([^;{}]*?)\)(?: __attribute__.*)?;", text, re.M)
     for result, name, arguments in functions:
         whole = f"{scope}::{name}" if scope else name
         yield re.sub(r"\s+", " ", f"{result}{whole}({arguments})").replace(" = nullptr", "")
@@ -387,12 +451,15 @@ def test_porting_tells_every_call():
     guide = (TOP / "docs/porting.md").read_text()
     calls = [call for header in HEADERS for call in declared(header)]
     assert len(calls) == len(set(calls)) >= 19
-    assert re.findall(r"^### `(.*)`$", guide, re.M) == sorted(
-        calls, key=lambda call: guide.find(f"### `{call}`"))
+    assert re.findall(r"^### `(.*)`$", guide, re.M) == sorted(calls, key=lambda call: guide.find(f"### `{call}`"))
     names = {re.search(r"(\w+)\(", call)[1] for call in calls}
     assert set(re.findall(r"\b(?:XLIBC|KEST[A-Z])\w+|\bJson(?:From|To)\w+", guide)) <= names | {
-        "XLIBCProc", "KESTUtils", "KESTRandom", "KESTCROND_PLATFORM_LIBRARIES",
-        "KESTCROND_BUILD_TESTS"}
+        "XLIBCProc",
+        "KESTUtils",
+        "KESTRandom",
+        "KESTCROND_PLATFORM_LIBRARIES",
+        "KESTCROND_BUILD_TESTS",
+    }
     for header in (TOP / "src/platform").glob("*.h"):
         assert f"`src/platform/{header.name}`" in guide
         assert (header in HEADERS) == (f"`src/platform/posix/{header.stem}.cpp`" in guide)
@@ -403,8 +470,7 @@ def test_no_call_is_overlooked():
     names = {re.search(r"(\w+)\(", call)[1] for header in HEADERS for call in declared(header)}
     defined = set()
     for source in (TOP / "src/platform/posix").glob("*.cpp"):
-        text = re.sub(r"^namespace \{.*?^\} // namespace$", "", source.read_text(),
-                      flags=re.M | re.S)
+        text = re.sub(r"^namespace \{.*?^\} // namespace$", "", source.read_text(), flags=re.M | re.S)
         defined |= set(re.findall(r"^\w[\w:<>:\* &]*?(\w+)\([^;]*?\) \{$", text, re.M))
     assert defined == names
 
@@ -418,11 +484,15 @@ def cmake(*arguments):
 def test_the_least_version_of_the_json_library_is_asked_for(tmp_path, version, status):
     """An older one breaks off at the first job that is removed."""
     (tmp_path / "jsoncpp.pc").write_text(
-        f"Name: jsoncpp\nDescription: JSON\nVersion: {version}\nLibs: -ljsoncpp\n"
-        "Cflags: -I/usr/include/jsoncpp\n")
-    done = subprocess.run(["cmake", "-S", TOP, "-B", tmp_path / "build", "-DKESTCROND_BUILD_CTL=OFF"],
-                          env={**os.environ, "PKG_CONFIG_PATH": str(tmp_path)}, capture_output=True,
-                          text=True, check=False)
+        f"Name: jsoncpp\nDescription: JSON\nVersion: {version}\nLibs: -ljsoncpp\n" "Cflags: -I/usr/include/jsoncpp\n"
+    )
+    done = subprocess.run(
+        ["cmake", "-S", TOP, "-B", tmp_path / "build", "-DKESTCROND_BUILD_CTL=OFF"],
+        env={**os.environ, "PKG_CONFIG_PATH": str(tmp_path)},
+        capture_output=True,
+        text=True,
+        check=False,
+    )
     assert (done.returncode != 0) == (status != 0), done.stderr
 
 
@@ -432,8 +502,15 @@ def test_a_makers_own_platform(tmp_path):
     library, build = tmp_path / "maker", tmp_path / "build"
     cmake("-S", TOP / "tests/porting", "-B", library, "-DCMAKE_BUILD_TYPE=Release")
     cmake("--build", library, "--parallel", "2")
-    cmake("-S", TOP, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DKESTCROND_BUILD_CTL=OFF",
-          f"-DKESTCROND_PLATFORM_LIBRARIES={library}/libmaker_platform.a")
+    cmake(
+        "-S",
+        TOP,
+        "-B",
+        build,
+        "-DCMAKE_BUILD_TYPE=Release",
+        "-DKESTCROND_BUILD_CTL=OFF",
+        f"-DKESTCROND_PLATFORM_LIBRARIES={library}/libmaker_platform.a",
+    )
     cmake("--build", build, "--target", "kestcrond", "--parallel", "2")
     assert not list(build.rglob("posix/*.o")), "ours is linked too"
 
@@ -443,8 +520,11 @@ def test_a_makers_own_platform(tmp_path):
         machine.jobs("builtin", "f", [overdue])
         machine.jobs("pkg", "g", [every_minute("y")])
         # One that ran long ago, so that it runs on a held machine.
-        entry = {"config": {**overdue, "name": "builtin-f-x"}, "lastExecution": 1780000000,
-                 "schedule": machine.drawn(Minute=0, hour=0, day=31, month=2)}
+        entry = {
+            "config": {**overdue, "name": "builtin-f-x"},
+            "lastExecution": 1780000000,
+            "schedule": machine.drawn(Minute=0, hour=0, day=31, month=2),
+        }
         machine.write(PERSISTENT_FILE, json.dumps({"jobs": {"builtin-f-x": entry}}))
         machine.write("/run/kestvorld.status", "0")  # nobody reads it here
         machine.write("/run/controller/state", "held\n")

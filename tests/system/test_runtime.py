@@ -10,24 +10,37 @@ from tests.lib.private_machine import wait_for
 
 def test_an_entry_is_the_whole_document(machine):
     machine.template("17 3 ~ ~ ~", maxDelay=0)
-    machine.jobs("builtin", "f", [{"name": "x", "user": "root", "period": "Daily",
-                                   "cmd": f"{RECORD}  a b", "note": {"kept": [1, 2.5, None]}}])
+    machine.jobs(
+        "builtin",
+        "f",
+        [{"name": "x", "user": "root", "period": "Daily", "cmd": f"{RECORD}  a b", "note": {"kept": [1, 2.5, None]}}],
+    )
     machine.start_and_wait()
     entry = machine.entries()["builtin-f-x"]
     assert isinstance(entry.pop("startup"), int)
     schedule = entry.pop("schedule")
     assert sorted(schedule) == sorted(["Minute", "hour", "day", "month", "week"])
     assert entry == {
-        "config": {"name": "builtin-f-x", "user": "root", "period": "Daily",
-                   "cmd": f"{RECORD}  a b", "note": {"kept": [1, 2.5, None]},
-                   "assure_execute": 0, "assure_execute_action": "wait", "run_on_passive": False},
+        "config": {
+            "name": "builtin-f-x",
+            "user": "root",
+            "period": "Daily",
+            "cmd": f"{RECORD}  a b",
+            "note": {"kept": [1, 2.5, None]},
+            "assure_execute": 0,
+            "assure_execute_action": "wait",
+            "run_on_passive": False,
+        },
         "cmd_list": ["/tmp/kestcrond/builtin-f-x", "a", "b"],
-        "cmd_str": f"{RECORD}  a b"}
+        "cmd_str": f"{RECORD}  a b",
+    }
 
 
 def test_comments_of_an_author_stay_out(machine):
-    machine.write("/usr/local/etc/kestcron.d/f.conf", "// secret plans\n[/* more */"
-                  + json.dumps(never("x")) + "]\n# not here" .replace("#", "//"))
+    machine.write(
+        "/usr/local/etc/kestcron.d/f.conf",
+        "// secret plans\n[/* more */" + json.dumps(never("x")) + "]\n# not here".replace("#", "//"),
+    )
     machine.start_and_wait()
     assert list(machine.entries()) == ["pkg-f-x"]
     assert "secret" not in machine.read("/run/kestcrond.config")
@@ -35,8 +48,15 @@ def test_comments_of_an_author_stay_out(machine):
 
 def test_an_unchanged_reload_keeps_everything(machine):
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [every_minute("run"), never("list", cmd_list=[RECORD, "a"]),
-                                  {"name": "d", "user": "root", "period": "daily", "cmd": RECORD}])
+    machine.jobs(
+        "builtin",
+        "f",
+        [
+            every_minute("run"),
+            never("list", cmd_list=[RECORD, "a"]),
+            {"name": "d", "user": "root", "period": "daily", "cmd": RECORD},
+        ],
+    )
     machine.start_and_wait()
     wait_for(machine.log_lines)
     machine.reload()
@@ -53,14 +73,20 @@ def test_an_unchanged_reload_keeps_everything(machine):
 
 def test_an_unchanged_restart_keeps_everything(machine):
     machine.template(maxDelay=0)
-    machine.jobs("builtin", "f", [
-        never("full", assure_execute=3, assure_execute_action="run", run_on_passive=True),
-        never("umlaut", comment="größer \U0001F600 \x7f", numbers=[-1, 1.5, 1e300, 2**63, -2**63]),
-        never("list", cmd_list=[RECORD, "", 5, True, None]),
-        {"name": "w", "user": "root", "period": "weekly", "cmd": RECORD}])
-    machine.write("/usr/local/etc/kestcron.d/raw.conf",
-                  b'{"user":"root","period":"monthly","cmd":"' + RECORD.encode()
-                  + b'","odd":"\xc3\xbf\xe2\x80\xae","zero":-0.0}')
+    machine.jobs(
+        "builtin",
+        "f",
+        [
+            never("full", assure_execute=3, assure_execute_action="run", run_on_passive=True),
+            never("umlaut", comment="größer \U0001F600 \x7f", numbers=[-1, 1.5, 1e300, 2**63, -(2**63)]),
+            never("list", cmd_list=[RECORD, "", 5, True, None]),
+            {"name": "w", "user": "root", "period": "weekly", "cmd": RECORD},
+        ],
+    )
+    machine.write(
+        "/usr/local/etc/kestcron.d/raw.conf",
+        b'{"user":"root","period":"monthly","cmd":"' + RECORD.encode() + b'","odd":"\xc3\xbf\xe2\x80\xae","zero":-0.0}',
+    )
     machine.start_and_wait()
     before = machine.document()
     machine.stop()
@@ -99,8 +125,11 @@ def test_what_is_kept_reaches_the_disk(machine):
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
     machine.stop()
     wait_for(lambda: "kestcrond.st.config" in machine.read("/run/trace"))
-    calls = [re.sub(r"^\d+ +|<(.*?)>|AT_FDCWD, |, 0\)| += 0$", r"\1", line)
-             for line in machine.read("/run/trace").splitlines() if "/usr/kest/etc" in line]
+    calls = [
+        re.sub(r"^\d+ +|<(.*?)>|AT_FDCWD, |, 0\)| += 0$", r"\1", line)
+        for line in machine.read("/run/trace").splitlines()
+        if "/usr/kest/etc" in line
+    ]
     for file in (PERSISTENT_FILE, PERSISTENT_TEMPLATE):
         saved = [index for index, call in enumerate(calls) if f'"{file}.new"' in call]
         assert len(saved) == 1 and calls[saved[0]].startswith("rename")
@@ -123,9 +152,18 @@ def test_a_gained_key_keeps_the_old_definition(machine):
     assert machine.entries()["builtin-f-x"]["config"]["nice"] == 5
 
 
-@pytest.mark.parametrize("change", [{"cmd": f"{RECORD} b"}, {"period": "c"}, {"extra": [1, 2, 3]},
-                                    {"extra": [1]}, {"extra": {"deep": 2}}, {"extra": None},
-                                    {"extra": "1"}])
+@pytest.mark.parametrize(
+    "change",
+    [
+        {"cmd": f"{RECORD} b"},
+        {"period": "c"},
+        {"extra": [1, 2, 3]},
+        {"extra": [1]},
+        {"extra": {"deep": 2}},
+        {"extra": None},
+        {"extra": "1"},
+    ],
+)
 def test_a_changed_job_starts_afresh(machine, change):
     machine.jobs("builtin", "f", [never("x", extra=[1, 2]), never("y")])
     machine.start_and_wait()
@@ -151,8 +189,11 @@ def test_a_changed_job_is_what_it_says_now(machine):
     machine.jobs("builtin", "t", [every_minute("tick", run_on_passive=True)])
     machine.jobs("builtin", "f", [every_minute("x"), never("y", run_on_passive=True)])
     machine.start_and_wait("--passive-mode")
-    machine.jobs("builtin", "f", [every_minute("x", run_on_passive=True),
-                                  every_minute("y", crontab="7,9 * * * *", run_on_passive=True)])
+    machine.jobs(
+        "builtin",
+        "f",
+        [every_minute("x", run_on_passive=True), every_minute("y", crontab="7,9 * * * *", run_on_passive=True)],
+    )
     machine.reload()
     wait_for(lambda: machine.runs("builtin-f-x"), what="a run that the old definition forbids")
     drawn = machine.saved()
@@ -176,8 +217,7 @@ def test_a_removed_file_clears_its_jobs(machine):
     machine.path("/usr/kest/share/kestcron.d/f").unlink()
     machine.reload()
     assert list(machine.entries()) == ["builtin-g-c"]
-    assert machine.texts() == ["removed cleared jobs: builtin-f-a",
-                               "removed cleared jobs: builtin-f-b"]
+    assert machine.texts() == ["removed cleared jobs: builtin-f-a", "removed cleared jobs: builtin-f-b"]
     machine.path("/usr/kest/share/kestcron.d/g").unlink()
     machine.reload()
     assert machine.document() == {}, "without jobs there is no member for them"
@@ -194,9 +234,11 @@ def test_jobs_that_vanished_while_stopped_are_cleared_at_the_start(machine):
     assert message.tag == "crondaemon"
 
 
-@pytest.mark.parametrize("content", [
-    "", "{", "[]", "5", '"text"', '{"jobs":[]}', '{"jobs":5}', '{"jobs":null}', "{}", "[" * 100000],
-    ids=lambda content: content[:9])
+@pytest.mark.parametrize(
+    "content",
+    ["", "{", "[]", "5", '"text"', '{"jobs":[]}', '{"jobs":5}', '{"jobs":null}', "{}", "[" * 100000],
+    ids=lambda content: content[:9],
+)
 def test_a_broken_persistent_document_starts_every_job_afresh(machine, content):
     machine.write(PERSISTENT_FILE, content)
     machine.jobs("builtin", "f", [never("x")])
@@ -255,9 +297,14 @@ def test_wrong_runtime_members_read_as_absent(machine):
     machine.start_and_wait()
     machine.stop()
     document = machine.document(PERSISTENT_FILE)
-    broken = [{"lastExecution": "x"}, {"expireTime": [1]}, {"startup": {}}, {"schedule": 5},
-              {"schedule": {"Minute": "x", "hour": [1.5], "day": [2**40]}},
-              {"lastExecution": 2**63, "expireTime": 1e300}]
+    broken = [
+        {"lastExecution": "x"},
+        {"expireTime": [1]},
+        {"startup": {}},
+        {"schedule": 5},
+        {"schedule": {"Minute": "x", "hour": [1.5], "day": [2**40]}},
+        {"lastExecution": 2**63, "expireTime": 1e300},
+    ]
     for name, members in zip(names, broken):
         document["jobs"][f"builtin-f-{name}"].update(members)
     machine.write(PERSISTENT_FILE, json.dumps(document))
@@ -273,7 +320,7 @@ def test_wrong_runtime_members_read_as_absent(machine):
 def test_the_current_runtime_is_told(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
-    message, = machine.messages(priority="info")
+    (message,) = machine.messages(priority="info")
     assert message.tag == "crondaemon"
     assert message.text.startswith("current runtime: {\n")
     told = json.loads(message.text.removeprefix("current runtime: "))
@@ -297,7 +344,8 @@ def test_documents_that_cannot_be_written(machine):
         "runtime config save failed (/var/run/kestcrond.config)",
         "schedule template config save failed (/var/run/kestcrond.st.config)",
         "runtime config save failed (/usr/kest/etc/kestcrond.config)",
-        "schedule template config save failed (/usr/kest/etc/kestcrond.st.config)"]
+        "schedule template config save failed (/usr/kest/etc/kestcrond.st.config)",
+    ]
     assert not list(machine.path("/run").glob("*.new"))
 
 
@@ -306,8 +354,7 @@ def test_a_full_disk_keeps_the_old_document(machine):
     machine.start_and_wait()
     machine.stop()
     before = machine.read(PERSISTENT_FILE)
-    machine.run("mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", "/usr/kest/etc",
-                check=True, env={"LD_PRELOAD": ""})
+    machine.run("mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", "/usr/kest/etc", check=True, env={"LD_PRELOAD": ""})
     machine.write(PERSISTENT_FILE, before)
     machine.start_and_wait()
     with machine.path("/usr/kest/etc/filler").open("wb", buffering=0) as filler:

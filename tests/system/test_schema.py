@@ -14,8 +14,7 @@ PROJECT = Path(__file__).resolve().parents[2]
 SCHEMA = json.loads((PROJECT / "packaging/kestcron.job.schema.json").read_text())
 MEMBERS = SCHEMA["$defs"]["definition"]["properties"]
 JOB_FILE = Draft202012Validator(SCHEMA)
-ACCOUNT_FILE = Draft202012Validator({"$ref": SCHEMA["$id"] + "#account-file"},
-                                    resolver=RefResolver.from_schema(SCHEMA))
+ACCOUNT_FILE = Draft202012Validator({"$ref": SCHEMA["$id"] + "#account-file"}, resolver=RefResolver.from_schema(SCHEMA))
 PKG = SOURCES["pkg"]
 ALICE = SOURCES["pkg_nonroot"] + "/alice"
 FULL = {**GOOD, "period": "crontab", "crontab": "* * * * *"}
@@ -24,7 +23,8 @@ FULL = {**GOOD, "period": "crontab", "crontab": "* * * * *"}
 # the whole file for these...
 REFUSED_FILES = {
     "nested deeper than 64 levels": {**GOOD, "extra": json.loads("[" * 64 + "]" * 64)},
-    "larger than 1 MiB": {**GOOD, "extra": "x" * (1 << 20)}}
+    "larger than 1 MiB": {**GOOD, "extra": "x" * (1 << 20)},
+}
 # ... and reads these, but leaves the job out.
 LEFT_OUT = {
     "an account that does not exist": {"user": "package", "package_username": "carol"},
@@ -34,7 +34,8 @@ LEFT_OUT = {
     "a zero byte": {"name": "zero\x00byte"},
     "more than 255 bytes": {"name": "n" * 250},
     "a user of no class": {"user": "nobody"},
-    "without the name of its account as a text": {"user": "package", "package_username": 5}}
+    "without the name of its account as a text": {"user": "package", "package_username": 5},
+}
 
 
 def parts(value):
@@ -52,16 +53,40 @@ def without_comments(text):
 
 # --- The schema itself --------------------------------------------------------------------------
 
+
 def test_it_is_a_schema():
     assert SCHEMA["$schema"] == Draft202012Validator.META_SCHEMA["$id"]
     Draft202012Validator.check_schema(SCHEMA)
     # The meta schema lets a misspelt keyword pass, which then says nothing.
-    keywords = {"$schema", "$id", "$defs", "$ref", "$anchor", "$comment", "title", "description",
-                "default", "examples", "type", "const", "pattern", "minimum", "maximum", "items",
-                "minItems", "maxItems", "required", "properties", "allOf", "anyOf", "not", "if",
-                "then", "else"}
-    by_name = [MEMBERS, SCHEMA["$defs"], *(part["properties"] for part in parts(SCHEMA)
-                                           if "properties" in part)]
+    keywords = {
+        "$schema",
+        "$id",
+        "$defs",
+        "$ref",
+        "$anchor",
+        "$comment",
+        "title",
+        "description",
+        "default",
+        "examples",
+        "type",
+        "const",
+        "pattern",
+        "minimum",
+        "maximum",
+        "items",
+        "minItems",
+        "maxItems",
+        "required",
+        "properties",
+        "allOf",
+        "anyOf",
+        "not",
+        "if",
+        "then",
+        "else",
+    }
+    by_name = [MEMBERS, SCHEMA["$defs"], *(part["properties"] for part in parts(SCHEMA) if "properties" in part)]
     for part in parts({key: value for key, value in SCHEMA.items() if key != "examples"}):
         if not any(part is names for names in by_name) and "cmd" not in part:
             assert set(part) <= keywords, part
@@ -80,15 +105,14 @@ def test_every_member_is_explained():
         assert {"title", "description", "examples"} <= set(member), name
 
 
-def test_its_members_are_those_that_are_read(machine, ctl):  # noqa: F811
+def test_its_members_are_those_that_are_read(machine, ctl):
     machine.write(PKG + "/f", json.dumps([{**{name: None for name in MEMBERS}, "extra": 1}]))
     _, answer = ctl.json("check")
-    unknown = [problem["member"] for problem in answer["problems"]
-               if problem["message"].startswith("unknown member")]
+    unknown = [problem["member"] for problem in answer["problems"] if problem["message"].startswith("unknown member")]
     assert unknown == ["extra"]
 
 
-def test_examples_of_members(machine, ctl):  # noqa: F811
+def test_examples_of_members(machine, ctl):
     for name, member in MEMBERS.items():
         for example in member["examples"]:
             definition = {**FULL, "package_username": "alice", name: example}
@@ -96,16 +120,14 @@ def test_examples_of_members(machine, ctl):  # noqa: F811
                 definition.pop("cmd")
                 definition[name] = example
             assert JOB_FILE.is_valid([definition]), definition
-            machine.write(f"{PKG}/{name}-{member['examples'].index(example)}",
-                          json.dumps([definition]))
+            machine.write(f"{PKG}/{name}-{member['examples'].index(example)}", json.dumps([definition]))
     assert ctl("check", "--errors-only").returncode == 0
 
 
-def test_examples_of_files(machine, ctl):  # noqa: F811
+def test_examples_of_files(machine, ctl):
     machine.account_directory("alice")
     examples = [(JOB_FILE, PKG, example) for example in SCHEMA["examples"]]
-    examples += [(ACCOUNT_FILE, ALICE, example)
-                 for example in SCHEMA["$defs"]["accountFile"]["examples"]]
+    examples += [(ACCOUNT_FILE, ALICE, example) for example in SCHEMA["$defs"]["accountFile"]["examples"]]
     for number, (schema, directory, example) in enumerate(examples):
         schema.validate(example)
         machine.write(f"{directory}/{number}", json.dumps(example))
@@ -114,8 +136,12 @@ def test_examples_of_files(machine, ctl):  # noqa: F811
 
 
 def test_the_jobs_of_the_example_appliance():
-    files = [path for source in SOURCES.values()
-             for path in (PROJECT / "examples").joinpath(source[1:]).rglob("*") if path.is_file()]
+    files = [
+        path
+        for source in SOURCES.values()
+        for path in (PROJECT / "examples").joinpath(source[1:]).rglob("*")
+        if path.is_file()
+    ]
     assert len(files) >= 5
     for path in files:
         schema = ACCOUNT_FILE if path.parent.parent.name == "kestcron_nonroot.d" else JOB_FILE
@@ -124,46 +150,48 @@ def test_the_jobs_of_the_example_appliance():
 
 # --- The daemon says the same -------------------------------------------------------------------
 
-def refused(ctl):  # noqa: F811
+
+def refused(ctl):
     """The file and line of every definition that the daemon refuses, and the files it cannot
     read, found by one check of all."""
     _, answer = ctl.json("check", "--errors-only")
-    places = {(problem["file"], problem["line"]) for problem in answer["problems"]
-              if problem["job"] is not None}
+    places = {(problem["file"], problem["line"]) for problem in answer["problems"] if problem["job"] is not None}
     return places, {problem["file"] for problem in answer["problems"] if problem["job"] is None}
 
 
-def expect_the_same(machine, ctl, schema, directory, definitions):  # noqa: F811
+def expect_the_same(machine, ctl, schema, directory, definitions):
     """Puts the definitions into arrays, one on a line, and compares verdicts."""
     places = {}
     for start in range(0, len(definitions), 500):
         path = f"{directory}/f{start:05}"
-        batch = definitions[start:start + 500]
+        batch = definitions[start : start + 500]
         machine.write(path, "[" + ",\n".join(map(json.dumps, batch)) + "]")
         places.update({(path, line): one for line, one in enumerate(batch, 1)})
     by_daemon, unread = refused(ctl)
     by_schema = {place for place, one in places.items() if not schema.is_valid([one])}
     assert not unread
     assert by_daemon <= set(places)
-    differing = {json.dumps(places[place]): "refused by the " +
-                 ("daemon" if place in by_daemon else "schema") + " alone"
-                 for place in by_daemon ^ by_schema}
+    differing = {
+        json.dumps(places[place]): "refused by the " + ("daemon" if place in by_daemon else "schema") + " alone"
+        for place in by_daemon ^ by_schema
+    }
     assert not differing, (len(differing), dict(itertools.islice(differing.items(), 5)))
     return len(definitions) - len(by_daemon), len(by_daemon)
 
 
-@pytest.mark.parametrize("schema,directory,seed,count", [
-    (JOB_FILE, PKG, 1, 1500), (ACCOUNT_FILE, ALICE, 2, 1000), (ACCOUNT_FILE, ALICE, 5, 1000)])
-def test_definitions_by_chance(machine, ctl, schema, directory, seed, count):  # noqa: F811
+@pytest.mark.parametrize(
+    "schema,directory,seed,count",
+    [(JOB_FILE, PKG, 1, 1500), (ACCOUNT_FILE, ALICE, 2, 1000), (ACCOUNT_FILE, ALICE, 5, 1000)],
+)
+def test_definitions_by_chance(machine, ctl, schema, directory, seed, count):
     machine.account_directory("alice")
     chance = Definitions(seed)
-    good, bad = expect_the_same(machine, ctl, schema, directory,
-                                [chance.one(f"n{number}") for number in range(count)])
+    good, bad = expect_the_same(machine, ctl, schema, directory, [chance.one(f"n{number}") for number in range(count)])
     assert min(good, bad) > 200, "there are enough of both"
 
 
 @pytest.mark.parametrize("count,valid", [(1024, True), (1025, False)])
-def test_as_many_jobs_as_an_account_may_have(machine, ctl, count, valid):  # noqa: F811
+def test_as_many_jobs_as_an_account_may_have(machine, ctl, count, valid):
     machine.account_directory("alice")
     jobs = [{**GOOD, "name": f"{number}"} for number in range(count)]
     machine.write(f"{ALICE}/many", json.dumps(jobs))
@@ -172,7 +200,7 @@ def test_as_many_jobs_as_an_account_may_have(machine, ctl, count, valid):  # noq
     assert JOB_FILE.is_valid(jobs)
 
 
-def test_every_range_of_numbers(machine, ctl):  # noqa: F811
+def test_every_range_of_numbers(machine, ctl):
     crontabs = []
     for field, highest in enumerate([59, 23, 31, 12, 6]):
         for low, high in itertools.product(range(highest + 2), repeat=2):
@@ -180,57 +208,170 @@ def test_every_range_of_numbers(machine, ctl):  # noqa: F811
                 fields = ["*"] * 5
                 fields[field] = f"{before}{low}~{high}"
                 crontabs.append(" ".join(fields))
-    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG,
-                                [{**FULL, "crontab": crontab} for crontab in crontabs])
+    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
     # All pairs of different numbers one way round, and those of equal ones; alone and behind a "~".
     assert good == sum(count * (count + 1) for count in (60, 24, 31, 12, 7))
     assert bad > good
 
 
-def test_every_way_to_write_a_number(machine, ctl):  # noqa: F811
-    numbers = ["0", "1", "6", "7", "00", "+0", "-0", "-00", "+-0", "-+0", "--0", "-1", "+5", "++5",
-               "+ 5", "05", "0005", "0x5", "5.0", "5e0", "12", "013", "24", "0031", "032", "059",
-               "60", "006", "0" * 50 + "3", "4294967297", "", "\t", "\t5", "5\r\n", "\v5\f",
-               "5\t5", "\x005", "5\x00", "\u00a05", "\u0665", "~", "~x", "\t~", "*", "*x~3", "\t*",
-               "x", "?", "1-5", "L", "5/2"]
-    words = numbers + [",".join(pair) for pair in [("5", "5"), ("", "5"), ("5", ""), ("5", "x"),
-                                                   ("*", "~"), ("5", "9~3"), ("~9", "3~"),
-                                                   ("5", "\n"), ("3\n", "*\n")]]
-    words += ["~".join(pair) for pair in itertools.product(
-        ["1", "05", "+6", "-0", "-00", "\t3", "3\n", "012", "", "9"], repeat=2)] + ["1~2~3", "*1~0"]
+def test_every_way_to_write_a_number(machine, ctl):
+    numbers = [
+        "0",
+        "1",
+        "6",
+        "7",
+        "00",
+        "+0",
+        "-0",
+        "-00",
+        "+-0",
+        "-+0",
+        "--0",
+        "-1",
+        "+5",
+        "++5",
+        "+ 5",
+        "05",
+        "0005",
+        "0x5",
+        "5.0",
+        "5e0",
+        "12",
+        "013",
+        "24",
+        "0031",
+        "032",
+        "059",
+        "60",
+        "006",
+        "0" * 50 + "3",
+        "4294967297",
+        "",
+        "\t",
+        "\t5",
+        "5\r\n",
+        "\v5\f",
+        "5\t5",
+        "\x005",
+        "5\x00",
+        "\u00a05",
+        "\u0665",
+        "~",
+        "~x",
+        "\t~",
+        "*",
+        "*x~3",
+        "\t*",
+        "x",
+        "?",
+        "1-5",
+        "L",
+        "5/2",
+    ]
+    words = numbers + [
+        ",".join(pair)
+        for pair in [
+            ("5", "5"),
+            ("", "5"),
+            ("5", ""),
+            ("5", "x"),
+            ("*", "~"),
+            ("5", "9~3"),
+            ("~9", "3~"),
+            ("5", "\n"),
+            ("3\n", "*\n"),
+        ]
+    ]
+    words += [
+        "~".join(pair)
+        for pair in itertools.product(["1", "05", "+6", "-0", "-00", "\t3", "3\n", "012", "", "9"], repeat=2)
+    ] + ["1~2~3", "*1~0"]
     words += ["*," + word for word in words]
     crontabs = []
     for field, word in itertools.product(range(5), words):
         fields = ["*"] * 5
         fields[field] = word
         crontabs.append(" ".join(fields))
-    crontabs += ["", " ", "*", "* * * *", "* * * * * *", " * * * * *", "* * * * * ", "* *  * * *",
-                 "*\t* * * *", "* * * * *\n", "\n* * * * *", "~ ~ ~ ~ ~", "     ", "* * * * ,"]
-    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG,
-                                [{**FULL, "crontab": crontab} for crontab in crontabs])
+    crontabs += [
+        "",
+        " ",
+        "*",
+        "* * * *",
+        "* * * * * *",
+        " * * * * *",
+        "* * * * * ",
+        "* *  * * *",
+        "*\t* * * *",
+        "* * * * *\n",
+        "\n* * * * *",
+        "~ ~ ~ ~ ~",
+        "     ",
+        "* * * * ,",
+    ]
+    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
     assert min(good, bad) > 400
 
 
-def test_every_value_of_every_member(machine, ctl):  # noqa: F811
-    values = ["", "x", "root", "package", "a package", "c", "C", "Crontab", "my crontab", "h\n",
-              " h", "\u0125", "run", RECORD, None, True, False, 0, -1, 0.5, -0.5, 1e10, -1e10,
-              2147483647, 2147483648, 2147483647.0, 2147483647.5, -2147483648, -2147483649,
-              -2147483648.5, 18446744073709551615, 10 ** 30, [], {}, [""], [[]], [{}], [None, 1],
-              {"0": RECORD}]
-    bases = [GOOD, FULL, {**FULL, "period": "Cron"},
-             {**GOOD, "period": "my crontab", "crontab": "x"},
-             {**GOOD, "user": "package", "package_username": "alice"},
-             {**GOOD, "cmd_list": [RECORD]}]
-    definitions = [{**base, member: value} for base in bases for member in MEMBERS
-                   for value in values]
-    definitions += [{key: value for key, value in base.items() if key != member}
-                    for base in bases for member in MEMBERS]
+def test_every_value_of_every_member(machine, ctl):
+    values = [
+        "",
+        "x",
+        "root",
+        "package",
+        "a package",
+        "c",
+        "C",
+        "Crontab",
+        "my crontab",
+        "h\n",
+        " h",
+        "\u0125",
+        "run",
+        RECORD,
+        None,
+        True,
+        False,
+        0,
+        -1,
+        0.5,
+        -0.5,
+        1e10,
+        -1e10,
+        2147483647,
+        2147483648,
+        2147483647.0,
+        2147483647.5,
+        -2147483648,
+        -2147483649,
+        -2147483648.5,
+        18446744073709551615,
+        10**30,
+        [],
+        {},
+        [""],
+        [[]],
+        [{}],
+        [None, 1],
+        {"0": RECORD},
+    ]
+    bases = [
+        GOOD,
+        FULL,
+        {**FULL, "period": "Cron"},
+        {**GOOD, "period": "my crontab", "crontab": "x"},
+        {**GOOD, "user": "package", "package_username": "alice"},
+        {**GOOD, "cmd_list": [RECORD]},
+    ]
+    definitions = [{**base, member: value} for base in bases for member in MEMBERS for value in values]
+    definitions += [
+        {key: value for key, value in base.items() if key != member} for base in bases for member in MEMBERS
+    ]
     good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, definitions)
     assert min(good, bad) > 500
 
 
 @pytest.mark.parametrize("schema,directory", [(JOB_FILE, PKG), (ACCOUNT_FILE, ALICE)])
-def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory):  # noqa: F811
+def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory):
     machine.account_directory("alice")
     chance = Definitions(3)
     contents = [json.dumps(chance.one("x")).encode() for _ in range(300)] + damaged_files(4)
@@ -258,7 +399,7 @@ def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory
 
 
 @pytest.mark.parametrize("reason", REFUSED_FILES)
-def test_files_that_only_the_daemon_refuses(machine, ctl, reason):  # noqa: F811
+def test_files_that_only_the_daemon_refuses(machine, ctl, reason):
     assert reason in SCHEMA["$comment"]
     assert JOB_FILE.is_valid([REFUSED_FILES[reason]])
     machine.write(PKG + "/f", json.dumps([REFUSED_FILES[reason]]))
@@ -266,12 +407,11 @@ def test_files_that_only_the_daemon_refuses(machine, ctl, reason):  # noqa: F811
 
 
 @pytest.mark.parametrize("reason", LEFT_OUT)
-def test_jobs_that_only_the_machine_leaves_out(machine, ctl, reason):  # noqa: F811
+def test_jobs_that_only_the_machine_leaves_out(machine, ctl, reason):
     assert reason in SCHEMA["$comment"]
     definition = {**GOOD, **LEFT_OUT[reason]}
     assert JOB_FILE.is_valid([definition])
     machine.write(PKG + "/f", json.dumps([definition]))
     assert refused(ctl) == (set(), set())
     _, answer = ctl.json("check")
-    assert [problem for problem in answer["problems"]
-            if "the daemon will not load this job" in problem["message"]]
+    assert [problem for problem in answer["problems"] if "the daemon will not load this job" in problem["message"]]

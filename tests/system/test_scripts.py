@@ -28,9 +28,15 @@ class Workshop:
         return self.answers.pop(0)
 
 
-@pytest.mark.parametrize("answers,sound,left", [
-    ((True, False), True, 1), ((False, True, False), True, 1), ((False, False, True), True, 0),
-    ((False, False, False, True), False, 1)])
+@pytest.mark.parametrize(
+    "answers,sound,left",
+    [
+        ((True, False), True, 1),
+        ((False, True, False), True, 1),
+        ((False, False, True), True, 0),
+        ((False, False, False, True), False, 1),
+    ],
+)
 def test_mutants_are_tried_although_a_test_failed_once(answers, sound, left):
     workshop = Workshop(*answers)
     assert load("mutate").is_sound(workshop) == sound
@@ -40,8 +46,13 @@ def test_mutants_are_tried_although_a_test_failed_once(answers, sound, left):
 def compare_builds(daemon, other, *options):
     return subprocess.run(
         [SCRIPTS / "compare-builds", "--old-daemon", daemon, "--new-daemon", other, *options],
-        check=False, text=True, errors="replace", stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT, timeout=600)
+        check=False,
+        text=True,
+        errors="replace",
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        timeout=600,
+    )
 
 
 @pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
@@ -53,10 +64,14 @@ def test_a_build_does_as_itself(request):
 
 
 @pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
-@pytest.mark.parametrize("text,other", [
-    (b"removed cleared jobs: %s", b"removed cleared job:  %s"),  # a message
-    (b"lastExecution", b"lastexecution"),  # a document
-    (b"missing binary", b"Missing binary")])
+@pytest.mark.parametrize(
+    "text,other",
+    [
+        (b"removed cleared jobs: %s", b"removed cleared job:  %s"),  # a message
+        (b"lastExecution", b"lastexecution"),  # a document
+        (b"missing binary", b"Missing binary"),
+    ],
+)
 def test_a_build_that_does_otherwise(request, tmp_path, text, other):
     daemon = Path(request.config.getoption("--daemon")).resolve()
     program = daemon.read_bytes()

@@ -7,8 +7,7 @@ import stat
 import time
 
 import pytest
-from tests.lib.appliance import (PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute,
-                      never)
+from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
 from tests.lib.private_machine import wait_for
 
 
@@ -50,20 +49,29 @@ def test_full_names_of_a_tricky_tree(machine):
     machine.write(SOURCES["pkg_nonroot"] + "/bob/deeper/x.conf", json.dumps([never("deep")]))
     machine.path(SOURCES["pkg_nonroot"] + "/.alice").mkdir()
     machine.start_and_wait()
-    assert names(machine) == sorted([
-        "builtin-x-default", "builtin-noext-a", "builtin-noext-b", "builtin-myig-a",
-        "builtin-job.json-a", "builtin-a-twice", "builtin-dyn-foo-bar", "builtin-dyn-foo-",
-        "pkg-foo-bar", "pkg-foo-b a-r", "pkg_nonroot-alice-foo-bar",
-        "pkg_nonroot-bob-one-default"])
+    assert names(machine) == sorted(
+        [
+            "builtin-x-default",
+            "builtin-noext-a",
+            "builtin-noext-b",
+            "builtin-myig-a",
+            "builtin-job.json-a",
+            "builtin-a-twice",
+            "builtin-dyn-foo-bar",
+            "builtin-dyn-foo-",
+            "pkg-foo-bar",
+            "pkg-foo-b a-r",
+            "pkg_nonroot-alice-foo-bar",
+            "pkg_nonroot-bob-one-default",
+        ]
+    )
     # The directory inside an account's directory is an entry that cannot be read as a file.
-    assert machine.texts() == [
-        "JSON file read error: /usr/local/etc/kestcron_nonroot.d/bob/deeper"]
+    assert machine.texts() == ["JSON file read error: /usr/local/etc/kestcron_nonroot.d/bob/deeper"]
 
 
 def test_package_jobs_run_as_the_owner_of_the_directory(machine):
     machine.template(maxDelay=0)
-    machine.jobs("pkg_nonroot", "f", [every_minute("r", user="root", package_username="bob")],
-                 account="alice")
+    machine.jobs("pkg_nonroot", "f", [every_minute("r", user="root", package_username="bob")], account="alice")
     machine.start_and_wait()
     config = machine.entries()["pkg_nonroot-alice-f-r"]["config"]
     assert (config["user"], config["package_username"]) == ("package", "alice")
@@ -73,8 +81,7 @@ def test_package_jobs_run_as_the_owner_of_the_directory(machine):
 
 def test_the_account_is_the_owner_not_the_name(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
-    machine.path(SOURCES["pkg_nonroot"] + "/alice").rename(
-        machine.path(SOURCES["pkg_nonroot"] + "/something"))
+    machine.path(SOURCES["pkg_nonroot"] + "/alice").rename(machine.path(SOURCES["pkg_nonroot"] + "/something"))
     machine.start_and_wait()
     assert names(machine) == ["pkg_nonroot-alice-f-x"]
 
@@ -88,13 +95,24 @@ def test_ties(machine):
     machine.jobs("builtin-dyn", "x.conf", [never("y", cmd=f"{RECORD} builtin-dyn")])
     machine.start_and_wait()
     commands = {name: entry["cmd_str"].split()[1] for name, entry in machine.entries().items()}
-    assert commands == {"pkg-same-x": "last", "pkg-a-x": "a.conf.conf",
-                        "builtin-dyn-x-y": "builtin-dyn"}
+    assert commands == {"pkg-same-x": "last", "pkg-a-x": "a.conf.conf", "builtin-dyn-x-y": "builtin-dyn"}
 
 
-@pytest.mark.parametrize("content", [
-    b"", b"{", b"[", b"nonsense", b"[{}] trailing", b"[1,]", b"\x00\x01\x02", b"[" * 200000,
-    b'{"a":' * 5000 + b"1" + b"}" * 5000], ids=lambda content: content[:9].decode())
+@pytest.mark.parametrize(
+    "content",
+    [
+        b"",
+        b"{",
+        b"[",
+        b"nonsense",
+        b"[{}] trailing",
+        b"[1,]",
+        b"\x00\x01\x02",
+        b"[" * 200000,
+        b'{"a":' * 5000 + b"1" + b"}" * 5000,
+    ],
+    ids=lambda content: content[:9].decode(),
+)
 def test_a_file_that_is_no_json(machine, content):
     machine.write(SOURCES["pkg"] + "/bad.conf", content)
     machine.jobs("pkg", "good.conf", [never("x")])
@@ -127,8 +145,10 @@ def test_entries_that_are_no_files(machine):
         sparse.truncate(3 << 30)
     machine.start_and_wait()
     assert names(machine) == ["pkg-good-x", "pkg-link-x"]
-    assert machine.texts() == [f"JSON file read error: {directory}/{name}" for name in [
-        "dangling", "device", "directory", "fifo", "loop", "node", "secret", "socket", "sparse"]]
+    assert machine.texts() == [
+        f"JSON file read error: {directory}/{name}"
+        for name in ["dangling", "device", "directory", "fifo", "loop", "node", "secret", "socket", "sparse"]
+    ]
 
 
 @pytest.mark.parametrize("kernel_file", ["/proc/kmsg", "/proc/self/mem", "/proc/version"])
@@ -149,11 +169,18 @@ def test_a_leased_file_is_not_waited_for(machine):
     path = SOURCES["pkg_nonroot"] + "/alice/leased"
     machine.chown(machine.path(path), "alice")
     holder = machine.popen(
-        "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", "/usr/bin/python3", "-c",
+        "setpriv",
+        "--reuid=2001",
+        "--regid=2001",
+        "--clear-groups",
+        "/usr/bin/python3",
+        "-c",
         "import fcntl, os, signal, time\n"
         "signal.signal(signal.SIGIO, signal.SIG_IGN)\n"
         f"fcntl.fcntl(os.open('{path}', os.O_RDWR), fcntl.F_SETLEASE, fcntl.F_WRLCK)\n"
-        "open('/tmp/ran/leased', 'w').close()\ntime.sleep(100)", env={"LD_PRELOAD": ""})
+        "open('/tmp/ran/leased', 'w').close()\ntime.sleep(100)",
+        env={"LD_PRELOAD": ""},
+    )
     wait_for(lambda: machine.exists("/tmp/ran/leased"))
     started = time.monotonic()
     machine.start_and_wait()
@@ -165,9 +192,21 @@ def test_a_leased_file_is_not_waited_for(machine):
 
 
 def test_a_name_that_is_none(machine):
-    machine.jobs("pkg", "f.conf", [
-        {"user": "root", "period": "daily", "cmd": RECORD},
-        never(5), never(None), never(["x"]), 7, "text", None, [], never("good")])
+    machine.jobs(
+        "pkg",
+        "f.conf",
+        [
+            {"user": "root", "period": "daily", "cmd": RECORD},
+            never(5),
+            never(None),
+            never(["x"]),
+            7,
+            "text",
+            None,
+            [],
+            never("good"),
+        ],
+    )
     machine.start_and_wait()
     assert names(machine) == ["pkg-f-good"]
     texts = machine.texts()
@@ -175,8 +214,8 @@ def test_a_name_that_is_none(machine):
     rule_of_name = 'Failed [!jsConf.isMember("name") || !jsConf["name"].isString()], err='
     rule_of_config = 'Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err='
     said = [text for text in texts[8:] if text.startswith("Failed")]
-    assert [text[:len(rule_of_name)] for text in said[:4]] == [rule_of_name] * 4
-    assert [text[:len(rule_of_config)] for text in said[4:]] == [rule_of_config] * 4
+    assert [text[: len(rule_of_name)] for text in said[:4]] == [rule_of_name] * 4
+    assert [text[: len(rule_of_config)] for text in said[4:]] == [rule_of_config] * 4
     assert texts.count("crontab format error") == 8
     assert texts[-1] == "Job JSON format error: /usr/local/etc/kestcron.d/f.conf"
 
@@ -185,10 +224,12 @@ def test_a_rejected_job_does_not_touch_its_neighbours(machine):
     machine.jobs("builtin", "f.conf", [never("a"), never("b", period="yearly"), never("c")])
     machine.start_and_wait()
     assert names(machine) == ["builtin-f-a", "builtin-f-c"]
-    assert machine.texts() == ["error period", "parse error",
-                               "Job JSON format error: /usr/kest/share/kestcron.d/f.conf"]
-    assert [message.tag for message in machine.messages(priority="err")] == [
-        "cronjob", "cronjob", "crondaemon"]
+    assert machine.texts() == [
+        "error period",
+        "parse error",
+        "Job JSON format error: /usr/kest/share/kestcron.d/f.conf",
+    ]
+    assert [message.tag for message in machine.messages(priority="err")] == ["cronjob", "cronjob", "crondaemon"]
 
 
 def test_an_owner_without_an_account(machine):
@@ -197,9 +238,7 @@ def test_an_owner_without_an_account(machine):
     os.chown(machine.path(SOURCES["pkg_nonroot"] + "/stranger"), 4711, 4711)
     machine.start_and_wait()
     assert names(machine) == ["pkg_nonroot-alice-f-x"]
-    assert machine.texts() == [
-        "get uid error: 4711",
-        "Failed to dir user: /usr/local/etc/kestcron_nonroot.d/stranger"]
+    assert machine.texts() == ["get uid error: 4711", "Failed to dir user: /usr/local/etc/kestcron_nonroot.d/stranger"]
 
 
 def test_an_account_entry_that_is_not_there(machine):
@@ -207,40 +246,45 @@ def test_an_account_entry_that_is_not_there(machine):
     machine.path(SOURCES["pkg_nonroot"] + "/alice").symlink_to("nowhere")
     machine.start_and_wait()
     assert names(machine) == ["pkg_nonroot-bob-f-x"]
-    assert machine.texts() == ["stat error: /usr/local/etc/kestcron_nonroot.d/alice",
-                               "Failed to dir user: /usr/local/etc/kestcron_nonroot.d/alice"]
+    assert machine.texts() == [
+        "stat error: /usr/local/etc/kestcron_nonroot.d/alice",
+        "Failed to dir user: /usr/local/etc/kestcron_nonroot.d/alice",
+    ]
 
 
 def test_a_plain_file_among_the_accounts(machine):
     machine.account_directory("alice")
     machine.write(SOURCES["pkg_nonroot"] + "/file", "[]", owner="bob")
     machine.start_and_wait()
-    assert machine.texts() == [
-        "open directory failed.",
-        "Failed to load /usr/local/etc/kestcron_nonroot.d/file config"]
+    assert machine.texts() == ["open directory failed.", "Failed to load /usr/local/etc/kestcron_nonroot.d/file config"]
 
 
-@pytest.mark.parametrize("label,word", [
-    ("builtin", "built-in job"), ("builtin-dyn", "built-in dynamic job"), ("pkg", "pkg job")])
+@pytest.mark.parametrize(
+    "label,word", [("builtin", "built-in job"), ("builtin-dyn", "built-in dynamic job"), ("pkg", "pkg job")]
+)
 def test_a_source_that_is_no_directory(machine, label, word):
     machine.write(SOURCES[label], "in the way")
     machine.jobs("builtin" if label == "pkg" else "pkg", "f", [never("x")])
     machine.start_and_wait()
     assert len(names(machine)) == 1, "the other sources are loaded"
-    assert machine.texts() == ["open directory failed.",
-                               f"js {word} ({SOURCES[label]}) loaded failed"]
+    assert machine.texts() == ["open directory failed.", f"js {word} ({SOURCES[label]}) loaded failed"]
 
 
 def test_the_order_in_which_all_is_read(machine):
     machine.account_directory("alice")
-    files = [SOURCES["builtin"] + "/f", SOURCES["builtin-dyn"] + "/f", SOURCES["pkg"] + "/f",
-             SOURCES["pkg_nonroot"] + "/alice/f"]
+    files = [
+        SOURCES["builtin"] + "/f",
+        SOURCES["builtin-dyn"] + "/f",
+        SOURCES["pkg"] + "/f",
+        SOURCES["pkg_nonroot"] + "/alice/f",
+    ]
     for file in [*files, PERSISTENT_TEMPLATE]:
         machine.write(file, "no JSON")
     machine.start_and_wait()
     assert machine.texts() == [
         *(f"JSON file read error: {file}" for file in files),
-        f"schedule template config load failed ({PERSISTENT_TEMPLATE})"]
+        f"schedule template config load failed ({PERSISTENT_TEMPLATE})",
+    ]
 
 
 def test_an_account_source_that_cannot_be_made(machine):
@@ -250,7 +294,8 @@ def test_an_account_source_that_cannot_be_made(machine):
     assert names(machine) == ["pkg-f-x"]
     assert machine.texts() == [
         "create directory failed.",
-        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed"]
+        "js ser job (/usr/local/etc/kestcron_nonroot.d) loaded failed",
+    ]
 
 
 def test_a_source_that_fails_loses_its_jobs_at_a_reload(machine):
@@ -261,9 +306,11 @@ def test_a_source_that_fails_loses_its_jobs_at_a_reload(machine):
     machine.write(SOURCES["pkg"], "in the way")
     machine.reload()
     assert names(machine) == ["builtin-f-x"]
-    assert machine.texts() == ["open directory failed.",
-                               "js pkg job (/usr/local/etc/kestcron.d) loaded failed",
-                               "removed cleared jobs: pkg-f-x"]
+    assert machine.texts() == [
+        "open directory failed.",
+        "js pkg job (/usr/local/etc/kestcron.d) loaded failed",
+        "removed cleared jobs: pkg-f-x",
+    ]
 
 
 def test_unwatched_sources_change_at_the_next_reload(machine):

@@ -48,16 +48,18 @@ def expect_whole(machine):
             jobs = machine.document(path).get("jobs", {})
             commands = {(name, entry["cmd_str"]) for name, entry in jobs.items()}
             # A job whose copy was killed is left out.
-            assert any(commands <= {(f"builtin-f-{job['name']}", job["cmd"]) for job in jobs}
-                       for jobs in (OLD, NEW)), path
+            assert any(
+                commands <= {(f"builtin-f-{job['name']}", job["cmd"]) for job in jobs} for jobs in (OLD, NEW)
+            ), path
     for path in TEMPLATES:
         if machine.exists(path):
             assert machine.document(path)["config"]["name"] == "scheduleTemplate", path
     for line in machine.read(machine.LOG_FILE).splitlines(keepends=True):
         assert line.count(" running job: builtin-f-tick with command: ") == 1
         # A job of the life before may find its program being copied again.
-        assert line.endswith((")\n", ", error: No such file or directory\n",
-                              ", error: Text file busy\n", ", error: Exec format error\n"))
+        assert line.endswith(
+            (")\n", ", error: No such file or directory\n", ", error: Text file busy\n", ", error: Exec format error\n")
+        )
 
 
 def expect_normal_start(machine):
@@ -65,10 +67,14 @@ def expect_normal_start(machine):
     machine.start_and_wait()
     runs = len(machine.runs("builtin-f-tick"))
     wait_for(lambda: len(machine.runs("builtin-f-tick")) > runs)
-    assert set(machine.entries()) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x",
-                                      "builtin-f-y"}
-    allowed = ("removed modified jobs: builtin-f-x", "removed cleared jobs: builtin-f-y",
-               "Failed to select inotify", "Failed to cp ", "MoveBinaryToTmp failed.")
+    assert set(machine.entries()) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x", "builtin-f-y"}
+    allowed = (
+        "removed modified jobs: builtin-f-x",
+        "removed cleared jobs: builtin-f-y",
+        "Failed to select inotify",
+        "Failed to cp ",
+        "MoveBinaryToTmp failed.",
+    )
     assert all(text.startswith(allowed) for text in machine.texts())
 
 
@@ -93,8 +99,9 @@ def test_a_kill_at_any_moment(machine, seed):
 
 
 @pytest.mark.usefixtures("killing")
-@pytest.mark.parametrize("calls", ["open,openat", "write", "rename,renameat,renameat2", "unlink",
-                                   "close", "fsync", "read"])
+@pytest.mark.parametrize(
+    "calls", ["open,openat", "write", "rename,renameat,renameat2", "unlink", "close", "fsync", "read"]
+)
 @pytest.mark.parametrize("phase", ["start", "stop"])
 def test_a_kill_at_each_step(machine, phase, calls):
     chance = random.Random(calls + phase)
@@ -116,8 +123,11 @@ def test_a_kill_at_each_step(machine, phase, calls):
 
 # --- Disks --------------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("fault", ["open,openat:error=ENOSPC", "write:error=ENOSPC",
-                                   "fsync:error=EIO", "fchmod:error=EIO", "close:error=EIO"])
+
+@pytest.mark.parametrize(
+    "fault",
+    ["open,openat:error=ENOSPC", "write:error=ENOSPC", "fsync:error=EIO", "fchmod:error=EIO", "close:error=EIO"],
+)
 @pytest.mark.parametrize("file", [PERSISTENT_FILE, PERSISTENT_TEMPLATE])
 def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
     machine.jobs("builtin", "f", OLD)
@@ -131,18 +141,24 @@ def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
     machine.run("pkill", "-TERM", "-x", "kestcrond", env={"LD_PRELOAD": ""})
     wait_for(lambda: not machine.daemons())
     kind = "runtime" if file == PERSISTENT_FILE else "schedule template"
-    assert machine.texts() == ["removed modified jobs: builtin-f-x",
-                               f"{kind} config save failed ({file})"]
+    assert machine.texts() == ["removed modified jobs: builtin-f-x", f"{kind} config save failed ({file})"]
     assert machine.read(file) == before[file]
     assert not machine.exists(file + ".new")
     if file == PERSISTENT_FILE:
         assert machine.read(PERSISTENT_TEMPLATE) != "", "the other one is saved all the same"
 
 
-@pytest.mark.parametrize("directory,fault", [
-    ("/var/run", "open,openat:error=ENOSPC"), ("/var/run", "rename,renameat,renameat2:error=EIO"),
-    # By its descriptor a file is known by the path without links.
-    ("/run", "write:error=ENOSPC"), ("/run", "fchmod:error=EIO"), ("/run", "close:error=EIO")])
+@pytest.mark.parametrize(
+    "directory,fault",
+    [
+        ("/var/run", "open,openat:error=ENOSPC"),
+        ("/var/run", "rename,renameat,renameat2:error=EIO"),
+        # By its descriptor a file is known by the path without links.
+        ("/run", "write:error=ENOSPC"),
+        ("/run", "fchmod:error=EIO"),
+        ("/run", "close:error=EIO"),
+    ],
+)
 @pytest.mark.parametrize("file", ["kestcrond.config", "kestcrond.st.config"])
 def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fault, file):
     machine.jobs("builtin", "f", OLD)
@@ -154,8 +170,7 @@ def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fau
     runs = len(machine.runs("builtin-f-tick"))
     wait_for(lambda: len(machine.runs("builtin-f-tick")) >= runs + 2)
     kind = "runtime" if file == "kestcrond.config" else "schedule template"
-    assert machine.texts() == ["removed modified jobs: builtin-f-x",
-                               f"{kind} config save failed (/var/run/{file})"]
+    assert machine.texts() == ["removed modified jobs: builtin-f-x", f"{kind} config save failed (/var/run/{file})"]
     assert machine.read(f"/run/{file}") == before
     assert not machine.exists(f"/run/{file}.new")
 
@@ -164,8 +179,7 @@ def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fau
 def test_a_document_that_cannot_be_replaced_is_written_over(machine, read_only):
     """A bind mount, as a machine with a read-only root has for what it must keep."""
     machine.jobs("builtin", "f", OLD)
-    saved = {path: f"/srv/{path.rpartition('/')[2]}" for path in (PERSISTENT_FILE,
-                                                                  PERSISTENT_TEMPLATE)}
+    saved = {path: f"/srv/{path.rpartition('/')[2]}" for path in (PERSISTENT_FILE, PERSISTENT_TEMPLATE)}
     mount = lambda *options: machine.run("mount", *options, check=True, env={"LD_PRELOAD": ""})
     for path, kept in saved.items():
         machine.write(kept, machine.read(path) or json.dumps({"jobs": {}, "long": "x" * 20000}))
@@ -202,7 +216,8 @@ def test_documents_keep_their_owner_and_group(machine):
 
 # --- Documents that cannot be read --------------------------------------------------------------
 
-@pytest.mark.parametrize("broken", ["{\"jobs\": {", "[]", "\xff\n"])
+
+@pytest.mark.parametrize("broken", ['{"jobs": {', "[]", "\xff\n"])
 def test_a_document_that_cannot_be_read_is_kept(machine, ctl, broken):
     machine.jobs("builtin", "f", OLD)
     machine.write(PERSISTENT_FILE, broken)
@@ -212,10 +227,10 @@ def test_a_document_that_cannot_be_read_is_kept(machine, ctl, broken):
     for path in (PERSISTENT_FILE, PERSISTENT_TEMPLATE):
         assert machine.read(path + ".unreadable") == broken
         assert machine.document(path)
-    assert [text for text in machine.texts() if not text.startswith(("schedule template config load",
-                                                                     "Failed", "crontab"))] == []
-    assert ctl.json("status")[1]["unreadable"] == [
-        PERSISTENT_FILE + ".unreadable", PERSISTENT_TEMPLATE + ".unreadable"]
+    assert [
+        text for text in machine.texts() if not text.startswith(("schedule template config load", "Failed", "crontab"))
+    ] == []
+    assert ctl.json("status")[1]["unreadable"] == [PERSISTENT_FILE + ".unreadable", PERSISTENT_TEMPLATE + ".unreadable"]
     assert f"{PERSISTENT_FILE}.unreadable (copy of a saved document" in ctl("status").stdout
     # The next one takes its place, and a good one leaves it alone.
     machine.start_and_wait()
@@ -241,12 +256,10 @@ def test_without_proc_all_files_are_read(machine):
     machine.clock("2026-06-02 03:10:10")
     machine.path(machine.RUNTIME_TEMPLATE).unlink()
     # In a namespace of its own, where nothing is mounted on "/proc".
-    machine.run("unshare", "--mount", "bash", "-c", f"umount -l /proc && exec {machine.DAEMON}",
-                check=True)
+    machine.run("unshare", "--mount", "bash", "-c", f"umount -l /proc && exec {machine.DAEMON}", check=True)
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
     after = machine.entries()
-    assert set(after) == set(before) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x",
-                                         "builtin-link-linked"}
+    assert set(after) == set(before) == {"builtin-f-tick", "builtin-f-same", "builtin-f-x", "builtin-link-linked"}
     for name in before:
         assert after[name]["startup"] == before[name]["startup"]
     assert not machine.exists(PERSISTENT_FILE + ".unreadable")
@@ -255,30 +268,29 @@ def test_without_proc_all_files_are_read(machine):
 
 # --- Read-only disks ----------------------------------------------------------------------------
 
+
 def test_a_start_from_a_disk_that_is_read_only(machine):
     machine.jobs("builtin-dyn", "f", [every_minute("x")])
-    machine.run("mount", "--bind", "/usr/kest/etc", "/usr/kest/etc", check=True,
-                env={"LD_PRELOAD": ""})
-    machine.run("mount", "-o", "remount,bind,ro", "/usr/kest/etc", check=True,
-                env={"LD_PRELOAD": ""})
+    machine.run("mount", "--bind", "/usr/kest/etc", "/usr/kest/etc", check=True, env={"LD_PRELOAD": ""})
+    machine.run("mount", "-o", "remount,bind,ro", "/usr/kest/etc", check=True, env={"LD_PRELOAD": ""})
     machine.start_and_wait()
     wait_for(lambda: len(machine.runs("builtin-dyn-f-x")) >= 2)
     assert machine.texts() == []
     machine.stop()
-    assert machine.texts() == [f"runtime config save failed ({PERSISTENT_FILE})",
-                               f"schedule template config save failed ({PERSISTENT_TEMPLATE})"]
+    assert machine.texts() == [
+        f"runtime config save failed ({PERSISTENT_FILE})",
+        f"schedule template config save failed ({PERSISTENT_TEMPLATE})",
+    ]
 
 
 @pytest.mark.parametrize("directory", ["/usr/kest/etc", "/run", "/tmp", "/var/log"])
 def test_a_disk_that_becomes_read_only(machine, directory):
-    machine.jobs("builtin", "f", [every_minute("tick", cmd="/usr/bin/touch /home/ran"),
-                                  never("x")])
+    machine.jobs("builtin", "f", [every_minute("tick", cmd="/usr/bin/touch /home/ran"), never("x")])
     machine.path("/home").mkdir(exist_ok=True)
     pid = machine.start_and_wait()
     machine.run("mount", "--bind", directory, directory, check=True, env={"LD_PRELOAD": ""})
     # Not while somebody has a file there open to write.
-    wait_for(lambda: machine.run("mount", "-o", "remount,bind,ro", directory,
-                                 env={"LD_PRELOAD": ""}).returncode == 0)
+    wait_for(lambda: machine.run("mount", "-o", "remount,bind,ro", directory, env={"LD_PRELOAD": ""}).returncode == 0)
     for _ in range(3):
         machine.path("/home/ran").unlink(missing_ok=True)
         wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
@@ -299,13 +311,15 @@ def test_a_disk_that_becomes_read_only(machine, directory):
 
 # --- Clocks -------------------------------------------------------------------------------------
 
+
 def stamps(machine):
     return [line[:25] for line in machine.log_lines()]
 
 
-@pytest.mark.parametrize("moment", [
-    "1970-01-01 00:00:30", "2038-01-19 03:13:30", "2106-02-07 06:27:30", "2400-02-29 23:58:30",
-    "9999-12-31 10:00:30"])
+@pytest.mark.parametrize(
+    "moment",
+    ["1970-01-01 00:00:30", "2038-01-19 03:13:30", "2106-02-07 06:27:30", "2400-02-29 23:58:30", "9999-12-31 10:00:30"],
+)
 def test_any_year(machine, moment):
     machine.jobs("builtin", "f", [every_minute("x"), never("over", assure_execute=1)])
     machine.clock(moment)
@@ -324,22 +338,26 @@ def test_any_year(machine, moment):
 def settable_clock(machine, moment, rate=60):
     """A clock that a test can set while programs run: it is a file that is read again each time."""
     machine.write("/run/clock", f"@{moment} x{rate}")
-    machine.environment.update(FAKETIME_TIMESTAMP_FILE="/run/clock", FAKETIME_NO_CACHE="1",
-                               FAKETIME_UPDATE_TIMESTAMP_FILE="0")
+    machine.environment.update(
+        FAKETIME_TIMESTAMP_FILE="/run/clock", FAKETIME_NO_CACHE="1", FAKETIME_UPDATE_TIMESTAMP_FILE="0"
+    )
     machine.environment.pop("FAKETIME", None)
 
 
-@pytest.mark.parametrize("jump", ["2026-06-02 04:10:10", "2026-06-02 00:10:10",
-                                  "1970-01-01 00:00:10", "2038-01-19 03:14:00",
-                                  "2106-02-07 06:28:00"])
+@pytest.mark.parametrize(
+    "jump",
+    ["2026-06-02 04:10:10", "2026-06-02 00:10:10", "1970-01-01 00:00:10", "2038-01-19 03:14:00", "2106-02-07 06:28:00"],
+)
 def test_a_clock_that_is_set(machine, jump):
     settable_clock(machine, "2026-06-02 02:10:10")
     machine.jobs("builtin", "f", [every_minute("x"), never("assured", assure_execute=1)])
     pid = machine.start_and_wait()
     wait_for(lambda: len(machine.log_lines()) >= 2)
     settable_clock(machine, jump)
-    wait_for(lambda: any(stamp.startswith(jump[:13].replace(" ", "T"))
-                         for stamp in stamps(machine)[-3:]), what="runs by the new clock")
+    wait_for(
+        lambda: any(stamp.startswith(jump[:13].replace(" ", "T")) for stamp in stamps(machine)[-3:]),
+        what="runs by the new clock",
+    )
     seen = len(machine.log_lines())
     wait_for(lambda: len(machine.log_lines()) >= seen + 3)
     assert machine.daemon_pid() == pid
@@ -357,8 +375,7 @@ def test_an_hour_that_does_not_come(machine, job, least, most):
     machine.clock("2026-03-29 01:50:10", zone="Europe/Berlin")
     machine.jobs("builtin", "f", [every_minute("x", crontab=job), every_minute("tick")])
     machine.start_and_wait()
-    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= 18
-             and len(machine.runs("builtin-f-x")) >= least)
+    wait_for(lambda: len(machine.runs("builtin-f-tick")) >= 18 and len(machine.runs("builtin-f-x")) >= least)
     assert {stamp[19:] for stamp in stamps(machine)} == {"+01:00", "+02:00"}
     assert len(machine.runs("builtin-f-x")) <= most
 
@@ -375,8 +392,11 @@ def test_an_hour_that_comes_twice(machine):
 
     def launches(job):
         """When its starts were that were launched in that hour."""
-        return [line[11:25] for line in machine.log_lines()
-                if f" running job: builtin-f-{job} " in line and " trig[25 02:" in line]
+        return [
+            line[11:25]
+            for line in machine.log_lines()
+            if f" running job: builtin-f-{job} " in line and " trig[25 02:" in line
+        ]
 
     assert {stamp[8:] for stamp in launches("x") if stamp < "03"} == {"+02:00", "+01:00"}
     # As often as the one that is always due, but that a minute may end between look and launch.
@@ -400,13 +420,13 @@ def test_a_zone_file_replaced_while_running(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     wait_for(machine.log_lines)
-    machine.write("/etc/localtime",
-                  machine.path("/usr/share/zoneinfo/Asia/Kathmandu").read_bytes())
+    machine.write("/etc/localtime", machine.path("/usr/share/zoneinfo/Asia/Kathmandu").read_bytes())
     wait_for(lambda: machine.log_lines()[-1][19:25] == "+05:45", what="the new zone")
     assert machine.texts() == []
 
 
 # --- Services that are away ---------------------------------------------------------------------
+
 
 def test_without_a_system_log(machine):
     machine.close_system_log()
@@ -424,8 +444,7 @@ def test_a_system_log_that_nobody_reads(machine):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as unread:
         unread.bind(str(machine.path("/dev/log")))
         # Far more messages than the socket takes.
-        machine.jobs("builtin", "f", [every_minute("x"),
-                                      *[never(f"bad{i}", period="yearly") for i in range(2000)]])
+        machine.jobs("builtin", "f", [every_minute("x"), *[never(f"bad{i}", period="yearly") for i in range(2000)]])
         machine.start_and_wait()
         wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
         pid = machine.daemon_pid()
@@ -445,6 +464,7 @@ def read_all(log, machine, wanted, seconds=30):
                 texts.append(Message(log.recv(1 << 20).decode()).plain())
         except BlockingIOError:
             return wanted in texts
+
     wait_for(more, seconds, wanted)
     return texts
 
@@ -454,8 +474,9 @@ def test_a_system_log_that_is_slow_gets_every_message_in_order(machine):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
         slow.bind(str(machine.path("/dev/log")))
         names = [f"bad{i:03}" for i in range(100)]
-        machine.jobs("builtin", "f", [every_minute("x"), *[every_minute(name, crontab=f"0 0 {name} * *")
-                                                           for name in names]])
+        machine.jobs(
+            "builtin", "f", [every_minute("x"), *[every_minute(name, crontab=f"0 0 {name} * *") for name in names]]
+        )
         machine.start_and_wait()
         wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
         machine.path(f"{SOURCES['builtin']}/f").unlink()
@@ -471,9 +492,11 @@ def test_a_system_log_is_told_what_is_missing(machine):
     machine.close_system_log()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
         slow.bind(str(machine.path("/dev/log")))
-        machine.jobs("builtin", "f", [every_minute("x"),
-                                      *[every_minute(f"bad{i}", crontab=f"0 0 bad{i} * *")
-                                        for i in range(1000)]])
+        machine.jobs(
+            "builtin",
+            "f",
+            [every_minute("x"), *[every_minute(f"bad{i}", crontab=f"0 0 bad{i} * *") for i in range(1000)]],
+        )
         started = time.monotonic()
         machine.start_and_wait()
         assert time.monotonic() - started < 30, "not half a second for each message"
@@ -514,8 +537,7 @@ def test_what_does_not_fit_into_the_system_log_is_cut(machine):
 
 
 def test_accounts_that_are_unknown_for_a_while(machine):
-    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice"),
-                              every_minute("tick")])
+    machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice"), every_minute("tick")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
     machine.path("/etc/passwd").rename(machine.path("/etc/passwd.away"))

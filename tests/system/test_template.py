@@ -22,33 +22,49 @@ def test_the_built_in_template(machine):
     drawn = document.pop("schedule")
     assert isinstance(document.pop("startup"), int)
     assert document == {
-        "config": {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab",
-                   "crontab": "~ ~ ~ ~ ~", "assure_execute": 0, "assure_execute_action": "wait",
-                   "run_on_passive": False},
-        "cmd_list": ["true"], "cmd_str": "true"}
+        "config": {
+            "name": "scheduleTemplate",
+            "user": "root",
+            "cmd": "true",
+            "period": "crontab",
+            "crontab": "~ ~ ~ ~ ~",
+            "assure_execute": 0,
+            "assure_execute_action": "wait",
+            "run_on_passive": False,
+        },
+        "cmd_list": ["true"],
+        "cmd_str": "true",
+    }
     bounds = {"Minute": (0, 59), "hour": (0, 23), "day": (1, 28), "month": (1, 12), "week": (0, 6)}
     for key, (low, high) in bounds.items():
-        value, = drawn[key]
+        (value,) = drawn[key]
         assert low <= value <= high
     assert machine.texts() == []
 
 
 def test_periods_share_the_draw(machine):
     machine.template(schedule={"Minute": [17], "hour": [3], "day": [9], "month": [5], "week": [2]})
-    machine.jobs("pkg", "f", [{"name": letter, "user": "root", "period": letter, "cmd": RECORD}
-                              for letter in "hdwm"])
+    machine.jobs("pkg", "f", [{"name": letter, "user": "root", "period": letter, "cmd": RECORD} for letter in "hdwm"])
     machine.start_and_wait()
     assert {letter: schedule(machine, f"pkg-f-{letter}") for letter in "hdwm"} == {
-        "h": [[17], [-1], [-1], [-1], [-1]], "d": [[17], [3], [-1], [-1], [-1]],
-        "w": [[17], [3], [-1], [-1], [2]], "m": [[17], [3], [9], [-1], [-1]]}
+        "h": [[17], [-1], [-1], [-1], [-1]],
+        "d": [[17], [3], [-1], [-1], [-1]],
+        "w": [[17], [3], [-1], [-1], [2]],
+        "m": [[17], [3], [9], [-1], [-1]],
+    }
 
 
 def test_ranges_share_the_draw_where_it_fits(machine):
     machine.template(schedule={"Minute": [17], "hour": [3], "day": [30], "month": [5], "week": [2]})
-    machine.jobs("pkg", "f", [
-        every_minute("fits", crontab="10~17 3~9 25~31 5~5 ~"),
-        every_minute("fits not", crontab="18~19 0~2 ~ 6~6 3~3"),
-        every_minute("items", crontab="1,~,5~20,*,17,40~41 * * * *")])
+    machine.jobs(
+        "pkg",
+        "f",
+        [
+            every_minute("fits", crontab="10~17 3~9 25~31 5~5 ~"),
+            every_minute("fits not", crontab="18~19 0~2 ~ 6~6 3~3"),
+            every_minute("items", crontab="1,~,5~20,*,17,40~41 * * * *"),
+        ],
+    )
     machine.start_and_wait()
     assert schedule(machine, "pkg-f-fits") == [[17], [3], [30], [5], [2]]
     minute, hour, day, month, week = schedule(machine, "pkg-f-fits not")
@@ -59,12 +75,10 @@ def test_ranges_share_the_draw_where_it_fits(machine):
 
 
 def test_a_template_with_several_values_is_not_shared(machine):
-    machine.template(schedule={"Minute": [17, 17], "hour": [], "day": [99], "month": ["5"],
-                               "week": 2})
+    machine.template(schedule={"Minute": [17, 17], "hour": [], "day": [99], "month": ["5"], "week": 2})
     machine.jobs("pkg", "f", [every_minute(f"j{i:02}", crontab="~ ~ ~ ~ ~") for i in range(40)])
     machine.start_and_wait()
-    for column, values in enumerate(zip(*(schedule(machine, f"pkg-f-j{i:02}")
-                                          for i in range(40)))):
+    for column, values in enumerate(zip(*(schedule(machine, f"pkg-f-j{i:02}") for i in range(40)))):
         assert len(set(map(tuple, values))) > 1, FIELDS[column]
 
 
@@ -80,8 +94,7 @@ def test_a_fixed_template_pins_the_jobs(machine):
     assert template(machine)["schedule"]["Minute"] == [0]
 
 
-@pytest.mark.parametrize("max_delay,kept", [(0, 0), (200, 200), (301, 301), (2**31 - 1, 2**31 - 1),
-                                            (5.0, 5)])
+@pytest.mark.parametrize("max_delay,kept", [(0, 0), (200, 200), (301, 301), (2**31 - 1, 2**31 - 1), (5.0, 5)])
 def test_maxdelay_is_kept(machine, max_delay, kept):
     machine.template(maxDelay=max_delay)
     machine.start_and_wait()
@@ -107,23 +120,44 @@ def test_a_restart_keeps_the_draw(machine):
     assert template(machine) == before
 
 
-@pytest.mark.parametrize("content,texts", [
-    ("", []), ("{", []), ("[" * 100000, []),
-    ("{}", ['Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err=',
-            "crontab format error", "Failed to parse schedule template from "
-            "[/usr/kest/etc/kestcrond.st.config]"]),
-    ("[]", ['Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err=',
-            "crontab format error", "Failed to parse schedule template from "
-            "[/usr/kest/etc/kestcrond.st.config]"]),
-    (json.dumps({"maxDelay": 7, "config": never("t", period="yearly")}), [
-        "error period", "parse error", "Failed to parse schedule template from "
-        "[/usr/kest/etc/kestcrond.st.config]"])], ids=lambda value: str(value)[:9])
+@pytest.mark.parametrize(
+    "content,texts",
+    [
+        ("", []),
+        ("{", []),
+        ("[" * 100000, []),
+        (
+            "{}",
+            [
+                'Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err=',
+                "crontab format error",
+                "Failed to parse schedule template from " "[/usr/kest/etc/kestcrond.st.config]",
+            ],
+        ),
+        (
+            "[]",
+            [
+                'Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err=',
+                "crontab format error",
+                "Failed to parse schedule template from " "[/usr/kest/etc/kestcrond.st.config]",
+            ],
+        ),
+        (
+            json.dumps({"maxDelay": 7, "config": never("t", period="yearly")}),
+            [
+                "error period",
+                "parse error",
+                "Failed to parse schedule template from " "[/usr/kest/etc/kestcrond.st.config]",
+            ],
+        ),
+    ],
+    ids=lambda value: str(value)[:9],
+)
 def test_a_broken_file_leaves_the_built_in_template(machine, content, texts):
     machine.write(PERSISTENT_TEMPLATE, content)
     machine.start_and_wait()
     said = machine.texts()
-    assert said.pop() == ("schedule template config load failed "
-                          "(/usr/kest/etc/kestcrond.st.config)")
+    assert said.pop() == ("schedule template config load failed " "(/usr/kest/etc/kestcrond.st.config)")
     assert len(said) == len(texts)
     assert all(text.startswith(expected) for text, expected in zip(said, texts))
     assert template(machine)["config"]["name"] == "scheduleTemplate"
@@ -145,17 +179,25 @@ def test_a_job_without_values_is_never_due(machine):
     assert machine.runs("pkg-f-x") == []
 
 
-@pytest.mark.parametrize("crontab,due", [
-    ("10~29 2 * * *", True), ("10~29 3 * * *", False), ("* * 2 6 2", True),
-    ("* * 2 * 1", False), ("* * 3 * 2", False), ("* * * 5 *", False), ("* * * * 2,3", True)])
+@pytest.mark.parametrize(
+    "crontab,due",
+    [
+        ("10~29 2 * * *", True),
+        ("10~29 3 * * *", False),
+        ("* * 2 6 2", True),
+        ("* * 2 * 1", False),
+        ("* * 3 * 2", False),
+        ("* * * 5 *", False),
+        ("* * * * 2,3", True),
+    ],
+)
 def test_all_fields_must_match(machine, crontab, due):
     machine.template(maxDelay=0, schedule=machine.drawn())
     if "~" in crontab:
         crontab = crontab.replace("10~29", ",".join(map(str, range(10, 30))))
     machine.jobs("pkg", "f", [every_minute("x", crontab=crontab), every_minute("tick")])
     machine.start_and_wait()
-    wait_for(lambda: len(machine.runs("pkg-f-tick")) >= 3
-             and (not due or machine.runs("pkg-f-x")))
+    wait_for(lambda: len(machine.runs("pkg-f-tick")) >= 3 and (not due or machine.runs("pkg-f-x")))
     assert bool(machine.runs("pkg-f-x")) == due
     if due:
         expected = crontab.replace("*", "-1")

@@ -84,10 +84,8 @@ def test_a_file_that_is_still_being_written_reloads(machine):
 def watches(machine):
     """The masks of what the daemon watches."""
     pid = machine.daemon_pid()
-    infos = [machine.read(f"/proc/{pid}/fdinfo/{entry.name}")
-             for entry in machine.proc(pid, "fdinfo").iterdir()]
-    return [int(mask, 16) for info in infos for mask in re.findall(r"^inotify .* mask:(\w+)", info,
-                                                                  re.MULTILINE)]
+    infos = [machine.read(f"/proc/{pid}/fdinfo/{entry.name}") for entry in machine.proc(pid, "fdinfo").iterdir()]
+    return [int(mask, 16) for info in infos for mask in re.findall(r"^inotify .* mask:(\w+)", info, re.MULTILINE)]
 
 
 def test_what_is_watched(machine):
@@ -96,8 +94,17 @@ def test_what_is_watched(machine):
     machine.path(TOP + "/nobody").mkdir()
     os.chown(machine.path(TOP + "/nobody"), 4711, 4711)
     machine.start_and_wait()
-    changes = (IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE
-               | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF)
+    changes = (
+        IN_MODIFY
+        | IN_ATTRIB
+        | IN_CLOSE_WRITE
+        | IN_MOVED_FROM
+        | IN_MOVED_TO
+        | IN_CREATE
+        | IN_DELETE
+        | IN_DELETE_SELF
+        | IN_MOVE_SELF
+    )
     assert [mask & 0xFFF for mask in watches(machine)] == [changes] * 3
     before = machine.loads()
     machine.path(TOP + "/alice").rename(machine.path("/usr/local/etc/alice"))
@@ -126,8 +133,9 @@ def test_a_source_that_was_moved_away_is_not_watched(machine):
 def triggers(machine):
     """When the cycles were that launched the job, in order."""
     found = re.findall(r"^(\S{8}).* trig\[(\d\d) ([\d:]+)\]", "\n".join(machine.log_lines()), re.M)
-    return sorted(datetime.datetime.fromisoformat(f"{month}{day}T{time}+00:00").timestamp()
-                  for month, day, time in found)
+    return sorted(
+        datetime.datetime.fromisoformat(f"{month}{day}T{time}+00:00").timestamp() for month, day, time in found
+    )
 
 
 def test_the_cycle_after_a_change_comes_at_once(machine):
@@ -193,14 +201,17 @@ def test_a_burst_of_changes(machine):
 
 
 def test_more_accounts_than_watches(machine):
-    machine.run("bash", "-c", f"mkdir -p {TOP}/a{{0001..1100}}; chmod 755 {TOP}; "
-                f"chown alice {TOP}/a*", check=True, env={"LD_PRELOAD": ""})
+    machine.run(
+        "bash",
+        "-c",
+        f"mkdir -p {TOP}/a{{0001..1100}}; chmod 755 {TOP}; " f"chown alice {TOP}/a*",
+        check=True,
+        env={"LD_PRELOAD": ""},
+    )
     for name in ("a0001", "a1023", "a1024", "a1100"):
-        machine.write(f"{TOP}/{name}/{name}", '[{"name":"x","user":"","period":"m",'
-                      '"cmd":"/usr/bin/true"}]')
+        machine.write(f"{TOP}/{name}/{name}", '[{"name":"x","user":"","period":"m",' '"cmd":"/usr/bin/true"}]')
     machine.start_and_wait()
-    assert set(machine.entries()) == {"builtin-clock-tick", "pkg_nonroot-alice-a0001-x",
-                                      "pkg_nonroot-alice-a1023-x"}
+    assert set(machine.entries()) == {"builtin-clock-tick", "pkg_nonroot-alice-a0001-x", "pkg_nonroot-alice-a1023-x"}
     texts = wait_for(lambda: len(texts := machine.texts()) >= 2 * 77 and texts, what="all messages")
     assert texts[:2] == [f"Failed to listen {TOP}/a1024", f"Failed to register {TOP}/a1024"]
     assert len(texts) == 2 * 77
