@@ -6,8 +6,8 @@
 //     present jobs. Nothing is launched.
 //   - An evaluation cycle otherwise. Each job whose schedule matches the local minute gets its
 //     "expireTime". Each job is then in one of six states (core/job_state.h), and those that are to
-//     be launched are, in name order, with growing delays. In minute 0 the random fields are drawn
-//     anew. Last, the watched directories are asked for changes, which request a reload.
+//     be launched are, in name order, with growing delays. In minute 0 the random fields are
+//     redrawn. Last, the watched directories are asked for changes, which request a reload.
 //
 // Who writes what: the signal handler sets `stopRequested` or `reloadRequested`, and `sleepSeconds`
 // to 0; so does PollChanges for a reload. ReloadJobs clears `reloadRequested`. Each cycle sets
