@@ -3,6 +3,7 @@
 #include "base/descriptor.h"
 #include "base/json_members.h"
 #include "base/json_text.h"
+#include "core/job_files.h"
 #include "core/job_state.h"
 #include "core/runtime_document.h"
 #include "job/cronjob.h"

@@ -6,6 +6,7 @@
 
 #include "base/json_members.h"
 #include "base/json_text.h"
+#include "core/job_files.h"
 #include "job/definition.h"
 #include "tests/fuzz/support/checks.h"
 
