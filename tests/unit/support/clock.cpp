@@ -26,14 +26,20 @@ void FixedClock::Set(std::int64_t now) {
     FixedTime() = now;
 }
 
+} // namespace kest
+
+// Global: on 32-bit machines the C library's declaration gives the function its name for 64-bit
+// time.
 extern "C" time_t time(time_t *timer) noexcept {
     timespec real{};
     clock_gettime(CLOCK_REALTIME, &real);
-    const time_t now = FixedTime() ? time_t{*FixedTime()} : real.tv_sec;
+    const time_t now = kest::FixedTime() ? time_t{*kest::FixedTime()} : real.tv_sec;
     if (timer != nullptr)
         *timer = now;
     return now;
 }
+
+namespace kest {
 
 LocalZone::LocalZone(const std::string &name) {
     if (const char *zone = std::getenv("TZ"))
