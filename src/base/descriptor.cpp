@@ -39,7 +39,7 @@ void Descriptor::Close() {
 
 namespace {
 
-constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC; // a lease is not waited for either
+constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC; // does not wait for a lease either
 
 // Opens the object at the resolved `path` and follows no further link: an account that could
 // replace the file meanwhile can place a device there only by a link.
@@ -57,9 +57,9 @@ Descriptor OpenResolved(const std::string &path) {
     return file;
 }
 
-// Opens the file at `path`, which must be the one with this status. What is looked up in a
-// directory is read with the rights of that directory's account, which could open anything it leads
-// to itself.
+// Opens the file at `path`, which must be the one with this status. Entries of an account directory
+// are opened with the rights of the account, so an entry that the account replaces gives it access
+// to no other file.
 Descriptor OpenAgain(int directory, const std::string &path, const struct stat &status) {
     Descriptor file = directory == AT_FDCWD
                           ? OpenResolved(path)
@@ -73,7 +73,7 @@ Descriptor OpenAgain(int directory, const std::string &path, const struct stat &
     return {};
 }
 
-// Opens for reading the regular file that `named` stands for and `path` led to.
+// Opens for reading the regular file that `named` refers to and that was found at `path`.
 Descriptor Reopen(const Descriptor &named, const struct stat &status, int directory,
                   const std::string &path) {
     const int error = errno;
@@ -156,8 +156,8 @@ fd_set SelectSetOf(int fd) {
 }
 
 void CloseInheritedDescriptors(int kept) {
-    // The system log's connection would be closed behind the C library's back, which would then
-    // write messages into whatever file gets the number next.
+    // Otherwise the C library would not notice that its connection to the system log is closed, and
+    // would write messages to the next file that gets the descriptor number.
     closelog();
     const ErrnoGuard error;
     const auto first = static_cast<unsigned>(STDERR_FILENO + 1);

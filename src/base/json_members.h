@@ -1,4 +1,4 @@
-// Reads members of foreign JSON. No function here throws or inserts anything, except ObjectMember.
+// Reads members of untrusted JSON. No function except ObjectMember throws or inserts members.
 
 #ifndef BASE_JSON_MEMBERS_H
 #define BASE_JSON_MEMBERS_H

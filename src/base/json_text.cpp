@@ -13,7 +13,7 @@ namespace {
 
 // An array is put into one line when that is shorter than this, brackets included.
 constexpr std::size_t kLineLength = 74;
-// The writer takes no value for shorter than this, separator included.
+// The writer assumes at least this length for each value, separator included.
 constexpr std::size_t kShortestElement = 3;
 
 bool HasMembers(std::int32_t /*number*/) {
@@ -50,7 +50,7 @@ bool IsAscii(char character) {
     return static_cast<unsigned char>(character) < 0x80;
 }
 
-// The library's own writer decides what becomes of bytes that are not UTF-8: its versions differ.
+// For bytes that are not UTF-8, which the versions of the library's writer treat differently.
 std::string QuotedByLibrary(std::string_view text) {
     static const std::unique_ptr<Json::StreamWriter> writer(
         Json::StreamWriterBuilder().newStreamWriter());
@@ -59,7 +59,7 @@ std::string QuotedByLibrary(std::string_view text) {
     return quoted.str();
 }
 
-// By a table, because every byte of every name and text is asked for.
+// Uses a table, because it is called for every byte of every name and text.
 constexpr auto kNeedsEscape = [] {
     std::array<bool, 256> needs{};
     for (std::size_t code = 0; code < needs.size(); ++code)

@@ -17,7 +17,7 @@ bool IsProcessOfRoot(pid_t pid) {
     std::string status;
     if (!file || !ReadAll(file.Get(), most, status))
         return false;
-    // The name, which may hold anything but a newline that is written as one, stands before it.
+    // The command name precedes this text but cannot contain it: its newlines are escaped.
     return status.find("\nUid:\t0\t0\t0\t") != std::string::npos;
 }
 

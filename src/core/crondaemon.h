@@ -5,14 +5,14 @@
 //   - A reload cycle, when one was requested: all job files are read again and applied to the
 //     present jobs. Nothing is launched.
 //   - An evaluation cycle otherwise. Each job whose schedule matches the local minute gets its
-//     "expireTime". Each job is then in one of six states (core/job_state.h), and those that are to
-//     be launched are, in name order, with growing delays. In minute 0 the random fields are
-//     redrawn. Last, the watched directories are asked for changes, which request a reload.
+//     "expireTime". Each job is then in one of six states (core/job_state.h). Jobs in a launch
+//     state are launched in name order, with growing delays. In minute 0 the random fields are
+//     redrawn. Last, the watched directories are checked for changes, which request a reload.
 //
 // Who writes what: the signal handler sets `stopRequested` or `reloadRequested`, and `sleepSeconds`
-// to 0; so does PollChanges for a reload. ReloadJobs clears `reloadRequested`. Each cycle sets
-// `sleepSeconds` to 60. No signal slips past the wait at the end of a cycle. A job's "expireTime"
-// is set by its due check and cleared by its launch.
+// to 0; so do PollChanges and RegenerateOnTimeChange for a reload. ReloadJobs clears
+// `reloadRequested`. Each cycle sets `sleepSeconds` to 60. No signal is missed by the wait at the
+// end of a cycle. A job's "expireTime" is set by its due check and cleared by its launch.
 //
 // The jobs' documents, keyed by full job name, are the runtime document. It is rewritten whenever
 // the jobs or their schedules change, and kept over a restart by the shutdown save alone.

@@ -12,9 +12,9 @@ namespace kest {
 // Computed for every job in every cycle and never stored. The numbers are significant.
 enum class JobState : std::int32_t {
     NotReady = 0,
-    NotRunOnPassive = 1,   // the machine is passive and the job is not for passive machines
+    NotRunOnPassive = 1,   // the machine is passive, and the job does not have "run_on_passive"
     AssureExecuteWait = 2, // overdue, but the machine is held and the job waits for its release
-    Ready = 3,             // its schedule has come
+    Ready = 3,             // due
     AssureExecute = 4,     // overdue
     AssureExecuteRun = 5   // overdue, and run although the machine is held
 };
@@ -24,7 +24,7 @@ struct StateInput {
     bool passiveMode = false;
     bool runOnPassive = false;
     bool held = false;
-    std::int64_t expireTime = 0; // not 0: the schedule has come
+    std::int64_t expireTime = 0; // not 0: the job is due
     bool overdue = false;
     std::int32_t assureRun = 0;
 };

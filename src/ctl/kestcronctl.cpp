@@ -53,7 +53,7 @@ using Command = std::function<int(const Context &)>;
 class Parser {
 public:
     Parser() {
-        app_.add_option("--root", options_.root, "Use another system, whose files are below DIR")
+        app_.add_option("--root", options_.root, "Read another system, whose files are below DIR")
             ->type_name("DIR");
         app_.add_flag("--json", options_.json, "Print JSON");
         app_.set_version_flag("--version", std::string("kestcronctl ") + KESTCROND_VERSION);
@@ -205,7 +205,7 @@ private:
 
 int Execute(const Parser &parser) {
     const Options &options = parser.GetOptions();
-    // Following a log has no end, and takes little time for each line.
+    // The time of log --follow is not limited, because it has no end.
     if (!options.root.empty() && !options.log.follow)
         LimitTime(kUsage);
     const Context context{Appliance(options.root), DetectScreen(), options.json,
@@ -226,7 +226,7 @@ int RunTool(int argc, char *argv[]) {
         return Execute(parser);
     } catch (const std::bad_alloc &) {
         std::cout.flush();
-        std::cerr << "kestcronctl: out of memory, or over the limit for another system\n";
+        std::cerr << "kestcronctl: out of memory; the memory for --root is limited\n";
         return kUsage;
     } catch (const std::exception &error) {
         std::cout.flush();

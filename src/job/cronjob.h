@@ -1,9 +1,9 @@
 // One job: its document, its schedule, its account, its program and its start.
 //
 // A job document is a JSON object. Its "config" is the definition as the author wrote it, with the
-// defaults filled in; beside it stand what the system derives and remembers: "startup", "cmd_list",
-// "cmd_str", "schedule", "lastExecution", "expireTime". Documents come from job files and from our
-// own files, and neither is trusted: bad content leaves an invalid job, never an exception.
+// defaults filled in. The daemon adds "startup", "cmd_list", "cmd_str", "schedule", "lastExecution"
+// and "expireTime". Documents are read from job files and from the daemon's own files. Neither is
+// trusted: invalid content gives an invalid job, never an exception.
 
 #ifndef JOB_CRONJOB_H
 #define JOB_CRONJOB_H
@@ -164,8 +164,8 @@ private:
         false; // whether the document has the member as an integer that the daemon wrote
     bool hasLastExecution_ = false; // the same
 
-    // What every cycle reads lies together: after a minute of other programs, each cache line has
-    // to be fetched again.
+    // The members that every cycle reads are adjacent: after a minute of other programs, each cache
+    // line must be fetched again.
     std::int64_t expireTime_ = 0;
     std::int64_t lastRun_ = 0; // "lastExecution", or "startup" without one
     Schedule schedule_;
@@ -197,8 +197,8 @@ using KnownAccounts = std::map<std::string, JobUser>;
 // The account of the definition `config`; invalid, with a message, when it does not exist.
 JobUser ResolveJobUser(const Json::Value &config);
 
-// That of `job`. What is among `accounts` is not looked up again, and every look-up is added to
-// them, failed ones too.
+// The same for the definition of `job`. `accounts` caches the results of look-ups, failures
+// included.
 JobUser ResolveJobUser(const CronJob &job, KnownAccounts &accounts);
 
 // Whether the job's program could be staged.
@@ -210,10 +210,10 @@ enum class StagingResult : unsigned char {
 };
 
 // Copies the job's program into the runtime directory under the full job name, gives the copy to
-// the job's account with mode 0700, and points the job at it. Nothing outside that directory
-// changes: a program that is a link stays one, and what it links to keeps owner and mode. The
-// program of a job from an account's own directory is copied with the account's rights. What fails
-// is reported, and the job may then not be admitted.
+// the job's account with mode 0700, and marks the job as staged. Nothing outside that directory
+// changes: a link is copied as a link, and its target keeps its owner and mode. The program of a
+// job in an account directory is copied with the rights of the account. Reports failures; the
+// result states whether the job has to be dropped.
 StagingResult MoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging);
 
 // The job that is never run: each field of its schedule is the draw that all jobs share.
@@ -228,7 +228,7 @@ public:
     std::int32_t maxDelay = kDefaultMaxDelay;
 };
 
-// Makes `scheduleTemplate` the built-in one, drawn afresh.
+// Replaces `scheduleTemplate` by the built-in template with a new draw.
 void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate);
 
 // Replaces `scheduleTemplate` by the one in `document`, its stored draw included. Returns false and
@@ -237,8 +237,8 @@ void MakeDefaultScheduleTemplate(ScheduleTemplate &scheduleTemplate);
 bool TakeScheduleTemplate(ScheduleTemplate &scheduleTemplate, Json::Value document,
                           std::vector<DefinitionFault> &faults);
 
-// The same with what is in the file `path`. A file that cannot be read changes nothing either; what
-// keeps its job from being valid is reported.
+// The same for the document in the file `path`. A file that cannot be read changes nothing either.
+// Reports the first fault of an invalid definition.
 bool LoadScheduleTemplate(ScheduleTemplate &scheduleTemplate, const std::string &path);
 
 // Writes the template to the file `path`, "maxDelay" only when it is not the default. Returns

@@ -13,7 +13,7 @@ void NoteThatTimeIsUp(int /*number*/) {
 } // namespace
 
 CallDeadline::CallDeadline(timeval most) {
-    constexpr timeval again{0, 1000}; // the call may begin to wait a moment after the time is over
+    constexpr timeval again{0, 1000}; // the call may block just after the deadline
     struct sigaction interrupt {};
     interrupt.sa_handler = NoteThatTimeIsUp; // without SA_RESTART
     sigaction(SIGALRM, &interrupt, &action_);
@@ -42,7 +42,7 @@ bool CallDeadline::IsOver() const {
 timeval CallDeadline::Left() const {
     itimerval timer{};
     getitimer(ITIMER_REAL, &timer);
-    // Asked last: a timer that has run off has been set again.
+    // Checked last: a timer that has expired has been restarted.
     return timeIsUp != 0 ? timeval{} : timer.it_value;
 }
 

@@ -456,7 +456,7 @@ def test_messages_lead_to_the_source(machine):
     assert '"Daemon is running"' in line
 
 
-def test_messages_do_not_tell_errors_of_things_that_went_well(machine):
+def test_messages_contain_no_stale_errors(machine):
     machine.jobs("builtin", "f", [never("x", period="yearly")])
     machine.start_and_wait()
     machine.reload()

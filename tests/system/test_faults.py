@@ -248,7 +248,7 @@ def test_a_log_that_cannot_be_written(machine, tick, fault):
     wait_for(lambda: not machine.exists(STAGING), what="the end of a flush")
 
 
-def test_a_failure_that_the_log_has_no_room_for(machine):
+def test_a_failure_line_that_the_log_cannot_take(machine):
     machine.write("/usr/local/bin/odd", "", 0o755)
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice", cmd="/usr/local/bin/odd")])
     machine.start_with_faults("write:error=ENOSPC:when=2", path=LOG_FILE)

@@ -80,7 +80,7 @@ def code_paths():
     return {text for text in code_strings() if re.fullmatch(r"/[a-z][\w./-]*", text)}
 
 
-def test_every_path_of_the_code_is_told():
+def test_the_manuals_name_every_path_of_the_code():
     paths = code_paths()
     assert len(paths) >= 15
     # Where a path may be named, so that "/dev" is not found in "/dev/null".
@@ -227,7 +227,7 @@ def test_fixed_words_of_messages():
     ] == []
 
 
-def test_lines_of_the_execution_log_that_tell_of_failures():
+def test_failure_lines_of_the_execution_log():
     told = [one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M) if "ERROR" in one]
     text = CODE["job/cronjob.start.cpp"]
     steps = set(re.findall(r'report\("(\w+)"\)', text))
@@ -345,7 +345,7 @@ def test_what_is_said_of_fields_and_periods():
         (r"quota of (\d+) MiB of job files", "core/job_files.h", r" bytes = std::size_t\{(1)\} << 20"),
         (r"counts as (\d+) KiB at least", "core/job_files.h", r"kLeastCharge = (1)024"),
         (r"quota of (\d+) MiB in the runtime", "core/job_files.h", r"Bytes = std::size_t\{(4)\} << 20"),
-        (r"waited for (\d+) seconds, and its", "core/account_files.cpp", r"timeout = (\d+);"),
+        (r"takes longer than (\d+) seconds, the jobs", "core/account_files.cpp", r"timeout = (\d+);"),
         (r"at most (\d+) levels", "core/job_files.h", r"<< 20, (\d+)\}"),
         (r"sleeps for (\d+) seconds; a signal", "core/crondaemon.cpp", r"kCycleSeconds = (\d+)"),
         (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)"),

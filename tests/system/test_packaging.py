@@ -446,7 +446,7 @@ def declared(header):
         yield re.sub(r"\s+", " ", f"{result}{whole}({arguments})").replace(" = nullptr", "")
 
 
-def test_porting_tells_every_call():
+def test_porting_lists_every_call():
     """Exactly what a maker provides, as it is declared."""
     guide = (TOP / "docs/porting.md").read_text()
     calls = [call for header in HEADERS for call in declared(header)]

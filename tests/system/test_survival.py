@@ -439,7 +439,7 @@ def test_without_a_system_log(machine):
     machine.stop()
 
 
-def test_a_system_log_that_nobody_reads(machine):
+def test_a_blocked_system_log(machine):
     machine.close_system_log()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as unread:
         unread.bind(str(machine.path("/dev/log")))
@@ -488,7 +488,7 @@ def test_a_system_log_that_is_slow_gets_every_message_in_order(machine):
     assert not any("are lost" in text for text in texts)
 
 
-def test_a_system_log_is_told_what_is_missing(machine):
+def test_missing_messages_are_counted(machine):
     machine.close_system_log()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
         slow.bind(str(machine.path("/dev/log")))

@@ -15,7 +15,7 @@
 
 namespace kest::ctl {
 
-// One job as the daemon knows it.
+// A job with its present state.
 struct LiveJob {
     std::string name;
     CronJob job;             // updated with the last run in the execution log

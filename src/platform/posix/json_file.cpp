@@ -143,8 +143,8 @@ bool ReplaceFile(const std::string &fresh, const std::string &target, const Writ
     return false;
 }
 
-// Whether a file cannot be replaced where it stands, although it may be written: it is a mount
-// point, its directory is read-only, or a new one cannot be given to the owner of the old one.
+// Whether the error prevents a file from being replaced but not from being overwritten: it is a
+// mount point, its directory is read-only, or the new file cannot get the owner of the old one.
 bool IsForGood(int error) {
     return error == EBUSY || error == EROFS || error == EACCES || error == EPERM || error == EXDEV;
 }

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char *kStatusFile = "/var/run/kestvorld.status";
 
-// Whether `path` is a directory; errno is ENOTDIR when something else stands there.
+// Whether `path` is a directory; errno is ENOTDIR when another object exists there.
 bool IsDirectory(const char *path) {
     struct stat status {};
     if (stat(path, &status) == -1)

@@ -4,7 +4,7 @@ namespace KESTUtils {
 
 std::vector<std::string> StringExplode(const std::string &text, const std::string &separator) {
     std::vector<std::string> pieces;
-    pieces.reserve(5); // as many as there are mostly
+    pieces.reserve(5); // the fields of an expression
     std::string::size_type start = 0;
     for (;;) {
         const auto end = text.find(separator, start);
