@@ -13,16 +13,16 @@ namespace kest {
 // During the lifetime of an object, children that end can be waited for even though the program
 // ignores SIGCHLD, so that their pids are not reused. The destructor restores the disposition of
 // SIGCHLD and reaps the children that ended meanwhile, as ignoring the signal would have done.
-class ExitStatusesKept {
+class ChildStatusGuard {
 public:
-    ExitStatusesKept() {
+    ChildStatusGuard() {
         sigaction(SIGCHLD, nullptr, &before_);
         if (Ignored())
             signal(SIGCHLD, SIG_DFL);
     }
-    ExitStatusesKept(const ExitStatusesKept &) = delete;
-    ExitStatusesKept &operator=(const ExitStatusesKept &) = delete;
-    ~ExitStatusesKept() {
+    ChildStatusGuard(const ChildStatusGuard &) = delete;
+    ChildStatusGuard &operator=(const ChildStatusGuard &) = delete;
+    ~ChildStatusGuard() {
         if (!Ignored())
             return;
         const ErrnoGuard errnoGuard;

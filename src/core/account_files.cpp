@@ -25,7 +25,7 @@
 
 namespace kest {
 
-Descriptor OpenForNaming(const std::string &path) {
+Descriptor OpenPath(const std::string &path) {
     return Descriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
 }
 
@@ -238,7 +238,7 @@ AccountReading ReadAsAccount(int directory, const JobUser &account, const Accoun
         return AccountReading::Failed;
     const Descriptor ours(ends[0]);
     Descriptor theirs(ends[1]);
-    const ExitStatusesKept statuses;
+    const ChildStatusGuard statuses;
     const pid_t parent = getpid();
     const pid_t reader = fork();
     if (reader == 0)
@@ -246,7 +246,7 @@ AccountReading ReadAsAccount(int directory, const JobUser &account, const Accoun
     theirs.Close();
     if (reader == -1 || !AwaitReader(ours.Get(), reader))
         return AccountReading::Failed;
-    return TakeReading(memory.Content(), quota, files);
+    return ParseRecord(memory.Content(), quota, files);
 }
 
 } // namespace kest

@@ -19,7 +19,7 @@ namespace kest {
 
 // Opens the object at `path` as a reference only (O_PATH): devices and pipes are not opened. On
 // failure, returns an empty descriptor with errno set.
-Descriptor OpenForNaming(const std::string &path);
+Descriptor OpenPath(const std::string &path);
 
 // Whether `path` is a symbolic link. errno is unchanged.
 bool IsLink(const std::string &path);
@@ -61,7 +61,7 @@ enum class AccountReading {
     Failed     // or it took longer than ten seconds
 };
 
-// Lists the entries of `directory`, a descriptor from OpenForNaming, within the remaining `quota`
+// Lists the entries of `directory`, a descriptor from OpenPath, within the remaining `quota`
 // of the account. Returns false with errno set on failure.
 bool ListAccountFiles(int directory, const AccountQuota &quota, AccountFiles &files);
 

@@ -87,7 +87,7 @@ bool TakeFiles(std::string_view record, const AccountQuota &quota, AccountFiles 
 
 } // namespace
 
-AccountReading TakeReading(std::string_view record, const AccountQuota &quota,
+AccountReading ParseRecord(std::string_view record, const AccountQuota &quota,
                            AccountFiles &files) {
     std::uint64_t reading = 0;
     std::uint64_t error = 0;

@@ -27,7 +27,7 @@ std::string RecordOf(AccountReading reading, int error, const AccountFiles &file
 
 // Parses a record; bytes after it are ignored. The process that wrote it is not trusted, so the
 // record is checked against `quota`. Returns Failed with errno set for an invalid record.
-AccountReading TakeReading(std::string_view record, const AccountQuota &quota, AccountFiles &files);
+AccountReading ParseRecord(std::string_view record, const AccountQuota &quota, AccountFiles &files);
 
 } // namespace kest
 

@@ -54,7 +54,7 @@ bool CronDaemon::Init(bool passive) {
         return false;
     JobSet jobSet = LoadSources();
     LoadTemplate(kPersistentTemplateFile);
-    if (gaveUpLoad)
+    if (loadCancelled)
         return true;
     ApplyToSaved(PersistedDocument(), std::move(jobSet));
     FinishLoad();
@@ -74,18 +74,18 @@ namespace {
 
 // Blocks the daemon's signals during the lifetime of an object. Pass Before() to a call that they
 // may interrupt.
-class SignalsHeldBack {
+class SignalBlock {
 public:
-    SignalsHeldBack() {
+    SignalBlock() {
         sigset_t signals;
         sigemptyset(&signals);
         for (const int number : {SIGHUP, SIGINT, SIGTERM})
             sigaddset(&signals, number);
         sigprocmask(SIG_BLOCK, &signals, &before_);
     }
-    SignalsHeldBack(const SignalsHeldBack &) = delete;
-    SignalsHeldBack &operator=(const SignalsHeldBack &) = delete;
-    ~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    SignalBlock(const SignalBlock &) = delete;
+    SignalBlock &operator=(const SignalBlock &) = delete;
+    ~SignalBlock() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
     const sigset_t &Before() const { return before_; }
 
@@ -117,7 +117,7 @@ timespec LeftOf(std::int32_t seconds, const timespec &start) {
 // the cycle has set the time to sleep to 0; a later one interrupts the call.
 void CronDaemon::WaitForNextCycle() const {
     const ErrnoGuard errnoGuard;
-    const SignalsHeldBack signals;
+    const SignalBlock signals;
     const timespec start = MonotonicTime();
     for (int ready = 1; ready > 0 && sleepSeconds != 0;) {
         // Messages that the system log did not accept are sent as soon as it does.
@@ -188,7 +188,7 @@ void CronDaemon::ReloadJobs() {
     RemoveAllWatches();
     ForgetChanges();
     JobSet jobSet = LoadSources();
-    if (gaveUpLoad)
+    if (loadCancelled)
         return;
     ApplyToLive(std::move(jobSet));
     FinishLoad();
@@ -231,7 +231,7 @@ void CronDaemon::LaunchJob(CronJob &job, const LaunchDetails &details) {
     if (IsOfAccountDirectory(name)) {
         const std::string account = job.Account().value_or("");
         const std::int64_t now = WaitingStarts::Now();
-        if (details.delay > 0 && !waitingStarts.HasPlace(account, now)) {
+        if (details.delay > 0 && !waitingStarts.MayWait(account, now)) {
             job.RefuseLaunch();
             return;
         }

@@ -138,9 +138,9 @@ private:
     std::array<std::int32_t, kWatchLimit> watches{};
     RuntimeDirectoryState runtimeDirectory; // after the latest load
     WaitingStarts waitingStarts;
-    bool hasLoaded = false;    // until then, the saved documents are not replaced
-    bool gaveUpLoad = false;   // because of a stop, so that the list of jobs is incomplete
-    std::vector<CronJob> jobs; // in the order of their names
+    bool hasLoaded = false;     // until then, the saved documents are not replaced
+    bool loadCancelled = false; // because of a stop, so that the list of jobs is incomplete
+    std::vector<CronJob> jobs;  // in the order of their names
     ScheduleTemplate scheduleTemplate;
     std::unique_ptr<char[]> reserve;
     std::size_t reserveSize = 0;

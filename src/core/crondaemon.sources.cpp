@@ -170,7 +170,7 @@ bool CronDaemon::LoadNonRootJobDirectories(JobSet &jobSet, const std::string &di
     for (const std::string &name : NamesIn(opened)) {
         // Each account may take ten seconds.
         if (stopRequested) {
-            gaveUpLoad = true;
+            loadCancelled = true;
             break;
         }
         LoadAccount(jobSet, PathIn(directory, name), label, loads);
@@ -210,7 +210,7 @@ JobUser OwnerOf(const Descriptor &directory, const std::string &path) {
 
 void CronDaemon::LoadAccount(JobSet &jobSet, const std::string &path, const std::string &label,
                              AccountLoads &loads) {
-    const Descriptor directory = OpenForNaming(path);
+    const Descriptor directory = OpenPath(path);
     const JobUser account = OwnerOf(directory, path);
     if (!account.valid) {
         LOG_ERROR("Failed to dir user: %s", path.c_str());

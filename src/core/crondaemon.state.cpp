@@ -123,7 +123,7 @@ void LogRuntime(const std::vector<JobEntry> &entries, const Json::Value &documen
 }
 
 // A load temporarily takes about as much memory again as the jobs.
-void GiveMemoryBack() {
+void ReleaseMemory() {
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
@@ -162,7 +162,7 @@ void CronDaemon::ApplyJobSet(std::vector<JobEntry> previous, const Json::Value &
 void CronDaemon::FinishLoad() {
     hasLoaded = true;
     ShareTexts(jobs);
-    GiveMemoryBack();
+    ReleaseMemory();
     SaveRuntimeFiles();
 }
 

@@ -5,7 +5,7 @@
 
 namespace kest {
 
-bool AskWhetherHeld(bool &held) {
+bool QueryHeld(bool &held) {
     int status = 1;
     const bool isKnown = KESTVorldStatusGet(1, &status) != -1;
     held = status == 2;
@@ -14,7 +14,7 @@ bool AskWhetherHeld(bool &held) {
 
 bool IsVorldHeld() {
     bool held = false;
-    if (!AskWhetherHeld(held))
+    if (!QueryHeld(held))
         LOG_ERROR("Fail to KESTVorldStatusGet()");
     return held;
 }

@@ -7,7 +7,7 @@ namespace kest {
 
 // Queries whether the controller holds the machine. Returns false when the query fails; the status
 // of the failed query then decides `held`, normally false.
-bool AskWhetherHeld(bool &held);
+bool QueryHeld(bool &held);
 
 // The same, but reports a failed query.
 bool IsVorldHeld();

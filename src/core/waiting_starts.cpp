@@ -10,7 +10,7 @@ std::int64_t WaitingStarts::Now() {
     return std::chrono::duration_cast<std::chrono::seconds>(now).count();
 }
 
-bool WaitingStarts::HasPlace(const std::string &account, std::int64_t now) {
+bool WaitingStarts::MayWait(const std::string &account, std::int64_t now) {
     const auto found = starts_.find(account);
     if (found == starts_.end())
         return true;

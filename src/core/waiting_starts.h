@@ -25,7 +25,7 @@ public:
     static std::int64_t Now();
 
     // Whether one more delayed start of `account` is allowed at `now`.
-    bool HasPlace(const std::string &account, std::int64_t now);
+    bool MayWait(const std::string &account, std::int64_t now);
 
     // Adds a start of the job `name` that is delayed until `end`.
     void Add(const std::string &account, const std::string &name, std::int64_t end);

@@ -135,7 +135,7 @@ JobDocument::JobDocument(Json::Value document) {
     if (hasPlaces && Pack(document))
         return;
     text_ = {};
-    asItIs_ = std::make_shared<const Json::Value>(std::move(document));
+    value_ = std::make_shared<const Json::Value>(std::move(document));
 }
 
 // Returns whether the text preserves the document and is short enough: deep inside lists, a
@@ -199,7 +199,7 @@ const ChangingMember *JobDocument::AppendUntilChange(std::string_view &rest, Jso
 
 Json::Value JobDocument::ToJson() const {
     if (!IsText())
-        return asItIs_ ? *asItIs_ : Json::Value();
+        return value_ ? *value_ : Json::Value();
     JsonText text;
     AppendTo(text);
     return Parsed(text.Take());

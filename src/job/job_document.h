@@ -63,8 +63,8 @@ public:
     // and value, or nothing.
     template <typename AppendMember>
     void AppendTo(JsonText &text, AppendMember appendMember) const {
-        if (asItIs_) {
-            text.Append(*asItIs_);
+        if (value_) {
+            text.Append(*value_);
             return;
         }
         text.BeginObject();
@@ -81,10 +81,10 @@ private:
         return text_.View().substr(configBegin_, configEnd_ - configBegin_);
     }
 
-    SharedText text_; // of the members; empty when asItIs_ is used
+    SharedText text_; // of the members; empty when value_ is used
     std::uint32_t configBegin_ = 0;
     std::uint32_t configEnd_ = 0;
-    std::shared_ptr<const Json::Value> asItIs_; // shared by copies of the object
+    std::shared_ptr<const Json::Value> value_; // shared by copies of the object
 };
 
 } // namespace kest

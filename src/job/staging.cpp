@@ -25,7 +25,7 @@ namespace {
 // of a source.
 constexpr const char *kArea = ".staging";
 // Inside that.
-constexpr const char *kTaken = "taken";
+constexpr const char *kLatest = "taken";
 constexpr const char *kPrevious = "previous";
 
 std::string PathInArea(const std::string &entry) {
@@ -174,62 +174,62 @@ void Staging::CloseRuntimeDirectory(gid_t group) {
 }
 
 // Returns false when mount namespaces are not available.
-bool Staging::OpenInNamespace(Workshop &workshop, const JobUser *account) {
+bool Staging::OpenInNamespace(WorkArea &workArea, const JobUser *account) {
     const uid_t uid = account == nullptr ? 0 : account->uid;
     const std::string name = std::to_string(uid);
     Clear(area_, name);
-    workshop.directory = MakeDirectoryAt(area_, name, uid, account == nullptr ? 0 : account->gid);
-    if (!workshop.directory)
+    workArea.directory = MakeDirectoryAt(area_, name, uid, account == nullptr ? 0 : account->gid);
+    if (!workArea.directory)
         return true;
     Copier::Fault fault = Copier::Fault::None;
-    const CopierPlace place{account, PathInArea(name), workshop.directory.Get(), kNoGroup,
+    const CopierPlace place{account, PathInArea(name), workArea.directory.Get(), kNoGroup,
                             mostBytes_};
-    workshop.copier = Copier::Start(place, fault, stopRequested_);
+    workArea.copier = Copier::Start(place, fault, stopRequested_);
     return fault != Copier::Fault::NoNamespace;
 }
 
-void Staging::OpenWorkshop(Workshop &workshop, const JobUser *account) {
-    workshop = {};
-    if (!isClosed_ && OpenInNamespace(workshop, account))
+void Staging::OpenWorkArea(WorkArea &workArea, const JobUser *account) {
+    workArea = {};
+    if (!isClosed_ && OpenInNamespace(workArea, account))
         return;
-    workshop.directory.Close();
-    workshop.group = account == nullptr ? 0 : UnusedGroup();
+    workArea.directory.Close();
+    workArea.group = account == nullptr ? 0 : UnusedGroup();
     CloseRuntimeDirectory(0);
     Copier::Fault fault = Copier::Fault::None;
     const CopierPlace place{
-        account, {}, -1, account == nullptr ? kNoGroup : workshop.group, mostBytes_};
-    workshop.copier = Copier::Start(place, fault, stopRequested_);
+        account, {}, -1, account == nullptr ? kNoGroup : workArea.group, mostBytes_};
+    workArea.copier = Copier::Start(place, fault, stopRequested_);
 }
 
-Staging::Workshop *Staging::WorkshopOfRoot() {
+Staging::WorkArea *Staging::WorkAreaOfRoot() {
     if (!ofRoot_.copier || !ofRoot_.copier->IsUsable())
-        OpenWorkshop(ofRoot_, nullptr);
+        OpenWorkArea(ofRoot_, nullptr);
     return ofRoot_.copier ? &ofRoot_ : nullptr;
 }
 
-// Only one account has a workshop at a time. Jobs of two accounts alternate in name order only when
-// the name of one account begins with the name of the other; this is allowed a few times. An
+// Only one account has a work area at a time. Jobs of two accounts alternate in name order only
+// when the name of one account begins with the name of the other; this is allowed a few times. An
 // account whose helper process could not be started or was ended from outside gets no other one in
 // the same load.
-Staging::Workshop *Staging::WorkshopOfAccount(const JobUser &account) {
+Staging::WorkArea *Staging::WorkAreaOfAccount(const JobUser &account) {
     constexpr unsigned most = 8;
-    unsigned &workshops = accounts_[account.uid].workshops;
-    if (account_ != account.uid && workshops < most) {
-        ++workshops;
+    unsigned &workAreas = accounts_[account.uid].workAreas;
+    if (account_ != account.uid && workAreas < most) {
+        ++workAreas;
         account_ = account.uid;
-        OpenWorkshop(ofAccount_, &account);
+        OpenWorkArea(ofAccount_, &account);
     }
     if (account_ == account.uid && ofAccount_.copier && ofAccount_.copier->IsUsable())
         return &ofAccount_;
-    workshops = most;
+    workAreas = most;
     errno = ECHILD;
     return nullptr;
 }
 
 // Returns null with errno set on failure.
-Staging::Workshop *Staging::WorkshopFor(const JobUser *account) {
+Staging::WorkArea *Staging::WorkAreaFor(const JobUser *account) {
     if (area_)
-        return account == nullptr ? WorkshopOfRoot() : WorkshopOfAccount(*account);
+        return account == nullptr ? WorkAreaOfRoot() : WorkAreaOfAccount(*account);
     errno = areaError_;
     return nullptr;
 }
@@ -248,19 +248,19 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
                              const JobUser *account) {
     isOfAccount_ = account != nullptr && account->uid != 0;
     const JobUser *rights = isOfAccount_ ? account : nullptr;
-    Workshop *workshop = WorkshopFor(rights);
-    if (workshop == nullptr)
+    WorkArea *workArea = WorkAreaFor(rights);
+    if (workArea == nullptr)
         return {ProgramCopy::Outcome::Failed, errno};
     const int refusal = RefusalOf(name, source);
     if (refusal != 0) // the name must not be used below
-        return workshop->copier->Copy(name, source, refusal, stopRequested_);
+        return workArea->copier->Copy(name, source, refusal, stopRequested_);
     if (isClosed_) {
-        CloseRuntimeDirectory(workshop->group);
+        CloseRuntimeDirectory(workArea->group);
         Clear(area_, kPrevious);
         renameat(runtime_.Get(), name.c_str(), area_.Get(), kPrevious);
     }
-    ProgramCopy copy = workshop->copier->Copy(name, source, 0, stopRequested_);
-    const bool taken = TakeIn(*workshop, name, rights);
+    ProgramCopy copy = workArea->copier->Copy(name, source, 0, stopRequested_);
+    const bool taken = TakeIn(*workArea, name, rights);
     const int error = errno;
     if (isClosed_) {
         CloseRuntimeDirectory(0);
@@ -273,30 +273,30 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
 }
 
 // Removes an entry that an earlier failure left there only when it is in the way.
-bool Staging::MoveToTaken(int from, const std::string &name) {
+bool Staging::MoveToArea(int from, const std::string &name) {
     const int error = errno;
-    if (renameat2(from, name.c_str(), area_.Get(), kTaken, RENAME_NOREPLACE) == 0)
+    if (renameat2(from, name.c_str(), area_.Get(), kLatest, RENAME_NOREPLACE) == 0)
         return true;
     if (errno == ENOENT)
         return false;
     errno = error; // a success leaves it unchanged: later messages include it
-    Clear(area_, kTaken);
-    return renameat(from, name.c_str(), area_.Get(), kTaken) == 0;
+    Clear(area_, kLatest);
+    return renameat(from, name.c_str(), area_.Get(), kLatest) == 0;
 }
 
 // Moves the copy to a directory that only root can enter, and checks it there: the source may have
-// changed since it was checked, and an account has full access to its workshop.
-bool Staging::TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account) {
+// changed since it was checked, and an account has full access to its work area.
+bool Staging::TakeIn(const WorkArea &workArea, const std::string &name, const JobUser *account) {
     copy_.Close();
-    const int from = workshop.directory ? workshop.directory.Get() : runtime_.Get();
-    if (!MoveToTaken(from, name))
+    const int from = workArea.directory ? workArea.directory.Get() : runtime_.Get();
+    if (!MoveToArea(from, name))
         return false;
     struct stat status {};
-    if (fstatat(area_.Get(), kTaken, &status, AT_SYMLINK_NOFOLLOW) == -1)
+    if (fstatat(area_.Get(), kLatest, &status, AT_SYMLINK_NOFOLLOW) == -1)
         return false;
     if (S_ISREG(status.st_mode))
-        copy_ =
-            Descriptor(openat(area_.Get(), kTaken, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        copy_ = Descriptor(
+            openat(area_.Get(), kLatest, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (S_ISLNK(status.st_mode) || IsProgramOf(account))
         return true;
     copy_.Close();
@@ -323,7 +323,7 @@ bool Staging::IsProgramOf(const JobUser *account) {
 Staging::Step Staging::GiveTo(const JobUser &user) const {
     struct stat status {};
     if (!copy_) // a link, whose target must not change
-        return fchownat(area_.Get(), kTaken, user.uid, user.gid, AT_SYMLINK_NOFOLLOW) == 0
+        return fchownat(area_.Get(), kLatest, user.uid, user.gid, AT_SYMLINK_NOFOLLOW) == 0
                    ? Step::None
                    : Step::Chown;
     if (fstat(copy_.Get(), &status) == -1)
@@ -335,12 +335,12 @@ Staging::Step Staging::GiveTo(const JobUser &user) const {
 }
 
 bool Staging::ReplaceProgram(const std::string &name) {
-    if (renameat(area_.Get(), kTaken, runtime_.Get(), name.c_str()) == 0)
+    if (renameat(area_.Get(), kLatest, runtime_.Get(), name.c_str()) == 0)
         return true;
     // A directory is not replaced; the two change places.
-    if (renameat2(area_.Get(), kTaken, runtime_.Get(), name.c_str(), RENAME_EXCHANGE) == -1)
+    if (renameat2(area_.Get(), kLatest, runtime_.Get(), name.c_str(), RENAME_EXCHANGE) == -1)
         return false;
-    RemoveEntry(area_, kTaken);
+    RemoveEntry(area_, kLatest);
     return true;
 }
 

@@ -50,26 +50,26 @@ public:
 
 private:
     // The work directory and helper process of an account.
-    struct Workshop {
+    struct WorkArea {
         Descriptor directory; // empty: the runtime directory itself
         gid_t group = 0;      // that may then create entries there
         std::unique_ptr<Copier> copier;
     };
     // The resources that an account has used.
     struct Account {
-        unsigned workshops = 0;
+        unsigned workAreas = 0;
         std::uint64_t bytes = 0;
     };
 
     ProgramCopy TryCopy(const std::string &name, const std::string &source, const JobUser *account);
-    Workshop *WorkshopFor(const JobUser *account);
-    Workshop *WorkshopOfAccount(const JobUser &account);
-    Workshop *WorkshopOfRoot();
-    void OpenWorkshop(Workshop &workshop, const JobUser *account);
-    bool OpenInNamespace(Workshop &workshop, const JobUser *account);
+    WorkArea *WorkAreaFor(const JobUser *account);
+    WorkArea *WorkAreaOfAccount(const JobUser &account);
+    WorkArea *WorkAreaOfRoot();
+    void OpenWorkArea(WorkArea &workArea, const JobUser *account);
+    bool OpenInNamespace(WorkArea &workArea, const JobUser *account);
     void CloseRuntimeDirectory(gid_t group);
-    bool MoveToTaken(int from, const std::string &name);
-    bool TakeIn(const Workshop &workshop, const std::string &name, const JobUser *account);
+    bool MoveToArea(int from, const std::string &name);
+    bool TakeIn(const WorkArea &workArea, const std::string &name, const JobUser *account);
     bool IsProgramOf(const JobUser *account);
     Step GiveTo(const JobUser &user) const;
     bool ReplaceProgram(const std::string &name);
@@ -80,8 +80,8 @@ private:
     Descriptor area_;    // the directory in it that only root can enter
     int areaError_ = 0;  // errno when area_ is empty
     bool isClosed_ = false;
-    Workshop ofRoot_;
-    Workshop ofAccount_; // of the latest account
+    WorkArea ofRoot_;
+    WorkArea ofAccount_; // of the latest account
     uid_t account_ = 0;
     std::map<uid_t, Account> accounts_;
     std::uint64_t mostBytes_ = std::numeric_limits<std::uint64_t>::max(); // of an account's copies

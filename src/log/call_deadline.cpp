@@ -6,7 +6,7 @@ namespace {
 
 volatile std::sig_atomic_t timeIsUp = 0;
 
-void NoteThatTimeIsUp(int /*number*/) {
+void NoteExpiry(int /*number*/) {
     timeIsUp = 1;
 }
 
@@ -15,7 +15,7 @@ void NoteThatTimeIsUp(int /*number*/) {
 CallDeadline::CallDeadline(timeval most) {
     constexpr timeval again{0, 1000}; // the call may block just after the deadline
     struct sigaction interrupt {};
-    interrupt.sa_handler = NoteThatTimeIsUp; // without SA_RESTART
+    interrupt.sa_handler = NoteExpiry; // without SA_RESTART
     sigaction(SIGALRM, &interrupt, &action_);
     sigset_t alarm;
     sigemptyset(&alarm);

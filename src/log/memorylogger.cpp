@@ -90,7 +90,7 @@ bool AppendWhole(const Descriptor &file, const std::string &text) {
 }
 
 // Without the lock, a part cannot be truncated again: other processes may have written since.
-bool WriteAsItComes(const Descriptor &file, const std::string &text) {
+bool WriteDirectly(const Descriptor &file, const std::string &text) {
     return WriteAll(file.Get(), text);
 }
 
@@ -121,7 +121,7 @@ bool Lock(const Descriptor &file) {
 }
 
 // Whether opening a file failed because another kind of object exists at its path.
-bool IsInTheWay(int error) {
+bool IsObstructed(int error) {
     return error == ELOOP || error == EPERM || error == EISDIR || error == ENXIO;
 }
 
@@ -148,13 +148,13 @@ void MemoryLogger::Flush() {
     if (_keptLog) {
         // Without the lock: an account can stop a process that runs as it, which would then block
         // all others. A single write appends a line in one piece anyway.
-        AppendDirectly(_keptLog, TakeBuffer(), WriteAsItComes);
+        AppendDirectly(_keptLog, TakeBuffer(), WriteDirectly);
         return;
     }
     // The lock covers the whole way through the staging file, because other processes use it too.
     const Descriptor lock = LockFlush();
     if (!lock) {
-        AppendDirectly(OpenToAppend(_strLogPath), TakeBuffer(), WriteAsItComes);
+        AppendDirectly(OpenToAppend(_strLogPath), TakeBuffer(), WriteDirectly);
         return;
     }
     AppendToStaging();
@@ -249,7 +249,7 @@ Descriptor MemoryLogger::LockFlush() const {
     constexpr int tries = 64; // more often than anybody removes it
     for (int i = 0; i < tries; ++i) {
         Descriptor lock = OpenOwnFile(_lockPath, O_RDWR | O_CREAT);
-        if (lock ? !IsClosedToOthers(lock) : IsInTheWay(errno))
+        if (lock ? !IsClosedToOthers(lock) : IsObstructed(errno))
             ClearPath(_lockPath);
         else if (!lock || !Lock(lock))
             return {};

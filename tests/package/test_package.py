@@ -105,7 +105,7 @@ def owner_and_mode(machine, path):
     return status.st_uid, status.st_gid, status.st_mode & 0o7777
 
 
-def test_it_has_no_fault_that_lintian_knows(package):
+def test_lintian_finds_no_fault(package):
     done = subprocess.run(
         ["lintian", "--fail-on", "error,warning", package], capture_output=True, text=True, check=False
     )
@@ -296,7 +296,7 @@ def test_the_size_of_the_file_system_can_be_set(machine, package, size, expected
 
 
 @pytest.mark.parametrize("plant", ["link", "directory", "file"])
-def test_what_somebody_put_there_is_not_mounted_over(machine, plant):
+def test_an_existing_object_is_not_mounted_over(machine, plant):
     path = machine.path(PROGRAMS)
     if plant == "link":
         path.symlink_to("/etc")
@@ -315,7 +315,7 @@ def test_what_somebody_put_there_is_not_mounted_over(machine, plant):
     assert aside.stat().st_mode & 0o7777 == 0o700 and list(aside.iterdir())
 
 
-def test_somebody_who_is_quick_leads_no_mount_astray(machine):
+def test_a_race_does_not_redirect_a_mount(machine):
     shutil.copy(TOP / "packaging/lib/mount-programs", machine.path("/usr/local/bin/mount-programs"))
     vandal = machine.popen(
         "setpriv",
@@ -468,7 +468,7 @@ def test_an_administrators_environment_stays_his(machine, service):
     }
 
 
-def test_a_process_of_an_account_is_no_daemon(machine, service):
+def test_a_process_of_an_account_is_not_the_daemon(machine, service):
     machine.write("/usr/local/bin/kestcrond", machine.path("/usr/bin/sleep").read_bytes(), 0o755)
     other = machine.popen(
         "setpriv",

@@ -60,7 +60,7 @@ def memory(machine, name):
 # --- Whose a directory is -----------------------------------------------------------------------
 
 
-def test_a_link_that_its_account_leads_elsewhere(machine):
+def test_a_link_that_its_account_redirects(machine):
     """Root linked the directory to a place of the account's, who leads the link on to "/tmp"."""
     home = machine.path("/srv/alice")
     home.mkdir(parents=True)
@@ -73,7 +73,7 @@ def test_a_link_that_its_account_leads_elsewhere(machine):
     assert machine.texts() == [f"Failed to dir user: {ALICE}"]
 
 
-def test_a_link_that_its_account_leads_to_a_directory_of_roots(machine):
+def test_a_link_that_its_account_redirects_to_a_directory_of_root(machine):
     """Its jobs run accounts' programs, and would run them as root."""
     home = machine.path("/srv/alice")
     home.mkdir(parents=True)
@@ -87,7 +87,7 @@ def test_a_link_that_its_account_leads_to_a_directory_of_roots(machine):
     assert machine.texts() == [f"Failed to dir user: {ALICE}"]
 
 
-def test_a_link_that_leads_to_a_directory_of_somebody_else(machine):
+def test_a_link_to_a_directory_of_another_account(machine):
     """Anybody may write to it, and what is written would run as its owner."""
     machine.path("/srv/bob").mkdir(parents=True)
     machine.chown(machine.path("/srv/bob"), "bob")
@@ -179,7 +179,7 @@ def test_a_directory_that_its_account_does_not_reach(machine):
     assert names(machine) == {"pkg_nonroot-alice-f-x"} and machine.texts() == []
 
 
-def test_what_is_no_file_is_not_opened(machine):
+def test_only_files_are_opened(machine):
     machine.account_directory("alice")
     os.mkfifo(machine.path(ALICE + "/fifo"), 0o666)
     machine.path(ALICE + "/terminal").symlink_to("/dev/tty")

@@ -77,7 +77,7 @@ def reload_often(machine, times=3):
 # --- Becoming root, reading what is root's ------------------------------------------------------
 
 
-def test_a_runtime_directory_that_goes_away_is_nobody_elses(machine, attack):
+def test_a_removed_runtime_directory_is_not_used_by_others(machine, attack):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("builtin-f-x"))

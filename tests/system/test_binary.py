@@ -37,7 +37,7 @@ def test_it_is_protected(binary):
     assert re.search(r"__(v?snprintf|syslog|memcpy|read)_chk", symbols)
 
 
-def test_it_needs_no_more_than_it_says(binary):
+def test_it_needs_only_its_declared_dependencies(binary):
     if is_instrumented(binary):
         pytest.skip("an instrumented build")
     needed = re.findall(r"NEEDED.*\[(.*?)\.so", readelf(binary, "--dynamic"))

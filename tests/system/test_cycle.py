@@ -226,13 +226,13 @@ def test_an_unreadable_controller_status_does_not_hold(machine, content):
     assert {message.tag for message in machine.messages(priority="err")} == {"utils"}
 
 
-def test_the_controller_is_asked_even_without_jobs(machine):
+def test_the_controller_is_queried_even_without_jobs(machine):
     machine.write("/run/kestvorld.status", "?")
     machine.start_and_wait()
     machine.wait_for_text("Fail to KESTVorldStatusGet()", count=2)
 
 
-def test_the_controller_is_asked_once_in_a_cycle(machine):
+def test_the_controller_is_queried_once_in_a_cycle(machine):
     machine.template(maxDelay=0)
     machine.write("/run/kestvorld.status", "?")
     machine.jobs("builtin", "f", [every_minute(name) for name in "abcde"])
@@ -252,7 +252,7 @@ def test_only_one_status_holds(machine, status):
     assert machine.texts() == []
 
 
-def test_no_controller_is_no_failure(machine):
+def test_a_missing_controller_is_not_a_failure(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("builtin-f-x"))
@@ -342,7 +342,7 @@ def test_without_jobs_fields_are_drawn_and_changes_seen(machine):
     wait_for(lambda: machine.loads() >= 2, what="the reload")
 
 
-def test_a_reload_draws_nothing_anew(machine):
+def test_a_reload_redraws_nothing(machine):
     machine.clock("2029-01-01 00:00:10", rate=0)  # a Monday: all fields would be
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()

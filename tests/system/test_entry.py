@@ -225,7 +225,7 @@ int main(void) { prctl(PR_SET_DUMPABLE, 0); sleep(1000); return 0; }
 
 
 @pytest.mark.parametrize("mode", [0o755, 0o4755])
-def test_a_process_of_an_account_is_no_other_instance(machine, tmp_path, mode):
+def test_a_process_of_an_account_is_not_another_instance(machine, tmp_path, mode):
     """The account has taken the pid of a daemon that died, and its name, and hides whose it is; or
     has started a set-id program of root's under that name."""
     (tmp_path / "sleeper.c").write_text(SLEEPER)
@@ -273,7 +273,7 @@ def test_a_waiting_job_does_not_hold_the_lock_of_the_instance(machine):
     assert machine.texts() == []
 
 
-def test_a_pid_file_that_names_the_starter_itself_is_no_other_instance(machine):
+def test_a_pid_file_with_the_own_pid_is_not_another_instance(machine):
     machine.run(
         "bash", "-c", f"echo $BASHPID > {machine.PID_FILE}; exec {machine.DAEMON}", check=True, env={"LD_PRELOAD": ""}
     )

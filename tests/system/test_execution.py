@@ -212,7 +212,7 @@ def test_no_zombies(machine):
     wait_for(lambda: not [p for p in machine.processes().values() if p["ppid"] == pid and p["state"] == "Z"])
 
 
-def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
+def test_fork_failure_is_reported_and_the_cycle_continues(machine):
     machine.jobs("pkg", "f", [every_minute("x")])
     pid = machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
@@ -238,7 +238,7 @@ def test_fork_failure_is_reported_and_the_cycle_goes_on(machine):
     machine.run("rmdir", "/mnt/alone", env={"LD_PRELOAD": ""})
 
 
-def test_a_program_that_cannot_run_is_told_of_at_once(machine):
+def test_a_program_that_cannot_run_is_logged_at_once(machine):
     """Only a copy that is being made is waited for, a minute at most."""
     machine.clock("2026-06-02 02:10:10", rate=1)
     machine.write("/usr/local/bin/x", "#!/no/such/interpreter\n", 0o755)

@@ -45,7 +45,7 @@ def test_no_process_can_be_made(machine):
         ("comm", "read:retval=0", "Unable to XLIBCProcGetByPid [1][0x0100 kestcore.cpp:"),
     ],
 )
-def test_a_process_that_does_not_tell_its_name(machine, file, fault, text):
+def test_a_process_without_a_readable_name(machine, file, fault, text):
     machine.write(machine.PID_FILE, "1\n")
     assert machine.start_with_faults(fault, path=f"/proc/1/{file}") == 0
     wait_for(lambda: machine.daemon_pid() > 1, what="the start all the same")
@@ -115,7 +115,7 @@ def test_a_runtime_directory_that_cannot_be_prepared(machine, owner, fault, text
 # --- Watching and sources -----------------------------------------------------------------------
 
 
-def test_changes_that_cannot_be_asked_for(machine, tick):
+def test_changes_without_inotify_events(machine, tick):
     machine.start_with_faults("select,pselect6:error=ENOMEM")
     machine.wait_for_text("Failed to select inotify", count=2)
     tick()
@@ -260,7 +260,7 @@ def test_a_failure_line_that_the_log_cannot_take(machine):
     "fault,text",
     [("write:error=ENOSPC", f"Failed to write [{STAGING}]"), ("read:error=EIO", f"Failed to read [{STAGING}]")],
 )
-def test_a_staging_file_that_fails_is_told_from_one_that_does_not_open(machine, tick, fault, text):
+def test_failures_to_open_and_to_write_the_staging_file_differ(machine, tick, fault, text):
     machine.start_with_faults(fault, path=STAGING)
     machine.wait_for_text(text)
     tick()

@@ -92,7 +92,7 @@ NO_JSON = {
 
 
 @pytest.mark.parametrize("kind", NO_JSON)
-def test_a_file_that_is_no_document(machine, kind):
+def test_a_file_that_is_not_a_document(machine, kind):
     machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
     machine.write(ALICE + "/bad", NO_JSON[kind])
     machine.start_and_wait()

@@ -136,7 +136,7 @@ def many_missed_jobs(machine, count):
     return names
 
 
-def test_somebody_who_is_quick_to_plant_staging_files_loses_no_line(machine):
+def test_a_race_for_the_staging_file_loses_no_line(machine):
     names = many_missed_jobs(machine, 40)
     planters = [
         machine.popen(
@@ -244,7 +244,7 @@ def whole_pairs(machine):
     return lines if len(failed) * 2 == len(lines) > 0 else None
 
 
-def test_a_log_that_is_rotated_is_made_anew(machine):
+def test_a_rotated_log_is_created_again(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     wait_for(machine.log_lines)
@@ -312,7 +312,7 @@ def test_a_lock_that_is_never_let_go(machine):
         holder.kill()
 
 
-def test_a_log_that_nobody_wants(machine):
+def test_a_log_in_dev_null(machine):
     machine.path(machine.LOG_FILE).symlink_to("/dev/null")
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()

@@ -88,7 +88,7 @@ def test_the_manuals_name_every_path_of_the_code():
     assert paths - named == set()
 
 
-def test_every_path_told_is_one_of_the_code():
+def test_every_path_of_the_manuals_is_in_the_code():
     paths, texts = code_paths(), code_strings()
     jobs = set(re.findall(r'"(/usr[^"]*kestcron[^"]*\.d)"', "\n".join(CODE.values())))
     assert len(jobs) == 4
@@ -329,7 +329,7 @@ def test_what_is_refused_is_refused(request):
     assert [one for one in refused if tool(request, "explain", one).returncode == 0] == []
 
 
-def test_what_is_said_of_fields_and_periods():
+def test_the_description_of_fields_and_periods():
     """The tables of periods and bounds are those that the code has."""
     periods = re.findall(r"^\.It (\w) Ta \"(.*?)\" Ta", section(PAGES[1], "Periods"), re.M)
     assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";", CODE["job/definition.cpp"]))

@@ -481,7 +481,7 @@ def cmake(*arguments):
 
 
 @pytest.mark.parametrize("version,status", [("1.8.4", 1), ("1.9.0", 0)])
-def test_the_least_version_of_the_json_library_is_asked_for(tmp_path, version, status):
+def test_the_oldest_version_of_the_json_library_is_required(tmp_path, version, status):
     """An older one breaks off at the first job that is removed."""
     (tmp_path / "jsoncpp.pc").write_text(
         f"Name: jsoncpp\nDescription: JSON\nVersion: {version}\nLibs: -ljsoncpp\n" "Cflags: -I/usr/include/jsoncpp\n"

@@ -96,7 +96,7 @@ def test_an_unchanged_restart_keeps_everything(machine):
     assert machine.texts() == []
 
 
-def test_only_a_stop_keeps_what_is_known(machine):
+def test_only_a_stop_saves_the_state(machine):
     machine.template(maxDelay=0)
     machine.path(PERSISTENT_TEMPLATE).unlink()
     machine.jobs("builtin", "f", [every_minute("x")])
@@ -182,7 +182,7 @@ def test_a_changed_job_starts_afresh(machine, change):
     assert machine.texts() == ["removed modified jobs: builtin-f-x"]
 
 
-def test_a_changed_job_is_what_it_says_now(machine):
+def test_a_changed_job_has_its_new_definition(machine):
     """Not only its document: its fields, whose draws come later, and its settings too."""
     machine.clock("2026-06-02 02:57:10")
     machine.template(maxDelay=0)
@@ -317,7 +317,7 @@ def test_wrong_runtime_members_read_as_absent(machine):
     assert machine.daemon_pid()
 
 
-def test_the_current_runtime_is_told(machine):
+def test_the_current_runtime_is_logged(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     (message,) = machine.messages(priority="info")

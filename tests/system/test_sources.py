@@ -113,7 +113,7 @@ def test_ties(machine):
     ],
     ids=lambda content: content[:9].decode(),
 )
-def test_a_file_that_is_no_json(machine, content):
+def test_a_file_that_is_not_json(machine, content):
     machine.write(SOURCES["pkg"] + "/bad.conf", content)
     machine.jobs("pkg", "good.conf", [never("x")])
     machine.start_and_wait()
@@ -128,7 +128,7 @@ def test_a_document_without_definitions_is_silent(machine, content):
     assert machine.texts() == [] and machine.document() == {}
 
 
-def test_entries_that_are_no_files(machine):
+def test_entries_that_are_not_files(machine):
     directory = SOURCES["pkg"]
     machine.jobs("pkg", "good", [never("x")])
     os.mkfifo(machine.path(directory + "/fifo"))
@@ -152,7 +152,7 @@ def test_entries_that_are_no_files(machine):
 
 
 @pytest.mark.parametrize("kernel_file", ["/proc/kmsg", "/proc/self/mem", "/proc/version"])
-def test_files_of_the_kernel_are_no_job_files(machine, kernel_file):
+def test_kernel_files_are_not_job_files(machine, kernel_file):
     # Some make their reader wait for ever.
     machine.path(SOURCES["pkg"]).mkdir(parents=True)
     machine.path(SOURCES["pkg"] + "/k").symlink_to(kernel_file)
@@ -262,7 +262,7 @@ def test_a_plain_file_among_the_accounts(machine):
 @pytest.mark.parametrize(
     "label,word", [("builtin", "built-in job"), ("builtin-dyn", "built-in dynamic job"), ("pkg", "pkg job")]
 )
-def test_a_source_that_is_no_directory(machine, label, word):
+def test_a_source_that_is_not_a_directory(machine, label, word):
     machine.write(SOURCES[label], "in the way")
     machine.jobs("builtin" if label == "pkg" else "pkg", "f", [never("x")])
     machine.start_and_wait()

@@ -174,7 +174,7 @@ def test_jobs_that_end_while_a_copy_runs_leave_no_zombie(machine):
 
 
 @pytest.mark.parametrize("make", ["directory", "fifo", "device", "device link", "loop", "kernel file"])
-def test_a_program_that_is_no_file(machine, make):
+def test_a_program_that_is_not_a_file(machine, make):
     program = "/usr/local/bin/odd"
     path = machine.path(program)
     path.parent.mkdir(parents=True, exist_ok=True)
@@ -222,7 +222,7 @@ def test_a_program_that_is_a_link_leaves_its_target_alone(machine, target):
     assert machine.path(target).lstat().st_uid == 0
 
 
-def test_a_link_that_leads_nowhere_from_the_staging_directory(machine):
+def test_a_relative_link_that_dangles_in_the_staging_directory(machine):
     machine.path("/usr/local/bin").mkdir(parents=True, exist_ok=True)
     machine.path("/usr/local/bin/link").symlink_to("record")
     refused(
@@ -235,7 +235,7 @@ def test_a_link_that_leads_nowhere_from_the_staging_directory(machine):
     )
 
 
-def test_a_link_that_leads_to_the_copy_of_somebody_else(machine):
+def test_a_link_to_the_copy_of_another_account(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.write("/srv/builtin-f-x", "#!/bin/sh\n", 0o755)  # so that it leads somewhere here too
     machine.path("/srv/link").symlink_to("builtin-f-x")
@@ -305,7 +305,7 @@ def test_a_name_is_never_a_way_out(machine, name):
 
 
 @pytest.mark.parametrize("plant", ["link", "directory", "hard link", "fifo"])
-def test_nothing_is_written_through_what_stands_there(machine, plant):
+def test_nothing_is_written_through_an_existing_object(machine, plant):
     machine.write("/etc/victim", "precious")
     directory = machine.path("/tmp/kestcrond")
     directory.mkdir()
@@ -362,7 +362,7 @@ def test_the_runtime_directory_is_open_to_read_alone(machine, mode):
     assert owner_and_mode(directory) == (0, 0, 0o755)
 
 
-def test_a_runtime_directory_taken_while_running_is_made_anew(machine):
+def test_a_runtime_directory_removed_while_running_is_created_again(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})

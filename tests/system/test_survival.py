@@ -371,7 +371,7 @@ def test_a_clock_that_is_set(machine, jump):
 
 # 02:00 becomes 03:00: no minute of that hour comes. A busy machine may step over some of the next.
 @pytest.mark.parametrize("job,least,most", [("* 2 * * *", 0, 0), ("1,2,3,4,5 3 * * *", 1, 5)])
-def test_an_hour_that_does_not_come(machine, job, least, most):
+def test_an_hour_that_is_skipped(machine, job, least, most):
     machine.clock("2026-03-29 01:50:10", zone="Europe/Berlin")
     machine.jobs("builtin", "f", [every_minute("x", crontab=job), every_minute("tick")])
     machine.start_and_wait()
@@ -381,7 +381,7 @@ def test_an_hour_that_does_not_come(machine, job, least, most):
 
 
 @pytest.mark.native(reason="a cycle is too short for an emulator")
-def test_an_hour_that_comes_twice(machine):
+def test_an_hour_that_is_repeated(machine):
     """03:00 becomes 02:00."""
     machine.clock("2026-10-25 01:57:10", rate=600, zone="Europe/Berlin")
     machine.jobs("builtin", "f", [every_minute("x", crontab="* 2 * * *"), every_minute("tick")])
@@ -512,7 +512,7 @@ def test_missing_messages_are_counted(machine):
     assert 0 <= told + lost - (2 * 1000 + 1 + 1 + 1) <= 2
 
 
-def test_a_log_daemon_that_is_started_anew(machine):
+def test_a_log_daemon_that_restarts(machine):
     machine.jobs("builtin", "f", [every_minute("x"), never("bad", period="yearly")])
     machine.start_and_wait()
     machine.wait_for_text("error period")

@@ -138,7 +138,7 @@ def triggers(machine):
     )
 
 
-def test_the_cycle_after_a_change_comes_at_once(machine):
+def test_the_cycle_after_a_change_begins_at_once(machine):
     machine.clock("2026-06-02 02:10:10", rate=10)
     machine.account_directory("alice")
     machine.start_and_wait()
@@ -160,7 +160,7 @@ def test_a_new_account_is_watched_too(machine):
     wait_for(lambda: "pkg_nonroot-bob-g-y" in machine.entries())
 
 
-def test_reading_is_no_change(machine):
+def test_reading_is_not_a_change(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.start_and_wait()
     assert quiet(machine)

@@ -23,9 +23,9 @@ namespace kest::ctl {
 namespace {
 
 // Looks up accounts and programs, each once.
-class SystemFacts {
+class SystemState {
 public:
-    explicit SystemFacts(const Appliance &appliance) : appliance_(appliance) {}
+    explicit SystemState(const Appliance &appliance) : appliance_(appliance) {}
 
     Account AccountOf(const Json::Value &config);
     const Program &ProgramAt(const std::string &path, const std::string &account);
@@ -40,7 +40,7 @@ private:
     std::map<std::pair<std::string, std::string>, Program> programs_;
 };
 
-Account SystemFacts::AccountOf(const Json::Value &config) {
+Account SystemState::AccountOf(const Json::Value &config) {
     Account account{kest::AccountOf(config).value_or(""), false};
     const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
     if (isNew)
@@ -49,14 +49,14 @@ Account SystemFacts::AccountOf(const Json::Value &config) {
     return account;
 }
 
-const Program &SystemFacts::ProgramAt(const std::string &path, const std::string &account) {
+const Program &SystemState::ProgramAt(const std::string &path, const std::string &account) {
     const auto [entry, isNew] = programs_.try_emplace({path, account});
     if (isNew)
         entry->second = Inspect(path, account);
     return entry->second;
 }
 
-Program SystemFacts::Inspect(const std::string &path, const std::string &account) {
+Program SystemState::Inspect(const std::string &path, const std::string &account) {
     Program program;
     struct stat status {};
     if (stat(appliance_.Locate(path).c_str(), &status) == 0) {
@@ -78,7 +78,7 @@ Program SystemFacts::Inspect(const std::string &path, const std::string &account
 
 // Whether users other than root and the account can replace entries of a directory on a program's
 // path. `last` marks the directory that contains the program.
-bool SystemFacts::IsWritableByOthers(const std::string &directory, bool last,
+bool SystemState::IsWritableByOthers(const std::string &directory, bool last,
                                      const std::string &account) const {
     struct stat status {};
     if (stat(appliance_.Locate(directory).c_str(), &status) == -1)
@@ -115,7 +115,7 @@ private:
     bool ReadFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
 
     const Appliance &appliance_;
-    SystemFacts facts_;
+    SystemState facts_;
     CheckResult result_;
     std::vector<CheckedJob> jobs_;               // of the sources
     std::map<std::string, AccountQuota> quotas_; // by account
@@ -164,7 +164,7 @@ void Checker::Check(const JobFileBatch &batch) {
 bool Checker::ReadFiles(const JobFileBatch &batch, const AccountQuota &quota,
                         AccountFiles &files) const {
     const std::string path = appliance_.Locate(batch.directory.path);
-    const Descriptor directory = OpenForNaming(path);
+    const Descriptor directory = OpenPath(path);
     if (!directory)
         return false;
     struct stat status {};

@@ -131,7 +131,7 @@ Daemon FindDaemon(const Appliance &appliance) {
     Daemon daemon;
     if (!appliance.IsLocal())
         return daemon;
-    AskWhetherHeld(daemon.held);
+    QueryHeld(daemon.held);
     const pid_t pid = XLIBCReadPidFile(kPidFile);
     if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsTheDaemon(pid))
         return daemon;

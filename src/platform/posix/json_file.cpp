@@ -145,7 +145,7 @@ bool ReplaceFile(const std::string &fresh, const std::string &target, const Writ
 
 // Whether the error prevents a file from being replaced but not from being overwritten: it is a
 // mount point, its directory is read-only, or the new file cannot get the owner of the old one.
-bool IsForGood(int error) {
+bool MustOverwrite(int error) {
     return error == EBUSY || error == EROFS || error == EACCES || error == EPERM || error == EXDEV;
 }
 
@@ -210,7 +210,7 @@ bool JsonToFile(const Writer &write, const std::string &path, Durability durabil
         return false;
     }
     if (!ReplaceFile(fresh, target, write, standing, durability))
-        return standing.isThere && IsForGood(errno) && OverwriteFile(target, write, durability);
+        return standing.isThere && MustOverwrite(errno) && OverwriteFile(target, write, durability);
     if (durability == Durability::Reboot)
         FlushDirectoryOf(target);
     return true;

@@ -19,10 +19,10 @@
 #include <unistd.h>
 #include <vector>
 
+using kest::ChildStatusGuard;
 using kest::CloseInheritedDescriptors;
 using kest::Descriptor;
 using kest::ErrnoGuard;
-using kest::ExitStatusesKept;
 using kest::ReadAll;
 using kest::WriteAll;
 
@@ -150,7 +150,7 @@ constexpr int kLongestRun = 10;
 constexpr int kLongestEnd = 1;
 
 int RunAndWait(const char *path, char *const argv[]) {
-    const ExitStatusesKept statuses;
+    const ChildStatusGuard statuses;
     pid_t pid = -1;
     const int error = Spawn(pid, path, argv);
     if (error != 0) {

@@ -19,7 +19,7 @@ protected:
         WriteText(directory_.File(name), text);
     }
 
-    Descriptor Open() const { return OpenForNaming(directory_.Path()); }
+    Descriptor Open() const { return OpenPath(directory_.Path()); }
 
     // What is read as root, and as an account with nothing but this directory.
     AccountFiles Read(uid_t uid, const AccountQuota &quota = {}) {
@@ -92,7 +92,7 @@ TEST_F(AccountFilesTest, FailsWithoutADirectory) {
               AccountReading::NotOpened);
     EXPECT_EQ(errno, EACCES);
     Write("file", "");
-    const Descriptor file = OpenForNaming(directory_.File("file"));
+    const Descriptor file = OpenPath(directory_.File("file"));
     EXPECT_EQ(ReadAsAccount(file.Get(), {true, "root", 0, 0}, {}, files),
               AccountReading::NotOpened);
     EXPECT_EQ(errno, ENOTDIR);

@@ -32,16 +32,16 @@ TEST(AccountRecord, RoundTrips) {
     const std::string record = RecordOf(AccountReading::Done, 0, SomeFiles());
     EXPECT_LE(record.size(), LongestRecord(kQuota));
     AccountFiles files;
-    EXPECT_EQ(TakeReading(record + "anything", kQuota, files), AccountReading::Done);
+    EXPECT_EQ(ParseRecord(record + "anything", kQuota, files), AccountReading::Done);
     ExpectEqual(files, SomeFiles());
 }
 
 TEST(AccountRecord, CarriesTheErrorOfAFailure) {
     AccountFiles files;
-    EXPECT_EQ(TakeReading(RecordOf(AccountReading::NotOpened, ENOTDIR, {}), kQuota, files),
+    EXPECT_EQ(ParseRecord(RecordOf(AccountReading::NotOpened, ENOTDIR, {}), kQuota, files),
               AccountReading::NotOpened);
     EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_EQ(TakeReading(RecordOf(AccountReading::Failed, EPERM, {}), kQuota, files),
+    EXPECT_EQ(ParseRecord(RecordOf(AccountReading::Failed, EPERM, {}), kQuota, files),
               AccountReading::Failed);
     EXPECT_EQ(errno, EPERM);
 }
@@ -50,7 +50,7 @@ TEST(AccountRecord, RejectsTruncatedRecords) {
     const std::string record = RecordOf(AccountReading::Done, 0, SomeFiles());
     for (std::size_t size = 0; size < record.size(); ++size) {
         AccountFiles files;
-        EXPECT_EQ(TakeReading(record.substr(0, size), kQuota, files), AccountReading::Failed);
+        EXPECT_EQ(ParseRecord(record.substr(0, size), kQuota, files), AccountReading::Failed);
         EXPECT_EQ(errno, EBADMSG) << size;
     }
 }
@@ -60,7 +60,7 @@ TEST(AccountRecord, RejectsImpossibleValues) {
         AccountFiles files;
         files.files = {{name, 0, "[]"}};
         AccountFiles taken;
-        EXPECT_EQ(TakeReading(RecordOf(AccountReading::Done, 0, files), kQuota, taken),
+        EXPECT_EQ(ParseRecord(RecordOf(AccountReading::Done, 0, files), kQuota, taken),
                   AccountReading::Failed)
             << name;
     }
@@ -72,7 +72,7 @@ TEST(AccountRecord, RejectsImpossibleValues) {
     longName.files = {{std::string(256, 'n'), 0, ""}};
     for (const AccountFiles &files : {many, uncounted, longName}) {
         AccountFiles taken;
-        EXPECT_EQ(TakeReading(RecordOf(AccountReading::Done, 0, files), kQuota, taken),
+        EXPECT_EQ(ParseRecord(RecordOf(AccountReading::Done, 0, files), kQuota, taken),
                   AccountReading::Failed);
     }
 }
@@ -84,7 +84,7 @@ TEST(AccountRecord, ToleratesArbitraryBytes) {
             std::string odd = record;
             odd[i] = byte;
             AccountFiles files;
-            TakeReading(odd, kQuota, files);
+            ParseRecord(odd, kQuota, files);
             EXPECT_LE(files.files.size(), MostFiles(kQuota));
         }
 }

@@ -13,15 +13,15 @@ using testing::ElementsAre;
 TEST(WaitingStarts, HaveABoundForEachAccount) {
     WaitingStarts starts;
     for (std::size_t i = 0; i < WaitingStarts::kMostOfAccount; ++i) {
-        ASSERT_TRUE(starts.HasPlace("alice", 100)) << i;
+        ASSERT_TRUE(starts.MayWait("alice", 100)) << i;
         starts.Add("alice", "job" + std::to_string(i), 200 + static_cast<std::int64_t>(i));
     }
-    EXPECT_FALSE(starts.HasPlace("alice", 100));
-    EXPECT_TRUE(starts.HasPlace("bob", 100));
-    EXPECT_FALSE(starts.HasPlace("alice", 199));
-    EXPECT_TRUE(starts.HasPlace("alice", 200)) << "the first one has started";
+    EXPECT_FALSE(starts.MayWait("alice", 100));
+    EXPECT_TRUE(starts.MayWait("bob", 100));
+    EXPECT_FALSE(starts.MayWait("alice", 199));
+    EXPECT_TRUE(starts.MayWait("alice", 200)) << "the first one has started";
     starts.Add("alice", "one more", 300);
-    EXPECT_FALSE(starts.HasPlace("alice", 200));
+    EXPECT_FALSE(starts.MayWait("alice", 200));
 }
 
 TEST(WaitingStarts, NameTheJobsThatStillWait) {
