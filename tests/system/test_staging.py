@@ -288,7 +288,7 @@ def test_a_copy_after_a_failed_one_leaves_errno_unchanged(machine):
     machine.start_and_wait()
     texts = [message.text for message in machine.messages(priority="err")]
     assert len(texts) == 10
-    assert [text for text in texts if "File exists" in text] == []
+    assert texts[5:] == [text.replace("pkg-f-a", "pkg-f-b") for text in texts[:5]]
 
 
 @pytest.mark.parametrize("name", ["a/b", "../../../etc/x", "/", "a\0b"])
