@@ -5,6 +5,7 @@
 #include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
+#include <cstdint>
 #include <gtest/gtest.h>
 
 namespace kest::ctl {
@@ -16,7 +17,7 @@ LiveJob AssuredJob(int hours, std::time_t now) {
     Json::Value document = FromText(
         R"({"config": {"name": "a", "user": "root", "cmd": "x", "period": "c", "crontab": "0 0 30 2 *"}})");
     document["config"]["assure_execute"] = hours;
-    document["lastExecution"] = Json::Int64{now - 24 * 3600};
+    document["lastExecution"] = Json::Int64{now - std::int64_t{24} * 3600};
     LiveJob live;
     live.job = CronJob(document);
     EXPECT_TRUE(live.job.valid);
