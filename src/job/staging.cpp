@@ -25,7 +25,7 @@ namespace {
 // of a source.
 constexpr const char *kArea = ".staging";
 // Inside that.
-constexpr const char *kLatest = "taken";
+constexpr const char *kTaken = "taken";
 constexpr const char *kPrevious = "previous";
 
 std::string PathInArea(const std::string &entry) {
@@ -275,13 +275,13 @@ ProgramCopy Staging::TryCopy(const std::string &name, const std::string &source,
 // Removes an entry that an earlier failure left there only when it is in the way.
 bool Staging::MoveToArea(int from, const std::string &name) {
     const int error = errno;
-    if (renameat2(from, name.c_str(), area_.Get(), kLatest, RENAME_NOREPLACE) == 0)
+    if (renameat2(from, name.c_str(), area_.Get(), kTaken, RENAME_NOREPLACE) == 0)
         return true;
     if (errno == ENOENT)
         return false;
     errno = error; // a success leaves it unchanged: later messages include it
-    Clear(area_, kLatest);
-    return renameat(from, name.c_str(), area_.Get(), kLatest) == 0;
+    Clear(area_, kTaken);
+    return renameat(from, name.c_str(), area_.Get(), kTaken) == 0;
 }
 
 // Moves the copy to a directory that only root can enter, and checks it there: the source may have
@@ -292,11 +292,11 @@ bool Staging::TakeIn(const WorkArea &workArea, const std::string &name, const Jo
     if (!MoveToArea(from, name))
         return false;
     struct stat status {};
-    if (fstatat(area_.Get(), kLatest, &status, AT_SYMLINK_NOFOLLOW) == -1)
+    if (fstatat(area_.Get(), kTaken, &status, AT_SYMLINK_NOFOLLOW) == -1)
         return false;
     if (S_ISREG(status.st_mode))
         copy_ = Descriptor(
-            openat(area_.Get(), kLatest, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+            openat(area_.Get(), kTaken, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (S_ISLNK(status.st_mode) || IsProgramOf(account))
         return true;
     copy_.Close();
@@ -323,7 +323,7 @@ bool Staging::IsProgramOf(const JobUser *account) {
 Staging::Step Staging::GiveTo(const JobUser &user) const {
     struct stat status {};
     if (!copy_) // a link, whose target must not change
-        return fchownat(area_.Get(), kLatest, user.uid, user.gid, AT_SYMLINK_NOFOLLOW) == 0
+        return fchownat(area_.Get(), kTaken, user.uid, user.gid, AT_SYMLINK_NOFOLLOW) == 0
                    ? Step::None
                    : Step::Chown;
     if (fstat(copy_.Get(), &status) == -1)
@@ -335,12 +335,12 @@ Staging::Step Staging::GiveTo(const JobUser &user) const {
 }
 
 bool Staging::ReplaceProgram(const std::string &name) {
-    if (renameat(area_.Get(), kLatest, runtime_.Get(), name.c_str()) == 0)
+    if (renameat(area_.Get(), kTaken, runtime_.Get(), name.c_str()) == 0)
         return true;
     // A directory is not replaced; the two change places.
-    if (renameat2(area_.Get(), kLatest, runtime_.Get(), name.c_str(), RENAME_EXCHANGE) == -1)
+    if (renameat2(area_.Get(), kTaken, runtime_.Get(), name.c_str(), RENAME_EXCHANGE) == -1)
         return false;
-    RemoveEntry(area_, kLatest);
+    RemoveEntry(area_, kTaken);
     return true;
 }
 

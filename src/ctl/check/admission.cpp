@@ -115,11 +115,11 @@ bool HasShellSyntax(const std::string &word) {
             (word[redirection] == '>' || word[redirection] == '<'));
 }
 
-void CheckShellSyntax(CheckedDefinition &checked, const Json::Value &words) {
+void CheckShellSyntax(CheckedDefinition &checked, const Json::Value &commandList) {
     const Json::Value &command = Member(checked.Written(), "cmd");
     const std::string text = command.asString();
     std::size_t index = 0;
-    for (const Json::Value &element : words) {
+    for (const Json::Value &element : commandList) {
         const std::string word = element.asString();
         index = text.find(word, index);
         if (!HasShellSyntax(word)) {
@@ -143,13 +143,13 @@ void CheckShellSyntax(CheckedDefinition &checked, const Json::Value &words) {
 void CheckAdmission(CheckedDefinition &checked, const CronJob &job,
                     const Environment &environment) {
     const Account account = environment.account(checked.Config());
-    const Json::Value words = Member(job.Document(), "cmd_list");
+    const Json::Value commandList = Member(job.Document(), "cmd_list");
     const std::string member = HasMember(checked.Config(), "cmd_list") ? "cmd_list" : "cmd";
     CheckName(checked, std::string(job.Name()));
     CheckAccount(checked, account);
     if (member == "cmd")
-        CheckShellSyntax(checked, words);
-    const std::string path = words[0U].asString();
+        CheckShellSyntax(checked, commandList);
+    const std::string path = commandList[0U].asString();
     if (path.empty() || path.find('\0') != std::string::npos)
         Warn(checked, member, "the command does not begin with a program" + std::string(kNotLoaded),
              Expected("an absolute path without a leading blank"));

@@ -148,17 +148,17 @@ void CheckIgnoredMembers(CheckedDefinition &checked, const JobDirectory &directo
 
 void CheckPeriod(CheckedDefinition &checked) {
     // Accepted spellings; the first of each row is the recommended one.
-    constexpr std::array<std::array<const char *, 3>, 5> words{{{"hourly", "hour", "h"},
-                                                                {"daily", "day", "d"},
-                                                                {"weekly", "week", "w"},
-                                                                {"monthly", "month", "m"},
-                                                                {"crontab", "cron", "c"}}};
+    constexpr std::array<std::array<const char *, 3>, 5> spellings{{{"hourly", "hour", "h"},
+                                                                    {"daily", "day", "d"},
+                                                                    {"weekly", "week", "w"},
+                                                                    {"monthly", "month", "m"},
+                                                                    {"crontab", "cron", "c"}}};
     std::string period = TextMember(checked.Config(), "period");
     const std::string written = period;
     std::transform(period.begin(), period.end(), period.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     const std::optional<std::string> expression = PeriodCrontab(period, "own");
-    for (const auto &row : words)
+    for (const auto &row : spellings)
         if (expression && PeriodCrontab(row.front(), "own") == expression &&
             std::find(row.begin(), row.end(), period) == row.end())
             WarnOfMember(checked, "period",

@@ -80,26 +80,30 @@ void Discard(const std::string &path) {
     unlink(path.c_str());
 }
 
-// The status of the document that is replaced.
-struct Standing {
-    bool isThere = false;
+// The file that the document replaces.
+struct OldFile {
+    bool exists = false;
     struct stat status {};
 };
 
 // Returns false with errno set when something other than a regular file exists: a device must not
 // be replaced by a document.
-bool LookAt(const std::string &path, Standing &standing) {
-    const ErrnoGuard errnoGuard;
-    standing.isThere = lstat(path.c_str(), &standing.status) == 0;
-    return !standing.isThere || S_ISREG(standing.status.st_mode);
+bool StatOldFile(const std::string &path, OldFile &old) {
+    const int previousError = errno;
+    old.exists = lstat(path.c_str(), &old.status) == 0;
+    errno = previousError;
+    if (!old.exists || S_ISREG(old.status.st_mode))
+        return true;
+    errno = S_ISDIR(old.status.st_mode) ? EISDIR : EINVAL;
+    return false;
 }
 
-bool TakeOver(int file, const Standing &standing) {
-    if (!standing.isThere)
+bool SetOwnerAndMode(int file, const OldFile &old) {
+    if (!old.exists)
         return fchmod(file, 0644) == 0;
     // The mode comes last, because a change of owner clears some of its bits.
-    return fchown(file, standing.status.st_uid, standing.status.st_gid) == 0 &&
-           fchmod(file, standing.status.st_mode & 07777) == 0;
+    return fchown(file, old.status.st_uid, old.status.st_gid) == 0 &&
+           fchmod(file, old.status.st_mode & 07777) == 0;
 }
 
 using Writer = std::function<void(const JsonSink &sink)>;
@@ -117,11 +121,11 @@ bool WriteParts(int file, const Writer &write) {
     return error == 0;
 }
 
-bool WriteNewFile(const std::string &path, const Writer &write, const Standing &standing,
+bool WriteNewFile(const std::string &path, const Writer &write, const OldFile &old,
                   Durability durability) {
     Discard(path); // left behind by a crash
     Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file || !TakeOver(file.Get(), standing) || !WriteParts(file.Get(), write))
+    if (!file || !SetOwnerAndMode(file.Get(), old) || !WriteParts(file.Get(), write))
         return false;
     if (durability == Durability::Reboot && fsync(file.Get()) == -1)
         return false;
@@ -130,9 +134,9 @@ bool WriteNewFile(const std::string &path, const Writer &write, const Standing &
 
 // Writes the document to `fresh` and renames it to `target`. Removes `fresh` on failure.
 bool ReplaceFile(const std::string &fresh, const std::string &target, const Writer &write,
-                 const Standing &standing, Durability durability) {
+                 const OldFile &old, Durability durability) {
     try {
-        if (WriteNewFile(fresh, write, standing, durability) &&
+        if (WriteNewFile(fresh, write, old, durability) &&
             rename(fresh.c_str(), target.c_str()) == 0)
             return true;
     } catch (const std::bad_alloc &) {
@@ -184,8 +188,8 @@ void FlushDirectoryOf(const std::string &path) {
 bool JsonFromFile(const std::string &path, Json::Value &value, const JsonLimits &limits,
                   JsonOrigin *origin) {
     value = Json::Value();
-    JsonOrigin unasked;
-    JsonOrigin &read = origin != nullptr ? *origin : unasked;
+    JsonOrigin unused;
+    JsonOrigin &read = origin != nullptr ? *origin : unused;
     read = {};
     // Empty files are not documents. Kernel files that block their reader look empty too.
     const Descriptor file = OpenRegularFile(path, {1, limits.bytes});
@@ -204,13 +208,11 @@ bool JsonFromText(JsonOrigin &origin, int depth, Json::Value &value) {
 bool JsonToFile(const Writer &write, const std::string &path, Durability durability) {
     const std::string target = FollowLinks(path);
     const std::string fresh = target + ".new";
-    Standing standing;
-    if (!LookAt(target, standing)) {
-        errno = S_ISDIR(standing.status.st_mode) ? EISDIR : EINVAL;
+    OldFile old;
+    if (!StatOldFile(target, old))
         return false;
-    }
-    if (!ReplaceFile(fresh, target, write, standing, durability))
-        return standing.isThere && MustOverwrite(errno) && OverwriteFile(target, write, durability);
+    if (!ReplaceFile(fresh, target, write, old, durability))
+        return old.exists && MustOverwrite(errno) && OverwriteFile(target, write, durability);
     if (durability == Durability::Reboot)
         FlushDirectoryOf(target);
     return true;
