@@ -295,8 +295,8 @@ bool Staging::TakeIn(const WorkArea &workArea, const std::string &name, const Jo
     if (fstatat(area_.Get(), kTaken, &status, AT_SYMLINK_NOFOLLOW) == -1)
         return false;
     if (S_ISREG(status.st_mode))
-        copy_ = Descriptor(
-            openat(area_.Get(), kTaken, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        copy_ =
+            Descriptor(openat(area_.Get(), kTaken, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (S_ISLNK(status.st_mode) || IsProgramOf(account))
         return true;
     copy_.Close();
