@@ -43,7 +43,7 @@ def machine(request):
         appliance.clock("2026-06-02 02:10:10")
         yield appliance
         if counts:
-            for pid in appliance.daemons():  # a program that is killed leaves no counts
+            for pid in appliance.daemons():  # a killed program writes no counts
                 appliance.run("/usr/bin/kill", pid, env={"LD_PRELOAD": ""})
             wait_for(lambda: not appliance.daemons(), what="the end of all daemons")
         reports = sorted(appliance.path("/tmp").glob("sanitizer*"))
@@ -52,7 +52,7 @@ def machine(request):
 
 @pytest.fixture
 def ctl(machine, request):
-    """The tool that lies beside the daemon under test, installed on the appliance. Whatever it is
-    asked, it writes nothing to the system log."""
+    """The tool from the directory of the daemon under test, installed on the appliance. At the end
+    the fixture checks that the tool wrote nothing to the system log."""
     yield Ctl(machine, Path(request.config.getoption("--daemon")).resolve().parent / "kestcronctl")
     assert [message for message in machine.messages() if message.program == "kestcronctl"] == []

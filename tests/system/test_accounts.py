@@ -1,4 +1,4 @@
-"""Account directories: whose they are, with which rights they are read, and how much they may hold."""
+"""Account directories: their owner, the rights with which they are read, and their quota."""
 
 import json
 import os
@@ -17,7 +17,7 @@ ALICE = TOP + "/alice"
 
 @pytest.fixture(autouse=True)
 def witness(machine):
-    """A good job of another account, which must be loaded and run through it all."""
+    """A valid job of another account, which must stay loaded during each test."""
     machine.template(maxDelay=0)
     machine.jobs("pkg_nonroot", "f", [every_minute("tick")], account="bob")
     yield
@@ -29,7 +29,7 @@ def names(machine):
 
 
 def as_alice(machine, *command, **options):
-    """Starts a program as that account, with the real clock, and waits until it runs."""
+    """Starts a program as alice, with the real clock, and waits until it runs."""
     process = machine.popen(
         "setpriv", "--reuid=2001", "--regid=2001", "--clear-groups", *command, env={"LD_PRELOAD": ""}, **options
     )
@@ -39,13 +39,13 @@ def as_alice(machine, *command, **options):
 
 
 def end(machine, process):
-    """Ends what as_alice() started: what it returned is only what brought it into the machine."""
+    """Kills the program that as_alice() started: `process` is only its launcher outside the machine."""
     machine.run("pkill", "-KILL", "-U", "alice", env={"LD_PRELOAD": ""})
     process.wait(30)
 
 
 def compiled(machine, source):
-    """The path inside of a program made of this C source."""
+    """Compiles the C source and returns the path of the program inside the machine."""
     program = machine.path("/usr/local/bin/attack")
     subprocess.run(["cc", "-O2", "-o", program, "-x", "c", "-"], input=source, text=True, check=True)
     return "/usr/local/bin/attack"
@@ -57,11 +57,11 @@ def memory(machine, name):
     return int(re.search(name + r":\s+(\d+) kB", status)[1]) / 1024
 
 
-# --- Whose a directory is -----------------------------------------------------------------------
+# --- The owner of a directory -------------------------------------------------------------------
 
 
 def test_a_link_that_its_account_redirects(machine):
-    """Root linked the directory to a place of the account's, who leads the link on to "/tmp"."""
+    """Root linked the directory to a path that the account owns; the account redirects it to "/tmp"."""
     home = machine.path("/srv/alice")
     home.mkdir(parents=True)
     machine.chown(home, "alice")
@@ -74,7 +74,7 @@ def test_a_link_that_its_account_redirects(machine):
 
 
 def test_a_link_that_its_account_redirects_to_a_directory_of_root(machine):
-    """Its jobs run accounts' programs, and would run them as root."""
+    """The jobs in the directory of root run programs of accounts, and would run them as root."""
     home = machine.path("/srv/alice")
     home.mkdir(parents=True)
     machine.chown(home, "alice")
@@ -87,8 +87,8 @@ def test_a_link_that_its_account_redirects_to_a_directory_of_root(machine):
     assert machine.texts() == [f"Failed to dir user: {ALICE}"]
 
 
-def test_a_link_to_a_directory_of_another_account(machine):
-    """Anybody may write to it, and what is written would run as its owner."""
+def test_a_link_to_a_writable_directory_of_another_account(machine):
+    """Anybody can write to the directory, and its jobs would run as its owner."""
     machine.path("/srv/bob").mkdir(parents=True)
     machine.chown(machine.path("/srv/bob"), "bob")
     machine.path("/srv/bob").chmod(0o777)
@@ -101,7 +101,7 @@ def test_a_link_to_a_directory_of_another_account(machine):
 
 
 @pytest.mark.parametrize("mode", [0o775, 0o757, 0o1777])
-def test_a_directory_of_roots_that_others_write_to(machine, mode):
+def test_a_directory_of_root_that_others_can_write_to_is_refused(machine, mode):
     machine.write(TOP + "/open/f", json.dumps([never("x")]))
     machine.path(TOP + "/open").chmod(mode)
     machine.start_and_wait()
@@ -122,8 +122,8 @@ int main(void) {
 """
 
 
-def test_a_link_that_is_exchanged_all_the_time(machine):
-    """Whoever looks at the path, and then opens it, may see root's directory and open another."""
+def test_a_link_that_is_replaced_repeatedly(machine):
+    """A check of the path before it is opened may see one directory and open the other."""
     attack = compiled(machine, EXCHANGE)
     for directory, owner in [("/srv/alice", "alice"), ("/srv/alice/own", "alice"), ("/srv/of-root", "root")]:
         machine.path(directory).mkdir(parents=True)
@@ -143,16 +143,16 @@ def test_a_link_that_is_exchanged_all_the_time(machine):
     assert seen == {"pkg_nonroot-alice-f-x"}
 
 
-# --- With which rights its files are read -------------------------------------------------------
+# --- The rights with which files are read -------------------------------------------------------
 
 
-def test_what_the_account_may_not_read(machine):
+def test_files_are_read_with_the_rights_of_the_account(machine):
     machine.account_directory("alice")
     machine.write("/root/secret", json.dumps([never("secret")]), 0o600)
     machine.write("/srv/closed/file", json.dumps([never("closed")]))
     machine.path("/srv/closed").chmod(0o700)
     machine.write("/srv/crew", json.dumps([never("crew")]), 0o640)
-    os.chown(machine.path("/srv/crew"), 0, 3001)  # of a further group of the account
+    os.chown(machine.path("/srv/crew"), 0, 3001)  # a supplementary group of the account
     for name in ("/root/secret", "/srv/closed/file", "/srv/crew"):
         machine.path(f"{ALICE}/{name.split('/')[2]}").symlink_to(name)
     machine.write(ALICE + "/z-roots", json.dumps([never("roots")]), 0o600)
@@ -163,7 +163,7 @@ def test_what_the_account_may_not_read(machine):
         assert message.text.endswith("(Permission denied)")
 
 
-def test_a_directory_that_its_account_cannot_read(machine):
+def test_a_directory_without_read_permission_for_its_account(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.path(ALICE).chmod(0o300)
     machine.start_and_wait()
@@ -171,15 +171,15 @@ def test_a_directory_that_its_account_cannot_read(machine):
     assert machine.texts() == ["open directory failed.", f"Failed to load {ALICE} config"]
 
 
-def test_a_directory_that_its_account_does_not_reach(machine):
-    """Missing parents may have been made for root alone."""
+def test_a_directory_below_one_that_is_closed_to_its_account(machine):
+    """Somebody may have created the parents with access for root only."""
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.path("/usr/local/etc").chmod(0o700)
     machine.start_and_wait()
     assert names(machine) == {"pkg_nonroot-alice-f-x"} and machine.texts() == []
 
 
-def test_only_files_are_opened(machine):
+def test_only_regular_files_are_read(machine):
     machine.account_directory("alice")
     os.mkfifo(machine.path(ALICE + "/fifo"), 0o666)
     machine.path(ALICE + "/terminal").symlink_to("/dev/tty")
@@ -197,22 +197,22 @@ STOP = r"""
 #include <signal.h>
 int main(void) {
     for (;;)
-        kill(-1, SIGSTOP); /* whatever runs as this account */
+        kill(-1, SIGSTOP); /* every process of this account */
 }
 """
 
 
-def takes_a_moment(machine):
-    """Gives the account a job in so many files that they are not read before somebody is quick."""
+def make_reading_slow(machine):
+    """Creates so many job files of the account that reading them leaves time for an attack."""
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.run(
         "bash", "-c", f"cd {ALICE}; for i in {{1..1000}}; do echo [] > $i; done", check=True, env={"LD_PRELOAD": ""}
     )
 
 
-def test_a_reader_that_its_account_stops(machine):
+def test_a_reader_stopped_by_its_account_is_given_up(machine):
     attack = compiled(machine, STOP)
-    takes_a_moment(machine)
+    make_reading_slow(machine)
     machine.path(TOP + "/also").mkdir()
     machine.chown(machine.path(TOP + "/also"), "alice")
     stopper = as_alice(machine, attack)
@@ -222,7 +222,7 @@ def test_a_reader_that_its_account_stops(machine):
     for _ in range(20):
         if failures[0] in machine.texts():
             break
-        # The directories were read before the process was stopped.
+        # The reader ended before it could be stopped.
         started = time.monotonic()
         machine.reload()
     assert time.monotonic() - started > 5
@@ -231,12 +231,12 @@ def test_a_reader_that_its_account_stops(machine):
         for message in machine.messages()
         if message.plain() in failures
     )
-    assert (second - first).total_seconds() < 5 * 60, "one deadline for both directories"
+    assert (second - first).total_seconds() < 5 * 60, "both directories share one deadline"
     end(machine, stopper)
     assert names(machine) == set()
     texts = machine.texts()
     assert texts[texts.index(failures[0]) :][:2] == failures and texts.count(failures[0]) == 1
-    # In a load in which it was too late for the reader, it may have stopped the process that copies.
+    # In a load whose reader ended in time, the attacker may have stopped the process that copies.
     others = {text for text in texts if text not in failures and not text.startswith("Failed to cp ")}
     assert others <= {"MoveBinaryToTmp failed.", "removed cleared jobs: pkg_nonroot-alice-f-x"}
     assert len(texts) == len(failures) or texts[0] not in failures
@@ -248,9 +248,9 @@ def test_a_reader_that_its_account_stops(machine):
 KILL = STOP.replace("SIGSTOP", "SIGKILL")
 
 
-def test_a_reader_that_its_account_kills(machine):
+def test_a_reader_killed_by_its_account_is_reported(machine):
     attack = compiled(machine, KILL)
-    takes_a_moment(machine)
+    make_reading_slow(machine)
     killer = as_alice(machine, attack)
     pid = machine.start_and_wait()
     for _ in range(5):
@@ -287,10 +287,10 @@ def test_no_reader_outlives_a_load(machine):
     )
 
 
-# --- How much an account may have ---------------------------------------------------------------
+# --- The quota of an account --------------------------------------------------------------------
 
 
-def test_a_directory_full_of_empty_files(machine):
+def test_a_hundred_thousand_empty_files(machine):
     machine.jobs("pkg_nonroot", "0-first", [never("x")], account="alice")
     machine.start_and_wait()
     before = memory(machine, "VmHWM")
@@ -304,7 +304,7 @@ def test_a_directory_full_of_empty_files(machine):
     assert memory(machine, "VmHWM") < before + (100 if machine.is_sanitized() else 6)
 
 
-def test_nested_lists_grow_no_document(machine):
+def test_nested_lists_do_not_enlarge_the_document(machine):
     machine.account_directory("alice")
     text = json.dumps([never("x", lists="@")]).replace('"@"', "[" + "[[[[]]]]," * 115000 + "0]")
     assert len(text) < 1 << 20
@@ -317,8 +317,8 @@ def test_nested_lists_grow_no_document(machine):
 
 
 @pytest.mark.native(reason="the memory is the emulator's")
-def test_deep_lists_take_no_more_memory_than_they_do_as_values(machine):
-    """As text in a document, each of their elements has a line of its own, and blanks in it."""
+def test_the_text_of_deep_lists_is_limited_in_memory(machine):
+    """As text in a document, each element has an indented line of its own."""
     machine.jobs("pkg_nonroot", "other", [never("x")], account="alice")
     machine.start_and_wait()
     before = memory(machine, "VmHWM")
@@ -332,8 +332,8 @@ def test_deep_lists_take_no_more_memory_than_they_do_as_values(machine):
 
 
 @pytest.mark.parametrize("member,element", [("cmd", "a "), ("crontab", "1,"), ("extra", "\\u0001")])
-def test_what_is_derived_counts_too(machine, member, element):
-    """A document holds more than its definition: words of a command, values of a schedule."""
+def test_derived_members_count_towards_the_quota(machine, member, element):
+    """A document holds more than its definition: the arguments of a command, the values of a schedule."""
     machine.account_directory("alice")
     value = element * (1000000 // len(element)) + {"cmd": "a", "crontab": "1 1 1 1 1"}.get(member, "")
     definition = json.dumps({**never("x"), member: "@"}).replace('"@"', f'"{value}"')
@@ -357,11 +357,11 @@ def test_two_directories_share_the_quota_of_their_account(machine):
     assert len(names(machine)) == 600 + 200
 
 
-# --- How often it is read -----------------------------------------------------------------------
+# --- Bursts of changes --------------------------------------------------------------------------
 
 
-def test_a_burst_of_changes_is_forgotten(machine):
-    """The queue of what has changed holds 16,384 records, of which each poll takes some thirty."""
+def test_a_burst_of_changes_causes_few_reloads(machine):
+    """The queue of events holds 16,384 records, and each poll reads about thirty of them."""
     machine.account_directory("alice")
     machine.start_and_wait()
     before = machine.loads()

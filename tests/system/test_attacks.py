@@ -1,5 +1,5 @@
-"""Attacks by somebody with a shell, or with an account's directory, as they were carried out. Each
-succeeded once. The racing programs are in C, in `attacks/`."""
+"""Attacks by a user with a shell or with the directory of an account. Each of them succeeded once.
+The programs that provoke races are written in C, in `attacks/`."""
 
 import os
 import signal
@@ -33,7 +33,7 @@ def compiled(tmp_path_factory):
 
 @pytest.fixture
 def attack(machine, compiled):
-    """Starts a program of `attacks/` in the machine as `uid`, and waits until it is at work."""
+    """Starts a program of `attacks/` in the machine as `uid`, and waits until it is ready."""
     started = []
 
     def start(name, *arguments, uid=NOBODY):
@@ -59,13 +59,14 @@ def attack(machine, compiled):
 
 
 def end(machine, process):
-    """Ends the program that was started, which is a child of the process; returns its output."""
+    """Kills all programs of `attacks/`, which are children of their launchers, and returns the output of
+    this one."""
     machine.run("pkill", "-KILL", "-f", "^/srv/attacks/", env={"LD_PRELOAD": ""})
     return process.communicate(timeout=30)[0]
 
 
 def findings(machine, process):
-    """What an observer has seen; ends all attacks."""
+    """Ends all attacks and returns what this observer has seen."""
     return end(machine, process).splitlines()
 
 
@@ -74,7 +75,7 @@ def reload_often(machine, times=3):
         machine.reload()
 
 
-# --- Becoming root, reading what is root's ------------------------------------------------------
+# --- Gaining the rights of root -----------------------------------------------------------------
 
 
 def test_a_removed_runtime_directory_is_not_used_by_others(machine, attack):
@@ -84,11 +85,11 @@ def test_a_removed_runtime_directory_is_not_used_by_others(machine, attack):
     attack("take_directory")
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
     owner = lambda: machine.run("stat", "-c", "%u", "/tmp/kestcrond", env={"LD_PRELOAD": ""}).stdout
-    wait_for(lambda: owner() == "0\n" and len(machine.runs("builtin-f-x")) >= 3, what="the directory of root's again")
+    wait_for(lambda: owner() == "0\n" and len(machine.runs("builtin-f-x")) >= 3, what="root to own the directory again")
     assert machine.read("/tmp/ran/taken") == ""
 
 
-def test_a_mount_over_tmp_is_noticed(machine, attack):
+def test_a_mount_over_tmp_does_not_let_others_replace_programs(machine, attack):
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/log")])
     machine.write("/usr/local/bin/log", "#!/bin/sh\nid -un >> /srv/ran\n", 0o755)
     machine.start_and_wait()
@@ -103,8 +104,8 @@ def test_a_mount_over_tmp_is_noticed(machine, attack):
     assert machine.read("/tmp/ran/taken") == ""
 
 
-def test_a_start_does_not_trust_what_it_finds(machine):
-    """A waiting start finds the directory gone, made by somebody else, and its program planted."""
+def test_a_waiting_start_refuses_a_planted_program(machine):
+    """The runtime directory is removed, and another user creates it with a program for a waiting start."""
     machine.template(maxDelay=1200)
     machine.jobs("builtin", "f", [every_minute("a"), every_minute("x")])
     machine.start_and_wait()
@@ -143,7 +144,7 @@ def test_a_copy_never_has_set_id_bits(machine, attack, source, account):
 
 @pytest.mark.parametrize("source,account", [("pkg", None), ("pkg_nonroot", "alice")])
 def test_a_copy_is_never_a_device(machine, attack, source, account):
-    """The directory of the program is exchanged between the look at it and its copy."""
+    """The directory of the program is replaced between its check and its copy."""
     machine.write("/srv/alice/a/null", "#!/bin/sh\n", 0o755, owner="alice")
     machine.path("/srv/alice/d").symlink_to("/srv/alice/a")
     os.chown(machine.path("/srv/alice"), ALICE, ALICE)
@@ -160,7 +161,7 @@ def test_a_copy_is_never_a_device(machine, attack, source, account):
     assert findings(machine, observer) == []
 
 
-def test_a_program_that_only_its_directory_protects_is_not_read(machine, attack):
+def test_the_copy_of_a_program_in_a_closed_directory_is_unreadable(machine, attack):
     machine.write("/root/closed/program", "#!/bin/sh\n# secret\n", 0o755)
     machine.path("/root/closed").chmod(0o700)
     machine.jobs("builtin", "f", [never(f"x{i}", cmd="/root/closed/program") for i in range(40)])
@@ -171,7 +172,7 @@ def test_a_program_that_only_its_directory_protects_is_not_read(machine, attack)
     assert findings(machine, observer) == []
 
 
-def test_an_account_does_not_get_a_copy_of_what_it_may_not_read(machine):
+def test_an_account_gets_no_copy_of_a_file_that_it_cannot_read(machine):
     machine.write("/etc/secret", "root's own\n", 0o600)
     machine.write("/root/closed/program", "#!/bin/sh\n", 0o755)
     machine.path("/root/closed").chmod(0o700)
@@ -192,14 +193,14 @@ def test_an_account_does_not_get_a_copy_of_what_it_may_not_read(machine):
     assert os.listdir(machine.path("/tmp/kestcrond")) == ["pkg_nonroot-alice-f-c"]
 
 
-def test_an_account_runs_what_it_may_run_but_not_read(machine):
+def test_an_account_runs_a_program_that_it_can_execute_but_not_read(machine):
     machine.template(maxDelay=0)
     machine.write("/usr/local/bin/closed", machine.path("/usr/bin/touch").read_bytes(), 0o711)
     machine.jobs("pkg_nonroot", "f", [every_minute("x", cmd="/usr/local/bin/closed /tmp/ran/ran")], account="alice")
     machine.start_and_wait()
     assert os.readlink(machine.staged("pkg_nonroot-alice-f-x")) == "/usr/local/bin/closed"
     assert machine.staged("pkg_nonroot-alice-f-x").lstat().st_uid == ALICE
-    wait_for(lambda: machine.exists("/tmp/ran/ran"), what="its run")
+    wait_for(lambda: machine.exists("/tmp/ran/ran"), what="the job to run")
     assert machine.path("/tmp/ran/ran").stat().st_uid == ALICE
 
 
@@ -212,10 +213,10 @@ def test_an_account_reads_programs_with_all_its_groups(machine):
     assert list(machine.entries()) == ["pkg_nonroot-alice-f-x"]
 
 
-# --- Stopping, starving, losing -----------------------------------------------------------------
+# --- Denial of service and loss of history ------------------------------------------------------
 
 
-def test_leased_programs_do_not_hold_up_a_load(machine, attack):
+def test_leased_programs_do_not_delay_a_load(machine, attack):
     programs = [f"/srv/alice/p{i}" for i in range(3)]
     for program in programs:
         machine.write(program, "#!/bin/sh\n", 0o755, owner="alice")
@@ -232,7 +233,7 @@ def test_leased_programs_do_not_hold_up_a_load(machine, attack):
 
 
 def hanging_copies(machine):
-    """A copy program that never ends, for one program only."""
+    """Replaces cp by a program that hangs when it copies /usr/local/bin/slow."""
     machine.write("/usr/local/bin/slow", "#!/bin/sh\n", 0o755)
     machine.write(
         "/usr/bin/cp", '#!/bin/sh\n[ "$2" = /usr/local/bin/slow ] && exec sleep 100000\n' 'cat "$2" > "$3"\n', 0o755
@@ -278,7 +279,7 @@ def test_a_stop_does_not_wait_for_a_load(machine):
     assert not machine.exists("/tmp/kestcrond/.staging")
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
 def test_a_stop_before_the_first_copy_loses_nothing(machine):
     machine.jobs("builtin", "f", [never("a")])
     loads = machine.loads()
@@ -290,7 +291,7 @@ def test_a_stop_before_the_first_copy_loses_nothing(machine):
     assert list(machine.document(PERSISTENT_FILE)["jobs"]) == ["builtin-f-a"]
 
 
-def test_a_stop_before_the_first_load_is_done_loses_nothing(machine):
+def test_a_stop_during_the_first_load_loses_nothing(machine):
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.jobs("pkg_nonroot", "f", [every_minute("x")], account="alice")
@@ -299,13 +300,13 @@ def test_a_stop_before_the_first_load_is_done_loses_nothing(machine):
     machine.stop()
     before = machine.document(PERSISTENT_FILE)
     assert all(entry["lastExecution"] for entry in before["jobs"].values())
-    # The stop comes before the account's directory is read, which may take long.
+    # The daemon is stopped before it reads the account's directory, which may take long.
     machine.start_with_faults("read:signal=TERM:when=1", path="/usr/kest/share/kestcron.d/f")
     wait_for(lambda: not machine.daemons())
     assert machine.document(PERSISTENT_FILE) == before
 
 
-def test_copies_that_are_stopped_harm_their_own_account_only(machine, attack):
+def test_an_account_that_stops_its_copies_harms_only_itself(machine, attack):
     machine.jobs("pkg_nonroot", "f", [never(f"x{i}") for i in range(10)], account="alice")
     machine.jobs("pkg_nonroot", "f", [never("y")], account="bob")
     attack("stop_copies", uid=ALICE)
@@ -316,8 +317,8 @@ def test_copies_that_are_stopped_harm_their_own_account_only(machine, attack):
     wait_for(lambda: not [p for p in machine.processes().values() if p["name"] == "kestcrond-stage"])
 
 
-def test_what_an_account_leaves_behind_stops_no_load(machine, attack):
-    """It reaches its own work directory through the process that copies for it."""
+def test_files_left_in_a_work_directory_do_not_stop_a_load(machine, attack):
+    """An account can reach its own work directory through the process that copies its programs."""
     machine.write("/usr/bin/cp", "#!/bin/sh\n[ $(id -u) = 0 ] || /usr/bin/sleep 120\n" 'cat "$2" > "$3"\n', 0o755)
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
@@ -332,7 +333,7 @@ def test_what_an_account_leaves_behind_stops_no_load(machine, attack):
     assert not [name for name in os.listdir(machine.path("/tmp/kestcrond")) if name.startswith(".")]
 
 
-def test_an_account_has_a_quarter_of_the_file_system(machine):
+def test_an_account_may_use_a_quarter_of_the_file_system(machine):
     machine.path("/tmp/kestcrond").mkdir()
     machine.run(
         "mount", "-t", "tmpfs", "-o", "mode=755,size=4m", "tmpfs", "/tmp/kestcrond", check=True, env={"LD_PRELOAD": ""}
@@ -363,14 +364,14 @@ def test_an_account_has_a_quarter_of_the_file_system(machine):
     assert message.text.endswith("(Disk quota exceeded)")
 
 
-def test_what_could_not_be_copied_is_tried_again_in_an_hour(machine):
+def test_a_failed_copy_is_retried_in_the_next_hour(machine):
     machine.clock("2026-06-02 02:55:10")
     machine.write("/usr/bin/cp", "#!/bin/sh\nexit 1\n", 0o755)
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     assert machine.entries() == {}
     machine.write("/usr/bin/cp", '#!/bin/sh\ncat "$2" > "$3"\n', 0o755)
-    # A busy machine may step over the first minute of an hour.
+    # A busy machine may skip the first minute of an hour.
     wait_for(lambda: list(machine.entries()) == ["builtin-f-x"], 150, "the next hour")
 
 
@@ -381,15 +382,15 @@ def test_waiting_starts_of_an_account_are_bounded(machine):
     machine.jobs("builtin", "a", [every_minute("tick")])
     machine.start_and_wait()
     wait_for(lambda: machine.texts().count("Failed to fork()") > 1500, 120, "refused launches")
-    # One more of each cycle is the neighbour's, which waits least; the first of all never waits.
+    # Each cycle adds one start of the other job, which waits least. The first start never waits.
     assert len(machine.daemons()) < 1000 + 50
     message = next(m for m in machine.messages("cronjob") if "fork" in m.text)
     assert message.text == "Failed to fork() (Resource temporarily unavailable)"
     before = len(machine.runs("builtin-a-tick"))
-    wait_for(lambda: len(machine.runs("builtin-a-tick")) > before + 1, what="the neighbour's runs")
+    wait_for(lambda: len(machine.runs("builtin-a-tick")) > before + 1, what="runs of the other job")
 
 
-def test_a_full_directory_costs_no_history(machine):
+def test_a_full_runtime_directory_does_not_lose_history(machine):
     machine.path("/tmp/kestcrond").mkdir()
     mount = ["mount", "-t", "tmpfs", "-o", "mode=755,size=1m", "tmpfs", "/tmp/kestcrond"]
     machine.run(*mount, check=True, env={"LD_PRELOAD": ""})
@@ -424,7 +425,7 @@ def test_programs_of_renamed_jobs_are_removed(machine):
     )
 
 
-def test_a_program_that_a_waiting_start_needs_is_kept(machine):
+def test_the_program_of_a_waiting_start_is_kept(machine):
     machine.template(maxDelay=900)
     machine.jobs("pkg_nonroot", "f", [every_minute("a"), every_minute("b")], account="alice")
     machine.start_and_wait()
@@ -432,18 +433,18 @@ def test_a_program_that_a_waiting_start_needs_is_kept(machine):
     machine.jobs("pkg_nonroot", "f", [never("c")], account="alice")
     machine.reload()
     assert set(os.listdir(machine.path("/tmp/kestcrond"))) >= {"pkg_nonroot-alice-f-b", "pkg_nonroot-alice-f-c"}
-    wait_for(lambda: machine.runs("pkg_nonroot-alice-f-b"), 60, "the start that waited")
+    wait_for(lambda: machine.runs("pkg_nonroot-alice-f-b"), 60, "the waiting start")
 
     def removed_by_a_reload():
         machine.reload()
         return os.listdir(machine.path("/tmp/kestcrond")) == ["pkg_nonroot-alice-f-c"]
 
-    # Programs stay for half a second after their start: an interpreter has to open its script.
+    # Programs are kept for half a second after their start: an interpreter has to open its script.
     wait_for(removed_by_a_reload)
 
 
-@pytest.mark.parametrize("arguments", [(), ("again",)], ids=["keeps it", "gives it back"])
-def test_every_start_makes_the_runtime_directory(machine, attack, arguments):
+@pytest.mark.parametrize("arguments", [(), ("again",)], ids=["keeps it", "returns it"])
+def test_every_start_of_the_daemon_takes_the_runtime_directory(machine, attack, arguments):
     attack("take_directory", *arguments)
     for _ in range(8):
         machine.start_and_wait()
@@ -454,7 +455,7 @@ def test_every_start_makes_the_runtime_directory(machine, attack, arguments):
     assert machine.texts() == []
 
 
-# --- Where there is no mount namespace ----------------------------------------------------------
+# --- Without a mount namespace ------------------------------------------------------------------
 
 
 def test_without_a_namespace_the_directory_is_closed_while_programs_are_copied(machine, attack):

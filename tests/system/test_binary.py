@@ -1,4 +1,4 @@
-"""The program file: the protections that it is built with, and what it leans on."""
+"""The program file: its hardening and its dependencies."""
 
 import re
 import subprocess
@@ -17,17 +17,17 @@ def readelf(binary, *options):
 
 
 def is_instrumented(binary):
-    """Sanitizers and line counts take the place of what an installed program is built with."""
+    """Whether it is built with sanitizers or line counts instead of the hardening."""
     return re.search(rb"__asan_init|__gcov_dump", binary.read_bytes()) is not None
 
 
-def test_it_is_protected(binary):
+def test_the_program_is_hardened(binary):
     if is_instrumented(binary):
         pytest.skip("an instrumented build")
     assert re.search(r"Type:\s+DYN", readelf(binary, "--file-header"))
     segments = readelf(binary, "--program-headers")
     assert "GNU_RELRO" in segments
-    assert re.search(r"GNU_STACK .* RW ", segments), "a stack that is no code"
+    assert re.search(r"GNU_STACK .* RW ", segments), "the stack must not be executable"
     assert not re.search(r" RWE ", segments)
     dynamic = readelf(binary, "--dynamic")
     assert "BIND_NOW" in dynamic and "PIE" in dynamic
@@ -37,7 +37,7 @@ def test_it_is_protected(binary):
     assert re.search(r"__(v?snprintf|syslog|memcpy|read)_chk", symbols)
 
 
-def test_it_needs_only_its_declared_dependencies(binary):
+def test_the_program_needs_only_its_declared_dependencies(binary):
     if is_instrumented(binary):
         pytest.skip("an instrumented build")
     needed = re.findall(r"NEEDED.*\[(.*?)\.so", readelf(binary, "--dynamic"))

@@ -575,7 +575,7 @@ def test_status_of_a_daemon(machine, ctl):
     machine.start_and_wait()
     assert not json.loads(ctl("status", "--json").stdout)["passive"]
     machine.stop()
-    machine.write(machine.PID_FILE, "1\n")  # of another program
+    machine.write(machine.PID_FILE, "1\n")  # the pid of another program
     assert ctl("status").returncode == 3
 
 

@@ -96,7 +96,7 @@ def check_predictions(predictions, since, launched, overdue, evaluated):
 
 @pytest.mark.native(reason="too slow for its deadline when emulated")
 def test_over_a_day_with_redraws(machine, ctl):
-    """From Sunday, 31 May 2026, 22:50, so that all fields but the month are redrawn at midnight."""
+    """The day begins on Sunday, 31 May 2026, 22:50, so that all fields but the month are redrawn at midnight."""
     machine.clock("2026-05-31 22:50:00", rate=1200)
     machine.template(maxDelay=0)
     machine.jobs(
@@ -115,7 +115,7 @@ def test_over_a_day_with_redraws(machine, ctl):
         """Records the predictions after the redraw of that hour of the day."""
         wait_for(lambda: any(minute.hour == hour and minute.minute > 2 for minute in ticks()), 120, f"{hour} o'clock")
         now = machine.log_lines()[-1].split()[0]
-        clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still meanwhile
+        clock = {"FAKETIME": now[:19].replace("T", " ")}  # stands still during the command
         later = (minute_of(now) + 5 * 60 * MINUTE).isoformat()
         for start, options in ((now, []), (later, ["--at", later])):
             predictions = json.loads(ctl("next", "-n", "3000", *options, "--json", env=clock).stdout)

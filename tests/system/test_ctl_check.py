@@ -419,7 +419,7 @@ def test_duplicate_names(machine, ctl):
     put("pkg", "a.conf.conf", ("x", 5))
     put("builtin", "dyn-x.conf", ("y", 6))
     put("builtin-dyn", "x.conf", ("y", 7))
-    # In the wrong order on purpose.
+    # Deliberately in the wrong order.
     _, answer = ctl.json("check", *reversed([SOURCES[label] for label in ("builtin", "builtin-dyn", "pkg")]))
     machine.start_and_wait()
     winners = {}
@@ -508,7 +508,7 @@ def test_too_many_files_for_a_quota(machine, ctl):
     )
     _, answer = ctl.json("check", "--errors-only")
     assert answer["files"] == 1100
-    # The first ten have a problem each, as the daemon has a message for each.
+    # Each of the first ten is a problem, as the daemon names each of them in a message.
     assert [problem["file"][-4:] for problem in answer["problems"]] == [str(number) for number in range(1025, 1036)]
     assert answer["problems"][-1]["message"].endswith(", and 65 more")
 

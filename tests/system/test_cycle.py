@@ -13,7 +13,7 @@ LINE = re.compile(r"(\S+) running job: (\S+) with command: (.*) as user (\w+)(?:
 
 
 def starts(machine):
-    """The execution log's start lines, parsed: (time, job, command, account, note)."""
+    """The start lines of the execution log as (time, job, command, account, note)."""
     return [LINE.fullmatch(line).groups() for line in machine.log_lines()]
 
 
@@ -51,7 +51,7 @@ def test_two_launches_are_maxdelay_apart(machine):
     assert ", job[1/2]" in note_of(machine, "builtin-f-a")
     assert "delay" not in note_of(machine, "builtin-f-a")
     assert note_of(machine, "builtin-f-b").endswith(", job[2/2], delay[300]")
-    # The delay is waited out: 5 minutes by the machine's clock.
+    # The job starts after its delay: 5 minutes by the machine's clock.
     first = next(start for start in starts(machine) if start[1] == "builtin-f-b")
     triggered = re.search(r"trig\[02 ([\d:]+)\]", first[4]).group(1)
     waited = (
@@ -62,7 +62,7 @@ def test_two_launches_are_maxdelay_apart(machine):
 
 @pytest.mark.parametrize("max_delay,delays", [(600, [0, 600, 1200]), (2000, [0, 1800, 3600]), (0, [0, 0, 0])])
 def test_three_launches(machine, max_delay, delays):
-    # Overdue jobs, because they run once, in whatever minute the fast clock has come to.
+    # The jobs are overdue, so that they run once, whatever minute the fast clock shows.
     history(machine, *[never(name, assure_execute=1000) for name in "abc"], lastExecution=5)
     machine.template(maxDelay=max_delay)
     machine.clock("2026-06-02 02:10:05", rate=600)
@@ -94,7 +94,7 @@ def test_only_launches_count_for_delays(machine):
 
 
 def triggers(machine):
-    """When the cycles were that launched something, in minutes and seconds of their day."""
+    """The times of the cycles that launched a job, in minutes and seconds of their day."""
     return [
         datetime.datetime.strptime(re.search(r"trig\[\d\d (.*?)\]", note)[1], "%H:%M:%S")
         for *_, note in starts(machine)
@@ -111,34 +111,34 @@ def test_a_cycle_takes_a_minute(machine):
         times = sorted(triggers(machine))
         return [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
 
-    # A busy machine adds to it now and then, but not always.
+    # A busy machine prolongs some cycles, but not all.
     wait_for(lambda: gaps().count(60) >= 2, 120)
     assert min(gaps()) == 60
 
 
 @pytest.mark.parametrize("stamp", [5, -1, 2**32])
-def test_a_run_that_waits_survives_a_restart(machine, stamp):
+def test_a_waiting_start_survives_a_restart(machine, stamp):
     machine.template(maxDelay=0)
     history(machine, never("x"), expireTime=stamp)
     machine.jobs("pkg", "clock", [every_minute("tick")])
     machine.start_and_wait()
     wait_for(lambda: len(machine.runs("pkg-clock-tick")) >= 3 and machine.runs("builtin-f-x"))
     assert len(machine.runs("builtin-f-x")) == 1
-    assert "tab[" not in note_of(machine, "builtin-f-x"), "it was not due in this life"
+    assert "tab[" not in note_of(machine, "builtin-f-x"), "it was not due since the restart"
     assert note_of(machine, "builtin-f-x").startswith("state[Ready], ")
 
 
 def test_held_defers_a_due_run(machine):
     machine.write("/run/kestvorld.status", "2\n")
     machine.jobs("builtin", "f", [every_minute("x", crontab="10 2 * * *")])
-    machine.clock("2026-06-02 02:10:00", rate=6)  # that minute is long enough for any start
+    machine.clock("2026-06-02 02:10:00", rate=6)  # slow enough for the daemon to start within 02:10
     machine.start_and_wait()
-    # Changes are only looked for in evaluation cycles: two of them have passed, and so has 02:10.
+    # Only evaluation cycles detect changes: after two of them 02:10 is over.
     for account in ("alice", "bob"):
         before = machine.loads()
         machine.account_directory(account)
         wait_for(lambda seen=before: machine.loads() > seen, what="a reload")
-    # The run is stamped, but only memory knows until the next save: a reload writes it.
+    # The deferred run is only in memory until the next write: a reload writes it.
     machine.reload()
     assert machine.entries()["builtin-f-x"]["expireTime"] != 0
     assert machine.log_lines() == []
@@ -194,7 +194,7 @@ def test_overdue_to_the_second(machine, age, overdue):
     assert machine.runs("builtin-f-x") == ["root root []"] * overdue
 
 
-def test_overdue_counts_from_startup_without_a_run(machine):
+def test_a_job_without_a_run_is_overdue_counting_from_startup(machine):
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [never("x", assure_execute=1)])
     machine.clock("2026-06-02 02:10:10", rate=1200)
@@ -262,14 +262,14 @@ def test_a_missing_controller_is_not_a_failure(machine):
 def test_a_reload_cycle_launches_nothing(machine):
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [every_minute("x")])
-    machine.clock("2026-06-02 02:10:10", rate=10)  # no reload takes a minute
+    machine.clock("2026-06-02 02:10:10", rate=10)  # slow enough for a reload to end within the minute
     machine.start_and_wait()
     wait_for(lambda: starts(machine))
     machine.reload()
     count = len(starts(machine))
     for _ in range(5):
         machine.reload()
-    # Each reload hurried the next cycle, and none of them was an evaluation.
+    # The cycle after each reload began at once, and none of them was an evaluation.
     assert len(starts(machine)) <= count + 1
     wait_for(lambda: len(starts(machine)) > count + 1)
 
@@ -288,22 +288,22 @@ REDRAWS = [
 
 @pytest.mark.parametrize("start,fields", REDRAWS)
 def test_redraw(machine, start, fields):
-    # What is not drawn anew stays, so values that no draw gives show what was.
+    # The values are impossible draws, so they show which fields were not redrawn.
     marked = {"Minute": [70], "hour": [71], "day": [72], "month": [73], "week": [74]}
     jobs = [every_minute(name, crontab="~ ~ ~ ~ ~") for name in ("x", "y")]
     jobs.append(every_minute("z", crontab="5 1~4 * * *"))
     machine.template(maxDelay=0)
     history(machine, *jobs, schedule=marked)
     machine.template(schedule=marked)
-    machine.clock(start, rate=0)  # the first look is in the first minute of the hour, and it draws
+    machine.clock(start, rate=0)  # the first cycle is in the first minute of the hour, and it redraws
     machine.start_and_wait()
     drawn_template = lambda: machine.document(machine.RUNTIME_TEMPLATE)["schedule"]
     wait_for(lambda: drawn_template()["Minute"] != marked["Minute"], what="the redraw")
     drawn, template = machine.entries()["builtin-f-x"]["schedule"], drawn_template()
     assert {key for key in FIELDS if drawn[key] != marked[key]} == fields
     assert {key for key in FIELDS if template[key] != marked[key]} == fields
-    assert drawn == template, "the job takes what the template drew"
-    assert machine.entries()["builtin-f-y"]["schedule"] == drawn, "and so does every other"
+    assert drawn == template, "the job shares the draw of the template"
+    assert machine.entries()["builtin-f-y"]["schedule"] == drawn, "and so does every other job"
     other = machine.entries()["builtin-f-z"]["schedule"]
     (hour,) = other["hour"]
     assert hour in range(1, 5) if "hour" in fields else hour == 71
@@ -316,7 +316,7 @@ def test_the_old_minute_is_matched_before_the_redraw(machine):
     machine.template(schedule=machine.drawn(Minute=0))
     history(machine, every_minute("x", period="hourly"), schedule=machine.drawn(Minute=0))
     machine.template(maxDelay=0, schedule=machine.drawn(Minute=0))
-    machine.clock("2026-06-02 03:00:10", rate=0)  # the first look launches, and draws
+    machine.clock("2026-06-02 03:00:10", rate=0)  # the first cycle launches, and redraws
     machine.start_and_wait()
     wait_for(machine.log_lines)
     assert "tab[0 -1 -1 -1 -1]" in machine.log_lines()[0]
@@ -331,11 +331,11 @@ def test_no_redraw_outside_minute_0(machine):
     assert machine.entries()["builtin-f-x"]["schedule"] == schedule
 
 
-def test_without_jobs_fields_are_drawn_and_changes_seen(machine):
+def test_without_jobs_fields_are_redrawn_and_changes_detected(machine):
     machine.clock("2026-06-02 01:58:10")
     machine.start_and_wait()
     saved = machine.saved()
-    # A busy machine may step over the first minute of an hour.
+    # A busy machine may skip the first minute of an hour.
     wait_for(lambda: machine.saved() != saved, 150, "the redraw")
     assert machine.loads() == 1
     machine.account_directory("alice")
@@ -343,7 +343,7 @@ def test_without_jobs_fields_are_drawn_and_changes_seen(machine):
 
 
 def test_a_reload_redraws_nothing(machine):
-    machine.clock("2029-01-01 00:00:10", rate=0)  # a Monday: all fields would be
+    machine.clock("2029-01-01 00:00:10", rate=0)  # a Monday: a cycle would redraw all fields
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     wait_for(machine.log_lines)
@@ -354,7 +354,7 @@ def test_a_reload_redraws_nothing(machine):
 
 
 def copy_slowly(machine, meanwhile="/usr/bin/sleep 1"):
-    """Lets each copy of a program say that it begins and take its time."""
+    """Replaces cp by a program that appends a line to "/tmp/copies" and waits before it copies."""
     machine.path("/usr/bin/cp").rename(machine.path("/usr/bin/cp.real"))
     machine.write("/usr/bin/cp", f"#!/bin/sh\necho >> /tmp/copies\n{meanwhile}\n" 'exec /usr/bin/cp.real "$@"\n', 0o755)
 
@@ -378,9 +378,9 @@ def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine, microseconds
     names = [f"j{i}" for i in range(8)]
     machine.jobs("builtin", "f", [every_minute(name) for name in names])
     copy_slowly(machine, "until /usr/bin/sleep 0.1; [ -e /tmp/changed ]; do :; done")
-    # So long it takes a job to start: some do when the copies are made.
+    # A job takes this long to start, so that some start while programs are copied.
     machine.start_with_faults(f"setgid:delay_enter={microseconds}")
-    # A change while the jobs are loaded: the first cycle launches them all and sees it.
+    # A change during the first load: the first cycle launches all jobs and detects it.
     wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
     machine.account_directory("bob")
     machine.write("/tmp/changed", "")

@@ -1,4 +1,4 @@
-"""Job definitions from the outside: what is accepted, what is refused, and in which words."""
+"""Job definitions as the daemon loads them: what it accepts, what it refuses, and the messages."""
 
 import pytest
 from tests.lib.appliance import RECORD, every_minute, never
@@ -45,7 +45,7 @@ def load(machine, **members):
         ("crontab", {"period": "crontab"}),
         ("crontab", {"period": "my crontab"}),
         ("crontab", {"period": "crontabs", "crontab": 5}),
-        # Of several broken rules the first is told.
+        # Only the first of several broken rules is reported.
         ("period", {"period": None, "user": None, "cmd": None}),
         ("user", {"user": None, "cmd": None}),
     ],
@@ -134,10 +134,10 @@ def test_accepted(machine, members):
     assert load(machine, **members) == []
 
 
-def test_only_the_exact_word_package_needs_its_account_at_once(machine):
+def test_only_the_exact_user_package_requires_its_account_in_the_definition(machine):
     machine.jobs("pkg", "f", [never("x", user="packager")])
     machine.start_and_wait()
-    # It is accepted as a definition, and dropped when its program is staged.
+    # The definition is accepted, and the job is dropped when its program is staged.
     assert "Job JSON format error: /usr/local/etc/kestcron.d/f" not in machine.texts()
     assert machine.texts()[0] == "you are not package! error user in config"
 
@@ -158,7 +158,7 @@ def test_defaults_are_written_into_the_definition(machine):
     assert all("startup" in entry and "startup" not in entry["config"] for entry in machine.entries().values())
 
 
-def test_run_on_passive_takes_what_converts(machine):
+def test_run_on_passive_accepts_convertible_values(machine):
     machine.template(maxDelay=0)
     machine.jobs(
         "pkg",
