@@ -316,7 +316,7 @@ def test_nested_lists_do_not_enlarge_the_document(machine):
     assert len(machine.read(machine.RUNTIME_FILE)) < 1 << 16
 
 
-@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.native(reason="the memory includes that of the emulator")
 def test_the_text_of_deep_lists_is_limited_in_memory(machine):
     """As text in a document, each element has an indented line of its own."""
     machine.jobs("pkg_nonroot", "other", [never("x")], account="alice")

@@ -1,4 +1,4 @@
-"""The process: arguments, the one instance, what a running daemon looks like, how it ends."""
+"""The process: its arguments, the single instance, the state of a running daemon, and its end."""
 
 import errno
 import os
@@ -43,10 +43,10 @@ def test_signal_dispositions(machine):
     assert {signal.SIGINT, signal.SIGTERM, signal.SIGHUP} <= handled
     assert {signal.SIGPIPE, signal.SIGCHLD} <= signals(machine, pid, "SigIgn")
     assert not {signal.SIGPIPE, signal.SIGCHLD} & handled
-    wait_for(lambda: signals(machine, pid, "SigBlk") == set(), what="signals that are let in")
+    wait_for(lambda: signals(machine, pid, "SigBlk") == set(), what="unblocked signals")
 
 
-def test_starter_descriptors_are_not_kept(machine):
+def test_inherited_descriptors_are_closed(machine):
     machine.run(
         "bash", "-c", f"exec 7</etc/passwd 9>/tmp/starter; exec {machine.DAEMON}", env={"LD_PRELOAD": ""}, check=True
     )
@@ -59,7 +59,7 @@ def test_starter_descriptors_are_not_kept(machine):
     )
 
 
-def test_blocked_signals_of_the_starter_do_not_count(machine):
+def test_inherited_blocked_signals_are_unblocked(machine):
     machine.run(
         "/usr/bin/python3",
         "-c",
@@ -84,7 +84,7 @@ def test_blocked_signals_of_the_starter_do_not_count(machine):
         ["--Passive-Mode"],
     ],
 )
-def test_any_other_argument_stops_the_start(machine, arguments):
+def test_any_other_argument_prevents_the_start(machine, arguments):
     result = machine.run(machine.DAEMON, *arguments)
     assert result.returncode == 255
     assert result.stdout == result.stderr == ""
@@ -94,7 +94,7 @@ def test_any_other_argument_stops_the_start(machine, arguments):
     assert machine.daemons() == []
 
 
-def test_the_one_instance_is_looked_for_before_anything_else(machine):
+def test_a_running_instance_is_detected_before_anything_else(machine):
     machine.start_and_wait()
     machine.path("/dev/null").unlink()
     assert machine.start("--help") == 255
@@ -107,7 +107,7 @@ def test_streams_are_closed_before_arguments_are_read(machine):
     assert machine.texts("kestcrond") == ["Close stdio failed"]
 
 
-def test_streams_that_the_starter_closed_lead_nowhere(machine):
+def test_closed_standard_streams_lead_to_dev_null(machine):
     machine.run("bash", "-c", f"exec 0<&- 1>&- 2>&-; exec {machine.DAEMON}")
     pid = wait_for(machine.daemon_pid, what="the daemon")
     for descriptor in "012":
@@ -115,7 +115,7 @@ def test_streams_that_the_starter_closed_lead_nowhere(machine):
         assert target == "/dev/null\n"
 
 
-# Starts the daemon and collects all that comes of it: a line for each exit status.
+# Starts the daemon and waits for all its processes. Prints a line for each exit status.
 COLLECTOR = """
 import ctypes, os
 PR_SET_CHILD_SUBREAPER = 36
@@ -133,11 +133,11 @@ def collect(machine):
 
 
 def status_of_daemon(machine):
-    """The exit status of the daemon itself, after that of its starter."""
+    """The exit status of the daemon itself, which follows that of the starting process."""
     statuses = wait_for(
         lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2 and lines, what="the daemon's end"
     )
-    assert statuses[0] == "0", "the starter has gone before"
+    assert statuses[0] == "0", "the starting process has already ended"
     return int(statuses[1])
 
 
@@ -187,7 +187,7 @@ def test_a_second_instance_is_refused(machine):
     assert machine.daemon_pid() == pid
 
 
-def test_of_many_starts_at_once_one_survives(machine):
+def test_one_of_many_simultaneous_starts_succeeds(machine):
     machine.run("bash", "-c", f"for i in $(seq 20); do {machine.DAEMON} & done; wait")
     wait_for(lambda: machine.exists(machine.RUNTIME_FILE))
     wait_for(lambda: machine.daemons() == [machine.daemon_pid()], what="a single daemon")
@@ -226,8 +226,8 @@ int main(void) { prctl(PR_SET_DUMPABLE, 0); sleep(1000); return 0; }
 
 @pytest.mark.parametrize("mode", [0o755, 0o4755])
 def test_a_process_of_an_account_is_not_another_instance(machine, tmp_path, mode):
-    """The account has taken the pid of a daemon that died, and its name, and hides whose it is; or
-    has started a set-id program of root's under that name."""
+    """A process of the account has the pid and the name of a dead daemon and hides its owner, or it
+    runs a set-id program of root under that name."""
     (tmp_path / "sleeper.c").write_text(SLEEPER)
     subprocess.run(["gcc", "-o", tmp_path / "sleeper", tmp_path / "sleeper.c"], check=True)
     machine.write("/usr/local/bin/kestcrond", (tmp_path / "sleeper").read_bytes(), mode)
@@ -242,7 +242,7 @@ def test_a_process_of_an_account_is_not_another_instance(machine, tmp_path, mode
     other.wait()
 
 
-def test_a_daemon_whose_pid_file_was_removed_is_still_the_one(machine):
+def test_a_daemon_without_its_pid_file_is_still_the_instance(machine):
     pid = machine.start_and_wait()
     machine.path(machine.PID_FILE).unlink()
     assert machine.start() == 255
@@ -251,7 +251,7 @@ def test_a_daemon_whose_pid_file_was_removed_is_still_the_one(machine):
     assert not machine.exists(machine.PID_FILE)
 
 
-def test_the_lock_of_the_instance_ends_with_it(machine):
+def test_the_lock_of_the_instance_is_released_when_it_ends(machine):
     pid = machine.start_and_wait()
     machine.signal(signal.SIGKILL, pid)
     wait_for(lambda: pid not in machine.processes())
@@ -283,7 +283,7 @@ def test_a_pid_file_with_the_own_pid_is_not_another_instance(machine):
 
 def test_init_failure_leaves_the_pid_file(machine):
     machine.write("/tmp/kestcrond", "in the way")
-    assert machine.start() == 0, "the starter has gone before"
+    assert machine.start() == 0, "the starting process has already ended"
     machine.wait_for_text("init daemon failed")
     wait_for(lambda: not machine.daemon_pid())
     assert machine.texts("crondaemon") == ["runtime dir (/tmp/kestcrond) create failed"]
@@ -298,7 +298,7 @@ def limits(machine, pid):
     return {line[:26].strip(): tuple(line[26:].split()[:2]) for line in lines}
 
 
-def test_limits_of_the_starter_do_not_count(machine):
+def test_inherited_limits_are_reset(machine):
     machine.template(maxDelay=0)
     machine.write(
         "/usr/local/bin/limits",
@@ -308,20 +308,20 @@ def test_limits_of_the_starter_do_not_count(machine):
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/limits")])
     machine.run(
         "bash", "-c", f"ulimit -S -f 0 -n 20; ulimit -S -c unlimited; exec {machine.DAEMON}", env={"LD_PRELOAD": ""}
-    )  # a preloaded clock writes to a file of its own
+    )  # the preloaded clock writes to a file of its own
     pid = wait_for(machine.daemon_pid, what="the daemon")
     found = limits(machine, pid)
     assert found["Max file size"] == ("unlimited", "unlimited")
     assert found["Max core file size"][0] == "0"
     assert int(found["Max open files"][0]) >= 1024 and int(found["Max open files"][1]) >= 4096
     assert signal.SIGXFSZ in signals(machine, pid, "SigIgn")
-    job = wait_for(lambda: machine.read("/tmp/ran/limits"), what="the job's report")
+    job = wait_for(lambda: machine.read("/tmp/ran/limits"), what="the limits that the job prints")
     for name, (soft, hard) in found.items():
         assert re.search(rf"^{name} +{soft} +{hard} ", job, re.M), name
 
 
-def test_a_limit_that_stays_ends_nothing(machine):
-    """A write beyond it fails like one on a full disk."""
+def test_a_file_size_limit_does_not_end_the_daemon(machine):
+    """A write beyond the limit fails as on a full disk."""
     pid = machine.start_and_wait()
     machine.run("prlimit", f"--pid={pid}", "--fsize=10:10", check=True, env={"LD_PRELOAD": ""})
     machine.signal(signal.SIGHUP)
@@ -329,9 +329,9 @@ def test_a_limit_that_stays_ends_nothing(machine):
     assert machine.daemon_pid() == pid
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
-def test_the_random_source_is_never_waited_for(machine):
-    """Early in the boot of a board the kernel has no random numbers for a long time."""
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
+def test_the_daemon_never_waits_for_random_numbers(machine):
+    """Early in the boot of a board it may be long until the kernel can supply random numbers."""
     machine.jobs("builtin", "f", [{"name": "x", "user": "root", "period": "d", "cmd": "/usr/bin/true"}])
     machine.start_traced("-e", "trace=getrandom", "-o", "/tmp/calls")
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
@@ -339,7 +339,7 @@ def test_the_random_source_is_never_waited_for(machine):
     assert calls and all("GRND_NONBLOCK" in call or "GRND_INSECURE" in call for call in calls)
 
 
-def test_boards_without_random_numbers_draw_all_the_same(machine):
+def test_boards_without_random_numbers_still_draw(machine):
     machine.start_with_faults("getrandom:error=EAGAIN")
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
     first = machine.document(machine.RUNTIME_TEMPLATE)["schedule"]
@@ -365,16 +365,16 @@ def test_a_stop_saves_and_removes_the_pid_file(machine, number):
     assert machine.texts() == []
 
 
-def test_a_sleep_is_cut_short_by_a_stop(machine):
+def test_a_stop_ends_the_wait_between_cycles(machine):
     machine.clock("2026-06-02 02:00:10", rate=1)
     pid = machine.start_and_wait()
     started = time.monotonic()
     machine.stop()
-    assert time.monotonic() - started < 20, "not the rest of the minute"
+    assert time.monotonic() - started < 20, "must not take the rest of the minute"
     assert pid not in machine.processes()
 
 
-# Sends the signal right before the wait, when the daemon has decided to wait already.
+# Sends the signal right before the wait, when the daemon has already decided to wait.
 LATE_SIGNAL = """
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -382,33 +382,33 @@ LATE_SIGNAL = """
 #include <stdlib.h>
 #include <sys/select.h>
 #include <unistd.h>
-static void come(void) {
+static void send_once(void) {
     static int count;
     if (++count == 1)
         kill(getpid(), SIGTERM);
 }
 unsigned sleep(unsigned seconds) {
-    come();
+    send_once();
     return ((unsigned (*)(unsigned))dlsym(RTLD_NEXT, "sleep"))(seconds);
 }
 int pselect(int count, fd_set *readable, fd_set *writable, fd_set *exceptional,
             const struct timespec *timeout, const sigset_t *mask) {
-    come();
+    send_once();
     return ((int (*)(int, fd_set *, fd_set *, fd_set *, const struct timespec *, const sigset_t *))
             dlsym(RTLD_NEXT, "pselect"))(count, readable, writable, exceptional, timeout, mask);
 }
 """
 
 
-@pytest.mark.native(reason="what is preloaded is the host's")
-def test_no_signal_slips_past_the_wait(machine, tmp_path):
+@pytest.mark.native(reason="the preloaded library is built for the host")
+def test_a_signal_right_before_the_wait_is_not_lost(machine, tmp_path):
     (tmp_path / "late.c").write_text(LATE_SIGNAL)
     subprocess.run(["gcc", "-shared", "-fPIC", "-o", tmp_path / "late.so", tmp_path / "late.c"], check=True)
     machine.write("/usr/local/lib/late.so", (tmp_path / "late.so").read_bytes(), 0o755)
     machine.clock("2026-06-02 02:10:10", rate=1)
     clock = machine.environment["LD_PRELOAD"]
     machine.start_and_wait(env={"LD_PRELOAD": "/usr/local/lib/late.so:" + clock})
-    wait_for(lambda: not machine.daemons(), 30, "the end, and not that of a whole minute")
+    wait_for(lambda: not machine.daemons(), 30, "the daemon to end before a whole minute has passed")
 
 
 def test_other_signals_do_nothing(machine):
@@ -439,14 +439,14 @@ def test_close_stdio_failure(machine):
     assert machine.texts("kestcrond") == ["Close stdio failed"]
 
 
-def test_a_pid_file_that_cannot_be_made_ends_the_start(machine):
+def test_a_pid_file_that_cannot_be_created_ends_the_start(machine):
     machine.path(machine.PID_FILE).mkdir()
-    assert machine.start() == 0, "the starter has gone before"
+    assert machine.start() == 0, "the starting process has already ended"
     machine.wait_for_text("become_daemon failed")
     wait_for(lambda: not machine.daemons())
 
 
-def test_messages_lead_to_the_source(machine):
+def test_messages_name_their_source_line(machine):
     machine.start_and_wait()
     machine.start()
     source = os.path.dirname(__file__) + "/../../src/daemon/kestcrond.cpp"
@@ -466,7 +466,7 @@ def test_messages_contain_no_stale_errors(machine):
         "parse error",
         "Job JSON format error: /usr/kest/share/kestcron.d/f",
     ]
-    # What a preloaded clock or a sanitizer left behind is theirs: ours would be a directory that was
-    # missing and has been made, and the sleep that the reload's signal has ended.
+    # A preloaded clock or a sanitizer may leave other errors. Errors of the daemon itself would be
+    # that of a missing directory which it created, and of the sleep that the signal interrupted.
     own = (os.strerror(errno.ENOENT), os.strerror(errno.EINTR))
     assert not [message for message in messages if message.text.endswith(tuple(f"({e})" for e in own))]

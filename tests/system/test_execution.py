@@ -1,4 +1,4 @@
-"""Jobs: what they run as, what they inherit, what is logged, and what happens when they cannot."""
+"""Jobs: their identity, what they inherit, what is logged, and failures to start."""
 
 import os
 import re
@@ -15,13 +15,13 @@ def at_once(machine):
 
 
 def once(machine):
-    """Lets the clock stand still, so that each job is started once: by the first cycle. The next one
-    comes a real minute later."""
+    """Stops the clock, so that each job is started once, by the first cycle. The next cycle follows a
+    real minute later."""
     machine.clock("2026-06-02 02:10:10", rate=0)
 
 
 def report(machine, user, script, **members):
-    """Runs a job as `user` whose program is a shell script; returns what it wrote."""
+    """Runs a shell script as a job of `user` and returns its output."""
     once(machine)
     machine.write(
         "/usr/local/bin/job",
@@ -49,15 +49,15 @@ def test_real_effective_and_saved_ids(machine):
 
 @pytest.mark.parametrize("user", ["root", "package"])
 def test_what_a_job_inherits(machine, user):
-    # Under the real clock, since a preloaded one opens a file of its own in every program. The
-    # shell gives way to the program that reads, because it blocks signals around a child of its own.
+    # Uses the real clock, because a preloaded clock opens a file of its own in every program. The
+    # shell executes the program that reads, because it blocks signals while it has a child.
     machine.write(
         "/usr/local/bin/job",
         "#!/bin/sh\nexec > /tmp/ran/out\npwd\n" "readlink /proc/$$/fd/*\nexec cat /proc/self/status\n",
         0o755,
     )
     machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice", cmd="/usr/local/bin/job")])
-    # What the starter ignored is not passed on.
+    # Signals that the starting process ignored are not ignored by the job.
     machine.run(
         "/usr/bin/python3",
         "-c",
@@ -77,7 +77,7 @@ def test_what_a_job_inherits(machine, user):
         "/dev/null",
         "/tmp/kestcrond/pkg-f-x",
         "/tmp/ran/out",
-    ], "script and report"
+    ], "the script and the report only"
     assert not [line for line in lines if "socket" in line or "inotify" in line]
     masks = {line[:6]: int(line.split()[1], 16) for line in lines if line[:6] in ("SigBlk", "SigIgn", "SigCgt")}
     assert masks == {"SigBlk": 0, "SigIgn": 0, "SigCgt": 0}
@@ -140,7 +140,7 @@ def test_a_command_that_cannot_be_started(machine, user, content, error):
     wait_for(lambda: not machine.exists("/tmp/kestcrond.log"))
 
 
-def test_an_account_that_vanishes_before_the_launch(machine):
+def test_an_account_that_is_removed_before_the_launch(machine):
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="bob"), every_minute("y")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
@@ -152,7 +152,7 @@ def test_an_account_that_vanishes_before_the_launch(machine):
     wait_for(lambda: len(machine.runs("pkg-f-y")) >= count + 2)
     pid = machine.daemon_pid()
     assert pid and machine.exists(machine.PID_FILE)
-    # The child that could not go on did not go on as a second scheduler.
+    # The child that failed ended, and did not continue as a second scheduler.
     wait_for(lambda: machine.daemons() == [pid])
 
 
@@ -167,7 +167,7 @@ def waiting_child(machine):
 
 
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM, signal.SIGINT])
-def test_a_waiting_child_is_not_hurried(machine, number):
+def test_a_signal_does_not_make_a_waiting_child_start_early(machine, number):
     child = waiting_child(machine)
     daemon = machine.daemon_pid()
     machine.signal(number, child)
@@ -181,8 +181,8 @@ def test_a_waiting_child_is_not_hurried(machine, number):
     assert machine.daemon_pid() == daemon
 
 
-@pytest.mark.native(reason="the signals blocked are the emulator's")
-def test_waiting_children_hold_nothing_of_the_daemon(machine):
+@pytest.mark.native(reason="the emulator blocks signals")
+def test_waiting_children_keep_nothing_of_the_daemon(machine):
     child = waiting_child(machine)
     wait_for(lambda: sorted(os.listdir(machine.proc(child, "fd"))) == ["0", "1", "2"])
     status = machine.proc(child, "status").read_text()
@@ -191,7 +191,7 @@ def test_waiting_children_hold_nothing_of_the_daemon(machine):
     bit = lambda number: 1 << number - 1
     assert ignored & bit(signal.SIGHUP) and not ignored & bit(signal.SIGPIPE)
     assert not caught & (bit(signal.SIGHUP) | bit(signal.SIGTERM) | bit(signal.SIGINT))
-    # The daemon's end is not the child's.
+    # The child outlives the daemon.
     machine.stop()
     assert child in machine.processes()
     assert not machine.exists(machine.PID_FILE)
@@ -216,7 +216,7 @@ def test_fork_failure_is_reported_and_the_cycle_continues(machine):
     machine.jobs("pkg", "f", [every_minute("x")])
     pid = machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
-    # A control group in which the daemon may have no process beside itself.
+    # A control group in which no process is allowed beside the daemon.
     machine.run(
         "sh",
         "-ec",
@@ -239,7 +239,7 @@ def test_fork_failure_is_reported_and_the_cycle_continues(machine):
 
 
 def test_a_program_that_cannot_run_is_logged_at_once(machine):
-    """Only a copy that is being made is waited for, a minute at most."""
+    """A start waits only for a copy in progress, and for a minute at most."""
     machine.clock("2026-06-02 02:10:10", rate=1)
     machine.write("/usr/local/bin/x", "#!/no/such/interpreter\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/x")])
@@ -247,17 +247,17 @@ def test_a_program_that_cannot_run_is_logged_at_once(machine):
     wait_for(lambda: "failed, return code: -1" in "".join(machine.log_lines()), 30)
 
 
-def test_a_copy_that_was_cut_short_is_not_waited_for_without_end(machine):
+def test_a_start_does_not_wait_forever_for_an_interrupted_copy(machine):
     machine.write("/usr/local/bin/x", "#!/no/such/interpreter\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/x")])
     machine.start_and_wait()
     machine.write("/tmp/kestcrond/.previous", "")
-    told = lambda: len([line for line in machine.log_lines() if "return code: -1" in line])
-    before = told()
-    wait_for(lambda: told() > before + 3)
+    failures = lambda: len([line for line in machine.log_lines() if "return code: -1" in line])
+    before = failures()
+    wait_for(lambda: failures() > before + 3)
 
 
-def test_a_job_that_signals_its_process_group_hits_itself_alone(machine):
+def test_a_signal_to_the_process_group_of_a_job_reaches_only_the_job(machine):
     machine.template(maxDelay=3600)
     machine.write("/usr/local/bin/rude", "#!/bin/sh\necho x >> /tmp/ran/rude\nkill -9 0\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("a", cmd="/usr/local/bin/rude"), every_minute("b")])

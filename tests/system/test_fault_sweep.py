@@ -1,5 +1,5 @@
-"""Each system call of a start, a cycle, a reload and a stop fails, or is the end of the daemon. A
-sample that a seed draws; `scripts/fault-sweep` tries all."""
+"""Each system call of a start, a cycle, a reload and a stop fails, or kills the daemon. The tests try
+a sample that depends on a seed; `scripts/fault-sweep` tries all."""
 
 import collections
 import json
@@ -14,7 +14,7 @@ from tests.lib.private_machine import Deadline, wait_for
 
 ERRORS = ["EIO", "ENOSPC", "ENOMEM", "EMFILE", "EINTR", "EACCES"]
 EFFECTS = [*(f"error={error}" for error in ERRORS), "signal=KILL"]
-# These do not return, or do not fail; the C library ends a program for which they did.
+# These do not return or cannot fail: the C library ends a program if they do.
 LEFT_OUT = {
     "exit",
     "exit_group",
@@ -32,7 +32,7 @@ WITNESSES = ["/etc/passwd", "/etc/shadow", "/usr/local/bin/record", "/usr/bin/cp
 TICK = "builtin-f-tick"
 HISTORY = {"startup": 1700000000, "lastExecution": 1780000000}
 
-pytestmark = pytest.mark.native(reason="the system calls are the emulator's")
+pytestmark = pytest.mark.native(reason="strace shows the system calls of the emulator")
 
 
 def pytest_generate_tests(metafunc):
@@ -45,7 +45,7 @@ def pytest_generate_tests(metafunc):
 
 
 def prepare(machine):
-    """Jobs of root and of an account, and what an earlier run has saved of one of them."""
+    """Creates jobs of root and of an account, and the saved document of an earlier run with one of them."""
     machine.template(maxDelay=0)
     machine.jobs("builtin", "f", [every_minute("tick"), never("other")])
     machine.jobs("pkg_nonroot", "f", [every_minute("hers")], account="alice")
@@ -73,7 +73,7 @@ def states(machine):
 
 
 def within(condition, seconds):
-    """Whether it came true in time; some faults keep it from it."""
+    """Whether the condition became true in time. Some faults prevent it."""
     try:
         wait_for(condition, seconds)
         return True
@@ -82,7 +82,7 @@ def within(condition, seconds):
 
 
 def daemon_of(machine):
-    """The daemon itself; 0 when it has ended. Its pid file may be missing."""
+    """The pid of the daemon itself, or 0 if it has ended. Its pid file may be missing."""
     parents = machine.processes()
     return next(
         (
@@ -100,7 +100,7 @@ def leftovers(machine):
 
 
 def live(machine, *options):
-    """A life of the daemon under strace: a start, a cycle, a reload and a stop."""
+    """Runs the daemon under strace: a start, a cycle, a reload and a stop."""
     machine.start_traced("-o", "/srv/trace", *options)
     if within(lambda: machine.exists(machine.RUNTIME_TEMPLATE) or not daemon_of(machine), 20):
         within(lambda: machine.runs(TICK) or not daemon_of(machine), 5)
@@ -113,8 +113,8 @@ def live(machine, *options):
     wait_for(lambda: not leftovers(machine), 40, f"the end of all processes: {leftovers(machine)}")
 
 
-def calls_of_a_life(daemon):
-    """The system calls that a life takes, with how often one process makes each."""
+def calls_of_a_run(daemon):
+    """The system calls of such a run, with the number of times that one process makes each."""
     with Appliance(Path(daemon).resolve()) as machine:
         machine.clock("2026-06-02 02:10:10")
         prepare(machine)
@@ -130,10 +130,10 @@ def calls_of_a_life(daemon):
 
 
 def all_faults(daemon):
-    """Every call of a life with every effect, as the arguments of an injection."""
+    """Every call of a run with every effect, as arguments of an injection."""
     return [
         f"{call}:{effect}:when={number}"
-        for call, count in calls_of_a_life(daemon)
+        for call, count in calls_of_a_run(daemon)
         for number in range(1, count + 1)
         for effect in EFFECTS
     ]
@@ -142,12 +142,12 @@ def all_faults(daemon):
 @pytest.fixture(scope="session")
 def calls(request):
     if not request.config.getoption("--faults"):
-        return calls_of_a_life(request.config.getoption("--daemon"))
+        return calls_of_a_run(request.config.getoption("--daemon"))
     return None
 
 
 def drawn_fault(calls, draw, seed):
-    """Each system call is as likely as any other, however often it is made."""
+    """Draws a fault. Each system call is equally likely, however often it is made."""
     chance = random.Random(f"{seed} {draw}")
     call, count = chance.choice(calls)
     return f"{call}:{chance.choice(EFFECTS)}:when={chance.randint(1, count)}"
@@ -160,7 +160,7 @@ def check_document(machine, path):
 
 
 def check_history(machine):
-    """What was saved of the job is saved still, or the system log names it."""
+    """The history of the job is still saved, or the system log names the job."""
     named = any(TICK in text or "read error" in text or "loaded failed" in text for text in machine.texts())
     copies = [machine.read(PERSISTENT_FILE), machine.read(PERSISTENT_FILE + ".unreadable")]
     entries = [json.loads(text).get("jobs", {}).get(TICK, {}) for text in copies if text]

@@ -1,4 +1,4 @@
-"""Failing system calls: each is told and harms nothing else."""
+"""Failing system calls: each is reported and affects nothing else."""
 
 import re
 import signal
@@ -17,7 +17,7 @@ def at_once(machine):
 
 
 def ticks(machine, count):
-    """Waits until the witness of cycles has run so many times more."""
+    """Waits until the job that runs in every cycle has run `count` more times."""
     before = len(machine.runs("builtin-t-tick"))
     wait_for(lambda: len(machine.runs("builtin-t-tick")) >= before + count, what="cycles")
 
@@ -31,8 +31,8 @@ def add_tick(machine):
 # --- Start --------------------------------------------------------------------------------------
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
-def test_no_process_can_be_made(machine):
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
+def test_a_start_without_a_process_fails(machine):
     assert machine.start_with_faults("fork,vfork,clone,clone3:error=EAGAIN") == 255
     assert machine.texts() == ["become_daemon failed"]
     assert not machine.exists(machine.PID_FILE)
@@ -48,12 +48,12 @@ def test_no_process_can_be_made(machine):
 def test_a_process_without_a_readable_name(machine, file, fault, text):
     machine.write(machine.PID_FILE, "1\n")
     assert machine.start_with_faults(fault, path=f"/proc/1/{file}") == 0
-    wait_for(lambda: machine.daemon_pid() > 1, what="the start all the same")
+    wait_for(lambda: machine.daemon_pid() > 1, what="the start")
     assert machine.texts("kestcrond")[0].startswith(text)
 
 
 def test_a_process_without_a_name(machine):
-    # Only a newline: that is what the kernel shows of an empty name.
+    # The kernel shows an empty name as a single newline.
     holder = machine.popen(
         "/usr/bin/python3",
         "-c",
@@ -68,8 +68,8 @@ def test_a_process_without_a_name(machine):
     holder.kill()
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
-def test_a_pid_file_that_cannot_be_looked_at(machine):
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
+def test_a_pid_file_without_a_readable_status_ends_the_start(machine):
     machine.start_with_faults("fstat,newfstatat:error=EIO", path=machine.PID_FILE)
     machine.wait_for_text("become_daemon failed")
     wait_for(lambda: not machine.daemons())
@@ -124,8 +124,8 @@ def test_changes_without_inotify_events(machine, tick):
     assert machine.loads() == 1
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
-def test_a_signal_while_changes_are_looked_for_is_not_a_failure(machine):
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
+def test_a_signal_during_change_detection_is_not_a_failure(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_with_faults("select,pselect6:error=EINTR:when=1")
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
@@ -178,12 +178,12 @@ def test_a_job_file_that_cannot_be_read(machine, tick, fault):
             ],
         ),
         (
-            ["chmod,fchmod,fchmodat:error=EROFS:when=2"],  # the first is the other job's
+            ["chmod,fchmod,fchmodat:error=EROFS:when=2"],  # the first call is for the other job
             ["Failed to chmod [/tmp/kestcrond/pkg-f-x][Read-only file system]"],
         ),
     ],
 )
-def test_a_copy_that_cannot_be_given_away(machine, tick, faults, texts):
+def test_a_copy_whose_owner_or_mode_cannot_be_set(machine, tick, faults, texts):
     machine.jobs("pkg", "f", [never("x", user="package", package_username="alice")])
     machine.start_with_faults(*faults, path="/tmp/kestcrond/.staging/taken")
     tick()
@@ -191,8 +191,8 @@ def test_a_copy_that_cannot_be_given_away(machine, tick, faults, texts):
     assert machine.texts() == texts + ["MoveBinaryToTmp failed."]
 
 
-@pytest.mark.native(reason="the emulator does not tell that a program could not be started")
-def test_a_program_that_vanishes_while_it_is_looked_at(machine, tick):
+@pytest.mark.native(reason="the emulator does not report that a program could not be started")
+def test_a_program_that_is_removed_while_it_is_checked(machine, tick):
     machine.write("/usr/local/bin/odd", "#!/bin/sh\n", 0o755)
     machine.jobs("pkg", "f", [never("x", cmd="/usr/local/bin/odd")])
     machine.start_with_faults("stat,newfstatat:error=ENOENT:when=2", path="/usr/local/bin/odd")
@@ -214,8 +214,8 @@ def test_a_program_that_vanishes_while_it_is_looked_at(machine, tick):
         ("setuid", "setuid", "root alice"),
     ],
 )
-def test_a_step_to_the_account_that_fails(machine, step, call, kept):
-    machine.clock("2026-06-02 02:10:10", rate=0)  # one start, whose lines follow each other
+def test_a_failed_change_to_the_account_is_logged(machine, step, call, kept):
+    machine.clock("2026-06-02 02:10:10", rate=0)  # one start, whose lines are adjacent
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice")])
     machine.start_with_faults(f"{call}:error=EPERM")
     assert wait_for(lambda: machine.runs("pkg-f-x"))[0] == f"{kept} []"
@@ -227,9 +227,9 @@ def test_a_step_to_the_account_that_fails(machine, step, call, kept):
 # --- The execution log --------------------------------------------------------------------------
 
 
-def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
+def test_a_full_log_is_truncated_to_whole_lines(machine, tick):
     machine.run("mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/var/log", check=True, env={"LD_PRELOAD": ""})
-    machine.write(LOG_FILE, ("x" * 99 + "\n") * 81)  # 92 bytes are left: less than a line
+    machine.write(LOG_FILE, ("x" * 99 + "\n") * 81)  # 92 bytes are free: less than a line
     before = machine.read(LOG_FILE)
     machine.start_and_wait()
     machine.wait_for_text(f"Failed to write [{LOG_FILE}]", count=2)
@@ -237,18 +237,18 @@ def test_a_log_that_is_full_is_cut_back_to_whole_lines(machine, tick):
     wait_for(lambda: machine.read(LOG_FILE) == before, what="whole lines")
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
 @pytest.mark.parametrize("fault", ["fstat,newfstatat:error=EIO:when=1", "write:error=ENOSPC"])
 def test_a_log_that_cannot_be_written(machine, tick, fault):
     machine.start_with_faults(fault, path=LOG_FILE)
     machine.wait_for_text(f"Failed to write [{LOG_FILE}]")
     tick()
     assert machine.log_lines() == []
-    # Until a flush is over, its lines are staged.
+    # The staging file exists until the end of the flush.
     wait_for(lambda: not machine.exists(STAGING), what="the end of a flush")
 
 
-def test_a_failure_line_that_the_log_cannot_take(machine):
+def test_a_failure_line_that_cannot_be_written(machine):
     machine.write("/usr/local/bin/odd", "", 0o755)
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice", cmd="/usr/local/bin/odd")])
     machine.start_with_faults("write:error=ENOSPC:when=2", path=LOG_FILE)
@@ -260,7 +260,7 @@ def test_a_failure_line_that_the_log_cannot_take(machine):
     "fault,text",
     [("write:error=ENOSPC", f"Failed to write [{STAGING}]"), ("read:error=EIO", f"Failed to read [{STAGING}]")],
 )
-def test_failures_to_open_and_to_write_the_staging_file_differ(machine, tick, fault, text):
+def test_failures_to_write_and_to_read_the_staging_file_are_distinguished(machine, tick, fault, text):
     machine.start_with_faults(fault, path=STAGING)
     machine.wait_for_text(text)
     tick()
@@ -274,7 +274,7 @@ def test_a_log_whose_mode_cannot_be_set(machine, tick):
     assert machine.log_lines()
 
 
-def test_a_log_that_cannot_be_locked_is_written_all_the_same(machine, tick):
+def test_a_log_that_cannot_be_locked_is_still_written(machine, tick):
     machine.start_with_faults("flock:error=ENOLCK")
     tick(3)
     wait_for(lambda: len(machine.log_lines()) >= 3)
@@ -289,7 +289,7 @@ def test_a_log_that_cannot_be_locked_is_written_all_the_same(machine, tick):
     ],
 )
 def test_a_staging_file_that_cannot_be_used(machine, tick, fault, path, text):
-    machine.path("/tmp/kestcrond").mkdir()  # programs are put into place by another call
+    machine.path("/tmp/kestcrond").mkdir()  # programs are moved into place by another system call
     machine.start_with_faults(fault, path=path)
     machine.wait_for_text(text)
     tick()
@@ -323,35 +323,35 @@ def test_a_launch_at_a_time_without_a_calendar(machine):
 
 # --- Memory -------------------------------------------------------------------------------------
 
-# Less than the greatest job file, and much more in memory.
+# Smaller than the limit of a job file, and much larger in memory.
 GREEDY = '{"name":"x","user":"root","period":"daily","cmd":"true","list":[' + "0," * 500000 + "0]}"
 
 
 @pytest.fixture(name="plain")
 def skip_sanitizers(machine):
-    """The address sanitizer reserves more address space than any limit leaves."""
+    """The address sanitizer reserves more address space than any limit allows."""
     if machine.is_sanitized():
         pytest.skip("needs a limit on the address space")
 
 
 def limit_memory(machine, pid, megabytes):
-    """Leaves the process so much more than it has."""
+    """Limits the address space of the process to its present size plus `megabytes`."""
     size = re.search(r"VmSize:\s+(\d+) kB", machine.proc(pid, "status").read_text())[1]
     limit = int(size) * 1024 + megabytes * 2**20
     machine.run("prlimit", "--pid", pid, f"--as={limit}", check=True, env={"LD_PRELOAD": ""})
 
 
-@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.native(reason="the memory includes that of the emulator")
 @pytest.mark.usefixtures("plain")
 def test_memory_that_runs_out_at_the_start(machine):
     machine.write("/usr/local/etc/kestcron.d/greedy", GREEDY)
     machine.run("prlimit", "--as=60000000", machine.DAEMON)
     machine.wait_for_text("caught a std::exception: std::bad_alloc")
     wait_for(lambda: not machine.daemons())
-    assert machine.read(machine.PID_FILE).strip().isdigit(), "a pid file stays after such a start"
+    assert machine.read(machine.PID_FILE).strip().isdigit(), "the pid file stays after a failed start"
 
 
-@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.native(reason="the memory includes that of the emulator")
 @pytest.mark.usefixtures("plain")
 def test_memory_that_runs_out_while_running(machine):
     machine.path("/usr/kest/etc/kestcrond.st.config").unlink()
@@ -363,15 +363,15 @@ def test_memory_that_runs_out_while_running(machine):
     machine.wait_for_text("caught a std::exception: std::bad_alloc")
     wait_for(lambda: not machine.daemons())
     assert not machine.exists(machine.PID_FILE)
-    assert set(machine.document(PERSISTENT_FILE)["jobs"]) == {"builtin-f-x"}, "what is known is saved"
+    assert set(machine.document(PERSISTENT_FILE)["jobs"]) == {"builtin-f-x"}, "the known jobs are saved"
     assert machine.exists(PERSISTENT_TEMPLATE)
 
 
-@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.native(reason="the memory includes that of the emulator")
 @pytest.mark.usefixtures("plain")
 def test_memory_that_runs_out_in_a_cycle(machine):
-    """At the top of the hour the documents are written, and there is no memory left for them: what
-    is large comes from the system anew each time."""
+    """At the top of the hour there is not enough memory to write the documents. With the low threshold
+    each large block is allocated from the system."""
     machine.clock("2026-06-02 02:55:10")
     machine.template(maxDelay=0)
     for file in range(8):
@@ -380,7 +380,7 @@ def test_memory_that_runs_out_in_a_cycle(machine):
     pid = machine.start_and_wait(env={"GLIBC_TUNABLES": "glibc.malloc.mmap_threshold=65536"})
     wait_for(lambda: machine.runs("builtin-f-tick"))
     limit_memory(machine, pid, 1)
-    # A busy machine may step over the first minute of an hour.
+    # A busy machine may skip the first minute of an hour.
     machine.wait_for_text("caught a std::exception: std::bad_alloc", seconds=150)
     wait_for(lambda: not machine.exists(machine.PID_FILE))
     jobs = machine.document(PERSISTENT_FILE)["jobs"]
@@ -389,10 +389,10 @@ def test_memory_that_runs_out_in_a_cycle(machine):
     assert not machine.exists(PERSISTENT_FILE + ".new")
 
 
-@pytest.mark.native(reason="the memory is the emulator's")
+@pytest.mark.native(reason="the memory includes that of the emulator")
 @pytest.mark.usefixtures("plain")
 @pytest.mark.parametrize("megabytes", range(6, 30, 3))
-def test_memory_that_runs_out_somewhere_in_a_load(machine, megabytes):
+def test_memory_that_runs_out_during_a_load(machine, megabytes):
     machine.template(maxDelay=0)
     machine.jobs(
         "builtin", "f", [never(f"{number}", extra="x" * 10000) for number in range(100)] + [every_minute("tick")]
@@ -407,5 +407,5 @@ def test_memory_that_runs_out_somewhere_in_a_load(machine, megabytes):
     if machine.daemon_pid():
         machine.stop()
     jobs = machine.document(PERSISTENT_FILE)["jobs"]
-    assert len(jobs) in (101, 501), "all of what was before the load, or all of what is after it"
+    assert len(jobs) in (101, 501), "either all jobs before the load or all jobs after it"
     assert jobs["builtin-f-tick"]["lastExecution"] > 0

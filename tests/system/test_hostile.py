@@ -1,5 +1,5 @@
-"""What a hostile package author can put in the daemon's way. None of it may stop the daemon, reach
-what is not his, or harm the jobs of others."""
+"""Input of a hostile package author. It must not stop the daemon, reach files of others, or harm the
+jobs of others."""
 
 import itertools
 import json
@@ -56,7 +56,7 @@ VALUES = [
 
 @pytest.fixture(autouse=True)
 def witness(machine):
-    """A good job of somebody else, which must run through it all."""
+    """A valid job of root, which must keep running during each test."""
     machine.template(maxDelay=0)
     machine.jobs("builtin", "t", [every_minute("tick")])
 
@@ -101,7 +101,7 @@ def test_a_file_that_is_not_a_document(machine, kind):
     still_works(machine)
 
 
-def test_odd_files_do_not_make_the_daemon_grow(machine):
+def test_odd_files_do_not_exhaust_memory(machine):
     machine.start_and_wait()
     before = peak_memory(machine)
     for number, content in enumerate(NO_JSON.values()):
@@ -109,13 +109,13 @@ def test_odd_files_do_not_make_the_daemon_grow(machine):
     with machine.path(SOURCES["pkg"] + "/sparse").open("wb") as sparse:
         sparse.truncate(3 << 30)
     machine.reload()
-    # The greatest file that is read at all is 1 MiB of text.
+    # The largest file that is read has 1 MiB of text.
     assert peak_memory(machine) < before + (200 if machine.is_sanitized() else 16)
     assert len(machine.texts()) == len(NO_JSON) + 1
 
 
 def definition(text, name='"x"'):
-    """A definition with odd text in it, as an author may write it."""
+    """A definition that contains this text."""
     return (
         b'[{"name":' + name.encode() + b',"user":"","period":"crontab","crontab":"0 0 31 2 *",'
         b'"cmd":"' + RECORD.encode() + b'",' + text + b"}]"
@@ -145,7 +145,7 @@ def test_an_odd_document(machine, content):
     assert "pkg_nonroot-alice-good-x" in machine.entries()
     odd = "pkg_nonroot-alice-odd-x" in machine.entries()
     assert odd or machine.texts() == [f"JSON file read error: {ALICE}/odd"]
-    # What was taken is known again after a restart, and so is the rest.
+    # Loaded jobs, odd ones included, keep their history over a restart.
     before = machine.entries()
     machine.stop()
     machine.start_and_wait()
@@ -157,12 +157,12 @@ def test_an_odd_document(machine, content):
 
 
 def write_raw(machine, name, content):
-    """Writes a job file of the account whose name is any bytes."""
+    """Writes a job file of the account. Its name may contain any bytes."""
     with open(os.fsencode(machine.path(ALICE)) + b"/" + name, "wb") as file:
         file.write(content)
 
 
-def test_text_that_is_not_utf_8_costs_its_own_history_alone(machine):
+def test_text_that_is_not_utf_8_loses_only_its_own_history(machine):
     machine.jobs("pkg_nonroot", "good", [never("x")], account="alice")
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
     write_raw(machine, b"odd", definition(b'"odd":"\xff\xfe\xc0\x80"'))
@@ -191,7 +191,7 @@ def test_text_that_is_not_utf_8_costs_its_own_history_alone(machine):
     assert len(os.listdir(machine.path("/tmp/kestcrond"))) == 7, "each has its own program"
     before = len(machine.texts())
     machine.reload()
-    assert len(machine.texts()) == before, "a reload costs nobody anything"
+    assert len(machine.texts()) == before, "a reload loses no history"
     still_works(machine)
 
 
@@ -250,7 +250,7 @@ def test_odd_names_of_job_files(machine):
         with open(os.fsencode(machine.path(ALICE)) + b"/" + name, "wb") as file:
             file.write(json.dumps([never("x")]).encode())
     machine.start_and_wait()
-    # One begins with a dot, and the longest has no room for the name of its copy.
+    # One name begins with a dot, and the longest is too long for the name of a copy.
     before = machine.entries()
     assert len(before) == len(ODD_FILES) - 2 + 1
     text, last = machine.texts()
@@ -260,7 +260,7 @@ def test_odd_names_of_job_files(machine):
     machine.clock("2026-06-02 03:10:10")
     machine.start_and_wait()
     after = machine.entries()
-    odd = {name for name in before if "\ufffd" in name}  # not UTF-8, and so not known again
+    odd = {name for name in before if "\ufffd" in name}  # not UTF-8, so its history is lost
     assert len(odd) == 1 and set(after) == set(before)
     assert {name for name in before if after[name]["startup"] != before[name]["startup"]} == odd
     assert len(machine.texts()) == 2 * 2 + 1
@@ -275,7 +275,7 @@ def test_odd_names_of_job_files(machine):
 
 def test_odd_entries_among_the_accounts(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
-    top = SOURCES["pkg_nonroot"]  # all of them come before that account
+    top = SOURCES["pkg_nonroot"]  # all of these entries precede that account
     os.mkfifo(machine.path(top + "/a-fifo"))
     machine.path(top + "/a-device").symlink_to("/dev/zero")
     os.mknod(machine.path(top + "/a-node"), 0o666 | stat.S_IFCHR, os.makedev(1, 5))
@@ -332,14 +332,14 @@ def test_each_member_with_each_value(machine, source, account):
     still_works(machine)
 
 
-def test_an_account_cannot_make_the_daemon_grow(machine):
+def test_an_account_cannot_exhaust_memory(machine):
     greedy = '[{"name":"x","user":"","period":"d","cmd":"/usr/bin/true","list":[' + "0," * 120000
     for number in range(60):
         machine.account_directory("alice")
         machine.write(f"{ALICE}/greedy{number:02}", greedy + "0]}]")
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
     machine.start_and_wait()
-    # A quarter MiB each, and more than one in the runtime document: of that an account has four.
+    # Each file has a quarter MiB, and more than 1 MiB in the runtime document, where the quota is 4 MiB.
     named = ", ".join(f"alice/greedy{number:02}" for number in range(4, 14))
     assert machine.texts() == [f"Quota of alice exceeded, left out: {named} and 46 more"]
     assert "pkg_nonroot-bob-f-x" in machine.entries()
@@ -353,7 +353,7 @@ def test_an_account_cannot_make_the_daemon_grow(machine):
     assert peak_memory(machine) < most
 
 
-def test_an_account_cannot_hold_up_the_jobs_of_others(machine):
+def test_an_account_cannot_delay_the_jobs_of_others(machine):
     """Each job costs a copy of its program at each load."""
     many = lambda count: json.dumps(
         [{"name": f"{number}", "user": "", "period": "d", "cmd": "/usr/bin/true"} for number in range(count)]
@@ -365,10 +365,10 @@ def test_an_account_cannot_hold_up_the_jobs_of_others(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
     machine.start_and_wait()
     assert machine.texts() == ["Quota of alice exceeded, left out: alice/b"]
-    assert len(machine.entries()) == 15 + 7 + 2  # his, and the others'
+    assert len(machine.entries()) == 15 + 7 + 2  # those of alice, and of the others
 
 
-# --- Documents of our own -----------------------------------------------------------------------
+# --- Documents of the daemon --------------------------------------------------------------------
 
 
 def paths_in(value, path=()):
@@ -392,7 +392,7 @@ def replaced(document, path, value):
 
 @pytest.mark.parametrize("file", [PERSISTENT_FILE, PERSISTENT_TEMPLATE])
 @pytest.mark.parametrize("number", range(4))
-def test_a_document_of_our_own_with_odd_values(machine, file, number):
+def test_a_document_of_the_daemon_with_odd_values(machine, file, number):
     machine.jobs("pkg", "f", [never("x", assure_execute=1000, extra=[1])])
     machine.start_and_wait()
     machine.stop()
@@ -411,7 +411,7 @@ def test_a_document_of_our_own_with_odd_values(machine, file, number):
         assert set(machine.entries()) <= {"builtin-t-tick", "pkg-f-x"}, (path, value)
         assert "builtin-t-tick" in machine.entries(), (path, value)
         machine.stop()
-        # History is lost with the whole document alone.
+        # History is lost only with the whole document.
         if len(path) > 1 or file == PERSISTENT_TEMPLATE:
             execution = machine.document(PERSISTENT_FILE)["jobs"]["builtin-t-tick"]["lastExecution"]
             assert execution >= 5, (path, value)
@@ -469,7 +469,7 @@ def test_a_program_that_is_replaced_while_it_is_copied(machine):
 
 
 def touched_since(machine, mark):
-    """What was made or changed in content, owner or mode since the file `mark` was."""
+    """The files that were created, or changed in content, owner or mode, after the file `mark`."""
     found = machine.run(
         "find",
         "/etc",
@@ -489,7 +489,7 @@ def touched_since(machine, mark):
     return set(found.stdout.splitlines())
 
 
-def test_nothing_else_of_the_system_is_touched(machine):
+def test_no_other_files_of_the_system_are_changed(machine):
     machine.write("/srv/alice/program", "#!/bin/sh\n", 0o6755, owner="alice")
     machine.path("/srv/alice/link").symlink_to("/etc/shadow")
     machine.path("/srv/alice/dangling").symlink_to("../../etc/planted")
@@ -571,7 +571,7 @@ def test_thousands_of_changes_a_second(machine):
     wait_for(
         lambda: not ending & {process["name"] for process in machine.processes().values()}, what="the end of all runs"
     )
-    # At most one reload goes with an evaluation, however much has changed.
+    # There is at most one reload for each evaluation, however many changes there are.
     assert machine.loads() - before <= len(machine.runs("builtin-t-tick")) - runs + 2
 
 

@@ -1,4 +1,4 @@
-"""The execution log: its bytes, its mode, its way through the staging file, its failures."""
+"""The execution log: its content, its mode, the staging file, and failures."""
 
 import json
 import os
@@ -119,13 +119,13 @@ def test_a_planted_staging_file(machine, kind):
     if kind == "directory":
         wait_for(
             lambda: not list(machine.path("/tmp").glob("kestcrond.log.*")),
-            what="the end of a flush: there was nothing to keep",
+            what="the removal of the empty directory",
         )
 
 
 def many_missed_jobs(machine, count):
-    """Lets so many assured jobs be missed for two hours, so that the next daemon starts them in its
-    first cycle; returns their names."""
+    """Lets `count` assured jobs be overdue for two hours, so that the next daemon starts them in its
+    first cycle. Returns their names."""
     names = [f"j{i:03}" for i in range(count)]
     machine.jobs("builtin", "f", [never(name, assure_execute=1, cmd="/usr/bin/true") for name in names])
     machine.clock("2026-06-02 02:10:10", rate=1)
@@ -136,7 +136,7 @@ def many_missed_jobs(machine, count):
     return names
 
 
-def test_a_race_for_the_staging_file_loses_no_line(machine):
+def test_a_race_for_the_staging_file_does_not_lose_lines(machine):
     names = many_missed_jobs(machine, 40)
     planters = [
         machine.popen(
@@ -216,8 +216,8 @@ def test_control_characters_in_a_command_forge_nothing(machine):
     assert all(f" running job: builtin-f-x with command: {shown} as user root (" in line for line in lines)
 
 
-def test_a_command_longer_than_any_can_be(machine):
-    # More than a program can be given, and each character of it is written as four.
+def test_a_command_above_the_kernel_limit_is_shortened_in_the_log(machine):
+    # Longer than the kernel accepts, and each character is logged as four.
     definition = json.dumps([every_minute("x", cmd="/usr/bin/true " + "X" * 300000)])
     machine.write(SOURCES["builtin"] + "/f", definition.replace("X", "\1"))
     machine.jobs("builtin", "t", [every_minute("tick")])
@@ -238,7 +238,7 @@ def test_a_command_longer_than_any_can_be(machine):
 
 
 def whole_pairs(machine):
-    """The lines of the long command, when each start has got the line of its failure too."""
+    """The lines of the long command, or None until each start line is followed by its failure."""
     lines = [line for line in machine.log_lines() if " running job: builtin-f-x with " in line]
     failed = [line for line in lines if line.endswith(" failed, return code: -1, error: Argument list too long")]
     return lines if len(failed) * 2 == len(lines) > 0 else None
@@ -253,14 +253,14 @@ def test_a_rotated_log_is_created_again(machine):
     assert machine.path(machine.LOG_FILE).stat().st_mode & 0o7777 == 0o600
 
 
-# --- The way there ------------------------------------------------------------------------------
+# --- The lock and the staging file --------------------------------------------------------------
 
 LOCK = "/run/kestcrond-execute.lock"
 
 
 @pytest.mark.parametrize("plant", ["link", "fifo", "directory", "open"])
 def test_a_planted_lock(machine, plant):
-    """Nothing is made through what stands there, and nobody else can hold it."""
+    """The daemon does not follow an object in the place of the lock, and others cannot hold the lock."""
     for path in (LOCK, machine.LOG_FILE + ".lock"):
         if plant == "link":
             machine.path(path).symlink_to("/etc/nologin")
@@ -293,8 +293,8 @@ def test_a_planted_lock(machine, plant):
     assert machine.texts() == []
 
 
-def test_a_lock_that_is_never_let_go(machine):
-    """Starts, reloads and the stop come through all the same, and no line is lost."""
+def test_a_lock_that_is_never_released(machine):
+    """Starts and the stop do not wait for it, and no line is lost."""
     machine.clock("2026-06-02 02:10:10", rate=0)  # one start
     machine.jobs("builtin", "f", [every_minute("x")])
     holders = []
@@ -322,8 +322,8 @@ def test_a_log_in_dev_null(machine):
     assert machine.texts() == []
 
 
-def test_a_full_disk_on_the_way_loses_no_line(machine):
-    """Anybody can fill "/tmp"."""
+def test_a_full_staging_file_system_does_not_lose_lines(machine):
+    """Every user can fill "/tmp"."""
     machine.write("/bin/count", "#!/bin/sh\necho x >> /run/ran\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/bin/count")])
     machine.start_and_wait()
@@ -348,8 +348,8 @@ def test_a_full_disk_on_the_way_loses_no_line(machine):
     assert set(machine.texts()) == {f"Failed to write [{STAGING}]"}
 
 
-def test_failures_of_roots_jobs_pass_through_the_staging_file(machine):
-    """What follows the start line takes the same way, in turn with others."""
+def test_failure_lines_of_root_jobs_pass_through_the_staging_file(machine):
+    """Failure lines pass through the staging file like start lines, so that they keep their order."""
     machine.write("/usr/local/bin/odd", "", 0o755)
     machine.jobs("builtin", "f", [every_minute("x", cmd="/usr/local/bin/odd")])
     machine.start_traced("-e", "trace=open,openat", "-o", "/tmp/calls")

@@ -88,7 +88,7 @@ def test_a_fixed_template_pins_the_jobs(machine):
     machine.clock("2026-06-02 01:58:10")
     machine.start_and_wait()
     saved = machine.saved()
-    # A busy machine may step over the first minute of an hour.
+    # A busy machine may skip the first minute of an hour.
     wait_for(lambda: machine.saved() != saved, 150, "the redraw")
     assert schedule(machine, "pkg-f-x")[0] == [0]
     assert template(machine)["schedule"]["Minute"] == [0]

@@ -220,7 +220,7 @@ def test_more_accounts_than_watches(machine):
     assert len(machine.texts()) == 4 * 77
 
 
-@pytest.mark.native(reason="the calls seen are the emulator's")
+@pytest.mark.native(reason="strace shows the system calls of the emulator")
 def test_without_inotify_everything_still_loads(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.start_with_faults("inotify_init1:error=EMFILE")
