@@ -108,7 +108,7 @@ def test_a_directory_of_root_that_others_can_write_to_is_refused(machine, mode):
     assert names(machine) == set()
     assert machine.texts() == [f"Failed to dir user: {TOP}/open"]
     machine.path(TOP + "/open").chmod(0o755)
-    wait_for(lambda: names(machine) == {"pkg_nonroot-root-f-x"}, what="a directory that is in order")
+    wait_for(lambda: names(machine) == {"pkg_nonroot-root-f-x"}, what="jobs of the corrected directory")
 
 
 EXCHANGE = r"""
@@ -279,7 +279,7 @@ def test_no_reader_outlives_a_load(machine):
         lambda: not [
             process for process in machine.processes().values() if process["ppid"] == pid and process["state"] in "ZT"
         ],
-        what="their end",
+        what="the end of all readers",
     )
     wait_for(
         lambda: sorted(os.readlink(entry) for entry in machine.proc(pid, "fd").iterdir()) == before,

@@ -41,7 +41,7 @@ def running(appliance):
     appliance.start_and_wait()
     wait_for(lambda: appliance.runs("pkg-f-minutely"), what="the job of every minute")
     names = lambda: [process["name"] for process in appliance.processes().values()]
-    wait_for(lambda: "pkg-f-minutely" not in names(), what="its end")
+    wait_for(lambda: "pkg-f-minutely" not in names(), what="the end of the job")
     return appliance
 
 

@@ -364,7 +364,7 @@ def test_stop_during_the_first_load_is_served(machine):
     copy_slowly(machine)
     machine.jobs("builtin", "f", [every_minute(f"j{i:03}") for i in range(200)])
     machine.start()
-    wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
+    wait_for(lambda: machine.exists("/tmp/copies"), what="the first copy")
     machine.stop()
     assert len(machine.document(PERSISTENT_FILE)["jobs"]) == 200
     assert machine.log_lines() == []
@@ -381,7 +381,7 @@ def test_a_reload_right_after_a_launch_lets_the_jobs_start(machine, microseconds
     # A job takes this long to start, so that some start while programs are copied.
     machine.start_with_faults(f"setgid:delay_enter={microseconds}")
     # A change during the first load: the first cycle launches all jobs and detects it.
-    wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
+    wait_for(lambda: machine.exists("/tmp/copies"), what="the first copy")
     machine.account_directory("bob")
     machine.write("/tmp/changed", "")
     wait_for(lambda: machine.loads() >= 2, what="the reload")
@@ -396,7 +396,7 @@ def test_a_signal_during_a_reload_is_served_at_once(machine, number):
     pid = machine.start_and_wait()
     copy_slowly(machine)
     machine.signal(signal.SIGHUP)
-    wait_for(lambda: machine.exists("/tmp/copies"), what="the copying")
+    wait_for(lambda: machine.exists("/tmp/copies"), what="the first copy")
     machine.jobs("builtin", "g", [never("y")])
     machine.signal(number)
     if number == signal.SIGTERM:

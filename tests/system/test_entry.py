@@ -135,7 +135,7 @@ def collect(machine):
 def status_of_daemon(machine):
     """The exit status of the daemon itself, which follows that of the starting process."""
     statuses = wait_for(
-        lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2 and lines, what="the daemon's end"
+        lambda: len(lines := machine.read("/run/statuses").splitlines()) == 2 and lines, what="the end of the daemon"
     )
     assert statuses[0] == "0", "the starting process has already ended"
     return int(statuses[1])

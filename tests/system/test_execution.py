@@ -31,7 +31,7 @@ def report(machine, user, script, **members):
     members = {"cmd": "/usr/local/bin/job", **members}
     machine.jobs("pkg", "f", [every_minute("x", user=user, package_username="alice", **members)])
     machine.start_and_wait()
-    return wait_for(lambda: machine.read("/tmp/ran/out"), what="the job's report")
+    return wait_for(lambda: machine.read("/tmp/ran/out"), what="the output of the job")
 
 
 @pytest.mark.parametrize(
@@ -68,7 +68,7 @@ def test_what_a_job_inherits(machine, user):
     )
     text = wait_for(
         lambda: "ctxt_switches" in machine.read("/tmp/ran/out") and machine.read("/tmp/ran/out"),
-        what="the job's report",
+        what="the output of the job",
     )
     lines = text.splitlines()
     assert lines[0] == "/"
@@ -262,6 +262,6 @@ def test_a_signal_to_the_process_group_of_a_job_reaches_only_the_job(machine):
     machine.write("/usr/local/bin/rude", "#!/bin/sh\necho x >> /tmp/ran/rude\nkill -9 0\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("a", cmd="/usr/local/bin/rude"), every_minute("b")])
     pid = machine.start_and_wait()
-    wait_for(lambda: len(machine.read("/tmp/ran/rude").splitlines()) >= 2, what="the rude job twice")
+    wait_for(lambda: len(machine.read("/tmp/ran/rude").splitlines()) >= 2, what="two runs of the job")
     assert machine.daemon_pid() == pid
     wait_for(lambda: machine.runs("builtin-f-b"), 90, "a job that was waiting for its turn")

@@ -63,7 +63,7 @@ def witness(machine):
 
 def still_works(machine):
     count = len(machine.runs("builtin-t-tick"))
-    wait_for(lambda: len(machine.runs("builtin-t-tick")) > count + 1, what="the job of another")
+    wait_for(lambda: len(machine.runs("builtin-t-tick")) > count + 1, what="a run of the other job")
 
 
 def peak_memory(machine):

@@ -76,7 +76,7 @@ def test_a_log_that_cannot_be_opened(machine):
     machine.wait_for_text("Failed [!fs], err=Is a directory")
     message = machine.messages("memorylogger")[0]
     assert message.text == "Failed [!fs], err=Is a directory (Is a directory)"
-    wait_for(lambda: machine.runs("builtin-f-x"), what="the job, log or no log")
+    wait_for(lambda: machine.runs("builtin-f-x"), what="runs of the job without a log")
     wait_for(lambda: not machine.exists(STAGING))
     machine.path(machine.LOG_FILE).rmdir()
     wait_for(machine.log_lines)

@@ -1,4 +1,4 @@
-"""The execution log under logrotate: with the settings beside the daemon no line is lost."""
+"""The execution log under logrotate: with the settings of the package no line is lost."""
 
 import collections
 import gzip
@@ -17,7 +17,7 @@ LINE = re.compile(
     r"(/\S+) as user (\w+) \(state\[Ready\], trig\[([^\]]+)\], tab\[[-1 ]+\], "
     r"job\[\d+/\d+\]\)"
 )
-# What the settings for all logs may say elsewhere: the opposite of all that matters here.
+# Global settings that contradict every setting that matters here.
 HOSTILE = "create 0644 bob bob\ncopytruncate\ndateext\nnodelaycompress\nifempty\n"
 
 
@@ -40,7 +40,7 @@ def rotate(machine, *options):
 
 
 def logs(machine):
-    """The log and what was put aside of it: name to path outside, the newest first."""
+    """The log and its rotated files, newest first: suffix of the name to path outside the machine."""
     files = machine.path(machine.LOG_FILE).parent.iterdir()
     found = {path.name.removeprefix("kestcrond-execute.log"): path for path in files if path.suffix != ".lock"}
     assert all(re.fullmatch(r"(\.\d+(\.gz)?)?", name) for name in found), found
@@ -57,8 +57,8 @@ def expect_root_alone(machine):
         assert (status.st_mode & 0o7777, status.st_uid, status.st_gid) == (0o600, 0, 0), path
 
 
-def test_no_start_is_lost_or_doubled(machine):
-    # Nothing is thrown away here, so that all can be counted.
+def test_no_start_is_lost_or_duplicated(machine):
+    # No rotated file is removed, so that all lines can be counted.
     install(machine, re.sub(r"rotate \d+", "rotate 10000", SETTINGS.read_text()))
     names = [f"j{number:02}" for number in range(100)]
     machine.write("/usr/local/bin/count", '#!/bin/sh\necho >> "/tmp/ran/${0##*/}"\n', 0o755)
@@ -69,7 +69,7 @@ def test_no_start_is_lost_or_doubled(machine):
     end = time.monotonic() + 300
     while len(logs(machine)) <= 50 or sum(ran().values()) <= 10 * len(names):
         assert time.monotonic() < end, "too few starts"
-        # As soon as the starts of a minute begin, and again and again while they come.
+        # Rotates as soon as the starts of a minute begin, and repeatedly while they continue.
         wait_for(lambda: machine.exists(machine.LOG_FILE) and machine.path(machine.LOG_FILE).stat().st_size > 0)
         rotate(machine, "-f")
     machine.stop()
@@ -84,7 +84,7 @@ def test_no_start_is_lost_or_doubled(machine):
     logged = collections.Counter(match.group(1) for match in found)
     assert logged == ran()
     starts = collections.Counter((match.group(1), match.group(4)) for match in found)
-    assert set(starts.values()) == {1}, "a start is logged twice"
+    assert set(starts.values()) == {1}, "a start was logged twice"
     expect_root_alone(machine)
     assert machine.texts() == []
 
@@ -93,12 +93,12 @@ def has_group_of_alice(machine, pid):
     try:
         return "\nGid:\t2001" in machine.proc(pid, "status").read_text()
     except (FileNotFoundError, ProcessLookupError):
-        return False  # it has ended
+        return False  # the process has ended
 
 
-def test_a_line_for_the_log_that_was_just_put_aside(machine):
-    # The job's process has the log open while it takes on its account. The clock stands still, so
-    # that it starts once.
+def test_a_line_for_a_log_that_was_just_rotated(machine):
+    # The process of the job has the log open while it takes on its account. The clock stands still,
+    # so that the job starts once.
     machine.clock("2026-06-02 02:10:10", rate=0)
     machine.write("/usr/local/bin/broken", "#!/nowhere\n", 0o755)
     machine.jobs(
@@ -110,8 +110,8 @@ def test_a_line_for_the_log_that_was_just_put_aside(machine):
         what="the process that takes on its account",
     )
     rotate(machine, "-f")
-    assert list(logs(machine)) == [".1"], "the start is all there was"
-    assert "failed" not in text_of(logs(machine)[".1"]), "it was quicker than the test"
+    assert list(logs(machine)) == [".1"], "only the start was logged"
+    assert "failed" not in text_of(logs(machine)[".1"]), "the job failed before the rotation"
     wait_for(lambda: "failed, return code" in text_of(logs(machine)[".1"]))
     machine.write(machine.LOG_FILE, "next\n", 0o600)
     rotate(machine, "-f")
@@ -121,15 +121,15 @@ def test_a_line_for_the_log_that_was_just_put_aside(machine):
     expect_root_alone(machine)
 
 
-def test_what_is_kept(machine):
+def test_size_and_number_of_rotated_logs(machine):
     size = 512 << 10
     for number in range(1, 6):
         machine.write(machine.LOG_FILE, f"{number}".ljust(size - 1), 0o600)
         rotate(machine)
-        assert text_of(logs(machine)[""]).split() == [f"{number}"], "too small yet"
+        assert text_of(logs(machine)[""]).split() == [f"{number}"], "not large enough for a rotation"
         machine.write(machine.LOG_FILE, f"{number}".ljust(size), 0o600)
         rotate(machine)
-        assert "" not in logs(machine), "made by somebody else than the daemon"
+        assert "" not in logs(machine), "only the daemon creates the log"
     assert {name: text_of(path).split() for name, path in logs(machine).items()} == {
         ".1": ["5"],
         ".2.gz": ["4"],

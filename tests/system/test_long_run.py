@@ -1,5 +1,5 @@
-"""Life at length: simulated days in which jobs come, change and go and the daemon is reloaded and
-restarted. scripts/soak runs it for two months."""
+"""Long runs: simulated days in which jobs change and the daemon is reloaded and restarted.
+scripts/soak simulates two months."""
 
 import collections
 import datetime
@@ -21,8 +21,8 @@ START = re.compile(
 )
 
 
-# In a world this fast, the half second that a reload leaves launched jobs to open their programs is
-# over at once.
+# A reload leaves launched jobs half a second to open their programs. At this rate of the clock that is
+# too short.
 MISSED = re.compile(
     r".* failed, return code: -1, error: (No such file or directory|Text file busy|"
     "Permission denied|Exec format error)"
@@ -30,7 +30,7 @@ MISSED = re.compile(
 
 
 class Job:
-    """A job whose minutes are as plain to us as to the daemon."""
+    """A job with a schedule that the test can evaluate."""
 
     def __init__(self, name, chance):
         self.name = name
@@ -48,7 +48,7 @@ class Job:
 
 
 def minute_bits(label):
-    """Jobs whose runs tell, in binary, the minute in which they were looked at."""
+    """Jobs whose runs encode, in binary, the minute in which the daemon evaluated them."""
     return [
         every_minute(
             f"{label}{bit}",
@@ -60,9 +60,9 @@ def minute_bits(label):
 
 
 class Life:
-    """What happens on the machine: 49 jobs in seven files, one of them changed now and then. A job
-    that is due in every minute tells when the daemon looked, and those before and after all others
-    tell the minutes in which that began and ended: the clock is so fast that these may differ."""
+    """The activity on the machine: 49 jobs in seven files, one of which is changed at times. A job that
+    is due in every minute marks each cycle. The first and the last jobs encode the minutes in which
+    the cycle began and ended, which may differ because the clock is so fast."""
 
     def __init__(self, machine, chance):
         self.machine = machine
@@ -84,21 +84,21 @@ class Life:
             account="alice",
         )
 
-    def go_on(self):
-        """One thing that an operator or a package does."""
-        deed = self.chance.choice(["edit", "edit", "reload", "reload", "restart"])
-        if deed == "edit":
+    def act(self):
+        """Does one thing that an operator or a package does."""
+        action = self.chance.choice(["edit", "edit", "reload", "reload", "restart"])
+        if action == "edit":
             file = self.chance.randrange(7)
             self.versions[file] += 1
             self.write(file)
-        elif deed == "reload":
+        elif action == "reload":
             self.machine.signal(signal.SIGHUP)
         else:
             self.machine.stop()
             self.start_again()
 
     def start_again(self):
-        # Time went on while the daemon was away, and its clock does not know.
+        # The clock of the new daemon must continue after the last line of the log.
         last = self.machine.read(self.machine.LOG_FILE).rsplit("\n", 2)[-2][:19]
         later = datetime.datetime.fromisoformat(last) + datetime.timedelta(minutes=2)
         self.machine.clock(later.strftime("%Y-%m-%d %H:%M:%S"), rate=RATE)
@@ -120,7 +120,7 @@ def descriptors(machine):
 
 
 def moment(stamp, day, *clock):
-    """The moment of a trigger, which does not tell its month."""
+    """The time of a trigger, which does not include its month."""
     logged = datetime.datetime.fromisoformat(stamp)
     for back in range(2):
         month = (logged.replace(day=1) - datetime.timedelta(days=1)) if back else logged
@@ -136,7 +136,7 @@ def moment(stamp, day, *clock):
 
 
 def launches(machine):
-    """Per trigger, how many times each job was launched by it."""
+    """The number of launches of each job by each trigger."""
     found = collections.defaultdict(collections.Counter)
     for line in machine.log_lines():
         if MISSED.fullmatch(line):
@@ -148,7 +148,7 @@ def launches(machine):
     return found
 
 
-def test_days_without_a_fault(machine, request):
+def test_simulated_days(machine, request):
     days = request.config.getoption("--days")
     life = Life(machine, random.Random(1))
     machine.clock("2026-06-02 02:10:10", rate=RATE)
@@ -156,11 +156,11 @@ def test_days_without_a_fault(machine, request):
     wait_for(machine.log_lines)
     sizes, open_at_first = [], descriptors(machine)
     end = time.monotonic() + days * DAY
-    # On a slow machine a day has fewer looks: on until there are enough to judge by.
-    while time.monotonic() < end or len(whole_looks(machine)) < 200:
-        assert time.monotonic() < end + 300, "the daemon looks too seldom"
+    # On a slow machine a day has fewer cycles: continue until there are enough of them.
+    while time.monotonic() < end or len(cycles_within_a_minute(machine)) < 200:
+        assert time.monotonic() < end + 300, "too few cycles"
         time.sleep(min(DAY / 8, 10))
-        life.go_on()
+        life.act()
         wait_for(machine.daemon_pid)
         sizes.append(memory(machine))
     wait_for(lambda: descriptors(machine) == open_at_first, what="the descriptors of the start")
@@ -168,35 +168,35 @@ def test_days_without_a_fault(machine, request):
     wait_for(lambda: not [p for p in machine.processes().values() if p["ppid"] == pid and p["state"] == "Z"])
     machine.stop()
     wait_for(lambda: not machine.daemons())
-    print(f"{len(sizes)} deeds, resident memory {min(sizes)} to {max(sizes)} KiB")
+    print(f"{len(sizes)} actions, resident memory {min(sizes)} to {max(sizes)} KiB")
     assert machine.is_sanitized() or max(sizes) < 1.3 * sizes[0] + 1024
     check_launches(machine, life)
     assert all(text.startswith("removed modified jobs: pkg_nonroot-alice-") for text in machine.texts())
 
 
-def told_minute(names, label):
+def minute_of_bits(names, label):
     return sum(1 << bit for bit in range(6) if f"{label}{bit}" in names)
 
 
-def whole_looks(machine):
-    """The launches that began and ended within the minute of their trigger."""
+def cycles_within_a_minute(machine):
+    """The launches of the cycles that began and ended within the minute of their trigger."""
     return {
         trigger: names
         for trigger, names in launches(machine).items()
-        if told_minute(names, "first") == told_minute(names, "last") == trigger.minute
+        if minute_of_bits(names, "first") == minute_of_bits(names, "last") == trigger.minute
     }
 
 
 def check_launches(machine, life):
-    """Each job ran exactly once by each trigger in whose minute it was due, and else never."""
-    found, looks = launches(machine), whole_looks(machine)
+    """Each job was launched exactly once by each trigger in whose minute it was due, and never otherwise."""
+    found, cycles = launches(machine), cycles_within_a_minute(machine)
     launched = sum(sum(names.values()) for names in found.values())
-    print(f"{len(found)} looks, {len(looks)} of them within a minute, {launched} launches")
-    assert len(looks) >= 200
-    for trigger, names in looks.items():
+    print(f"{len(found)} cycles, {len(cycles)} of them within a minute, {launched} launches")
+    assert len(cycles) >= 200
+    for trigger, names in cycles.items():
         due = {job.name for job in life.jobs if job.is_due(trigger.hour, trigger.minute)}
-        told = {name for name in names if name.startswith(("first", "last"))}
-        assert names == collections.Counter({"tick", *told, *due}), trigger
+        markers = {name for name in names if name.startswith(("first", "last"))}
+        assert names == collections.Counter({"tick", *markers, *due}), trigger
     assert all(count == 1 for names in found.values() for count in names.values())
 
 

@@ -1,5 +1,5 @@
-"""The manuals of the daemon and of its job files against the code: paths, members, options,
-signals, states, messages, and the examples as the tool judges them."""
+"""The manuals of the daemon and of its job files agree with the code: paths, members, options,
+signals, states and messages. The tool checks their examples."""
 
 import os
 import re
@@ -13,10 +13,10 @@ TOP = Path(__file__).resolve().parents[2]
 PAGES = [TOP / "man/kestcrond.8", TOP / "man/kestcron.job.5"]
 LAYERS = ["base", "platform", "log", "job", "core", "daemon"]
 
-# What may stand in a string or a raw string, and what is no code.
+# Raw strings, strings and comments.
 TOKEN = re.compile(r'R"\((?P<raw>.*?)\)"|"(?P<text>(?:[^"\\\n]|\\.)*)"|//[^\n]*|/\*.*?\*/', re.S)
 
-# Only these paths are the daemon's: those of programs and examples are anybody's.
+# Only these paths belong to the daemon, not those of programs and examples.
 OWN_PATH = re.compile(r"(?<![\w.])(?:/usr/kest|/usr/local/etc|/tmp/kestcrond|/var/run|/run|" r"/var/log)[\w./-]*")
 CODE = {
     str(path.relative_to(TOP / "src")): path.read_text()
@@ -27,7 +27,7 @@ CODE = {
 
 
 def strings(source):
-    """The texts of the string literals; neighbours are one, as for the compiler."""
+    """The texts of the string literals. Adjacent literals are one, as for the compiler."""
     texts, end = [], -1
     for token in TOKEN.finditer(source):
         text = token["raw"] if token["raw"] is not None else token["text"]
@@ -52,7 +52,7 @@ def without_comments(source):
 
 
 def manual(page):
-    """The source of a page with what mdoc escapes as it is printed."""
+    """The source of a page, with escape sequences as they are printed."""
     text = page.read_text()
     for escaped, printed in [(r"\&", ""), (r"\-", "-"), (r"\(dq", '"'), (r"\e", "\\")]:
         text = text.replace(escaped, printed)
@@ -70,7 +70,7 @@ def heads(pages, macro):
 
 
 def section(page, name, level="Ss"):
-    """What stands below a heading, up to the next one of any level."""
+    """The text below a heading, up to the next heading of any level."""
     found = re.search(rf"^\.{level} {re.escape(name)}\n(.*?)(?=^\.S[sh] |\Z)", manual(page), re.M | re.S)
     assert found, f"no {name!r} in {page.name}"
     return found[1]
@@ -83,7 +83,7 @@ def code_paths():
 def test_the_manuals_name_every_path_of_the_code():
     paths = code_paths()
     assert len(paths) >= 15
-    # Where a path may be named, so that "/dev" is not found in "/dev/null".
+    # Whole paths, so that "/dev" is not found in "/dev/null".
     named = {path for page in PAGES for path in re.findall(r"^\.(?:Pa|It Pa) (/\S*)", manual(page), re.M)}
     assert paths - named == set()
 
@@ -92,22 +92,22 @@ def test_every_path_of_the_manuals_is_in_the_code():
     paths, texts = code_paths(), code_strings()
     jobs = set(re.findall(r'"(/usr[^"]*kestcron[^"]*\.d)"', "\n".join(CODE.values())))
     assert len(jobs) == 4
-    told = {path.rstrip("./") for page in PAGES for path in OWN_PATH.findall(manual(page))}
+    documented = {path.rstrip("./") for page in PAGES for path in OWN_PATH.findall(manual(page))}
 
     def known(path):
         if path in paths or jobs & {str(parent) for parent in list(Path(path).parents)[:2]}:
-            return True  # the latter is an example's job file, in an account's directory or not
+            return True  # or the job file of an example, which may be in the directory of an account
         return any(
             own.startswith(path + "/") or path.startswith(own) and path[len(own) :].lstrip("/") in texts
             for own in paths
         )
 
-    assert {path for path in told if not known(path)} == set()
+    assert {path for path in documented if not known(path)} == set()
 
 
 def test_members():
-    """What the code looks up or writes in definitions, templates and entries is in a member list,
-    and nothing else is."""
+    """The member lists contain exactly the members that the code reads or writes in definitions,
+    templates and entries."""
     lookups = re.compile(
         r'(?:(?:Member|HasText)\((?:[^"();]|\([^()]*\))*,\s*"(\w+)"'
         r'|isMember\("(\w+)"\)|\["(\w+)"\]|StaticString\("(\w+)"\))'
@@ -138,8 +138,8 @@ def test_defaults():
     )
     written["maxDelay"] = re.search(r"kDefaultMaxDelay = (\d+)", CODE["job/cronjob.h"])[1]
     listed = section(PAGES[1], "Members") + section(PAGES[1], "The template")
-    told = dict(re.findall(r"^\.It Va (\w+)\n[^\n]*; default\s(?:\.Dq )?(\w+)", listed, re.M))
-    assert written == told
+    documented = dict(re.findall(r"^\.It Va (\w+)\n[^\n]*; default\s(?:\.Dq )?(\w+)", listed, re.M))
+    assert written == documented
 
 
 def test_options():
@@ -170,13 +170,13 @@ def test_parts_of_the_note_of_a_launch():
 
 
 def formats(source):
-    """The texts that a source file hands to the system log."""
+    """The messages of a source file to the system log."""
     found = []
     for call in re.finditer(r"LOG_ERROR\(", without_comments(source)):
         rest = without_comments(source)[call.end() :]
         texts = strings(rest[: rest.index(";")])
         if not texts:
-            continue  # the macro itself
+            continue  # the definition of the macro
         found += texts[:1] if texts[0] != "%s" else []
     if "current runtime: " in source:
         found.append("current runtime: %s")
@@ -185,39 +185,39 @@ def formats(source):
     return set(found)
 
 
-def matches(text, told):
-    """Whether a head of the manual is this format with a word in capitals for each conversion."""
+def matches(text, documented):
+    """Whether this item of the manual is the format, with a word in capitals for each conversion."""
     pieces = re.split(r"%(?:\d*[a-zA-Z])", text)
-    return re.fullmatch("[A-Z]+".join(map(re.escape, pieces)), told) is not None
+    return re.fullmatch("[A-Z]+".join(map(re.escape, pieces)), documented) is not None
 
 
-def told_messages():
-    """The heads of the lists of messages by the tag in their group's heading."""
+def documented_messages():
+    """The items of the lists of messages, by the tag in the heading of their group."""
     whole = manual(PAGES[0])
     groups = re.findall(r"^\.Ss (\w+): [^\n]*\n(.*?)(?=^\.S[sh] )", whole, re.M | re.S)
-    told = {}
+    documented = {}
     for tag, text in groups:
-        told.setdefault(tag, []).extend(re.findall(r"^\.It (.*)$", text, re.M))
-    return told
+        documented.setdefault(tag, []).extend(re.findall(r"^\.It (.*)$", text, re.M))
+    return documented
 
 
 def test_messages():
-    """Each message of the code is told in full under its tag, and no other."""
-    said = {}
+    """The manual lists exactly the messages of the code, complete and under their tags."""
+    reported = {}
     for name, source in CODE.items():
         if name.endswith(".cpp") and (texts := formats(source)):
-            said.setdefault(Path(name).name.split(".")[0], []).extend(texts)
-    told = told_messages()
-    assert sum(map(len, said.values())) >= 60
-    assert set(said) == set(told)
-    for tag, texts in said.items():
-        assert [text for text in texts if not any(matches(text, one) for one in told[tag])] == []
-        assert [one for one in told[tag] if not any(matches(text, one) for text in texts)] == []
-        assert len(told[tag]) == len(texts)
+            reported.setdefault(Path(name).name.split(".")[0], []).extend(texts)
+    documented = documented_messages()
+    assert sum(map(len, reported.values())) >= 60
+    assert set(reported) == set(documented)
+    for tag, texts in reported.items():
+        assert [text for text in texts if not any(matches(text, one) for one in documented[tag])] == []
+        assert [one for one in documented[tag] if not any(matches(text, one) for text in texts)] == []
+        assert len(documented[tag]) == len(texts)
 
 
 def test_fixed_words_of_messages():
-    """What the code fills into a message by itself is told too."""
+    """The fixed texts that the code inserts into messages are documented."""
     calls = re.findall(r'LOG_ERROR\("Failed \[%s\], err=%m", ([^;]*)\);', CODE["log/memorylogger.cpp"])
     calls += re.findall(r'\{Kind::NoCommand, "cmd_list", ([^;]*)\}', CODE["job/definition.cpp"])
     words = {text for call in calls for text in strings(call)}
@@ -228,22 +228,24 @@ def test_fixed_words_of_messages():
 
 
 def test_failure_lines_of_the_execution_log():
-    told = [one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M) if "ERROR" in one]
+    documented = [
+        one for one in re.findall(r"^\.It (.*)$", section(PAGES[0], "The execution log"), re.M) if "ERROR" in one
+    ]
     text = CODE["job/cronjob.start.cpp"]
     steps = set(re.findall(r'report\("(\w+)"\)', text))
     assert len(steps) == 3
     pieces = strings(re.search(r"WriteExecutionLog\(std::string\((.*?)\);", text, re.S)[1])
     first, last = strings(re.search(r"const std::string running =(.*?);", text, re.S)[1])[:2]
     failed = strings(re.search(r"rc < 0\)\s*WriteExecutionLog\((.*?)\);", text, re.S)[1])
-    assert sorted(told) == sorted(
+    assert sorted(documented) == sorted(
         ["JOB".join([f"{pieces[0]}{step}{pieces[1]}", pieces[2]]) + f"ACCOUNT{pieces[3]}ERROR]" for step in steps]
         + [f"{first}JOB{last}COMMAND{failed[0]}-1{failed[1]}ERROR"]
     )
 
 
 def test_lint(tmp_path):
-    """mandoc finds nothing in any manual but lines that are long in the source, which no reader
-    sees. References are looked up among our own pages."""
+    """mandoc reports nothing except long lines of the source, which readers do not see. References are
+    looked up among the pages of the project."""
     pages = sorted((TOP / "man").iterdir())
     assert set(PAGES) <= set(pages)
     for page in pages:
@@ -261,15 +263,15 @@ def test_lint(tmp_path):
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
-def test_no_word_is_taken_for_a_macro(page):
-    """What is quoted is printed whole: in it a word such as "No" would be obeyed and vanish."""
+def test_no_quoted_word_is_taken_for_a_macro(page):
+    """Quoted text is printed completely: an unescaped word such as "No" would be taken for a macro."""
     printed = subprocess.run(
         ["mandoc", "-T", "utf8", page], check=True, text=True, encoding="utf-8", capture_output=True
     ).stdout
     printed = re.sub(r"\s", "", re.sub(r".\x08", "", printed))
     quoted = re.findall(r"^\.(?:Dq|Ql|Dl|It Ql|It Li) (.*?)(?: [.,:;)])?$", manual(page), re.M)
     assert len(quoted) > 20
-    # Quotes around a word only keep its blanks.
+    # The manual may quote a text only to keep its blanks.
     assert [
         text
         for text in quoted
@@ -294,8 +296,8 @@ def example_files():
     ]
 
 
-def test_the_example_files_are_right(request, tmp_path):
-    """The tool finds nothing to say of them on a machine that has their programs and accounts."""
+def test_the_tool_accepts_the_example_files(request, tmp_path):
+    """The tool reports no problems on a machine with their programs and accounts."""
     examples = example_files()
     assert len(examples) == 3
     (tmp_path / "etc").mkdir()
@@ -323,19 +325,19 @@ def expressions():
     return section(PAGES[1], "Expressions")
 
 
-def test_what_is_refused_is_refused(request):
+def test_the_tool_refuses_the_refused_expressions(request):
     refused = [line.strip('"') for line in re.findall(r"^\.It Li (.*)$", expressions(), re.M)]
     assert len(refused) >= 10
     assert [one for one in refused if tool(request, "explain", one).returncode == 0] == []
 
 
 def test_the_description_of_fields_and_periods():
-    """The tables of periods and bounds are those that the code has."""
+    """The tables of periods and bounds agree with the code."""
     periods = re.findall(r"^\.It (\w) Ta \"(.*?)\" Ta", section(PAGES[1], "Periods"), re.M)
     assert sorted(periods) == sorted(re.findall(r"case '(\w)':\s*return \"(.*?)\";", CODE["job/definition.cpp"]))
     bounds = re.findall(r"\{'\w', (\d+), (\d+), (\d+)\}", CODE["job/cron_field.cpp"])
-    told = re.findall(r"^\.It \w+ Ta (\d+) to (\d+) Ta (\d+) to (\d+)", expressions(), re.M)
-    assert told == [(low, high, low, drawn) for low, high, drawn in bounds]
+    documented = re.findall(r"^\.It \w+ Ta (\d+) to (\d+) Ta (\d+) to (\d+)", expressions(), re.M)
+    assert documented == [(low, high, low, drawn) for low, high, drawn in bounds]
 
 
 @pytest.mark.parametrize(
@@ -351,7 +353,7 @@ def test_the_description_of_fields_and_periods():
         (r"Up to (\d+) accounts", "core/crondaemon.h", r"kWatchLimit = (\d+)"),
     ],
 )
-def test_numbers(words, name, pattern):
-    """A limit in the text is that in the code; one watch is the directory's of all accounts."""
-    told = int(re.search(words, "".join(map(manual, PAGES)))[1])
-    assert told == int(re.search(pattern, CODE[name])[1]) - ("accounts" in words)
+def test_limits(words, name, pattern):
+    """The limits in the text are those in the code. One watch is used for the source of the accounts."""
+    documented = int(re.search(words, "".join(map(manual, PAGES)))[1])
+    assert documented == int(re.search(pattern, CODE[name])[1]) - ("accounts" in words)

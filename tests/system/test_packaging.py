@@ -1,6 +1,5 @@
-"""What makers of images and of platforms get: the trees for Buildroot and Yocto, as far as they can
-be judged without either, and the exchange of the platform's libraries, with a daemon made that
-way."""
+"""Support for makers of images and platforms: the trees for Buildroot and Yocto, as far as they can be
+tested without either, and the replacement of the platform library, with a daemon built that way."""
 
 import fnmatch
 import glob
@@ -21,7 +20,7 @@ BUILDROOT = TOP / "packaging/buildroot"
 LAYER = TOP / "packaging/yocto/meta-kestcrond"
 VERSION = re.search(r"^project\(kestcrond VERSION ([\d.]+) ", (TOP / "CMakeLists.txt").read_text(), re.M)[1]
 
-# The file that an image takes each of these from, and its mode there.
+# The source of each file of an image, and its mode.
 FILES = {
     "/etc/default/kestcrond": ("default/kestcrond", 0o644),
     "/etc/logrotate.d/kestcrond": ("logrotate/kestcrond", 0o644),
@@ -33,7 +32,7 @@ FILES = {
 
 
 def options(text):
-    """The project's options that are set in a text, with their values; all of them are its own."""
+    """The options that a text sets, with their values. All of them must be options of the project."""
     known = re.findall(r"^(?:option|set)\((KESTCROND_\w+) ", (TOP / "cmake/options.cmake").read_text(), re.M)
     found = dict(re.findall(r"-D(\w+)=(\"[^\"]*\"|[^\s,'\"]*)", text))
     assert set(found) <= set(known)
@@ -41,8 +40,8 @@ def options(text):
 
 
 def places():
-    """The directories for job files and those on the way, with the modes that the daemon and the
-    package make them with."""
+    """The directories for job files and their parents, with the modes with which the daemon and the
+    package create them."""
     modes = {}
     for source, directory in SOURCES.items():
         modes[directory] = 0o755 if source == "pkg_nonroot" else 0o750
@@ -70,7 +69,7 @@ def expected_files(*paths):
 
 # --- Buildroot -----------------------------------------------------------------------------------
 
-# What Buildroot brings, as much as a package sees of it. "image" is the step that installs.
+# The parts of Buildroot that a package uses. "image" is the installation step.
 STAND_IN = r"""
 qstrip = $(strip $(subst ",,$(1)))
 cmake-package = packages += kestcrond
@@ -109,21 +108,21 @@ def make(tmp_path, goal, **configuration):
         capture_output=True,
         text=True,
     )
-    # What was not chosen is not defined; everything else is a slip.
+    # Options that were not chosen are undefined. Any other undefined variable is an error.
     unknown = re.findall(r"undefined variable '(?!BR2_)(\w+)'", done.stderr)
     assert set(unknown) <= {"KESTCROND_INSTALL_LOGROTATE"}
     return done.stdout
 
 
 def values(tmp_path, **configuration):
-    """The package's variables as make knows them."""
+    """The variables of the package as make evaluates them."""
     words = make(tmp_path, "values", **configuration).split("@")[1:]
     return {name: " ".join(text.split()) for name, text in zip(words[::2], words[1::2])}
 
 
 def test_buildroot_values(tmp_path):
     found = values(tmp_path)
-    assert found["packages"] == "kestcrond", "the package is not handed to Buildroot"
+    assert found["packages"] == "kestcrond", "the package is not registered with Buildroot"
     assert found["KESTCROND_VERSION"] == VERSION
     assert Path(found["KESTCROND_SITE"]) == TOP and found["KESTCROND_SITE_METHOD"] == "local"
     assert all((TOP / name).is_file() for name in found["KESTCROND_LICENSE_FILES"].split())
@@ -157,7 +156,7 @@ def test_buildroot_values_with_everything(tmp_path):
     }
 
 
-def test_buildroot_site_can_be_another(tmp_path):
+def test_buildroot_accepts_another_site(tmp_path):
     (tmp_path / "CMakeLists.txt").write_text("project(kestcrond VERSION 7.8.9 LANGUAGES CXX\n")
     found = values(tmp_path, KESTCROND_SITE=tmp_path)
     assert found["KESTCROND_VERSION"] == "7.8.9"
@@ -174,7 +173,7 @@ def test_buildroot_image(tmp_path, logrotate):
     assert holds(tmp_path / "image")[0] == expected
 
 
-def test_buildroot_places(tmp_path):
+def test_buildroot_directories(tmp_path):
     table = values(tmp_path)["KESTCROND_PERMISSIONS"].split()
     rows = [table[i : i + 10] for i in range(0, len(table), 10)]
     assert {row[0]: int(row[2], 8) for row in rows} == places()
@@ -201,7 +200,7 @@ OTHERS = [
 
 
 def menu(tmp_path, monkeypatch, *chosen, without=()):
-    """The configuration with the symbols `chosen`, in a Buildroot that knows all but `without`."""
+    """The configuration with the symbols `chosen`, in a Buildroot that lacks those in `without`."""
     monkeypatch.setenv("BR2_EXTERNAL_KESTCROND_PATH", str(BUILDROOT))
     top = tmp_path / "Config.in"
     known = [name for name in NEEDS + OTHERS if name not in without]
@@ -216,7 +215,7 @@ def menu(tmp_path, monkeypatch, *chosen, without=()):
 
 
 def comments(configuration):
-    """The comments that are shown, by their first words."""
+    """The visible comments, by their first words."""
     return {
         " ".join(node.prompt[0].split()[:2])
         for node in configuration.node_iter()
@@ -230,9 +229,9 @@ def test_buildroot_menu(tmp_path, monkeypatch):
         assert chosen.syms[f"BR2_PACKAGE_KESTCROND{name}"].str_value == "y"
     assert chosen.syms["BR2_PACKAGE_KESTCROND_SMALL"].str_value == "n"
     for name in ("BR2_PACKAGE_BOOST", "BR2_PACKAGE_JSONCPP"):
-        assert chosen.syms[name].str_value == "y", "it is not selected"
+        assert chosen.syms[name].str_value == "y", "the library is not selected"
     assert comments(chosen) == set()
-    # Each symbol of ours that the makefile asks is one of the menu.
+    # The menu defines each symbol of the package that the makefile uses.
     asked = re.findall(r"\((BR2_PACKAGE_KESTCROND\w*)", (BUILDROOT / "package/kestcrond/kestcrond.mk").read_text())
     assert len(asked) >= 3 and set(asked) <= {symbol.name for symbol in chosen.defined_syms}
 
@@ -253,7 +252,7 @@ def test_buildroot_menu_with_musl(tmp_path, monkeypatch):
 
 @pytest.mark.parametrize("without", [(), ("BR2_PACKAGE_CLI11",)])
 def test_buildroot_menu_without_the_library_of_the_tool(tmp_path, monkeypatch, without):
-    """Not chosen, or not known to this Buildroot."""
+    """The library is not chosen, or this Buildroot does not have it."""
     chosen = menu(tmp_path, monkeypatch, *NEEDS, "BR2_PACKAGE_KESTCROND", without=without)
     assert chosen.syms["BR2_PACKAGE_KESTCROND_CTL"].str_value == "n"
     assert comments(chosen) == {"kestcronctl needs"}
@@ -273,7 +272,7 @@ STATEMENT = re.compile(
     re.X,
 )
 
-# What the core layer says of a target.
+# Variables that the core layer sets for a target.
 CORE = {
     "PN": "kestcrond",
     "bindir": "/usr/bin",
@@ -288,8 +287,8 @@ CORE = {
 
 
 class Recipe:
-    """A recipe or configuration file, in the part of the language that ours are written in; what is
-    not of it is refused."""
+    """A recipe or configuration file, in the subset of the language that the project uses. Other
+    statements are refused."""
 
     def __init__(self, path, **given):
         self.raw = {**CORE, "THISDIR": str(path.parent), **given}
@@ -360,7 +359,7 @@ def test_yocto_layer():
 def test_yocto_values(recipe):
     assert Path(recipe.getVar("EXTERNALSRC")) == TOP
     assert recipe.getVar("PV") == VERSION
-    assert recipe.read == [str(TOP / "CMakeLists.txt")], "a new version would not be noticed"
+    assert recipe.read == [str(TOP / "CMakeLists.txt")], "a new version would not be detected"
     assert recipe.classes == ["externalsrc", "cmake", "pkgconfig", "features_check", "systemd", "update-rc.d"]
     assert recipe.words("REQUIRED_DISTRO_FEATURES") == ["usrmerge"]
     assert recipe.words("DEPENDS") == ["boost", "jsoncpp"]
@@ -414,7 +413,7 @@ def test_yocto_image(recipe, tmp_path):
 
 
 def test_yocto_packages(recipe):
-    """What the build installs goes where it belongs."""
+    """Each installed file is in its package."""
     install = (TOP / "cmake/install.cmake").read_text()
     assert "completions RENAME kestcronctl" in install and "kestcrond/examples" in install
     for path, package in [
@@ -427,7 +426,7 @@ def test_yocto_packages(recipe):
         assert package_of(recipe, path) == package, path
 
 
-# --- A platform of the maker's own ---------------------------------------------------------------
+# --- The platform library of a maker -------------------------------------------------------------
 
 HEADERS = [
     header
@@ -437,7 +436,7 @@ HEADERS = [
 
 
 def declared(header):
-    """The functions that a header declares, each in one line and with its whole name."""
+    """The functions that a header declares, each in one line and with its qualified name."""
     text = re.sub(r"//[^\n]*|^#[^\n]*", "", header.read_text(), flags=re.M)
     scope = "::".join(re.findall(r"^(?:namespace|class) ([\w:]+) \{", text, re.M))
     functions = re.findall(r"^ *(\w[\w:<>]*(?: \w+)*[ *&]+)(\w+)\(([^;{}]*?)\)(?: __attribute__.*)?;", text, re.M)
@@ -447,7 +446,7 @@ def declared(header):
 
 
 def test_porting_lists_every_call():
-    """Exactly what a maker provides, as it is declared."""
+    """The guide lists exactly the functions that a maker provides, as they are declared."""
     guide = (TOP / "docs/porting.md").read_text()
     calls = [call for header in HEADERS for call in declared(header)]
     assert len(calls) == len(set(calls)) >= 19
@@ -465,8 +464,8 @@ def test_porting_lists_every_call():
         assert (header in HEADERS) == (f"`src/platform/posix/{header.stem}.cpp`" in guide)
 
 
-def test_no_call_is_overlooked():
-    """What the library of src/platform/posix gives to its users is what the headers declare."""
+def test_the_headers_declare_every_call():
+    """The library of src/platform/posix defines exactly the functions that the headers declare."""
     names = {re.search(r"(\w+)\(", call)[1] for header in HEADERS for call in declared(header)}
     defined = set()
     for source in (TOP / "src/platform/posix").glob("*.cpp"):
@@ -482,7 +481,7 @@ def cmake(*arguments):
 
 @pytest.mark.parametrize("version,status", [("1.8.4", 1), ("1.9.0", 0)])
 def test_the_oldest_version_of_the_json_library_is_required(tmp_path, version, status):
-    """An older one breaks off at the first job that is removed."""
+    """With an older version the daemon aborts when the first job is removed."""
     (tmp_path / "jsoncpp.pc").write_text(
         f"Name: jsoncpp\nDescription: JSON\nVersion: {version}\nLibs: -ljsoncpp\n" "Cflags: -I/usr/include/jsoncpp\n"
     )
@@ -496,9 +495,9 @@ def test_the_oldest_version_of_the_json_library_is_required(tmp_path, version, s
     assert (done.returncode != 0) == (status != 0), done.stderr
 
 
-@pytest.mark.native(reason="the maker's daemon is built for the machine that the tests run on")
-def test_a_makers_own_platform(tmp_path):
-    """The daemon with the library of tests/porting: it hears another controller."""
+@pytest.mark.native(reason="the daemon of the maker is built for the host")
+def test_the_platform_library_of_a_maker(tmp_path):
+    """Runs the daemon with the library of tests/porting, which reads the status of another controller."""
     library, build = tmp_path / "maker", tmp_path / "build"
     cmake("-S", TOP / "tests/porting", "-B", library, "-DCMAKE_BUILD_TYPE=Release")
     cmake("--build", library, "--parallel", "2")
@@ -512,21 +511,21 @@ def test_a_makers_own_platform(tmp_path):
         f"-DKESTCROND_PLATFORM_LIBRARIES={library}/libmaker_platform.a",
     )
     cmake("--build", build, "--target", "kestcrond", "--parallel", "2")
-    assert not list(build.rglob("posix/*.o")), "ours is linked too"
+    assert not list(build.rglob("posix/*.o")), "the library of the project is linked too"
 
     with Appliance(build / "kestcrond") as machine:
         machine.clock("2026-06-02 02:10:10")
         overdue = never("x", assure_execute=1, assure_execute_action="run")
         machine.jobs("builtin", "f", [overdue])
         machine.jobs("pkg", "g", [every_minute("y")])
-        # One that ran long ago, so that it runs on a held machine.
+        # The job ran long ago, so that it runs on a held machine.
         entry = {
             "config": {**overdue, "name": "builtin-f-x"},
             "lastExecution": 1780000000,
             "schedule": machine.drawn(Minute=0, hour=0, day=31, month=2),
         }
         machine.write(PERSISTENT_FILE, json.dumps({"jobs": {"builtin-f-x": entry}}))
-        machine.write("/run/kestvorld.status", "0")  # nobody reads it here
+        machine.write("/run/kestvorld.status", "0")  # not used by this library
         machine.write("/run/controller/state", "held\n")
         machine.start_and_wait()
         wait_for(machine.log_lines)

@@ -1,4 +1,4 @@
-"""The runtime documents: what is kept over reloads, edits and restarts, and what is not."""
+"""The runtime documents: what reloads, edits and restarts keep, and what they discard."""
 
 import json
 import re
@@ -36,7 +36,7 @@ def test_an_entry_is_the_whole_document(machine):
     }
 
 
-def test_comments_of_an_author_stay_out(machine):
+def test_comments_of_an_author_are_not_saved(machine):
     machine.write(
         "/usr/local/etc/kestcron.d/f.conf",
         "// secret plans\n[/* more */" + json.dumps(never("x")) + "]\n# not here".replace("#", "//"),
@@ -105,7 +105,7 @@ def test_only_a_stop_saves_the_state(machine):
     machine.reload()
     assert machine.entries()["builtin-f-x"]["lastExecution"] > 0
     assert not machine.exists(PERSISTENT_FILE) and not machine.exists(PERSISTENT_TEMPLATE)
-    # A crash loses it: what is in "/run" is for others to read, not for the daemon.
+    # A crash loses the state: the daemon never reads the documents in "/run".
     pid = machine.daemon_pid()
     machine.signal(9)
     wait_for(lambda: pid not in machine.processes())
@@ -119,7 +119,7 @@ def test_only_a_stop_saves_the_state(machine):
     assert machine.document(PERSISTENT_FILE)["jobs"]["builtin-f-x"]["lastExecution"] > 0
 
 
-def test_what_is_kept_reaches_the_disk(machine):
+def test_saved_documents_reach_the_disk(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_traced("-y", "-o", "/run/trace", "-e", "trace=fsync,rename,renameat,renameat2")
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
@@ -137,7 +137,7 @@ def test_what_is_kept_reaches_the_disk(machine):
         assert re.match(r"fsync.*/usr/kest/etc\)?$", calls[saved[0] + 1].split(" =")[0])
 
 
-def test_a_gained_key_keeps_the_old_definition(machine):
+def test_an_added_key_keeps_the_old_definition(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     before = machine.entries()
@@ -164,7 +164,7 @@ def test_a_gained_key_keeps_the_old_definition(machine):
         {"extra": "1"},
     ],
 )
-def test_a_changed_job_starts_afresh(machine, change):
+def test_a_changed_job_loses_its_history(machine, change):
     machine.jobs("builtin", "f", [never("x", extra=[1, 2]), never("y")])
     machine.start_and_wait()
     machine.stop()
@@ -183,7 +183,7 @@ def test_a_changed_job_starts_afresh(machine, change):
 
 
 def test_a_changed_job_has_its_new_definition(machine):
-    """Not only its document: its fields, whose draws come later, and its settings too."""
+    """A change applies to the fields, which are drawn later, and to the settings, not only to the document."""
     machine.clock("2026-06-02 02:57:10")
     machine.template(maxDelay=0)
     machine.jobs("builtin", "t", [every_minute("tick", run_on_passive=True)])
@@ -197,7 +197,7 @@ def test_a_changed_job_has_its_new_definition(machine):
     machine.reload()
     wait_for(lambda: machine.runs("builtin-f-x"), what="a run that the old definition forbids")
     drawn = machine.saved()
-    # A busy machine may have stepped over it, or over the first minute of another.
+    # A busy machine may have skipped the first minute of this hour, or of the next.
     wait_for(lambda: machine.saved() != drawn, 150, "the draw of an hour")
     assert machine.entries()["builtin-f-y"]["schedule"]["Minute"] == [7, 9]
 
@@ -220,10 +220,10 @@ def test_a_removed_file_clears_its_jobs(machine):
     assert machine.texts() == ["removed cleared jobs: builtin-f-a", "removed cleared jobs: builtin-f-b"]
     machine.path("/usr/kest/share/kestcron.d/g").unlink()
     machine.reload()
-    assert machine.document() == {}, "without jobs there is no member for them"
+    assert machine.document() == {}, 'without jobs there is no member "jobs"'
 
 
-def test_jobs_that_vanished_while_stopped_are_cleared_at_the_start(machine):
+def test_jobs_that_were_removed_while_stopped_are_cleared_at_the_start(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     machine.stop()
@@ -239,7 +239,7 @@ def test_jobs_that_vanished_while_stopped_are_cleared_at_the_start(machine):
     ["", "{", "[]", "5", '"text"', '{"jobs":[]}', '{"jobs":5}', '{"jobs":null}', "{}", "[" * 100000],
     ids=lambda content: content[:9],
 )
-def test_a_broken_persistent_document_starts_every_job_afresh(machine, content):
+def test_an_invalid_saved_document_is_ignored(machine, content):
     machine.write(PERSISTENT_FILE, content)
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
@@ -248,7 +248,7 @@ def test_a_broken_persistent_document_starts_every_job_afresh(machine, content):
 
 
 @pytest.mark.parametrize("entry", [5, None, [], "x", {}, {"config": 5}, {"config": None}])
-def test_a_broken_entry_counts_as_modified(machine, entry):
+def test_an_invalid_entry_counts_as_modified(machine, entry):
     machine.jobs("builtin", "f", [never("x"), never("y")])
     machine.start_and_wait()
     machine.stop()
@@ -276,7 +276,7 @@ def test_an_entry_with_a_zero_byte_in_its_name_is_not_another(machine):
 
 
 def test_a_kept_entry_that_is_no_longer_a_job_is_corrupt(machine):
-    # An old definition contained in the new one: the old one counts, and it has lost its command.
+    # The new definition contains the old one, so the old one is kept, which has no command.
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     machine.stop()
@@ -289,7 +289,7 @@ def test_a_kept_entry_that_is_no_longer_a_job_is_corrupt(machine):
     assert machine.document() == {}
 
 
-def test_wrong_runtime_members_read_as_absent(machine):
+def test_invalid_runtime_members_count_as_absent(machine):
     machine.template(maxDelay=0)
     names = ["a", "b", "c", "d", "e", "f"]
     machine.jobs("builtin", "f", [never(name, assure_execute=1) for name in names])
@@ -310,7 +310,7 @@ def test_wrong_runtime_members_read_as_absent(machine):
     machine.write(PERSISTENT_FILE, json.dumps(document))
     machine.start_and_wait()
     wait_for(lambda: len(machine.runs("builtin-t-tick")) >= 2)
-    # Only the one without a readable "startup" counts from the beginning of time.
+    # Only the job without a valid "startup" counts from 1970.
     wait_for(lambda: machine.runs("builtin-f-c"))
     assert {name for name in names if machine.runs(f"builtin-f-{name}")} == {"c"}
     assert machine.texts() == []
@@ -323,8 +323,8 @@ def test_the_current_runtime_is_logged(machine):
     (message,) = machine.messages(priority="info")
     assert message.tag == "crondaemon"
     assert message.text.startswith("current runtime: {\n")
-    told = json.loads(message.text.removeprefix("current runtime: "))
-    assert list(told["jobs"]) == ["builtin-f-x"]
+    logged = json.loads(message.text.removeprefix("current runtime: "))
+    assert list(logged["jobs"]) == ["builtin-f-x"]
 
 
 def test_documents_that_cannot_be_written(machine):

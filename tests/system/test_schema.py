@@ -1,4 +1,4 @@
-"""The schema of job files: a schema, with good examples, that refuses what the daemon refuses."""
+"""The schema of job files: it is valid, its examples are accepted, and it refuses what the daemon refuses."""
 
 import itertools
 import json
@@ -19,13 +19,13 @@ PKG = SOURCES["pkg"]
 ALICE = SOURCES["pkg_nonroot"] + "/alice"
 FULL = {**GOOD, "period": "crontab", "crontab": "* * * * *"}
 
-# What the schema says that it cannot tell, each with a definition that it takes. The daemon refuses
-# the whole file for these...
+# Limits of the schema that its comment lists, each with a definition that it accepts. For these the
+# daemon refuses the whole file...
 REFUSED_FILES = {
     "nested deeper than 64 levels": {**GOOD, "extra": json.loads("[" * 64 + "]" * 64)},
     "larger than 1 MiB": {**GOOD, "extra": "x" * (1 << 20)},
 }
-# ... and reads these, but leaves the job out.
+# ... and for these it leaves the job out.
 LEFT_OUT = {
     "an account that does not exist": {"user": "package", "package_username": "carol"},
     "a program that does not exist": {"cmd": "/missing"},
@@ -54,10 +54,10 @@ def without_comments(text):
 # --- The schema itself --------------------------------------------------------------------------
 
 
-def test_it_is_a_schema():
+def test_the_schema_is_valid():
     assert SCHEMA["$schema"] == Draft202012Validator.META_SCHEMA["$id"]
     Draft202012Validator.check_schema(SCHEMA)
-    # The meta schema lets a misspelt keyword pass, which then says nothing.
+    # The meta schema accepts a misspelt keyword, which then has no effect.
     keywords = {
         "$schema",
         "$id",
@@ -105,7 +105,7 @@ def test_every_member_is_explained():
         assert {"title", "description", "examples"} <= set(member), name
 
 
-def test_its_members_are_those_that_are_read(machine, ctl):
+def test_the_schema_has_the_members_that_the_daemon_reads(machine, ctl):
     machine.write(PKG + "/f", json.dumps([{**{name: None for name in MEMBERS}, "extra": 1}]))
     _, answer = ctl.json("check")
     unknown = [problem["member"] for problem in answer["problems"] if problem["message"].startswith("unknown member")]
@@ -148,19 +148,19 @@ def test_the_jobs_of_the_example_appliance():
         schema.validate(json.loads(without_comments(path.read_text())))
 
 
-# --- The daemon says the same -------------------------------------------------------------------
+# --- Agreement with the daemon ------------------------------------------------------------------
 
 
 def refused(ctl):
-    """The file and line of every definition that the daemon refuses, and the files it cannot
-    read, found by one check of all."""
+    """The file and line of each definition that the daemon refuses, and the files that it cannot read,
+    from one check of all files."""
     _, answer = ctl.json("check", "--errors-only")
     places = {(problem["file"], problem["line"]) for problem in answer["problems"] if problem["job"] is not None}
     return places, {problem["file"] for problem in answer["problems"] if problem["job"] is None}
 
 
-def expect_the_same(machine, ctl, schema, directory, definitions):
-    """Puts the definitions into arrays, one on a line, and compares verdicts."""
+def expect_agreement(machine, ctl, schema, directory, definitions):
+    """Writes the definitions to arrays, one on each line, and compares which of them are refused."""
     places = {}
     for start in range(0, len(definitions), 500):
         path = f"{directory}/f{start:05}"
@@ -183,15 +183,15 @@ def expect_the_same(machine, ctl, schema, directory, definitions):
     "schema,directory,seed,count",
     [(JOB_FILE, PKG, 1, 1500), (ACCOUNT_FILE, ALICE, 2, 1000), (ACCOUNT_FILE, ALICE, 5, 1000)],
 )
-def test_definitions_by_chance(machine, ctl, schema, directory, seed, count):
+def test_random_definitions_agree(machine, ctl, schema, directory, seed, count):
     machine.account_directory("alice")
     chance = Definitions(seed)
-    good, bad = expect_the_same(machine, ctl, schema, directory, [chance.one(f"n{number}") for number in range(count)])
-    assert min(good, bad) > 200, "there are enough of both"
+    good, bad = expect_agreement(machine, ctl, schema, directory, [chance.one(f"n{number}") for number in range(count)])
+    assert min(good, bad) > 200, "too few valid or invalid definitions"
 
 
 @pytest.mark.parametrize("count,valid", [(1024, True), (1025, False)])
-def test_as_many_jobs_as_an_account_may_have(machine, ctl, count, valid):
+def test_the_number_of_jobs_of_an_account(machine, ctl, count, valid):
     machine.account_directory("alice")
     jobs = [{**GOOD, "name": f"{number}"} for number in range(count)]
     machine.write(f"{ALICE}/many", json.dumps(jobs))
@@ -208,8 +208,8 @@ def test_every_range_of_numbers(machine, ctl):
                 fields = ["*"] * 5
                 fields[field] = f"{before}{low}~{high}"
                 crontabs.append(" ".join(fields))
-    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
-    # All pairs of different numbers one way round, and those of equal ones; alone and behind a "~".
+    good, bad = expect_agreement(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
+    # Valid are all pairs whose first number is not greater, alone and after a "~".
     assert good == sum(count * (count + 1) for count in (60, 24, 31, 12, 7))
     assert bad > good
 
@@ -308,7 +308,7 @@ def test_every_way_to_write_a_number(machine, ctl):
         "     ",
         "* * * * ,",
     ]
-    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
+    good, bad = expect_agreement(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
     assert min(good, bad) > 400
 
 
@@ -366,7 +366,7 @@ def test_every_value_of_every_member(machine, ctl):
     definitions += [
         {key: value for key, value in base.items() if key != member} for base in bases for member in MEMBERS
     ]
-    good, bad = expect_the_same(machine, ctl, JOB_FILE, PKG, definitions)
+    good, bad = expect_agreement(machine, ctl, JOB_FILE, PKG, definitions)
     assert min(good, bad) > 500
 
 
@@ -381,7 +381,7 @@ def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory
             continue  # an account's files share its quota
         path = f"{directory}/{number:03}"
         machine.write(path, content)
-        try:  # as lenient as the daemon's reader with texts, which are not the schema's business
+        try:  # as lenient with texts as the daemon, because the schema does not restrict them
             documents[path] = json.loads(content.decode(errors="surrogateescape"), strict=False)
         except ValueError:
             pass
@@ -389,7 +389,7 @@ def test_files_without_an_array_and_damaged_ones(machine, ctl, schema, directory
     by_daemon = {file for file, _ in places}
     compared = set(documents) - unread
     assert len(compared) > 350
-    # The daemon finds no job in such a file, and says nothing.
+    # The daemon finds no job in such a file and reports no error.
     jobless = {path for path in compared if not isinstance(documents[path], (dict, list))}
     assert jobless and not jobless & by_daemon
     assert "a document that is neither an object nor an array" in SCHEMA["$comment"]
@@ -407,7 +407,7 @@ def test_files_that_only_the_daemon_refuses(machine, ctl, reason):
 
 
 @pytest.mark.parametrize("reason", LEFT_OUT)
-def test_jobs_that_only_the_machine_leaves_out(machine, ctl, reason):
+def test_jobs_that_only_the_daemon_leaves_out(machine, ctl, reason):
     assert reason in SCHEMA["$comment"]
     definition = {**GOOD, **LEFT_OUT[reason]}
     assert JOB_FILE.is_valid([definition])

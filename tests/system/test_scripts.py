@@ -1,4 +1,4 @@
-"""What the scripts decide by themselves."""
+"""Decisions of the scripts."""
 
 import subprocess
 from importlib.machinery import SourceFileLoader
@@ -11,7 +11,7 @@ SCRIPTS = Path(__file__).resolve().parents[2] / "scripts"
 
 
 def load(name):
-    """A script without an ending as a module."""
+    """Loads a script without a file name extension as a module."""
     loader = SourceFileLoader(name, str(SCRIPTS / name))
     module = module_from_spec(spec_from_loader(name, loader))
     loader.exec_module(module)
@@ -19,7 +19,7 @@ def load(name):
 
 
 class Workshop:
-    """Passes its system tests as told, one answer each time."""
+    """A workshop whose system tests pass or fail as given."""
 
     def __init__(self, *answers):
         self.answers = list(answers)
@@ -37,7 +37,7 @@ class Workshop:
         ((False, False, False, True), False, 1),
     ],
 )
-def test_mutants_are_tried_although_a_test_failed_once(answers, sound, left):
+def test_mutants_are_tried_although_the_tests_failed_once(answers, sound, left):
     workshop = Workshop(*answers)
     assert load("mutate").is_sound(workshop) == sound
     assert len(workshop.answers) == left
@@ -55,15 +55,15 @@ def compare_builds(daemon, other, *options):
     )
 
 
-@pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
-def test_a_build_does_as_itself(request):
+@pytest.mark.native(reason="the clock of the comparison is built for the host")
+def test_a_build_does_not_differ_from_itself(request):
     daemon = Path(request.config.getoption("--daemon")).resolve()
     result = compare_builds(daemon, daemon, "--appliances", "12")
     assert result.returncode == 0, result.stdout
     assert result.stdout.startswith("12 appliances") and result.stdout.endswith(": 0 differ\n")
 
 
-@pytest.mark.native(reason="the clock of the comparison is for the machine's own programs")
+@pytest.mark.native(reason="the clock of the comparison is built for the host")
 @pytest.mark.parametrize(
     "text,other",
     [
@@ -72,7 +72,7 @@ def test_a_build_does_as_itself(request):
         (b"missing binary", b"Missing binary"),
     ],
 )
-def test_a_build_that_does_otherwise(request, tmp_path, text, other):
+def test_a_build_with_another_text_differs(request, tmp_path, text, other):
     daemon = Path(request.config.getoption("--daemon")).resolve()
     program = daemon.read_bytes()
     assert text in program

@@ -1,4 +1,4 @@
-"""Job sources: which files are read, what jobs are called, and what is said of those that fail."""
+"""Job sources: which files are read, the names of jobs, and the messages about failures."""
 
 import json
 import os
@@ -15,7 +15,7 @@ def names(machine):
     return sorted(machine.entries())
 
 
-def test_missing_sources_are_made(machine):
+def test_missing_sources_are_created(machine):
     machine.run("rm", "-rf", "/usr/kest", *SOURCES.values())
     machine.start_and_wait()
     modes = {label: machine.path(path).stat().st_mode & 0o7777 for label, path in SOURCES.items()}
@@ -65,7 +65,7 @@ def test_full_names_of_a_tricky_tree(machine):
             "pkg_nonroot-bob-one-default",
         ]
     )
-    # The directory inside an account's directory is an entry that cannot be read as a file.
+    # A directory inside the directory of an account is an entry that cannot be read as a file.
     assert machine.texts() == ["JSON file read error: /usr/local/etc/kestcron_nonroot.d/bob/deeper"]
 
 
@@ -153,7 +153,7 @@ def test_entries_that_are_not_files(machine):
 
 @pytest.mark.parametrize("kernel_file", ["/proc/kmsg", "/proc/self/mem", "/proc/version"])
 def test_kernel_files_are_not_job_files(machine, kernel_file):
-    # Some make their reader wait for ever.
+    # Some of them block their reader forever.
     machine.path(SOURCES["pkg"]).mkdir(parents=True)
     machine.path(SOURCES["pkg"] + "/k").symlink_to(kernel_file)
     machine.jobs("pkg", "good", [never("x")])
@@ -191,7 +191,7 @@ def test_a_leased_file_is_not_waited_for(machine):
     holder.wait()
 
 
-def test_a_name_that_is_none(machine):
+def test_invalid_names_are_rejected(machine):
     machine.jobs(
         "pkg",
         "f.conf",
@@ -213,14 +213,14 @@ def test_a_name_that_is_none(machine):
     assert texts[:8] == ["Job (f) must have a name!"] * 8
     rule_of_name = 'Failed [!jsConf.isMember("name") || !jsConf["name"].isString()], err='
     rule_of_config = 'Failed [!_jsJob.isMember("config") || !jsConf.isObject()], err='
-    said = [text for text in texts[8:] if text.startswith("Failed")]
-    assert [text[: len(rule_of_name)] for text in said[:4]] == [rule_of_name] * 4
-    assert [text[: len(rule_of_config)] for text in said[4:]] == [rule_of_config] * 4
+    failed = [text for text in texts[8:] if text.startswith("Failed")]
+    assert [text[: len(rule_of_name)] for text in failed[:4]] == [rule_of_name] * 4
+    assert [text[: len(rule_of_config)] for text in failed[4:]] == [rule_of_config] * 4
     assert texts.count("crontab format error") == 8
     assert texts[-1] == "Job JSON format error: /usr/local/etc/kestcron.d/f.conf"
 
 
-def test_a_rejected_job_does_not_touch_its_neighbours(machine):
+def test_a_rejected_job_does_not_affect_its_neighbours(machine):
     machine.jobs("builtin", "f.conf", [never("a"), never("b", period="yearly"), never("c")])
     machine.start_and_wait()
     assert names(machine) == ["builtin-f-a", "builtin-f-c"]
@@ -241,7 +241,7 @@ def test_an_owner_without_an_account(machine):
     assert machine.texts() == ["get uid error: 4711", "Failed to dir user: /usr/local/etc/kestcron_nonroot.d/stranger"]
 
 
-def test_an_account_entry_that_is_not_there(machine):
+def test_a_dangling_link_among_the_accounts(machine):
     machine.jobs("pkg_nonroot", "f", [never("x")], account="bob")
     machine.path(SOURCES["pkg_nonroot"] + "/alice").symlink_to("nowhere")
     machine.start_and_wait()
@@ -266,11 +266,11 @@ def test_a_source_that_is_not_a_directory(machine, label, word):
     machine.write(SOURCES[label], "in the way")
     machine.jobs("builtin" if label == "pkg" else "pkg", "f", [never("x")])
     machine.start_and_wait()
-    assert len(names(machine)) == 1, "the other sources are loaded"
+    assert len(names(machine)) == 1, "the other sources must be loaded"
     assert machine.texts() == ["open directory failed.", f"js {word} ({SOURCES[label]}) loaded failed"]
 
 
-def test_the_order_in_which_all_is_read(machine):
+def test_the_order_of_reading(machine):
     machine.account_directory("alice")
     files = [
         SOURCES["builtin"] + "/f",
@@ -287,7 +287,7 @@ def test_the_order_in_which_all_is_read(machine):
     ]
 
 
-def test_an_account_source_that_cannot_be_made(machine):
+def test_an_account_source_that_cannot_be_created(machine):
     machine.write(SOURCES["pkg_nonroot"], "in the way")
     machine.jobs("pkg", "f", [never("x")])
     machine.start_and_wait()

@@ -1,4 +1,4 @@
-"""Staging: what is copied, to whom it belongs, and what is left alone."""
+"""Staging: what is copied, who owns the copy, and what stays unchanged."""
 
 import os
 
@@ -45,7 +45,7 @@ def test_the_copy_belongs_to_the_account(machine, user, account, ids):
 
 @pytest.mark.parametrize("user,account,ids", [("root", None, (0, 0)), ("package", "alice", (2001, 2001))])
 @pytest.mark.parametrize("uid,gid", [(2001, 0), (0, 2001), (2001, 2001), (0, 0), (2002, 2002)])
-def test_the_copy_belongs_to_the_account_whose_ever_the_program_is(machine, user, account, ids, uid, gid):
+def test_the_copy_belongs_to_the_account_whoever_owns_the_program(machine, user, account, ids, uid, gid):
     os.chown(machine.path(RECORD), uid, gid)
     machine.jobs("pkg", "f", [never("x", user=user, package_username=account)])
     machine.start_and_wait()
@@ -53,8 +53,8 @@ def test_the_copy_belongs_to_the_account_whose_ever_the_program_is(machine, user
     assert owner_and_mode(machine.path(RECORD)) == (uid, gid, 0o755)
 
 
-def test_a_copy_that_belongs_to_the_account_is_not_given_to_it_again(machine):
-    # A change of the owner, even to the same one, would take the capability.
+def test_a_copy_that_belongs_to_the_account_keeps_its_capability(machine):
+    # A change of the owner, even to the same owner, would remove the capability.
     machine.write(RECORD, machine.path("/usr/bin/true").read_bytes(), 0o755)
     capability = bytes.fromhex("0100000200200000000000000000000000000000")
     os.setxattr(machine.path(RECORD), "security.capability", capability)
@@ -63,7 +63,7 @@ def test_a_copy_that_belongs_to_the_account_is_not_given_to_it_again(machine):
     assert os.getxattr(machine.path(STAGED), "security.capability") == capability
 
 
-def test_a_program_that_goes_missing_leaves_its_copy(machine):
+def test_a_removed_program_leaves_its_copy(machine):
     machine.jobs("pkg", "f", [never("x")])
     machine.start_and_wait()
     before = machine.path(STAGED).stat()
@@ -110,7 +110,7 @@ def test_each_reload_copies_again(machine):
     assert machine.texts() == []
 
 
-def test_a_copy_that_fails_leaves_the_one_before(machine):
+def test_a_failed_copy_leaves_the_previous_copy(machine):
     machine.jobs("builtin", "f", [never("x")])
     machine.start_and_wait()
     before = machine.staged("builtin-f-x").stat().st_ino
@@ -123,13 +123,13 @@ def test_a_copy_that_fails_leaves_the_one_before(machine):
     assert machine.document() == {}
 
 
-def test_a_copy_that_fails_half_way_leaves_nothing(machine):
+def test_a_partial_copy_is_removed(machine):
     machine.write("/usr/bin/cp", '#!/bin/sh\necho half > "$3"\nexit 1\n', 0o755)
     assert run_package_job(machine, RECORD)[0].startswith(f"Failed to cp [{RECORD}][{STAGED}][0x0302")
     assert os.listdir(machine.path("/tmp/kestcrond")) == []
 
 
-@pytest.mark.native(reason="the emulator does not tell that a program could not be started")
+@pytest.mark.native(reason="the emulator does not report that a program could not be started")
 def test_a_copy_program_that_is_missing_or_killed(machine):
     machine.path("/usr/bin/cp").unlink()
     machine.jobs("builtin", "f", [never("x")])
@@ -140,7 +140,7 @@ def test_a_copy_program_that_is_missing_or_killed(machine):
     assert machine.texts()[-2].startswith(f"Failed to cp [{RECORD}][/tmp/kestcrond/builtin-f-x][0x0303 kestcore.cpp:")
 
 
-def test_signals_to_all_of_the_name_do_not_hit_a_copy(machine):
+def test_signals_to_the_name_of_the_daemon_do_not_affect_a_copy(machine):
     machine.jobs("pkg", "f", [never(f"x{i:02}") for i in range(40)])
     machine.start_and_wait()
     for _ in range(3):
@@ -188,7 +188,7 @@ def test_a_program_that_is_not_a_file(machine, make):
     elif make == "device link":
         path.symlink_to("/dev/zero")
     elif make == "kernel file":
-        program = "/proc/kmsg"  # whoever reads it waits for the kernel to say something
+        program = "/proc/kmsg"  # a read waits for the next message of the kernel
     else:
         path.symlink_to("odd")
     texts = [f"missing binary {program}"] if make == "loop" else cp_failed(program)
@@ -237,7 +237,7 @@ def test_a_relative_link_that_dangles_in_the_staging_directory(machine):
 
 def test_a_link_to_the_copy_of_another_account(machine):
     machine.jobs("builtin", "f", [never("x")])
-    machine.write("/srv/builtin-f-x", "#!/bin/sh\n", 0o755)  # so that it leads somewhere here too
+    machine.write("/srv/builtin-f-x", "#!/bin/sh\n", 0o755)  # so that the link has a target here too
     machine.path("/srv/link").symlink_to("builtin-f-x")
     machine.template(maxDelay=0)
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice", cmd="/srv/link")])
@@ -246,7 +246,7 @@ def test_a_link_to_the_copy_of_another_account(machine):
     assert owner_and_mode(machine.staged("builtin-f-x")) == (0, 0, 0o700)
     wait_for(
         lambda: any(line.endswith("error: Permission denied") for line in machine.log_lines()),
-        what="a start that is refused",
+        what="a refused start",
     )
 
 
@@ -279,11 +279,11 @@ def test_an_account_that_does_not_exist(machine):
         "Unable to determine user",
         *end("z"),
     ]
-    assert os.listdir(machine.path("/tmp/kestcrond")) == [], "a copy that is nobody's is not seen"
+    assert os.listdir(machine.path("/tmp/kestcrond")) == [], "a copy without an owner must not be staged"
 
 
 def test_a_copy_after_a_failed_one_leaves_errno_unchanged(machine):
-    """The copy of the first job is still where the copy of the second one is checked. Messages include errno."""
+    """The copy of the first job still exists where the copy of the second is checked. Messages include errno."""
     machine.jobs("pkg", "f", [never(name, user="somebody") for name in "ab"])
     machine.start_and_wait()
     texts = [message.text for message in machine.messages(priority="err")]
@@ -292,7 +292,7 @@ def test_a_copy_after_a_failed_one_leaves_errno_unchanged(machine):
 
 
 @pytest.mark.parametrize("name", ["a/b", "../../../etc/x", "/", "a\0b"])
-def test_a_name_is_never_a_way_out(machine, name):
+def test_a_name_never_leads_out_of_the_runtime_directory(machine, name):
     machine.write("/tmp/kestcrond/pkg-f-a/keep", "")
     machine.path("/tmp/kestcrond").chmod(0o755)
     machine.jobs("pkg", "f", [never(name)])
@@ -351,7 +351,7 @@ def test_a_foreign_runtime_directory_is_moved_aside(machine, plant):
 
 
 @pytest.mark.parametrize("mode", [0o777, 0o700, 0o1777])
-def test_the_runtime_directory_is_open_to_read_alone(machine, mode):
+def test_the_runtime_directory_is_writable_by_root_only(machine, mode):
     directory = machine.path("/tmp/kestcrond")
     directory.mkdir()
     directory.chmod(mode)
@@ -366,7 +366,7 @@ def test_a_runtime_directory_removed_while_running_is_created_again(machine):
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
     machine.run("rm", "-rf", "/tmp/kestcrond", env={"LD_PRELOAD": ""})
-    machine.path("/tmp/kestcrond").mkdir(exist_ok=True)  # a cycle may have been quicker
+    machine.path("/tmp/kestcrond").mkdir(exist_ok=True)  # a cycle may have created it already
     machine.chown(machine.path("/tmp/kestcrond"), "alice")
     machine.reload()
     assert owner_and_mode(machine.path("/tmp/kestcrond")) == (0, 0, 0o755)
@@ -380,7 +380,7 @@ def test_nothing_is_staged_into_a_foreign_directory(machine):
     machine.start_and_wait()
     wait_for(lambda: machine.runs("builtin-f-x"))
     directory = machine.path("/tmp/kestcrond")
-    # A mount can neither be moved nor exchanged.
+    # A mount point can be neither moved nor replaced.
     machine.run("mount", "-t", "tmpfs", "-o", "uid=2001", "tmpfs", "/tmp/kestcrond", check=True, env={"LD_PRELOAD": ""})
     machine.wait_for_text("runtime dir (/tmp/kestcrond) create failed")
     wait_for(
@@ -390,7 +390,7 @@ def test_nothing_is_staged_into_a_foreign_directory(machine):
     assert os.listdir(directory) == []
 
 
-def test_a_set_id_program_loses_it(machine):
+def test_the_copy_of_a_set_id_program_has_no_set_id_bits(machine):
     machine.write("/usr/local/bin/suid", machine.read(RECORD), 0o6755)
     machine.path("/usr/local/bin/suid").chmod(0o6755)
     assert run_package_job(machine, "/usr/local/bin/suid") == []

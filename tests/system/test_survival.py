@@ -1,5 +1,5 @@
-"""What the daemon must live through: sudden ends, full disks, failing writes, odd clocks, services
-that are away."""
+"""What the daemon must survive: sudden ends, full disks, failing writes, odd clocks and missing
+services."""
 
 import datetime
 import json
@@ -25,8 +25,8 @@ def at_once(machine):
 
 @pytest.fixture
 def killing(machine):
-    """Lets daemons be killed: the sanitizer's own search for leaks, at the end of the process that
-    started the daemon, would report that it did not get to its end."""
+    """Allows daemons to be killed: the leak check of the sanitizer, at the end of the starting process,
+    would report that it was interrupted."""
     machine.environment["ASAN_OPTIONS"] += ":detect_leaks=0"
 
 
@@ -42,12 +42,12 @@ NEW = [every_minute("tick"), never("same"), never("x", cmd=RECORD + " new"), nev
 
 
 def expect_whole(machine):
-    """Every document is the one before or the one after, never a part."""
+    """Every document is either the old one or the new one, never a part."""
     for path in DOCUMENTS:
         if machine.exists(path):
             jobs = machine.document(path).get("jobs", {})
             commands = {(name, entry["cmd_str"]) for name, entry in jobs.items()}
-            # A job whose copy was killed is left out.
+            # A job is left out if its copy was killed.
             assert any(
                 commands <= {(f"builtin-f-{job['name']}", job["cmd"]) for job in jobs} for jobs in (OLD, NEW)
             ), path
@@ -56,7 +56,7 @@ def expect_whole(machine):
             assert machine.document(path)["config"]["name"] == "scheduleTemplate", path
     for line in machine.read(machine.LOG_FILE).splitlines(keepends=True):
         assert line.count(" running job: builtin-f-tick with command: ") == 1
-        # A job of the life before may find its program being copied again.
+        # A waiting job of the killed daemon may start while its program is copied again.
         assert line.endswith(
             (")\n", ", error: No such file or directory\n", ", error: Text file busy\n", ", error: Exec format error\n")
         )
@@ -145,7 +145,7 @@ def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
     assert machine.read(file) == before[file]
     assert not machine.exists(file + ".new")
     if file == PERSISTENT_FILE:
-        assert machine.read(PERSISTENT_TEMPLATE) != "", "the other one is saved all the same"
+        assert machine.read(PERSISTENT_TEMPLATE) != "", "the other one must be saved"
 
 
 @pytest.mark.parametrize(
@@ -153,7 +153,7 @@ def test_a_save_that_fails_keeps_the_old_document(machine, fault, file):
     [
         ("/var/run", "open,openat:error=ENOSPC"),
         ("/var/run", "rename,renameat,renameat2:error=EIO"),
-        # By its descriptor a file is known by the path without links.
+        # The path of a descriptor contains no links.
         ("/run", "write:error=ENOSPC"),
         ("/run", "fchmod:error=EIO"),
         ("/run", "close:error=EIO"),
@@ -176,8 +176,8 @@ def test_a_runtime_document_that_cannot_be_written_stays(machine, directory, fau
 
 
 @pytest.mark.parametrize("read_only", [False, True])
-def test_a_document_that_cannot_be_replaced_is_written_over(machine, read_only):
-    """A bind mount, as a machine with a read-only root has for what it must keep."""
+def test_a_document_that_cannot_be_replaced_is_overwritten(machine, read_only):
+    """A bind mount, as a machine with a read-only root has it for persistent files."""
     machine.jobs("builtin", "f", OLD)
     saved = {path: f"/srv/{path.rpartition('/')[2]}" for path in (PERSISTENT_FILE, PERSISTENT_TEMPLATE)}
     mount = lambda *options: machine.run("mount", *options, check=True, env={"LD_PRELOAD": ""})
@@ -232,7 +232,7 @@ def test_a_document_that_cannot_be_read_is_kept(machine, ctl, broken):
     ] == []
     assert ctl.json("status")[1]["unreadable"] == [PERSISTENT_FILE + ".unreadable", PERSISTENT_TEMPLATE + ".unreadable"]
     assert f"{PERSISTENT_FILE}.unreadable (copy of a saved document" in ctl("status").stdout
-    # The next one takes its place, and a good one leaves it alone.
+    # The next unreadable document replaces the kept one, and a readable one does not.
     machine.start_and_wait()
     machine.stop()
     assert machine.read(PERSISTENT_FILE + ".unreadable") == broken
@@ -255,7 +255,7 @@ def test_without_proc_all_files_are_read(machine):
     before = machine.document(PERSISTENT_FILE)["jobs"]
     machine.clock("2026-06-02 03:10:10")
     machine.path(machine.RUNTIME_TEMPLATE).unlink()
-    # In a namespace of its own, where nothing is mounted on "/proc".
+    # The daemon has its own namespace, in which "/proc" is not mounted.
     machine.run("unshare", "--mount", "bash", "-c", f"umount -l /proc && exec {machine.DAEMON}", check=True)
     wait_for(lambda: machine.exists(machine.RUNTIME_TEMPLATE))
     after = machine.entries()
@@ -269,7 +269,7 @@ def test_without_proc_all_files_are_read(machine):
 # --- Read-only disks ----------------------------------------------------------------------------
 
 
-def test_a_start_from_a_disk_that_is_read_only(machine):
+def test_a_start_from_a_read_only_disk(machine):
     machine.jobs("builtin-dyn", "f", [every_minute("x")])
     machine.run("mount", "--bind", "/usr/kest/etc", "/usr/kest/etc", check=True, env={"LD_PRELOAD": ""})
     machine.run("mount", "-o", "remount,bind,ro", "/usr/kest/etc", check=True, env={"LD_PRELOAD": ""})
@@ -289,22 +289,22 @@ def test_a_disk_that_becomes_read_only(machine, directory):
     machine.path("/home").mkdir(exist_ok=True)
     pid = machine.start_and_wait()
     machine.run("mount", "--bind", directory, directory, check=True, env={"LD_PRELOAD": ""})
-    # Not while somebody has a file there open to write.
+    # This fails while a file there is open for writing.
     wait_for(lambda: machine.run("mount", "-o", "remount,bind,ro", directory, env={"LD_PRELOAD": ""}).returncode == 0)
     for _ in range(3):
         machine.path("/home/ran").unlink(missing_ok=True)
-        wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+        wait_for(lambda: machine.exists("/home/ran"), what="a run of the job")
     loads = machine.loads()
     machine.signal(signal.SIGHUP)
     wait_for(lambda: machine.loads() > loads)
     assert machine.daemon_pid() == pid
-    if directory != "/tmp":  # where the copies would be
+    if directory != "/tmp":  # where programs are staged
         machine.path("/home/ran").unlink(missing_ok=True)
-        wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+        wait_for(lambda: machine.exists("/home/ran"), what="a run of the job")
     machine.run("mount", "-o", "remount,bind,rw", directory, check=True, env={"LD_PRELOAD": ""})
     machine.reload()
     machine.path("/home/ran").unlink(missing_ok=True)
-    wait_for(lambda: machine.exists("/home/ran"), what="the job's run")
+    wait_for(lambda: machine.exists("/home/ran"), what="a run of the job")
     machine.stop()
     assert set(machine.document(PERSISTENT_FILE)["jobs"]) == {"builtin-f-tick", "builtin-f-x"}
 
@@ -336,7 +336,7 @@ def test_any_year(machine, moment):
 
 
 def settable_clock(machine, moment, rate=60):
-    """A clock that a test can set while programs run: it is a file that is read again each time."""
+    """A clock that a test can set while programs run: a file that is read at each query."""
     machine.write("/run/clock", f"@{moment} x{rate}")
     machine.environment.update(
         FAKETIME_TIMESTAMP_FILE="/run/clock", FAKETIME_NO_CACHE="1", FAKETIME_UPDATE_TIMESTAMP_FILE="0"
@@ -356,12 +356,12 @@ def test_a_clock_that_is_set(machine, jump):
     settable_clock(machine, jump)
     wait_for(
         lambda: any(stamp.startswith(jump[:13].replace(" ", "T")) for stamp in stamps(machine)[-3:]),
-        what="runs by the new clock",
+        what="runs at the new time",
     )
     seen = len(machine.log_lines())
     wait_for(lambda: len(machine.log_lines()) >= seen + 3)
     assert machine.daemon_pid() == pid
-    # Overdue is what the clock says: an hour without a run, forwards only.
+    # A job is overdue by the clock alone: after an hour without a run, only if it is set forward.
     if jump > "2026-06-02 02:10:10":
         wait_for(lambda: machine.runs("builtin-f-assured"))
     else:
@@ -369,7 +369,7 @@ def test_a_clock_that_is_set(machine, jump):
     assert machine.texts() == []
 
 
-# 02:00 becomes 03:00: no minute of that hour comes. A busy machine may step over some of the next.
+# The clock goes from 02:00 to 03:00, so the hour does not occur. A busy machine may skip minutes of the next.
 @pytest.mark.parametrize("job,least,most", [("* 2 * * *", 0, 0), ("1,2,3,4,5 3 * * *", 1, 5)])
 def test_an_hour_that_is_skipped(machine, job, least, most):
     machine.clock("2026-03-29 01:50:10", zone="Europe/Berlin")
@@ -382,7 +382,7 @@ def test_an_hour_that_is_skipped(machine, job, least, most):
 
 @pytest.mark.native(reason="a cycle is too short for an emulator")
 def test_an_hour_that_is_repeated(machine):
-    """03:00 becomes 02:00."""
+    """The clock goes from 03:00 back to 02:00."""
     machine.clock("2026-10-25 01:57:10", rate=600, zone="Europe/Berlin")
     machine.jobs("builtin", "f", [every_minute("x", crontab="* 2 * * *"), every_minute("tick")])
     machine.start_and_wait()
@@ -391,7 +391,7 @@ def test_an_hour_that_is_repeated(machine):
     wait_for(lambda: not machine.daemons(), what="the lines of all jobs")
 
     def launches(job):
-        """When its starts were that were launched in that hour."""
+        """The times of the starts of the job that were launched in that hour."""
         return [
             line[11:25]
             for line in machine.log_lines()
@@ -399,14 +399,14 @@ def test_an_hour_that_is_repeated(machine):
         ]
 
     assert {stamp[8:] for stamp in launches("x") if stamp < "03"} == {"+02:00", "+01:00"}
-    # As often as the one that is always due, but that a minute may end between look and launch.
+    # As often as the job that is always due, except that a minute may end between evaluation and launch.
     assert abs(len(launches("x")) - len(launches("tick"))) <= 2
 
 
 def test_a_leap_second_changes_nothing(machine):
-    # A zone that counts leap seconds: 2016-12-31 had one.
+    # 2016-12-31 had a leap second, which this zone counts.
     if not machine.exists("/usr/share/zoneinfo/right/UTC"):
-        pytest.skip("needs the zones that count leap seconds")
+        pytest.skip("needs the time zones that count leap seconds")
     machine.clock("2016-12-31 23:58:10", zone=":right/UTC")
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
@@ -415,7 +415,7 @@ def test_a_leap_second_changes_nothing(machine):
 
 
 def test_a_zone_file_replaced_while_running(machine):
-    # The machine's own zone, as a settings page would change it.
+    # Changes the time zone of the machine, as a settings page would.
     machine.write("/etc/localtime", machine.path("/usr/share/zoneinfo/UTC").read_bytes())
     machine.jobs("builtin", "f", [every_minute("x")])
     machine.start_and_wait()
@@ -425,7 +425,7 @@ def test_a_zone_file_replaced_while_running(machine):
     assert machine.texts() == []
 
 
-# --- Services that are away ---------------------------------------------------------------------
+# --- Missing services ---------------------------------------------------------------------------
 
 
 def test_without_a_system_log(machine):
@@ -443,10 +443,10 @@ def test_a_blocked_system_log(machine):
     machine.close_system_log()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as unread:
         unread.bind(str(machine.path("/dev/log")))
-        # Far more messages than the socket takes.
+        # Far more messages than the socket can hold.
         machine.jobs("builtin", "f", [every_minute("x"), *[never(f"bad{i}", period="yearly") for i in range(2000)]])
         machine.start_and_wait()
-        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="runs of the job without a log")
         pid = machine.daemon_pid()
         machine.signal(signal.SIGTERM)
         wait_for(lambda: pid not in machine.processes())
@@ -454,7 +454,7 @@ def test_a_blocked_system_log(machine):
 
 
 def read_all(log, machine, wanted, seconds=30):
-    """Reads a log until a text is in it; returns the texts of its messages."""
+    """Reads a log until it contains the message `wanted`. Returns all its messages."""
     texts = []
     log.setblocking(False)
 
@@ -469,7 +469,7 @@ def read_all(log, machine, wanted, seconds=30):
     return texts
 
 
-def test_a_system_log_that_is_slow_gets_every_message_in_order(machine):
+def test_a_slow_system_log_receives_all_messages_in_order(machine):
     machine.close_system_log()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as slow:
         slow.bind(str(machine.path("/dev/log")))
@@ -478,7 +478,7 @@ def test_a_system_log_that_is_slow_gets_every_message_in_order(machine):
             "builtin", "f", [every_minute("x"), *[every_minute(name, crontab=f"0 0 {name} * *") for name in names]]
         )
         machine.start_and_wait()
-        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="runs of the job without a log")
         machine.path(f"{SOURCES['builtin']}/f").unlink()
         machine.signal(signal.SIGHUP)
         wait_for(lambda: not machine.entries(), what="the reload")
@@ -499,17 +499,17 @@ def test_missing_messages_are_counted(machine):
         )
         started = time.monotonic()
         machine.start_and_wait()
-        assert time.monotonic() - started < 30, "not half a second for each message"
-        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="the job, log or no log")
+        assert time.monotonic() - started < 30, "waits for each message"
+        wait_for(lambda: len(machine.runs("builtin-f-x")) >= 3, what="runs of the job without a log")
         machine.path(f"{SOURCES['builtin']}/f").unlink()
         machine.signal(signal.SIGHUP)
         texts = read_all(slow, machine, "removed cleared jobs: builtin-f-x")
     [missing] = [text for text in texts if "are lost" in text]
     lost = int(re.fullmatch(r"system log was busy, (\d+) messages are lost", missing)[1])
-    # Two for each job that is refused, one for the file, one for the load, and the last one.
-    told = len([text for text in texts if "are lost" not in text])
-    # A start of the job may add one of its own.
-    assert 0 <= told + lost - (2 * 1000 + 1 + 1 + 1) <= 2
+    # Two for each refused job, one for the file, one for the load, and the last one.
+    received = len([text for text in texts if "are lost" not in text])
+    # A start of the job may add a message.
+    assert 0 <= received + lost - (2 * 1000 + 1 + 1 + 1) <= 2
 
 
 def test_a_log_daemon_that_restarts(machine):
@@ -524,7 +524,7 @@ def test_a_log_daemon_that_restarts(machine):
     machine.wait_for_text("error period", 2)
 
 
-def test_what_does_not_fit_into_the_system_log_is_cut(machine):
+def test_messages_above_the_limit_of_the_system_log_are_cut(machine):
     machine.jobs("builtin", "f", [never(f"{i:03}", text="x" * 2000) for i in range(200)])
     machine.start_and_wait()
     [message] = machine.messages("crondaemon", "info")
@@ -536,15 +536,15 @@ def test_what_does_not_fit_into_the_system_log_is_cut(machine):
     assert long.endswith("yyy [cut]") and len(long) == 8191
 
 
-def test_accounts_that_are_unknown_for_a_while(machine):
+def test_accounts_that_are_temporarily_unknown(machine):
     machine.jobs("pkg", "f", [every_minute("x", user="package", package_username="alice"), every_minute("tick")])
     machine.start_and_wait()
     wait_for(lambda: machine.runs("pkg-f-x"))
     machine.path("/etc/passwd").rename(machine.path("/etc/passwd.away"))
     machine.wait_for_text("Failed to get user group info for job [pkg-f-x]", 2)
-    # A reload meanwhile leaves out what it cannot place, and takes it up again later.
+    # A reload in the meantime leaves out jobs of unknown accounts. A later one loads them again.
     machine.reload()
-    assert set(machine.entries()) <= {"pkg-f-tick"}, "root is known without a list"
+    assert set(machine.entries()) <= {"pkg-f-tick"}, "root is known without the account list"
     machine.path("/etc/passwd.away").rename(machine.path("/etc/passwd"))
     machine.reload()
     assert set(machine.entries()) == {"pkg-f-x", "pkg-f-tick"}

@@ -54,7 +54,7 @@ def test_periods_share_the_draw(machine):
     }
 
 
-def test_ranges_share_the_draw_where_it_fits(machine):
+def test_ranges_share_the_draw_if_it_is_within_them(machine):
     machine.template(schedule={"Minute": [17], "hour": [3], "day": [30], "month": [5], "week": [2]})
     machine.jobs(
         "pkg",
@@ -153,13 +153,13 @@ def test_a_restart_keeps_the_draw(machine):
     ],
     ids=lambda value: str(value)[:9],
 )
-def test_a_broken_file_leaves_the_built_in_template(machine, content, texts):
+def test_an_invalid_file_leaves_the_built_in_template(machine, content, texts):
     machine.write(PERSISTENT_TEMPLATE, content)
     machine.start_and_wait()
-    said = machine.texts()
-    assert said.pop() == ("schedule template config load failed " "(/usr/kest/etc/kestcrond.st.config)")
-    assert len(said) == len(texts)
-    assert all(text.startswith(expected) for text, expected in zip(said, texts))
+    logged = machine.texts()
+    assert logged.pop() == ("schedule template config load failed " "(/usr/kest/etc/kestcrond.st.config)")
+    assert len(logged) == len(texts)
+    assert all(text.startswith(expected) for text, expected in zip(logged, texts))
     assert template(machine)["config"]["name"] == "scheduleTemplate"
     assert "maxDelay" not in template(machine)
     assert [message.tag for message in machine.messages(priority="err")][-1] == "crondaemon"
@@ -204,8 +204,8 @@ def test_all_fields_must_match(machine, crontab, due):
         assert f"tab[{expected}]" in next(line for line in machine.log_lines() if "f-x" in line)
 
 
-def test_fresh_draws_differ_and_are_even(machine):
-    # Many daemons that start in the same second of a clock that stands still.
+def test_draws_of_several_daemons_differ_and_are_even(machine):
+    # Many daemons start in the same second, because the clock stands still.
     machine.clock("2026-06-02 02:10:10", rate=0)
     draws = []
     for _ in range(60):
@@ -214,9 +214,9 @@ def test_fresh_draws_differ_and_are_even(machine):
         machine.signal(9)
         wait_for(lambda: not machine.daemon_pid())
         machine.path(machine.PID_FILE).unlink()
-    assert len(set(draws)) >= 59, "five fields hardly ever fall together twice"
+    assert len(set(draws)) >= 59, "two pairs of equal draws are very unlikely"
     weeks = Counter(draw[4] for draw in draws)
-    # Chi-square over 7 weekdays: above 22.46 once in a thousand, 27.9 once in ten thousand, 35
-    # not once in a hundred thousand.
+    # Chi-square over 7 weekdays exceeds 22.46 once in a thousand runs, 27.9 once in ten thousand, and
+    # 35 less than once in a hundred thousand.
     expected = len(draws) / 7
     assert sum((weeks[day] - expected) ** 2 / expected for day in range(7)) < 35

@@ -1,4 +1,4 @@
-"""Change watching: what makes the daemon reload by itself, and what does not."""
+"""Change detection: which changes make the daemon reload, and which do not."""
 
 import datetime
 import os
@@ -18,7 +18,7 @@ IN_CREATE, IN_DELETE, IN_DELETE_SELF, IN_MOVE_SELF = 0x100, 0x200, 0x400, 0x800
 
 @pytest.fixture(autouse=True)
 def clock_job(machine):
-    """A job whose runs show that evaluation cycles go on."""
+    """A job whose runs show that evaluation cycles continue."""
     machine.template(maxDelay=0)
     machine.jobs("builtin", "clock", [every_minute("tick")])
 
@@ -30,7 +30,7 @@ def cycles(machine, count):
 
 
 def quiet(machine):
-    """Whether the daemon reloads no more, soon: the runs that are counted may lag behind."""
+    """Whether the daemon soon stops to reload. The counted runs may lag behind its cycles."""
     cycles(machine, 2)
     for _ in range(4):
         before = machine.loads()
@@ -58,7 +58,7 @@ CHANGES = {
 
 
 @pytest.mark.parametrize("change", CHANGES)
-def test_a_change_reloads(machine, change):
+def test_a_change_causes_a_reload(machine, change):
     machine.jobs("pkg_nonroot", "f.conf", [never("x")], account="alice")
     machine.path(TOP + "/empty").mkdir()
     machine.write("/usr/local/etc/other", "[]")
@@ -67,11 +67,11 @@ def test_a_change_reloads(machine, change):
     before = machine.loads()
     CHANGES[change](machine)
     wait_for(lambda: machine.loads() > before, what="a reload")
-    assert quiet(machine), "and one change is not the cause of reloads without end"
+    assert quiet(machine), "one change must not cause endless reloads"
     assert machine.loads() <= before + 3
 
 
-def test_a_file_that_is_still_being_written_reloads(machine):
+def test_a_file_that_is_still_being_written_causes_a_reload(machine):
     machine.jobs("pkg_nonroot", "f.conf", [never("x")], account="alice")
     machine.start_and_wait()
     assert quiet(machine)
@@ -82,7 +82,7 @@ def test_a_file_that_is_still_being_written_reloads(machine):
 
 
 def watches(machine):
-    """The masks of what the daemon watches."""
+    """The event masks of all watches of the daemon."""
     pid = machine.daemon_pid()
     infos = [machine.read(f"/proc/{pid}/fdinfo/{entry.name}") for entry in machine.proc(pid, "fdinfo").iterdir()]
     return [int(mask, 16) for info in infos for mask in re.findall(r"^inotify .* mask:(\w+)", info, re.MULTILINE)]
@@ -110,7 +110,7 @@ def test_what_is_watched(machine):
     machine.path(TOP + "/alice").rename(machine.path("/usr/local/etc/alice"))
     wait_for(lambda: machine.loads() > before, what="a reload")
     assert quiet(machine)
-    assert len(watches(machine)) == 2, "no watch outlives its reload"
+    assert len(watches(machine)) == 2, "a reload must replace all watches"
     before = machine.loads()
     machine.write("/usr/local/etc/alice/f", "[]")
     cycles(machine, 3)
@@ -121,7 +121,7 @@ def test_a_source_that_was_moved_away_is_not_watched(machine):
     machine.account_directory("alice")
     machine.start_and_wait()
     machine.path(TOP).rename(machine.path(TOP + ".away"))
-    wait_for(lambda: machine.exists(TOP), what="a new one")
+    wait_for(lambda: machine.exists(TOP), what="a new directory")
     assert quiet(machine)
     assert len(watches(machine)) == 1
     before = machine.loads()
@@ -131,7 +131,7 @@ def test_a_source_that_was_moved_away_is_not_watched(machine):
 
 
 def triggers(machine):
-    """When the cycles were that launched the job, in order."""
+    """The times of the cycles that launched the job, in order."""
     found = re.findall(r"^(\S{8}).* trig\[(\d\d) ([\d:]+)\]", "\n".join(machine.log_lines()), re.M)
     return sorted(
         datetime.datetime.fromisoformat(f"{month}{day}T{time}+00:00").timestamp() for month, day, time in found
@@ -148,8 +148,8 @@ def test_the_cycle_after_a_change_begins_at_once(machine):
     loaded = machine.entries()["pkg_nonroot-alice-f-x"]["startup"]
     following = wait_for(lambda: next((cycle for cycle in triggers(machine) if cycle > loaded), None))
     last = max(cycle for cycle in triggers(machine) if cycle <= loaded)
-    assert loaded - last < 40, "not a cycle later"
-    assert following - loaded >= 59, "and the next cycle has its full length"
+    assert loaded - last < 40, "the reload must not wait for the next cycle"
+    assert following - loaded >= 59, "the next cycle must have its full length"
 
 
 def test_a_new_account_is_watched_too(machine):
@@ -170,7 +170,7 @@ def test_reading_is_not_a_change(machine):
     assert machine.loads() == before
 
 
-def test_changes_elsewhere_are_not_seen(machine):
+def test_changes_in_other_directories_are_not_detected(machine):
     machine.start_and_wait()
     for source in ("builtin", "builtin-dyn", "pkg"):
         machine.jobs(source, "new", [never("x")])
@@ -195,7 +195,7 @@ def test_a_burst_of_changes(machine):
     for i in range(10):
         machine.jobs("pkg_nonroot", f"file-with-a-longer-name-{i}", [never("x")], account="alice")
     wait_for(lambda: len(machine.entries()) == 11)
-    # More than one look takes in: the rest may cause more reloads, but they come to an end.
+    # More events than one cycle reads: the rest may cause more reloads, but only a few.
     wait_for(lambda: quiet(machine), 60)
     assert machine.texts() == []
 
