@@ -327,8 +327,8 @@ def check_unit_tests(checks: Checks, board: Appliance) -> None:
         told += [f"{count} tests", f"{skipped.group(1) if skipped else 0} skipped"]
     with checks.check("among them those of programs that end or are missing, which user emulation " "cannot show"):
         text = board.ask("/root/unit_tests --gtest_filter='XLIBCExecTest.*'", timeout=300)
-        assert "XLIBCExecTest.TellsHowTheProgramEnded" in text
-        assert "XLIBCExecTest.StartsAProgramThatHearsNoSignalForItsCaller" in text
+        assert "XLIBCExecTest.ReturnsTheExitStatusOrAnError" in text
+        assert "XLIBCExecTest.BlocksTerminationSignalsInTheProgram" in text
         assert "FAILED" not in text and "SKIPPED" not in text, text
 
 

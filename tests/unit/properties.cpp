@@ -1,4 +1,4 @@
-// What must hold for any input, tried on many that are drawn at random from a fixed seed.
+// Properties that hold for any input, tested with random inputs from a fixed seed.
 
 #include "base/json_members.h"
 #include "base/json_text.h"
@@ -41,7 +41,7 @@ struct Bounds {
 };
 constexpr Bounds kFieldBounds[] = {{0, 59}, {0, 23}, {1, 31}, {1, 12}, {0, 6}};
 
-// A field that admits enough for a year to hold some matches.
+// A field that admits enough values for some matches in a year.
 std::string SomeField(Chance &chance, const Bounds &bounds) {
     if (chance.OneIn(3))
         return "*";
@@ -69,7 +69,7 @@ CronJob SomeJob(Chance &chance) {
     return job;
 }
 
-// The slow and obvious second way: the schedule as the job renders it, taken apart as text.
+// The slow and obvious way: parses the text of the schedule.
 bool Matches(const std::string &rendered, const std::vector<int> &moment) {
     std::istringstream fields(rendered);
     for (const int part : moment) {
@@ -83,8 +83,8 @@ bool Matches(const std::string &rendered, const std::vector<int> &moment) {
     return true;
 }
 
-// Counts days by hand, from Thursday 1 January 2026 on, as calendars on walls do.
-class WallCalendar {
+// A calendar that counts days from Thursday, 1 January 2026.
+class SimpleCalendar {
 public:
     void NextDay() {
         weekday_ = (weekday_ + 1) % 7;
@@ -112,7 +112,7 @@ TEST(Property, AJobIsDueInExactlyTheMinutesOfAYearThatItsScheduleNames) {
     for (int round = 0; round < 4; ++round) {
         const CronJob job = SomeJob(chance);
         const std::string rendered = job.RenderSchedule();
-        WallCalendar calendar;
+        SimpleCalendar calendar;
         std::int64_t now = Utc(2026, 1, 1, 0, 0, 30);
         for (int day = 0; day < 365; ++day, calendar.NextDay()) {
             for (int minute = 0; minute < 1440; ++minute, now += 60) {
@@ -123,7 +123,7 @@ TEST(Property, AJobIsDueInExactlyTheMinutesOfAYearThatItsScheduleNames) {
             }
         }
     }
-    EXPECT_GT(matches, 1000) << "the schedules must not be such that nothing ever matches";
+    EXPECT_GT(matches, 1000) << "too few matches";
 }
 
 TEST(Property, DrawnValuesLieInTheirItems) {
@@ -199,7 +199,7 @@ void ForEach(Json::Value &document, const std::function<void(Json::Value &)> &vi
         ForEach(member, visit);
 }
 
-TEST(Property, ADocumentContainsItselfAndWhatWasThereBeforeItGained) {
+TEST(Property, AnExtendedDocumentContainsItsOriginal) {
     Chance chance(3);
     for (int round = 0; round < 3000; ++round) {
         const Json::Value document = SomeDocument(chance, 4);
@@ -216,7 +216,7 @@ TEST(Property, ADocumentContainsItselfAndWhatWasThereBeforeItGained) {
     }
 }
 
-TEST(Property, ADocumentDoesNotContainWhatItLostOrChanged) {
+TEST(Property, AChangedDocumentDoesNotContainItsOriginal) {
     Chance chance(4);
     for (int round = 0; round < 3000; ++round) {
         const Json::Value document = SomeDocument(chance, 4);
@@ -226,13 +226,13 @@ TEST(Property, ADocumentDoesNotContainWhatItLostOrChanged) {
         Json::Value &changed = *values[static_cast<std::size_t>(
             chance.Between(0, static_cast<int>(values.size()) - 1))];
         if (changed.isObject() && changed.empty())
-            continue; // every object contains what an empty one does
+            continue; // every object contains an empty object
         changed = changed.isArray() && changed.empty() ? Json::Value(0) : Json::Value("changed \n");
         ASSERT_FALSE(JsonContains(document, other)) << JsonToString(other);
     }
 }
 
-TEST(Property, TextIsLaidOutAsTheLibraryDoes) {
+TEST(Property, TextIsFormattedAsByTheLibrary) {
     Chance chance(8);
     Json::StreamWriterBuilder library;
     library["commentStyle"] = "None";
@@ -249,7 +249,7 @@ TEST(Property, TextIsLaidOutAsTheLibraryDoes) {
     }
 }
 
-TEST(Property, WhatWasSavedIsReadBackTheSame) {
+TEST(Property, SavedDocumentsAreReadBackUnchanged) {
     Chance chance(5);
     const TemporaryDirectory directory;
     const std::string path = directory.File("document");

@@ -1,5 +1,5 @@
-// What the code under test says to the system log. It takes the place of log/system_log.cpp, so
-// that nothing of it reaches the log of the machine that runs the tests.
+// Collects the messages of the code under test to the system log. Replaces log/system_log.cpp, so
+// that no message reaches the log of the machine that runs the tests.
 
 #ifndef TESTS_UNIT_SYSLOG_CAPTURE_H
 #define TESTS_UNIT_SYSLOG_CAPTURE_H
@@ -14,8 +14,8 @@ struct SyslogMessage {
     std::string text;
 };
 
-// While an object of this class lives, it collects the messages. errno starts at 0, because what a
-// message looks like depends on it.
+// While an object of this class lives, it collects the messages. errno starts at 0, because
+// messages may include it.
 class SyslogCapture {
 public:
     SyslogCapture();
@@ -38,7 +38,7 @@ private:
 };
 
 // While an object of this class lives, it collects the last message of this process and its
-// children, in memory that they share. For when a child has something to say.
+// children, in memory that they share. For messages of children.
 class SharedSyslogCapture {
 public:
     SharedSyslogCapture();

@@ -90,7 +90,7 @@ TEST(OpenRegularFile, OpensFilesOfTheSizeAllowed) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-// Some files of the kernel do something when they are opened, and look empty.
+// Opening some files of the kernel has an effect. Their size is 0.
 TEST(OpenRegularFile, ChecksTheSizeBeforeOpening) {
     const TemporaryDirectory directory;
     WriteText(directory.File("empty"), "");
@@ -142,7 +142,7 @@ TEST(ReadAll, FailsForAnUnreadableDescriptor) {
 }
 
 TEST(WriteAll, WritesAllOrFails) {
-    // A pipe takes less at once than this.
+    // More than a pipe can hold.
     const std::string text(1000000, 'x');
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);

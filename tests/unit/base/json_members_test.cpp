@@ -32,7 +32,7 @@ TEST(HasMember, HoldsForAMemberOfAnyType) {
         EXPECT_FALSE(HasMember(FromText(text), "a")) << text;
 }
 
-TEST(TextMember, IsEmptyForWhatIsNoText) {
+TEST(TextMember, IsEmptyForAnythingButText) {
     const Json::Value object = FromText(R"({"t": "text", "i": 5, "n": null, "b": true, "l": []})");
     EXPECT_EQ(TextMember(object, "t"), "text");
     for (const char *name : {"i", "n", "b", "l", "absent"})

@@ -19,7 +19,7 @@ std::string Elements(int count, const std::string &element) {
     return "[" + text + "]";
 }
 
-TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
+TEST(JsonToString, FormatsTextAsTheLibraryDoes) {
     const std::string rows[] = {
         "null",
         "true",
@@ -53,7 +53,7 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
         R"({"b": {}, "a": [], "c": {"d": {"e": [1, 2]}}})",
         R"({"a": [{"b": 1}, {"c": 2}], "d": [[], [1]]})",
         R"({"": "", "a\"\n": "\u0000", "caf\u00e9": 1})",
-        Elements(24, "1"), // one element more does not go into one line
+        Elements(24, "1"), // one element more does not fit into one line
         Elements(25, "1"),
         Elements(24, "10"), // 94 characters, and one less than 74 and that many
         Elements(2, '"' + std::string(31, 'x') + '"'),
@@ -75,7 +75,7 @@ TEST(JsonToString, LaysTextOutAsTheLibraryDoes) {
     }
 }
 
-// Whatever the bytes, every strict reader takes the text.
+// Every strict reader accepts the text, whatever bytes it contains.
 TEST(JsonToString, IsPlainAscii) {
     for (unsigned first = 0x80; first < 0x100; ++first)
         for (const char *rest : {"", "x", "\"", "\\", "\x80", "\xbf\xbf", "\xbf\xbf\xbf", "\xff"}) {
@@ -96,7 +96,7 @@ TEST(JsonToString, StopsSoonAfterTheLimit) {
         EXPECT_GT(part.size(), most);
         EXPECT_LE(part.size(), whole.size());
     }
-    EXPECT_LT(JsonToString(value, 1000).size(), whole.size() / 3); // brackets still come
+    EXPECT_LT(JsonToString(value, 1000).size(), whole.size() / 3); // closing brackets still follow
     EXPECT_EQ(JsonToString(value, whole.size()), whole);
 }
 

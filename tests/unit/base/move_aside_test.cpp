@@ -37,10 +37,10 @@ TEST(IsOwnDirectory, RejectsLinksAndForeignDirectories) {
 
 class MoveAsideTest : public testing::Test {
 protected:
-    // Where what stood at "thing" is now, after it was moved.
+    // Moves "thing" aside and returns its new path.
     std::string Moved() {
         EXPECT_TRUE(MoveAside(thing_));
-        EXPECT_FALSE(Stands(thing_));
+        EXPECT_FALSE(PathExists(thing_));
         std::string place;
         for (const std::string &name : directory_.Names())
             if (name.rfind("thing.", 0) == 0)

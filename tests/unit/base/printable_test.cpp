@@ -54,7 +54,7 @@ TEST(WithoutMiddle, KeepsTheBeginningAndTheEnd) {
         EXPECT_LE(WithoutMiddle(text, most).size(), most);
 }
 
-TEST(WithoutMiddle, TakesNoCharacterApart) {
+TEST(WithoutMiddle, DoesNotSplitCharacters) {
     for (const char *character : {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
         const std::string one = character;
         for (std::size_t offset = 0; offset < one.size(); ++offset) {

@@ -11,8 +11,8 @@ namespace kest {
 
 namespace {
 
-// A board as it comes from the line: all but the serial number and the last bytes of the hardware
-// address is the same, and the clock of each begins at the same moment.
+// A board from the factory. Boards differ only in the serial number and the last bytes of the
+// hardware address, and their clocks begin at the same moment.
 std::string Board(int number) {
     std::string serial = std::to_string(100000 + number);
     return "machine-id\n" + std::string(1, '\0') + "02:00:00:00:" + serial.substr(2, 2) + ":" +
@@ -26,8 +26,8 @@ double ChiSquare(const std::vector<int> &counts, double expected) {
     return sum;
 }
 
-// Each draw of a thousand equal boards that start in the same moment is spread over the hour. With
-// 60 minutes a fair draw comes to 59, and hardly ever to 120.
+// Each draw of a thousand equal boards that start at the same moment is spread over the hour. With
+// 60 minutes chi-square is 59 on average for fair draws, and almost never 120.
 TEST(MixBits, SpreadsAThousandEqualBoards) {
     for (std::uint64_t draw = 1; draw <= 10; ++draw) {
         std::vector<int> counts(60);
@@ -43,7 +43,7 @@ TEST(MixBits, SpreadsAThousandEqualBoards) {
     }
 }
 
-// What one machine draws is as good as what many do: the numbers are no sequence.
+// The draws of one machine are as even as those of many, and so are the steps between them.
 TEST(MixBits, SpreadsTheDrawsOfOneBoard) {
     std::vector<int> counts(60);
     std::vector<int> steps(60);
@@ -58,7 +58,7 @@ TEST(MixBits, SpreadsTheDrawsOfOneBoard) {
     EXPECT_LT(ChiSquare(steps, 100), 120);
 }
 
-TEST(MixBits, ChangesHalfOfItsBitsForEachBitGiven) {
+TEST(MixBits, ChangesHalfOfItsBitsForEachInputBit) {
     const std::string machine = Board(7);
     const std::uint32_t whole = MixBits(machine, {1, 2});
     EXPECT_EQ(MixBits(machine, {1, 2}), whole);

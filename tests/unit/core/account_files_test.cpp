@@ -21,7 +21,7 @@ protected:
 
     Descriptor Open() const { return OpenPath(directory_.Path()); }
 
-    // What is read as root, and as an account with nothing but this directory.
+    // The files of this directory, read with the rights of `uid`.
     AccountFiles Read(uid_t uid, const AccountQuota &quota = {}) {
         AccountFiles files;
         EXPECT_EQ(ReadAsAccount(Open().Get(), {true, "somebody", uid, uid}, quota, files),
@@ -71,7 +71,7 @@ TEST_F(AccountFilesTest, ReadsOnlyWithinTheQuota) {
         Write(std::to_string(10 + i), std::string(i == 1 ? 5000 : 100, 'x'));
     for (const uid_t uid : {0U, 4711U}) {
         const AccountFiles files = Read(uid, {5 * kLeastCharge, 0});
-        // As many as there may be, and the names of some more.
+        // The files within the quota, and the names of some others.
         ASSERT_EQ(files.files.size(), 5 + LeftOut::kMostNames);
         EXPECT_EQ(files.unread, 40 - files.files.size());
         for (std::size_t i = 0; i < files.files.size(); ++i)

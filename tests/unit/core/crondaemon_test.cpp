@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-TEST(IsLaunchState, HoldsForTheLastThree) {
+TEST(IsLaunchState, IsTrueForTheLastThree) {
     const SyslogCapture log;
     for (int number = 0; number <= 5; ++number)
         EXPECT_EQ(IsLaunchState(static_cast<JobState>(number)), number >= 3) << number;

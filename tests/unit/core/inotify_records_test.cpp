@@ -9,7 +9,7 @@ namespace kest {
 
 namespace {
 
-// A record as the kernel lays it out. `claimed` is the length it claims for its name.
+// A record in the format of the kernel. `claimed` is the length of the name that it states.
 std::string Record(std::uint32_t mask, const std::string &name, std::uint32_t claimed) {
     inotify_event event{};
     event.wd = 1;
@@ -65,7 +65,7 @@ TEST(ReportsChange, IsTrueForEveryRecordButARemovedWatch) {
     }
 }
 
-// What stands in the buffer behind the records is from an earlier read.
+// The buffer behind the records contains data of an earlier read.
 TEST(ReportsChange, DoesNotReadBeyondTheSize) {
     const std::string ignored = Record(IN_IGNORED);
     const std::string buffer = ignored + Record(IN_MODIFY, kName);

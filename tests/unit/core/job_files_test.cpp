@@ -19,10 +19,10 @@ TEST(JobFiles, AreAllEntriesExceptHiddenOnes) {
 
 TEST(AccountQuota, AdmitsFilesAndJobsUpToItsLimit) {
     AccountQuota quota{5000, 0};
-    EXPECT_TRUE(ChargeFile(quota, 0)); // no file, but an entry
+    EXPECT_TRUE(ChargeFile(quota, 0)); // an entry that is not a file
     EXPECT_EQ(quota.bytes, 3976U);
     EXPECT_TRUE(ChargeFile(quota, 1024));
-    EXPECT_TRUE(ChargeJobs(quota, 1024, 1)); // one is charged with its file
+    EXPECT_TRUE(ChargeJobs(quota, 1024, 1)); // the first job is charged with its file
     EXPECT_EQ(quota.bytes, 2952U);
     EXPECT_TRUE(ChargeFile(quota, 1500));
     EXPECT_TRUE(ChargeJobs(quota, 1500, 2));

@@ -6,11 +6,11 @@ namespace kest {
 
 namespace {
 
-// The rules as a table: the first row whose conditions all hold decides. Both is "does not matter".
+// The rules as a table. Exactly one row applies to each input. Both matches either value.
 enum Condition { No, Yes, Both };
 
 struct Rule {
-    Condition keptFromPassive; // passive machine and a job not for passive machines
+    Condition keptFromPassive; // a passive machine, and a job that does not run on such
     Condition held;
     Condition scheduleCame;
     Condition overdue;
@@ -96,7 +96,7 @@ TEST(TraitsOf, KnowsEachState) {
     }
 }
 
-TEST(TraitsOf, IsNullForANumberThatIsNoState) {
+TEST(TraitsOf, IsNullForANumberThatIsNotAState) {
     for (const int number : {6, 7, -1, INT32_MAX, INT32_MIN})
         EXPECT_EQ(TraitsOf(static_cast<JobState>(number)), nullptr) << number;
 }

@@ -74,7 +74,7 @@ TEST(LaunchSpacing, StaysWithinBothBounds) {
             const std::int64_t spacing = LaunchSpacing(maxDelay, count);
             ASSERT_LE(spacing, maxDelay) << count;
             ASSERT_LE(spacing * (static_cast<std::int64_t>(count) - 1), 3600) << count;
-            // Not a second less than both allow.
+            // A longer spacing would exceed one of the bounds.
             const auto gaps = count > 2 ? static_cast<std::int64_t>(count) - 1 : 1;
             ASSERT_TRUE(spacing == maxDelay || (spacing + 1) * gaps > 3600) << count;
         }

@@ -10,7 +10,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(WaitingStarts, HaveABoundForEachAccount) {
+TEST(WaitingStarts, AreLimitedForEachAccount) {
     WaitingStarts starts;
     for (std::size_t i = 0; i < WaitingStarts::kMostOfAccount; ++i) {
         ASSERT_TRUE(starts.MayWait("alice", 100)) << i;
@@ -24,7 +24,7 @@ TEST(WaitingStarts, HaveABoundForEachAccount) {
     EXPECT_FALSE(starts.MayWait("alice", 200));
 }
 
-TEST(WaitingStarts, NameTheJobsThatStillWait) {
+TEST(WaitingStarts, ListTheWaitingJobs) {
     WaitingStarts starts;
     starts.Add("alice", "b", 10);
     starts.Add("alice", "a", 20);

@@ -16,7 +16,7 @@ TEST(FieldKeys, AreInTheOrderOfAnExpression) {
     EXPECT_EQ(FieldKeys(), expected);
 }
 
-TEST(IsValidFieldValue, HoldsFromTheLowestToTheHighestValueOfAField) {
+TEST(IsValidFieldValue, IsTrueFromTheLowestToTheHighestValueOfAField) {
     struct Row {
         const char *key;
         std::int32_t lowest;
@@ -119,7 +119,7 @@ TEST(ReadNumber, RejectsEverythingElseAndKeepsTheNumber) {
     }
 }
 
-// The slow and obvious way: a stream that reads one number and is then at its end.
+// The slow and obvious way: a stream reads one number and is then at its end.
 bool StreamReads(const std::string &text, std::int32_t &number) {
     std::istringstream stream(text);
     return stream >> number && (stream >> std::ws).eof();

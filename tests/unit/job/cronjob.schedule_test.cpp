@@ -17,7 +17,7 @@ using testing::ElementsAre;
 
 using Texts = std::vector<std::string>;
 
-TEST(GenerateFieldSchedule, TakesTheTemplatesValueWhereItFits) {
+TEST(GenerateFieldSchedule, UsesTheTemplateValueIfItFits) {
     CronJob job = CrontabJob("~,30~40,5,* ~ 25~31 * *");
     job.GenerateFieldSchedule("Minute", 17);
     const std::vector<std::int32_t> minutes = job.GetScheduleValues("Minute");
@@ -121,7 +121,7 @@ TEST(IsDueNow, NeedsAllFiveFields) {
         {"0,30 * * * *", Utc(2026, 3, 4, 5, 30), true},
         {"0,30 * * * *", Utc(2026, 3, 4, 5, 15), false},
         {"0 0 1 * 1", Utc(2026, 6, 1, 0, 0), true},  // a Monday that is a 1st
-        {"0 0 1 * 1", Utc(2026, 4, 1, 0, 0), false}, // the 1st, no Monday
+        {"0 0 1 * 1", Utc(2026, 4, 1, 0, 0), false}, // the 1st, not a Monday
         {"0 0 1 * 1", Utc(2026, 3, 2, 0, 0), false}, // a Monday, not the 1st
         {"* * * * 0", Utc(2026, 3, 8, 0, 0), true},
         {"* * * * 6", Utc(2026, 3, 7, 0, 0), true},
@@ -158,7 +158,7 @@ TEST(IsDueNow, IsFalseInAllOtherMinutesOfAMonth) {
     for (std::int64_t minute = 0; minute < 30 * day; ++minute) {
         clock.Set(start + minute * 60);
         const std::int64_t ofDay = minute % day;
-        const bool monday = minute / day % 7 == 0; // the month begins with one
+        const bool monday = minute / day % 7 == 0; // the month begins on a Monday
         ASSERT_EQ(job.IsDueNow(), monday && (ofDay == 615 || ofDay == 645)) << minute;
     }
 }
@@ -205,7 +205,7 @@ TEST(CheckTrigger, ReplacesAnEarlierMatch) {
     EXPECT_EQ(job.scheduleText, "17 3 -1 -1 -1");
 }
 
-// A cycle may come twice in a minute, or a minute twice when a clock is set back.
+// A minute may have two cycles, and it occurs twice if the clock is set back.
 TEST(CheckTrigger, DoesNotNeedAnEarlierRun) {
     const LocalZone zone("UTC0");
     const std::int64_t now = Utc(2026, 3, 4, 3, 17);
@@ -247,7 +247,7 @@ TEST(IsAssureOverdue, CountsFromTheLastRunOrTheStart) {
         {2, R"({"lastExecution": 0, "startup": 1700000000})", true},
         {2, R"({"lastExecution": "x", "startup": 1700000000})", false},
         {2, R"({"lastExecution": "x", "startup": 1699992799})", true},
-        {2, R"({"lastExecution": 9e30, "startup": "x"})", true}, // no time at all, and never known
+        {2, R"({"lastExecution": 9e30, "startup": "x"})", true}, // not a valid time, and no startup
         {1, R"({"startup": "x"})", true},
         {0, "{}", false},
         {0, R"({"lastExecution": 0})", false},

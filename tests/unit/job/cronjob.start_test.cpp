@@ -105,7 +105,7 @@ TEST(ResolveJobUser, ReportsTheMissingAccount) {
         SCOPED_TRACE(row.config);
         const SyslogCapture log;
         EXPECT_FALSE(ResolveJobUser(FromText(row.config)).valid);
-        // The account database may have left an error of its own, which then follows.
+        // An error of the account database may follow.
         EXPECT_THAT(log.Texts("cronjob"), ElementsAre(StartsWith(row.text)));
     }
 }
@@ -120,17 +120,18 @@ TEST(ResolveJobUser, LooksUpAnAccountOnce) {
     const CronJob root = jobOf("root");
     EXPECT_EQ(ResolveJobUser(root, accounts).uid, 0U);
     ASSERT_EQ(accounts.count("root"), 1U);
-    accounts["root"].uid = 17; // is believed
+    accounts["root"].uid = 17; // the stored account is used
     EXPECT_EQ(ResolveJobUser(root, accounts).uid, 17U);
     EXPECT_EQ(ResolveJobUser(root.Config()).uid, 0U);
     const CronJob missing = jobOf("no-such-root");
     EXPECT_FALSE(ResolveJobUser(missing, accounts).valid);
-    ASSERT_EQ(accounts.count("no-such-root"), 1U) << "a failed look-up may have cost a time-out";
+    ASSERT_EQ(accounts.count("no-such-root"), 1U)
+        << "failed look-ups, which may be slow, are stored too";
     accounts["no-such-root"].valid = true;
     EXPECT_TRUE(ResolveJobUser(missing, accounts).valid);
     accounts["no-such-root"].valid = false;
     EXPECT_FALSE(ResolveJobUser(missing, accounts).valid);
-    EXPECT_EQ(log.Texts("cronjob").size(), 2U) << "each one is reported";
+    EXPECT_EQ(log.Texts("cronjob").size(), 2U) << "each failure is reported";
 }
 
 // --- Launch -------------------------------------------------------------------------------------
@@ -151,7 +152,7 @@ protected:
         return CronJob(std::move(document));
     }
 
-    // Launches the job and waits for its process; that one's exit status.
+    // Launches the job and waits for its process. Returns the exit status of the process.
     static int RunToEnd(CronJob &job, std::int32_t delay, const std::string &note) {
         job.Launch(delay, note);
         return ExitStatusOf(-1);
@@ -206,7 +207,7 @@ TEST_F(LaunchTest, LogsACommandThatDoesNotStart) {
     }
 }
 
-TEST_F(LaunchTest, KeepsForeignTextInsideItsLine) {
+TEST_F(LaunchTest, EscapesLineBreaksInCommands) {
     CronJob job = ShellJob("root", "true\n: 2026 running job: forged");
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
     EXPECT_EQ(ReadText(ExecutionLogPath()),
@@ -214,18 +215,18 @@ TEST_F(LaunchTest, KeepsForeignTextInsideItsLine) {
                       "forged  as user root\n");
 }
 
-TEST_F(LaunchTest, EndsAChildThatHasNoAccount) {
+TEST_F(LaunchTest, EndsAChildWithoutAnAccount) {
     CronJob job = ShellJob("no-such-account", "touch " + directory_.File("ran"));
     const int status = RunToEnd(job, 0, "");
     EXPECT_GT(status, 0);
     EXPECT_NE(status, 99);
     EXPECT_THAT(directory_.Names(), IsEmpty());
-    EXPECT_FALSE(Stands(ExecutionLogPath()));
+    EXPECT_FALSE(PathExists(ExecutionLogPath()));
     EXPECT_EQ(job.scheduleText, "");
 }
 
-// A second scheduler would be worse than a job that did not run.
-TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
+// A child that continued would be a second scheduler.
+TEST_F(LaunchTest, EndsAChildWithoutAProgram) {
     const SyslogCapture log;
     CronJob job(Document(R"("name": "backup", "user": "root", "period": "never", "cmd": "true")"));
     EXPECT_EQ(RunToEnd(job, 0, ""), 0);
@@ -234,7 +235,7 @@ TEST_F(LaunchTest, EndsAChildWhoseJobHasNoProgram) {
                                                 " failed, return code: -1, error: Bad address\n");
 }
 
-TEST_F(LaunchTest, EndsAChildThatHasNoMemory) {
+TEST_F(LaunchTest, EndsAChildWithoutMemory) {
     using Kind = NoMemoryInChildren::Kind;
     const std::pair<Kind, const char *> rows[] = {
         {Kind::ReportingArray, "new pszCmd failed"},
@@ -246,7 +247,7 @@ TEST_F(LaunchTest, EndsAChildThatHasNoMemory) {
         const NoMemoryInChildren none(kind);
         EXPECT_EQ(RunToEnd(job, 0, ""), EXIT_FAILURE);
         EXPECT_THAT(log.Message(), testing::MatchesRegex(std::string("cronjob:[0-9]+ ") + text));
-        EXPECT_FALSE(Stands(ExecutionLogPath()));
+        EXPECT_FALSE(PathExists(ExecutionLogPath()));
     }
 }
 
@@ -277,16 +278,16 @@ TEST_F(LaunchTest, HandlesTimesOfAnyYear) {
     EXPECT_THAT(ReadText(ExecutionLogPath()), StartsWith("2040-01-01T01:00:00+01:00 "));
 }
 
-TEST_F(LaunchTest, WaitsOutItsDelay) {
+TEST_F(LaunchTest, StartsTheJobAfterItsDelay) {
     const std::string file = directory_.File("ran");
     CronJob job = With(ShellJob("root", "touch " + file), "expireTime", 42);
     job.Launch(1, "");
     EXPECT_EQ(job.Document()["lastExecution"].asInt64(), Utc(2026, 11, 15, 2, 0));
     EXPECT_EQ(job.Document()["expireTime"], 0);
-    EXPECT_FALSE(Stands(file));
-    EXPECT_FALSE(Stands(ExecutionLogPath()));
+    EXPECT_FALSE(PathExists(file));
+    EXPECT_FALSE(PathExists(ExecutionLogPath()));
     EXPECT_EQ(ExitStatusOf(-1), 0);
-    EXPECT_TRUE(Stands(file));
+    EXPECT_TRUE(PathExists(file));
 }
 
 } // namespace

@@ -128,7 +128,7 @@ TEST_F(TemplateFileTest, IsReadFromADocumentWithoutMessages) {
     EXPECT_TRUE(log.Messages().empty());
 }
 
-// Draws are made at their own time, not by loading.
+// Loading the template does not draw: each field has its time of the redraw.
 TEST_F(TemplateFileTest, DrawsNothingWhenLoading) {
     Json::Value document = FromText(kFixed);
     document["config"]["crontab"] = "~ ~ ~ ~ ~";
@@ -140,7 +140,7 @@ TEST_F(TemplateFileTest, DrawsNothingWhenLoading) {
     EXPECT_FALSE(scheduleTemplate_.Document().isMember("schedule"));
 }
 
-TEST_F(TemplateFileTest, TakesAMaxDelayThatIsANumberOfSeconds) {
+TEST_F(TemplateFileTest, AcceptsAMaxDelayThatIsANumberOfSeconds) {
     struct Row {
         const char *text;
         std::int32_t maxDelay;

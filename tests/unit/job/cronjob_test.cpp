@@ -20,7 +20,7 @@ using Texts = std::vector<std::string>;
 
 // --- Document -----------------------------------------------------------------------------------
 
-// The document as the runtime document has it.
+// The document of the job as it is written to the runtime document.
 std::string Saved(const CronJob &job) {
     JsonText text(std::string::npos, 2);
     job.AppendTo(text);
@@ -116,14 +116,14 @@ TEST(CronJobTexts, ShareOneBlockAndStayEqual) {
         jobs.emplace_back(Document(R"("name": ")" + std::string(name) +
                                    R"(", "user": "root", "period": "d", "cmd": "/bin/)" + name +
                                    "\""));
-    jobs.emplace_back(); // an invalid one
+    jobs.emplace_back(); // an invalid job
     jobs.emplace_back(Document(R"("name": "kept as JSON", "user": "root", "period": "d",
                                   "cmd": "b", "x": ")" +
                                std::string(100000, 'x') + "\""));
     const std::vector<CronJob> before = jobs;
     ShareTexts(jobs);
     const std::vector<CronJob> copies = jobs;
-    jobs.erase(jobs.begin()); // the others keep what they share
+    jobs.erase(jobs.begin()); // the other jobs keep the shared block
     ShareTexts(jobs);
     for (std::size_t i = 0; i < before.size(); ++i) {
         EXPECT_EQ(copies[i].Name(), before[i].Name());
@@ -301,10 +301,10 @@ TEST(CronJobConstruction, ParsesTheCrontab) {
     }
 }
 
-TEST(CronJobConstruction, TakesTheCrontabOfThePeriod) {
+TEST(CronJobConstruction, UsesTheCrontabOfThePeriod) {
     struct Row {
         const char *period;
-        const char *schedule; // with every random item at its only possible text
+        const char *schedule; // "R" for each random item
     };
     const Row rows[] = {
         {"Hourly", "R * * * *"}, {"daily", "R R * * *"},    {"w", "R R * * R"},
@@ -376,7 +376,7 @@ TEST(CronJobConstruction, IncludesAnEarlierErrno) {
 
 TEST(CronJobConstruction, ReportsWhatCannotBeParsed) {
     struct Row {
-        const char *members; // beside name and user
+        const char *members; // in addition to name and user
         Texts texts;         // before "parse error"
     };
     const std::string emptyList = R"(Failed [0 == _jsJob["cmd_list"].size()], err=Success)";
@@ -481,15 +481,15 @@ TEST(CronJobConstruction, KeepsADocumentThatViolatesARule) {
     EXPECT_EQ(CronJob(FromText(commandless)).Document(), FromText(commandless));
 }
 
-// An author's text is part of a message, and a message is one line.
-TEST(CronJobConstruction, LetsNoTextForgeAMessage) {
+// A message may contain text of an author, and has one line.
+TEST(CronJobConstruction, EscapesLineBreaksInMessages) {
     const SyslogCapture log;
     const CronJob job = CrontabJob("1\n2 * * * *");
     EXPECT_FALSE(job.valid);
     EXPECT_THAT(log.Texts("cronjob"), ElementsAre("1\\n2 is not a valid number", "parse error"));
 }
 
-TEST(CronJobConstruction, KeepsTheItemsBeforeTheBadOne) {
+TEST(CronJobConstruction, KeepsTheItemsBeforeAnInvalidOne) {
     const SyslogCapture log;
     const CronJob job = CrontabJob("0 1,2,24,3 * * *");
     EXPECT_FALSE(job.valid);

@@ -37,7 +37,7 @@ const std::string kNoAccount =
     R"("package" == jsConf["user"].asString() && !jsConf.isMember("package_username"))";
 const std::string kNoCrontab = R"(!jsConf.isMember("crontab") || !jsConf["crontab"].isString())";
 
-// The first rule that a document's "config" breaks; empty when all hold.
+// The first rule that the "config" of a document violates, or an empty text.
 std::string BrokenRule(const Json::Value &document) {
     const ParsedDefinition parsed = ParseDefinition(Member(document, "config"), 1);
     EXPECT_LE(parsed.faults.size(), 1U);
@@ -116,11 +116,11 @@ TEST(ParseDefinition, ReportsTheRuleThatIsViolated) {
         EXPECT_EQ(BrokenRuleOfConfig(row.config), row.rule) << row.config;
 }
 
-// Each line breaks one rule; of two lines together the upper one comes first.
+// Each line violates one rule. Of two lines together the rule of the upper one is reported first.
 TEST(ParseDefinition, ReturnsViolatedRulesInOrder) {
     struct Break {
         const char *member;
-        Json::Value value; // null: the member is taken out
+        Json::Value value; // null: the member is removed
         const std::string &rule;
     };
     const Break breaks[] = {
@@ -186,7 +186,7 @@ const char *NameOf(CronItemFault fault) {
     return "";
 }
 
-// "KIND MEMBER", and what belongs to the kind: "FIELD:OFFSET [TEXT] FAULT [OFFENDER]" of an item,
+// "KIND MEMBER" and the details of the kind: "FIELD:OFFSET [TEXT] FAULT [OFFENDER]" of an item,
 // the number of fields and the expression of a field count, the number of an argument.
 std::string InText(const DefinitionFault &fault) {
     std::string text = std::string(NameOf(fault.kind)) + " " + fault.member;
@@ -212,7 +212,7 @@ Texts FaultsOf(const Json::Value &config,
     return texts;
 }
 
-// A definition with these members and what it needs beside them.
+// A definition with these members and the others that are required.
 Json::Value ConfigWith(const std::string &members) {
     Json::Value config = FromText("{" + members + "}");
     for (const char *member : {"name", "user", "cmd"})
@@ -280,7 +280,7 @@ TEST(ParseDefinition, ReportsEachFault) {
         EXPECT_THAT(FaultsOf(FromText(config)), ElementsAre("rule ")) << config;
 }
 
-TEST(ParseDefinition, NamesTheRuleOfACommandWithoutWords) {
+TEST(ParseDefinition, ReportsTheRuleOfAnEmptyCommand) {
     const ParsedDefinition parsed = ParseDefinition(ConfigWith(R"("cmd_list": [])"));
     ASSERT_EQ(parsed.faults.size(), 1U);
     EXPECT_STREQ(parsed.faults.front().rule, R"(0 == _jsJob["cmd_list"].size())");
@@ -294,8 +294,8 @@ TEST(ParseDefinition, ReturnsTheParsedPartOfAnItem) {
     EXPECT_EQ(parsed.faults.front().item.range.to, 3);
 }
 
-// What an author writes must not decide how long the list gets.
-TEST(ParseDefinition, StopsAtTheMostFaults) {
+// The author must not determine the length of the list.
+TEST(ParseDefinition, StopsAtTheLimitOfFaults) {
     const Json::Value config =
         ConfigWith(R"("name": 5, "user": 5, "crontab": "x,y * * * 7", "assure_execute": "x",
                       "run_on_passive": "x", "cmd_list": [[], [], []])");
@@ -312,7 +312,7 @@ TEST(ParseDefinition, StopsAtTheMostFaults) {
     }
 }
 
-// --- What a definition says ---------------------------------------------------------------------
+// --- Parsed members -----------------------------------------------------------------------------
 
 // "FROM~TO" for a random item, "*" for every value, a number for an exact one.
 std::string InText(const std::vector<CronRange> &items) {
@@ -326,7 +326,7 @@ std::string InText(const std::vector<CronRange> &items) {
     return text;
 }
 
-TEST(ParseDefinition, GivesTheItemsOfEachField) {
+TEST(ParseDefinition, ReturnsTheItemsOfEachField) {
     struct Row {
         const char *members;
         Texts fields;
@@ -355,7 +355,7 @@ TEST(ParseDefinition, ReturnsNoInvalidItem) {
     EXPECT_EQ(InText(parsed.definition.items[2]), "");
 }
 
-TEST(ParseDefinition, GivesNameAccountCommandAndSettings) {
+TEST(ParseDefinition, ReturnsNameAccountCommandAndSettings) {
     const Definition whole =
         ParseDefinition(ConfigWith(R"("name": "n", "user": "package", "package_username": "alice",
                                       "cmd_list": ["/p", "a b", 5], "assure_execute": 48,
@@ -378,14 +378,14 @@ TEST(ParseDefinition, GivesNameAccountCommandAndSettings) {
 
 // --- Defaults -----------------------------------------------------------------------------------
 
-TEST(WriteDefaults, FillsInWhatIsAbsent) {
+TEST(WriteDefaults, AddsMissingMembers) {
     Json::Value document = FromText(R"({"config": {"name": "a"}})");
     WriteDefaults(document, 1700000000);
     EXPECT_EQ(document, FromText(R"({"config": {"name": "a", "assure_execute": 0,
         "assure_execute_action": "wait", "run_on_passive": false}, "startup": 1700000000})"));
 }
 
-TEST(WriteDefaults, LeavesWhatIsThereWhateverItsType) {
+TEST(WriteDefaults, KeepsMembersOfAnyType) {
     const char *rows[] = {
         R"({"config": {"assure_execute": 5, "assure_execute_action": "run",
             "run_on_passive": true}, "startup": 17})",
@@ -407,7 +407,7 @@ TEST(WriteDefaults, HandlesTimesOfAnyYear) {
     EXPECT_EQ(document["startup"].asInt64(), 4102444800);
 }
 
-// A definition that changes its types on the way through a file would count as a changed one.
+// A definition whose types change when it is saved and read would count as modified.
 TEST(WriteDefaults, RoundTripsDocuments) {
     Json::Value document = FromText(R"({"config": {"name": "a"}})");
     WriteDefaults(document, 1700000000);
@@ -427,7 +427,7 @@ TEST(WriteDefaults, RoundTripsDocuments) {
 
 namespace {
 
-TEST(NormalizeCommand, GivesAListAndALine) {
+TEST(NormalizeCommand, ReturnsAListAndALine) {
     struct Row {
         const char *config;
         const char *list;

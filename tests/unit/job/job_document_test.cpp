@@ -19,8 +19,8 @@ Json::Value Ordinary() {
         "startup": 1780366210})");
 }
 
-// As the value of a member of "jobs" in the runtime document, and with the member that `changing`
-// names set to "here".
+// A runtime document with this document as its only job. The member `changing` has the value
+// "here".
 std::string TextInRuntimeDocument(const JobDocument &document, std::string_view changing = "") {
     JsonText text;
     text.BeginObject();
@@ -84,7 +84,7 @@ TEST(JobDocument, PacksText) {
     EXPECT_EQ(JobDocument().ToJson(), Json::Value());
 }
 
-TEST(JobDocument, HasAPlaceForEachMemberThatChanges) {
+TEST(JobDocument, InsertsEachChangingMember) {
     for (const char *changing : kChangingMembers) {
         const JobDocument document(Ordinary());
         Json::Value expected = Ordinary();

@@ -18,8 +18,8 @@ namespace {
 
 const std::string kProgram = std::string(kRuntimeDirectory) + "/x";
 
-// Runs `check` in a process whose "/tmp" is empty and its own; the number of the expectation in it
-// that failed, 0 when none did.
+// Runs `check` in a process that has its own, empty "/tmp". Returns the number of the expectation
+// that failed, or 0.
 template <typename Check>
 int WithOwnTmp(Check check) {
     return InChild([&check] {
@@ -76,7 +76,7 @@ TEST(OpenRuntimeDirectory, RejectsADirectoryThatOthersCanChange) {
     const struct {
         uid_t owner;
         mode_t mode;
-        int error; // 0: it is opened
+        int error; // 0 if it is opened
     } rows[] = {
         {0, 0755, 0},      {0, 0700, 0},     {0, 0775, EPERM},
         {0, 01777, EPERM}, {0, 0757, EPERM}, {kOtherAccount, 0755, EPERM},
@@ -121,7 +121,7 @@ TEST(RuntimeDirectoryState, ChangesWithItsEntries) {
               0);
 }
 
-TEST(IsFitToRun, HoldsForProgramsOfRootAndTheAccount) {
+TEST(IsFitToRun, IsTrueForProgramsOfRootAndTheAccount) {
     const struct {
         uid_t owner;
         uid_t account;

@@ -17,7 +17,7 @@ using testing::ElementsAre;
 
 class DrawFieldTest : public testing::Test {
 protected:
-    // The one number that an item gives.
+    // Draws the single number of an item.
     std::int32_t Draw(const std::string &key, const CronRange &item, std::int32_t templateValue) {
         const std::vector<std::int32_t> values = DrawField(key, {item}, templateValue, random_);
         EXPECT_EQ(values.size(), 1U);
@@ -34,7 +34,7 @@ TEST_F(DrawFieldTest, ReturnsFixedItemsUnchanged) {
     }
 }
 
-TEST_F(DrawFieldTest, TakesTheTemplateValueWhenItFits) {
+TEST_F(DrawFieldTest, UsesTheTemplateValueIfItFits) {
     struct Row {
         const char *key;
         std::int32_t from;
@@ -64,7 +64,7 @@ TEST_F(DrawFieldTest, DrawsWhenTheTemplateValueDoesNotFit) {
     const Row rows[] = {
         {"Minute", 30, 32, 29}, {"Minute", 30, 32, 33}, {"Minute", 30, 32, kAnyValue},
         {"hour", 1, 4, 17},     {"week", 5, 6, 4},      {"day", 1, 2, 28},
-        {"day", 0, 3, 0}, // a day that no month has is not taken, though the item admits it
+        {"day", 0, 3, 0}, // an impossible day is not used, although the item admits it
         {"week", 5, 8, 7},      {"Minute", 58, 61, 60}, {"x", -2, 1, kAnyValue},
     };
     for (const Row &row : rows) {
@@ -156,7 +156,7 @@ TEST(Admits, IsTrueForValuesOfTheArrayOrAnyValue) {
         {"[4294967301]", 5, false}, // 5 in the lower half
         {"[59, 0, 30, 30]", 59, true},
         {"[63]", 63, true},
-        {"[64]", 64, false}, // no minute has it
+        {"[64]", 64, false}, // an impossible minute
         {"[64]", 0, false},
         {"[-2, 7]", 7, true},
         {"[-2]", -2, false},
@@ -295,7 +295,7 @@ TEST(IsOverdue, IsTrueAfterMoreThanItsHours) {
         {1, start, start + 3600, false},
         {1, start, start + 3601, true},
         {1, start, start - 100000, false}, // the clock was set back
-        {1, 0, start, true},               // never run, never known
+        {1, 0, start, true},               // neither a run nor a startup
         {0, 0, start, false},
         {0, kFirst, kLast, false},
         {-1, start, start - 3600, false},

@@ -19,7 +19,7 @@ TEST(CallDeadline, InterruptsABlockingCall) {
         const CallDeadline deadline({0, most});
         EXPECT_EQ(read(ends[0], &byte, 1), -1);
         EXPECT_EQ(errno, EINTR);
-        EXPECT_EQ(read(ends[0], &byte, 1), -1) << "again and again";
+        EXPECT_EQ(read(ends[0], &byte, 1), -1) << "each call is interrupted";
         EXPECT_TRUE(deadline.IsOver());
         EXPECT_EQ(deadline.Left().tv_sec + deadline.Left().tv_usec, 0);
         EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(most));

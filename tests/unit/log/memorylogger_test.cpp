@@ -66,7 +66,7 @@ TEST_F(MemoryLoggerTest, MovesAnEmptyFlushToo) {
     logger_.Flush();
     EXPECT_EQ(ReadText(log_), "");
     EXPECT_EQ(ModeOf(log_), 0600U);
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -81,10 +81,10 @@ TEST_F(MemoryLoggerTest, StagesTheBuffer) {
     logger_.AppendToStaging();
     logger_.AppendToStaging();
     EXPECT_EQ(ReadText(staging_), "first\nsecond\n");
-    EXPECT_FALSE(Stands(log_));
+    EXPECT_FALSE(PathExists(log_));
     logger_.MoveToLog();
     EXPECT_EQ(ReadText(log_), "first\nsecond\n");
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -115,7 +115,7 @@ TEST_F(MemoryLoggerTest, KeepsTheCallersErrnoOutOfMessages) {
     EXPECT_EQ(errno, 0);
 }
 
-// --- What others may have put at the staging path -----------------------------------------------
+// --- Objects that others planted at the staging path --------------------------------------------
 
 class PlantedStagingTest : public MemoryLoggerTest {
 protected:
@@ -124,18 +124,18 @@ protected:
         std::filesystem::permissions(victim_, std::filesystem::perms(0644));
     }
 
-    // A flush reaches the log and nothing else.
+    // Expects a flush to change the log and nothing else.
     void ExpectFlushIsSafe() {
         FlushLine("line\n");
         EXPECT_EQ(ReadText(log_), "line\n");
-        EXPECT_FALSE(Stands(staging_));
+        EXPECT_FALSE(PathExists(staging_));
         EXPECT_EQ(ReadText(victim_), "untouched");
         EXPECT_EQ(ModeOf(victim_), 0644U);
         EXPECT_TRUE(messages_.Messages().empty());
     }
 
-    // What stands at the staging path when something is staged is a file of our own.
-    void ExpectStagingIsMadeAfresh() {
+    // Expects staging to replace the object at the staging path by a new file.
+    void ExpectStagingCreatesAFile() {
         logger_.stream() << "line\n";
         logger_.AppendToStaging();
         struct stat status {};
@@ -146,7 +146,7 @@ protected:
         EXPECT_EQ(status.st_nlink, 1U);
         EXPECT_EQ(ReadText(staging_), "line\n");
         EXPECT_EQ(ReadText(victim_), "untouched");
-        EXPECT_FALSE(Stands(directory_.File("nowhere")));
+        EXPECT_FALSE(PathExists(directory_.File("nowhere")));
         std::filesystem::remove(staging_);
     }
 
@@ -200,11 +200,11 @@ TEST_F(PlantedStagingTest, IsReplacedByANewFile) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
         plant.put(staging_, victim_);
-        ExpectStagingIsMadeAfresh();
+        ExpectStagingCreatesAFile();
     }
 }
 
-// Put there between the two halves of a flush.
+// The object is planted between the two halves of a flush.
 TEST_F(PlantedStagingTest, IsNotUsedAsTheStagingFile) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
@@ -213,14 +213,14 @@ TEST_F(PlantedStagingTest, IsNotUsedAsTheStagingFile) {
         logger_.MoveToLog();
         EXPECT_EQ(ReadText(log_), "");
         EXPECT_EQ(ReadText(victim_), "untouched");
-        EXPECT_FALSE(Stands(staging_));
+        EXPECT_FALSE(PathExists(staging_));
         EXPECT_THAT(messages_.Texts("memorylogger"),
                     ElementsAre(testing::StartsWith("Failed [!fsMem], err=")));
         errno = 0;
     }
 }
 
-TEST_F(PlantedStagingTest, KeepsTheContentOfADirectoryThatWasInTheWay) {
+TEST_F(PlantedStagingTest, KeepsTheContentOfAPlantedDirectory) {
     std::filesystem::create_directory(staging_);
     WriteText(staging_ + "/inner", "somebody's");
     ExpectFlushIsSafe();
@@ -234,7 +234,7 @@ TEST_F(PlantedStagingTest, KeepsTheContentOfADirectoryThatWasInTheWay) {
     EXPECT_EQ(ModeOf(moved), 0700U);
 }
 
-// --- What goes wrong ----------------------------------------------------------------------------
+// --- Failures -----------------------------------------------------------------------------------
 
 TEST_F(MemoryLoggerTest, MovesAFullStagingFileAtOnce) {
     const std::string full(1024, 'x');
@@ -243,16 +243,16 @@ TEST_F(MemoryLoggerTest, MovesAFullStagingFileAtOnce) {
     FlushLine(full + "y");
     EXPECT_EQ(ReadText(log_), full + full + "y");
     EXPECT_THAT(messages_.Texts("memorylogger"), ElementsAre(kNoStaging));
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
 }
 
 TEST_F(MemoryLoggerTest, CountsTheWholeStagingFile) {
     logger_.stream() << std::string(1024, 'x');
     logger_.AppendToStaging();
-    EXPECT_TRUE(Stands(staging_));
+    EXPECT_TRUE(PathExists(staging_));
     logger_.stream() << "y";
     logger_.AppendToStaging();
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
     EXPECT_EQ(ReadText(log_), std::string(1024, 'x') + "y");
     EXPECT_TRUE(messages_.Messages().empty());
 }
@@ -288,7 +288,7 @@ TEST_F(MemoryLoggerTest, DropsLinesWhenTheLogCannotBeOpened) {
         {"absent/execute.log", "No such file or directory"},
         {"directory", "Is a directory"},
         {"file/execute.log", "Not a directory"},
-        {"fifo", "No such device or address"}, // nobody reads it
+        {"fifo", "No such device or address"}, // without a reader
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.log);
@@ -300,12 +300,12 @@ TEST_F(MemoryLoggerTest, DropsLinesWhenTheLogCannotBeOpened) {
         EXPECT_THAT(
             messages_.Texts("memorylogger"),
             ElementsAre("Failed [!fs], err=" + std::string(row.error) + " (" + row.error + ")"));
-        EXPECT_FALSE(Stands(staging_));
+        EXPECT_FALSE(PathExists(staging_));
     }
     EXPECT_THAT(directory_.Names(), ElementsAre("directory", "fifo", "file", "lock"));
 }
 
-TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
+TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeCreated) {
     KEST::MemoryLogger logger(log_, directory_.File("absent/staging"), 1, lock_);
     logger.stream() << "line\n";
     logger.Flush();
@@ -314,7 +314,7 @@ TEST_F(MemoryLoggerTest, ReportsAStagingFileThatCannotBeMade) {
     EXPECT_EQ(ReadText(log_), "line\n");
     messages_.Clear();
     std::filesystem::create_directory(directory_.File("absent"));
-    logger.Flush(); // the line does not come again
+    logger.Flush(); // the line is not repeated
     EXPECT_EQ(ReadText(log_), "line\n");
     EXPECT_TRUE(messages_.Messages().empty());
 }
@@ -334,12 +334,12 @@ TEST_F(MemoryLoggerTest, IsSilentOnRequest) {
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-// Files that cannot grow past 100 bytes stand for a disk that is full.
+// A limit of 100 bytes for files simulates a full disk.
 class FullDiskTest : public MemoryLoggerTest {
 protected:
     FullDiskTest() { WriteText(log_, "old\n"); }
 
-    // Expects a flush of `size` bytes to be lost whole, with these messages.
+    // Expects a flush of `size` bytes to be dropped completely, with these messages.
     void ExpectFlushIsLost(std::size_t size, const std::vector<std::string> &messages) {
         EXPECT_EQ(InChild([&] {
                       signal(SIGXFSZ, SIG_IGN);
@@ -363,13 +363,13 @@ TEST_F(FullDiskTest, DropsAFlushThatDoesNotFitIntoTheLog) {
     ExpectFlushIsLost(98, {NotWritten(log_)});
 }
 
-TEST_F(FullDiskTest, DropsAFlushThatFitsNowhere) {
+TEST_F(FullDiskTest, DropsAFlushThatFitsIntoNeitherFile) {
     ExpectFlushIsLost(101, {NotWritten(staging_), NotWritten(log_)});
 }
 
 TEST_F(MemoryLoggerTest, AppendsDirectlyWhenTheStagingFileIsFull) {
     EXPECT_EQ(InChild([this] {
-                  // A file system of its own, without a free page.
+                  // A separate file system without a free page.
                   const std::string full = directory_.File("full");
                   std::filesystem::create_directory(full);
                   if (unshare(CLONE_NEWNS) != 0 ||
@@ -397,7 +397,7 @@ TEST_F(MemoryLoggerTest, KeepsTheModeOfADevice) {
     std::filesystem::create_symlink(device, log_);
     FlushLine("line\n");
     EXPECT_EQ(ModeOf(device), 0666U);
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
@@ -418,7 +418,7 @@ TEST_F(MemoryLoggerTest, ReachesAKeptLogAfterGivingUpItsRights) {
     EXPECT_THAT(directory_.Names(), ElementsAre("execute.log", "lock"));
 }
 
-// Proves that the test above is about the log kept open.
+// Proves that the previous test depends on the kept log.
 TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
     EXPECT_EQ(InChild([this] {
                   if (setuid(kOtherAccount) != 0)
@@ -430,10 +430,10 @@ TEST_F(MemoryLoggerTest, DoesNotReachALogThatWasNotKept) {
                   return messages_.Texts("memorylogger") == expected ? 0 : 2;
               }),
               0);
-    EXPECT_FALSE(Stands(log_));
+    EXPECT_FALSE(PathExists(log_));
 }
 
-// An account can stop its own processes, and one that waits for a lock would soon hold it.
+// An account can stop its own processes, so a process that has its rights must not take the lock.
 TEST_F(MemoryLoggerTest, NeitherBlocksNorWaitsWithAKeptLog) {
     const int other = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(other, LOCK_EX), 0);
@@ -448,7 +448,7 @@ TEST_F(MemoryLoggerTest, NeitherBlocksNorWaitsWithAKeptLog) {
     close(other);
 }
 
-TEST_F(MemoryLoggerTest, ReportsWhatDoesNotFitIntoAKeptLog) {
+TEST_F(MemoryLoggerTest, ReportsAFlushThatDoesNotFitIntoAKeptLog) {
     EXPECT_EQ(InChild([this] {
                   const rlimit limit{0, 0};
                   signal(SIGXFSZ, SIG_IGN);
@@ -504,7 +504,7 @@ protected:
     static constexpr int kProcesses = 20;
     static constexpr int kLines = 20;
 
-    // Lines long enough that a torn one would show, and different enough to be told apart.
+    // Different lines that are long enough for torn ones to show.
     static std::string Line(int process, int line) {
         return "process " + std::to_string(process) + " line " + std::to_string(line) + " " +
                std::string(200, static_cast<char>('a' + process)) + "\n";
@@ -563,13 +563,13 @@ TEST_F(ManyProcessesTest, NeitherLoseNorDuplicateLinesDuringRotation) {
     }
     ExpectSuccess(children);
     EXPECT_GT(rotations, 0);
-    std::string text = Stands(log_) ? ReadText(log_) : "";
+    std::string text = PathExists(log_) ? ReadText(log_) : "";
     for (int i = 0; i < rotations; ++i)
         text += ReadText(log_ + "." + std::to_string(i));
     ExpectEveryLineOnce(text);
 }
 
-// Whoever waits for a lock that is tidied away meanwhile has waited for the wrong file.
+// If the lock file is removed while a process waits for it, the lock of that file has no effect.
 TEST_F(MemoryLoggerTest, WaitsForTheCurrentLockFile) {
     const auto lock = [this] {
         Descriptor file(open(lock_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -590,7 +590,7 @@ TEST_F(MemoryLoggerTest, WaitsForTheCurrentLockFile) {
     flock(old.Get(), LOCK_UN);
     usleep(100000);
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
-    EXPECT_FALSE(Stands(log_));
+    EXPECT_FALSE(PathExists(log_));
     flock(fresh.Get(), LOCK_UN);
     EXPECT_EQ(ExitStatusOf(child), 0);
     EXPECT_EQ(ReadText(log_), "line\n");
@@ -607,7 +607,7 @@ TEST_F(MemoryLoggerTest, ClosesTheLockToOthers) {
     EXPECT_EQ(ModeOf(lock_), 0600U);
 }
 
-// Nothing is made or locked through what stands in the lock's place.
+// Nothing is created or locked through an object in the place of the lock.
 TEST_F(PlantedStagingTest, IsNotUsedAsTheLock) {
     for (const Plant &plant : kPlants) {
         SCOPED_TRACE(plant.name);
@@ -615,7 +615,7 @@ TEST_F(PlantedStagingTest, IsNotUsedAsTheLock) {
         std::filesystem::remove(lock_);
         plant.put(lock_, victim_);
         ExpectFlushIsSafe();
-        EXPECT_FALSE(Stands(directory_.File("nowhere")));
+        EXPECT_FALSE(PathExists(directory_.File("nowhere")));
         EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(lock_)));
     }
 }
@@ -625,11 +625,11 @@ TEST_F(MemoryLoggerTest, WorksWithoutALock) {
     logger.stream() << "line\n";
     logger.Flush();
     EXPECT_EQ(ReadText(log_), "line\n");
-    EXPECT_FALSE(Stands(staging_));
+    EXPECT_FALSE(PathExists(staging_));
     EXPECT_TRUE(messages_.Messages().empty());
 }
 
-TEST_F(MemoryLoggerTest, WaitsFiveSecondsForALockAndNoLonger) {
+TEST_F(MemoryLoggerTest, WaitsFiveSecondsForALock) {
     const Descriptor other(open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(other.Get(), LOCK_EX), 0);
     WriteText(staging_, "of the one who holds it\n");

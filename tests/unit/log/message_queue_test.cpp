@@ -11,7 +11,7 @@ namespace {
 
 class MessageQueueTest : public testing::Test {
 protected:
-    // All messages, taken in order.
+    // Takes all messages, in order.
     std::vector<std::string> TakeAll() {
         std::vector<std::string> messages;
         for (; !queue_->IsEmpty(); queue_->Pop())
@@ -32,7 +32,7 @@ TEST_F(MessageQueueTest, KeepsMessagesInOrder) {
     EXPECT_EQ(TakeAll(), std::vector<std::string>{"again"});
 }
 
-TEST_F(MessageQueueTest, HoldsAtMostItsMessages) {
+TEST_F(MessageQueueTest, LimitsTheNumberOfMessages) {
     for (std::size_t i = 0; i < MessageQueue::kMostMessages; ++i)
         EXPECT_TRUE(queue_->Push("", std::to_string(i)));
     EXPECT_FALSE(queue_->Push("", "more"));
@@ -44,7 +44,7 @@ TEST_F(MessageQueueTest, HoldsAtMostItsMessages) {
     EXPECT_EQ(messages.back(), "last");
 }
 
-TEST_F(MessageQueueTest, HoldsAtMostItsBytes) {
+TEST_F(MessageQueueTest, LimitsTheNumberOfBytes) {
     const std::string half(MessageQueue::kMostBytes / 2, 'x');
     EXPECT_TRUE(queue_->Push("", half));
     EXPECT_FALSE(queue_->Push("y", half));

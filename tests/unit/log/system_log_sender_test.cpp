@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 
-// A log that reads only when it is asked.
+// A log that reads only on request.
 class Listener {
 public:
     explicit Listener(const std::string &path)
@@ -46,7 +46,7 @@ public:
         return datagram;
     }
 
-    // The texts of all that has come, after checking what stands in front of each.
+    // The texts of all received messages, after checking the prefix of each.
     std::vector<std::string> Texts() {
         std::vector<std::string> texts;
         const std::regex form(R"(<(\d+)>[A-Z][a-z][a-z] [ \d]\d \d\d:\d\d:\d\d unit_tests: )");
@@ -65,7 +65,7 @@ private:
 
 class SystemLogSenderTest : public testing::Test {
 protected:
-    // Numbered texts until one was not taken at once; returns how many were sent.
+    // Sends numbered texts until one is not accepted at once. Returns how many were sent.
     int FillUp() {
         int count = 0;
         for (;; ++count) {
@@ -106,7 +106,7 @@ TEST_F(SystemLogSenderTest, CutsAndMarksLongTexts) {
 TEST_F(SystemLogSenderTest, KeepsTheOrderWithABusyLog) {
     Listener listener(path_);
     const int sent = FillUp();
-    // Nothing more is waited for, and nothing is lost.
+    // Later writes do not wait, and nothing is lost.
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 100; ++i)
         sender_->Write(LOG_ERR, std::to_string(sent + i));
@@ -121,7 +121,7 @@ TEST_F(SystemLogSenderTest, KeepsTheOrderWithABusyLog) {
         pollfd poll{more.Get(), POLLOUT, 0};
         for (const std::string &text : listener.Texts())
             found.push_back(text);
-        EXPECT_EQ(::poll(&poll, 1, 5000), 1) << "the log takes more";
+        EXPECT_EQ(::poll(&poll, 1, 5000), 1) << "the log accepts more";
     }
     for (const std::string &text : listener.Texts())
         found.push_back(text);
@@ -142,14 +142,14 @@ TEST_F(SystemLogSenderTest, ReturnsADescriptorOnlyWhenWaitingHelps) {
     EXPECT_EQ(::poll(&poll, 1, 0), 0);
 }
 
-TEST_F(SystemLogSenderTest, CountsWhatItCannotKeep) {
+TEST_F(SystemLogSenderTest, CountsLostMessages) {
     const std::size_t most = MessageQueue::kMostMessages;
     for (std::size_t i = 0; i < most + 44; ++i)
         sender_->Write(LOG_ERR, std::to_string(i));
     Listener listener(path_);
     sender_->Write(LOG_ERR, "at last");
     const std::vector<std::string> texts = listener.Texts();
-    ASSERT_GE(texts.size(), 10U) << "the socket takes a few";
+    ASSERT_GE(texts.size(), 10U) << "the socket accepts some";
     std::vector<std::string> found = texts;
     while (sender_->CatchUp())
         for (const std::string &text : listener.Texts())
@@ -207,7 +207,7 @@ TEST_F(SystemLogSenderTest, SendsKeptMessagesWhenItEnds) {
     EXPECT_THAT(listener.Texts(), ElementsAre(Err("kept")));
 }
 
-TEST_F(SystemLogSenderTest, DoesNotBlockLongWhenItEnds) {
+TEST_F(SystemLogSenderTest, DoesNotWaitLongWhenItEnds) {
     Listener listener(path_);
     FillUp();
     const auto start = std::chrono::steady_clock::now();
@@ -215,8 +215,9 @@ TEST_F(SystemLogSenderTest, DoesNotBlockLongWhenItEnds) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
 }
 
-TEST_F(SystemLogSenderTest, KeepsToItsTimeWithASlowLog) {
-    // All waiting between two calls of CatchUp is half a second, however many messages there are.
+TEST_F(SystemLogSenderTest, LimitsItsWaitForASlowLog) {
+    // Between two calls of CatchUp it waits for half a second in total, whatever the number of
+    // messages.
     Listener listener(path_);
     const auto start = std::chrono::steady_clock::now();
     FillUp();

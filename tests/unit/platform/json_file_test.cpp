@@ -37,7 +37,7 @@ protected:
         return path_;
     }
 
-    // A failure with errno `error` that leaves nothing of an earlier document.
+    // Expects a failure with errno `error` that removes the earlier document from the value.
     static void ExpectRefused(const std::string &path, int error,
                               const JsonLimits &limits = kLimits) {
         SCOPED_TRACE(path);
@@ -52,7 +52,7 @@ protected:
                            const JsonLimits &limits = kLimits) {
         Json::Value value = FromText(R"({"earlier": 1})");
         EXPECT_TRUE(JsonFromFile(path, value, limits));
-        EXPECT_TRUE(value == expected); // too deep and too long to be shown
+        EXPECT_TRUE(value == expected); // too deep and too long to be printed
     }
 
     TemporaryDirectory directory_;
@@ -109,7 +109,7 @@ TEST_F(JsonFromFileTest, RefusesWhatIsNotExactlyOneDocument) {
     }
 }
 
-TEST_F(JsonFromFileTest, RefusesAZeroByteAndWhatFollowsIt) {
+TEST_F(JsonFromFileTest, RefusesAZeroByteAfterADocument) {
     ExpectRefused(Write(std::string("[1]\0x", 5)), EBADMSG);
     ExpectRefused(Write(std::string("[1]\0[2]", 7)), EBADMSG);
 }
@@ -126,7 +126,7 @@ TEST_F(JsonFromFileTest, DropsComments) {
     EXPECT_THAT(JsonToString(value), Not(HasSubstr("/")));
 }
 
-TEST_F(JsonFromFileTest, TakesAByteOrderMark) {
+TEST_F(JsonFromFileTest, AcceptsAByteOrderMark) {
     ExpectRead(Write("\xef\xbb\xbf[1]"), FromText("[1]"));
 }
 
@@ -141,8 +141,8 @@ std::string Nested(int depth, const std::string &open, const std::string &innerm
     return begin + innermost + end;
 }
 
-// The innermost value counts, be it an array, an object or a number.
-TEST_F(JsonFromFileTest, TakesNestingUpToItsLimit) {
+// The innermost value counts as a level, whether it is an array, an object or a number.
+TEST_F(JsonFromFileTest, AcceptsNestingUpToItsLimit) {
     for (const int depth : {2, 63, 64}) {
         SCOPED_TRACE(depth);
         for (const std::string &text :
@@ -166,20 +166,20 @@ TEST_F(JsonFromFileTest, RefusesDeeperNesting) {
     ExpectRefused(Write(Nested(128, "[", "1", "]")), EBADMSG, kOwnFileLimits);
 }
 
-TEST_F(JsonFromFileTest, TakesAFileUpToItsLimit) {
+TEST_F(JsonFromFileTest, AcceptsAFileUpToItsLimit) {
     const JsonLimits limits{10, 64};
     ExpectRead(Write("[1234567 ]"), FromText("[1234567]"), limits);
     ExpectRefused(Write("[1234567 ] "), EFBIG, limits);
     ExpectRefused(Write(std::string(11, 'x')), EFBIG, limits);
 }
 
-TEST_F(JsonFromFileTest, TakesAJobFileUpToItsLimit) {
+TEST_F(JsonFromFileTest, AcceptsAJobFileUpToItsLimit) {
     const std::string text = "[\"" + std::string((1U << 20U) - 4, 'x') + "\"]";
     ExpectRead(Write(text), FromText(text));
     ExpectRefused(Write(text + "\n"), EFBIG);
 }
 
-// Files of the kernel's claim to be empty, and some let their reader wait for ever.
+// Files of the kernel appear empty, and some block their reader forever.
 TEST_F(JsonFromFileTest, DoesNotReadFilesThatAppearEmpty) {
     ExpectRefused(Write(""), EBADMSG);
     ExpectRefused("/proc/version", EBADMSG);
@@ -288,7 +288,7 @@ TEST_F(JsonToFileTest, ReplacesBytesThatAreNotUtf8) {
     value["a\xff"] = "\xff\xfe x";
     EXPECT_TRUE(Save(value, path_));
     EXPECT_EQ(ReadBack(path_), FromText(R"({"a\ufffd": "\ufffd\ufffd x"})"));
-    // Of two names that become the same one is kept.
+    // If two names become equal, one of them is kept.
     value["a\xfe"] = 1;
     EXPECT_TRUE(Save(value, path_));
     EXPECT_EQ(ReadBack(path_).getMemberNames(), FromText(R"({"a\ufffd": 0})").getMemberNames());
@@ -328,7 +328,7 @@ TEST_F(JsonToFileTest, KeepsTheOwnerAndGroupOfAFileThatExists) {
     }
 }
 
-// As an account that may write the file but not what lies beside it.
+// As an account that can write to the file but not to its directory.
 class UnreplaceableFileTest : public JsonToFileTest {
 protected:
     UnreplaceableFileTest() {
@@ -341,7 +341,7 @@ protected:
     }
 };
 
-TEST_F(UnreplaceableFileTest, IsWrittenOver) {
+TEST_F(UnreplaceableFileTest, IsOverwritten) {
     EXPECT_EQ(InOtherAccount([this] {
                   return JsonToFile(JsonToString(document_), path_, Durability::Reboot) ? 0 : 1;
               }),
@@ -353,7 +353,7 @@ TEST_F(UnreplaceableFileTest, IsWrittenOver) {
 
 TEST_F(UnreplaceableFileTest, StaysWholeWhenTheNewDocumentDoesNotFit) {
     EXPECT_EQ(InChild([this] {
-                  // A file system of its own, with 64 KiB.
+                  // A separate file system of 64 KiB.
                   if (unshare(CLONE_NEWNS) != 0 ||
                       mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                       mount("tmpfs", directory_.Path().c_str(), "tmpfs", 0, "size=64k") != 0)
@@ -407,14 +407,13 @@ TEST_F(JsonToFileTest, KeepsALinkAndWritesItsTarget) {
     EXPECT_THAT(directory_.Names(), ElementsAre("kestcrond.config", "real"));
 }
 
-// A reader that opened the old document reads it to its end.
-TEST_F(JsonToFileTest, RefusesADocumentThatIsTooLargeToReadBack) {
+TEST_F(JsonToFileTest, SavesALargeDocument) {
     const Json::Value large(std::string(std::size_t{70} << 20, 'x'));
     EXPECT_TRUE(Save(large, path_));
     EXPECT_EQ(ReadBack(path_), large);
 }
 
-TEST_F(JsonToFileTest, MakesTheTargetOfALinkThatHasNone) {
+TEST_F(JsonToFileTest, CreatesTheTargetOfADanglingLink) {
     const std::string link = directory_.File("link");
     ASSERT_EQ(symlink("second", link.c_str()), 0);
     ASSERT_EQ(symlink(path_.c_str(), directory_.File("second").c_str()), 0);
@@ -424,6 +423,7 @@ TEST_F(JsonToFileTest, MakesTheTargetOfALinkThatHasNone) {
     EXPECT_EQ(std::filesystem::read_symlink(link), "second");
 }
 
+// A reader that opened the old document reads it to its end.
 TEST_F(JsonToFileTest, DoesNotChangeAnOpenOldDocument) {
     WriteText(path_, "[\"old\"]");
     std::filesystem::create_hard_link(path_, directory_.File("second-name"));
@@ -431,7 +431,7 @@ TEST_F(JsonToFileTest, DoesNotChangeAnOpenOldDocument) {
     EXPECT_EQ(ReadText(directory_.File("second-name")), "[\"old\"]");
 }
 
-TEST_F(JsonToFileTest, ReplacesTheRestOfACrash) {
+TEST_F(JsonToFileTest, ReplacesAFileLeftByACrash) {
     const std::string victim = directory_.File("victim");
     WriteText(victim, "untouched");
     std::filesystem::create_symlink(victim, path_ + ".new");
@@ -439,7 +439,7 @@ TEST_F(JsonToFileTest, ReplacesTheRestOfACrash) {
     EXPECT_EQ(ReadText(victim), "untouched");
     EXPECT_FALSE(std::filesystem::is_symlink(path_));
     EXPECT_EQ(ReadBack(path_), document_);
-    EXPECT_FALSE(Stands(path_ + ".new"));
+    EXPECT_FALSE(PathExists(path_ + ".new"));
 }
 
 TEST_F(JsonToFileTest, KeepsTheOldDocumentWhenTheNewOneDoesNotFit) {

@@ -30,25 +30,25 @@ void ExpectSuccessRecorded() {
     EXPECT_STREQ(XLIBCErrorGetFile(), "");
 }
 
-// What /proc says of the process: its state, such as 'Z' for one that has ended and was not
-// collected, or 0 when there is none.
+// The state of the process in /proc, such as 'Z' for one that has ended and was not collected, or 0
+// if there is no such process.
 char StateOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/stat";
-    if (!Stands(path))
+    if (!PathExists(path))
         return 0;
     const std::string stat = ReadText(path);
     const auto name = stat.rfind(") ");
     return name == std::string::npos ? '\0' : stat[name + 2];
 }
 
-// A child that has ended and waits to be collected.
+// A child that has ended and was not collected.
 pid_t MakeZombie() {
     const pid_t child = StartChild([] { return 7; });
     EXPECT_TRUE(Eventually([child] { return StateOf(child) == 'Z'; }));
     return child;
 }
 
-// A child that stays until the test ends it.
+// A child that runs until the test ends it.
 class LivingChild {
 public:
     LivingChild()
@@ -84,7 +84,7 @@ TEST(XLIBCReadPidFile, ReadsThePid) {
     }
 }
 
-TEST(XLIBCReadPidFile, IsNotPositiveWhenThereIsNone) {
+TEST(XLIBCReadPidFile, IsNotPositiveWithoutAPid) {
     const TemporaryDirectory directory;
     const std::string path = directory.File("pid");
     for (const char *content : {"", "\n", "x", "-5\n", "0\n", "99999999999\n", "kestcrond 123\n"}) {
@@ -97,7 +97,7 @@ TEST(XLIBCReadPidFile, IsNotPositiveWhenThereIsNone) {
     EXPECT_LE(XLIBCReadPidFile(directory.File("fifo").c_str()), 0);
 }
 
-TEST(XLIBCProcAlive, HoldsForAProcessThatHasNotEnded) {
+TEST(XLIBCProcAlive, IsTrueForALivingProcess) {
     EXPECT_EQ(XLIBCProcAlive(getpid()), 1);
     EXPECT_EQ(XLIBCProcAlive(1), 1);
     pid_t pid = 0;
@@ -110,22 +110,22 @@ TEST(XLIBCProcAlive, HoldsForAProcessThatHasNotEnded) {
     EXPECT_EQ(XLIBCProcAlive(2000000000), 0);
 }
 
-TEST(XLIBCProcAlive, LeavesNoErrorOfAnEarlierCall) {
+TEST(XLIBCProcAlive, ClearsTheErrorOfAnEarlierCall) {
     EXPECT_FALSE(XLIBCFileExist("/no/such/file"));
     EXPECT_NE(XLIBCErrGet(), 0);
     EXPECT_EQ(XLIBCProcAlive(getpid()), 1);
     EXPECT_EQ(XLIBCErrGet(), 0);
 }
 
-TEST(XLIBCProcAlive, DoesNotHoldForAProcessThatWasNotCollected) {
+TEST(XLIBCProcAlive, IsFalseForAZombie) {
     const pid_t zombie = MakeZombie();
     EXPECT_EQ(kill(zombie, 0), 0);
     EXPECT_EQ(XLIBCProcAlive(zombie), 0);
     EXPECT_EQ(ExitStatusOf(zombie), 7);
 }
 
-// The name of a process may hold anything, also what looks like the end of a name.
-TEST(XLIBCProcAlive, IsNotDeceivedByAName) {
+// The name of a process may contain anything, even text that looks like its end.
+TEST(XLIBCProcAlive, IsNotMisledByAName) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const pid_t child = StartChild([&] {
@@ -143,7 +143,7 @@ TEST(XLIBCProcAlive, IsNotDeceivedByAName) {
     close(ends[1]);
 }
 
-TEST(XLIBCProcAlive, HoldsForAProcessThatMayNotBeSignalled) {
+TEST(XLIBCProcAlive, IsTrueForAProcessThatCannotBeSignalled) {
     const pid_t parent = getpid();
     EXPECT_EQ(InChild([parent] {
                   if (setuid(kOtherAccount) != 0)
@@ -154,7 +154,7 @@ TEST(XLIBCProcAlive, HoldsForAProcessThatMayNotBeSignalled) {
               0);
 }
 
-TEST(XLIBCProcGetByPid, TellsTheCommandName) {
+TEST(XLIBCProcGetByPid, ReturnsTheCommandName) {
     for (const char *name : {"kestcrond", "a b", "fifteen-letters"}) {
         SCOPED_TRACE(name);
         std::array<char, 16> before{};
@@ -171,7 +171,7 @@ TEST(XLIBCProcGetByPid, TellsTheCommandName) {
     }
 }
 
-TEST(XLIBCProcGetByPid, LeavesTheRecordWhenThereIsNoProcess) {
+TEST(XLIBCProcGetByPid, KeepsTheRecordWithoutAProcess) {
     XLIBCProc record{};
     for (const pid_t pid : {2000000000, 0, -1}) {
         XLIBCProc *process = &record;
@@ -184,7 +184,7 @@ TEST(XLIBCProcGetByPid, LeavesTheRecordWhenThereIsNoProcess) {
 
 class PidFileTest : public testing::Test {
 protected:
-    // The result in a process of its own, which ends with it.
+    // The result in a separate process, which ends with this result.
     int CreateElsewhere() {
         const int status =
             InChild([this] { return XLIBCProcPidFileCreate(path_.c_str()) < 0 ? 1 : 0; });
@@ -233,11 +233,11 @@ TEST_F(PidFileTest, IsLockedAgainstASecondProcess) {
     waitpid(holder, nullptr, 0);
     EXPECT_EQ(XLIBCProcPidFileCreate(path_.c_str()), 0);
     ExpectSuccessRecorded();
-    EXPECT_EQ(CreateElsewhere(), -1); // and now it is held by this one
+    EXPECT_EQ(CreateElsewhere(), -1); // this process holds it now
     EXPECT_EQ(ReadText(path_), std::to_string(getpid()) + "\n");
 }
 
-TEST_F(PidFileTest, ReplacesAStaleOne) {
+TEST_F(PidFileTest, ReplacesAStalePid) {
     WriteText(path_, "1234567890 and more than will be written\n");
     EXPECT_EQ(XLIBCProcPidFileCreate(path_.c_str()), 0);
     EXPECT_EQ(ReadText(path_), std::to_string(getpid()) + "\n");
@@ -260,7 +260,7 @@ TEST_F(PidFileTest, IsCreatedByOneOfManyProcesses) {
             byte = XLIBCProcPidFileCreate(path_.c_str()) == 0 ? 'y' : 'n';
             if (write(results[1], &byte, 1) != 1)
                 return 1;
-            pause(); // a process that ends lets go
+            pause(); // a process that ends releases the file
             return 0;
         }));
     close(gate[0]);
@@ -332,8 +332,8 @@ private:
 
 void CountNothing(int /*number*/) {}
 
-// Expects a process with this /proc status to have begun with exactly these signals blocked and
-// none ignored, but for the two that the C library keeps for itself.
+// Expects a process with this /proc status to have started with exactly these signals blocked and
+// none ignored, except for the two that the C library reserves.
 void ExpectDefaultSignals(const std::string &status, const std::vector<int> &blocked = {}) {
     const auto mask = [&status](const std::string &name) {
         const auto line = status.find("\n" + name + ":\t");
@@ -357,7 +357,7 @@ protected:
     TemporaryDirectory directory_;
 };
 
-TEST_F(XLIBCExecTest, TellsHowTheProgramEnded) {
+TEST_F(XLIBCExecTest, ReturnsTheExitStatusOrAnError) {
     for (void (*disposition)(int) : {SIG_DFL, SIG_IGN, CountNothing}) {
         const ChildSignal signal(disposition);
         EXPECT_EQ(Shell("exit 0"), 0);
@@ -378,7 +378,7 @@ TEST_F(XLIBCExecTest, TellsHowTheProgramEnded) {
     }
 }
 
-TEST_F(XLIBCExecTest, HandsTheArgumentsOverAsTheyAre) {
+TEST_F(XLIBCExecTest, PassesArgumentsUnchanged) {
     const std::string file = directory_.File("arguments");
     EXPECT_EQ(XLIBCExec("/bin/sh", "-c", R"(printf '[%s]' "$0" "$@" > "$0")", file.c_str(), "a b",
                         "", "$HOME;*", nullptr),
@@ -386,7 +386,7 @@ TEST_F(XLIBCExecTest, HandsTheArgumentsOverAsTheyAre) {
     EXPECT_EQ(ReadText(file), "[" + file + "][a b][][$HOME;*]");
 }
 
-TEST_F(XLIBCExecTest, StartsAProgramThatHearsNoSignalForItsCaller) {
+TEST_F(XLIBCExecTest, BlocksTerminationSignalsInTheProgram) {
     const std::string file = directory_.File("status");
     EXPECT_EQ(InChild([&] {
                   signal(SIGPIPE, SIG_IGN);
@@ -401,17 +401,17 @@ TEST_F(XLIBCExecTest, StartsAProgramThatHearsNoSignalForItsCaller) {
     ExpectDefaultSignals(ReadText(file), {SIGHUP, SIGINT, SIGTERM});
 }
 
-TEST_F(XLIBCExecTest, EndsAProgramThatTakesTooLong) {
+TEST_F(XLIBCExecTest, EndsAProgramAfterTheDeadline) {
     for (void (*disposition)(int) : {SIG_DFL, SIG_IGN}) {
         const ChildSignal signal(disposition);
         EXPECT_EQ(XLIBCExec("/bin/sleep", "1000", nullptr), -1);
         EXPECT_EQ(errno, ETIMEDOUT);
         ExpectFailureRecorded();
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "nothing is left of it";
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child remains";
     }
 }
 
-TEST_F(XLIBCExecTest, LeavesTheStatusOfOtherChildrenAlone) {
+TEST_F(XLIBCExecTest, KeepsTheStatusOfOtherChildren) {
     const ChildSignal signal(SIG_DFL);
     const pid_t ended = MakeZombie();
     const LivingChild living;
@@ -425,8 +425,8 @@ TEST_F(XLIBCExecTest, LeavesTheStatusOfOtherChildrenAlone) {
     EXPECT_EQ(XLIBCProcAlive(living.Pid()), 1);
 }
 
-// What the daemon does for its jobs: it ignores SIGCHLD and never waits for them.
-TEST_F(XLIBCExecTest, LeavesNoZombieWhereTheSignalIsIgnored) {
+// The daemon ignores SIGCHLD and never waits for its jobs.
+TEST_F(XLIBCExecTest, LeavesNoZombieIfTheSignalIsIgnored) {
     EXPECT_EQ(InChild([] {
                   signal(SIGCHLD, SIG_IGN);
                   const pid_t ending = StartChild([] {
@@ -448,7 +448,7 @@ TEST_F(XLIBCExecTest, LeavesNoZombieWhereTheSignalIsIgnored) {
               0);
 }
 
-TEST_F(XLIBCExecTest, LeavesNoZombieOfItsOwn) {
+TEST_F(XLIBCExecTest, CollectsItsOwnChildren) {
     EXPECT_EQ(InChild([] {
                   for (int i = 0; i < 5; ++i)
                       Shell("exit 1");
@@ -466,8 +466,8 @@ void (*DispositionOf(int number))(int) {
     return action.sa_handler;
 }
 
-// The first thing that is not as a child's state is promised to be; 0 when all is.
-int WrongStateOfChild() {
+// The number of the first property that differs from the documented state of a child, or 0.
+int WrongPropertyOfChild() {
     for (const int number : {SIGINT, SIGTERM, SIGPIPE})
         if (DispositionOf(number) != SIG_DFL)
             return number;
@@ -484,8 +484,8 @@ int WrongStateOfChild() {
     return 0;
 }
 
-// What the daemon has when it starts a job: handlers, an ignored signal, open files.
-void BecomeLikeTheDaemon() {
+// Takes on the state of the daemon when it launches a job: handlers, an ignored signal, open files.
+void TakeOnTheStateOfTheDaemon() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
         signal(number, CountNothing);
     signal(SIGPIPE, SIG_IGN);
@@ -496,19 +496,19 @@ void BecomeLikeTheDaemon() {
     fcntl(open("/dev/null", O_RDWR | O_CLOEXEC), F_DUPFD, 500);
 }
 
-TEST(XLIBCProcForkEx, GivesTheChildItsState) {
+TEST(XLIBCProcForkEx, ResetsTheStateOfTheChild) {
     EXPECT_EQ(InChild([] {
-                  BecomeLikeTheDaemon();
+                  TakeOnTheStateOfTheDaemon();
                   const pid_t child = XLIBCProcForkEx(71);
                   if (child == 0)
-                      _exit(WrongStateOfChild());
+                      _exit(WrongPropertyOfChild());
                   return ExitStatusOf(child);
               }),
               0);
 }
 
-// What a child sends to its process group, or a terminal does, reaches nobody else.
-TEST(XLIBCProcForkEx, LetsTheChildBeginASession) {
+// Signals of the child to its process group, or of a terminal, do not reach other processes.
+TEST(XLIBCProcForkEx, StartsASessionInTheChild) {
     EXPECT_EQ(InChild([] {
                   const pid_t child = XLIBCProcForkEx(71);
                   if (child == 0)
@@ -518,7 +518,7 @@ TEST(XLIBCProcForkEx, LetsTheChildBeginASession) {
               0);
 }
 
-TEST(XLIBCProcForkEx, TellsThatThereIsNoRoomForAChild) {
+TEST(XLIBCProcForkEx, FailsAtTheProcessLimit) {
     EXPECT_EQ(InChild([] {
                   const rlimit limit{0, 0};
                   if (setrlimit(RLIMIT_NPROC, &limit) != 0 || setuid(kOtherAccount) != 0)
@@ -528,9 +528,9 @@ TEST(XLIBCProcForkEx, TellsThatThereIsNoRoomForAChild) {
               0);
 }
 
-TEST(XLIBCProcForkEx, LeavesTheParentAsItIs) {
+TEST(XLIBCProcForkEx, LeavesTheParentUnchanged) {
     EXPECT_EQ(InChild([] {
-                  BecomeLikeTheDaemon();
+                  TakeOnTheStateOfTheDaemon();
                   const pid_t child = XLIBCProcForkEx(71);
                   if (child == 0)
                       _exit(42);
@@ -554,7 +554,7 @@ TEST(XLIBCExecv, StartsTheProgramWithDefaultSignals) {
     const TemporaryDirectory directory;
     const std::string file = directory.File("status");
     EXPECT_EQ(InChild([&file] {
-                  BecomeLikeTheDaemon();
+                  TakeOnTheStateOfTheDaemon();
                   signal(SIGHUP, SIG_IGN);
                   signal(SIGRTMAX, SIG_IGN);
                   std::string words[] = {"cp", "/proc/self/status", file};

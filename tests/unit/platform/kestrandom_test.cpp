@@ -81,8 +81,8 @@ TEST(KESTRandom, CoversTheWholeRangeOfItsType) {
     EXPECT_LT(negative, 650);
 }
 
-// A source that takes the remainder of a byte would come to more than 600 here. A fair one comes to
-// 59 and does not reach the limit in a thousand million runs.
+// Chi-square of a source that uses the remainder of a byte would exceed 600 here. That of a fair
+// source is 59 on average and does not reach the limit in a thousand million runs.
 TEST(KESTRandom, DrawsEachMinuteEquallyOften) {
     constexpr int draws = 60000;
     constexpr double expected = draws / 60.0;
@@ -94,10 +94,10 @@ TEST(KESTRandom, DrawsEachMinuteEquallyOften) {
     for (const int count : counts)
         chiSquare += (count - expected) * (count - expected) / expected;
     EXPECT_LT(chiSquare, 150);
-    EXPECT_GT(chiSquare, 5); // nor suspiciously even
+    EXPECT_GT(chiSquare, 5); // not suspiciously even
 }
 
-// A child has a copy of everything, but not of what it draws.
+// A child has a copy of the source, but draws other values.
 TEST(KESTRandom, DrawsDifferentlyInEachProcess) {
     KESTRandom random;
     random.random(0, 60);

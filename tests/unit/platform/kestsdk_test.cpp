@@ -107,7 +107,7 @@ TEST_F(MkdirTest, FailsWhenAnotherObjectExists) {
 TEST_F(MkdirTest, MakesParentsOnlyOnRequest) {
     EXPECT_EQ(Make("a/b", 0755, 0), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(Stands(directory_.File("a")));
+    EXPECT_FALSE(PathExists(directory_.File("a")));
     EXPECT_EQ(Make("a", 0755, 0), 0);
     EXPECT_EQ(Make("a/b", 0755, 0), 0);
 }
@@ -120,10 +120,10 @@ TEST_F(MkdirTest, FailsWithoutPermission) {
                   return Make("a", 0755) == -1 && errno == EACCES ? 0 : 2;
               }),
               0);
-    EXPECT_FALSE(Stands(directory_.File("a")));
+    EXPECT_FALSE(PathExists(directory_.File("a")));
 }
 
-// What the controller wrote is where it writes it, on a "/run" of the test's own.
+// The test has its own "/run", with the file that the controller writes.
 TEST(KESTVorldStatusGet, ReadsWhatTheControllerWrote) {
     struct Row {
         const char *content; // null: no file

@@ -6,7 +6,7 @@ namespace kest {
 
 namespace {
 
-TEST(StringExplode, GivesOnePieceMoreThanSeparators) {
+TEST(StringExplode, ReturnsOnePieceMoreThanSeparators) {
     struct Row {
         const char *text;
         const char *separator;

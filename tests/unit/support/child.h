@@ -1,4 +1,4 @@
-// Parts of a test that need a process of their own.
+// Code of a test that runs in a separate process.
 
 #ifndef TESTS_UNIT_SUPPORT_CHILD_H
 #define TESTS_UNIT_SUPPORT_CHILD_H
@@ -11,18 +11,18 @@ namespace kest {
 // An account other than root that every system has: nobody.
 constexpr uid_t kOtherAccount = 65534;
 
-// Forks a process that runs `body` and ends with its result as exit status, without any of this
-// program's own endings. An exception makes it 99.
+// Forks a process that runs `body` and exits with its result as status, without the exit handlers
+// of this program. The status after an exception is 99.
 pid_t StartChild(const std::function<int()> &body);
 
-// Waits for the child, or for any when `child` is -1; its exit status, or -1 when it was killed or
-// is no child of ours.
+// Waits for the child, or for any child if `child` is -1. Returns its exit status, or -1 if it was
+// killed or is not a child of this process.
 int ExitStatusOf(pid_t child);
 
-// Both: the exit status of a child that runs `body`.
+// Runs `body` in a child and returns the exit status of the child.
 int InChild(const std::function<int()> &body);
 
-// Calls `holds` until it is true or some seconds have passed; whether it came true.
+// Calls `holds` until it returns true or some seconds have passed. Returns whether it became true.
 bool Eventually(const std::function<bool()> &holds);
 
 } // namespace kest

@@ -1,4 +1,4 @@
-// The process-wide execution log that the job model writes to; here it is nobody's but the tests'.
+// The process-wide execution log that the job model writes to, in a directory of the tests.
 
 #include "tests/unit/support/execution_log.h"
 

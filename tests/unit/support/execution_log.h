@@ -1,4 +1,4 @@
-// Where the tests' execution log is.
+// The path of the execution log of the tests.
 
 #ifndef TESTS_UNIT_SUPPORT_EXECUTION_LOG_H
 #define TESTS_UNIT_SUPPORT_EXECUTION_LOG_H

@@ -50,7 +50,7 @@ mode_t ModeOf(const std::string &path) {
     return status.st_mode & 07777;
 }
 
-bool Stands(const std::string &path) {
+bool PathExists(const std::string &path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
 }

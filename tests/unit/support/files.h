@@ -19,7 +19,7 @@ public:
     const std::string &Path() const { return path_; }
     // The path of `name` inside the directory.
     std::string File(const std::string &name) const { return path_ + "/" + name; }
-    // The names of what stands in the directory, in byte order.
+    // The names in the directory, in byte order.
     std::vector<std::string> Names() const;
 
 private:
@@ -40,14 +40,14 @@ private:
 
 void WriteText(const std::string &path, const std::string &text);
 
-// The whole file; a failure of the test when it cannot be read.
+// The content of the file. The test fails if it cannot be read.
 std::string ReadText(const std::string &path);
 
 // The permission bits of `path`, links followed.
 mode_t ModeOf(const std::string &path);
 
-// Whether anything stands at `path`, be it a link that leads nowhere.
-bool Stands(const std::string &path);
+// Whether `path` exists, even as a dangling link.
+bool PathExists(const std::string &path);
 
 } // namespace kest
 

@@ -9,14 +9,14 @@
 
 namespace Json {
 
-// How a failed comparison shows a document.
+// Prints a document in the message of a failed comparison.
 void PrintTo(const Value &value, std::ostream *stream);
 
 } // namespace Json
 
 namespace kest {
 
-// The document in `text`; a failure of the test when it is none.
+// Parses the document in `text`. The test fails if it is not a document.
 Json::Value FromText(const std::string &text);
 
 } // namespace kest

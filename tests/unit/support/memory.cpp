@@ -32,7 +32,7 @@ NoMemoryInChildren::~NoMemoryInChildren() {
 
 } // namespace kest
 
-// The C library's own memory, which is what the standard's allocation functions are made of.
+// The allocation functions of C++, implemented by those of the C library.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc,hicpp-no-malloc)
 void *operator new(std::size_t size) {
     void *memory =
