@@ -15,7 +15,7 @@ def pytest_addoption(parser):
     parser.addoption("--sweep", default=24, type=int, help="how many faults are drawn")
     parser.addoption("--seed", default="1", help="which ones are drawn")
     parser.addoption("--faults", default="", help="a file of faults, one to a line, to try instead")
-    parser.addoption("--valgrind", action="store_true", help="look for leaks too")
+    parser.addoption("--valgrind", action="store_true", help="also check for memory leaks")
     parser.addoption("--coverage", default="", help="the build directory that takes line counts")
 
 

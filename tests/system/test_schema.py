@@ -209,7 +209,7 @@ def test_every_range_of_numbers(machine, ctl):
                 fields[field] = f"{before}{low}~{high}"
                 crontabs.append(" ".join(fields))
     good, bad = expect_agreement(machine, ctl, JOB_FILE, PKG, [{**FULL, "crontab": crontab} for crontab in crontabs])
-    # Valid are all pairs whose first number is not greater, alone and after a "~".
+    # All pairs whose first number is not greater are valid, alone and after a "~".
     assert good == sum(count * (count + 1) for count in (60, 24, 31, 12, 7))
     assert bad > good
 

@@ -30,7 +30,7 @@ def cycles(machine, count):
 
 
 def quiet(machine):
-    """Whether the daemon soon stops to reload. The counted runs may lag behind its cycles."""
+    """Whether the daemon soon stops reloading. The counted runs may lag behind its cycles."""
     cycles(machine, 2)
     for _ in range(4):
         before = machine.loads()

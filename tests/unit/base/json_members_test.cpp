@@ -23,7 +23,7 @@ TEST(Member, IsNullWhenItIsMissing) {
     }
 }
 
-TEST(HasMember, HoldsForAMemberOfAnyType) {
+TEST(HasMember, IsTrueForAMemberOfAnyType) {
     const Json::Value object = FromText(R"({"a": 1, "n": null})");
     EXPECT_TRUE(HasMember(object, "a"));
     EXPECT_TRUE(HasMember(object, "n"));

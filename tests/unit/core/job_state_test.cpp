@@ -77,7 +77,7 @@ TEST(JobState, HasItsNumbers) {
     EXPECT_EQ(static_cast<int>(JobState::AssureExecuteRun), 5);
 }
 
-TEST(TraitsOf, KnowsEachState) {
+TEST(TraitsOf, DescribesEachState) {
     struct Row {
         int number;
         const char *name;

@@ -294,7 +294,7 @@ TEST_F(JsonToFileTest, ReplacesBytesThatAreNotUtf8) {
     EXPECT_EQ(ReadBack(path_).getMemberNames(), FromText(R"({"a\ufffd": 0})").getMemberNames());
 }
 
-TEST_F(JsonToFileTest, MakesANewFileReadableByAll) {
+TEST_F(JsonToFileTest, CreatesNewFilesReadableByAll) {
     for (const mode_t mask : {0U, 022U, 077U}) {
         const Umask umask(mask);
         std::filesystem::remove(path_);

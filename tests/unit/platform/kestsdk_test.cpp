@@ -104,7 +104,7 @@ TEST_F(MkdirTest, FailsWhenAnotherObjectExists) {
     EXPECT_THAT(directory_.Names(), testing::ElementsAre("dangling", "file"));
 }
 
-TEST_F(MkdirTest, MakesParentsOnlyOnRequest) {
+TEST_F(MkdirTest, CreatesParentsOnlyOnRequest) {
     EXPECT_EQ(Make("a/b", 0755, 0), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_FALSE(PathExists(directory_.File("a")));

@@ -403,7 +403,7 @@ TEST(CheckJobFile, CompletesDefinitionsInAccountDirectories) {
                 ElementsAre("1:2 error name: \"name\" is missing (expected: a string)"));
 }
 
-TEST(CheckJobFile, GivesJobsTheirFullNames) {
+TEST(CheckJobFile, UsesFullJobNames) {
     struct NameRow {
         JobDirectory directory;
         const char *text;
