@@ -110,7 +110,7 @@ class Pair:
     def spans_of_the_agent(self, name):
         """From when to when the node was the active one by what its agent said, in seconds."""
         spans, open_since = [], None
-        for at, text in self.nodes[name].agent_says():
+        for at, text in self.nodes[name].agent_messages():
             if open_since is not None and text.startswith(("stopped", "started")):
                 spans.append((open_since, at, name))
                 open_since = None

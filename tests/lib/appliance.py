@@ -1,5 +1,5 @@
-"""The appliance that system tests run on: a private machine with accounts and a program that records
-its runs, and with short ways to install jobs and templates."""
+"""The appliance that system tests run on: a private machine with accounts, a program that records its
+runs, and shortcuts to install jobs and templates."""
 
 import json
 import platform
@@ -19,16 +19,16 @@ PERSISTENT_TEMPLATE = "/usr/kest/etc/kestcrond.st.config"
 RECORD = "/usr/local/bin/record"
 FIELDS = ["Minute", "hour", "day", "month", "week"]
 
-PSELECT = {"x86_64": "270", "aarch64": "72"}[platform.machine()]  # the number of the system call
+PSELECT = {"x86_64": "270", "aarch64": "72"}[platform.machine()]  # system call number
 
-# Writes who runs it, how, and with what arguments, one line a run, to a file named after the job.
+# Appends a line with its user, group and arguments to a file named after the job.
 RECORD_PROGRAM = """#!/bin/sh
 echo "$(id -un) $(id -gn) [$*]" >> "/tmp/ran/${0##*/}"
 """
 
 
 def is_arm(program):
-    """Whether it is a program of 32-bit ARM, which runs emulated."""
+    """Whether this is a program for 32-bit ARM, which runs under emulation."""
     return program.read_bytes()[16:20] == b"\x03\0\x28\0"
 
 
@@ -51,11 +51,11 @@ class Appliance(PrivateMachine):
         return self
 
     def is_sanitized(self):
-        """Whether the daemon runs under the address sanitizer, which takes memory of its own."""
+        """Whether the daemon is built with the address sanitizer, which needs additional memory."""
         return b"__asan_init" in self.daemon_binary.read_bytes()
 
     def jobs(self, source, file, definitions, account=None):
-        """Puts a job file into a source, for the fourth one into the account's directory."""
+        """Writes a job file to a source; the source "pkg_nonroot" needs an account, which gets a directory."""
         directory = SOURCES[source]
         if account:
             directory += "/" + account
@@ -69,16 +69,16 @@ class Appliance(PrivateMachine):
         self.chown(path, account)
 
     def template(self, crontab="~ ~ ~ ~ ~", **members):
-        """Puts a persistent schedule template in place."""
+        """Writes a saved schedule template."""
         config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab", "crontab": crontab}
         self.write(PERSISTENT_TEMPLATE, json.dumps({"config": config, **members}))
 
     def drawn(self, **fields):
-        """A schedule as it is stored, every value but those given."""
+        """A schedule as documents contain it; fields that are not given have the value -1 for "every"."""
         return {key: [fields.get(key, -1)] for key in FIELDS}
 
     def document(self, path="/run/kestcrond.config"):
-        """A JSON document; None when there is none."""
+        """A JSON document; None if the file is missing."""
         text = self.read(path)
         return json.loads(text) if text else None
 
@@ -87,7 +87,7 @@ class Appliance(PrivateMachine):
         return (self.document() or {}).get("jobs", {})
 
     def runs(self, job):
-        """What the runs of a job recorded."""
+        """The lines that the runs of a job recorded."""
         return self.read(f"/tmp/ran/{job}").splitlines()
 
     def wait_for_text(self, text, count=1, seconds=60):
@@ -95,16 +95,16 @@ class Appliance(PrivateMachine):
         wait_for(lambda: self.texts().count(text) >= count, seconds, f"{text!r} in {self.texts()}")
 
     def start_with_faults(self, *faults, path=None):
-        """Starts the daemon while system calls of it and its children fail, each fault written as
-        "CALL[,CALL]:error=NAME[:when=EXPRESSION]"; with a path only those that concern it.
-        Returns the exit status as the starter sees it."""
+        """Starts the daemon with failing system calls, also in its children. A fault has the form
+        "CALL[,CALL]:error=NAME[:when=EXPRESSION]"; with a path, only calls on this path fail.
+        Returns the exit status of the program that was started."""
         options = [word for fault in faults for word in ("-e", f"inject={fault}")]
         return self.start_traced("-o", "/dev/null", *options, *(["-P", path] if path else []))
 
     def start_traced(self, *options):
-        """Starts the daemon under strace with these options; returns as start() does."""
+        """Starts the daemon under strace with these options; returns the same as start()."""
         variables = [f"--env={name}={value}" for name, value in self.environment.items()]
-        # The tracer is no parent of the daemon. Leak detection would need to trace it itself.
+        # With -D the tracer is not the parent of the daemon. Leak detection is off: it needs ptrace itself.
         return self.popen(
             "/usr/bin/strace",
             "-D",
@@ -121,28 +121,28 @@ class Appliance(PrivateMachine):
         ).wait(60)
 
     def reload(self):
-        """Asks for a reload and waits until it is over."""
-        # A load that a change of the files has begun may have read them before they were complete.
+        """Requests a reload and waits for its end."""
+        # A load that was caused by a change may have read the files before they were complete.
         wait_for(self.is_between_cycles, what="the end of a cycle")
         before = self.loads(), self.saved()
         self.signal(signal.SIGHUP)
         wait_for(lambda: self.loads() > before[0] and self.saved() != before[1], what="a reload")
-        # It may have been one that the daemon had begun by itself: that which was asked for follows.
+        # This may have been a reload caused by a change; the requested one then follows.
         wait_for(self.is_between_cycles, what="the end of the reload")
 
     def is_between_cycles(self):
-        """Whether the daemon waits for its next cycle, which is the only thing it does by pselect()."""
+        """Whether the daemon waits for its next cycle, which is its only use of pselect()."""
         try:
             return self.proc(self.daemon_pid(), "syscall").read_text().split()[0] == PSELECT
         except (FileNotFoundError, ProcessLookupError):
             return False  # it has ended
 
     def loads(self):
-        """How many times the jobs were loaded so far."""
+        """The number of loads so far."""
         return len(self.messages("crondaemon", "info"))
 
     def saved(self):
-        """Tells one save of the runtime documents from the next: each makes new files."""
+        """A value that differs after each save of the runtime documents, because a save creates new files."""
         return self.path(self.RUNTIME_TEMPLATE).stat().st_ino
 
     def staged(self, job):
@@ -155,5 +155,5 @@ def every_minute(name, **members):
 
 
 def never(name, **members):
-    """A definition that is due on no day: the 31st of February."""
+    """A definition that is never due: on 31 February."""
     return every_minute(name, crontab="0 0 31 2 *", **members)

@@ -1,5 +1,5 @@
-"""A node of a cluster: a private machine with a network and a host name of its own, on which
-corosync, pacemaker and the resource agent can run."""
+"""A node of a cluster: a private machine with its own network and host name, on which corosync, Pacemaker
+and the resource agent can run."""
 
 import contextlib
 import ctypes
@@ -16,10 +16,10 @@ from tests.lib.private_machine import FAKETIME_LIBRARY, PrivateMachine, wait_for
 AGENT = TOP / "packaging/ocf/kestcrond"
 INSTALLED_AGENT = "/usr/lib/ocf/resource.d/kestcrond/kestcrond"
 CLONE_NEWUTS, CLONE_NEWNET = 0x04000000, 0x40000000
-RATE = 60  # to the daemon a minute takes a second; the cluster lives in real time
+RATE = 60  # the daemon's clock runs 60 times as fast; the cluster uses real time
 
-# Stands where the daemon is installed, gives it its fast clock, which goes on where it was when the
-# daemon is started again, and writes down each start in real time.
+# Installed in place of the daemon: records the real time of each start and starts the daemon with a fast
+# clock, which continues across restarts.
 STARTER = """#!/bin/sh
 now=$(date +%s.%N)
 echo "$now $*" >>/share/starts
@@ -28,7 +28,7 @@ export LD_PRELOAD='{library}' NO_FAKE_STAT=1 FAKETIME="@$clock x{rate}"
 exec {daemon} "$@"
 """
 
-# A job's program: writes the real time of its run to a file named after the job.
+# The program of the jobs: appends the real time of its run to a file named after the job.
 RECORD = "/usr/local/bin/record"
 RECORD_PROGRAM = """#!/bin/sh
 unset LD_PRELOAD FAKETIME
@@ -62,7 +62,7 @@ logging {{
 
 @contextlib.contextmanager
 def fresh_namespaces():
-    """What is started within has a network and a host name of its own."""
+    """Processes started in this context have their own network and host name."""
     libc = ctypes.CDLL(None, use_errno=True)
     before = [os.open(f"/proc/thread-self/ns/{kind}", os.O_RDONLY) for kind in ("net", "uts")]
     if libc.unshare(CLONE_NEWNET | CLONE_NEWUTS) == -1:
@@ -77,16 +77,16 @@ def fresh_namespaces():
 
 
 class Node(PrivateMachine):
-    """A node called `name`; what its jobs record goes to the directory `shared`."""
+    """A node called `name`; its jobs write their records to the directory `shared`."""
 
-    # The name of the process is that of this file; DAEMON itself belongs to STARTER.
+    # The process has the name of this file. The path STARTED belongs to STARTER.
     DAEMON = "/usr/local/sbin/kestcrond"
     STARTED = "/usr/sbin/kestcrond"
 
     def __init__(self, daemon, name, shared):
         super().__init__(daemon, shared)
         self.name = name
-        self.killed = None  # when it was
+        self.killed = None  # the time of kill()
 
     def __enter__(self):
         with fresh_namespaces():
@@ -103,7 +103,7 @@ class Node(PrivateMachine):
         return [nsenter, "--net", "--uts", *rest]
 
     def set_clock(self, clock, begin):
-        """The daemon's clock stands at `clock` when the real one stands at `begin`."""
+        """Sets the clock of the daemon: it shows `clock` at the real time `begin`."""
         seconds = int(subprocess.check_output(["date", "-d", clock, "+%s"]))
         self.write(
             self.STARTED,
@@ -123,7 +123,7 @@ class Node(PrivateMachine):
         self.write("/usr/kest/etc/kestcrond.st.config", json.dumps({"config": config, "maxDelay": max_delay}))
 
     def runs(self, job):
-        """When the job ran here, in real time."""
+        """The real times at which the job ran on this node."""
         try:
             return [float(line) for line in (Path(self.shared) / f"pkg-pair-{job}").open()]
         except FileNotFoundError:
@@ -147,8 +147,8 @@ class Node(PrivateMachine):
         self.run(self.STARTED, *options, check=True)
         wait_for(self.daemon_pid, what="the daemon")
 
-    def agent_says(self):
-        """What the agent wrote to the system log: (second, text)."""
+    def agent_messages(self):
+        """The messages of the agent in the system log: (second, text)."""
         self._drain()
         form = re.compile(r"<\d+>(\w+ +\d+ [\d:]+) kestcrond\(kestcrond\)\[\d+\]: +\w+: (.*)")
         lines = [form.match(datagram) for datagram in list(self._datagrams)]
@@ -156,7 +156,7 @@ class Node(PrivateMachine):
         return [(time.mktime(time.strptime(year + line[1], "%Y %b %d %H:%M:%S")), line[2]) for line in lines if line]
 
     def modes(self):
-        """The mode of each running process of the daemon, the daemon itself and its children."""
+        """The mode of the daemon and of each of its children, by pid."""
         modes = {}
         try:
             for entry in os.listdir(self.root / "proc"):
@@ -167,7 +167,7 @@ class Node(PrivateMachine):
                             passive = b"--passive-mode" in words
                             modes[int(entry)] = "passive" if passive else "active"
         except OSError:
-            pass  # the machine is gone
+            pass  # the machine has ended
         return modes
 
     # --- The cluster -----------------------------------------------------------------------------
@@ -197,13 +197,12 @@ class Node(PrivateMachine):
         self.popen("/bin/sh", "-c", "until corosync-cfgtool -s; do sleep 0.2; done; " "exec pacemakerd", **quiet)
 
     def cluster(self, *command):
-        """Runs a command of the cluster's and returns what it says; empty when it fails."""
+        """Runs a command of the cluster and returns its output; an empty text if it fails."""
         result = self.run(*command)
         return result.stdout if result.returncode == 0 else ""
 
     def status(self):
-        """Node name to the role of the daemon there: "Promoted", "Unpromoted" or another; only
-        those that are online."""
+        """The role of the daemon on each node that is online: "Promoted", "Unpromoted" or another."""
         text = self.cluster("/usr/sbin/crm_mon", "--one-shot", "--output-as=xml")
         online = re.findall(r'<node name="(\w+)"[^>]* online="true"', text)
         roles = dict.fromkeys(online, "")
@@ -215,7 +214,7 @@ class Node(PrivateMachine):
         return roles
 
     def kill(self):
-        """The node's sudden end: every process in it is killed at once."""
+        """Kills all processes of the node at once."""
         self.killed = time.time()
         os.kill(self.init, 9)
         self._unshare.wait()

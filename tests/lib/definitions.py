@@ -1,4 +1,4 @@
-"""Job definitions and job files by chance, good and bad ones, for tests that compare verdicts."""
+"""Random valid and invalid job definitions and job files, for tests that compare verdicts."""
 
 import json
 import random
@@ -9,7 +9,7 @@ GOOD = {"name": "x", "user": "root", "period": "daily", "cmd": RECORD}
 
 
 def damaged_files(seed):
-    """What files may hold that are no definitions any more, and some that still are."""
+    """Contents of damaged job files. Some of them are still valid."""
     chance = random.Random(seed)
     good = json.dumps([{**GOOD, "crontab": "* * * * *", "cmd_list": [RECORD, "\u00e4\n"]}], ensure_ascii=False).encode()
     special = [
@@ -41,8 +41,8 @@ def damaged_files(seed):
 
 
 class Definitions:
-    """Definitions by chance, the most of their members good. What is good here exists on the
-    appliance, so that nothing but the definition decides."""
+    """Random definitions, most of whose members are valid. The accounts and programs of the valid ones exist
+    on the appliance, so that the verdict depends on the definition alone."""
 
     MISSING = object()
     NUMBERS = [("0", "59", "60"), ("3", "23", "24"), ("1", "31", "32"), ("1", "12", "13"), ("0", "6", "7")]

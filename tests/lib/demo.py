@@ -1,7 +1,7 @@
 """The demonstration: the real daemon on a private machine whose clock runs 60 times as fast.
 
 Everything shown is read from the daemon's documents and logs and from what the jobs wrote. The exit
-status is 0 if all CHECKS came true.
+status is 0 if all CHECKS passed.
 
 Usage: python3 -m tests.lib.demo DAEMON
 """
@@ -25,7 +25,7 @@ PASSIVE_START = "2026-05-24 10:30:20"
 ACTIVE_START = "2026-06-02 01:55:20"
 TOP_OF_HOUR = "02:00"
 LAST_MINUTE = "02:20"
-MAX_DELAY = 5  # seconds between two starts; with more, those of one minute would mix with the next
+MAX_DELAY = 5  # seconds between two starts; with more, the starts of two minutes would overlap
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 DROPPED_IN = "usr/local/etc/kestcron_nonroot.d/weather/storm.conf"
@@ -50,8 +50,8 @@ CHECKS = {
     "assured": "the overdue assured job ran once, without being due",
     "redrawn": "the minutes were redrawn at the full hour",
     "dropped": "the added job file was loaded and its job ran",
-    "told": "kestcronctl showed every job, and that the daemon runs",
-    "stopped": "clean stop: process ended, pid file gone, documents written",
+    "shown": "kestcronctl showed every job and the running daemon",
+    "stopped": "clean stop: process ended, pid file removed, documents saved",
     "root": "jobs of the class root ran as root",
     "system": "jobs of the class system ran as system",
     "package": "jobs of the class package ran as their packages' accounts",
@@ -74,7 +74,7 @@ def heading(text):
     print("\n" + paint(BOLD, f"── {text} ".ljust(79, "─")))
 
 
-# --- What the logs hold --------------------------------------------------------------------------
+# --- The logs -----------------------------------------------------------------------------------
 
 START_FORM = re.compile(r"\d+-\d+-\d+T([\d:]{8})\S+ running job: (\S+) with command: .* as user (\S+) \((.*)\)")
 
@@ -94,7 +94,7 @@ class Start(NamedTuple):
         return match and cls(*match.groups()[:3], dict(re.findall(r"(\w+)\[([^]]*)\]", match[4])))
 
     def is_last(self):
-        """Whether this is the last of those that were launched together."""
+        """Whether this is the last of the jobs that were launched together."""
         rank, launched = self.note.get("job", "1/1").split("/")
         return rank == launched
 
@@ -153,7 +153,7 @@ def is_drawn(config):
 
 
 def shares_minute(config):
-    """Whether the job runs in the minute that all jobs share."""
+    """Whether the job runs in the minute of the schedule template."""
     return config["period"][0] != "c" or config["crontab"].startswith("~ ")
 
 
@@ -165,7 +165,7 @@ def account_of(config):
 
 
 class Appliance(PrivateMachine):
-    """A machine with the example jobs on it and one clock for all its processes."""
+    """A machine with the example jobs and one clock for all processes."""
 
     def furnish(self):
         for name, uid in ACCOUNTS.items():
@@ -184,7 +184,7 @@ class Appliance(PrivateMachine):
         self.write(inside, source.read_bytes(), source.stat().st_mode & 0o777)
 
     def set_clock(self, start):
-        """Starts a clock that the daemon and its jobs, of whatever account, read together."""
+        """Starts a clock that the daemon and all jobs share, whatever their accounts."""
         self.clock(start)
         for name in ("FAKETIME_SHARED", "FAKETIME_DONT_RESET"):
             self.environment.pop(name, None)
@@ -208,7 +208,7 @@ class Appliance(PrivateMachine):
         return self.document(inside).get("jobs", {})
 
     def version(self, inside):
-        """Changes whenever the file is written anew."""
+        """A value that changes whenever the file is replaced; None if the file is missing."""
         if not self.exists(inside):
             return None
         status = self.path(inside).stat()
@@ -225,7 +225,7 @@ class Appliance(PrivateMachine):
         return [Record(*line.split(" ", 3)) for line in self.read(JOB_LOG).splitlines()]
 
 
-# --- The show ------------------------------------------------------------------------------------
+# --- The demonstration --------------------------------------------------------------------------
 
 
 class Show:
@@ -235,12 +235,12 @@ class Show:
         self.starts = []
 
     def follow(self, condition, seconds, what):
-        """Shows the starts as they come until `condition()` is true, and returns its value."""
+        """Shows new starts until `condition()` is true, and returns its value."""
         end = time.monotonic() + seconds
         while not (value := condition()):
             self.show_new_starts()
             if not self.appliance.daemon_pid():
-                raise Deadline("the daemon has ended by itself")
+                raise Deadline("the daemon has ended unexpectedly")
             if time.monotonic() > end:
                 raise Deadline(f"{what}: not within {seconds} seconds")
             time.sleep(0.02)
@@ -259,18 +259,18 @@ class Show:
 
     def run(self):
         self.appliance.furnish()
-        self.stand_by()
+        self.run_passive()
         self.start()
         self.pass_the_hour()
         self.drop_a_file_in()
         self.follow(
             lambda: self.starts[-1].clock > LAST_MINUTE and self.starts[-1].is_last(), 45, f"the minute {LAST_MINUTE}"
         )
-        self.ask()
+        self.show_tool()
         self.stop()
         self.await_last_jobs()
 
-    def stand_by(self):
+    def run_passive(self):
         heading(f"{PASSIVE_START[:10]}: a new machine is passive (--passive-mode)")
         self.appliance.set_clock(PASSIVE_START)
         self.appliance.start_and_wait("--passive-mode")
@@ -278,7 +278,7 @@ class Show:
         self.appliance.stop()
         # A start has no rank when nothing else was launched with it.
         self.came_true["passive"] = all(start.job == PASSIVE_JOB and "job" not in start.note for start in self.starts)
-        print(paint(DIM, "  Stopped. Then it is switched off for nine days."))
+        print(paint(DIM, "  Stopped. The machine is then off for nine days."))
 
     def start(self):
         heading(f"{ACTIVE_START[:10]}: the machine becomes active, its clock runs fast")
@@ -292,13 +292,12 @@ class Show:
             **{name: job["schedule"] for name, job in jobs.items()},
         }
         self.show_jobs()
-        heading("what starts: time, job, account, state, rank, delay")
+        heading("starts: time, job, account, state, rank, delay")
         print(
             paint(
                 DIM,
-                "  Ready: its minute has come. AssureExecute: it has not run for too "
-                "long.\n  2/5: the second of five that start together, each "
-                f"{MAX_DELAY} s after the one before.\n",
+                "  Ready: the job is due. AssureExecute: the job is overdue.\n"
+                f"  2/5: the second of five jobs launched together, which start {MAX_DELAY} s apart.\n",
             )
         )
 
@@ -315,8 +314,8 @@ class Show:
         print(
             paint(
                 DIM,
-                "  ~ drawn at random. Shared by all jobs that it fits: minute {Minute}, "
-                "hour {hour},\n    day {day}, month {month}, weekday {0}.".format(WEEKDAYS[shared["week"]], **shared),
+                "  ~ drawn at random. Jobs share the drawn values where possible: minute {Minute},\n"
+                "    hour {hour}, day {day}, month {month}, weekday {0}.".format(WEEKDAYS[shared["week"]], **shared),
             )
         )
 
@@ -337,7 +336,7 @@ class Show:
         shared = all(
             after[name]["Minute"] == new for name, job in appliance.jobs().items() if shares_minute(job["config"])
         )
-        # One draw in sixty is what it was before; that of all jobs together hardly ever is.
+        # A single redraw yields the same minute in one of sixty cases; all of them together hardly ever do.
         self.came_true["redrawn"] = clock[:5] == TOP_OF_HOUR and before != after and shared
 
     def drop_a_file_in(self):
@@ -345,20 +344,20 @@ class Show:
         self.appliance.install(DROPPED_IN)
         self.follow(lambda: DROPPED_IN_JOB in self.appliance.jobs(), 15, "the new job's loading")
         job = self.appliance.jobs()[DROPPED_IN_JOB]
-        self.event(f"picked up: {DROPPED_IN_JOB}, {in_words(job['schedule'])}")
+        self.event(f"loaded: {DROPPED_IN_JOB}, {in_words(job['schedule'])}")
         self.follow(lambda: self.starts_of(DROPPED_IN_JOB), 15, "the new job's start")
 
-    def ask(self):
-        """What the operator's tool has to say at this moment."""
-        told = {}
+    def show_tool(self):
+        """Shows the output of kestcronctl at this moment."""
+        shown = {}
         for command in ("status", "list", "next -n 8", "timeline --hours 6", "log -n 3"):
             result = self.appliance.run("kestcronctl", *command.split(), env={"LC_ALL": "C.UTF-8"})
-            told[command] = result.stdout
+            shown[command] = result.stdout
             print(paint(YELLOW, f"\n  $ kestcronctl {command}"))
             print(textwrap.indent(result.stdout, "  "), end="")
         print()
-        self.came_true["told"] = "running as process" in told["status"] and all(
-            job in told["list"] for job in self.appliance.jobs()
+        self.came_true["shown"] = "running as process" in shown["status"] and all(
+            job in shown["list"] for job in self.appliance.jobs()
         )
 
     def starts_of(self, job):
@@ -374,7 +373,9 @@ class Show:
         kept = appliance.jobs(PERSISTENT_FILE)
         complete = kept.keys() == appliance.jobs().keys() and DROPPED_IN_JOB in kept
         gone = not appliance.exists(appliance.PID_FILE)
-        self.event(f"ended; pid file {'gone' if gone else 'still there'}, " f"{len(kept)} jobs kept for the next start")
+        self.event(
+            f"ended; pid file {'removed' if gone else 'still present'}, {len(kept)} jobs saved for the next start"
+        )
         self.came_true["stopped"] = written and complete and gone
 
     def await_last_jobs(self):
@@ -405,7 +406,7 @@ class Show:
 
     def summarise(self):
         self.check_runs()
-        heading("what the programs wrote: runs, job, account (id -un), last line")
+        heading("output of the programs: runs, job, account (id -un), last line")
         latest = {record.job: record for record in self.appliance.records()}
         runs = Counter(record.job for record in self.appliance.records())
         for name, record in sorted(latest.items()):
@@ -420,13 +421,13 @@ class Show:
 
 def main():
     sys.stdout.reconfigure(encoding="utf-8", line_buffering=True)
-    for number in (signal.SIGTERM, signal.SIGINT):  # the machine must not be left behind
+    for number in (signal.SIGTERM, signal.SIGINT):  # end the private machine too
         signal.signal(number, lambda *_: sys.exit("demo: ended early"))
     with Appliance(sys.argv[1]) as appliance:
         show = Show(appliance)
         try:
             show.run()
-        except Exception as error:  # the summary shows how far the demonstration came
+        except Exception as error:  # the summary shows how far the demonstration got
             print(paint(RED, f"  ✗ {type(error).__name__}: {error}"))
         show.summarise()
         return 0 if all(show.came_true.values()) else 1

@@ -1,5 +1,5 @@
-"""Appliances by chance: what lies on them, and what happens to them. Most of it is as it should be,
-some of it odd, some of it broken; each follows from its number and a seed alone."""
+"""Random appliances: their files, and a script of changes and restarts. Most files are valid, some are unusual,
+some are broken. A seed and a number determine the whole appliance."""
 
 import copy
 import datetime
@@ -18,18 +18,18 @@ MISSING = object()
 
 
 class Raw(str):
-    """A piece of JSON as it stands in the file."""
+    """JSON text that is written unchanged."""
 
 
 class Members(list):
-    """An object as pairs of names and values, so that a name may come twice."""
+    """An object as pairs of names and values, so that a name can occur twice."""
 
 
 # --- JSON ----------------------------------------------------------------------------------------
 
 
 class Writer:
-    """Writes JSON in one of the ways in which people and programs write it."""
+    """Writes JSON in one of several common styles."""
 
     def __init__(self, chance):
         self.indent = chance.choice([None, None, "  ", "    ", "\t"])
@@ -38,7 +38,7 @@ class Writer:
         self.comments = chance.random() < 0.05
 
     def write(self, value, depth=0):
-        """The bytes of a value; of a text in bytes, whatever these are, they stand in quotes."""
+        """Returns the bytes of a value. A text given as bytes is quoted but not escaped."""
         if isinstance(value, Raw):
             return value.encode("utf-8", "surrogateescape")
         if isinstance(value, bytes):
@@ -62,7 +62,7 @@ class Writer:
             return b'"' + text + b'"'
         try:
             return json.dumps(text, ensure_ascii=self.escapes).encode("utf-8", "surrogateescape")
-        except UnicodeEncodeError:  # half of a character
+        except UnicodeEncodeError:  # a lone surrogate
             return json.dumps(text).encode()
 
     def between(self, begin, pieces, end, depth):
@@ -74,7 +74,7 @@ class Writer:
 
 
 def parsed(text):
-    """The value of a document, real numbers as they stand; MISSING when it is none."""
+    """The value of a document, with its real numbers unchanged; MISSING if it is not valid JSON."""
     try:
         return json.loads(text, strict=False, parse_float=Raw, parse_constant=Raw)
     except (ValueError, RecursionError):
@@ -150,7 +150,7 @@ def odd_value(chance):
     return copy.deepcopy(chance.choice(ODD))
 
 
-def broken(chance, good):
+def damaged(chance, good):
     """The content of a file that is not a JSON document, or an unusual one."""
     special = [
         b"",
@@ -201,7 +201,7 @@ def broken(chance, good):
 
 
 class Definitions:
-    """Definitions of one appliance, many of which are due in the minutes around its present."""
+    """Definitions of one appliance. Many are due in the minutes after it starts."""
 
     NAMES = ["a", "b", "c", "backup", "report", *(f"j{number}" for number in range(1, 16))]
     ODD_NAMES = [
@@ -255,7 +255,7 @@ class Definitions:
         self.local = local
 
     def one(self):
-        """A definition, or what somebody took for one."""
+        """Returns a definition, or sometimes a value of another type."""
         chance = self.chance
         if chance.random() < 0.03:
             return odd_value(chance)
@@ -268,7 +268,7 @@ class Definitions:
                 chance.choice(["comment", "x", "version", "", "\u00e4", "schedule", "startup", "cmd_str", "zero\0byte"])
             ] = odd_value(chance)
         if chance.random() < 0.1:
-            self.break_it(definition)
+            self.damage(definition)
         if chance.random() < 0.2:
             return self.shuffled(definition)
         return definition
@@ -300,7 +300,7 @@ class Definitions:
             return {"period": self.chance.choice(["hourly", "daily", "Weekly", "month", "monday", "H", "d", "w", "m"])}
         return {"period": self.chance.choice(["crontab"] * 5 + ["Cron", "c", "crontabs"]), "crontab": self.crontab()}
 
-    # Of the items of a field. A list of many takes more than one line in a document.
+    # Numbers of items in a field. A long list takes more than one line in a document.
     COUNTS = [1] * 9 + [2] * 3 + [4] * 2 + [30]
 
     def crontab(self):
@@ -432,7 +432,7 @@ class Definitions:
         if chance.random() < 0.3:
             definition["run_on_passive"] = chance.choice([True, True, False, None, 0, 7, Raw("1.5")])
 
-    def break_it(self, definition):
+    def damage(self, definition):
         chance = self.chance
         member = chance.choice(
             [
@@ -461,28 +461,28 @@ class Definitions:
         return Members(pairs)
 
     def change(self, definition):
-        """The definition with one thing otherwise, or the same in other words."""
+        """Returns the definition with one change, which may be only in its notation."""
         chance = self.chance
         if not isinstance(definition, (dict, Members)) or not definition:
             return self.one()
         pairs = list(definition.items() if isinstance(definition, dict) else definition)
         at = pairs.index(some_member(chance, pairs))
         name, value = pairs[at]
-        deed = chance.random()
-        if deed < 0.15:
+        action = chance.random()
+        if action < 0.15:
             pairs.pop(at)
-        elif deed < 0.35:
+        elif action < 0.35:
             pairs.append(
                 (
                     chance.choice(["added", "assure_execute", "run_on_passive", "comment", "assure_execute_action"]),
                     chance.choice([0, 1, Raw("0.0"), Raw("0.0"), "run", "wait", False, odd_value(chance)]),
                 )
             )
-        elif deed < 0.5:
-            pairs[at] = (name, same_but_written_otherwise(chance, value))
-        elif deed < 0.6:
+        elif action < 0.5:
+            pairs[at] = (name, same_in_another_notation(chance, value))
+        elif action < 0.6:
             pairs[at] = (name, odd_value(chance))
-        elif deed < 0.7:
+        elif action < 0.7:
             chance.shuffle(pairs)
         else:
             fresh = {**self.times(), **self.command()}
@@ -491,13 +491,13 @@ class Definitions:
 
 
 def some_member(chance, pairs):
-    """Picks a pair of name and value. Half of the time its value is not a text, if there is one."""
+    """Picks a pair of name and value; with a chance of one half, only from the values that are not texts."""
     others = [pair for pair in pairs if not isinstance(pair[1], str) or isinstance(pair[1], Raw)]
     return chance.choice(others if others and chance.random() < 0.5 else pairs)
 
 
-def same_but_written_otherwise(chance, value):
-    """A value that a careless comparison takes for the same."""
+def same_in_another_notation(chance, value):
+    """A value that a careless comparison takes for equal."""
     if value is None or value is False or value == 0:
         return chance.choice([0, Raw("0.0"), Raw("0.0"), Raw("-0"), Raw("-0.0"), False, None, "", [], {}])
     if value is True:
@@ -517,20 +517,20 @@ def same_but_written_otherwise(chance, value):
 
 
 class Editor:
-    """Changes documents that a daemon has saved, as time, people and broken disks do."""
+    """Changes saved documents as the passage of time, people and broken disks do."""
 
     def __init__(self, seed, now):
         self.chance = random.Random(seed)
         self.now = now
 
     def edit(self, text, is_template):
-        """The bytes of the document `text` after all of it."""
+        """Returns the bytes of the changed document `text`."""
         good = text.encode("utf-8", "surrogateescape")
         if self.chance.random() < 0.08:
-            return broken(self.chance, good)
+            return damaged(self.chance, good)
         document = parsed(text)
         if not isinstance(document, dict):
-            return broken(self.chance, good)
+            return damaged(self.chance, good)
         if is_template:
             self.edit_template(document)
         else:
@@ -559,43 +559,43 @@ class Editor:
 
     def edit_job(self, jobs, name):
         chance = self.chance
-        deed = chance.random()
-        if deed < 0.03:
+        action = chance.random()
+        if action < 0.03:
             jobs[name] = self.value()
-        elif deed < 0.06:
+        elif action < 0.06:
             jobs[chance.choice([name + "x", "builtin-gone-x", "pkg_nonroot-alice-a-b", "", name[:-1]])] = jobs.pop(
                 name, None
             )
-        elif deed < 0.08:
+        elif action < 0.08:
             jobs[chance.choice([name + "\0x", name + "\0", name.upper()])] = copy.deepcopy(jobs.get(name))
-        elif deed < 0.1:
+        elif action < 0.1:
             jobs[name] = jobs[chance.choice(list(jobs))] if jobs else {}
-        elif deed < 0.12:
+        elif action < 0.12:
             jobs.pop(name, None)
         elif isinstance(jobs.get(name), dict):
             self.edit_entry(jobs[name])
 
     def edit_entry(self, entry):
         chance = self.chance
-        deed = chance.random()
-        if deed < 0.28:
+        action = chance.random()
+        if action < 0.28:
             self.edit_schedule(entry)
-        elif deed < 0.56:
+        elif action < 0.56:
             entry[chance.choice(["lastExecution", "startup", "expireTime"])] = self.time()
-        elif deed < 0.63:
+        elif action < 0.63:
             entry[chance.choice(["cmd_list", "cmd_str", "schedule", "config"])] = self.value()
-        elif deed < 0.7:
+        elif action < 0.7:
             entry.pop(
                 chance.choice(["lastExecution", "startup", "expireTime", "cmd_list", "cmd_str", "schedule", "config"]),
                 None,
             )
-        elif deed < 0.87:
+        elif action < 0.87:
             entry[chance.choice(["note", "a", "zz", "", "\u00e4", "zero\0byte"])] = self.value()
         elif isinstance(entry.get("config"), dict):
             self.edit_config(entry["config"])
 
     def time(self):
-        """What may be taken for a time, or not."""
+        """A time, valid or not."""
         now = self.now
         return self.chance.choice(
             [
@@ -637,11 +637,11 @@ class Editor:
         name = "added"
         if config and chance.random() < 0.9:
             name = some_member(chance, list(config.items()))[0]
-        deed = chance.random()
-        if deed < 0.35:
+        action = chance.random()
+        if action < 0.35:
             config.pop(name, None)
-        elif deed < 0.65:
-            config[name] = same_but_written_otherwise(chance, config.get(name))
+        elif action < 0.65:
+            config[name] = same_in_another_notation(chance, config.get(name))
         else:
             config[name] = self.value()
 
@@ -691,7 +691,7 @@ class Editor:
 
 
 class JobFile:
-    """A job file: its path, and what is in it."""
+    """A job file: its path and its definitions."""
 
     def __init__(self, path, definitions, is_single):
         self.path = path
@@ -701,12 +701,12 @@ class JobFile:
     def content(self, chance):
         value = self.definitions[0] if self.is_single else self.definitions
         text = Writer(chance).write(value) + b"\n"
-        return broken(chance, text) if chance.random() < 0.04 else text
+        return damaged(chance, text) if chance.random() < 0.04 else text
 
 
 class GeneratedAppliance:
-    """What happens on an appliance: `steps`, tuples of the name of a method of Life and its
-    arguments, from the second `now` on, in the time of `zone`."""
+    """The script of an appliance: `steps` are tuples of the name of a method of Life and its arguments; they begin
+    at the second `now`, in the time zone `zone`."""
 
     FILES = [
         "a.conf",
@@ -745,7 +745,7 @@ class GeneratedAppliance:
         self.live()
 
     def moment(self):
-        """A moment of which little time is left until something is drawn anew, or any other."""
+        """A moment, often shortly before a redraw."""
         chance = self.chance
         day = datetime.datetime(2026, 6, 2) + datetime.timedelta(days=chance.randrange(400))
         minute = chance.choice([chance.randrange(24 * 60), chance.randrange(24) * 60 + 58, 23 * 60 + 58])
@@ -765,7 +765,7 @@ class GeneratedAppliance:
         moment = day + datetime.timedelta(minutes=minute, seconds=chance.randrange(60))
         return moment.replace(tzinfo=zoneinfo.ZoneInfo(self.zone))
 
-    # --- What happens ----------------------------------------------------------------------------
+    # --- Events ---------------------------------------------------------------------------------
 
     def live(self):
         chance = self.chance
@@ -829,10 +829,10 @@ class GeneratedAppliance:
                 )
             )
 
-    # --- What lies there -------------------------------------------------------------------------
+    # --- Files ----------------------------------------------------------------------------------
 
     def prepare(self):
-        """The programs, and the job files as they are at first."""
+        """Creates the programs and the first job files."""
         changes = [
             ("link", "/srv/link", WITNESS),
             ("link", "/srv/relative", "script"),
@@ -854,7 +854,7 @@ class GeneratedAppliance:
             changes += self.large_file()
         if self.kind == "crowded":
             changes += self.crowd()
-        changes += self.odd_places()
+        changes += self.misplaced_objects()
         self.steps.append(("change", changes))
 
     def place(self):
@@ -876,7 +876,7 @@ class GeneratedAppliance:
         return self.written(file)
 
     def large_file(self):
-        """A file of many jobs that have much to say."""
+        """A file with many jobs, some with long definitions."""
         chance = self.chance
         path = self.place()
         count = chance.choice([40, 150, 400])
@@ -895,7 +895,7 @@ class GeneratedAppliance:
         return self.written(file)
 
     def crowd(self):
-        """More jobs of one account in every minute than may wait for their starts."""
+        """More jobs of one account, due in every minute, than may wait for their starts at a time."""
         many = [
             {"name": f"n{number}", "user": "package", "period": "crontab", "crontab": "* * * * *", "cmd": WITNESS}
             for number in range(40)
@@ -913,8 +913,8 @@ class GeneratedAppliance:
             ("write", file.path, file.content(self.chance), 0o644, account),
         ]
 
-    def odd_places(self):
-        """What does not belong among job files, now and then."""
+    def misplaced_objects(self):
+        """Now and then, objects that do not belong among job files."""
         chance = self.chance
         top = SOURCES["pkg_nonroot"]
         return [
@@ -937,7 +937,7 @@ class GeneratedAppliance:
         ]
 
     def first_documents(self):
-        """What an earlier run has saved, as far as it can be told without one."""
+        """Saved documents as an earlier run might have left them."""
         chance = self.chance
         changes = []
         if chance.random() < 0.6 and self.kind != "crowded":
@@ -965,7 +965,7 @@ class GeneratedAppliance:
             self.steps.append(("change", changes))
 
     def entries(self):
-        """The entries of the jobs in the files, nearly as the daemon would have saved them."""
+        """The entries of the jobs in the files, almost as the daemon would have saved them."""
         chance = self.chance
         entries = {}
         for file in self.files.values():
@@ -995,7 +995,7 @@ class GeneratedAppliance:
         return entries
 
     def change(self):
-        """What an operator or a package does to the job files."""
+        """Changes job files as an operator or a package does."""
         chance = self.chance
         changes = []
         for _ in range(chance.choice([0, 1, 1, 2, 3])):
@@ -1033,16 +1033,16 @@ class GeneratedAppliance:
         if not self.files or chance.random() < 0.2:
             return self.fresh_file()
         file = self.files[chance.choice(list(self.files))]
-        deed = chance.random()
-        if deed < 0.15:
+        action = chance.random()
+        if action < 0.15:
             del self.files[file.path]
             return [("remove", file.path)]
-        if deed < 0.3 and file.definitions:
+        if action < 0.3 and file.definitions:
             file.definitions.pop(chance.randrange(len(file.definitions)))
             file.is_single = file.is_single and bool(file.definitions)
-        elif deed < 0.45:
+        elif action < 0.45:
             file.definitions.append(self.definitions.one())
-        elif deed < 0.9 and file.definitions:
+        elif action < 0.9 and file.definitions:
             at = chance.randrange(len(file.definitions))
             file.definitions[at] = self.definitions.change(file.definitions[at])
         return self.written(file)

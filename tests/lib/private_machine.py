@@ -1,10 +1,8 @@
-"""A private machine: the real program on its real paths, without touching the system it runs on.
+"""A private machine: the real program with its real paths, without any change to the system.
 
 A private machine is a mount and process namespace. Its root is an overlay of the root of the system, so
-files written in it vanish with it; "/tmp", "/run", "/var/log" and "/dev" are empty at the start, and a
+files written in it disappear with it; "/tmp", "/run", "/var/log" and "/dev" are empty at the start, and a
 listener receives messages to "/dev/log". Needs root.
-
-The tests and the demonstration are built on this module.
 """
 
 import ctypes
@@ -20,8 +18,9 @@ import time
 from pathlib import Path
 
 FAKETIME_LIBRARY = "/usr/$LIB/faketime/libfaketime.so.1"  # as the loader of each program finds it
-SO_RCVBUFFORCE = 33  # the module does not name it
-CLONE_NEWNET = 0x40000000  # nor this one
+# Constants that the modules do not define.
+SO_RCVBUFFORCE = 33
+CLONE_NEWNET = 0x40000000
 
 # Runs inside the new namespaces, as process 1.
 SETUP = r"""
@@ -54,7 +53,7 @@ umount -l /mnt
 exec /usr/bin/python3 -c "$REAPER"
 """
 
-# Collects orphans like any process 1, and says when the machine is up.
+# Reaps orphans, as process 1 must, and reports that the machine is up.
 REAPER = r"""
 import os, signal
 signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGCHLD})
@@ -73,11 +72,11 @@ ERROR_TEXTS = {os.strerror(number) for number in range(1, 134)}
 
 
 class Deadline(Exception):
-    """What was waited for did not come in time."""
+    """An expected event did not happen in time."""
 
 
-def wait_for(condition, seconds=60, what="what was waited for"):
-    """Returns the first true value of `condition()`, asked again and again."""
+def wait_for(condition, seconds=60, what="the expected event"):
+    """Evaluates `condition()` until it is true, and returns its value."""
     end = time.monotonic() + seconds
     while True:
         value = condition()
@@ -89,8 +88,8 @@ def wait_for(condition, seconds=60, what="what was waited for"):
 
 
 def socket_for_many():
-    """A datagram socket that takes many messages before anybody reads one, so that no sender waits
-    for a busy machine. How many is up to the network namespace in which a socket is made."""
+    """A datagram socket with a long queue, so that senders do not wait on a busy machine. The length is a
+    setting of the network namespace in which the socket is created."""
     made = []
 
     def make():
@@ -113,14 +112,14 @@ class Message:
     def __init__(self, datagram):
         match = self.FORM.fullmatch(datagram)
         if match is None:
-            raise ValueError(f"no system log line: {datagram!r}")
+            raise ValueError(f"not a line of the system log: {datagram!r}")
         number, self.stamp, self.program, self.tag, line, self.text = match.groups()
         self.priority = PRIORITIES.get(int(number) % 8, int(number) % 8)
         self.facility = int(number) // 8
         self.line = int(line) if line else None
 
     def plain(self):
-        """The text without the error in brackets that may follow it."""
+        """The text without the error in parentheses that may end it."""
         text, bracket, error = self.text.rpartition(" (")
         return text if bracket and error[:-1] in ERROR_TEXTS else self.text
 
@@ -129,7 +128,7 @@ class Message:
 
 
 class PrivateMachine:
-    """A machine; leaving its `with` block ends every process in it."""
+    """A private machine; leaving its `with` block kills all its processes."""
 
     DAEMON = "/usr/sbin/kestcrond"
     PID_FILE = "/run/kestcrond.pid"
@@ -138,14 +137,14 @@ class PrivateMachine:
     LOG_FILE = "/var/log/kestcrond-execute.log"
 
     def __init__(self, daemon, shared=""):
-        """`daemon` is the program's file outside; the directory `shared`, if any, is "/share"
-        inside, and what is written there stays."""
+        """`daemon` is the path of the program outside. The directory `shared`, if given, is "/share"
+        inside; files written there remain."""
         self.daemon_binary = Path(daemon)
         self.shared = shared
         self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         self._log = None
         self._datagrams = []
-        self._messages = []  # those of them that have been asked for
+        self._messages = []  # those of the datagrams that are parsed
         self._draining = threading.Lock()
 
     def __enter__(self):
@@ -186,12 +185,12 @@ class PrivateMachine:
     # --- Files -----------------------------------------------------------------------------------
 
     def path(self, inside):
-        """The path outside of a path inside. Absolute links would lead astray on the way, so the
-        one that every system has is followed here."""
+        """The outside path of a path inside. An absolute link on the way would lead out of the machine, so
+        the link /var/run, which every system has, is resolved here."""
         return self.root / re.sub("^/var/run/", "/run/", str(inside)).lstrip("/")
 
     def write(self, inside, content, mode=0o644, owner=None):
-        """Writes a file whole: under another name first, then moved into place."""
+        """Writes a file under another name and then moves it into place."""
         path = self.path(inside)
         path.parent.mkdir(parents=True, exist_ok=True)
         fresh = path.parent / f".{path.name[:200]}.fresh"
@@ -202,7 +201,7 @@ class PrivateMachine:
         fresh.rename(path)
 
     def read(self, inside):
-        """The text of a file; empty when there is none."""
+        """The text of a file; empty if the file is missing."""
         try:
             return self.path(inside).read_text(errors="surrogateescape")
         except FileNotFoundError:
@@ -216,12 +215,12 @@ class PrivateMachine:
         os.chown(path, uid, gid, follow_symlinks=False)
 
     def accounts(self):
-        """Account name to (uid, gid)."""
+        """(uid, gid) by account name."""
         entries = (line.split(":") for line in self.read("/etc/passwd").splitlines())
         return {entry[0]: (int(entry[2]), int(entry[3])) for entry in entries}
 
     def add_account(self, name, uid, groups=()):
-        """Adds an account with a group of its own, and of `groups` a member too."""
+        """Adds an account with its own group, as a member of `groups`."""
         with self.path("/etc/passwd").open("a") as passwd:
             passwd.write(f"{name}:x:{uid}:{uid}::/nonexistent:/usr/sbin/nologin\n")
         with self.path("/etc/group").open("a") as group:
@@ -248,7 +247,7 @@ class PrivateMachine:
         return subprocess.Popen(self._inside(command, env), **options)
 
     def _inside(self, command, env):
-        # The environment is set inside: a clock preloaded into nsenter would belong to the outside.
+        # The environment is set inside, so that the clock library is not preloaded into nsenter.
         variables = {**self.environment, **(env or {})}
         return [
             "nsenter",
@@ -264,7 +263,7 @@ class PrivateMachine:
         ]
 
     def processes(self):
-        """Pid to {"name", "state", "ppid"} of every process inside."""
+        """{"name", "state", "ppid"} of each process inside, by pid."""
         found = {}
         for entry in (self.root / "proc").iterdir():
             if not entry.name.isdigit():
@@ -284,8 +283,8 @@ class PrivateMachine:
     # --- The daemon ------------------------------------------------------------------------------
 
     def clock(self, start, rate=60, zone=None):
-        """From now on programs are started with a clock that begins at `start` and runs `rate`
-        times as fast; with rate 0 it stands still, while sleeps take their real time."""
+        """Sets the clock of programs that are started from now on: it begins at `start` and runs `rate`
+        times as fast. With rate 0 it stands still, and sleeps take their real time."""
         self.environment.update(
             LD_PRELOAD=FAKETIME_LIBRARY, NO_FAKE_STAT="1", FAKETIME=f"@{start} x{rate}" if rate else start
         )
@@ -293,7 +292,7 @@ class PrivateMachine:
             self.environment["TZ"] = zone
 
     def start(self, *arguments, env=None):
-        """Starts the daemon; returns its exit status as the starter sees it."""
+        """Starts the daemon; returns the exit status of the program that was started."""
         return self.run(self.DAEMON, *arguments, env=env).returncode
 
     def start_and_wait(self, *arguments, env=None):
@@ -304,17 +303,17 @@ class PrivateMachine:
         if status != 0:
             raise RuntimeError(f"the daemon did not start: status {status}")
         loaded = lambda: self.exists(self.RUNTIME_TEMPLATE)
-        wait_for(lambda: loaded() or not self.daemons(), what="the writing of runtime documents")
+        wait_for(lambda: loaded() or not self.daemons(), what="the runtime documents")
         if not loaded():
             raise RuntimeError(f"the daemon has ended: {self.messages(priority='err')[-3:]}")
         return self.daemon_pid()
 
     def daemons(self):
-        """The pids of the daemon and its children that have not become a job yet."""
+        """The pids of the daemon and of its children that do not run their program yet."""
         return [pid for pid, process in self.processes().items() if process["name"] == Path(self.DAEMON).name]
 
     def daemon_pid(self):
-        """The pid inside of the running daemon; 0 when there is none."""
+        """The inside pid of the running daemon; 0 if none runs."""
         text = self.read(self.PID_FILE).strip()
         pid = int(text) if text.isdigit() else 0
         return pid if pid in self.processes() else 0
@@ -322,12 +321,12 @@ class PrivateMachine:
     def signal(self, number, pid=None):
         pid = pid or self.daemon_pid()
         if not pid:
-            raise RuntimeError("there is no daemon to signal")
+            raise RuntimeError("the daemon does not run")
         name = signal.Signals(number).name.removeprefix("SIG")
         self.run("/usr/bin/kill", "-s", name, pid, check=True, env={"LD_PRELOAD": ""})
 
     def stop(self, seconds=60):
-        """Ends the daemon as an operator would and waits for its end."""
+        """Stops the daemon by SIGTERM and waits for its end."""
         pid = self.daemon_pid()
         self.signal(signal.SIGTERM, pid)
         wait_for(lambda: pid not in self.processes(), seconds, "the daemon's end")
@@ -343,7 +342,7 @@ class PrivateMachine:
         threading.Thread(target=self._drain_while_open, daemon=True).start()
 
     def close_system_log(self):
-        """Takes "/dev/log" away."""
+        """Removes "/dev/log"."""
         with self._draining:
             log, self._log = self._log, None
         if log is not None:
@@ -351,17 +350,17 @@ class PrivateMachine:
             log.close()
 
     def _drain_while_open(self):
-        # Programs must not wait for somebody to ask for messages; the socket takes only a few.
+        # Read continuously: the queue of the socket is limited, and programs must not wait for it.
         while self._drain():
             log = self._log
             try:
                 if log is not None:
                     select.select([log], [], [], 0.05)
-            except (OSError, ValueError):  # closed meanwhile
+            except (OSError, ValueError):  # closed in the meantime
                 pass
 
     def _drain(self):
-        """Takes in what has come so far; returns whether more can come."""
+        """Reads all waiting messages; returns False once the log is closed."""
         with self._draining:
             while self._log is not None:
                 try:
@@ -371,7 +370,7 @@ class PrivateMachine:
             return False
 
     def messages(self, tag=None, priority=None):
-        """What was written to the system log so far, in order."""
+        """The messages in the system log so far, in order."""
         self._drain()
         self._messages += map(Message, self._datagrams[len(self._messages) :])
         return [
@@ -379,11 +378,11 @@ class PrivateMachine:
         ]
 
     def texts(self, tag=None, priority="err"):
-        """The texts of messages without the error in brackets that may follow."""
+        """The texts of messages without the error in parentheses that may end them."""
         return [message.plain() for message in self.messages(tag, priority)]
 
     # --- The execution log -----------------------------------------------------------------------
 
     def log_lines(self):
-        """The lines that are whole: the last one may just be written."""
+        """The complete lines; the last one may be incomplete and is then left out."""
         return self.read(self.LOG_FILE).rpartition("\n")[0].splitlines()

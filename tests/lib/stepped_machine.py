@@ -1,6 +1,6 @@
-"""A private machine on which one daemon after the other lives through the same life, second by
-second. Its time stands still until the script lets it pass (clock.cpp), and what can be seen of the
-daemon then is put down: that is its record, and two records can be compared."""
+"""A private machine on which several daemons run through the same script, one after the other. The clock stands
+still until the script advances it (clock.cpp). Everything that the daemon does visibly is added to a record, and
+the records of two daemons can be compared."""
 
 import ctypes
 import hashlib
@@ -24,13 +24,13 @@ WITNESS = "/usr/local/bin/witness"
 RAN = "/dev/ran"
 LONGEST_STEP = 30  # seconds of real time
 
-# What is looked at after each step, and what is removed before the next life.
+# Directories that are listed after a step and emptied before the next run.
 TREES = ["/tmp", "/run", "/var/log", "/usr/kest", "/usr/local/etc", "/srv"]
 DOCUMENTS = ["/run/kestcrond.config", "/run/kestcrond.st.config", PERSISTENT_FILE, PERSISTENT_TEMPLATE]
 
-# Where a message comes from in the source may change.
+# The source line of a message may change.
 SOURCE_LINE = re.compile(r"^(<\d+>\w+ +\d+ [\d:]+ \w+: \w+):\d+ ")
-# How much of a message fits depends on how many digits the number of that line has.
+# The digits of that line number change the place where a long message is cut.
 CUT_SIGN = " [cut]"
 LONGEST_COMPARED = 7900
 PLATFORM_LINE = re.compile(r"(0x[0-9A-F]{4} \w+\.cpp):\d+")
@@ -39,7 +39,7 @@ KERNEL_NUMBER = re.compile(r"(socket|pipe|anon_inode):\[\w+\]")
 
 
 class World:
-    """What the preloaded library reads and writes; its layout is that of World in clock.cpp."""
+    """The memory that the preloaded library shares; its layout is that of World in clock.cpp."""
 
     HEAD = struct.Struct("=qqQii")
     SLEEPER = struct.Struct("=qii")
@@ -60,10 +60,10 @@ class World:
         self.now, self.steady, self.seed = now, 1000, 0
         self._seen, self._sleepers = 0, {}
         for number in range(self.HEAD.unpack_from(self.memory)[3]):
-            self.SLEEPER.pack_into(self.memory, self.place_of(number), 0, 0, 0)
+            self.SLEEPER.pack_into(self.memory, self.offset_of(number), 0, 0, 0)
         self.HEAD.pack_into(self.memory, 0, self.now, self.steady, self.seed, 0, 0)
 
-    def place_of(self, sleeper):
+    def offset_of(self, sleeper):
         return self.HEAD.size + sleeper * self.SLEEPER.size
 
     def set(self, now, steady, seed=None):
@@ -73,10 +73,10 @@ class World:
             struct.pack_into("=Q", self.memory, 16, seed)
 
     def sleepers(self):
-        """Number to second of the steady clock of all that sleep."""
+        """The times on the steady clock at which sleeps end, by number of the sleeper."""
         count = self.HEAD.unpack_from(self.memory)[3]
         while self._seen < count:
-            until, state, _ = self.SLEEPER.unpack_from(self.memory, self.place_of(self._seen))
+            until, state, _ = self.SLEEPER.unpack_from(self.memory, self.offset_of(self._seen))
             if state != self.ASLEEP:
                 break
             self._sleepers[self._seen] = until
@@ -85,7 +85,7 @@ class World:
 
     def wake(self, number):
         del self._sleepers[number]
-        place = self.place_of(number) + 8
+        place = self.offset_of(number) + 8
         struct.pack_into("=i", self.memory, place, self.AWAKE)
         self._system(
             ctypes.c_long(self.FUTEX),
@@ -99,10 +99,10 @@ class World:
 
 
 class SteppedMachine(Appliance):
-    """The machine. `record` is what has been put down in this life, in lines."""
+    """The machine. `record` is the record of the present run, as lines."""
 
     def __init__(self, daemons, library, witness):
-        """`daemons` are the programs by a name for each."""
+        """`daemons` are the programs by name."""
         super().__init__(next(iter(daemons.values())))
         self.programs = daemons
         self.library, self.witness = library, witness
@@ -125,10 +125,10 @@ class SteppedMachine(Appliance):
         self.account_files = {path: self.read(path) for path in ("/etc/passwd", "/etc/group")}
         return self
 
-    # --- A life ----------------------------------------------------------------------------------
+    # --- A run ----------------------------------------------------------------------------------
 
     def begin(self, name, now, zone):
-        """Makes the machine as it was, for the daemon of this name."""
+        """Restores the initial state of the machine, for the daemon of this name."""
         self.end()
         for tree in TREES:
             self.path(tree).mkdir(exist_ok=True)
@@ -145,7 +145,7 @@ class SteppedMachine(Appliance):
         self.read_of = {self.LOG_FILE: 0, RAN: 0}
 
     def set_accounts(self, names):
-        """Besides those that there are, there are now accounts of these names."""
+        """Restores the initial accounts and adds these."""
         for path, content in self.account_files.items():
             self.write(path, content)
         for number, name in enumerate(names):
@@ -160,7 +160,7 @@ class SteppedMachine(Appliance):
                 os.unlink(entry.path)
 
     def end(self):
-        """Ends all processes of a life."""
+        """Kills all processes of a run."""
         deadline = time.monotonic() + LONGEST_STEP
         while self.process or self.children():
             parents = [self.init, *self.daemons(), *([self.process.pid] if self.process else [])]
@@ -170,7 +170,7 @@ class SteppedMachine(Appliance):
             if self.process and self.process.poll() is not None:
                 self.process = None
             if time.monotonic() > deadline:
-                raise Deadline("processes that cannot be ended")
+                raise Deadline("processes that cannot be killed")
             time.sleep(0.0005)
         for pipe in self.pipes.values():
             try:
@@ -179,11 +179,11 @@ class SteppedMachine(Appliance):
                 pass
 
     def children(self):
-        """The processes of the machine besides the daemon and process 1, by their pids outside."""
+        """The outside pids of all processes but the daemon and process 1."""
         return [pid for parent in [self.init, *self.daemons()] for pid in children_of(parent)]
 
     def daemons(self):
-        """The daemon by its pid outside, in a list; none before it runs and after its end."""
+        """A list of the outside pid of the daemon; empty while it does not run."""
         if self.process and not self.daemon:
             self.daemon = next(iter(children_of(self.process.pid)), 0)
         return [self.daemon] if self.process and self.daemon else []
@@ -206,11 +206,11 @@ class SteppedMachine(Appliance):
         self.daemon = 0
         self.await_daemon()
 
-    def try_another(self):
-        """Starts one more daemon, which should end at once."""
+    def start_another(self):
+        """Starts a second daemon, which should end at once."""
         another = self.run(self.program)
         self.record.append(f"the other daemon has ended: {another.returncode}")
-        self.put_down()
+        self.record_news()
 
     def cycle(self, seconds):
         """Lets time pass until the next cycle, and waits for its end."""
@@ -221,7 +221,7 @@ class SteppedMachine(Appliance):
             self.await_daemon()
 
     def signal_daemon(self, number):
-        """Sends a signal and waits until the daemon has done as it says."""
+        """Sends a signal and waits until the daemon has handled it."""
         for daemon in self.daemons():
             signal_child(self.process.pid, daemon, number)
             self.await_daemon()
@@ -231,7 +231,7 @@ class SteppedMachine(Appliance):
         self.world.set(self.world.now + seconds, self.world.steady)
 
     def pass_time(self, seconds):
-        """Lets time pass; those that sleep until a moment of it wake up one after another."""
+        """Lets time pass; sleeps that end in this time end one after another."""
         end = self.world.steady + seconds
         while sleepers := {number: until for number, until in self.world.sleepers().items() if until <= end}:
             number = min(sleepers, key=lambda number: (sleepers[number], number))
@@ -239,33 +239,33 @@ class SteppedMachine(Appliance):
             self.world.set(self.world.now + passed, self.world.steady + passed)
             self.world.wake(number)
             self.settle()
-            self.put_down()
+            self.record_news()
         self.world.set(self.world.now + end - self.world.steady, end)
 
     def await_daemon(self):
-        """Waits until the daemon waits for its next cycle or has ended, and puts down what came."""
+        """Waits until the daemon waits for its next cycle or has ended, and records its output."""
         deadline = time.monotonic() + LONGEST_STEP
         while True:
             ready = select.select([self.pipes["waits"], self._log], [], [], 0.02)[0]
             self._drain()
             if self.pipes["waits"] in ready:
-                self.note_wait(struct.unpack("=q", os.read(self.pipes["waits"], 8))[0])
+                self.record_wait(struct.unpack("=q", os.read(self.pipes["waits"], 8))[0])
                 break
             if self.process.poll() is not None:
                 self.record.append(f"the daemon has ended: {self.process.returncode}")
                 self.process = None
                 break
             if time.monotonic() > deadline:
-                raise Deadline("the daemon does not come to the end of its cycle")
+                raise Deadline("the daemon does not end its cycle")
         self.settle()
-        self.put_down()
+        self.record_news()
 
-    def note_wait(self, seconds):
+    def record_wait(self, seconds):
         if seconds != 60:
             self.record.append(f"waits {seconds} s")
 
     def settle(self):
-        """Waits until all processes but the daemon sleep or have ended."""
+        """Waits until all processes but the daemon are asleep or have ended."""
         deadline = time.monotonic() + LONGEST_STEP
         while len(self.children()) != len(self.world.sleepers()):
             if time.monotonic() > deadline:
@@ -275,14 +275,14 @@ class SteppedMachine(Appliance):
     # --- The record ------------------------------------------------------------------------------
 
     def drain(self):
-        """The datagrams that came since the last call."""
+        """The messages since the last call."""
         self._drain()
         with self._draining:
             datagrams, self._datagrams = self._datagrams, []
         return datagrams
 
-    def put_down(self):
-        """Adds what can be seen now and could not before."""
+    def record_news(self):
+        """Records what is new: messages, lines of logs, and documents."""
         for datagram in self.drain():
             self.counts["messages"] += 1
             text = SOURCE_LINE.sub(r"\1 ", datagram)
@@ -296,15 +296,15 @@ class SteppedMachine(Appliance):
             self.counts["starts"] += 1
             self.add("start", KERNEL_NUMBER.sub(r"\1", line))
         for document in DOCUMENTS:
-            self.look_at_document(document)
+            self.record_document(document)
 
     def add(self, kind, text):
-        """Adds a text that may have several lines."""
+        """Records a text, which may have several lines."""
         first, *rest = map(printable, text.split("\n"))
         self.record += [f"{kind}: {first}", *(f"    {line}" for line in rest)]
 
     def fresh_lines(self, path):
-        """The lines that a file has got since the last call."""
+        """The lines that were added to a file since the last call."""
         try:
             with self.path(path).open("rb") as file:
                 if os.fstat(file.fileno()).st_size < self.read_of[path]:
@@ -316,8 +316,8 @@ class SteppedMachine(Appliance):
         self.read_of[path] += len(content)
         return content.decode(errors="surrogateescape").splitlines()
 
-    def look_at_document(self, document):
-        """Adds a document that has been written since the last look."""
+    def record_document(self, document):
+        """Records a document if it has changed since the last call."""
         try:
             status = os.stat(self.path(document))
         except OSError:
@@ -328,8 +328,8 @@ class SteppedMachine(Appliance):
             self.seen[document] = identity
             self.add("document", f"{document}\n{self.read(document)}" if identity else f"{document} is gone")
 
-    def put_down_trees(self):
-        """Adds what there is of files, but not what is in the documents and the pid file."""
+    def record_trees(self):
+        """Records all files, without the contents of the pid file."""
         for tree in TREES:
             for line in sorted(self.listing(self.path(tree), tree)):
                 self.add("file", line)
@@ -352,7 +352,7 @@ class SteppedMachine(Appliance):
 
 
 def printable(line):
-    """A line as it is, unless it has something in it that would not be seen."""
+    """The line, quoted if it contains characters that cannot be printed."""
     return line if line.replace("\t", "").isprintable() else repr(line)
 
 
@@ -364,7 +364,7 @@ def children_of(pid):
 
 
 def signal_child(parent, pid, number):
-    """Sends a signal to a child of `parent`, and to no other process that has got its number."""
+    """Sends a signal to the process `pid` if it is still a child of `parent`."""
     try:
         descriptor = os.pidfd_open(pid)
     except ProcessLookupError:
