@@ -1,4 +1,4 @@
-"""A 32-bit ARM board by full emulation, and the shell on its serial console."""
+"""A fully emulated 32-bit ARM board, and the shell on its serial console."""
 
 import contextlib
 import datetime
@@ -12,11 +12,11 @@ import time
 
 
 class Silence(Exception):
-    """What was waited for did not come in time."""
+    """The board did not print the expected output in time."""
 
 
 class Board:
-    """The emulated machine. `say` is what it writes; a `boot` is over when its shell is there."""
+    """The emulated board. A boot ends when the shell is ready."""
 
     def __init__(
         self, kernel: pathlib.Path, initramfs: pathlib.Path, disk: pathlib.Path, transcript: pathlib.Path
@@ -26,20 +26,20 @@ class Board:
         self.place = transcript.parent
         self._emulator: subprocess.Popen | None = None
         self._console: socket.socket | None = None
-        self._clock_ahead = datetime.timedelta()  # of this machine's
-        self._said = b""
+        self._clock_ahead = datetime.timedelta()  # ahead of the clock of this machine
+        self._output = b""
         self._numbers = itertools.count(1)
 
     def power_on(self, clock: datetime.datetime, *, timeout: float = 900) -> float:
-        """Starts the machine with its clock at a UTC time. Returns how long the boot took."""
+        """Starts the board with its clock at a UTC time. Returns the duration of the boot in seconds."""
         self._clock_ahead = clock - datetime.datetime.now()
         return self._start(timeout)
 
     def reboot(self, *, timeout: float = 900) -> float:
-        """`systemctl reboot`. Returns how long it took until the shell was there again.
+        """Reboots by `systemctl reboot`. Returns the seconds until the shell was ready again.
 
-        The emulator ends where the kernel restarts the machine, and a new one takes over the disk
-        and the clock: its own restart does not get far after a long run.
+        The emulator ends when the kernel restarts the board, and a new one continues with the disk and
+        the clock: after a long run the emulator does not restart reliably by itself.
         """
         start = time.monotonic()
         self._note("reboot")
@@ -54,14 +54,14 @@ class Board:
         path = self.place / "console"
         path.unlink(missing_ok=True)
         start = time.monotonic()
-        self._said = b""
+        self._output = b""
         clock = (datetime.datetime.now() + self._clock_ahead).isoformat(timespec="seconds")
         self._note(f"power on, the clock at {clock}")
         with socket.socket(socket.AF_UNIX) as line:
             line.bind(str(path))
             line.listen(1)
             line.settimeout(60)
-            # Debian's kernel for this machine knows no memory and no devices above 4 GiB.
+            # Debian's kernel for this board does not support memory or devices above 4 GiB.
             self._emulator = subprocess.Popen(
                 [
                     "qemu-system-arm",
@@ -103,14 +103,14 @@ class Board:
         return time.monotonic() - start
 
     def power_off(self, *, timeout: float = 300) -> None:
-        """An orderly end, as far as there is a system to end."""
+        """Shuts down the system, if it runs, and ends the emulator."""
         self._note("power off")
         if self._emulator is None:
             return
         with contextlib.suppress(OSError):
             self._send("systemctl poweroff </dev/null")
         with contextlib.suppress(Silence):
-            self._read_until(rb"(?!)", timeout)  # until the line is closed
+            self._read_until(rb"(?!)", timeout)  # until the console closes
         self.pull_the_plug()
 
     def pull_the_plug(self) -> None:
@@ -123,9 +123,10 @@ class Board:
             self._console = None
 
     def run(self, command: str, *, timeout: float = 180) -> tuple[int, str]:
-        """Runs shell commands there. Returns the exit status of the last, and what all wrote."""
+        """Runs shell commands on the board. Returns the exit status of the last, and the output of all."""
         number = next(self._numbers)
-        # The command may be of many lines; the mark is put together there, so that it is no echo.
+        # The command may have several lines. The shell assembles the mark, so that the echo of the command
+        # does not contain it.
         self._send(
             f"{{ eval {shlex.quote(command)}\n}} </dev/null 2>&1; " f"status=$?; echo; echo \"<<$status\":{number}'>>'"
         )
@@ -133,24 +134,24 @@ class Board:
         text = mark.string[: mark.start()].decode(errors="replace")
         return int(mark.group(1)), text.strip("\n")
 
-    def ask(self, command: str, *, timeout: float = 180) -> str:
-        """What a command writes, which must succeed."""
+    def output(self, command: str, *, timeout: float = 180) -> str:
+        """Runs commands, the last of which must succeed, and returns their output."""
         status, text = self.run(command, timeout=timeout)
         if status:
             raise AssertionError(f"{command}: status {status}: {text}")
         return text
 
     def wait_until(self, condition: str, *, timeout: float, what: str = "") -> None:
-        """Waits there until the condition, a shell command, holds."""
+        """Waits until the condition, a shell command, succeeds on the board."""
         loop = shlex.quote(f"until {condition}; do sleep 0.5; done")
         status, _ = self.run(f"timeout {timeout:.0f} sh -c {loop} 2>/dev/null", timeout=timeout + 120)
         if status:
             raise AssertionError(f"{what or condition}: not within {timeout:.0f} s")
 
     def write(self, path: str, text: str) -> None:
-        """Puts a file in place at once; until then it has a name that is no job file's."""
+        """Writes a file under a name that is not a job file's, and then renames it."""
         new = str(pathlib.PurePath(path).with_name(".new"))
-        self.ask(f"printf %s {shlex.quote(text)} >{new} && mv {new} {path}")
+        self.output(f"printf %s {shlex.quote(text)} >{new} && mv {new} {path}")
 
     def _await_shell(self, timeout: float) -> None:
         self._read_until(rb"<<shell>>\n", timeout)
@@ -164,23 +165,23 @@ class Board:
         self._transcript.write(f"\n[{time.strftime('%H:%M:%S')}] > {text}\n".encode())
 
     def _read_until(self, pattern: bytes, timeout: float) -> re.Match:
-        """Reads on until the pattern matches; what is behind it is left for the next time."""
+        """Reads until the pattern matches; the rest of the output is kept for the next call."""
         deadline = time.monotonic() + timeout
         expression = re.compile(pattern)
         while True:
-            found = expression.search(self._said)
+            found = expression.search(self._output)
             if found:
-                self._said = self._said[found.end() :]
+                self._output = self._output[found.end() :]
                 return found
             left = deadline - time.monotonic()
             if left <= 0:
-                raise Silence(f"{pattern!r} did not come within {timeout:.0f} s")
+                raise Silence(f"no output matched {pattern!r} within {timeout:.0f} s")
             self._console.settimeout(left)
             try:
-                said = self._console.recv(65536)
+                received = self._console.recv(65536)
             except TimeoutError:
                 continue
-            if not said:
+            if not received:
                 raise Silence("the board has ended")
-            self._transcript.write(said.replace(b"\r", b""))
-            self._said += said.replace(b"\r", b"")
+            self._transcript.write(received.replace(b"\r", b""))
+            self._output += received.replace(b"\r", b"")

@@ -1,7 +1,7 @@
-"""The board's disk: a kernel, an initramfs that knows the disk, and an ext4 image of the root.
+"""The disk of the board: an initramfs with the disk drivers, and an ext4 image of the root.
 
-The kernel of Debian has its disk drivers in modules, so that it takes an initramfs to reach the
-root. This one holds just the modules of a virtual board, and `init.c` to load them.
+Debian's kernel has its disk drivers in modules, so an initramfs must load them before the root is mounted.
+This one contains only the modules for a virtual board, and `init.c`, which loads them.
 """
 
 import contextlib
@@ -13,18 +13,18 @@ import subprocess
 
 HERE = pathlib.Path(__file__).resolve().parent
 
-# In the order in which they can be loaded, but for what they depend on.
+# Modules to load, in this order, each after its dependencies.
 MODULES = ["crc32c_generic", "virtio_mmio", "virtio_blk", "ext4"]
 
 
 def _depends(module: pathlib.Path) -> list[str]:
-    """The names of the modules that this one needs, as it tells itself."""
+    """The names of the modules that this one declares as its dependencies."""
     found = re.search(rb"\0depends=([^\0]*)\0", module.read_bytes())
     return [name for name in found.group(1).decode().split(",") if name] if found else []
 
 
 def _in_order(modules: pathlib.Path) -> list[pathlib.Path]:
-    """The files of MODULES, each after those that it needs."""
+    """The files of MODULES and their dependencies, each after those that it needs."""
     files = {file.stem.replace("-", "_"): file for file in modules.rglob("*.ko")}
     order: list[pathlib.Path] = []
 
@@ -41,7 +41,7 @@ def _in_order(modules: pathlib.Path) -> list[pathlib.Path]:
 
 
 class _Archive:
-    """A cpio archive as the kernel unpacks it."""
+    """A cpio archive in the format of the kernel ("newc")."""
 
     def __init__(self, path: pathlib.Path) -> None:
         self._out = path.open("wb")
@@ -75,7 +75,7 @@ def make_initramfs(path: pathlib.Path, kernel: pathlib.Path) -> None:
     with contextlib.closing(_Archive(path)) as archive:
         for directory in ("dev", "modules", "root"):
             archive.add(directory, stat.S_IFDIR | 0o755)
-        # The kernel opens it before there is anything else in "/dev".
+        # The kernel opens this before "/dev" is mounted.
         archive.add("dev/console", stat.S_IFCHR | 0o600, device=(5, 1))
         for module in modules:
             archive.add(f"modules/{module.name}", stat.S_IFREG | 0o644, module.read_bytes())
@@ -85,14 +85,14 @@ def make_initramfs(path: pathlib.Path, kernel: pathlib.Path) -> None:
 
 
 def furnish(root: pathlib.Path) -> None:
-    """What the tests need: a shell on the console, and the time from the board's own clock."""
+    """Adds what the tests need: a shell on the console, and the service that reads the clock of the board."""
     shutil.copytree(HERE / "board", root, dirs_exist_ok=True)
     for unit, target in (("board-shell", "multi-user"), ("board-clock", "sysinit")):
         wants = root / f"etc/systemd/system/{target}.target.wants/{unit}.service"
         wants.parent.mkdir(parents=True, exist_ok=True)
         wants.unlink(missing_ok=True)
         wants.symlink_to(f"/etc/systemd/system/{unit}.service")
-    # The console is the tests' own, and the root holds no modules.
+    # The tests use the console, and the root has no modules.
     for name in ("serial-getty@ttyAMA0", "getty@tty1", "systemd-modules-load"):
         mask = root / f"etc/systemd/system/{name}.service"
         mask.unlink(missing_ok=True)
