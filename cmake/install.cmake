@@ -1,7 +1,6 @@
-# Where everything goes. The version stands in the project's line of CMakeLists.txt alone; what is
-# installed takes it from there.
+# Installation. The version is defined in CMakeLists.txt only; the installed manuals take it from there.
 
-option(KESTCROND_DEBIAN "Install what belongs to a Debian package, and as it must be there" OFF)
+option(KESTCROND_DEBIAN "Install the files of a Debian package, in the form that it requires" OFF)
 
 function(install_compressed file directory)
     execute_process(COMMAND gzip -9nc ${file} OUTPUT_FILE ${file}.gz)

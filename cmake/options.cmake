@@ -1,13 +1,13 @@
-# What can be chosen at configure time, and the compiler settings that every target shares.
+# Options, and the compiler settings of all targets.
 
 option(KESTCROND_BUILD_CTL "Build kestcronctl; needs CLI11" ON)
 option(KESTCROND_BUILD_TESTS "Build the unit tests" OFF)
 option(KESTCROND_BUILD_FUZZERS "Build the fuzz targets; needs clang" OFF)
 option(KESTCROND_BUILD_BENCH "Build the benchmarks; needs Google Benchmark" OFF)
 option(KESTCROND_WERROR "Treat compiler warnings as errors" OFF)
-option(KESTCROND_HARDENING "Build with the compiler's and linker's protections" ON)
-option(KESTCROND_SMALL "Leave out of the programs what nothing calls" OFF)
-option(KESTCROND_COVERAGE "Count which lines run" OFF)
+option(KESTCROND_HARDENING "Build with the protections of the compiler and the linker" ON)
+option(KESTCROND_SMALL "Optimise across files and drop unused functions" OFF)
+option(KESTCROND_COVERAGE "Measure line coverage" OFF)
 set(KESTCROND_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 set(KESTCROND_PLATFORM_LIBRARIES "" CACHE STRING
     "The maker's libraries that provide everything declared in src/platform/*.h; empty: src/platform/posix")
@@ -21,13 +21,13 @@ set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 
 add_library(kest_options INTERFACE)
-# Schedules reach past 2038 on 32-bit machines too.
+# 64-bit times, so that schedules work after 2038 on 32-bit machines.
 target_compile_definitions(kest_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_compile_options(kest_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${KESTCROND_WERROR}>:-Werror>)
 
-# A fault that slipped through must end the program, not serve somebody. The checked variants of the
-# C library's calls need an optimising build; the sanitizers look closer than any of this.
+# An undetected fault must end the program instead of being exploitable. _FORTIFY_SOURCE needs an
+# optimising build. The sanitizers check more than all of these.
 if(KESTCROND_HARDENING AND NOT KESTCROND_SANITIZE)
     include(CheckPIESupported)
     check_pie_supported()
@@ -41,7 +41,7 @@ if(KESTCROND_HARDENING AND NOT KESTCROND_SANITIZE)
         endif()
     endforeach()
     target_compile_definitions(kest_options INTERFACE _GLIBCXX_ASSERTIONS)
-    # Some compilers define it by themselves, and differently.
+    # Some compilers define it by default, with another value.
     set(optimising $<NOT:$<CONFIG:Debug,None>>)
     target_compile_options(kest_options INTERFACE
         $<${optimising}:-U_FORTIFY_SOURCE> $<${optimising}:-D_FORTIFY_SOURCE=2>)
@@ -61,7 +61,7 @@ if(KESTCROND_SANITIZE)
 endif()
 
 if(KESTCROND_BUILD_FUZZERS)
-    # The product tells the fuzzer which branches an input takes.
+    # Instruments the product, so that the fuzzer sees which branches an input takes.
     target_compile_options(kest_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 

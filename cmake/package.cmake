@@ -1,4 +1,4 @@
-# The Debian package, made by `cpack` in a build directory configured for release or minsize.
+# The Debian package: run `cpack` in a build directory of the preset deb or armhf-deb.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -12,9 +12,9 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "One process runs the jobs of an appliance on time: those of the system, of
 its packages, and of their accounts. Jobs are defined in JSON files. Times
-may be drawn at random, so that a thousand machines do not call one server
-in the same minute; runs that were missed can be made up for; a machine that
-stands by holds its jobs back; and a broken file harms nothing but itself.
+can be drawn at random, so that a thousand machines do not call one server
+in the same minute; missed runs can be made up for; a passive machine starts
+only selected jobs; and a broken job file affects no other.
 .
 kestcronctl checks job files, shows past and coming runs, and helps to
 find out why a job did not run.")
@@ -25,7 +25,7 @@ if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL arm-linux-gnueabihf)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
 endif()
 
-# What only a package brings: a system of its maker's own has its own places for these.
+# Files of the Debian package only: other systems install these in their own way.
 if(KESTCROND_DEBIAN)
     set(debian ${PROJECT_BINARY_DIR}/debian)
     configure_file(packaging/debian/changelog.in ${debian}/changelog.Debian @ONLY)

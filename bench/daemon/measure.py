@@ -114,7 +114,7 @@ class Arrivals:
         raise Deadline(f"{name}: not within {seconds} s")
 
 
-def told(fault):
+def reason_of(fault):
     """What went wrong, in one line."""
     kind = f"{type(fault).__name__}: " if isinstance(fault, Exception) else ""
     return kind + " ".join(str(fault).split())
@@ -133,7 +133,7 @@ class Cells:
         self.values.setdefault(cell, []).append(value)
 
     def fail(self, fault, *cell):
-        self.faults[cell] = told(fault)
+        self.faults[cell] = reason_of(fault)
 
     def rows(self):
         cells = dict.fromkeys([*self.values, *self.faults])

@@ -452,7 +452,7 @@ def make_boards(place: pathlib.Path) -> list[tuple[str, Callable, Board]]:
     boards = []
     for name, run_checks in (("board", run_board_checks), ("late-board", run_late_board_checks)):
         own = place / name
-        image.furnish(own / "root")
+        image.prepare_root(own / "root")
         image.make_disk(own / "disk", own / "root", 1024)
         (own / "transcript").unlink(missing_ok=True)
         release = (own / "release").read_text().strip()

@@ -84,7 +84,7 @@ def make_initramfs(path: pathlib.Path, kernel: pathlib.Path) -> None:
         archive.add("init", stat.S_IFREG | 0o755, init.read_bytes())
 
 
-def furnish(root: pathlib.Path) -> None:
+def prepare_root(root: pathlib.Path) -> None:
     """Adds what the tests need: a shell on the console, and the service that reads the clock of the board."""
     shutil.copytree(HERE / "board", root, dirs_exist_ok=True)
     for unit, target in (("board-shell", "multi-user"), ("board-clock", "sysinit")):

@@ -167,7 +167,7 @@ def account_of(config):
 class Appliance(PrivateMachine):
     """A machine with the example jobs and one clock for all processes."""
 
-    def furnish(self):
+    def set_up(self):
         for name, uid in ACCOUNTS.items():
             self.add_account(name, uid)
         for source in sorted(EXAMPLES.glob("usr/**/*")):
@@ -258,7 +258,7 @@ class Show:
         print(paint(YELLOW, f"  {self.appliance.time_of_day()}  » {text}"))
 
     def run(self):
-        self.appliance.furnish()
+        self.appliance.set_up()
         self.run_passive()
         self.start()
         self.pass_the_hour()
