@@ -1,3 +1,3 @@
-# Its files were parsed by make and by a reader of Kconfig. Nothing was built in Buildroot yet.
+# Tested with make and a parser of Kconfig only; not yet built in Buildroot.
 
 include $(sort $(wildcard $(BR2_EXTERNAL_KESTCROND_PATH)/package/*/*.mk))

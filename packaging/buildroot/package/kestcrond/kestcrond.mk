@@ -2,18 +2,18 @@
 #
 # kestcrond
 #
-# Parsed by make, and its commands for files run; not built in Buildroot yet.
+# Tested with make, including its commands for files; not yet built in Buildroot.
 #
 ################################################################################
 
-# There is no place to download it from, so no hash either: the source is the tree
-# that this one lies in. A copy of this tree elsewhere says where the source is,
-# in local.mk:
+# There is no download location, and therefore no hash: the source is the tree that
+# contains this file. For a copy of this file elsewhere, set the path of the source in
+# local.mk:
 #   KESTCROND_SITE = /somewhere/kestcrond
 KESTCROND_SITE ?= $(abspath $(BR2_EXTERNAL_KESTCROND_PATH)/../..)
 KESTCROND_SITE_METHOD = local
 KESTCROND_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude=/build
-# The version stands in the project's line of CMakeLists.txt alone.
+# The version is defined in CMakeLists.txt only.
 KESTCROND_VERSION := $(shell sed -n 's/^project.kestcrond VERSION \([0-9.]*\) .*/\1/p' \
 	$(KESTCROND_SITE)/CMakeLists.txt)
 
@@ -22,11 +22,11 @@ KESTCROND_LICENSE = PROPRIETARY
 KESTCROND_LICENSE_FILES = packaging/debian/copyright
 KESTCROND_REDISTRIBUTE = NO
 
-# Of boost only headers are used.
+# Only headers of boost are used.
 KESTCROND_DEPENDENCIES += host-pkgconf boost jsoncpp
 
-# 64-bit time on 32-bit machines needs nothing here: the program asks glibc for it
-# by itself, and musl has no other.
+# 64-bit times on 32-bit machines need no option: the program selects them with glibc,
+# and musl has no others.
 KESTCROND_CONF_OPTS = \
 	-DKESTCROND_BUILD_TESTS=OFF \
 	-DKESTCROND_BUILD_FUZZERS=OFF
@@ -44,7 +44,7 @@ else
 KESTCROND_CONF_OPTS += -DKESTCROND_SMALL=OFF
 endif
 
-# The stack protector is part of it, and that takes a library's help.
+# Hardening includes the stack protector, which needs support of the C library.
 ifeq ($(BR2_TOOLCHAIN_HAS_SSP),y)
 KESTCROND_CONF_OPTS += -DKESTCROND_HARDENING=ON
 else
@@ -72,7 +72,7 @@ endef
 KESTCROND_POST_INSTALL_TARGET_HOOKS += KESTCROND_INSTALL_LOGROTATE
 endif
 
-# Jobs to learn from are for people, and an appliance has none inside.
+# An appliance does not need the examples.
 define KESTCROND_REMOVE_EXAMPLES
 	rm -rf $(TARGET_DIR)/usr/share/kestcrond/examples
 endef
@@ -90,8 +90,8 @@ define KESTCROND_INSTALL_INIT_SYSTEMD
 		$(TARGET_DIR)/usr/lib/tmpfiles.d/kestcrond.conf
 endef
 
-# The places of job files. Packages and accounts come by their path, so that it is
-# open on the way.
+# The directories of job files. Their parents are open to all, because packages and
+# accounts reach their job files through them.
 define KESTCROND_PERMISSIONS
 	/usr/kest d 0755 0 0 - - - - -
 	/usr/kest/share d 0755 0 0 - - - - -

@@ -1,4 +1,4 @@
-# Parsed, not by bitbake, and its step for files run; not built yet.
+# Tested with a parser other than bitbake, including the step that installs files; not yet built.
 
 SUMMARY = "Job scheduler daemon for embedded Linux appliances"
 DESCRIPTION = "Runs the jobs of the system, its packages and their accounts on time. Jobs are \
@@ -7,13 +7,13 @@ SECTION = "base"
 # Not licensed yet: all rights reserved by the owner.
 LICENSE = "CLOSED"
 
-# There is no place to download it from: the source is the tree that this layer lies in. A copy of the
-# layer elsewhere says where the source is, in local.conf:
+# There is no download location: the source is the tree that contains this layer. For a copy of the layer
+# elsewhere, set the path of the source in local.conf:
 #   EXTERNALSRC:pn-kestcrond = "/somewhere/kestcrond"
 EXTERNALSRC ?= "${@os.path.abspath(os.path.join(d.getVar('THISDIR'), '../../../../..'))}"
 EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
 
-# The version stands in the project's line of CMakeLists.txt alone.
+# The version is defined in CMakeLists.txt only.
 def kestcrond_version(d):
     import re
     path = os.path.join(d.getVar('EXTERNALSRC'), 'CMakeLists.txt')
@@ -28,31 +28,30 @@ REQUIRED_DISTRO_FEATURES = "usrmerge"
 
 inherit externalsrc cmake pkgconfig features_check systemd update-rc.d
 
-# Of boost only headers are used.
+# Only headers of boost are used.
 DEPENDS = "boost jsoncpp"
 
 PACKAGECONFIG ??= "ctl"
 PACKAGECONFIG[ctl] = "-DKESTCROND_BUILD_CTL=ON,-DKESTCROND_BUILD_CTL=OFF,cli11"
 PACKAGECONFIG[small] = "-DKESTCROND_SMALL=ON,-DKESTCROND_SMALL=OFF"
 
-# The libraries that take the place of src/platform/posix, separated by semicolons, and the recipes that
-# provide them; docs/porting.md tells what they must do.
+# The libraries that replace src/platform/posix, separated by semicolons, and the recipes that provide them;
+# docs/porting.md describes what they must provide.
 KESTCROND_PLATFORM_LIBRARIES ?= ""
 KESTCROND_PLATFORM_DEPENDS ?= ""
 DEPENDS += "${KESTCROND_PLATFORM_DEPENDS}"
 
-# 64-bit time on 32-bit machines needs nothing here: the program asks glibc for it by itself, and musl
-# has no other.
+# 64-bit times on 32-bit machines need no option: the program selects them with glibc, and musl has no others.
 EXTRA_OECMAKE = "-DKESTCROND_BUILD_TESTS=OFF -DKESTCROND_BUILD_FUZZERS=OFF \
     '-DKESTCROND_PLATFORM_LIBRARIES=${KESTCROND_PLATFORM_LIBRARIES}'"
 
-# The classes remove what a distribution without systemd or without init scripts has no use for.
+# The classes remove the files that a distribution without systemd or without init scripts does not need.
 SYSTEMD_SERVICE:${PN} = "kestcrond.service"
 INITSCRIPT_NAME = "kestcrond"
 INITSCRIPT_PARAMS = "defaults 60"
 
-# The places of job files come with it. Packages and accounts come by their path, so that it is open
-# on the way.
+# Includes the directories of job files. Their parents are open to all, because packages and accounts reach
+# their job files through them.
 do_install:append() {
     install -D -m 0644 ${S}/packaging/default/kestcrond ${D}${sysconfdir}/default/kestcrond
     install -D -m 0644 ${S}/packaging/logrotate/kestcrond ${D}${sysconfdir}/logrotate.d/kestcrond
