@@ -1,4 +1,4 @@
-// Prints how many bytes a loaded job takes, and how many its document takes as JSON: job_bytes.
+// Prints the size of a loaded job in bytes, and that of its document as JSON. Usage: job_bytes
 
 #include "job/cronjob.h"
 #include "log/memorylogger.h"
@@ -21,7 +21,7 @@ std::size_t Used() {
     return mallinfo2().uordblks;
 }
 
-// As a load makes it from a file, with a program of two words.
+// A job as a load creates it from a file, with a command of two words.
 CronJob Job(int number) {
     Json::Value document;
     Json::Value &config = document["config"];
@@ -37,25 +37,25 @@ CronJob Job(int number) {
     return job;
 }
 
-void Tell(const std::string &part, std::size_t bytes) {
+void Print(const std::string &part, std::size_t bytes) {
     std::printf("%-28s%7zu\n", part.c_str(), bytes / kJobs);
 }
 
 void PrintSizes() {
-    Job(0); // makes what is made only once
+    Job(0); // creates objects that are created only once
     std::vector<CronJob> jobs;
     jobs.reserve(kJobs);
     const std::size_t before = Used();
     for (int i = 0; i < kJobs; ++i)
         jobs.push_back(Job(i));
-    Tell("a job on the heap", Used() - before);
-    Tell("and in the list", sizeof(CronJob) * kJobs);
+    Print("a job on the heap", Used() - before);
+    Print("and in the list", sizeof(CronJob) * kJobs);
     const std::size_t asObjects = Used();
     std::vector<Json::Value> documents;
     documents.reserve(kJobs);
     for (const CronJob &job : jobs)
         documents.push_back(job.Document());
-    Tell("its document as JSON", Used() - asObjects);
+    Print("its document as JSON", Used() - asObjects);
 }
 
 } // namespace

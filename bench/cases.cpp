@@ -23,14 +23,14 @@
 
 namespace kest {
 
-// The job model writes to it; nothing here does.
+// Required by the job model; nothing is written here.
 KEST::MemoryLogger executionLog("/dev/null", "/dev/null", 1024, "/dev/null");
 
 namespace {
 
 constexpr int kJobs = 1000;
 
-// What keeps the compiler from leaving out what nobody asks for.
+// Results go here, so that the compiler does not drop unused computations.
 volatile std::size_t sink;
 
 Json::Value Definition(int number) {
@@ -38,7 +38,7 @@ Json::Value Definition(int number) {
     config["name"] = "pkg-backup-job" + std::to_string(10000 + number);
     config["user"] = "root";
     config["period"] = "crontab";
-    config["crontab"] = "15,45 ~ 31 2 *"; // never due, as most jobs in most minutes
+    config["crontab"] = "15,45 ~ 31 2 *"; // never due, like most jobs in most minutes
     config["cmd"] = "/usr/bin/backup --quiet /var/lib/data";
     return config;
 }
@@ -74,7 +74,7 @@ void CheckDue() {
         sink = job.CheckTrigger() ? 1 : 0;
 }
 
-// The same by the values themselves.
+// The same, by comparing the values of the schedule.
 void CheckDueByLookUp() {
     const std::time_t now = std::time(nullptr);
     const std::array<std::int32_t, 5> fields = FieldsOf(*std::localtime(&now));
@@ -137,13 +137,13 @@ void CompareByEquality() {
         sink = config == config ? 1 : 0; // NOLINT(misc-redundant-expression)
 }
 
-// A directory of this process's own, in memory where there is one.
+// A temporary directory of this process in /dev/shm.
 class Scratch {
 public:
     Scratch() {
         std::string name = "/dev/shm/kestcrond-bench-XXXXXX";
         if (mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("there is no /dev/shm to write to");
+            throw std::runtime_error("cannot create a directory in /dev/shm");
         path_ = name;
     }
     Scratch(const Scratch &) = delete;
@@ -207,7 +207,7 @@ void WriteAsMuch(const std::string &text) {
 }
 
 void AddSaves(std::vector<Case> &cases, int count) {
-    // Kept for the life of the program, like the jobs of the daemon.
+    // Live as long as the program, like the jobs of the daemon.
     static std::vector<std::vector<CronJob>> lists;
     static std::vector<std::string> texts;
     lists.reserve(2);

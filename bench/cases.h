@@ -1,5 +1,4 @@
-// The functions that are measured: by the clock in functions.cpp, by instructions in
-// instructions.cpp.
+// The functions that are measured: functions.cpp measures times, instructions.cpp instructions.
 
 #ifndef BENCH_CASES_H
 #define BENCH_CASES_H
@@ -12,12 +11,12 @@ namespace kest {
 
 struct Case {
     std::string name;
-    int items; // how often one run does what is named
+    int items; // the number of items that one run processes
     std::function<void()> run;
-    bool isReference; // what the unavoidable, or the plain way, costs
+    bool isReference; // the unavoidable cost, or that of a simple implementation, for comparison
 };
 
-// Made once, with the jobs that they work on.
+// Created once, together with their jobs.
 const std::vector<Case> &Cases();
 
 } // namespace kest

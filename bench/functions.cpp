@@ -1,6 +1,5 @@
-// Measures the functions by the clock: function_bench [options of Google Benchmark]. Times are of
-// one run; `each` is the time of one item of it, and `allocations` how often one item asks for
-// memory.
+// Measures the times of functions: function_bench [options of Google Benchmark]. Times are those of
+// one run; `each` is the time per item, and `allocations` the number of allocations per item.
 
 #include "bench/cases.h"
 
@@ -16,7 +15,7 @@ namespace {
 std::atomic<std::size_t> allocations{0};
 
 void Measure(benchmark::State &state, const Case &what) {
-    what.run(); // makes what is made only once
+    what.run(); // creates objects that are created only once
     const std::size_t before = allocations;
     while (state.KeepRunning())
         what.run();

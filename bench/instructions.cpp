@@ -1,8 +1,8 @@
-// Runs the measured functions so that something outside can count their instructions.
+// Runs the measured functions while another program counts their instructions.
 //
-// Without arguments, under callgrind, each once and counted by itself. With NAME RUNS one function
-// so many times, for counters that count a whole process. With --list the names, how often a run
-// does what they name, and which are only there to compare with.
+// Without arguments, runs each function once under callgrind, which counts each separately. With
+// NAME RUNS, runs one function this number of times, for counters of a whole process. With --list,
+// prints the name and the number of items of each function, and which of them are references.
 
 #include "bench/cases.h"
 
@@ -24,7 +24,7 @@ namespace {
 void RunEach() {
 #ifdef CALLGRIND_ZERO_STATS
     for (const Case &what : Cases()) {
-        what.run(); // makes what is made only once
+        what.run(); // creates objects that are created only once
         CALLGRIND_ZERO_STATS;
         CALLGRIND_START_INSTRUMENTATION;
         what.run();

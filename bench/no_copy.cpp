@@ -1,5 +1,5 @@
-// Takes the place of the copy program, so that what the daemon itself does at a load can be
-// measured: an empty file appears where the copy would.
+// Replaces the copy program, so that the work of the daemon itself in a load can be measured: it
+// creates an empty file in place of each copy.
 
 #include <cstdarg>
 #include <sys/stat.h>

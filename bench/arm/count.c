@@ -1,9 +1,9 @@
-// A plugin for the emulator that counts the instructions of a program and adds a line with their
-// number to a file when the program, or a process forked by it, ends:
+// A plugin of the emulator that counts the instructions of a program, and appends a line with their
+// number to a file when the program, or a process that it forked, ends:
 //
 //     qemu-arm -plugin ./libcount.so,into=FILE PROGRAM
 //
-// The emulator's header is packaged nowhere, so what is used of it is declared here.
+// The header of the emulator is not packaged, so the functions in use are declared here.
 
 #include <inttypes.h>
 #include <stdint.h>

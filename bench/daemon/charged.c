@@ -1,10 +1,10 @@
-/* Runs a command whose CPU time, with that of all its children, is charged to a control group.
+/* Runs a command in a control group, which counts its CPU time and that of all its children.
  *
  *     charged FILE GROUP COMMAND...
  *
- * GROUP is an open descriptor of the group's cgroup.procs. The moment at which the command begins
- * goes into FILE, in nanoseconds of the monotonic clock. Linked statically: the daemon measured is
- * the first thing in the group that needs a loader. */
+ * GROUP is an open descriptor of cgroup.procs of the group. Writes the time at which the command
+ * starts to FILE, in nanoseconds of the monotonic clock. Linked statically, so that only the dynamic
+ * loader of the daemon is counted. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,8 +1,8 @@
-/* What the stub of the copy takes: so many empty files in a new directory.
+/* Measures the stub of the copy: creates COUNT empty files in a new directory.
  *
  *     entries COUNT DIRECTORY
  *
- * Prints the nanoseconds of CPU time that making them took. */
+ * Prints the CPU time for this, in nanoseconds. */
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,9 +1,9 @@
-/* The floor: so many bare starts of a program, each waited for before the next.
+/* The lower bound: starts a program COUNT times, and waits for each to end before the next.
  *
  *     floor COUNT PROGRAM ARGUMENT...
  *
- * A "@" at the end of an argument becomes the number of the start. Prints the nanoseconds that all
- * of them took. */
+ * A "@" at the end of an argument is replaced by the number of the start. Prints the time of all
+ * starts, in nanoseconds. */
 #define _GNU_SOURCE
 #include <spawn.h>
 #include <stdio.h>
@@ -19,7 +19,7 @@ static long long now(void) {
     return time.tv_sec * 1000000000LL + time.tv_nsec;
 }
 
-/* `argument` itself, or a copy with the number in it. */
+/* Returns `argument`, or a copy in which the number replaces the "@". */
 static char *numbered(char *argument, int number) {
     static char text[4096];
     size_t size = strlen(argument);
@@ -35,8 +35,8 @@ int main(int argc, char **argv) {
     long long start = now();
     for (int i = 0; i < atoi(argv[1]); ++i) {
         char *command[16] = {NULL};
-        for (int place = 2; place < argc; ++place)
-            command[place - 2] = numbered(argv[place], i);
+        for (int word = 2; word < argc; ++word)
+            command[word - 2] = numbered(argv[word], i);
         pid_t pid;
         int status;
         if (posix_spawn(&pid, command[0], NULL, NULL, command, environ) != 0 ||

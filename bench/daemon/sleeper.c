@@ -1,6 +1,6 @@
-/* The floor of a cycle: sleeps 60 seconds, again and again, and does nothing else.
+/* The lower bound of a cycle: only sleeps for 60 seconds, repeatedly.
  *
- * After each sleep a line, "sleeper NANOSECONDS" of the real-time clock, goes into /tmp/starts. */
+ * Writes a line "sleeper NANOSECONDS", by the real-time clock, to /tmp/starts after each sleep. */
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>

@@ -1,9 +1,9 @@
-/* The job of the measurements: notes when it was started.
+/* The program of the measured jobs: records the time of its start.
  *
  *     stamp NAME
  *
- * One line, "NAME NANOSECONDS" of the real-time clock, is appended to /tmp/starts in one write.
- * Linked statically, so that it takes as little as a program can. */
+ * Appends a line "NAME NANOSECONDS", by the real-time clock, to /tmp/starts in one write. Linked
+ * statically, to cost as little as possible. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <time.h>

@@ -1,4 +1,4 @@
-// The time of the simulation: microseconds since its beginning, and what each minute of it is.
+// The time of the simulation in microseconds since its beginning, and the date of each minute.
 
 #ifndef BENCH_FLEET_CALENDAR_H
 #define BENCH_FLEET_CALENDAR_H
@@ -32,7 +32,7 @@ inline std::tm UtcOf(std::time_t moment) {
     return utc;
 }
 
-// The field keys drawn anew in the minute `utc`, by their place among all keys.
+// The fields that are redrawn in the minute `utc`, by their index in FieldKeys().
 inline FieldSet RedrawnIn(const std::tm &utc) {
     FieldSet fields;
     for (const std::string &key : FieldsToRedraw(utc)) {
@@ -42,7 +42,7 @@ inline FieldSet RedrawnIn(const std::tm &utc) {
     return fields;
 }
 
-// All minutes of a simulation, looked up once: a fleet asks for each a hundred thousand times.
+// All minutes of a simulation, computed once, because each machine uses them.
 class Calendar {
 public:
     struct Minute {

@@ -1,4 +1,4 @@
-// What the server sees: starts counted by the second, and what can be said of them.
+// The view of the server: counts starts by the second and summarises them.
 
 #ifndef BENCH_FLEET_COUNT_H
 #define BENCH_FLEET_COUNT_H
@@ -17,12 +17,12 @@ class Server {
 public:
     Server(std::int32_t maxDelay, Micros from, Micros to);
 
-    // Counts what a cycle launched, each start after its delay.
+    // Counts the launches of a cycle, each start after its delay.
     void Take(const Launches &launches);
     void TakeOne(std::size_t job, Micros time);
 
-    // Per job and for all: "total", "mean" a minute, "peak" a minute and its number from the
-    // beginning, "second", the most in one second.
+    // Per job and for all jobs: "total"; "mean" per minute; "peak" and "peak_minute", the busiest
+    // minute and its number; "second", the busiest second.
     Json::Value Figures(const Jobs &jobs) const;
 
     // The starts of each minute, all jobs together.

@@ -1,8 +1,8 @@
-// How a whole fleet of machines looks to the one server that their jobs call. Each machine has a
-// schedule template of its own and a daily, an hourly and a weekly job. Usage:
+// Simulates a fleet of machines whose jobs call one server. Each machine has its own schedule
+// template and a daily, an hourly and a weekly job. Usage:
 //
-//     fleet [MACHINES [SEED]]    the figures of docs/fleet.md, as JSON
-//     fleet --check              whether the simulation is the product's rule
+//     fleet [MACHINES [SEED]]    prints the figures of docs/fleet.md as JSON
+//     fleet --check              checks that the simulation follows the rules of the daemon
 //
 // scripts/fleet runs it and writes the document.
 
@@ -28,7 +28,7 @@ struct Fleet {
     std::uint64_t seed = 1;
 };
 
-// The kinds of chance a machine has, so that one does not follow from another.
+// Independent random streams of a machine.
 enum Kind : std::uint64_t { kDraws, kCircumstances, kIdeal };
 
 Chance ChanceOf(const Fleet &fleet, std::int64_t machine, Kind kind) {
@@ -37,8 +37,8 @@ Chance ChanceOf(const Fleet &fleet, std::int64_t machine, Kind kind) {
     return Chance(base ^ Chance(static_cast<std::uint64_t>(machine) * 3 + kind).Next());
 }
 
-// Powered on together: first cycles within twenty seconds. A cycle is a minute, half a millisecond
-// of work, and what the timer comes late.
+// All machines are switched on together: their first cycles are within 20 seconds. A cycle is a
+// minute, half a millisecond of work, and the lateness of the timer.
 Start BootTogether(const Fleet &fleet, std::int64_t machine, Micros power) {
     Chance chance = ChanceOf(fleet, machine, kCircumstances);
     Start start;
@@ -67,11 +67,11 @@ std::vector<Server> ServersFor(Micros from, Micros to) {
 // --- A week -------------------------------------------------------------------------------------
 
 constexpr Micros kLead = 2 * kHour;           // Sunday evening
-constexpr Micros kPowerOn = 17 * kMinute;     // of it
+constexpr Micros kPowerOn = 17 * kMinute;     // after the beginning
 constexpr Micros kWeekEnd = kLead + 7 * kDay; // Monday to Sunday are counted
 const std::array<std::string, kJobs> kFixedTimes{"0 3 * * *", "0 * * * *", "0 3 * * 0"};
 
-// How often a job runs once, twice or never in a period of its own.
+// Counts how often a job runs in each of its periods.
 class RunsPerPeriod {
 public:
     void Take(const std::vector<Launches> &life, const Jobs &jobs) {
@@ -105,7 +105,7 @@ Json::Value Week(const Fleet &fleet, const Jobs &jobs) {
     std::vector<Server> servers = ServersFor(kLead, kWeekEnd);
     RunsPerPeriod runs;
     for (std::int64_t machine = 0; machine < fleet.machines; ++machine) {
-        const auto life = Live(BootTogether(fleet, machine, kPowerOn), jobs, calendar);
+        const auto life = SimulateMachine(BootTogether(fleet, machine, kPowerOn), jobs, calendar);
         for (Server &server : servers)
             for (const Launches &launches : life)
                 server.Take(launches);
@@ -118,8 +118,8 @@ Json::Value Week(const Fleet &fleet, const Jobs &jobs) {
     return week;
 }
 
-// Once in each period at a moment of its own: what no rule that knows only its own machine can do
-// better.
+// Each job runs once in each of its periods, at a random time: the best that machines can do
+// without communication.
 Json::Value IdealWeek(const Fleet &fleet, const Jobs &jobs) {
     Server server(0, 0, kWeekEnd - kLead);
     for (std::int64_t machine = 0; machine < fleet.machines; ++machine) {
@@ -141,7 +141,7 @@ constexpr Micros kWatched = 6 * kHour;
 const std::map<std::string, std::int32_t> kAssuredHours{
     {"daily", 48}, {"hourly", 2}, {"weekly", 336}};
 
-// Power went without an orderly stop, so what a machine knows of its runs is what its last orderly
+// The power failed without an orderly stop, so a machine has the last runs that its last orderly
 // stop saved, one to sixty days ago.
 void RememberLastStop(const Fleet &fleet, std::int64_t machine, const Jobs &jobs, Start &start) {
     Chance chance = ChanceOf(fleet, machine, kIdeal);
@@ -160,7 +160,7 @@ Json::Value PowerBack(const Fleet &fleet, bool assured, bool history) {
         Start start = BootTogether(fleet, machine, kPowerBack);
         if (history)
             RememberLastStop(fleet, machine, jobs, start);
-        const auto life = Live(start, jobs, calendar);
+        const auto life = SimulateMachine(start, jobs, calendar);
         for (Server &server : servers)
             for (const Launches &launches : life)
                 server.Take(launches);
@@ -181,8 +181,8 @@ bool Same(const std::vector<Launches> &one, const std::vector<Launches> &other) 
                       });
 }
 
-// Any phase of the minute, and every other machine so slow that it steps over a minute each day.
-// The cycle of the first one reaches from minute 59 into the next hour.
+// Starts at any second of the minute; every other machine is so slow that it skips a minute each
+// day. A cycle of the first one extends from minute 59 into the next hour.
 Start OddStart(const Fleet &fleet, std::int64_t machine, const Jobs &jobs) {
     Start start = BootTogether(fleet, machine, kPowerOn);
     start.firstCycle += ChanceOf(fleet, machine, kIdeal).Between(0, kMinute);
@@ -193,19 +193,20 @@ Start OddStart(const Fleet &fleet, std::int64_t machine, const Jobs &jobs) {
     return start;
 }
 
-// Lives `machines` lives in both ways; returns the launches compared, or throws.
+// Simulates `machines` machines in both ways. Returns the number of launches compared; throws if
+// any differ.
 std::size_t Compare(const Fleet &fleet, Jobs jobs, std::int64_t machines, bool assured) {
     const Calendar calendar(kSunday, kWeekEnd);
-    if (assured) // so soon that they are overdue now and then
+    if (assured) // so few hours that jobs are sometimes overdue
         for (std::size_t job = 0; job < kJobs; ++job)
             jobs[job].assuredHours = static_cast<std::int32_t>(job) + 1;
     std::size_t compared = 0;
     for (std::int64_t machine = 0; machine < machines; ++machine) {
         const Start start = OddStart(fleet, machine, jobs);
-        const auto fast = Live(start, jobs, calendar);
-        if (!Same(fast, LiveByTheProduct(start, jobs, calendar.Begin(), calendar.Length())))
+        const auto fast = SimulateMachine(start, jobs, calendar);
+        if (!Same(fast, SimulateByDaemon(start, jobs, calendar.Begin(), calendar.Length())))
             throw std::runtime_error("machine " + std::to_string(machine) +
-                                     " lives otherwise by the product's own functions");
+                                     " differs from the daemon's own functions");
         compared += fast.size();
     }
     return compared;
@@ -236,7 +237,7 @@ Json::Value Simulate(const Fleet &fleet) {
 int Run(const std::vector<std::string> &arguments) {
     Fleet fleet;
     if (arguments == std::vector<std::string>{"--check"}) {
-        std::cout << CheckAll(fleet, 100) << " cycles with launches are the same both ways\n";
+        std::cout << CheckAll(fleet, 100) << " cycles with launches are the same in both\n";
         return EXIT_SUCCESS;
     }
     if (!arguments.empty())

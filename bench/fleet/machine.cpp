@@ -1,6 +1,6 @@
-// The product's rules on plain integers: its schedules are JSON, which would take minutes for a
-// fleet. reference.cpp lives the same life by the product's own functions, and the program compares
-// the two before it believes this one.
+// The rules of the daemon on plain integers: with its JSON schedules, a fleet would take minutes.
+// reference.cpp simulates a machine with the daemon's own functions, and the program compares the
+// two before each simulation.
 
 #include "bench/fleet/machine.h"
 
@@ -53,7 +53,7 @@ Jobs JobsByCrontab(const std::array<std::string, kJobs> &crontabs) {
 
 // --- Chance -------------------------------------------------------------------------------------
 
-// SplitMix64: small, and good enough in all its bits.
+// SplitMix64: small, and all of its bits are random enough.
 std::uint64_t Chance::Next() {
     std::uint64_t bits = state_ += 0x9e3779b97f4a7c15;
     bits = (bits ^ (bits >> 30)) * 0xbf58476d1ce4e5b9;
@@ -62,11 +62,11 @@ std::uint64_t Chance::Next() {
 }
 
 std::int64_t Chance::Between(std::int64_t from, std::int64_t to) {
-    // The remainder of 64 bits favours no number of so short a range by more than 1 in 10^8.
+    // For a range this small the bias of the remainder is below 1 in 10^8.
     return from + static_cast<std::int64_t>(Next() % static_cast<std::uint64_t>(to - from + 1));
 }
 
-// --- A life -------------------------------------------------------------------------------------
+// --- A machine ----------------------------------------------------------------------------------
 
 namespace {
 
@@ -86,7 +86,7 @@ public:
                 launches.jobs.set(i);
                 lastRun_[i] = now;
             }
-        // After the due check: what is drawn in minute 0 cannot be due in it any more.
+        // After the due check: a value drawn in minute 0 cannot become due in the same cycle.
         if (const FieldSet &redrawn = calendar_.At(now + kWork).redrawn; redrawn.any())
             Redraw(redrawn);
         return launches;
@@ -100,7 +100,7 @@ private:
         return true;
     }
 
-    // In whole seconds, as the daemon tells time.
+    // In whole seconds, like the daemon.
     bool IsOverdue(std::size_t job, Micros now) const {
         const std::int64_t hours = jobs_[job].assuredHours;
         return hours != 0 && Seconds(now) > Seconds(lastRun_[job]) + 3600 * hours;
@@ -109,7 +109,7 @@ private:
         return time >= 0 ? time / kSecond : -((-time + kSecond - 1) / kSecond);
     }
 
-    // The template draws, and each random item of a job that has room for it takes its value.
+    // Draws the values of the template, which each random item that contains them takes.
     void Redraw(const FieldSet &fields) {
         for (std::size_t field = 0; field < kFields; ++field) {
             if (!fields[field])
@@ -136,7 +136,7 @@ private:
 
 } // namespace
 
-std::vector<Launches> Live(const Start &start, const Jobs &jobs, const Calendar &calendar) {
+std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs, const Calendar &calendar) {
     Machine machine(start, jobs, calendar);
     std::vector<Launches> all;
     for (Micros now = start.firstCycle; now < calendar.Length() - kWork; now += start.cycle)

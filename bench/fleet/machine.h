@@ -1,4 +1,4 @@
-// One machine of the fleet: its cycles, its draws, and the starts they lead to.
+// One machine of the fleet: its cycles, its draws, and the resulting launches.
 
 #ifndef BENCH_FLEET_MACHINE_H
 #define BENCH_FLEET_MACHINE_H
@@ -31,7 +31,7 @@ using Jobs = std::array<Job, kJobs>;
 Jobs JobsByPeriod();
 Jobs JobsByCrontab(const std::array<std::string, kJobs> &crontabs);
 
-// Numbers that are the same for each seed, unlike those of a real machine.
+// Pseudo-random numbers that depend on the seed only.
 class Chance {
 public:
     explicit Chance(std::uint64_t seed) : state_(seed) {}
@@ -43,15 +43,15 @@ private:
     std::uint64_t state_;
 };
 
-// What a machine is before its first cycle.
+// The state of a machine before its first cycle.
 struct Start {
     std::uint64_t seed = 0;
     Micros firstCycle = 0;                  // since the simulation's beginning
-    Micros cycle = kMinute;                 // from one cycle to the next: a minute and its work
-    std::array<Micros, kJobs> lastRun = {}; // of each job, may be negative: before the beginning
+    Micros cycle = kMinute;                 // the interval of cycles: a minute and its work
+    std::array<Micros, kJobs> lastRun = {}; // of each job; negative before the beginning
 };
 
-// A cycle's work up to the moment at which it looks whether fields are to be drawn.
+// The time from the start of a cycle to its check for redraws.
 constexpr Micros kWork = 500;
 
 // The jobs launched by one cycle.
@@ -60,8 +60,8 @@ struct Launches {
     std::bitset<kJobs> jobs;
 };
 
-// Everything a machine launches until the end of the calendar.
-std::vector<Launches> Live(const Start &start, const Jobs &jobs, const Calendar &calendar);
+// Simulates a machine until the end of the calendar; returns all of its launches.
+std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs, const Calendar &calendar);
 
 } // namespace kest
 

@@ -9,7 +9,7 @@
 
 namespace kest {
 
-// The job model leans on one; nothing is launched here, so nothing is written.
+// Required by the job model. Nothing is launched here, so nothing is written.
 KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
 namespace {
@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    // A moment as the daemon knows it, in seconds.
+    // The time in seconds since the epoch, as in the daemon.
     std::time_t At(Micros time) const {
         return static_cast<std::time_t>((begin_ * kSecond + time) / kSecond);
     }
@@ -54,8 +54,8 @@ private:
         return true;
     }
 
-    // A repeatable number takes the place of the kernel's: handed in as if a template before this
-    // one had drawn it.
+    // A repeatable number replaces the random one of the kernel: it is passed as the shared value,
+    // which the template then takes.
     void Redraw(const std::string &key) {
         const CronRange all = ParseCronItem(key, "~").range;
         const auto number = static_cast<std::int32_t>(chance_.Between(all.from, all.to));
@@ -82,7 +82,7 @@ private:
 
 } // namespace
 
-std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std::time_t begin,
+std::vector<Launches> SimulateByDaemon(const Start &start, const Jobs &jobs, std::time_t begin,
                                        Micros length) {
     ReferenceMachine machine(start, jobs, begin);
     std::vector<Launches> all;

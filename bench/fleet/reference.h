@@ -1,4 +1,4 @@
-// The same life as in machine.h, by the product's own functions on the product's own documents.
+// The same simulation as in machine.h, with the daemon's own functions and documents.
 
 #ifndef BENCH_FLEET_REFERENCE_H
 #define BENCH_FLEET_REFERENCE_H
@@ -7,8 +7,8 @@
 
 namespace kest {
 
-// As Live() does, but slowly: about a second for a week.
-std::vector<Launches> LiveByTheProduct(const Start &start, const Jobs &jobs, std::time_t begin,
+// The same as SimulateMachine(), but slower: a week takes about a second.
+std::vector<Launches> SimulateByDaemon(const Start &start, const Jobs &jobs, std::time_t begin,
                                        Micros length);
 
 } // namespace kest
