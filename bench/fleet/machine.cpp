@@ -136,7 +136,8 @@ private:
 
 } // namespace
 
-std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs, const Calendar &calendar) {
+std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs,
+                                      const Calendar &calendar) {
     Machine machine(start, jobs, calendar);
     std::vector<Launches> all;
     for (Micros now = start.firstCycle; now < calendar.Length() - kWork; now += start.cycle)

@@ -61,7 +61,8 @@ struct Launches {
 };
 
 // Simulates a machine until the end of the calendar; returns all of its launches.
-std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs, const Calendar &calendar);
+std::vector<Launches> SimulateMachine(const Start &start, const Jobs &jobs,
+                                      const Calendar &calendar);
 
 } // namespace kest
 
