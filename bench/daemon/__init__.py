@@ -1,1 +1,1 @@
-"""What scripts/bench is made of: the running daemon measured beside other cron daemons."""
+"""The parts of scripts/bench, which measures the running daemon and other cron daemons."""

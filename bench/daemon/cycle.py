@@ -1,14 +1,13 @@
-"""The daemon's CPU time for a look at its jobs of which none is due, by /proc/PID/schedstat.
+"""The CPU time of a cycle in which no job is due, from /proc/PID/schedstat.
 
-The others look when a minute begins, one after the other, and the first of them finds the kernel's
-code as cold as a minute of other programs has left it. Ours looks a minute after it has loaded,
-whenever that was: it is told to load again when a minute begins, and looks just before them then.
+The other daemons check their jobs when a minute begins, one after the other, and the first of them runs with
+cold caches, because other programs ran in the minute before. kestcrond starts a cycle a minute after its load:
+it is reloaded when a minute begins, so that its cycles are right before those of the others.
 
-All daemons and sizes run at the same time, each on a machine of its own, by the real clock: nothing
-stands between a daemon and its system calls. Twice a second the time of each is read; what it took
-between two stretches of sleep is one look. Left out are looks at a full hour, when times are drawn
-or directories are read again, and each daemon's first, at which BusyBox reads all crontabs again.
-Of bcron it is the process that schedules.
+All daemons and sizes run at the same time, each on its own machine, by the real clock, without any interposed
+library. The CPU time of each is read twice a second; the time between two sleeps is that of one cycle. Cycles
+at a full hour are left out, because times are redrawn or directories are re-read there, and so is the first
+of each daemon, in which BusyBox re-reads all crontabs. For bcron the process that schedules is measured.
 """
 
 import os
@@ -22,18 +21,18 @@ from .measure import Cells, cpu_of
 
 LAYOUTS = (0, 1)  # jobs in a file; 0 is all in one
 STEP = 0.5
-REST = 5  # seconds of sleep between two looks
+REST = 5  # seconds without CPU time that separate two cycles
 
 
-class Looks:
-    """The looks of one daemon, told from what it took so far at one moment after the other."""
+class Cycles:
+    """The cycles of one daemon, derived from samples of its CPU time."""
 
     def __init__(self, cpu):
         self.cpu = cpu
-        self.last = None  # when it was last seen to have run
-        self.found = []  # [moment, nanoseconds]
+        self.last = None  # the time of the last sample in which it had run
+        self.found = []  # [time, nanoseconds]
 
-    def see(self, cpu, now):
+    def add_sample(self, cpu, now):
         if cpu != self.cpu:
             if self.last is None or now - self.last > REST:
                 self.found.append([now, 0])
@@ -41,12 +40,12 @@ class Looks:
             self.last = now
         self.cpu = cpu
 
-    def usual(self):
+    def counted(self):
         return [cpu for moment, cpu in self.found[1:] if time.localtime(moment).tm_min != 0]
 
 
 def start_all(bench, stack, cells):
-    """Starts one daemon after the other; returns cell to machine."""
+    """Starts all daemons, one after the other; returns the machines by cell."""
     running = {}
     for count in bench.sizes(0, 100, 1000, 10000):
         for per_file in LAYOUTS if count else LAYOUTS[:1]:
@@ -64,7 +63,7 @@ def start_all(bench, stack, cells):
     return running
 
 
-def look_together(running):
+def align_cycles(running):
     time.sleep(60 - time.time() % 60)
     for machine in running.values():
         if machine.MAIN == "kestcrond":
@@ -75,29 +74,29 @@ def look_together(running):
 
 def watch(bench, cells, running, minutes):
     pids = {cell: machine.main_pid() for cell, machine in running.items()}
-    looks = {cell: Looks(machine.cpu()) for cell, machine in running.items()}
+    cycles = {cell: Cycles(machine.cpu()) for cell, machine in running.items()}
     end = time.monotonic() + 60 * minutes + REST
     while time.monotonic() < end:
         time.sleep(STEP)
-        for cell in list(looks):
+        for cell in list(cycles):
 
-            def see():
-                looks[cell].see(cpu_of(pids[cell]), time.time())
+            def sample():
+                cycles[cell].add_sample(cpu_of(pids[cell]), time.time())
 
-            if not bench.attempt(cells, cell, see):
-                del looks[cell]
-    return looks
+            if not bench.attempt(cells, cell, sample):
+                del cycles[cell]
+    return cycles
 
 
 def measure(bench):
     cells = Cells("daemon", "per_file", "jobs")
     with ExitStack() as stack:
         running = start_all(bench, stack, cells)
-        look_together(running)
-        looks = watch(bench, cells, running, 2 if bench.quick else 8)
-        for cell, seen in looks.items():
-            for cpu in seen.usual():
+        align_cycles(running)
+        cycles = watch(bench, cells, running, 2 if bench.quick else 8)
+        for cell, found in cycles.items():
+            for cpu in found.counted():
                 cells.add(cpu / 1e6, *cell)
-            if not seen.usual():
-                cells.fail("no look was seen but the first and those at a full hour", *cell)
+            if not found.counted():
+                cells.fail("no cycle was found besides the first and those at a full hour", *cell)
     return cells.rows()

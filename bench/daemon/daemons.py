@@ -1,5 +1,5 @@
-"""The daemons, each on a private machine of its own: how jobs are put there, how it is started and
-how one sees that it is ready."""
+"""The measured daemons, each on its own private machine: how jobs are installed, how the daemon is started, and
+how to detect that it is ready."""
 
 import json
 import subprocess
@@ -13,7 +13,7 @@ from tests.lib.private_machine import PrivateMachine, wait_for
 from . import programs
 from .measure import Arrivals, Group, cpu_of
 
-# `when` is a crontab expression; all jobs are root's.
+# `when` is a crontab expression; all jobs run as root.
 Job = namedtuple("Job", "name when command", defaults=["/usr/bin/true"])
 
 SPOOL = "/var/spool/cron/crontabs"
@@ -21,12 +21,12 @@ LIBRARIES = "/usr/lib/x86_64-linux-gnu"
 
 
 def idle_jobs(count):
-    """Jobs spread over the day like real ones, but on a day that never comes."""
+    """Jobs that are spread over the day like real ones, but on a day that does not exist."""
     return [Job(f"j{number}", f"{number % 60} {number * 7 % 24} 31 2 *") for number in range(count)]
 
 
 def in_files(jobs, per_file):
-    """The jobs file by file; with `per_file` 0 all are in one."""
+    """The jobs in lists, one for each file; with `per_file` 0 all are in one file."""
     per_file = per_file or max(len(jobs), 1)
     return [jobs[start : start + per_file] for start in range(0, len(jobs), per_file)]
 
@@ -40,12 +40,11 @@ def tool(name):
 
 
 class Daemon(PrivateMachine):
-    """A machine on which one daemon is started. What it takes of the CPUs from its exec on, with
-    all its children, is in `group`."""
+    """A machine for one daemon. `group` counts the CPU time of the daemon since its exec, with all its children."""
 
-    # What each kind says of itself: the name of the process that looks at the schedules, how it is
-    # started in the foreground, and how it is called in tables. It also has `write_jobs`, which
-    # puts jobs into files of so many, and `add_jobs`, which adds some in one place more.
+    # Each kind defines the name of the process that checks the schedules, the command that starts it in the
+    # foreground, and its name in tables. It also defines `write_jobs`, which writes jobs to files with
+    # `per_file` jobs each, and `add_jobs`, which adds jobs in a separate file.
     MAIN = ""
     COMMAND = []
     TITLE = ""
@@ -69,7 +68,7 @@ class Daemon(PrivateMachine):
             self.group.remove()
 
     def prepare(self):
-        """Clears away the jobs that the host has, and puts in place what the daemon needs."""
+        """Removes the jobs of the host, and installs what the daemon needs."""
         for directory in ("/etc/cron.d", SPOOL):
             self.path(directory).mkdir(parents=True, exist_ok=True)
             for entry in self.path(directory).iterdir():
@@ -77,7 +76,7 @@ class Daemon(PrivateMachine):
         self.path("/etc/crontab").unlink(missing_ok=True)
 
     def put(self, directory, files, mode=0o644):
-        """Writes many files that nobody reads yet."""
+        """Writes files directly; the daemon must not run yet."""
         target = self.path(directory)
         target.mkdir(parents=True, exist_ok=True)
         for name, text in files.items():
@@ -85,7 +84,7 @@ class Daemon(PrivateMachine):
             (target / name).chmod(mode)
 
     def charged(self, *command):
-        """Starts a command whose time is charged to the group; returns the process."""
+        """Starts a command in the control group, which counts its CPU time; returns the process."""
         self.group = self.group or Group()
         self.output = tempfile.TemporaryFile("w+", errors="replace")
         with (self.group.path / "cgroup.procs").open("w") as group:
@@ -101,28 +100,28 @@ class Daemon(PrivateMachine):
             )
 
     def bare(self, count, *command):
-        """So many bare starts of a command, charged to the group; returns CPU time and time, in
-        nanoseconds."""
+        """Starts a command `count` times in the control group, without a daemon. Returns CPU time and elapsed
+        time in nanoseconds."""
         before = self.group.cpu() if self.group else 0
         process = self.charged(tool("floor"), count, *command)
         if process.wait(300) != 0:
-            raise RuntimeError(f"{command[0]} failed: {self.said()}")
-        return self.group.cpu() - before, int(self.said())
+            raise RuntimeError(f"{command[0]} failed: {self.last_output()}")
+        return self.group.cpu() - before, int(self.last_output())
 
-    def said(self):
-        """What the command charged last has written."""
+    def last_output(self):
+        """The end of the output of the command that charged() started last."""
         self.output.seek(0)
         return self.output.read()[-500:]
 
     def began(self):
-        """The moment of the exec, in nanoseconds of the monotonic clock."""
+        """The time of the exec, in nanoseconds of the monotonic clock."""
         return int(wait_for(lambda: self.read("/tmp/began"), what="the start"))
 
     def launch_daemon(self):
         self.process = self.charged(*self.COMMAND)
 
     def main_pid(self):
-        """The pid, seen from outside, of the process that looks at the schedules."""
+        """The outside pid of the process that checks the schedules."""
         for pid in self.group.pids():
             try:
                 if Path(f"/proc/{pid}/comm").read_text().strip() == self.MAIN:
@@ -130,10 +129,10 @@ class Daemon(PrivateMachine):
             except FileNotFoundError:
                 pass
         self._drain()
-        raise RuntimeError(f"{self.TITLE} has ended: {self.said()} {self._datagrams[-3:]}")
+        raise RuntimeError(f"{self.TITLE} has ended: {self.last_output()} {self._datagrams[-3:]}")
 
     def settle(self, quiet=0.3, seconds=120):
-        """Waits until all processes have slept for a while and taken nothing of the CPUs."""
+        """Waits until all processes have been asleep for `quiet` seconds without using CPU time."""
         time.sleep(0.1)
         seen = [None, time.monotonic()]
 
@@ -143,7 +142,7 @@ class Daemon(PrivateMachine):
                 seen[:] = [now, time.monotonic()]
             return time.monotonic() - seen[1] > quiet
 
-        wait_for(is_quiet, seconds, "sleep")
+        wait_for(is_quiet, seconds, "the end of all activity")
         self.main_pid()
 
     def start_ready(self):
@@ -174,7 +173,7 @@ class Kestcrond(Daemon):
         self.put(self.SOURCE, {"more.conf": self.definitions(jobs)})
 
     def staged(self, job):
-        """Where the copy of the program of a job added is."""
+        """The path of the staged program of a job that add_jobs() added."""
         return self.path(f"/tmp/kestcrond/pkg-more-{job.name}")
 
     def definitions(self, jobs):
@@ -187,7 +186,7 @@ class Kestcrond(Daemon):
         )
 
     def start_at_once(self):
-        """Lets all jobs of a cycle start without a delay between them."""
+        """Sets "maxDelay" to 0, so that all jobs of a cycle start at once."""
         config = {
             "name": "scheduleTemplate",
             "user": "root",
@@ -207,7 +206,7 @@ class Kestcrond(Daemon):
         return ready - began
 
     def loaded(self):
-        """How many jobs the daemon holds."""
+        """The number of loaded jobs."""
         return len(json.loads(self.read(self.RUNTIME_FILE)).get("jobs", {}))
 
 
@@ -235,8 +234,8 @@ class Cron(Daemon):
 
 
 class Bcron(Daemon):
-    """The processes that look at schedules and run jobs. The one that copies system crontabs into
-    the spool is left out: what it would write there is written here."""
+    """The processes that check schedules and run jobs. The one that copies system crontabs to the spool is not
+    started: the files are written to the spool directly."""
 
     DAEMON = "/usr/sbin/bcron-start"
     MAIN = "bcron-sched"
@@ -267,7 +266,7 @@ class Bcron(Daemon):
 
 
 class BusyBox(Daemon):
-    """A crontab is an account's here, so that many files take many accounts."""
+    """Each crontab belongs to an account, so many files need many accounts."""
 
     DAEMON = "/usr/sbin/crond"
     MAIN = "crond"
@@ -298,12 +297,12 @@ PEER_BINARIES = {
 
 
 def own_binary(copies):
-    """The daemon as it is installed, or the one that leaves out the copying of programs."""
+    """The daemon itself, or the variant that does not copy programs."""
     return programs.BUILD / ("kestcrond" if copies else "kestcrond_nocopy")
 
 
 def new(kind, copies=False):
-    """A machine for a daemon of this kind, to be entered."""
+    """A machine for a daemon of this kind, for a `with` statement."""
     return kind(own_binary(copies) if kind is Kestcrond else PEER_BINARIES[kind]())
 
 

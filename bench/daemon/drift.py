@@ -1,12 +1,11 @@
-"""What a look takes on top of its 60 seconds, seen from outside.
+"""The time by which the interval of cycles exceeds 60 seconds, measured from outside.
 
-A job that is due in every minute notes the real time at which it runs, beside jobs that never are
-due. kestcrond sleeps 60 seconds after each look, so that the time from one note to the next is 60
-seconds and what the look took: the timer's lateness, the work, the start of the one job. The other
-daemons sleep until the minute begins; for them each note tells how late in its minute it came. The
-notes hold the way from fork to the job too, which is about the same each time: it is in the
-lateness of the others, not in the drift. A program that does nothing but sleep 60 seconds again
-and again shows what the machine's timers add by themselves.
+A job that is due in every minute records the real time of its runs; all other jobs are never due. kestcrond
+sleeps for 60 seconds after each cycle, so the interval between two records is 60 seconds plus the duration of
+the cycle: the lateness of the timer, the work, and the start of the job. The other daemons sleep until the
+minute begins; for them each record shows the delay within its minute. The records include the time from the
+fork to the job, which is about constant: it is part of the delay of the others but not of the drift. A program
+that only sleeps for 60 seconds repeatedly shows the lateness of the timers of the machine.
 """
 
 import time
@@ -17,7 +16,7 @@ from .daemons import Job, Kestcrond, idle_jobs, tool
 from .measure import Cells
 
 WITNESS = Job("witness", "* * * * *", f"{tool('stamp')} witness")
-# The other daemons all look when the minute begins; ours looks when it was started.
+# The cycles of the other daemons are at the beginning of the minute; those of ours depend on its start.
 OWN_SECONDS = {100: 20, 1000: 40}
 SLEEPER = "bare sleep"
 SLEEPER_SECOND = 50
@@ -25,12 +24,12 @@ MINUTE = 60 * 10**9
 
 
 def wait_for_second(second):
-    """Until the clock's minute is at that second."""
+    """Waits for this second of a minute."""
     time.sleep((second - time.time()) % 60)
 
 
 def plan(bench):
-    """(kind, jobs): the others with one size only, as they would be in one another's way."""
+    """Yields (kind, jobs). The others run with one size only, because their checks are at the same time."""
     counts = bench.sizes(100, 1000)
     yield from ((kind, counts[-1]) for kind in daemons.PEER_BINARIES)
     yield from ((Kestcrond, count) for count in counts)
@@ -53,17 +52,17 @@ def start_sleeper(stack):
     return machine
 
 
-def notes(machine):
-    """The moments noted, in nanoseconds since the epoch."""
+def recorded_times(machine):
+    """The recorded times, in nanoseconds since the epoch."""
     lines = machine.read("/tmp/starts").splitlines()
     return sorted(int(line.split()[1]) for line in lines)
 
 
 def judge_drift(cells, title, count, moments):
-    """From one note to the next, and over the whole time, in milliseconds. The first note is left
-    out: it is made right after the load, when nothing has to be woken up."""
+    """Adds the drift between two records, and over the whole time, in milliseconds. The first record is left out:
+    it is written right after the load, without a wake-up."""
     if len(moments) < 3:
-        raise RuntimeError(f"{len(moments)} notes came")
+        raise RuntimeError(f"only {len(moments)} records were written")
     moments = moments[1:]
     for earlier, later in zip(moments, moments[1:]):
         cells.add((later - earlier - MINUTE) / 1e6, title, "drift", count)
@@ -72,15 +71,15 @@ def judge_drift(cells, title, count, moments):
 
 
 def judge_lateness(cells, title, count, moments):
-    """How late in its minute each note came, in milliseconds."""
+    """Adds the delay of each record within its minute, in milliseconds."""
     if not moments:
-        raise RuntimeError("no note came")
+        raise RuntimeError("no record was written")
     for moment in moments:
         cells.add(moment % MINUTE / 1e6, title, "late", count)
 
 
 def start_all(bench, cells, stack):
-    """Cell to machine and how to judge it."""
+    """Starts all daemons; returns the machine and the function that evaluates it, by cell."""
     running = {}
     for kind, count in plan(bench):
         judge = judge_drift if kind is Kestcrond else judge_lateness
@@ -103,5 +102,5 @@ def measure(bench):
         running = start_all(bench, cells, stack)
         time.sleep(60 * (2 if bench.quick else 10) + 5)
         for (title, count), (machine, judge) in running.items():
-            bench.attempt(cells, (title, "drift", count), lambda: judge(cells, title, count, notes(machine)))
+            bench.attempt(cells, (title, "drift", count), lambda: judge(cells, title, count, recorded_times(machine)))
     return cells.rows()

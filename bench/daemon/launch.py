@@ -1,16 +1,16 @@
 """Many jobs that are due in one minute, without a delay between them.
 
-Each job notes when it was started. From that come how many of them were started, and how long after
-the first the last was. CPU time in all is what the machine's control group took from the moment
-before the minute until seconds after: the daemon, its children, shells between, and the jobs, which
-are the same small static program for all. The daemon's part is that of the processes that are there
-before and after, by /proc/PID/schedstat.
+Each job records when it was started. The records show how many jobs were started, and the time from the first
+to the last start. The total CPU time is that of the control group from just before the minute until some
+seconds later: the daemon, its children, shells between them, and the jobs, which are the same small static
+program for all. The part of the daemon is that of the processes that exist before and after, from
+/proc/PID/schedstat.
 
-So that no daemon starts its jobs while another does, those that look when the minute begins are
-stopped before and go on one after the other within it: all that changes is when they look.
-kestcrond looks when it was started, and that is when nobody else does. Its programs are put where
-the copies would be, so that ten thousand need not be made. There is no system log: those that write
-to it at each start wait for nobody to read.
+No two daemons start jobs at the same time: those that check when the minute begins are stopped before it, and
+continued one after the other within it, which changes only the time of their check. The cycle of kestcrond
+depends on its start, and is when no other daemon checks. Its programs are written in place of the copies, so
+that ten thousand copies need not be made. There is no system log, so that daemons that write to it at each
+start do not wait for a reader.
 """
 
 import os
@@ -34,8 +34,8 @@ BARE = "bare starts"
 
 
 def batch_minutes(bench):
-    """The minutes, seconds since the epoch, in which a batch is due, and how large it is. The full
-    hour is left out, and the first is far enough for all daemons to be started."""
+    """Yields the minutes in which a batch is due, in seconds since the epoch, and the size of the batch. Full hours
+    are left out. There is enough time before the first minute to start all daemons."""
     minute = (int(time.time()) + 30) // 60 * 60 + 120
     for _ in range(bench.repetitions(3)):
         for batch in bench.sizes(*BATCHES):
@@ -46,7 +46,7 @@ def batch_minutes(bench):
 
 
 def due_jobs(batches):
-    """The jobs of the largest batch; the first of them belong to the smaller ones too."""
+    """Yields the jobs of the largest batch; the first of them are also those of the smaller batches."""
     for number in range(max(batch for _, batch in batches)):
         minutes = sorted({time.localtime(minute).tm_min for minute, batch in batches if number < batch})
         yield Job(f"due{number}", f"{','.join(map(str, minutes))} * * * *", f"{tool('stamp')} due{number}")
@@ -65,7 +65,7 @@ def prepare(kind, others, jobs, stack):
 
 
 def start_own(machine, jobs):
-    """Starts ours, and puts the programs where their copies would be."""
+    """Starts kestcrond, and writes the programs in place of their copies."""
     machine.start_ready()
     machine.close_system_log()
     if machine.loaded() < len(jobs):
@@ -81,13 +81,13 @@ def send(machine, number):
         os.kill(pid, number)
 
 
-# CPU time of all, and of the processes that were there before, which are the daemon, and when it
-# was read, in nanoseconds since the epoch.
+# The CPU time of all processes, and of those that existed before, which are the daemon's; and the time of the
+# reading, in nanoseconds since the epoch.
 Spent = namedtuple("Spent", "moment by_all by_daemon")
 
 
-def take(machine, window):
-    """Lets the machine go on for so many seconds; returns what was spent."""
+def measure_window(machine, window):
+    """Continues the machine for this number of seconds; returns the CPU time spent."""
     machine.path("/tmp/starts").unlink(missing_ok=True)
     pids = machine.group.pids()
     before = machine.group.cpu(), sum(map(cpu_of, pids))
@@ -97,7 +97,7 @@ def take(machine, window):
 
 
 def judge(cells, title, others, batch, machine, spent):
-    """What the notes and the CPU time tell of one batch, when all had time to start."""
+    """Evaluates the records and the CPU time of one batch, after all jobs had time to start."""
 
     def add(what, value):
         cells.add(value, title, what, others, batch)
@@ -118,7 +118,7 @@ def judge(cells, title, others, batch, machine, spent):
 
 
 def turns(running):
-    """(second of the minute, seconds, kind, others) in the order of the clock."""
+    """Yields (second of the minute, duration, kind, others) for each daemon."""
     for kind, others in running:
         if kind is Kestcrond:
             yield OWN_SECONDS[others], OWN_WINDOWS[others], kind, others
@@ -128,8 +128,8 @@ def turns(running):
 
 
 def run_minute(bench, cells, running, minute, batch):
-    """All batches of one minute; the others are stopped from before it begins until their turn.
-    Returns machine to what was spent."""
+    """Runs all batches of one minute; the other daemons are stopped from before it begins until their turn.
+    Returns the CPU time spent, by machine."""
     spent = {}
     time.sleep(max(0, minute - 60 + STOP_SECOND - time.time()))
     for (kind, _), machine in running.items():
@@ -141,15 +141,15 @@ def run_minute(bench, cells, running, minute, batch):
 
         def fill():
             if time.time() > minute + second + 1:
-                raise RuntimeError("the turn before took too long")
-            spent[kind, others] = take(machine, window)
+                raise RuntimeError("the previous turn took too long")
+            spent[kind, others] = measure_window(machine, window)
 
         bench.attempt(cells, (kind.TITLE, "first to last", others, batch), fill)
     return spent
 
 
 def judge_minute(bench, cells, running, spent, batch):
-    """At the minute's end: late enough for what is slow, and before the next notes are made."""
+    """Evaluates the minute at its end, when slow starts are complete and the next ones have not begun."""
     for (kind, others), taken in spent.items():
         machine = running[kind, others]
         bench.attempt(
@@ -160,7 +160,7 @@ def judge_minute(bench, cells, running, spent, batch):
 
 
 def start_all(bench, cells, jobs, first, stack):
-    """The others first; ours at their seconds of the minute before the first batch."""
+    """Starts the other daemons, and then those of kestcrond at their seconds of the minute before the first batch."""
     running = {}
     for others in OTHERS[:1] if bench.quick else OTHERS:
         for kind in daemons.KINDS:
@@ -185,7 +185,7 @@ def start_all(bench, cells, jobs, first, stack):
 
 
 def bare_starts(cells, batch):
-    """The floor: the same jobs started by nothing but a loop that waits for each."""
+    """The lower bound: the same jobs, started by a loop that waits for each."""
     with daemons.new(Kestcrond) as machine:
         cpu, _ = machine.bare(batch, tool("stamp"), "due@")
         judge(cells, BARE, 0, batch, machine, Spent(time.time_ns(), cpu, None))

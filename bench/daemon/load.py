@@ -1,11 +1,10 @@
-"""Start to ready, and SIGHUP to ready: CPU time and time on the wall.
+"""From the start and from SIGHUP until the daemon is ready: CPU time and elapsed time.
 
-Ready is the daemon when its runtime documents are written and it sleeps. CPU time is that of the
-control group from the exec on, so that the loader and the process that detaches are in it. Of the
-other daemons it is the CPU time from the exec until no process of theirs has run for 0.3 seconds.
+kestcrond is ready when its runtime documents are written and it sleeps. The CPU time is that of the control
+group since the exec, so it includes the dynamic loader and the starting process. For the other daemons it is
+the CPU time from the exec until no process of theirs has run for 0.3 seconds.
 
-Without copies, an empty file appears where each copy would; what so many of them take by themselves
-is taken off, of the CPU time only.
+Without copies, an empty file replaces each copy; the CPU time of making these files alone is subtracted.
 """
 
 import os
@@ -21,18 +20,18 @@ LAYOUTS = (1, 100)  # jobs in a file
 
 
 def reload(machine):
-    """Tells the daemon to load again; returns CPU time and time, in nanoseconds."""
+    """Reloads the daemon; returns CPU time and elapsed time in nanoseconds."""
     before = machine.group.cpu()
     with Arrivals(machine.path("/run")) as arrivals:
-        asked = time.monotonic_ns()
+        requested = time.monotonic_ns()
         os.kill(machine.main_pid(), signal.SIGHUP)
         ready = arrivals.wait(Path(machine.RUNTIME_TEMPLATE).name, 300, machine.main_pid)
     machine.settle()
-    return machine.group.cpu() - before, ready - asked
+    return machine.group.cpu() - before, ready - requested
 
 
 def stub_of_copies(machine, count):
-    """Nanoseconds of CPU time that so many empty files take."""
+    """The CPU time in nanoseconds of making this number of empty files."""
     return int(machine.run(tool("entries"), count, "/tmp/entries").stdout)
 
 
@@ -59,8 +58,8 @@ def load_peer(cells, kind, count, per_file):
 
 
 def bare_copies(cells, count):
-    """As many starts of the copy program with nothing around them, on such a machine: where no copy
-    is yet, as at a start, and over those that are, as at a reload."""
+    """Starts the copy program for each job, without a daemon: without existing copies, as at a start, and over
+    existing ones, as at a reload."""
     with daemons.new(Kestcrond) as machine:
         machine.path("/tmp/copies").mkdir()
         for what in ("start", "reload"):
@@ -70,7 +69,7 @@ def bare_copies(cells, count):
 
 
 def steps(bench, cells):
-    """What one repetition does: a cell's start, and how to fill it."""
+    """Yields the cells of one repetition, each with the function that measures it."""
     for count in bench.sizes(100, 1000, 10000):
         for per_file in LAYOUTS:
             yield ("kestcrond, no copies", "start", "cpu", per_file, count), lambda: load_own(

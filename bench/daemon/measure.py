@@ -1,4 +1,4 @@
-"""How things are measured: CPU time of a process and of all that it starts, memory, moments."""
+"""Measures CPU time of a process and of all its children, memory, and the times of events."""
 
 import ctypes
 import itertools
@@ -17,7 +17,7 @@ IN_MOVED_TO = 0x80
 
 
 def cpu_of(pid):
-    """Nanoseconds that the main thread of a process was on a CPU."""
+    """The CPU time of the main thread of a process, in nanoseconds."""
     return int(Path(f"/proc/{pid}/schedstat").read_text().split()[0])
 
 
@@ -36,7 +36,7 @@ def state_of(pid):
 
 
 class Group:
-    """A control group: what its processes, dead ones too, took of the CPUs."""
+    """A control group, which counts the CPU time of its processes, including ended ones."""
 
     NAME = "kestcron-bench"
     numbers = itertools.count()
@@ -54,14 +54,14 @@ class Group:
         raise RuntimeError("no control groups of version 2 are mounted")
 
     @classmethod
-    def clear_away(cls):
-        """Removes the groups of runs that were killed."""
+    def remove_stale(cls):
+        """Removes the groups of killed runs."""
         for path in cls.root().glob(f"{cls.NAME}-*"):
             if not Path("/proc", path.name.split("-")[-2]).exists():
                 path.rmdir()
 
     def cpu(self):
-        """Nanoseconds, counted in microseconds."""
+        """The CPU time in nanoseconds, with a resolution of a microsecond."""
         return int(re.search(r"usage_usec (\d+)", (self.path / "cpu.stat").read_text())[1]) * 1000
 
     def pids(self):
@@ -74,16 +74,16 @@ class Group:
             return False
 
     def remove(self):
-        """When all in it have ended."""
+        """Removes the group after all its processes have ended."""
         try:
             wait_for(lambda: not self.pids(), 10, "the end of a control group")
             self.path.rmdir()
         except (Deadline, OSError):
-            pass  # an empty group left behind harms nobody
+            pass  # a remaining empty group does no harm
 
 
 class Arrivals:
-    """Tells when a file is moved into a directory, without asking again and again."""
+    """Detects without polling when a file is moved into a directory."""
 
     def __init__(self, directory):
         self.descriptor = libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
@@ -97,8 +97,8 @@ class Arrivals:
         os.close(self.descriptor)
 
     def wait(self, name, seconds, check):
-        """The moment, in nanoseconds of the monotonic clock, at which `name` came. Meanwhile
-        `check` may raise, as when there is nobody any more to bring it."""
+        """Returns the time, in nanoseconds of the monotonic clock, at which `name` was moved in. Calls `check`
+        every second, which raises an exception if this cannot happen any more."""
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             if not select.select([self.descriptor], [], [], 1)[0]:
@@ -115,14 +115,14 @@ class Arrivals:
 
 
 def reason_of(fault):
-    """What went wrong, in one line."""
+    """The reason of a failure, in one line."""
     kind = f"{type(fault).__name__}: " if isinstance(fault, Exception) else ""
     return kind + " ".join(str(fault).split())
 
 
 class Cells:
-    """What was measured: for each cell, told by the values of `keys`, a list of figures or, when
-    there is none, why."""
+    """The results: for each cell, identified by the values of `keys`, a list of figures or the reason of a
+    failure."""
 
     def __init__(self, *keys):
         self.keys = keys
@@ -148,7 +148,7 @@ class Cells:
 
 
 def summary(values):
-    """The median, the lowest and the highest of what was measured, and all of it."""
+    """The median, the lowest and the highest of the values, and all values."""
     if not values:
         return {"values": []}
     return {"median": statistics.median(values), "low": min(values), "high": max(values), "values": values}

@@ -1,7 +1,7 @@
-"""Resident, proportional and private memory by /proc/PID/smaps_rollup, jobs in one file.
+"""Resident, proportional and private memory from /proc/PID/smaps_rollup, with all jobs in one file.
 
-One daemon runs at a time: libraries that several share would count by their part only. Where a
-daemon is of several processes, their memory is added up.
+Only one daemon runs at a time, because shared libraries would otherwise count in part only. The memory of
+several processes of a daemon is added.
 """
 
 from . import daemons

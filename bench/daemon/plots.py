@@ -3,7 +3,7 @@
 from math import log10
 
 PLOTS = {}
-# Told apart with any kind of sight, and by their marks too.
+# Distinguishable with any colour vision, and by their marks.
 LOOKS = {
     "kestcrond": ("#d55e00", "o", 2.4),
     "kestcrond, no copies": ("#d55e00", "o", 2.4),
@@ -22,7 +22,7 @@ def plot(name):
 
 
 def curves(rows, column):
-    """Daemon to its points, sorted."""
+    """The points of each daemon, sorted."""
     found = {}
     for row in rows:
         if "median" in row and row["daemon"] in LOOKS and row[column] > 0:
@@ -31,8 +31,7 @@ def curves(rows, column):
 
 
 def spread(places, least):
-    """Moves labels apart that would lie on one another, both of a pair as far; keeps their
-    order."""
+    """Moves overlapping labels apart, both of a pair by the same distance; keeps their order."""
     order = sorted(places, key=places.get)
     for _ in range(50):
         for low, high in zip(order, order[1:]):
@@ -60,7 +59,7 @@ def name_curves(axes, found):
 
 
 def draw_curves(axes, found, title, across, up):
-    """Lines on two logarithmic axes."""
+    """Draws lines with two logarithmic axes."""
     from matplotlib.ticker import LogLocator
 
     axes.set_xscale("log")
@@ -82,12 +81,12 @@ def draw_curves(axes, found, title, across, up):
 
 
 def draw_pair(figure, sides):
-    """Two charts beside each other: (curves, title, what is across, what is up)."""
+    """Draws two charts side by side, each given as (curves, title, label across, label up)."""
     left = figure.add_subplot(1, 2, 1)
     pair = [left, figure.add_subplot(1, 2, 2, sharey=left)]
     for axes, side in zip(pair, sides):
         draw_curves(axes, *side)
-    for axes, side in zip(pair, sides):  # now that both are as high as they will be
+    for axes, side in zip(pair, sides):  # after both have their final height
         name_curves(axes, side[0])
 
 
@@ -143,7 +142,7 @@ def launch(figure, rows):
         [
             (
                 curves([row for row in spans if row["others"] == others], "batch"),
-                f"First start to last, {others:,} other jobs loaded",
+                f"From the first start to the last, {others:,} other jobs loaded",
                 "jobs due in one minute",
                 "ms",
             )
@@ -158,7 +157,7 @@ def draw(directory, results):
     matplotlib.use("svg")
     import matplotlib.pyplot as pyplot
 
-    matplotlib.rcParams["svg.hashsalt"] = "kestcrond"  # the same figures, the same file
+    matplotlib.rcParams["svg.hashsalt"] = "kestcrond"  # the same figures yield the same file
     directory.mkdir(parents=True, exist_ok=True)
     for name, function in PLOTS.items():
         rows = results.get(name, {}).get("rows", [])

@@ -1,8 +1,8 @@
-"""The programs that are measured, and those that measure.
+"""The measured programs, and those that measure.
 
-The other cron daemons come from Debian's archive: `cron` and `bcron` unpacked from their packages,
-never installed, and BusyBox built from its source package, because the packaged one leaves its
-crond out. Everything lies in build/bench/peers.
+The other cron daemons come from Debian: `cron` and `bcron` are unpacked from their packages but not installed,
+and BusyBox is built from its source package, because the packaged one has no crond. All of them are in
+build/bench/peers.
 """
 
 import shutil
@@ -26,7 +26,8 @@ BUSYBOX_OPTIONS = {
 
 
 def run(*command, cwd=None):
-    """Runs a command among the peers; what it said is told when it fails."""
+    """Runs a command in the directory of the peers, and returns its output. The error of a failed command
+    contains its output."""
     done = subprocess.run(
         [str(word) for word in command],
         cwd=cwd or PEERS,
@@ -41,7 +42,7 @@ def run(*command, cwd=None):
 
 
 def unpacked(package):
-    """The directory that holds a package's files."""
+    """Downloads and unpacks a package; returns the directory of its files."""
     target = PEERS / package
     if not target.exists():
         run("apt-get", "download", package)
@@ -52,8 +53,7 @@ def unpacked(package):
 
 
 def source_options():
-    """Options for apt-get that let it see source packages too; the machine's lists stay as they
-    are."""
+    """Options with which apt-get finds source packages, without a change to the lists of the machine."""
     parts, lists, cache = PEERS / "apt/parts", PEERS / "apt/lists", PEERS / "apt/cache"
     for directory in (parts, lists / "partial", cache / "archives/partial"):
         directory.mkdir(parents=True, exist_ok=True)
@@ -78,7 +78,7 @@ def source_options():
 
 
 def busybox():
-    """BusyBox as Debian configures it, and its crond."""
+    """Builds BusyBox as Debian configures it, with crond; returns the program."""
     program = PEERS / "busybox/busybox"
     if program.exists():
         return program
@@ -86,7 +86,7 @@ def busybox():
     run("apt-get", *options, "update")
     run("apt-get", *options, "source", "--download-only", "busybox")
     tree = PEERS / "busybox"
-    shutil.rmtree(tree, ignore_errors=True)  # of a build that failed
+    shutil.rmtree(tree, ignore_errors=True)  # remains of a failed build
     run("dpkg-source", "-x", "--no-check", *PEERS.glob("busybox_*.dsc"), tree)
     lines = [
         line
@@ -100,7 +100,7 @@ def busybox():
 
 
 def versions():
-    """What the others are, with Debian's versions."""
+    """The names and Debian versions of the other daemons."""
     found = [
         archive.name.split("_")[:2]
         for name in PACKAGES
@@ -114,7 +114,7 @@ def versions():
 
 
 def build_tools():
-    """The static programs beside this file."""
+    """Builds the static programs in the directory of this file."""
     TOOLS.mkdir(parents=True, exist_ok=True)
     for source in Path(__file__).parent.glob("*.c"):
         tool = TOOLS / source.stem
@@ -123,7 +123,7 @@ def build_tools():
 
 
 def fetch_peers():
-    """Fetches, builds and unpacks; returns what is wrong with those that are not to be had."""
+    """Downloads, unpacks and builds the other daemons; returns the reasons of failures."""
     PEERS.mkdir(parents=True, exist_ok=True)
     faults = {}
     for name, get in [(package, lambda name=package: unpacked(name)) for package in PACKAGES] + [("busybox", busybox)]:

@@ -1,4 +1,4 @@
-"""Results as tables, on the terminal and in docs/performance-tables.md."""
+"""Writes results as tables, on the terminal and in docs/performance-tables.md."""
 
 import math
 import re
@@ -14,7 +14,7 @@ LAYOUTS = {0: "all jobs in one file", 1: "a file per job", 100: "files of 100 jo
 
 
 def number(value):
-    """Three digits that count."""
+    """The number with three significant digits."""
     if value is None:
         return "–"
     if value == 0:
@@ -24,7 +24,7 @@ def number(value):
 
 
 def figure(row):
-    """The median with the lowest and highest in brackets, or why there is none."""
+    """The median with the lowest and the highest value, or the reason of a failure."""
     if row is None:
         return "–"
     if "median" not in row:
@@ -35,7 +35,7 @@ def figure(row):
 
 
 def markdown(head, lines, sides=None):
-    """A table; `sides` tells for each column whether it leans to the left or to the right."""
+    """A table in Markdown; `sides` aligns each column to the left ("l") or to the right ("r")."""
     rules = {"l": "---", "r": "---:"}
     rows = [head, [rules[side] for side in sides or "l" + "r" * (len(head) - 1)], *lines]
     return "\n".join("| " + " | ".join(map(str, row)) + " |" for row in rows)
@@ -46,12 +46,12 @@ def chosen(rows, **wanted):
 
 
 def medians(rows, column):
-    """Column to median."""
+    """The medians by the value of a column."""
     return {row[column]: row["median"] for row in rows if "median" in row}
 
 
 def exponent(of_count):
-    """The power of the count with which the figure grows, from 100 to the largest."""
+    """The exponent with which the figure grows, from 100 to the largest count."""
     last = max(of_count, default=0)
     if 100 not in of_count or last <= 100 or min(of_count[100], of_count[last]) <= 0:
         return None
@@ -63,9 +63,9 @@ def is_own(name):
 
 
 def grid(rows, column="jobs", growth=True, ratio="kestcrond to the lowest of the others"):
-    """A table of daemons and sizes, how each grows, and how ours stands to the best other."""
+    """A table of daemons and sizes, the growth of each, and the ratio of ours to the best other daemon."""
     counts = sorted({row[column] for row in rows})
-    # Ours first, whatever was started first.
+    # Ours first.
     daemons = sorted({row["daemon"]: None for row in rows}, key=lambda name: not is_own(name))
     of_daemon = {name: chosen(rows, daemon=name) for name in daemons}
     lines = []
@@ -187,22 +187,22 @@ def memory(rows):
 def launch(rows):
     for others in sorted({row["others"] for row in rows}):
         part = [row for row in chosen(rows, others=others) if row["batch"]]
-        for what, said in (
+        for what, title in (
             ("first to last", "from the first start to the last"),
-            ("cpu in all", "of CPU time in all"),
+            ("cpu in all", "of CPU time in total"),
             ("cpu of the daemon", "of CPU time of the daemon itself"),
-            ("cpu of the daemon per start", "of that for each job"),
+            ("cpu of the daemon per start", "of CPU time of the daemon itself per job"),
         ):
-            # Of one job the first is the last.
+            # With one job the first start is also the last.
             cells = [row for row in chosen(part, what=what) if what != "first to last" or row["batch"] > 1]
             if cells:
                 unit = "Microseconds" if what.endswith("per start") else "Milliseconds"
-                yield (f"{unit} {said}, with {others:,} other jobs loaded:\n\n" + grid(cells, "batch", growth=False))
+                yield (f"{unit} {title}, with {others:,} other jobs loaded:\n\n" + grid(cells, "batch", growth=False))
     yield lost(rows)
 
 
 def lost(rows):
-    """Whether each job was started, and once."""
+    """Names jobs that were not started, or started twice."""
     faults = [
         f"{row['daemon']} started {row['low']:,} of {row['batch']:,} with " f"{row['others']:,} others loaded"
         for row in chosen(rows, what="started")
@@ -231,14 +231,14 @@ def sizes(rows):
     )
 
 
-# Part to its heading, how it was measured, and its tables and plot.
+# The heading of each part, how it was measured, and the function that makes its tables.
 SECTIONS = {
     "cycle": (
         "A cycle with no job due",
         """
 Every daemon runs on a private machine of its own, all at the same time and by the real clock, with
 jobs that are due on a day that does not exist. A figure is the CPU time of the process that checks the
-jobs, by `/proc/PID/schedstat`, from one sleep to the next. The others check when a minute begins; ours
+jobs, by `/proc/PID/schedstat`, between two sleeps. The others check when a minute begins; ours
 gets a request to reload at that moment, so that its cycle is right before theirs, with a file per job
 last.""",
         cycle,
@@ -263,14 +263,15 @@ copies, an empty file replaces each copy; the CPU time of making these files alo
     "memory": (
         "Memory",
         """
-By `/proc/PID/smaps_rollup`, jobs in one file, one daemon at a time; both processes of bcron.""",
+From `/proc/PID/smaps_rollup`, with all jobs in one file and one daemon at a time; the sum of both
+processes of bcron.""",
         memory,
     ),
     "launch": (
         "Many starts at once",
         """
 The number of jobs in the head of a column is due in one minute, "maxDelay" is 0, and each job records
-when it was started. No two daemons start jobs at the same time. CPU time in all is that of the daemon,
+when it was started. No two daemons start jobs at the same time. The total CPU time is that of the daemon,
 its children, the shells between them and the jobs, which are the same small static program for all. Bare
 starts are those of a loop that starts the same program and waits for it.""",
         launch,
@@ -292,7 +293,7 @@ def machine_line(machine):
 
 
 def wrapped(text):
-    """A table's text with what stands above it in lines as long as the document's."""
+    """A table whose introduction is wrapped to the width of the document."""
     above, gap, table = text.partition("\n\n")
     return textwrap.fill(above, 100) + gap + table
 
@@ -308,7 +309,7 @@ def section(name, found, images=""):
     where = f"`{found['command']}`, {found['when']}, on {machine_line(found['machine'])}."
     parts = [f"## {title}", how.strip(), textwrap.fill(where, 100)]
     if found["quick"]:
-        parts.append("**A quick run, of no worth as a measurement.**")
+        parts.append("**A quick run; the figures are not a measurement.**")
     if not whole:
         parts += map(wrapped, tables(found["rows"]))
     parts += [f"Failed: {fault}" for fault in faults]
@@ -326,7 +327,7 @@ def peers(results):
 
 
 def write(top, results):
-    """Puts the tables between the markers of the document, and the plots beside it."""
+    """Writes the tables between the markers of the document, and the plots to docs/images."""
     document = top / "docs/performance-tables.md"
     old = document.read_text() if document.exists() else f"# Performance tables\n\n{BEGIN}\n{END}\n"
     body = f"""{BEGIN}
@@ -338,6 +339,6 @@ with the lowest and the highest in brackets. "Grows with the power" describes ho
 {text(results, "images")}
 {END}"""
     if BEGIN not in old or END not in old:
-        raise SystemExit(f"{document} has no place for the tables: {BEGIN} … {END}")
+        raise SystemExit(f"{document} has no markers for the tables: {BEGIN} … {END}")
     document.write_text(re.sub(f"{BEGIN}.*{END}", lambda _: body, old, flags=re.DOTALL))
     plots.draw(top / "docs/images", results)

@@ -22,7 +22,7 @@ def libraries(program):
 
 
 def all_programs():
-    """Title and the files that make the daemon, its own library among them."""
+    """Yields the title and the files of each daemon, including its own library."""
     yield "kestcrond", [own_binary(copies=True)]
     small = TOP / "build/minsize/kestcrond"
     if small.exists():
