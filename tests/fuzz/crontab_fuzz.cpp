@@ -1,6 +1,6 @@
-// Feeds a text to the parser of crontab items, in each of the five fields, and as a whole crontab
-// to a job. A simple second parser must agree on what is accepted and what it means; what is drawn
-// lies in the item it was drawn for.
+// Passes a text to the parser of crontab items, for each of the five fields, and as a whole crontab
+// to a job. A simple second parser must accept the same texts with the same meaning, and drawn
+// values must be in the range of their item.
 
 #include "tests/fuzz/support/checks.h"
 
@@ -23,7 +23,7 @@ std::vector<std::string> Pieces(const std::string &text, const char *separator) 
     return pieces;
 }
 
-// A number of the field, by the C library's idea of a number.
+// A number that is valid in the field, as strtol() parses it.
 std::optional<std::int32_t> NumberIn(const Bounds &bounds, const std::string &text) {
     char *end = nullptr;
     errno = 0;
@@ -60,7 +60,7 @@ void TryItem(std::size_t field, const std::string &text) {
     const std::optional<CronRange> expected = ExpectedItem(kFieldBounds[field], text);
     Require((item.fault == CronItemFault::None) == expected.has_value(),
             "both parsers accept the same items");
-    Require(!expected || IsSame(item.range, *expected), "both parsers read the same item");
+    Require(!expected || IsSame(item.range, *expected), "both parsers return the same item");
 }
 
 std::optional<CronFields> ExpectedFields(const std::string &crontab) {
@@ -101,7 +101,7 @@ void TryCrontab(const std::string &crontab) {
     const std::optional<CronFields> expected = ExpectedFields(crontab);
     Require(job.valid == expected.has_value(), "both parsers accept the same crontabs");
     Require(!expected || AreSame(job.cronFields(), *expected),
-            "both parsers read the same crontab");
+            "both parsers return the same crontab");
     TryJob(job);
 }
 

@@ -1,8 +1,8 @@
-// Feeds a job file to the reader and each definition in it to the job model. Beyond that nothing is
-// thrown: what the reader takes survives being saved, the schedule of a job lies in its fields and
-// decides alone when the job is due, and an accepted job is accepted again, unchanged, when its
-// saved document comes back at the next start. Faults are the same however many of them are asked
-// for, and lead to what was written.
+// Passes a job file to the reader and each definition in it to the job model. No exception is
+// thrown; an accepted document survives a save; the schedule of a job has values of its fields, and
+// only the schedule determines when the job is due; and an accepted job is accepted again,
+// unchanged, from its saved document. Faults are the same whatever their limit, and refer to the
+// text of the definition.
 
 #include "base/json_members.h"
 #include "base/json_text.h"
@@ -23,7 +23,7 @@ bool AreSame(const DefinitionFault &one, const DefinitionFault &other) {
            one.item.fault == other.item.fault;
 }
 
-// Whether what the fault is about is where it says.
+// Whether the fault refers to the right place of the definition.
 bool IsInPlace(const DefinitionFault &fault, const Json::Value &definition) {
     using Kind = DefinitionFault::Kind;
     if (fault.kind == Kind::Item)
@@ -42,10 +42,10 @@ void TryFaults(const Json::Value &definition) {
         const std::vector<DefinitionFault> first = ParseDefinition(definition, most).faults;
         Require(first.size() == std::min(most, faults.size()) &&
                     std::equal(first.begin(), first.end(), faults.begin(), AreSame),
-                "the first faults are the same as among all");
+                "a limit does not change the first faults");
     }
     for (const DefinitionFault &fault : faults)
-        Require(IsInPlace(fault, definition), "a fault leads to what it is about");
+        Require(IsInPlace(fault, definition), "a fault refers to its place");
 }
 
 void TryDefinition(const Json::Value &definition) {
@@ -57,16 +57,16 @@ void TryDefinition(const Json::Value &definition) {
     std::vector<DefinitionFault> faults;
     const CronJob silent(document, faults);
     Require(silent.valid == job.valid && faults.empty() == job.valid,
-            "a job is valid when its definition has no faults");
+            "a job is valid if its definition has no faults");
     if (!job.valid)
         return;
-    Require(JsonContains(definition, job.Config()), "what was defined stays");
+    Require(JsonContains(definition, job.Config()), "the definition is kept");
     Json::Value saved;
     Require(ReadDocument(JsonToString(job.Document()), kOwnFileLimits, saved) &&
                 saved == job.Document(),
-            "a job's document is read back the same");
+            "the document of a job is read back unchanged");
     const CronJob restarted(saved);
-    Require(restarted.valid && restarted.Document() == saved, "a saved job comes back unchanged");
+    Require(restarted.valid && restarted.Document() == saved, "a saved job is restored unchanged");
 }
 
 } // namespace
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (document.isArray())
         for (const Json::Value &definition : document)
             TryDefinition(definition);
-    CronJob whole(document); // as it would stand in a runtime document
+    CronJob whole(document); // as an entry of a runtime document
     TryJob(whole);
     return 0;
 }

@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the walk over the kernel's records. It never looks beyond them, it can
-// do with records at any address, and a simple second walk comes to the same result.
+// Passes arbitrary bytes to the parser of inotify records. It does not read beyond them, accepts
+// records at any address, and returns the same result as a simple second parser.
 
 #include "core/inotify_records.h"
 #include "tests/fuzz/support/checks.h"
@@ -31,8 +31,7 @@ bool ExpectedChange(std::string_view records) {
     return false;
 }
 
-// In memory that holds the records and nothing behind them, `offset` bytes after an address that
-// any object may have.
+// Parses the records in memory that ends with them, `offset` bytes after an aligned address.
 bool ReportedChange(std::string_view records, std::size_t offset) {
     const auto memory = std::make_unique<char[]>(offset + records.size());
     std::copy(records.begin(), records.end(), memory.get() + offset);
@@ -45,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string_view records = StartInput(data, size);
     const bool expected = ExpectedChange(records);
     for (const std::size_t offset : {0U, 1U})
-        Require(ReportedChange(records, offset) == expected, "both walks see the same change");
+        Require(ReportedChange(records, offset) == expected, "both parsers report the same change");
     return 0;
 }
 

@@ -1,8 +1,8 @@
-// Feeds the daemon the job file of an account and, after a line "---", the runtime document that an
-// earlier run left, and has it apply one to the other as at a start and at two reloads. Beyond that
-// nothing is thrown: a job whose definition is what it was keeps its history, any other starts
-// afresh, what is no longer defined is gone, and whatever the runtime document holds, one reload
-// later every job is there.
+// Passes to the daemon the job file of an account and, after a line "---", the runtime document of
+// an earlier run, and merges the two as at a start and at two reloads. No exception is thrown; a
+// job with an unchanged definition keeps its history, and any other has none; jobs that are no
+// longer defined are removed; and whatever the runtime document contains, all jobs exist after one
+// reload.
 //
 // The saved documents are kept in memory, and no program is staged.
 
@@ -25,8 +25,8 @@ namespace kest {
 
 namespace {
 
-// The steps of the daemon that are tried. They are private, but the arguments of an explicit
-// instantiation may name what is.
+// The tested steps of the daemon. They are private, but an explicit template instantiation may name
+// private members as arguments.
 void LoadAccount(CronDaemon &daemon, JobSet &jobSet, const std::string &path, AccountLoads &loads);
 void ApplyToSaved(CronDaemon &daemon, Json::Value document, JobSet jobSet);
 void ApplyToLive(CronDaemon &daemon, JobSet jobSet);
@@ -63,8 +63,8 @@ Json::Value &SavedRuntime() {
 
 } // namespace
 
-// What the linker puts in the place of the two functions that would touch the disk. The real ones
-// are named too: when one is declared otherwise some day, this no longer links.
+// Replacements for the two functions that write to the disk. The real ones are referenced too, so
+// that linking fails if a declaration changes.
 StagingResult RealMoveBinaryToTmp(CronJob &job, KnownAccounts &accounts, Staging &staging) __asm__(
     "__real__ZN4kest15MoveBinaryToTmpERNS_7CronJobERSt3mapINSt7__cxx1112basic_strin"
     "gIcSt11char_traitsIcESaIcEEENS_7JobUserESt4lessIS8_ESaISt4pairIKS8_S9_EEERNS_7StagingE");
@@ -93,7 +93,7 @@ StagingResult StagedWithoutDisk(CronJob &job, KnownAccounts & /*accounts*/, Stag
 
 bool SavedWithoutDisk(const Writer &write, const std::string &path, Durability /*durability*/) {
     if (path != "/var/run/kestcrond.config")
-        return true; // the template, which is not what is tried here
+        return true; // the template, which is not tested here
     std::string text;
     write([&](std::string_view part) { text += part; });
     Require(ReadDocument(text, kOwnFileLimits, SavedRuntime()), "a saved document is read back");
@@ -102,11 +102,12 @@ bool SavedWithoutDisk(const Writer &write, const std::string &path, Durability /
 
 namespace {
 
-// An account's directory with one job file, whose content is the latest input written.
+// The directory of an account with one job file, whose content is the last text passed to
+// WriteInput().
 const std::string &AccountDirectory() {
     static const bool linked =
         symlink(WriteInput({}).c_str(), (ScratchDirectory() + "/jobs.conf").c_str()) == 0;
-    Require(linked, "there is a job file");
+    Require(linked, "the job file can be created");
     return ScratchDirectory();
 }
 
@@ -129,19 +130,19 @@ void RequireApplied(const Json::Value &previous, const Json::Value &jobSet,
         const Json::Value &before = EntryOf(previous, name);
         const Json::Value &after = EntryOf(saved, name);
         if (!JsonContains(Member(before, "config"), jobSet[name])) {
-            Require(Member(after, "config") == jobSet[name], "a new definition is taken");
+            Require(Member(after, "config") == jobSet[name], "a new definition is used");
             Require(!HasMember(after, "lastExecution"), "a new job has never run");
             Require(CronJob(after).RenderSchedule().find('X') == std::string::npos,
                     "a new job has a schedule");
         } else if (after.isNull()) {
-            Require(!CronJob(before).valid, "only what is no job is dropped");
+            Require(!CronJob(before).valid, "only invalid jobs are dropped");
         } else {
             Require(KeepsHistory(before, after), "an unchanged job keeps its history");
         }
     }
     const Json::Value &entries = Member(saved, "jobs");
     for (const std::string &name : entries.getMemberNames())
-        Require(jobSet.isMember(name), "a job that is not defined is gone");
+        Require(jobSet.isMember(name), "a job that is not defined is removed");
 }
 
 Json::Value DefinitionsOf(const JobSet &jobSet) {
@@ -174,11 +175,11 @@ void TryLiveJobs(CronDaemon &daemon) {
         details.state = JobStateName(StateOf(StateInputOf(job, false, true)));
         details.scheduleText = job.scheduleText;
         Require(LaunchNote(details).find(details.state) != std::string::npos,
-                "a launch is explained");
+                "the note of a launch contains its state");
     }
 }
 
-// Every entry by itself too, whether a job of its name is defined or not.
+// Tests each entry separately too, whether its job is defined or not.
 void TryEntries(const Json::Value &document) {
     for (const Json::Value &entry : Member(document, "jobs")) {
         CronJob job(entry);
@@ -204,7 +205,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     LoadAccount(daemon, jobSet, directory, loads);
 
     if (!IsPlain(text)) {
-        // Names may become equal when they are saved, and each job with one starts afresh.
+        // Names may become equal when they are saved, and such jobs lose their history.
         ApplyToSaved(daemon, previous, jobSet);
         ApplyToLive(daemon, jobSet);
         TryLiveJobs(daemon);
@@ -219,8 +220,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     TryEntries(previous);
     const Json::Value started = Restart(daemon, previous, jobSet);
     const Json::Value restarted = Restart(daemon, started, jobSet);
-    Require(Member(restarted, "jobs").size() == jobSet.size(),
-            "every job is there after a restart");
+    Require(Member(restarted, "jobs").size() == jobSet.size(), "all jobs exist after a restart");
     Require(Reload(daemon, jobSet) == restarted, "a reload without changes changes nothing");
     Require(Restart(daemon, restarted, jobSet) == restarted, "a restart changes nothing either");
     TryLiveJobs(daemon);

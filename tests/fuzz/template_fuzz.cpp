@@ -1,6 +1,6 @@
-// Feeds a template file to the daemon. One that is refused changes nothing. One that is taken is a
-// valid job whose delay is never negative and never exceeded, and saving it and loading it again
-// makes no difference.
+// Passes a template file to the daemon. A rejected template changes nothing. An accepted one is a
+// valid job; delays are never negative and never exceed its "maxDelay"; and it is unchanged after a
+// save and a load.
 
 #include "core/launch.h"
 #include "tests/fuzz/support/checks.h"
@@ -10,7 +10,7 @@ namespace kest {
 
 namespace {
 
-// "maxDelay" is kept beside the document and written into it only to be saved.
+// "maxDelay" is kept outside the document and is only added to it for a save.
 bool AreSame(const ScheduleTemplate &one, const ScheduleTemplate &other) {
     Json::Value document = one.Document();
     Json::Value otherDocument = other.Document();
@@ -28,22 +28,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const ScheduleTemplate before;
     ScheduleTemplate loaded = before;
     if (!LoadScheduleTemplate(loaded, WriteInput(text))) {
-        Require(AreSame(loaded, before), "a template that is refused changes nothing");
+        Require(AreSame(loaded, before), "a rejected template changes nothing");
         return 0;
     }
-    Require(loaded.valid && loaded.maxDelay >= 0, "a loaded template can be used");
+    Require(loaded.valid && loaded.maxDelay >= 0, "a loaded template is valid");
     for (const std::size_t launches : {1U, 2U, 3U, 100000U}) {
         const std::int32_t spacing = LaunchSpacing(loaded.maxDelay, launches);
-        Require(spacing >= 0 && spacing <= loaded.maxDelay, "no delay exceeds the template's");
+        Require(spacing >= 0 && spacing <= loaded.maxDelay, "no delay exceeds maxDelay");
     }
     const std::string path = ScratchDirectory() + "/template";
     Require(SaveScheduleTemplate(loaded, path, Durability::Process), "a template can be saved");
     ScheduleTemplate again = before;
     const bool isLoaded = LoadScheduleTemplate(again, path);
-    // What is not UTF-8 is written as something else, which may be no template any more.
+    // Bytes that are not UTF-8 are replaced in a save, which may make the template invalid.
     if (IsPlain(text))
-        Require(isLoaded && AreSame(again, loaded), "a template outlives a restart");
-    Require(isLoaded || AreSame(again, before), "a template that is refused changes nothing");
+        Require(isLoaded && AreSame(again, loaded), "a template survives a restart");
+    Require(isLoaded || AreSame(again, before), "a rejected template changes nothing");
     TryJob(loaded);
     return 0;
 }

@@ -61,14 +61,14 @@ bool IsReadBackTheSame(const Json::Value &document) {
 
 bool ReadDocument(std::string_view text, const JsonLimits &limits, Json::Value &document) {
     if (!JsonFromFile(WriteInput(text), document, limits)) {
-        Require(document.isNull(), "a reader that fails leaves nothing behind");
+        Require(document.isNull(), "a failed read leaves the document empty");
         return false;
     }
     Json::Value again;
     Require(JsonFromFile(WriteInput(JsonToString(document)), again, kOwnFileLimits),
-            "what was accepted can be written and read again");
+            "an accepted document can be written and read again");
     Require(IsPlain(text) ? again == document : IsReadBackTheSame(again),
-            "what was accepted is read back the same");
+            "an accepted document is read back unchanged");
     document = again;
     return true;
 }
@@ -81,20 +81,22 @@ bool IsIn(std::int32_t value, std::int32_t lowest, std::int32_t highest) {
 
 void RequireInField(const CronRange &item, const Bounds &bounds) {
     if (item.type != CronRange::Any)
-        Require(IsIn(item.from, bounds.lowest, bounds.highest), "an item begins in its field");
+        Require(IsIn(item.from, bounds.lowest, bounds.highest),
+                "an item begins within the bounds of its field");
     if (item.type == CronRange::Random)
-        Require(IsIn(item.to, item.from, bounds.highest), "a range ends in its field");
+        Require(IsIn(item.to, item.from, bounds.highest),
+                "a range ends within the bounds of its field");
 }
 
 void RequireDrawn(const CronRange &item, std::int32_t value, std::int32_t shared) {
     if (item.type == CronRange::Exact)
-        Require(value == item.from, "a number stands for itself");
+        Require(value == item.from, "a number has its own value");
     if (item.type == CronRange::Any)
-        Require(value == kAnyValue, "a star stands for every value");
+        Require(value == kAnyValue, "a star admits every value");
     if (item.type == CronRange::Random) {
-        Require(IsIn(value, item.from, item.to), "a drawn value lies in its item");
+        Require(IsIn(value, item.from, item.to), "a drawn value is in the range of its item");
         Require(!IsIn(shared, item.from, item.to) || value == shared,
-                "the shared draw is taken where it fits");
+                "the shared value is used if the item contains it");
     }
 }
 
@@ -104,7 +106,7 @@ void TryDraws(CronJob &job, std::int32_t shared) {
         job.GenerateFieldSchedule(key, shared);
         const std::vector<CronRange> items = job.cronFields()[key];
         const std::vector<std::int32_t> values = job.GetScheduleValues(key);
-        Require(values.size() == items.size(), "each item has its value");
+        Require(values.size() == items.size(), "each item has a value");
         Require(!items.empty(), "no field of a valid job is empty");
         for (std::size_t j = 0; j < items.size(); ++j) {
             RequireInField(items[j], kFieldBounds[i]);
@@ -115,7 +117,7 @@ void TryDraws(CronJob &job, std::int32_t shared) {
     }
 }
 
-// The slow and obvious way to tell whether a job is due.
+// A slow and obvious check whether a job is due.
 bool IsDueAt(const CronJob &job, std::time_t when) {
     std::tm parts{};
     gmtime_r(&when, &parts);
@@ -135,13 +137,13 @@ void TryDueCheck(CronJob &job, std::int64_t now) {
     const Json::Value before = job.Document();
     const bool due = IsDueAt(job, now);
     Require(job.IsDueNow() == due, "a job is due in the minutes of its schedule");
-    Require(job.CheckTrigger() == due, "the due check finds a job that is due");
+    Require(job.CheckTrigger() == due, "the due check detects a due job");
     if (due)
         Require(IntegerMember(job.Document(), "expireTime", 0) == now &&
                     job.scheduleText == job.RenderSchedule(),
-                "the due check leaves its stamp");
+                "the due check records the time");
     else
-        Require(job.Document() == before, "the due check changes nothing without need");
+        Require(job.Document() == before, "the due check does not change a job that is not due");
 }
 
 void TryOverdueCheck(const CronJob &job) {
@@ -163,13 +165,13 @@ void TryJob(CronJob &job) {
     };
     const std::string rendered = job.RenderSchedule();
     Require(std::count(rendered.begin(), rendered.end(), ' ') == 4,
-            "a schedule is written as five fields");
+            "a schedule is rendered as five fields");
     const JobUser user = ResolveJobUser(job.Config());
     Require(!user.valid || user.name == "root" || user.name == kAccount,
-            "only accounts that exist are found");
+            "only existing accounts are resolved");
     if (!job.valid)
         return;
-    // As it came, with whatever it has for a schedule, and then with ones of our own.
+    // First with the schedule of the input, then with drawn ones.
     for (const std::int64_t moment : moments)
         TryDueCheck(job, moment);
     TryOverdueCheck(job);

@@ -20,7 +20,7 @@
 
 namespace kest {
 
-// Jobs are never launched here, so nothing is ever written to it.
+// Jobs are never launched here, so nothing is written to it.
 KEST::MemoryLogger executionLog("/dev/null/log", "/dev/null/staging", 1024, "/dev/null/lock");
 
 namespace {
@@ -41,7 +41,7 @@ Machine &TheMachine() {
 class Scratch {
 public:
     Scratch() : path_((std::filesystem::temp_directory_path() / "fuzz.XXXXXX").string()) {
-        Require(mkdtemp(path_.data()) != nullptr, "there is a directory for temporary files");
+        Require(mkdtemp(path_.data()) != nullptr, "a temporary directory can be created");
     }
     Scratch(const Scratch &) = delete;
     Scratch &operator=(const Scratch &) = delete;
@@ -102,7 +102,7 @@ time_t time(time_t *timer) noexcept {
     return now;
 }
 
-// The C library declares them with names of its own for the parameters.
+// The C library uses other parameter names in its declarations.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 ssize_t getrandom(void *buffer, size_t length, unsigned /*flags*/) {
     std::generate_n(static_cast<unsigned char *>(buffer), length,
@@ -119,7 +119,7 @@ passwd *getpwuid(uid_t uid) {
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
-// What the linker puts in the place of the platform's account look-up. The name is its own.
+// Replaces the account lookup of the platform. The linker prescribes the name.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 int __wrap_KESTUserGetUGID(const char *name, uid_t *uid, gid_t *gid);
 

@@ -1,5 +1,5 @@
-// What the code under test sees of the machine. It neither speaks to the system log nor asks for
-// accounts, and an input does the same whenever and wherever it is run.
+// The simulated machine of the code under test: without a system log and an account database, so
+// that each run of an input has the same results.
 
 #ifndef TESTS_FUZZ_SUPPORT_MACHINE_H
 #define TESTS_FUZZ_SUPPORT_MACHINE_H
@@ -10,13 +10,13 @@
 
 namespace kest {
 
-// The account that every file belongs to. It and root are all the accounts there are.
+// The owner of every file. There are no accounts but this one and root.
 constexpr const char *kAccount = "reports";
 
-// Puts errno, clock and random source into the state in which every run of `input` starts.
+// Resets errno, clock and random source to the initial state of a run of `input`.
 void ResetMachine(std::string_view input);
 
-// Lets time() stand still at `now`, in seconds since the epoch; local time is UTC.
+// Stops time() at `now`, in seconds since the epoch; local time is UTC.
 void SetClock(std::int64_t now);
 
 // A directory of this process, removed at its end.
