@@ -8,7 +8,7 @@ import time
 from collections import namedtuple
 from pathlib import Path
 
-from tests.lib.private_machine import PrivateMachine, wait_for
+from tests.lib.private_machine import PrivateMachine, template_config, wait_for
 
 from . import programs
 from .measure import Arrivals, Group, cpu_of
@@ -113,7 +113,7 @@ class Daemon(PrivateMachine):
         self.output.seek(0)
         return self.output.read()[-500:]
 
-    def began(self):
+    def exec_time(self):
         """The time of the exec, in nanoseconds of the monotonic clock."""
         return int(wait_for(lambda: self.read("/tmp/began"), what="the start"))
 
@@ -148,7 +148,7 @@ class Daemon(PrivateMachine):
     def start_ready(self):
         """Starts the daemon and waits until it has loaded its jobs and sleeps."""
         self.launch_daemon()
-        self.began()
+        self.exec_time()
         self.settle()
 
     def cpu(self):
@@ -187,20 +187,13 @@ class Kestcrond(Daemon):
 
     def start_at_once(self):
         """Sets "maxDelay" to 0, so that all jobs of a cycle start at once."""
-        config = {
-            "name": "scheduleTemplate",
-            "user": "root",
-            "cmd": "true",
-            "period": "crontab",
-            "crontab": "~ ~ ~ ~ ~",
-        }
-        self.write(self.TEMPLATE, json.dumps({"config": config, "maxDelay": 0}))
+        self.write(self.TEMPLATE, json.dumps({"config": template_config(), "maxDelay": 0}))
 
     def timed_start(self, seconds=120):
         """Starts the daemon; returns the nanoseconds until its runtime documents were written."""
         with Arrivals(self.path("/run")) as arrivals:
             self.launch_daemon()
-            began = self.began()
+            began = self.exec_time()
             ready = arrivals.wait(Path(self.RUNTIME_TEMPLATE).name, seconds, self.main_pid)
         self.settle()
         return ready - began

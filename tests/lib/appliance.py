@@ -6,7 +6,7 @@ import platform
 import signal
 import subprocess
 
-from tests.lib.private_machine import PrivateMachine, wait_for
+from tests.lib.private_machine import PrivateMachine, template_config, wait_for
 
 SOURCES = {
     "builtin": "/usr/kest/share/kestcron.d",
@@ -70,8 +70,7 @@ class Appliance(PrivateMachine):
 
     def template(self, crontab="~ ~ ~ ~ ~", **members):
         """Writes a saved schedule template."""
-        config = {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab", "crontab": crontab}
-        self.write(PERSISTENT_TEMPLATE, json.dumps({"config": config, **members}))
+        self.write(PERSISTENT_TEMPLATE, json.dumps({"config": template_config(crontab), **members}))
 
     def drawn(self, **fields):
         """A schedule as documents contain it; fields that are not given have the value -1 for "every"."""

@@ -11,7 +11,7 @@ import time
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[2]
-from tests.lib.private_machine import FAKETIME_LIBRARY, PrivateMachine, wait_for
+from tests.lib.private_machine import FAKETIME_LIBRARY, PrivateMachine, template_config, wait_for
 
 AGENT = TOP / "packaging/ocf/kestcrond"
 INSTALLED_AGENT = "/usr/lib/ocf/resource.d/kestcrond/kestcrond"
@@ -113,14 +113,9 @@ class Node(PrivateMachine):
 
     def jobs(self, *definitions, max_delay=0):
         self.write("/usr/local/etc/kestcron.d/pair.conf", json.dumps(definitions))
-        config = {
-            "name": "scheduleTemplate",
-            "user": "root",
-            "cmd": "true",
-            "period": "crontab",
-            "crontab": "~ ~ ~ ~ ~",
-        }
-        self.write("/usr/kest/etc/kestcrond.st.config", json.dumps({"config": config, "maxDelay": max_delay}))
+        self.write(
+            "/usr/kest/etc/kestcrond.st.config", json.dumps({"config": template_config(), "maxDelay": max_delay})
+        )
 
     def runs(self, job):
         """The real times at which the job ran on this node."""

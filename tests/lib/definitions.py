@@ -5,6 +5,20 @@ import random
 
 from tests.lib.appliance import RECORD
 
+# The members of a definition.
+MEMBERS = [
+    "name",
+    "user",
+    "package_username",
+    "period",
+    "crontab",
+    "cmd",
+    "cmd_list",
+    "assure_execute",
+    "run_on_passive",
+    "assure_execute_action",
+]
+
 GOOD = {"name": "x", "user": "root", "period": "daily", "cmd": RECORD}
 
 

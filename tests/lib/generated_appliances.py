@@ -8,6 +8,8 @@ import random
 import zoneinfo
 
 from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, SOURCES
+from tests.lib.definitions import MEMBERS
+from tests.lib.private_machine import template_config
 from tests.lib.stepped_machine import WITNESS
 
 KEYS = ["Minute", "hour", "day", "month", "week"]
@@ -434,20 +436,7 @@ class Definitions:
 
     def damage(self, definition):
         chance = self.chance
-        member = chance.choice(
-            [
-                "name",
-                "user",
-                "package_username",
-                "period",
-                "crontab",
-                "cmd",
-                "cmd_list",
-                "assure_execute",
-                "run_on_passive",
-                "assure_execute_action",
-            ]
-        )
+        member = chance.choice(MEMBERS)
         if chance.random() < 0.35:
             definition.pop(member, None)
         else:
@@ -941,13 +930,7 @@ class GeneratedAppliance:
         chance = self.chance
         changes = []
         if chance.random() < 0.6 and self.kind != "crowded":
-            config = {
-                "name": "scheduleTemplate",
-                "user": "root",
-                "cmd": "true",
-                "period": "crontab",
-                "crontab": chance.choice(["~ ~ ~ ~ ~", "~ ~ ~ ~ ~", self.definitions.crontab()]),
-            }
+            config = template_config(chance.choice(["~ ~ ~ ~ ~", "~ ~ ~ ~ ~", self.definitions.crontab()]))
             template = {
                 "config": config,
                 "schedule": {key: [chance.randint(*bounds)] for key, bounds in zip(KEYS, BOUNDS)},

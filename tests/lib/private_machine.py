@@ -71,6 +71,11 @@ PRIORITIES = {3: "err", 6: "info"}
 ERROR_TEXTS = {os.strerror(number) for number in range(1, 134)}
 
 
+def template_config(crontab="~ ~ ~ ~ ~"):
+    """The "config" of a schedule template."""
+    return {"name": "scheduleTemplate", "user": "root", "cmd": "true", "period": "crontab", "crontab": crontab}
+
+
 class Deadline(Exception):
     """An expected event did not happen in time."""
 
