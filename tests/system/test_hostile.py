@@ -11,6 +11,7 @@ import stat
 
 import pytest
 from tests.lib.appliance import PERSISTENT_FILE, PERSISTENT_TEMPLATE, RECORD, SOURCES, every_minute, never
+from tests.lib.definitions import MEMBERS
 from tests.lib.private_machine import wait_for
 
 ALICE = SOURCES["pkg_nonroot"] + "/alice"
@@ -294,20 +295,6 @@ def test_odd_entries_among_the_accounts(machine):
         *no_directory("a-socket"),
     ]
     still_works(machine)
-
-
-MEMBERS = [
-    "name",
-    "user",
-    "package_username",
-    "period",
-    "crontab",
-    "cmd",
-    "cmd_list",
-    "assure_execute",
-    "assure_execute_action",
-    "run_on_passive",
-]
 
 
 @pytest.mark.parametrize("source,account", [("pkg", None), ("pkg_nonroot", "alice")])
