@@ -4,6 +4,7 @@
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
+#include "ctl/system/live_state.h"
 
 #include <fnmatch.h>
 #include <iostream>
@@ -15,6 +16,14 @@ bool MatchesPattern(const std::string &pattern, const std::string &name) {
     if (pattern.find_first_of("*?[") == std::string::npos)
         return name.find(pattern) != std::string::npos;
     return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
+}
+
+Snapshot TakeSnapshot(const Context &context) {
+    Snapshot snapshot{LoadRuntime(context.appliance), FindDaemon(context.appliance)};
+    CompleteState(snapshot.runtime, snapshot.daemon, context.now);
+    WarnOfStaleData(snapshot.runtime, snapshot.daemon, context);
+    WarnOfWaitingStarts(snapshot.daemon);
+    return snapshot;
 }
 
 const LiveJob &JobArgument(const Context &context, const Runtime &runtime,

@@ -87,6 +87,13 @@ int Reload(const Context &context, const ReloadOptions &options);
 
 int Metrics(const Context &context);
 
+// The present state of the system. Prints the warnings about it to standard error.
+struct Snapshot {
+    Runtime runtime;
+    Daemon daemon;
+};
+Snapshot TakeSnapshot(const Context &context);
+
 // Whether `name` matches `pattern`: a shell pattern if it contains one of "*?[", otherwise a
 // substring. An empty pattern matches all names.
 bool MatchesPattern(const std::string &pattern, const std::string &name);

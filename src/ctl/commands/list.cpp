@@ -1,6 +1,7 @@
 #include "base/json_members.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/job_status.h"
+#include "ctl/display/launch_forecast.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
@@ -9,25 +10,37 @@
 
 namespace kest::ctl {
 
+namespace {
+
+std::string LastRunInShort(const LiveJob &job, std::time_t now) {
+    if (job.lastRun == 0)
+        return "-";
+    return (job.isLogged ? "" : "launched ") + WhenInShort(job.lastRun, now);
+}
+
+} // namespace
+
 int List(const Context &context, const ListOptions &options) {
-    const Runtime runtime = LoadRuntime(context.appliance);
-    const Daemon daemon = FindDaemon(context.appliance);
-    WarnOfStaleData(runtime, daemon, context);
-    WarnOfWaitingStarts(daemon);
+    const Snapshot snapshot = TakeSnapshot(context);
+    const Runtime &runtime = snapshot.runtime;
+    const Daemon &daemon = snapshot.daemon;
     Json::Value json(Json::arrayValue);
     Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
-    for (const LiveJob &job : runtime.jobs) {
+    const auto nexts = NextStarts(runtime.jobs, daemon, runtime.maxDelay, context.now);
+    for (std::size_t i = 0; i < nexts.size(); ++i) {
+        const LiveJob &job = runtime.jobs[i];
+        const std::optional<JobStart> &next = nexts[i];
         if (!MatchesPattern(options.pattern, job.name))
             continue;
         if (context.json) {
-            json.append(JobToJson(job, daemon, context.now));
+            json.append(JobToJson(job, daemon, next));
             continue;
         }
         const JobStatusText &state = InWords(JobStatusOf(job, daemon));
-        const std::optional<JobStart> next = NextStart(job, daemon, context.now);
         table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument()),
-                   job.lastRun != 0 ? WhenInShort(job.lastRun, context.now) : "-",
-                   next ? StartInShort(*next, context.now) : "never", state.text},
+                   LastRunInShort(job, context.now),
+                   next ? LaunchInShort(*next, context.now) : "never",
+                   StatusInWords(job, daemon, context.now)},
                   state.colour);
     }
     if (context.json)

@@ -1,4 +1,5 @@
 #include "ctl/commands/commands.h"
+#include "ctl/display/launch_forecast.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
@@ -11,16 +12,21 @@ namespace kest::ctl {
 namespace {
 
 // The column "REMARK".
-std::string RemarkOf(const JobStart &start) {
+std::string RemarkOf(const JobStart &start, const Daemon &daemon) {
+    if (start.waits)
+        return "waits for " + WaitInWords(daemon);
     if (start.overdue)
         return start.undrawn.empty() ? "overdue" : "overdue, unless it starts earlier";
-    return start.undrawn.empty() ? "" : FieldsInWords(start.undrawn) + " not yet drawn";
+    if (start.undrawn.empty())
+        return "";
+    return FieldsInWords(start.undrawn) + " not yet drawn" +
+           (start.usual > 1 ? ", " + std::to_string(start.usual) + " starts" : "");
 }
 
 void WriteAsJson(const std::vector<JobStart> &starts) {
     Json::Value json(Json::arrayValue);
     for (const JobStart &start : starts) {
-        Json::Value entry = StartToJson(start, start.overdue);
+        Json::Value entry = StartToJson(start);
         entry["job"] = start.job->name;
         json.append(std::move(entry));
     }
@@ -31,18 +37,18 @@ void WriteAsJson(const std::vector<JobStart> &starts) {
 
 int Next(const Context &context, const NextOptions &options) {
     const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
-    const Runtime runtime = LoadRuntime(context.appliance);
-    const Daemon daemon = FindDaemon(context.appliance);
-    WarnOfStaleData(runtime, daemon, context);
-    WarnOfWaitingStarts(daemon);
+    const Snapshot snapshot = TakeSnapshot(context);
+    const Runtime &runtime = snapshot.runtime;
+    const Daemon &daemon = snapshot.daemon;
     std::vector<const LiveJob *> jobs;
     if (!options.job.empty())
         jobs.push_back(&JobArgument(context, runtime, options.job));
     else
         for (const LiveJob &job : runtime.jobs)
             jobs.push_back(&job);
-    const std::vector<JobStart> starts =
+    std::vector<JobStart> starts =
         StartsOf(jobs, daemon, {context.now, from, from + kCalendarRepeats}, options.count);
+    LaunchForecast(runtime.jobs, daemon, runtime.maxDelay, context.now).SetDelays(starts);
     if (context.json) {
         WriteAsJson(starts);
         return 0;
@@ -53,7 +59,7 @@ int Next(const Context &context, const NextOptions &options) {
     }
     Table table({"TIME", "JOB", "REMARK"}, {2});
     for (const JobStart &start : starts)
-        table.Add({StartInWords(start, context.now), start.job->name, RemarkOf(start)});
+        table.Add({LaunchInWords(start, context.now), start.job->name, RemarkOf(start, daemon)});
     std::cout << table.Show(context.screen);
     return 0;
 }

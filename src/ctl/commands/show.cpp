@@ -5,6 +5,7 @@
 #include "base/printable.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/job_status.h"
+#include "ctl/display/launch_forecast.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
@@ -99,9 +100,11 @@ struct JobDetails {
     std::deque<LogLine> lines;
 };
 
-Json::Value ToJson(const JobDetails &details, std::time_t now) {
+Json::Value ToJson(const JobDetails &details) {
     const Json::Value document = details.job.job.Document();
-    Json::Value json = JobToJson(details.job, details.daemon, now);
+    Json::Value json = JobToJson(
+        details.job, details.daemon,
+        details.starts.empty() ? std::nullopt : std::optional<JobStart>(details.starts.front()));
     json["definition"] = Member(document, "config");
     json["command"] = Member(document, "cmd_list");
     json["assure_execute"] = details.job.job.assureExecute;
@@ -112,7 +115,7 @@ Json::Value ToJson(const JobDetails &details, std::time_t now) {
     json["staged_state"] = details.staged.word;
     json["starts"] = Json::Value(Json::arrayValue);
     for (const JobStart &start : details.starts)
-        json["starts"].append(StartToJson(start, start.overdue));
+        json["starts"].append(StartToJson(start));
     json["log"] = Json::Value(Json::arrayValue);
     for (const LogLine &line : details.lines)
         json["log"].append(line.stamp + line.text);
@@ -132,14 +135,20 @@ std::string AssuranceInWords(const CronJob &job) {
            (job.assureRun == 1 ? ", even while the machine is held" : "");
 }
 
+std::string LastRunInWords(const LiveJob &job, std::time_t now) {
+    if (job.lastRun == 0)
+        return "unknown";
+    const std::string when = WhenInWords(job.lastRun, now);
+    return job.isLogged ? when : "launched " + when + "; the execution log does not show its start";
+}
+
 void Write(const JobDetails &details, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = details.job;
     const Json::Value document = job.job.Document();
-    const JobStatusText &state = InWords(JobStatusOf(job, details.daemon));
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
     Line(screen, "state",
-         state.text +
+         StatusInWords(job, details.daemon, context.now) +
              (job.process != 0 ? ", process " + std::to_string(job.process) : std::string()));
     Line(screen, "account", job.account);
     Line(screen, "command", TextMember(document, "cmd_str"));
@@ -151,11 +160,14 @@ void Write(const JobDetails &details, const Context &context) {
     Line(screen, "passive",
          job.job.runOnPassive ? "runs on passive machines too"
                               : "does not run on passive machines");
-    Line(screen, "last run", job.lastRun != 0 ? WhenInWords(job.lastRun, context.now) : "unknown");
+    Line(screen, "last run", LastRunInWords(job, context.now));
+    if (job.failed != 0)
+        Line(screen, "", "its program could not be run: " + job.failure);
     std::string name = "next runs";
     for (const JobStart &start : details.starts)
         Line(screen, std::exchange(name, ""),
-             StartInWords(start, context.now) + (start.overdue ? ", overdue" : ""));
+             LaunchInWords(start, context.now) + (start.overdue ? ", overdue" : "") +
+                 (start.waits ? ", waits for " + WaitInWords(details.daemon) : ""));
     if (details.starts.empty())
         Line(screen, name, "never");
     std::cout << "\ndefinition:\n";
@@ -176,22 +188,22 @@ void Write(const JobDetails &details, const Context &context) {
 } // namespace
 
 int Show(const Context &context, const ShowOptions &options) {
-    const Runtime runtime = LoadRuntime(context.appliance);
-    const Daemon daemon = FindDaemon(context.appliance);
-    WarnOfStaleData(runtime, daemon, context);
-    WarnOfWaitingStarts(daemon);
+    const Snapshot snapshot = TakeSnapshot(context);
+    const Runtime &runtime = snapshot.runtime;
+    const Daemon &daemon = snapshot.daemon;
     const LiveJob &job = JobArgument(context, runtime, options.job);
     const std::string program = job.job.Program();
+    std::vector<JobStart> starts = StartsOf(
+        job, daemon, {context.now, context.now, context.now + kCalendarRepeats}, kStartsShown);
+    LaunchForecast(runtime.jobs, daemon, runtime.maxDelay, context.now).SetDelays(starts);
     const JobDetails details{job,
                              daemon,
                              program,
                              CompareStaged(context, job, program),
-                             StartsOf(job, daemon,
-                                      {context.now, context.now, context.now + kCalendarRepeats},
-                                      kStartsShown),
+                             std::move(starts),
                              LastLogLines(context, job)};
     if (context.json)
-        WriteJson(ToJson(details, context.now));
+        WriteJson(ToJson(details));
     else
         Write(details, context);
     return 0;

@@ -51,10 +51,11 @@ void WriteSvg(const std::string &path, const std::string &svg) {
 int Timeline(const Context &context, const TimelineOptions &options) {
     if (context.json && !options.svg.empty())
         throw Failure("--json and --svg cannot be combined");
-    const Runtime runtime = LoadRuntime(context.appliance);
-    const Daemon daemon = FindDaemon(context.appliance);
-    const TimelineData data = CollectStarts(runtime.jobs, daemon, context.now, options.hours);
-    WarnOfStaleData(runtime, daemon, context);
+    const Snapshot snapshot = TakeSnapshot(context);
+    const Runtime &runtime = snapshot.runtime;
+    const Daemon &daemon = snapshot.daemon;
+    const TimelineData data =
+        CollectStarts(runtime.jobs, daemon, runtime.maxDelay, context.now, options.hours);
     if (!options.svg.empty())
         WriteSvg(options.svg, TimelineInSvg(data));
     else if (context.json)

@@ -8,6 +8,7 @@
 #include <bitset>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -132,11 +133,19 @@ bool Holds(const std::vector<CronRange> &ranges, std::int32_t value) {
     });
 }
 
-// Searches for minutes in which a job may start, with values from future draws for the fields in
-// `undrawn` and known values for all others.
+// Starts that one draw decides together.
+struct Group {
+    FieldSet undrawn;
+    std::array<std::vector<CronRange>, kFields> random;    // of the undrawn fields
+    std::array<std::optional<std::int32_t>, kFields> only; // of the others: no other value
+    std::size_t most = 1;                                  // starts in each draw
+};
+
+// Searches for minutes in which a job may start, with values from future draws for the undrawn
+// fields of the group and known values for all others.
 class Search {
 public:
-    Search(const Fields &fields, FieldSet undrawn) : fields_(fields), undrawn_(undrawn) {}
+    Search(const Fields &fields, const Group &group) : fields_(fields), group_(group) {}
 
     std::optional<std::time_t> First(std::time_t moment, std::time_t end) const {
         if (!EverAdmitsAnyDate())
@@ -185,8 +194,10 @@ private:
         for (std::size_t i = 0; i < kFields; ++i) {
             const Field &field = fields_.at(i);
             const bool redrawn = moment > field.redraw;
-            if (undrawn_[i] ? !redrawn || !Holds(field.random, parts.at(i))
-                            : !Holds(redrawn ? field.lasting : field.drawn, parts.at(i)))
+            const std::int32_t value = parts.at(i);
+            if (group_.undrawn[i] ? !redrawn || !Holds(group_.random.at(i), value)
+                                  : group_.only.at(i).value_or(value) != value ||
+                                        !Holds(redrawn ? field.lasting : field.drawn, value))
                 return false;
         }
         return true;
@@ -197,8 +208,10 @@ private:
     bool EverAdmits(FieldIndex index, const Parts &parts) const {
         const Field &field = fields_.at(index);
         const std::int32_t value = parts.at(index);
-        return undrawn_[index] ? Holds(field.random, value)
-                               : Holds(field.drawn, value) || Holds(field.lasting, value);
+        return group_.undrawn[index]
+                   ? Holds(group_.random.at(index), value)
+                   : group_.only.at(index).value_or(value) == value &&
+                         (Holds(field.drawn, value) || Holds(field.lasting, value));
     }
     bool EverAdmitsDate(const Parts &parts) const {
         return EverAdmits(kDayField, parts) && EverAdmits(kMonthField, parts) &&
@@ -222,7 +235,7 @@ private:
     }
 
     const Fields &fields_;
-    FieldSet undrawn_;
+    const Group &group_;
 };
 
 // The undrawn field that is redrawn least often. Its redraws separate the starts.
@@ -242,13 +255,104 @@ std::time_t EndOfDraw(const Search &search, FieldIndex rarest, std::time_t first
     return continues ? NextRedraw(FieldKeys().at(rarest), end) : end;
 }
 
-// Adds up to `count` starts with future draws for exactly the fields in `undrawn`.
-void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::time_t until,
+// The largest number of groups that one set of undrawn fields is divided into. Beyond it, starts
+// share a span.
+constexpr std::size_t kMostGroups = 16;
+
+// Divides the groups by the random items of the field.
+void DivideByItem(const std::vector<CronRange> &items, FieldIndex index,
+                  std::vector<Group> &groups) {
+    std::vector<Group> divided;
+    const bool fits = groups.size() * items.size() <= kMostGroups;
+    for (Group &group : groups) {
+        group.random.at(index) = items;
+        group.most *= items.size();
+        for (std::size_t i = 0; fits && i < items.size(); ++i) {
+            divided.push_back(group);
+            divided.back().random.at(index) = {items[i]};
+            divided.back().most /= items.size();
+        }
+    }
+    if (fits)
+        groups = std::move(divided);
+}
+
+bool IsAny(const Field &field) {
+    return Holds(field.drawn, kAnyValue) || Holds(field.lasting, kAnyValue);
+}
+
+// Divides the groups by the values of a field that is not drawn. The starts of "*" share a span.
+void DivideByValue(const Field &field, FieldIndex index, std::vector<Group> &groups) {
+    constexpr std::array<std::size_t, kFields> sizes{60, 24, 31, 12, 7};
+    std::set<std::int32_t> values(field.drawn.begin(), field.drawn.end());
+    values.insert(field.lasting.begin(), field.lasting.end());
+    const bool any = IsAny(field);
+    const bool fits = !any && groups.size() * values.size() <= kMostGroups;
+    std::vector<Group> divided;
+    for (Group &group : groups) {
+        group.most *= any ? sizes.at(index) : values.size();
+        for (const std::int32_t value : fits ? values : std::set<std::int32_t>()) {
+            divided.push_back(group);
+            divided.back().only.at(index) = value;
+            divided.back().most /= values.size();
+        }
+    }
+    if (fits)
+        groups = std::move(divided);
+}
+
+// The groups with future draws for exactly the fields in `undrawn`, which have random items. Of a
+// day, fields below the rarest draw have several values; of a month, a weekday has five.
+std::vector<Group> GroupsOf(const Fields &fields, FieldSet undrawn) {
+    std::vector<Group> groups(1);
+    groups.front().undrawn = undrawn;
+    for (const FieldIndex index : {kMinuteField, kHourField, kDayField, kMonthField, kWeekField})
+        if (undrawn[index])
+            DivideByItem(fields.at(index).random, index, groups);
+    if (undrawn.none())
+        return groups;
+    const FieldIndex rarest = RarestOf(undrawn);
+    const auto divide = [&](FieldIndex index) {
+        if (!undrawn[index])
+            DivideByValue(fields.at(index), index, groups);
+    };
+    if (rarest != kMinuteField)
+        divide(kMinuteField);
+    if (rarest != kMinuteField && rarest != kHourField)
+        divide(kHourField);
+    if (rarest != kMonthField)
+        return groups;
+    if (!IsAny(fields.at(kDayField)) || IsAny(fields.at(kWeekField))) {
+        divide(kDayField);
+        return groups;
+    }
+    divide(kWeekField);
+    for (Group &group : groups)
+        group.most *= 5;
+    return groups;
+}
+
+// The largest number of starts of the group in the span. A draw is valid up to and including the
+// minute of the next one, which may add a start for each field; the clock may repeat an hour.
+std::size_t MostIn(const Group &group, const ComingStart &span) {
+    const FieldIndex rarest = RarestOf(group.undrawn);
+    const std::tm first = LocalTime(span.earliest).value_or(std::tm{});
+    const std::tm last = LocalTime(span.latest).value_or(std::tm{});
+    std::size_t most = group.most * group.undrawn.count();
+    if (first.tm_gmtoff > last.tm_gmtoff)
+        most *= 2;
+    if (NextRedraw(FieldKeys().at(rarest), span.earliest - kMinute) == span.earliest)
+        most += 1; // the last minute of the draw before
+    return std::min(most, static_cast<std::size_t>((span.latest - span.earliest) / kMinute) + 1);
+}
+
+// Adds up to `count` starts of the group.
+void AddStarts(const Fields &fields, const Group &group, std::time_t from, std::time_t until,
                std::size_t count, std::vector<ComingStart> &starts) {
-    const Search search(fields, undrawn);
+    const Search search(fields, group);
     ComingStart start;
     for (std::size_t i = 0; i < kFields; ++i) {
-        if (undrawn[i]) {
+        if (group.undrawn[i]) {
             start.undrawn.push_back(FieldKeys().at(i));
             from = std::max(from, fields.at(i).redraw + kMinute);
         } else if (fields.at(i).lasting.empty())
@@ -259,9 +363,11 @@ void AddStarts(const Fields &fields, FieldSet undrawn, std::time_t from, std::ti
         if (!first)
             return;
         const std::time_t end =
-            undrawn.none() ? *first : EndOfDraw(search, RarestOf(undrawn), *first);
+            group.undrawn.none() ? *first : EndOfDraw(search, RarestOf(group.undrawn), *first);
         start.earliest = *first;
         start.latest = search.Last(*first, end);
+        start.usual = group.most;
+        start.most = group.undrawn.none() ? 1 : MostIn(group, start);
         starts.push_back(start);
         from = end + kMinute;
     }
@@ -284,6 +390,7 @@ void MergeLastMinutes(std::vector<ComingStart> &starts) {
             continue;
         }
         next->earliest = last.earliest;
+        next->most += last.most;
         starts.erase(starts.begin() + static_cast<std::ptrdiff_t>(i));
     }
 }
@@ -305,8 +412,10 @@ std::vector<ComingStart> ComingStarts(const CronFields &items, const Json::Value
         bool possible = true;
         for (std::size_t i = 0; i < kFields; ++i)
             possible = possible && (!undrawn[i] || !fields.at(i).random.empty());
-        if (possible)
-            AddStarts(fields, undrawn, from, outlook.until, spare, starts);
+        if (!possible)
+            continue;
+        for (const Group &group : GroupsOf(fields, undrawn))
+            AddStarts(fields, group, from, outlook.until, spare, starts);
     }
     std::stable_sort(starts.begin(), starts.end(), [](const ComingStart &a, const ComingStart &b) {
         return std::tie(a.earliest, a.latest) < std::tie(b.earliest, b.latest);

@@ -4,6 +4,10 @@
 // Starts before that time are known to the minute. For later starts only the bounds are known, and
 // the fields that are drawn before. Such a start may also not happen: when both day and weekday
 // must match, and when a random minute with a fixed hour is drawn as 0.
+//
+// Each item of a field has starts of its own, so "0~29,30~59" has two in an hour. Two items may
+// draw the same value, and a draw may be the minute in which the next one is made, which adds a
+// start to its span: the number of starts in a span has an upper bound only.
 
 #ifndef CTL_DISPLAY_COMING_STARTS_H
 #define CTL_DISPLAY_COMING_STARTS_H
@@ -22,6 +26,8 @@ struct ComingStart {
     std::time_t earliest = 0;         // both are the beginning of a local minute,
     std::time_t latest = 0;           // and equal if the minute is known
     std::vector<std::string> undrawn; // keys of the fields to be drawn before; empty if it is known
+    std::size_t usual = 1; // the number of starts between the two, as far as drawn values differ,
+    std::size_t most = 1;  // and the largest number
 };
 
 // In seconds.

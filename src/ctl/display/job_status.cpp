@@ -2,24 +2,26 @@
 
 #include "core/job_state.h"
 #include "ctl/display/phrases.h"
-#include "ctl/display/starts.h"
 #include "ctl/display/times.h"
 
+#include <algorithm>
 #include <array>
-#include <optional>
 
 namespace kest::ctl {
 
 namespace {
 
-constexpr std::array<JobStatusText, 7> kWords{{
+constexpr std::array<JobStatusText, 10> kWords{{
     {"waiting", "waiting", Colour::None},
     {"due", "due", Colour::Green},
+    {"launched", "launched", Colour::Green},
     {"running now", "running", Colour::Green},
+    {"failed to start", "failed", Colour::Red},
     {"overdue", "overdue", Colour::Yellow},
     {"overdue, machine held", "held", Colour::Yellow},
-    {"held back, machine held", "held", Colour::Dim},
-    {"held back, passive", "passive", Colour::Dim},
+    {"waiting, machine held", "held", Colour::Dim},
+    {"due, kept", "kept", Colour::Yellow},
+    {"not run while passive", "passive", Colour::Dim},
 }};
 
 } // namespace
@@ -27,6 +29,10 @@ constexpr std::array<JobStatusText, 7> kWords{{
 JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
     if (job.process != 0)
         return JobStatus::Running;
+    if (job.launched != 0)
+        return JobStatus::Launched;
+    if (job.kept)
+        return JobStatus::Kept;
     switch (StateOf(StateInputOf(job.job, daemon.passive, daemon.held))) {
     case JobState::NotRunOnPassive:
         return JobStatus::HeldBack;
@@ -40,6 +46,8 @@ JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
     case JobState::NotReady:
         break;
     }
+    if (job.failed != 0)
+        return JobStatus::Failed;
     return daemon.held ? JobStatus::Suspended : JobStatus::Waiting;
 }
 
@@ -47,8 +55,16 @@ const JobStatusText &InWords(JobStatus jobStatus) {
     return kWords.at(static_cast<std::size_t>(jobStatus));
 }
 
-Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now) {
-    const std::optional<JobStart> next = NextStart(job, daemon, now);
+std::string StatusInWords(const LiveJob &job, const Daemon &daemon, std::time_t now) {
+    const JobStatus status = JobStatusOf(job, daemon);
+    std::string text = InWords(status).text;
+    if (status == JobStatus::Launched)
+        text += ", starts in " + SpanInWords(std::max(std::time_t{0}, job.starts - now));
+    return text;
+}
+
+Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
+                      const std::optional<JobStart> &next) {
     Json::Value json;
     json["name"] = job.name;
     json["account"] = job.account;
@@ -56,7 +72,10 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now)
     json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument());
     json["state"] = InWords(JobStatusOf(job, daemon)).json;
     json["last_run"] = TimeToJson(job.lastRun);
-    json["next"] = next ? StartToJson(*next, next->overdue) : Json::Value();
+    json["last_run_is_launch"] = job.lastRun != 0 && !job.isLogged;
+    json["starts"] = TimeToJson(job.starts);
+    json["failure"] = job.failed != 0 ? Json::Value(job.failure) : Json::Value();
+    json["next"] = next ? StartToJson(*next) : Json::Value();
     json["pid"] = job.process != 0 ? Json::Value(job.process) : Json::Value();
     return json;
 }

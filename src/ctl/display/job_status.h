@@ -4,21 +4,27 @@
 #define CTL_DISPLAY_JOB_STATUS_H
 
 #include "ctl/display/screen.h"
+#include "ctl/display/starts.h"
 #include "ctl/system/processes.h"
 #include "ctl/system/runtime.h"
 
 #include <ctime>
 #include <json/value.h>
+#include <optional>
+#include <string>
 
 namespace kest::ctl {
 
 enum class JobStatus {
     Waiting,   // not due
     Due,       // launched at the next cycle
+    Launched,  // a process waits out the delay of its start
     Running,   // a process runs the staged program
+    Failed,    // not due, and its program could not be run the last time
     Overdue,   // assured, and has not run for more than its hours
     Held,      // overdue, but waits because the machine is held
-    Suspended, // not overdue, and cannot start because the machine is held
+    Suspended, // neither due nor overdue; the machine is held
+    Kept,      // due, but waits because the machine is held or passive
     HeldBack,  // not run on a passive machine
 };
 
@@ -31,10 +37,17 @@ struct JobStatusText {
 };
 const JobStatusText &InWords(JobStatus jobStatus);
 
+// The text of the job's state, with the time of a delayed start: "launched, starts in 12 min".
+std::string StatusInWords(const LiveJob &job, const Daemon &daemon, std::time_t now);
+
 // Members "name", "account", "schedule" (its drawn values as text), "schedule_text" (in words),
-// "state" ("waiting", "due", "running", "overdue", "held", "passive"), "last_run" (null if
-// unknown), "next" (as StartToJson; null for never) and "pid" (null unless it runs).
-Json::Value JobToJson(const LiveJob &job, const Daemon &daemon, std::time_t now);
+// "state" ("waiting", "due", "launched", "running", "failed", "overdue", "held", "kept",
+// "passive"), "last_run" (null if unknown), "last_run_is_launch" (whether it is the time of a
+// launch, because the execution log does not have the start), "starts" (when a launched job will
+// start; otherwise null), "failure" (why its program could not be run; otherwise null), "next" (as
+// StartToJson; null for never) and "pid" (null unless it runs).
+Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
+                      const std::optional<JobStart> &next);
 
 // An ISO 8601 timestamp; null for 0.
 Json::Value TimeToJson(std::time_t time);

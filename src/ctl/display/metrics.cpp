@@ -1,7 +1,7 @@
 #include "ctl/display/metrics.h"
 
 #include "core/job_state.h"
-#include "ctl/display/starts.h"
+#include "ctl/display/launch_forecast.h"
 #include "ctl/display/utf8.h"
 
 #include <array>
@@ -16,6 +16,7 @@ using Value = std::optional<std::int64_t>;
 struct JobFigures {
     std::string labels;
     Value lastRun;
+    Value nextLaunch;
     Value next;
     Value nextLatest;
     bool overdue = false;
@@ -28,9 +29,11 @@ struct JobFamily {
     const char *help;
     Value (*value)(const JobFigures &job);
 };
-constexpr std::array<JobFamily, 6> kJobFamilies{{
+constexpr std::array<JobFamily, 7> kJobFamilies{{
     {"kestcron_job_last_run_timestamp_seconds", "Time of the last start of the job.",
      [](const JobFigures &job) { return job.lastRun; }},
+    {"kestcron_job_next_launch_timestamp_seconds", "Earliest time of the next launch of the job.",
+     [](const JobFigures &job) { return job.nextLaunch; }},
     {"kestcron_job_next_run_timestamp_seconds", "Earliest time of the next start of the job.",
      [](const JobFigures &job) { return job.next; }},
     {"kestcron_job_next_run_latest_timestamp_seconds", "Latest time of the next start of the job.",
@@ -78,18 +81,20 @@ std::string LabelsOf(const LiveJob &job, std::set<std::string> &used) {
     return "{job=" + Quoted(name) + ",user=" + Quoted(job.account) + "}";
 }
 
-JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon, std::time_t now) {
+JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon,
+                     const std::optional<JobStart> &next) {
     const StateInput input = StateInputOf(job.job, daemon.passive, daemon.held);
     const bool heldBack = StateOf(input) == JobState::NotRunOnPassive;
     JobFigures figures;
     if (job.lastRun != 0)
         figures.lastRun = job.lastRun;
-    if (const std::optional<JobStart> next = NextStart(job, daemon, now)) {
-        figures.next = next->earliest;
-        figures.nextLatest = next->latest;
+    if (next && !next->kept) {
+        figures.nextLaunch = next->earliest;
+        figures.next = next->FirstStart();
+        figures.nextLatest = next->LastStart();
     }
     figures.overdue = input.overdue && !heldBack;
-    figures.pending = input.expireTime != 0 && !heldBack;
+    figures.pending = input.expireTime != 0 || job.kept;
     figures.running = job.process != 0;
     return figures;
 }
@@ -108,9 +113,11 @@ std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon
                           std::optional<std::int32_t> maxDelay, std::time_t now) {
     std::set<std::string> used;
     std::vector<JobFigures> figures;
-    for (const LiveJob &job : jobs) {
-        figures.push_back(FiguresOf(job, daemon, now));
-        figures.back().labels = LabelsOf(job, used);
+    const auto nexts =
+        NextStarts(jobs, daemon, maxDelay.value_or(ScheduleTemplate::kDefaultMaxDelay), now);
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        figures.push_back(FiguresOf(jobs[i], daemon, nexts[i]));
+        figures.back().labels = LabelsOf(jobs[i], used);
     }
     std::string text =
         Single("kestcron_up", "Whether kestcrond is running.", daemon.IsRunning()) +

@@ -1,6 +1,7 @@
 #include "ctl/display/starts.h"
 
 #include "base/json_members.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
 #include "job/schedule.h"
 
@@ -25,10 +26,6 @@ std::time_t Clamped(std::int64_t time) {
     return std::clamp(time, -yearTenThousand, yearTenThousand);
 }
 
-std::time_t LastRunOf(const LiveJob &job) {
-    return Clamped(job.job.LastRun());
-}
-
 // Merges the scheduled starts of a job with its overdue starts. Starts before `wanted` are
 // simulated, because overdue starts depend on them, but not returned.
 class Simulation {
@@ -41,7 +38,7 @@ public:
         AddOverdueBefore(scheduled.earliest);
         // The job may become overdue before the drawn time.
         if (const auto overdue = OverdueBefore(scheduled.latest))
-            Keep({*overdue, *overdue, scheduled.undrawn}, true);
+            Keep({*overdue, *overdue, scheduled.undrawn, 1, 1}, true);
         Keep(scheduled, false);
         last_ = scheduled.latest;
         free_ = scheduled.latest + kMinute;
@@ -57,7 +54,7 @@ public:
             const std::time_t ahead = std::min(wanted_, end - 1) - *overdue;
             last_ = *overdue + std::max(std::time_t{0}, ahead / wait * wait);
             free_ = last_ + kMinute;
-            Keep({last_, last_, {}}, true);
+            Keep({last_, last_, {}, 1, 1}, true);
         }
     }
 
@@ -71,7 +68,7 @@ public:
 private:
     void Keep(const ComingStart &start, bool overdue) {
         if (start.latest >= wanted_)
-            starts_.push_back({start, &job_, overdue});
+            starts_.push_back({start, &job_, overdue, {}});
     }
 
     // The first free minute in which the job is overdue, if it is before `end`.
@@ -112,10 +109,29 @@ void SimulateUntil(std::time_t wanted, const LiveJob &job, std::time_t now,
 
 } // namespace
 
+std::time_t LastRunOf(const LiveJob &job) {
+    return Clamped(job.job.LastRun());
+}
+
+namespace {
+
+JobStart KeptStart(const LiveJob &job, const Outlook &outlook) {
+    JobStart start;
+    start.earliest = start.latest = outlook.now; // before all others
+    start.job = &job;
+    start.waits = start.kept = true;
+    return start;
+}
+
+} // namespace
+
 std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const Outlook &outlook,
                                std::size_t count) {
+    std::vector<JobStart> starts;
+    if (job.kept)
+        starts.push_back(KeptStart(job, outlook));
     if (daemon.passive && !job.job.runOnPassive)
-        return {};
+        return starts;
     Outlook ahead = outlook;
     ahead.from -= ahead.from % kMinute;
     // A job starts at most once in a minute.
@@ -130,7 +146,12 @@ std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const O
          ComingStarts(job.job.cronFields(), job.job.ScheduleDocument(), ahead, count))
         simulation.Add(scheduled);
     simulation.AddOverdueBefore(ahead.until);
-    return simulation.Take();
+    for (JobStart &start : simulation.Take()) {
+        start.waits = daemon.held && !(start.overdue && job.job.assureRun == 1);
+        starts.push_back(std::move(start));
+    }
+    starts.resize(std::min(starts.size(), count));
+    return starts;
 }
 
 std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const Daemon &daemon,
@@ -156,6 +177,45 @@ std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std:
     return starts.empty() ? std::nullopt : std::optional<JobStart>(starts.front());
 }
 
+namespace {
+
+// What follows the time of a launch.
+std::string DelayInWords(const JobStart &start, std::time_t now) {
+    if (start.delay.most < kMinute)
+        return "";
+    if (start.earliest != start.latest || start.delay.least < kMinute)
+        return " +" + std::to_string(start.delay.most / kMinute) + " min";
+    const std::string first = ClockInWords(start.FirstStart(), now);
+    const std::string last = ClockInWords(start.LastStart(), now);
+    return ", starts " + first + (first == last ? "" : "-" + last);
+}
+
+} // namespace
+
+std::string WaitInWords(const Daemon &daemon) {
+    return daemon.held ? "the release of the machine" : "kestcrond without --passive-mode";
+}
+
+std::string LaunchInWords(const JobStart &start, std::time_t now) {
+    return start.kept ? "as soon as it may" : StartInWords(start, now) + DelayInWords(start, now);
+}
+
+std::string LaunchInShort(const JobStart &start, std::time_t now) {
+    return start.kept ? "kept" : StartInShort(start, now) + DelayInWords(start, now);
+}
+
+Json::Value StartToJson(const JobStart &start) {
+    constexpr std::time_t lastSecond = 59;
+    Json::Value json = StartToJson(start, start.overdue);
+    json["start_earliest"] = Iso(start.FirstStart());
+    json["start_latest"] = Iso(start.LastStart() + lastSecond);
+    json["waits"] = start.waits;
+    for (const char *time : {"earliest", "latest", "start_earliest", "start_latest"})
+        if (start.kept)
+            json[time] = Json::Value();
+    return json;
+}
+
 Json::Value StartToJson(const ComingStart &start, bool overdue) {
     Json::Value json;
     json["earliest"] = Iso(start.earliest);
@@ -163,6 +223,7 @@ Json::Value StartToJson(const ComingStart &start, bool overdue) {
     json["undrawn"] = Json::Value(Json::arrayValue);
     for (const std::string &key : start.undrawn)
         json["undrawn"].append(key);
+    json["at_most"] = Json::UInt64{start.most};
     json["overdue"] = overdue;
     return json;
 }

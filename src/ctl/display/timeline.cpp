@@ -1,6 +1,7 @@
 #include "ctl/display/timeline.h"
 
 #include "ctl/display/coming_starts.h"
+#include "ctl/display/launch_forecast.h"
 #include "ctl/display/times.h"
 
 #include <algorithm>
@@ -18,18 +19,23 @@ std::time_t BeginOfQuarter(std::time_t time) {
 
 } // namespace
 
-TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon, std::time_t now,
-                           std::size_t hours) {
+TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon,
+                           std::int32_t maxDelay, std::time_t now, std::size_t hours) {
     const std::size_t most = 120 * (hours + 1); // one start in each minute, and a margin
     TimelineData data;
     data.from = now - Local(now).tm_sec;
     data.until = data.from + static_cast<std::time_t>(hours) * kHour;
     data.held = daemon.held;
+    LaunchForecast forecast(jobs, daemon, maxDelay, now);
     for (const LiveJob &job : jobs) {
         std::vector<JobStart> starts =
             StartsOf(job, daemon, {data.from, data.from, data.until}, most);
-        while (!starts.empty() && starts.back().earliest >= data.until)
-            starts.pop_back();
+        forecast.SetDelays(starts);
+        starts.erase(std::remove_if(starts.begin(), starts.end(),
+                                    [&](const JobStart &start) {
+                                        return start.kept || start.FirstStart() >= data.until;
+                                    }),
+                     starts.end());
         if (starts.empty())
             ++data.idle;
         else
@@ -48,11 +54,13 @@ std::vector<QuarterHour> LoadOf(const TimelineData &data) {
     };
     for (const JobRow &row : data.rows)
         for (const JobStart &start : row.starts) {
-            if (start.earliest == start.latest)
-                ++load[indexOf(start.earliest)].starts;
+            const std::size_t first = indexOf(start.FirstStart());
+            const std::size_t last = indexOf(start.LastStart() + kMinute - 1);
+            if (first == last && start.undrawn.empty())
+                ++load[first].starts;
             else
-                for (std::size_t i = indexOf(start.earliest); i <= indexOf(start.latest); ++i)
-                    ++load[i].possible;
+                for (std::size_t i = first; i <= last; ++i)
+                    load[i].possible += start.most;
         }
     return load;
 }
@@ -106,7 +114,7 @@ Json::Value TimelineToJson(const TimelineData &data) {
         Json::Value job;
         job["name"] = row.name;
         for (const JobStart &start : row.starts)
-            job["starts"].append(StartToJson(start, start.overdue));
+            job["starts"].append(StartToJson(start));
         json["jobs"].append(std::move(job));
     }
     for (const QuarterHour &quarter : LoadOf(data)) {

@@ -1,6 +1,7 @@
 // The starts in the coming hours, with a row for each job and the total load.
 //
-// A start whose minute is known is drawn as a mark, any other as a band between its bounds. The
+// A start is that of the process, which may follow its launch by up to an hour. If its minute is
+// known, it is drawn as a mark, otherwise as a band between its bounds. The
 // scale is linear in real time and its labels are local times. When the clock is set forward, an
 // hour is missing among the labels; when it is set back, one appears twice.
 
@@ -10,6 +11,7 @@
 #include "ctl/display/starts.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <json/value.h>
 #include <string>
@@ -30,14 +32,15 @@ struct TimelineData {
     std::size_t idle = 0;     // number of jobs that do not start
 };
 
-TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon, std::time_t now,
-                           std::size_t hours);
+// `maxDelay` is that of the schedule template.
+TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon,
+                           std::int32_t maxDelay, std::time_t now, std::size_t hours);
 
 // A quarter of an hour of the local clock. The first and the last may extend beyond the timeline.
 struct QuarterHour {
     std::time_t from = 0;
     std::size_t starts = 0;   // certain
-    std::size_t possible = 0; // bands that overlap it
+    std::size_t possible = 0; // at most, by the bands that overlap it
 };
 constexpr std::time_t kQuarterHour = std::time_t{15} * 60;
 

@@ -142,8 +142,11 @@ std::string Counted(std::size_t count, const char *one, const char *more) {
 }
 
 std::string BandInWords(const JobStart &start) {
-    return "one start between " + Moment(start.earliest) + " and " + Moment(start.latest) +
-           "; not yet drawn: " + FieldsInWords(start.undrawn);
+    const std::string number =
+        start.most == 1 ? "one start" : "up to " + std::to_string(start.most) + " starts";
+    return number + " between " + Moment(start.FirstStart()) + " and " + Moment(start.LastStart()) +
+           (start.undrawn.empty() ? "; launched at " + Moment(start.earliest)
+                                  : "; not yet drawn: " + FieldsInWords(start.undrawn));
 }
 
 std::string QuarterInWords(const QuarterHour &quarter) {
@@ -193,7 +196,7 @@ private:
         std::size_t bands = 0;
         for (const JobRow &row : data_.rows)
             for (const JobStart &start : row.starts)
-                ++(start.earliest == start.latest ? starts : bands);
+                ++(start.FirstStart() == start.LastStart() ? starts : bands);
         std::string text =
             Counted(data_.rows.size(), "job", "jobs") + ", " + Counted(starts, "start", "starts");
         if (bands != 0)
@@ -274,10 +277,10 @@ private:
     std::string Bands(const JobRow &row, double top) const {
         std::string text;
         for (const JobStart &start : row.starts) {
-            if (start.earliest == start.latest)
+            if (start.FirstStart() == start.LastStart())
                 continue;
-            const double x = X(start.earliest) + .5;
-            const double width = std::max(X(start.latest + 60) - x - 1, 2.);
+            const double x = X(start.FirstStart()) + .5;
+            const double width = std::max(X(start.LastStart() + 60) - x - 1, 2.);
             text += Rectangle("band", {x, top + 5, width, kRowHeight - 10, 3},
                               row.name + ": " + BandInWords(start));
         }
@@ -296,13 +299,13 @@ private:
             together.clear();
         };
         for (const JobStart &start : row.starts) {
-            if (start.overdue || start.earliest != start.latest)
+            if (start.overdue || start.FirstStart() != start.LastStart())
                 continue;
-            if (!together.empty() && X(start.earliest) - X(together.back()) < width + gap)
-                together.push_back(start.earliest);
+            if (!together.empty() && X(start.FirstStart()) - X(together.back()) < width + gap)
+                together.push_back(start.FirstStart());
             else {
                 draw();
-                together.push_back(start.earliest);
+                together.push_back(start.FirstStart());
             }
         }
         draw();
@@ -327,8 +330,8 @@ private:
         std::string text;
         for (const JobStart &start : row.starts)
             if (start.overdue)
-                text += Diamond("overdue", X(start.earliest), top + kRowHeight / 2, 6,
-                                row.name + ": " + Moment(start.earliest) + ", overdue");
+                text += Diamond("overdue", X(start.FirstStart()), top + kRowHeight / 2, 6,
+                                row.name + ": " + Moment(start.FirstStart()) + ", overdue");
         return text;
     }
 

@@ -142,8 +142,8 @@ private:
     }
 
     void PutBand(Cells &cells, const JobStart &start, Cell shown) const {
-        const std::size_t first = ColumnOf(start.earliest);
-        for (std::size_t i = first; i <= ColumnOf(start.latest); ++i)
+        const std::size_t first = ColumnOf(start.FirstStart());
+        for (std::size_t i = first; i <= ColumnOf(start.LastStart()); ++i)
             Put(cells[i], shown);
     }
 
@@ -155,11 +155,11 @@ private:
         Cell band = Cell::NextBand;
         std::size_t lastBegin = columns_;
         for (const JobStart &start : row.starts) {
-            const std::size_t column = ColumnOf(start.earliest);
+            const std::size_t column = ColumnOf(start.FirstStart());
             if (start.overdue) {
                 Put(cells[column], Cell::Overdue);
-            } else if (start.earliest == start.latest) {
-                const std::size_t half = CellOf(start.earliest, 2 * columns_);
+            } else if (start.FirstStart() == start.LastStart()) {
+                const std::size_t half = CellOf(start.FirstStart(), 2 * columns_);
                 Put(cells[half / 2], half % 2 == 0 ? Cell::StartLeft : Cell::StartRight);
             } else {
                 band = band == Cell::Band ? Cell::NextBand : Cell::Band;
@@ -254,7 +254,7 @@ private:
         std::vector<std::string> entries{std::string(TextOf(Cell::Start)) + " start"};
         if (Shows(Cell::Band))
             entries.push_back(std::string(TextOf(Cell::Band)) + TextOf(Cell::NextBand) +
-                              " one start within each band");
+                              " possible starts");
         if (Shows(Cell::Bands))
             entries.push_back(std::string(TextOf(Cell::Bands)) + " several bands");
         if (Shows(Cell::Overdue))

@@ -133,6 +133,18 @@ std::string WhenInShort(std::time_t time, std::time_t now) {
     return day + (day.empty() ? "" : " ") + ClockInWords(time, now);
 }
 
+std::string SpanInWords(std::time_t seconds) {
+    struct Unit {
+        const char *name;
+        std::time_t seconds;
+    };
+    constexpr std::array<Unit, 3> units{{{" d", 86400}, {" h", 3600}, {" min", 60}}};
+    for (const Unit &unit : units)
+        if (seconds >= unit.seconds)
+            return std::to_string(seconds / unit.seconds) + unit.name;
+    return std::to_string(seconds) + " s";
+}
+
 std::string Iso(std::time_t time) {
     std::string text = FormatTimestamp(Local(time));
     text.pop_back();

@@ -28,6 +28,9 @@ std::string DayInWords(std::time_t time, std::time_t now);
 // The local time of day, "03:17", with the zone as in WhenInWords.
 std::string ClockInWords(std::time_t time, std::time_t now);
 
+// A span of time in its largest unit, rounded down: "40 s", "12 min", "3 h", "5 d".
+std::string SpanInWords(std::time_t seconds);
+
 // "2026-11-15T03:00:00+01:00"
 std::string Iso(std::time_t time);
 

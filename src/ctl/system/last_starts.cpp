@@ -15,27 +15,61 @@ namespace kest::ctl {
 
 namespace {
 
-void AddLine(const LogLine &line, std::unordered_map<std::string, LastStarts> &lastStarts) {
-    if (!line.started)
+// Seconds within which all jobs of a cycle are launched.
+constexpr std::time_t kSameCycle = 3600;
+
+void AddFailure(const LogLine &line, LastStarts &job) {
+    if (line.time < std::max(job.failed, job.started))
         return;
-    LastStarts &job = lastStarts[line.job];
+    job.failed = line.time;
+    job.reason = line.reason;
+}
+
+void AddToCycle(const LogLine &line, RecentStarts &starts) {
+    constexpr int most = 1'000'000; // more than a daemon has jobs
+    if (line.launches < 2 || line.launches > most || line.rank < 1 || line.rank > line.launches)
+        return;
+    LaunchCycle &cycle = starts.cycles[line.trigger];
+    const std::time_t launched = line.time - line.delay;
+    if (launched < cycle.launched - kSameCycle)
+        return;
+    if (launched > cycle.launched + kSameCycle)
+        cycle = {launched, static_cast<std::size_t>(line.launches), {}}; // a month later
+    cycle.ranks[static_cast<std::size_t>(line.rank)] = line.job;
+}
+
+// The parts of the log are read from its end, so a line may be older than what is known.
+void AddLine(const LogLine &line, RecentStarts &starts) {
+    if (line.job.empty() || !(line.started || line.failed))
+        return;
+    LastStarts &job = starts.jobs[line.job];
+    if (line.failed) {
+        AddFailure(line, job);
+        return;
+    }
     const std::time_t launched = line.time - line.delay;
     job.ran = std::max(job.ran, launched);
-    if (!line.manual)
-        job.launched = std::max(job.launched, launched);
+    if (line.time > job.started) {
+        job.started = line.time;
+        if (job.failed < line.time)
+            job.failed = 0;
+    }
+    if (line.manual)
+        return;
+    job.launched = std::max(job.launched, launched);
+    AddToCycle(line, starts);
 }
 
 } // namespace
 
-std::unordered_map<std::string, LastStarts> ReadLastStarts(const std::string &log,
-                                                           std::time_t since) {
+RecentStarts ReadRecentStarts(const std::string &log, std::time_t since) {
     constexpr std::size_t step = std::size_t{1} << 20;
     constexpr int mostSteps = 64;
-    std::unordered_map<std::string, LastStarts> lastStarts;
+    RecentStarts starts;
     struct stat status {};
     const Descriptor file = OpenRegularFile(log);
     if (!file || fstat(file.Get(), &status) == -1)
-        return lastStarts;
+        return starts;
     auto begin = static_cast<std::uintmax_t>(status.st_size);
     std::string rest; // end of the line that begins in the part before
     bool reached = false;
@@ -52,10 +86,10 @@ std::unordered_map<std::string, LastStarts> ReadLastStarts(const std::string &lo
         for (std::string text; std::getline(lines, text);) {
             const LogLine line = ParseLogLine(text);
             reached = reached || (line.time >= 0 && line.time < since);
-            AddLine(line, lastStarts);
+            AddLine(line, starts);
         }
     }
-    return lastStarts;
+    return starts;
 }
 
 } // namespace kest::ctl

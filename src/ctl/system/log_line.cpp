@@ -59,15 +59,25 @@ LogLine ParseLogLine(std::string_view line) {
         // The command may contain any text, so the note after it is searched for from the end.
         const auto note = text.rfind(" (state[");
         parsed.started = note != std::string::npos && text.back() == ')';
-        parsed.failed = !parsed.started && text.find(" failed, return code: ") != std::string::npos;
+        const auto failed = text.rfind(" failed, return code: ");
+        parsed.failed = !parsed.started && failed != std::string::npos;
+        if (parsed.failed) {
+            const auto error = text.find(", error: ", failed);
+            parsed.reason =
+                error == std::string::npos ? text.substr(failed + 1) : text.substr(error + 9);
+        }
         if (parsed.started) {
             const std::string details = text.substr(note);
             ReadNumber(Between(details, ", delay[", "]"), parsed.delay);
+            ReadNumber(Between(details, ", job[", "/"), parsed.rank);
+            ReadNumber(Between(Between(details, ", job[", "]") + "]", "/", "]"), parsed.launches);
+            parsed.trigger = Between(details, ", trig[", "]");
             parsed.manual = StartsWith(details, std::string(" (state[") + kManualState + "]");
         }
     } else if (StartsWith(text, "Failed to ")) {
         parsed.job = Between(text, " for", " for user ");
         parsed.failed = true;
+        parsed.reason = text;
     }
     return parsed;
 }

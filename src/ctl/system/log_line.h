@@ -20,7 +20,11 @@ struct LogLine {
     bool started = false;  // a start
     bool manual = false;   // a start by hand, not by the daemon
     bool failed = false;   // a failure
+    std::string reason;    // of the failure
     int delay = 0;         // seconds from the job's launch to this line
+    int rank = 1;          // of the launch in its cycle
+    int launches = 1;      // in the cycle
+    std::string trigger;   // identifies the cycle within a month; empty if unknown
 };
 
 LogLine ParseLogLine(std::string_view line);

@@ -98,13 +98,17 @@ bool IsTheDaemon(pid_t pid) {
            lock.l_pid == pid;
 }
 
-// Launched jobs that wait out their delay are children of the daemon that still have its name.
+// Launched jobs that wait out their delay are processes of root in sessions of their own that still
+// have the daemon's name. They outlive the daemon that launched them.
 unsigned CountDelayed(pid_t daemon) {
+    constexpr std::size_t sessionField = 3;
     unsigned delayed = 0;
     for (const pid_t pid : AllProcesses()) {
+        if (pid == daemon || !IsNamed(pid, kDaemonName) || !IsProcessOfRoot(pid))
+            continue;
         const std::vector<std::string> fields = StatOf(pid);
-        if (fields.size() > 1 && fields[1] == std::to_string(daemon) && fields[0] != "Z" &&
-            IsNamed(pid, kDaemonName))
+        if (fields.size() > sessionField && fields[0] != "Z" &&
+            fields[sessionField] == std::to_string(pid))
             ++delayed;
     }
     return delayed;
@@ -133,14 +137,15 @@ Daemon FindDaemon(const Appliance &appliance) {
         return daemon;
     QueryHeld(daemon.held);
     const pid_t pid = XLIBCReadPidFile(kPidFile);
-    if (pid <= 0 || XLIBCProcAlive(pid) != 1 || !IsTheDaemon(pid))
+    const bool isRunning = pid > 0 && XLIBCProcAlive(pid) == 1 && IsTheDaemon(pid);
+    daemon.delayed = CountDelayed(isRunning ? pid : 0);
+    if (!isRunning)
         return daemon;
     const std::vector<std::string> arguments = ArgumentsOf(pid);
     daemon.pid = pid;
     daemon.since = StartOf(pid);
     daemon.passive =
         std::find(arguments.begin(), arguments.end(), kPassiveOption) != arguments.end();
-    daemon.delayed = CountDelayed(pid);
     return daemon;
 }
 

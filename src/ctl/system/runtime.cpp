@@ -42,13 +42,19 @@ LiveJob MakeLiveJob(CronJob parsed, std::time_t lastRun) {
     return live;
 }
 
-// Applies starts after the document was written. A launch also resets what was due.
+// Applies the starts in the log. A launch after the document was written also resets what was due.
 void ApplyLastStarts(LiveJob &live, const LastStarts &lastStarts) {
+    constexpr std::time_t tolerance = 2; // the two programs read the clock one after the other
     const std::time_t known = live.lastRun;
-    live.lastRun = std::max(known, std::max(lastStarts.ran, lastStarts.launched));
-    if (lastStarts.launched <= known)
-        return;
-    live.job.NoteLaunch(lastStarts.launched);
+    live.started = lastStarts.started;
+    live.isLogged = lastStarts.started != 0 && lastStarts.ran + tolerance >= known;
+    if (live.isLogged) {
+        live.lastRun = lastStarts.started;
+        live.failed = lastStarts.failed;
+        live.failure = lastStarts.reason;
+    }
+    if (lastStarts.launched > known)
+        live.job.NoteLaunch(lastStarts.launched);
 }
 
 // Documents are limited in size, more strictly for another appliance, whose files may be crafted.
@@ -88,7 +94,10 @@ Runtime LoadRuntime(const Appliance &appliance) {
         throw Failure(std::string("neither ") + kRuntimeFile + " nor " + kPersistentFile +
                       " exists: kestcrond has not run on this system");
     runtime.saved = SavedAt(runtime.path);
-    const auto lastStarts = ReadLastStarts(appliance.Locate(kExecutionLogFile), runtime.saved);
+    if (const auto shared = FindTemplate(appliance))
+        runtime.maxDelay = shared->maxDelay;
+    RecentStarts recent = ReadRecentStarts(appliance.Locate(kExecutionLogFile), runtime.saved);
+    runtime.cycles = std::move(recent.cycles);
     const std::vector<Candidate> candidates = Candidates(appliance);
     Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();
     document = Json::Value();
@@ -101,7 +110,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
             continue;
         }
         LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
-        if (const auto found = lastStarts.find(Printable(live.name)); found != lastStarts.end())
+        if (const auto found = recent.jobs.find(Printable(live.name)); found != recent.jobs.end())
             ApplyLastStarts(live, found->second);
         live.process = ProcessOf(live.staged, live.account, candidates);
         runtime.jobs.push_back(std::move(live));

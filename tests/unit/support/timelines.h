@@ -19,15 +19,15 @@
 namespace kest::ctl {
 
 inline JobStart Known(std::time_t time) {
-    return {{time, time, {}}, nullptr, false};
+    return {{time, time, {}, 1, 1}, nullptr, false, {}};
 }
 
 inline JobStart Overdue(std::time_t time) {
-    return {{time, time, {}}, nullptr, true};
+    return {{time, time, {}, 1, 1}, nullptr, true, {}};
 }
 
 inline JobStart Band(std::time_t earliest, std::time_t latest) {
-    return {{earliest, latest, {"Minute"}}, nullptr, false};
+    return {{earliest, latest, {"Minute"}, 1, 1}, nullptr, false, {}};
 }
 
 inline TimelineData TimelineOf(std::time_t from, std::size_t hours, std::vector<JobRow> rows,

@@ -53,6 +53,8 @@ std::string Text(const ComingStart &start) {
     text += ".." + TimeText(start.latest) + " ";
     for (const std::string &key : start.undrawn)
         text += (text.back() == ' ' ? "" : ",") + key;
+    if (start.usual > 1)
+        text += " x" + std::to_string(start.usual);
     return text;
 }
 
@@ -147,6 +149,26 @@ TEST(ComingStarts, HaveBoundsAfterTheNextRedraw) {
          R"({"Minute": [5, 7]})",
          {"2026-06-02 03:01..2026-06-02 03:59 Minute", "2026-06-02 03:05"}},
         {"0 0 30~31 2 *", R"({"day": [30]})", {}},
+        // Each random item has a start of its own, and so has each value within a draw. A minute
+        // that is drawn as 0 matches in the next hour.
+        {"0~29,30~59 * * * *",
+         R"({"Minute": [5, 45]})",
+         {"2026-06-02 02:45", "2026-06-02 03:01..2026-06-02 04:00 Minute"}},
+        {"1~29,30~59 * * * *",
+         R"({"Minute": [5, 8]})",
+         {"2026-06-02 03:01..2026-06-02 03:29 Minute",
+          "2026-06-02 03:30..2026-06-02 03:59 Minute"}},
+        {"0,30 8~17 * * *",
+         R"({"hour": [1]})",
+         {"2026-06-03 08:00..2026-06-03 17:00 hour", "2026-06-03 08:30..2026-06-03 17:30 hour"}},
+        {"* ~ * * *",
+         R"({"hour": [1]})",
+         {"2026-06-03 00:01..2026-06-04 00:00 hour x60",
+          "2026-06-04 00:01..2026-06-05 00:00 hour x60"}},
+        {"0 12 * ~ 1",
+         R"({"month": [5]})",
+         {"2027-01-04 12:00..2027-12-27 12:00 month x5",
+          "2028-01-03 12:00..2028-12-25 12:00 month x5"}},
     };
     for (const StartsRow &row : rows)
         EXPECT_EQ(Starts(JobOf(row.crontab, row.drawn), from, 2), row.starts) << row.crontab;
@@ -223,7 +245,11 @@ std::string RandomField(std::mt19937 &bits, int low, int high) {
     const auto number = [&bits](int from, int to) {
         return std::uniform_int_distribution<int>(from, to)(bits);
     };
-    switch (number(0, 4)) {
+    const auto range = [&] {
+        const int from = number(low, high);
+        return std::to_string(from) + "~" + std::to_string(number(from, high));
+    };
+    switch (number(0, 5)) {
     case 0:
     case 1:
         return "*";
@@ -231,10 +257,10 @@ std::string RandomField(std::mt19937 &bits, int low, int high) {
         return "~";
     case 3:
         return std::to_string(number(low, high)) + "," + std::to_string(number(low, high));
-    default: {
-        const int from = number(low, high);
-        return std::to_string(from) + "~" + std::to_string(number(from, high));
-    }
+    case 4:
+        return range() + "," + range() + "," + std::to_string(number(low, high));
+    default:
+        return range();
     }
 }
 
@@ -255,10 +281,23 @@ std::vector<std::time_t> Simulate(CronJob job, std::time_t from, std::time_t day
     return starts;
 }
 
+// The number of simulated starts, and the predicted upper bound of it.
+std::size_t CountIn(const std::vector<std::time_t> &starts, std::time_t begin, std::time_t end) {
+    return static_cast<std::size_t>(std::lower_bound(starts.begin(), starts.end(), end) -
+                                    std::lower_bound(starts.begin(), starts.end(), begin));
+}
+std::size_t MostIn(const std::vector<ComingStart> &coming, std::time_t begin, std::time_t end) {
+    std::size_t most = 0;
+    for (const ComingStart &start : coming)
+        if (start.earliest < end && start.latest >= begin)
+            most += start.most;
+    return most;
+}
+
 TEST(ComingStarts, MatchASimulation) {
     const LocalZone zone("Europe/Berlin");
     FixedClock clock(0);
-    for (unsigned round = 0; round < 60; ++round) {
+    for (unsigned round = 0; round < 1500; ++round) {
         std::mt19937 bits(round);
         const CronJob job = JobOf(RandomField(bits, 0, 59) + " " + RandomField(bits, 0, 23) + " " +
                                   RandomField(bits, 1, 31) + " * " + RandomField(bits, 0, 6));
@@ -281,6 +320,10 @@ TEST(ComingStarts, MatchASimulation) {
                         std::binary_search(simulated.begin(), simulated.end(), start.earliest))
                 << TimeText(start.earliest);
         }
+        for (std::time_t begin = from; begin < from + days * kDay; begin += kDay / 4)
+            ASSERT_LE(CountIn(simulated, begin, begin + kDay / 4),
+                      MostIn(coming, begin, begin + kDay / 4))
+                << TimeText(begin);
     }
 }
 

@@ -109,7 +109,7 @@ TEST(Metrics, OfAJob) {
         {"overdue", "0 3 * * *", late, 0, 0, false, "", now, now, "1", "0", "0"},
         {"pending", "0 3 * * *", due, 0, 0, false, "", at, at, "0", "1", "0"},
         {"passive", "0 3 * * *", R"({"expireTime": 1, "lastExecution": 1})", 0, 0, true, "", "", "",
-         "0", "0", "0"},
+         "0", "1", "0"},
     };
     for (const Row &row : rows) {
         LiveJob job = AssuredJob("a", row.crontab, row.document);

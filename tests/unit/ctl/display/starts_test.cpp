@@ -158,10 +158,10 @@ TEST_F(StartsTest, OfSeveralJobsAreSorted) {
 }
 
 TEST_F(StartsTest, AreWrittenAsJson) {
-    EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}}, true),
+    EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}, 1, 3}, true),
               FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
                            "latest": "2026-06-02T02:11:00+00:00",
-                           "undrawn": ["hour"], "overdue": true})"));
+                           "undrawn": ["hour"], "at_most": 3, "overdue": true})"));
 }
 
 } // namespace

@@ -48,7 +48,7 @@ TEST(TimelineInSvg, DescribesEachMark) {
 TEST(TimelineInSvg, MergesMarksThatTouch) {
     const LocalZone zone("UTC0");
     const std::time_t from = Utc(2026, 6, 2, 2, 10);
-    const TimelineData hours = CollectStarts({Job("a", "* * * * *")}, {}, from, 24);
+    const TimelineData hours = CollectStarts({Job("a", "* * * * *")}, {}, 300, from, 24);
     const std::string svg = TimelineInSvg(hours);
     EXPECT_THAT(svg, HasSubstr("a: 2026-06-02 02:10 to 2026-06-03 02:09, 1440 starts<"));
     EXPECT_EQ(Count(svg, "class=\"mark\""), 2U); // the row's and the legend's

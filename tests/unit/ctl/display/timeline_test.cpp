@@ -18,7 +18,7 @@ TEST(CollectStarts, CollectsStartsAndCountsIdleJobs) {
                                        Job("at the first minute", "10 2 * * *"),
                                        Job("at the last minute", "9 4 * * *"),
                                        Job("at the end", "10 4 * * *"), Job("never", "0 0 31 2 *")};
-    const TimelineData hours = CollectStarts(jobs, {}, now, 2);
+    const TimelineData hours = CollectStarts(jobs, {}, 0, now, 2);
     EXPECT_EQ(hours.from, from);
     EXPECT_EQ(hours.until, from + 2 * kHour);
     EXPECT_EQ(hours.idle, 2U);
@@ -35,7 +35,7 @@ TEST(CollectStarts, ConsidersPassiveAndHeldMachines) {
     daemon.pid = 1;
     daemon.passive = daemon.held = true;
     const TimelineData hours =
-        CollectStarts({Job("a", "* * * * *")}, daemon, Utc(2026, 6, 2, 2, 10), 1);
+        CollectStarts({Job("a", "* * * * *")}, daemon, 300, Utc(2026, 6, 2, 2, 10), 1);
     EXPECT_TRUE(hours.held);
     EXPECT_TRUE(hours.rows.empty());
     EXPECT_EQ(hours.idle, 1U);
@@ -46,7 +46,7 @@ TEST(CollectStarts, MarksOverdueStarts) {
     const std::time_t now = Utc(2026, 6, 2, 2, 10);
     const std::string ran = std::to_string(now - 23 * kHour);
     const TimelineData hours = CollectStarts(
-        {Job("a", "0 6 1 * *", R"({"hours": 24, "lastExecution": )" + ran + "}")}, {}, now, 2);
+        {Job("a", "0 6 1 * *", R"({"hours": 24, "lastExecution": )" + ran + "}")}, {}, 300, now, 2);
     ASSERT_EQ(hours.rows.size(), 1U);
     ASSERT_EQ(hours.rows[0].starts.size(), 1U);
     EXPECT_TRUE(hours.rows[0].starts[0].overdue);
@@ -128,9 +128,13 @@ TEST(TimelineToJson, WritesStartsAndLoad) {
         "from": "2026-06-02T02:00:00+00:00", "until": "2026-06-02T03:00:00+00:00", "idle_jobs": 3,
         "jobs": [{"name": "a", "starts": [
             {"earliest": "2026-06-02T02:01:00+00:00", "latest": "2026-06-02T02:01:00+00:00",
-             "undrawn": [], "overdue": false},
+             "start_earliest": "2026-06-02T02:01:00+00:00",
+             "start_latest": "2026-06-02T02:01:59+00:00",
+             "undrawn": [], "at_most": 1, "overdue": false, "waits": false},
             {"earliest": "2026-06-02T02:16:00+00:00", "latest": "2026-06-02T03:00:00+00:00",
-             "undrawn": ["Minute"], "overdue": false}]}],
+             "start_earliest": "2026-06-02T02:16:00+00:00",
+             "start_latest": "2026-06-02T03:00:59+00:00",
+             "undrawn": ["Minute"], "at_most": 1, "overdue": false, "waits": false}]}],
         "load": [{"from": "2026-06-02T02:00:00+00:00", "starts": 1, "possible": 0},
                  {"from": "2026-06-02T02:15:00+00:00", "starts": 0, "possible": 1},
                  {"from": "2026-06-02T02:30:00+00:00", "starts": 0, "possible": 1},

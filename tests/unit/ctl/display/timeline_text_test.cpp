@@ -39,7 +39,7 @@ late and long-named        ▲                │                 ░░░░�
                   3             ░░░
 load                            ███         ░░░                  ░░░
                   0 █████████   ███░░░░░░░░░░░░░░░░░░░░░░░░   ░░░███
-█ start  ░▒ one start within each band  ▲ overdue
+█ start  ░▒ possible starts  ▲ overdue
 load: at most 3 starts in a quarter hour
 2 jobs do not start in these hours
 )");
@@ -52,7 +52,7 @@ late and long-named        !                |                 ......
                   3             ...
 load                            ###         ...                  ...
                   0 #########   ###........................   ...###
-# start  ., one start within each band  ! overdue
+# start  ., possible starts  ! overdue
 load: at most 3 starts in a quarter hour
 2 jobs do not start in these hours
 )");
@@ -110,7 +110,7 @@ TEST(TimelineInText, FitsEveryScreen) {
                 const TimelineData timeline = CollectStarts(
                     {Job("pkg-a-with-a-rather-long-name", "~ * * * *"), Job("b", "~ ~ * * ~"),
                      Job("c", "* * * * *"), Job("d\n", "0 0 31 2 *")},
-                    {}, from, hours);
+                    {}, 300, from, hours);
                 for (const std::string &line : Lines(TimelineInText(timeline, ScreenOf(width))))
                     ASSERT_LE(WidthOf(line), width) << line;
             }
