@@ -37,7 +37,7 @@ int List(const Context &context, const ListOptions &options) {
             continue;
         }
         const JobStatusText &state = InWords(JobStatusOf(job, daemon));
-        table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument()),
+        table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument(), job.job.cronFields()),
                    LastRunInShort(job, context.now),
                    next ? LaunchInShort(*next, context.now) : "never",
                    StatusInWords(job, daemon, context.now)},

@@ -154,7 +154,7 @@ void Write(const JobDetails &details, const Context &context) {
     Line(screen, "command", TextMember(document, "cmd_str"));
     Line(screen, "program", job.staged);
     Line(screen, "", details.staged.text);
-    Line(screen, "schedule", ScheduleInWords(Member(document, "schedule")));
+    Line(screen, "schedule", ScheduleInWords(Member(document, "schedule"), job.job.cronFields()));
     Line(screen, "", "drawn values " + job.job.RenderSchedule());
     Line(screen, "assured", AssuranceInWords(job.job));
     Line(screen, "passive",

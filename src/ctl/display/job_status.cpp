@@ -69,7 +69,7 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
     json["name"] = job.name;
     json["account"] = job.account;
     json["schedule"] = job.job.RenderSchedule();
-    json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument());
+    json["schedule_text"] = ScheduleInWords(job.job.ScheduleDocument(), job.job.cronFields());
     json["state"] = InWords(JobStatusOf(job, daemon)).json;
     json["last_run"] = TimeToJson(job.lastRun);
     json["last_run_is_launch"] = job.lastRun != 0 && !job.isLogged;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <set>
 
 namespace kest::ctl {
 
@@ -22,11 +23,25 @@ constexpr std::array<const char *, 12> kMonths{"January",   "February", "March",
 struct Values {
     std::string key;
     std::vector<std::int32_t> values;
-    bool any = false; // matches all values
+    std::set<std::int32_t> drawn; // those that only random items have
+    bool any = false;             // matches all values
+
+    // What stands before a value.
+    const char *Mark(std::int32_t value) const { return drawn.count(value) != 0 ? "~" : ""; }
 };
 
-Values ValuesOf(const Json::Value &schedule, const std::string &key) {
-    Values field{key, FieldValues(Member(schedule, key)), false};
+Values ValuesOf(const Json::Value &schedule, const std::string &key, const CronFields &items) {
+    Values field{key, FieldValues(Member(schedule, key)), {}, false};
+    const auto found = items.find(key);
+    if (found != items.end() && found->second.size() == field.values.size()) {
+        const std::vector<CronRange> &ranges = found->second;
+        for (std::size_t i = 0; i < ranges.size(); ++i)
+            if (ranges[i].type == CronRange::Random)
+                field.drawn.insert(field.values[i]);
+        for (std::size_t i = 0; i < ranges.size(); ++i)
+            if (ranges[i].type != CronRange::Random)
+                field.drawn.erase(field.values[i]);
+    }
     std::sort(field.values.begin(), field.values.end());
     field.values.erase(std::unique(field.values.begin(), field.values.end()), field.values.end());
     field.any =
@@ -52,11 +67,13 @@ std::string List(const Values &field, InWords inWords) {
     std::vector<std::string> texts;
     for (std::size_t first = 0, last = 0; first < values.size(); first = last + 1) {
         last = first;
-        while (last + 1 < values.size() && values[last + 1] == values[last] + 1)
+        while (last + 1 < values.size() && values[last + 1] == values[last] + 1 &&
+               field.drawn.count(values[last]) + field.drawn.count(values[last + 1]) == 0)
             ++last;
         if (last == first + 1)
             last = first;
-        const std::string text = inWords(field.key, values[first]);
+        const std::string text =
+            field.Mark(values[first]) + inWords(field.key, values[first]);
         texts.push_back(last == first ? text : text + " to " + inWords(field.key, values[last]));
     }
     return Enumerated(texts);
@@ -80,7 +97,8 @@ std::string Clocks(const Values &minutes, const Values &hours) {
     std::vector<std::string> clocks;
     for (const std::int32_t hour : hours.values)
         for (const std::int32_t minute : minutes.values)
-            clocks.push_back(TwoDigits(hour) + ":" + TwoDigits(minute));
+            clocks.push_back(hours.Mark(hour) + TwoDigits(hour) + ":" + minutes.Mark(minute) +
+                             TwoDigits(minute));
     return Enumerated(clocks);
 }
 
@@ -131,10 +149,10 @@ std::string TimesInWords(const Values &minute, const Values &hour, const std::st
 
 } // namespace
 
-std::string ScheduleInWords(const Json::Value &schedule) {
+std::string ScheduleInWords(const Json::Value &schedule, const CronFields &items) {
     std::array<Values, 5> fields;
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        fields.at(i) = ValuesOf(schedule, FieldKeys().at(i));
+        fields.at(i) = ValuesOf(schedule, FieldKeys().at(i), items);
         if (fields.at(i).values.empty())
             return "never";
     }

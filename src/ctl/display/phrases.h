@@ -4,6 +4,7 @@
 #define CTL_DISPLAY_PHRASES_H
 
 #include "ctl/display/coming_starts.h"
+#include "job/cron_field.h"
 
 #include <cstdint>
 #include <ctime>
@@ -14,9 +15,10 @@
 namespace kest::ctl {
 
 // A drawn schedule: "daily at 03:17", "hourly at minute 5", "on Tuesdays at 00:30", "monthly on the
-// 17th at 03:17", "every minute". "never" only if a field has no values, not for dates that do not
+// 17th at 03:17", "every minute". Values that only random items of the fields have are marked with
+// "~": "daily at 03:~17". "never" only if a field has no values, not for dates that do not
 // exist.
-std::string ScheduleInWords(const Json::Value &schedule);
+std::string ScheduleInWords(const Json::Value &schedule, const CronFields &items = {});
 
 // The names of fields: "minute and hour".
 std::string FieldsInWords(const std::vector<std::string> &keys);
