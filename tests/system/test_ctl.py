@@ -172,7 +172,7 @@ def test_draws_of_an_expression(known, ctl):
         "words": "random from 0 to 59, redrawn every hour",
         "items": [{"text": "~", "type": "random", "from": 0, "to": 59}],
     }
-    assert answer["draws"][0]["words"] == "on Mondays at 03:17"  # as in the template
+    assert answer["draws"][0]["words"] == "on ~Mondays at ~03:~17"  # as in the template
     assert len(answer["draws"]) == 3
     for draw in answer["draws"]:
         schedule = draw["schedule"]
@@ -182,6 +182,7 @@ def test_draws_of_an_expression(known, ctl):
         "earliest": "2026-06-08T00:00:00+00:00",
         "latest": "2026-06-15T00:00:00+00:00",
         "undrawn": ["Minute", "hour", "week"],
+        "at_most": 4,
         "overdue": False,
     }
 

@@ -3,12 +3,14 @@
 import datetime
 import json
 import re
+import signal
 
 import pytest
 from tests.lib.appliance import every_minute, never
 from tests.lib.private_machine import wait_for
 
-MINUTE = datetime.timedelta(minutes=1)
+SECOND = datetime.timedelta(seconds=1)
+MINUTE = 60 * SECOND
 START = re.compile(r"(\S+) running job: (\S+) with command: .* \(state\[(\w+)\], " r"trig\[\d\d (\d\d):(\d\d):(\d\d)\]")
 
 JOBS = {
@@ -138,3 +140,60 @@ def test_over_a_day_with_redraws(machine, ctl):
     for since, predictions in snapshots:
         assert len(predictions) == 3000
         check_predictions(predictions, since, launched, overdue, evaluated)
+
+
+def start_of(machine, job):
+    """When the process of the job started, by the log; None before."""
+    for line in machine.log_lines():
+        match = START.match(line)
+        if match and match[2] == job:
+            return datetime.datetime.fromisoformat(match[1])
+    return None
+
+
+def frozen_at(moment):
+    """A clock that stands still."""
+    return {"FAKETIME": moment.strftime("%Y-%m-%d %H:%M:%S")}
+
+
+# The process of a delayed start and the test need their time, at the rate of the clock.
+LATE = datetime.timedelta(seconds=90)
+
+
+@pytest.mark.native(reason="too slow for its deadline when emulated")
+def test_delayed_starts(machine, ctl):
+    machine.clock("2026-06-02 02:10:10", rate=60)
+    machine.template(maxDelay=240)
+    crontabs = {"a": "15 * * * *", "b": "15 * * * *", "c": "16 * * * *", "d": "15 2 * * *", "e": "10~20 2 * * *"}
+    machine.jobs("builtin", "f", [every_minute(name, crontab=crontab) for name, crontab in crontabs.items()])
+    machine.start_and_wait()
+    names = ["builtin-f-" + name for name in crontabs]
+    before = datetime.datetime(2026, 6, 2, 2, 11, tzinfo=datetime.timezone.utc)
+    predictions = {}
+    for prediction in json.loads(ctl("next", "-n", "50", "--json", env=frozen_at(before)).stdout):
+        predictions.setdefault(prediction["job"], prediction)
+    wait_for(lambda: start_of(machine, "builtin-f-a"), what="the first start")
+    now = start_of(machine, "builtin-f-a") + datetime.timedelta(seconds=20)
+    listed = {job["name"]: job for job in json.loads(ctl("list", "--json", env=frozen_at(now)).stdout)}
+    # Kill the daemon: the starts outlive it, and are known without it.
+    machine.signal(signal.SIGKILL)
+    wait_for(lambda: not machine.daemon_pid(), what="the end of the daemon")
+    status = json.loads(ctl("status", "--json", env=frozen_at(now)).stdout)
+    waiting = [name for name in names if start_of(machine, name) is None and name != "builtin-f-c"]
+    assert status["delayed"] == len(waiting)
+    wait_for(lambda: all(start_of(machine, name) for name in ("builtin-f-b", "builtin-f-d")), what="the last start")
+    for name in ("builtin-f-a", "builtin-f-b", "builtin-f-d"):
+        start = start_of(machine, name)
+        prediction = predictions[name]
+        earliest, latest = (
+            datetime.datetime.fromisoformat(prediction["start_" + end]) for end in ("earliest", "latest")
+        )
+        assert earliest <= start <= latest + LATE, (name, prediction, start)
+        assert prediction["earliest"] == prediction["latest"] == "2026-06-02T02:15:00+00:00"
+    for name in ("builtin-f-b", "builtin-f-d"):
+        job = listed[name]
+        assert job["state"] == "launched", job
+        promised = datetime.datetime.fromisoformat(job["starts"])
+        assert promised - 2 * SECOND <= start_of(machine, name) <= promised + LATE, (job, start_of(machine, name))
+        assert job["last_run"] is None
+    assert listed["builtin-f-a"]["state"] != "launched"

@@ -89,19 +89,25 @@ def test_the_timeline_in_json(running, ctl):
     assert starts["pkg-f-hourly"] == [
         {
             "earliest": "2026-06-02T02:17:00+00:00",
+            "start_earliest": "2026-06-02T02:17:00+00:00",
             "latest": "2026-06-02T02:17:00+00:00",
+            "start_latest": "2026-06-02T02:17:59+00:00",
             "undrawn": [],
             "overdue": False,
         },
         {
             "earliest": "2026-06-02T03:01:00+00:00",
+            "start_earliest": "2026-06-02T03:01:00+00:00",
             "latest": "2026-06-02T04:00:00+00:00",
+            "start_latest": "2026-06-02T04:00:59+00:00",
             "undrawn": ["Minute"],
             "overdue": False,
         },
         {
             "earliest": "2026-06-02T04:01:00+00:00",
+            "start_earliest": "2026-06-02T04:01:00+00:00",
             "latest": "2026-06-02T05:00:00+00:00",
+            "start_latest": "2026-06-02T05:00:59+00:00",
             "undrawn": ["Minute"],
             "overdue": False,
         },

@@ -161,7 +161,7 @@ Json::Value ToJson(const Explanation &explanation) {
     for (const Json::Value &draw : explanation.draws) {
         Json::Value example;
         example["schedule"] = draw;
-        example["words"] = ScheduleInWords(draw);
+        example["words"] = ScheduleInWords(draw, explanation.job.cronFields());
         json["draws"].append(example);
     }
     json["next"] = Json::Value(Json::arrayValue);
@@ -184,7 +184,7 @@ void Write(const Explanation &explanation, const Context &context) {
     std::cout << (explanation.remarks.empty() ? "" : "\n")
               << (explanation.draws.size() > 1 ? "For example:\n" : "Schedule:\n");
     for (const Json::Value &draw : explanation.draws)
-        std::cout << "  " << ScheduleInWords(draw) << "\n";
+        std::cout << "  " << ScheduleInWords(draw, explanation.job.cronFields()) << "\n";
     std::cout << "\nNext starts"
               << (explanation.draws.size() > 1 ? " of the first example:\n" : ":\n");
     for (const ComingStart &start : explanation.starts)

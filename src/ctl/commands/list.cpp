@@ -25,7 +25,7 @@ int List(const Context &context, const ListOptions &options) {
     const Runtime &runtime = snapshot.runtime;
     const Daemon &daemon = snapshot.daemon;
     Json::Value json(Json::arrayValue);
-    Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 2});
+    Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 3, 2});
     const auto nexts = NextStarts(runtime.jobs, daemon, runtime.maxDelay, context.now);
     for (std::size_t i = 0; i < nexts.size(); ++i) {
         const LiveJob &job = runtime.jobs[i];
@@ -37,7 +37,8 @@ int List(const Context &context, const ListOptions &options) {
             continue;
         }
         const JobStatusText &state = InWords(JobStatusOf(job, daemon));
-        table.Add({job.name, job.account, ScheduleInWords(job.job.ScheduleDocument(), job.job.cronFields()),
+        table.Add({job.name, job.account,
+                   ScheduleInWords(job.job.ScheduleDocument(), job.job.cronFields()),
                    LastRunInShort(job, context.now),
                    next ? LaunchInShort(*next, context.now) : "never",
                    StatusInWords(job, daemon, context.now)},

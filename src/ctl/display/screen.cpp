@@ -96,6 +96,17 @@ std::string Fitted(const Screen &screen, const std::string &text, std::size_t wi
     return cut + ellipsis;
 }
 
+std::string FittedName(const Screen &screen, const std::string &name, std::size_t width) {
+    if (WidthOf(name) <= width || width < 4)
+        return Fitted(screen, name, width);
+    const std::size_t front = width / 3;
+    std::size_t cut = name.size(); // where the part that is kept begins
+    for (std::size_t kept = 0; kept < width - front;)
+        if (!IsContinuation(name[--cut]))
+            ++kept;
+    return Fitted(screen, name, front) + name.substr(cut);
+}
+
 std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent) {
     std::string wrapped;
     std::size_t column = indent;
@@ -122,7 +133,9 @@ std::string Padded(const std::string &text, std::size_t width) {
 }
 
 Table::Table(std::vector<std::string> header, std::vector<std::size_t> dispensable)
-    : dispensable_(std::move(dispensable)) {
+    : dispensable_(std::move(dispensable)),
+      names_(static_cast<std::size_t>(std::find(header.begin(), header.end(), "JOB") -
+                                      header.begin())) {
     Add(std::move(header), Colour::None);
 }
 
@@ -168,7 +181,8 @@ std::string Table::Show(const Screen &screen) const {
             if (widths[j] == 0)
                 continue;
             const bool last = j + 1 == widths.size();
-            const std::string cell = Fitted(screen, row.cells[j], widths[j]);
+            const std::string cell = j == names_ ? FittedName(screen, row.cells[j], widths[j])
+                                                 : Fitted(screen, row.cells[j], widths[j]);
             line += last ? Coloured(screen, row.colour, cell) : Padded(cell, widths[j] + kGap);
         }
         line.erase(line.find_last_not_of(' ') + 1);

@@ -30,6 +30,9 @@ std::size_t WidthOf(const std::string &text);
 // `text` cut to `width` columns, with an ellipsis if it was cut.
 std::string Fitted(const Screen &screen, const std::string &text, std::size_t width);
 
+// The same for the name of a job, which keeps its end: "pkg…-report".
+std::string FittedName(const Screen &screen, const std::string &name, std::size_t width);
+
 // `text` broken at blanks into lines that fit the screen. The first line starts at column `indent`,
 // and further lines are indented by it.
 std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent);
@@ -37,7 +40,8 @@ std::string Wrapped(const Screen &screen, const std::string &text, std::size_t i
 // `text` padded with blanks to `width` columns.
 std::string Padded(const std::string &text, std::size_t width);
 
-// A table. Control characters are shown as escape sequences.
+// A table. The names in a column "JOB" keep their ends when they are cut. Control characters are
+// shown as escape sequences.
 class Table {
 public:
     // If the table is too wide for the screen, the columns in `dispensable` are cut and then left
@@ -60,6 +64,7 @@ private:
 
     std::vector<Row> rows_; // the header first
     std::vector<std::size_t> dispensable_;
+    std::size_t names_; // the column "JOB"
 };
 
 } // namespace kest::ctl

@@ -28,15 +28,36 @@ bool IsScheduledAt(const LiveJob &job, std::time_t moment) {
     return true;
 }
 
-// Whether the cycle that launched its jobs at `launched` may have launched this one.
-bool MayBeLaunchedAt(const LiveJob &job, std::time_t launched, std::time_t saved) {
-    if (std::abs(job.job.LastRun() - launched) <= kTolerance)
-        return true;
-    if (launched <= saved) // the document would have the time
-        return false;
-    if (IsOverdue(job.job.assureExecute, job.job.LastRun(), launched))
-        return true;
-    return IsScheduledAt(job, launched);
+bool IsLaunchedAt(const LiveJob &job, std::time_t launched) {
+    return std::abs(job.job.LastRun() - launched) <= kTolerance;
+}
+
+bool IsDueAt(const LiveJob &job, std::time_t moment) {
+    return IsScheduledAt(job, moment) ||
+           IsOverdue(job.job.assureExecute, job.job.LastRun(), moment);
+}
+
+// The jobs that the cycle launched, as far as they can be named, in the order of their names. The
+// document has the times of all its launches or, if it was written before, of none.
+std::vector<LiveJob *> JobsOf(const LaunchCycle &cycle, Runtime &runtime, const Daemon &daemon) {
+    std::set<std::string> started;
+    for (const auto &[rank, name] : cycle.ranks)
+        started.insert(name);
+    const auto hasStarted = [&](const LiveJob &job) {
+        return started.count(Printable(job.name)) != 0;
+    };
+    const bool hasTimes =
+        std::any_of(runtime.jobs.begin(), runtime.jobs.end(), [&](const LiveJob &job) {
+            return !hasStarted(job) && IsLaunchedAt(job, cycle.launched);
+        });
+    std::vector<LiveJob *> launched;
+    for (LiveJob &job : runtime.jobs) {
+        const bool runs = !daemon.passive || job.job.runOnPassive;
+        if (hasStarted(job) ||
+            (runs && (hasTimes ? IsLaunchedAt(job, cycle.launched) : IsDueAt(job, cycle.launched))))
+            launched.push_back(&job);
+    }
+    return launched;
 }
 
 struct Delayed {
@@ -48,16 +69,7 @@ struct Delayed {
 // Adds the jobs of the cycle that have not started; none if they cannot be named.
 void AddDelayedOf(const LaunchCycle &cycle, Runtime &runtime, const Daemon &daemon, std::time_t now,
                   std::vector<Delayed> &delayed) {
-    std::set<std::string> started;
-    for (const auto &[rank, name] : cycle.ranks)
-        started.insert(name);
-    std::vector<LiveJob *> launched;
-    for (LiveJob &job : runtime.jobs) {
-        const bool runs = !daemon.passive || job.job.runOnPassive;
-        if (started.count(Printable(job.name)) != 0 ||
-            (runs && MayBeLaunchedAt(job, cycle.launched, runtime.saved)))
-            launched.push_back(&job);
-    }
+    const std::vector<LiveJob *> launched = JobsOf(cycle, runtime, daemon);
     if (launched.size() != cycle.launches)
         return;
     const std::time_t spacing = LaunchSpacing(runtime.maxDelay, cycle.launches);

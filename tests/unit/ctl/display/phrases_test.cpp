@@ -2,6 +2,7 @@
 
 #include "job/cron_field.h"
 #include "tests/unit/support/clock.h"
+#include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
 #include <array>
@@ -64,6 +65,28 @@ TEST(ScheduleInWords, DescribesSchedules) {
     };
     for (const auto &row : rows)
         EXPECT_EQ(ScheduleInWords(Schedule(row.schedule)), row.words) << row.schedule;
+}
+
+TEST(ScheduleInWords, MarksDrawnValues) {
+    struct {
+        const char *crontab;
+        const char *schedule;
+        const char *words;
+    } const rows[] = {
+        {"17 3 * * *", "17 3 -1 -1 -1", "daily at 03:17"},
+        {"~ 3 * * *", "17 3 -1 -1 -1", "daily at 03:~17"},
+        {"~ ~ * * ~", "14 4 -1 -1 5", "on ~Fridays at ~04:~14"},
+        {"5,~ * * * *", "5,17 -1 -1 -1 -1", "hourly at minutes 5 and ~17"},
+        {"5,~ * * * *", "5,5 -1 -1 -1 -1", "hourly at minute 5"},
+        {"0 1,2,~,4 * * *", "0 1,2,3,4 -1 -1 -1", "daily at 01:00, 02:00, ~03:00 and 04:00"},
+        {"0 8,9,10,11,~ * * *", "0 8,9,10,11,12 -1 -1 -1",
+         "daily at minute 0 of hours 8 to 11 and ~12"},
+        {"0 0 ~ 3 *", "0 0 9 3 -1", "yearly on the ~9th of March at 00:00"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(ScheduleInWords(Schedule(row.schedule), JobOf(row.crontab).cronFields()),
+                  row.words)
+            << row.crontab;
 }
 
 TEST(ScheduleInWords, IsNeverForInvalidSchedules) {

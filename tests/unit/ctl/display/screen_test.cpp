@@ -57,7 +57,7 @@ TEST(Table, CutsAndOmitsColumns) {
                                                   "builtin-core-backup  waiting\n"
                                                   "x                    overdue\n");
     EXPECT_EQ(SomeJobs().Show({20, false, true}), "JOB          STATE\n"
-                                                  "builtin-co…  waiting\n"
+                                                  "bu…e-backup  waiting\n"
                                                   "x            overdue\n");
     // A wide column is cut before it is omitted.
     Table table({"JOB", "SCHEDULE"}, {1});

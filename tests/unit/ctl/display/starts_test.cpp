@@ -1,5 +1,6 @@
 #include "ctl/display/starts.h"
 
+#include "base/json_text.h"
 #include "ctl/display/coming_starts.h"
 #include "tests/unit/support/clock.h"
 #include "tests/unit/support/jobs.h"
@@ -158,8 +159,8 @@ TEST_F(StartsTest, OfSeveralJobsAreSorted) {
 }
 
 TEST_F(StartsTest, AreWrittenAsJson) {
-    EXPECT_EQ(StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}, 1, 3}, true),
-              FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
+    const Json::Value json = StartToJson({kMinuteOfNow, kMinuteOfNow + 60, {"hour"}, 1, 3}, true);
+    EXPECT_EQ(FromText(JsonToString(json)), FromText(R"({"earliest": "2026-06-02T02:10:00+00:00",
                            "latest": "2026-06-02T02:11:00+00:00",
                            "undrawn": ["hour"], "at_most": 3, "overdue": true})"));
 }

@@ -67,7 +67,6 @@ TEST_F(CompleteStateTest, LeavesOutWhatItCannotName) {
 TEST_F(CompleteStateTest, UsesTheTimesOfLaunchesInANewerDocument) {
     // The minutes were redrawn, so the schedules no longer admit 03:15.
     Runtime runtime = RuntimeAfterLaunch("20 * * * *");
-    runtime.saved = Utc(2026, 6, 2, 4, 0, 30);
     for (const std::size_t job : {0U, 1U, 3U})
         runtime.jobs[job].job.NoteLaunch(kLaunched);
     runtime.maxDelay = 3600; // 1,800 seconds between two of three jobs
