@@ -4,6 +4,7 @@ import json
 import os
 import re
 import signal
+import time
 from pathlib import Path
 
 import pytest
@@ -547,8 +548,64 @@ def test_forged_arguments_do_not_count_as_running(machine, ctl):
     state = lambda: {job["name"]: job["state"] for job in json.loads(ctl("list", "--json").stdout)}
     wait_for(lambda: state()["builtin-f-deep"] == "running")
     assert state()["builtin-f-victim"] == "waiting"
+    deep = [job for job in json.loads(ctl("list", "--json").stdout) if job["name"] == "builtin-f-deep"][0]
+    assert [process["pid"] for process in deep["processes"]] == [deep["pid"]]
     pretender.kill()
     pretender.wait()
+
+
+def test_all_processes_of_a_job(machine, ctl):
+    machine.write("/usr/local/bin/long", "#!/bin/sh\n(sleep 1000)\nsleep 1000\n", 0o755)
+    machine.jobs("builtin", "f", [every_minute("long", cmd="/usr/local/bin/long")])
+    machine.start_and_wait()
+    job = lambda: json.loads(ctl("list", "--json").stdout)[0]
+    wait_for(lambda: len(job()["processes"]) >= 3, what="three runs")
+    assert {process["uid"] for process in job()["processes"]} == {0}
+    count = len(job()["processes"])
+    assert count <= len(machine.log_lines()), "a forked process is counted"
+    assert re.search(r"running now, \d+ processes", ctl("list").stdout)
+    shown = ctl("show", "long").stdout
+    assert len(re.findall(r"^ +process \d+ of root for \d+ \w+$", shown, re.M)) >= count
+
+
+def is_due_after_a_reload(machine, job):
+    time.sleep(2)  # two minutes of this clock: a reload takes the place of a cycle
+    machine.reload()
+    return machine.entries()[job].get("expireTime", 0) != 0
+
+
+@pytest.mark.parametrize("options, state", [((), "held"), (("--passive-mode",), "passive")])
+def test_runs_that_are_kept(machine, ctl, options, state):
+    """A run that became due is kept until the machine is released, or active, and shown as such."""
+    if state == "held":
+        machine.write("/run/kestvorld.status", "2")
+    machine.jobs("builtin", "f", [every_minute("due", crontab="12 2 * * *"), never("other")])
+    machine.start_and_wait(*options)
+    # The clock of files is the real one.
+    os.utime(machine.path("/run/kestcrond.config"), (1780366000, 1780366000))
+    later = {"FAKETIME": "2026-06-02 02:20:00"}
+    listed = {job["name"]: job for job in json.loads(ctl("list", "--json", env=later).stdout)}
+    assert listed["builtin-f-due"]["state"] == "kept"
+    assert listed["builtin-f-other"]["state"] == state
+    assert (listed["builtin-f-due"]["next"]["earliest"], listed["builtin-f-due"]["next"]["waits"]) == (None, True)
+    answer = ctl("next", env=later).stdout
+    awaited = "the release of the machine" if state == "held" else "kestcrond without --passive-mode"
+    assert re.search(rf"^as soon as it may +builtin-f-due +waits for {awaited}$", answer, re.M), answer
+    assert 'kestcron_job_pending{job="builtin-f-due",user="root"} 1' in ctl("metrics", env=later).stdout
+    # Before it is due.
+    earlier = {"FAKETIME": "2026-06-02 02:11:00"}
+    listed = {job["name"]: job for job in json.loads(ctl("list", "--json", env=earlier).stdout)}
+    assert listed["builtin-f-due"]["state"] == state
+    assert listed["builtin-f-due"]["next"] is None or listed["builtin-f-due"]["next"]["waits"]
+    # The daemon keeps it, and launches it as soon as it may.
+    wait_for(lambda: is_due_after_a_reload(machine, "builtin-f-due"), what="the minute 02:12")
+    assert not machine.runs("builtin-f-due")
+    if state == "held":
+        machine.path("/run/kestvorld.status").unlink()
+    else:
+        machine.stop()
+        machine.start_and_wait()
+    wait_for(lambda: machine.runs("builtin-f-due"), what="the kept run")
 
 
 # --- With the daemon ----------------------------------------------------------------------------

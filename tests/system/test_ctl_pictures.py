@@ -93,7 +93,9 @@ def test_the_timeline_in_json(running, ctl):
             "latest": "2026-06-02T02:17:00+00:00",
             "start_latest": "2026-06-02T02:17:59+00:00",
             "undrawn": [],
+            "at_most": 1,
             "overdue": False,
+            "waits": False,
         },
         {
             "earliest": "2026-06-02T03:01:00+00:00",
@@ -101,7 +103,9 @@ def test_the_timeline_in_json(running, ctl):
             "latest": "2026-06-02T04:00:00+00:00",
             "start_latest": "2026-06-02T04:00:59+00:00",
             "undrawn": ["Minute"],
+            "at_most": 1,
             "overdue": False,
+            "waits": False,
         },
         {
             "earliest": "2026-06-02T04:01:00+00:00",
@@ -109,7 +113,9 @@ def test_the_timeline_in_json(running, ctl):
             "latest": "2026-06-02T05:00:00+00:00",
             "start_latest": "2026-06-02T05:00:59+00:00",
             "undrawn": ["Minute"],
+            "at_most": 1,
             "overdue": False,
+            "waits": False,
         },
     ]
     assert len(starts["pkg-f-minutely"]) == 119  # all but the one that has started

@@ -67,8 +67,9 @@ void WarnOfWaitingStarts(const Daemon &daemon) {
                "\"assure_execute_action\" \"run\" start\n";
     if (daemon.delayed != 0)
         std::cerr << "kestcronctl: " << daemon.delayed
-                  << (daemon.delayed == 1 ? " job is" : " jobs are")
-                  << " launched and waiting out their delay; the log does not show them yet\n";
+                  << (daemon.delayed == 1 ? " job is launched and waits out its delay"
+                                          : " jobs are launched and wait out their delays")
+                  << "; the log does not show it yet\n";
 }
 
 void WriteJson(const Json::Value &document) {

@@ -35,6 +35,7 @@ int Check(const Context &context, const CheckOptions &options);
 struct ListOptions {
     std::string pattern;
 };
+// Returns 1 if no job matches the pattern.
 int List(const Context &context, const ListOptions &options);
 
 struct NextOptions {

@@ -5,6 +5,7 @@
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
+#include "ctl/display/utf8.h"
 
 #include <iostream>
 
@@ -24,6 +25,8 @@ int List(const Context &context, const ListOptions &options) {
     const Snapshot snapshot = TakeSnapshot(context);
     const Runtime &runtime = snapshot.runtime;
     const Daemon &daemon = snapshot.daemon;
+    constexpr int noMatch = 1;
+    std::size_t listed = 0;
     Json::Value json(Json::arrayValue);
     Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 3, 2});
     const auto nexts = NextStarts(runtime.jobs, daemon, runtime.maxDelay, context.now);
@@ -32,6 +35,7 @@ int List(const Context &context, const ListOptions &options) {
         const std::optional<JobStart> &next = nexts[i];
         if (!MatchesPattern(options.pattern, job.name))
             continue;
+        ++listed;
         if (context.json) {
             json.append(JobToJson(job, daemon, next));
             continue;
@@ -46,9 +50,12 @@ int List(const Context &context, const ListOptions &options) {
     }
     if (context.json)
         WriteJson(json);
-    else
+    else if (listed != 0 || options.pattern.empty())
         std::cout << table.Show(context.screen);
-    return 0;
+    if (listed != 0 || options.pattern.empty())
+        return 0;
+    std::cerr << "kestcronctl: no job matches \"" << Shown(options.pattern) << "\"\n";
+    return noMatch;
 }
 
 } // namespace kest::ctl

@@ -4,6 +4,7 @@
 #include "ctl/commands/commands.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
+#include "ctl/system/live_state.h"
 
 #include <iostream>
 #include <unistd.h>
@@ -21,6 +22,7 @@ bool HasDocument(const Appliance &appliance) {
 Runtime JobsOrNone(const Context &context, const Daemon &daemon) {
     try {
         Runtime runtime = LoadRuntime(context.appliance);
+        CompleteState(runtime, daemon, context.now);
         WarnOfStaleData(runtime, daemon, context);
         return runtime;
     } catch (const Failure &failure) {

@@ -3,6 +3,7 @@
 #include "ctl/display/phrases.h"
 #include "ctl/display/starts.h"
 #include "ctl/display/times.h"
+#include "ctl/system/failure.h"
 
 #include <algorithm>
 #include <iostream>
@@ -36,7 +37,10 @@ void WriteAsJson(const std::vector<JobStart> &starts) {
 } // namespace
 
 int Next(const Context &context, const NextOptions &options) {
-    const std::time_t from = std::max(context.now, TimeArgument(context, options.at));
+    const std::time_t from = TimeArgument(context, options.at);
+    if (from < context.now)
+        throw Failure("\"" + options.at +
+                      "\" is in the past; expected: a time to come, such as +2h");
     const Snapshot snapshot = TakeSnapshot(context);
     const Runtime &runtime = snapshot.runtime;
     const Daemon &daemon = snapshot.daemon;

@@ -147,9 +147,12 @@ void Write(const JobDetails &details, const Context &context) {
     const LiveJob &job = details.job;
     const Json::Value document = job.job.Document();
     std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
-    Line(screen, "state",
-         StatusInWords(job, details.daemon, context.now) +
-             (job.process != 0 ? ", process " + std::to_string(job.process) : std::string()));
+    Line(screen, "state", StatusInWords(job, details.daemon, context.now));
+    for (const Candidate &process : job.processes)
+        Line(screen, "",
+             "process " + std::to_string(process.pid) + " of " +
+                 context.appliance.AccountName(process.uid).value_or(std::to_string(process.uid)) +
+                 " for " + SpanInWords(process.age));
     Line(screen, "account", job.account);
     Line(screen, "command", TextMember(document, "cmd_str"));
     Line(screen, "program", job.staged);

@@ -27,7 +27,7 @@ constexpr std::array<JobStatusText, 10> kWords{{
 } // namespace
 
 JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
-    if (job.process != 0)
+    if (!job.processes.empty())
         return JobStatus::Running;
     if (job.launched != 0)
         return JobStatus::Launched;
@@ -60,6 +60,8 @@ std::string StatusInWords(const LiveJob &job, const Daemon &daemon, std::time_t 
     std::string text = InWords(status).text;
     if (status == JobStatus::Launched)
         text += ", starts in " + SpanInWords(std::max(std::time_t{0}, job.starts - now));
+    if (job.processes.size() > 1)
+        text += ", " + std::to_string(job.processes.size()) + " processes";
     return text;
 }
 
@@ -73,10 +75,18 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
     json["state"] = InWords(JobStatusOf(job, daemon)).json;
     json["last_run"] = TimeToJson(job.lastRun);
     json["last_run_is_launch"] = job.lastRun != 0 && !job.isLogged;
-    json["starts"] = TimeToJson(job.starts);
+    json["delayed_start"] = TimeToJson(job.starts);
     json["failure"] = job.failed != 0 ? Json::Value(job.failure) : Json::Value();
     json["next"] = next ? StartToJson(*next) : Json::Value();
-    json["pid"] = job.process != 0 ? Json::Value(job.process) : Json::Value();
+    json["pid"] = job.processes.empty() ? Json::Value() : Json::Value(job.processes.front().pid);
+    json["processes"] = Json::Value(Json::arrayValue);
+    for (const Candidate &process : job.processes) {
+        Json::Value entry;
+        entry["pid"] = process.pid;
+        entry["uid"] = process.uid;
+        entry["seconds"] = Json::Int64{process.age};
+        json["processes"].append(std::move(entry));
+    }
     return json;
 }
 

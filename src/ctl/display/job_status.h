@@ -45,7 +45,8 @@ std::string StatusInWords(const LiveJob &job, const Daemon &daemon, std::time_t 
 // "passive"), "last_run" (null if unknown), "last_run_is_launch" (whether it is the time of a
 // launch, because the execution log does not have the start), "starts" (when a launched job will
 // start; otherwise null), "failure" (why its program could not be run; otherwise null), "next" (as
-// StartToJson; null for never) and "pid" (null unless it runs).
+// StartToJson; null for never) "pid" (null unless it runs)
+// and "processes", all that run it, each with "pid", "uid" and "seconds", its age.
 Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
                       const std::optional<JobStart> &next);
 

@@ -95,7 +95,7 @@ JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon,
     }
     figures.overdue = input.overdue && !heldBack;
     figures.pending = input.expireTime != 0 || job.kept;
-    figures.running = job.process != 0;
+    figures.running = !job.processes.empty();
     return figures;
 }
 

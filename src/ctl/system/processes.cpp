@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,15 +67,30 @@ std::vector<std::string> StatOf(pid_t pid) {
     return fields;
 }
 
+constexpr std::size_t kParentField = 1;
+constexpr std::size_t kSessionField = 3;
+constexpr std::size_t kStartField = 19;
+
+// One of these fields; 0 if there is none.
+std::int64_t NumberIn(const std::vector<std::string> &fields, std::size_t index) {
+    return index < fields.size() ? std::strtoll(fields[index].c_str(), nullptr, 10) : 0;
+}
+
+std::time_t StartAfterBoot(const std::vector<std::string> &fields) {
+    return NumberIn(fields, kStartField) / sysconf(_SC_CLK_TCK);
+}
+
+std::time_t SecondsSinceBoot() {
+    return std::strtoll(ReadFile("/proc/uptime").c_str(), nullptr, 10);
+}
+
 std::time_t StartOf(pid_t pid) {
-    constexpr std::size_t startField = 19;
     const std::vector<std::string> fields = StatOf(pid);
     const std::string boot = ReadFile("/proc/stat");
     const auto found = boot.find("\nbtime ");
-    if (fields.size() <= startField || found == std::string::npos)
+    if (fields.empty() || found == std::string::npos)
         return 0;
-    const std::int64_t ticks = std::strtoll(fields[startField].c_str(), nullptr, 10);
-    return std::strtoll(boot.c_str() + found + 7, nullptr, 10) + ticks / sysconf(_SC_CLK_TCK);
+    return std::strtoll(boot.c_str() + found + 7, nullptr, 10) + StartAfterBoot(fields);
 }
 
 bool IsNamed(pid_t pid, const char *name) {
@@ -101,14 +117,12 @@ bool IsTheDaemon(pid_t pid) {
 // Launched jobs that wait out their delay are processes of root in sessions of their own that still
 // have the daemon's name. They outlive the daemon that launched them.
 unsigned CountDelayed(pid_t daemon) {
-    constexpr std::size_t sessionField = 3;
     unsigned delayed = 0;
     for (const pid_t pid : AllProcesses()) {
         if (pid == daemon || !IsNamed(pid, kDaemonName) || !IsProcessOfRoot(pid))
             continue;
         const std::vector<std::string> fields = StatOf(pid);
-        if (fields.size() > sessionField && fields[0] != "Z" &&
-            fields[sessionField] == std::to_string(pid))
+        if (!fields.empty() && fields[0] != "Z" && NumberIn(fields, kSessionField) == pid)
             ++delayed;
     }
     return delayed;
@@ -161,29 +175,41 @@ std::vector<Candidate> Candidates(const Appliance &appliance) {
         struct stat status {};
         if (stat(ProcessFile(pid, "").c_str(), &status) == -1)
             continue;
-        Candidate found{pid, status.st_uid, ReadLink(ProcessFile(pid, "exe")), ArgumentsOf(pid)};
-        if (isStaged(found.program) ||
-            std::any_of(found.arguments.begin(), found.arguments.end(), isStaged))
-            candidates.push_back(std::move(found));
+        Candidate found{
+            pid, 0, status.st_uid, 0, ReadLink(ProcessFile(pid, "exe")), ArgumentsOf(pid)};
+        if (!isStaged(found.program) &&
+            std::none_of(found.arguments.begin(), found.arguments.end(), isStaged))
+            continue;
+        const std::vector<std::string> fields = StatOf(pid);
+        found.parent = static_cast<pid_t>(NumberIn(fields, kParentField));
+        found.age = std::max(std::time_t{0}, SecondsSinceBoot() - StartAfterBoot(fields));
+        candidates.push_back(std::move(found));
     }
     return candidates;
 }
 
-pid_t ProcessOf(const std::string &staged, const std::string &account,
-                const std::vector<Candidate> &candidates) {
+std::vector<Candidate> ProcessesOf(const std::string &staged, const std::string &account,
+                                   const std::vector<Candidate> &candidates) {
     uid_t uid = 0;
     gid_t gid = 0;
     const bool known = KESTUserGetUGID(account.c_str(), &uid, &gid) == 0;
+    std::vector<Candidate> running;
     for (const Candidate &candidate : candidates) {
-        if (candidate.program == staged)
-            return candidate.pid;
         const auto &arguments = candidate.arguments;
         const auto found = std::find(arguments.begin(), arguments.end(), staged);
-        if (known && candidate.uid == uid && found != arguments.end() &&
-            static_cast<std::size_t>(found - arguments.begin()) <= MostBeforeScript(staged))
-            return candidate.pid;
+        if (candidate.program == staged ||
+            (known && candidate.uid == uid && found != arguments.end() &&
+             static_cast<std::size_t>(found - arguments.begin()) <= MostBeforeScript(staged)))
+            running.push_back(candidate);
     }
-    return 0;
+    std::set<pid_t> pids;
+    for (const Candidate &process : running)
+        pids.insert(process.pid);
+    running.erase(
+        std::remove_if(running.begin(), running.end(),
+                       [&](const Candidate &process) { return pids.count(process.parent) != 0; }),
+        running.end());
+    return running;
 }
 
 } // namespace kest::ctl

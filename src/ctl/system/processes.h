@@ -28,7 +28,9 @@ Daemon FindDaemon(const Appliance &appliance);
 // A process that may run a staged program.
 struct Candidate {
     pid_t pid;
+    pid_t parent;
     uid_t uid;
+    std::time_t age;     // seconds since it was created
     std::string program; // its executable; empty if only root can see it
     std::vector<std::string> arguments;
 };
@@ -37,10 +39,10 @@ struct Candidate {
 // another appliance.
 std::vector<Candidate> Candidates(const Appliance &appliance);
 
-// The process that runs the staged program as the account; 0 for none. Arguments can be forged, so
-// they count only in processes of the account.
-pid_t ProcessOf(const std::string &staged, const std::string &account,
-                const std::vector<Candidate> &candidates);
+// The processes that run the staged program as the account, without those that these have forked.
+// Arguments can be forged, so they count only in processes of the account.
+std::vector<Candidate> ProcessesOf(const std::string &staged, const std::string &account,
+                                   const std::vector<Candidate> &candidates);
 
 } // namespace kest::ctl
 

@@ -112,7 +112,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
         LiveJob live = MakeLiveJob(std::move(parsed), lastRun);
         if (const auto found = recent.jobs.find(Printable(live.name)); found != recent.jobs.end())
             ApplyLastStarts(live, found->second);
-        live.process = ProcessOf(live.staged, live.account, candidates);
+        live.processes = ProcessesOf(live.staged, live.account, candidates);
         runtime.jobs.push_back(std::move(live));
     }
     std::sort(runtime.jobs.begin(), runtime.jobs.end(),

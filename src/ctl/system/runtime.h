@@ -5,6 +5,7 @@
 
 #include "ctl/system/appliance.h"
 #include "ctl/system/last_starts.h"
+#include "ctl/system/processes.h"
 #include "job/cronjob.h"
 
 #include <cstddef>
@@ -32,7 +33,7 @@ struct LiveJob {
     std::time_t starts = 0;   // and when its process will start
     bool kept = false;        // due, but not launched while the machine is held or passive
     std::string staged;       // path of its staged program
-    pid_t process = 0;        // that runs it now; 0 for none
+    std::vector<Candidate> processes; // that run it now
 };
 
 // The jobs and the document that they come from.

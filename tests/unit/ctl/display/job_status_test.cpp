@@ -50,7 +50,8 @@ TEST(JobStatus, FollowsTheJobState) {
         LiveJob job = AssuredJob(row.hours, now);
         job.job = With(job.job, "expireTime", row.due ? 1 : 0);
         job.job.assureRun = row.run ? 1 : 0;
-        job.process = row.process;
+        if (row.process != 0)
+            job.processes.push_back({row.process, 1, 0, 0, "", {}});
         Daemon daemon;
         daemon.passive = row.passive;
         daemon.held = row.held;

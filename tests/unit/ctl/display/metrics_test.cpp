@@ -114,7 +114,8 @@ TEST(Metrics, OfAJob) {
     for (const Row &row : rows) {
         LiveJob job = AssuredJob("a", row.crontab, row.document);
         job.lastRun = row.lastRun;
-        job.process = row.process;
+        if (row.process != 0)
+            job.processes.push_back({row.process, 1, 0, 0, "", {}});
         Daemon daemon;
         daemon.pid = 7;
         daemon.passive = row.passive;
