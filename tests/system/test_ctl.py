@@ -608,6 +608,36 @@ def test_runs_that_are_kept(machine, ctl, options, state):
     wait_for(lambda: machine.runs("builtin-f-due"), what="the kept run")
 
 
+def test_a_pattern_that_matches_no_job(known, ctl):
+    result = ctl("list", "nowhere*")
+    assert (result.returncode, result.stdout) == (1, "")
+    assert 'no job matches "nowhere*"' in result.stderr
+    assert ctl("list", "backup").returncode == 0
+
+
+def test_a_time_in_the_past(known, ctl):
+    result = ctl("next", "--at", "2h")
+    assert result.returncode == 2
+    assert '"2h" is in the past' in result.stderr
+    assert ctl("next", "--at", "+2h").returncode == 0
+
+
+def test_the_log_of_one_job(known, ctl):
+    line = LOG.splitlines()[1]
+    longer = line.replace("builtin-core-backup", "builtin-core-backup-more")
+    assert longer != line
+    known.write(known.LOG_FILE, f"{line}\n{longer}\n", mode=0o600)
+    assert len(ctl("log", "--job", "builtin-core-backup").stdout.splitlines()) == 1
+    assert len(ctl("log", "--job", "backup").stdout.splitlines()) == 1
+    assert len(ctl("log", "--job", "*backup*").stdout.splitlines()) == 2
+    assert ctl("log", "--job", "back").stdout == ""
+
+
+def test_users_learn_that_they_cannot_read_the_log(known, ctl):
+    assert "not readable" not in ctl("list").stderr
+    assert "kestcrond-execute.log is not readable for you, so runs since " in ctl("list", user=65534).stderr
+
+
 # --- With the daemon ----------------------------------------------------------------------------
 
 

@@ -1,14 +1,17 @@
 #include "ctl/commands/commands.h"
 
 #include "base/json_text.h"
+#include "base/paths.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/live_state.h"
 
+#include <cerrno>
 #include <fnmatch.h>
 #include <iostream>
 #include <json/writer.h>
+#include <unistd.h>
 
 namespace kest::ctl {
 
@@ -18,11 +21,30 @@ bool MatchesPattern(const std::string &pattern, const std::string &name) {
     return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
 }
 
+bool MatchesJob(const std::string &pattern, const std::string &name) {
+    if (pattern.find_first_of("*?[") != std::string::npos)
+        return MatchesPattern(pattern, name);
+    return name == pattern || EndsWithName(name, pattern);
+}
+
+namespace {
+
+// Without the log, what happened since the document was written is unknown.
+void WarnOfUnreadableLog(const Runtime &runtime, const Context &context) {
+    const std::string log = context.appliance.Locate(kExecutionLogFile);
+    if (access(log.c_str(), R_OK) == -1 && errno == EACCES)
+        std::cerr << "kestcronctl: " << log << " is not readable for you, so runs since "
+                  << WhenInWords(runtime.saved, context.now) << " are not shown\n";
+}
+
+} // namespace
+
 Snapshot TakeSnapshot(const Context &context) {
     Snapshot snapshot{LoadRuntime(context.appliance), FindDaemon(context.appliance)};
     CompleteState(snapshot.runtime, snapshot.daemon, context.now);
     WarnOfStaleData(snapshot.runtime, snapshot.daemon, context);
     WarnOfWaitingStarts(snapshot.daemon);
+    WarnOfUnreadableLog(snapshot.runtime, context);
     return snapshot;
 }
 

@@ -99,6 +99,10 @@ Snapshot TakeSnapshot(const Context &context);
 // substring. An empty pattern matches all names.
 bool MatchesPattern(const std::string &pattern, const std::string &name);
 
+// The same for a job of the log: without one of these characters, `pattern` is the full name or its
+// end after a "-".
+bool MatchesJob(const std::string &pattern, const std::string &name);
+
 // FindJob for a name from the command line. If there is no such job, prints what the job files
 // contain about it to standard error first.
 const LiveJob &JobArgument(const Context &context, const Runtime &runtime, const std::string &name);

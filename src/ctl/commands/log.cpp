@@ -29,7 +29,7 @@ struct Filter {
 
     bool Admits(const LogLine &line) const {
         return line.time >= since && (!failed || line.failed) &&
-               (job.empty() || (!line.job.empty() && MatchesPattern(job, line.job)));
+               (job.empty() || (!line.job.empty() && MatchesJob(job, line.job)));
     }
 };
 

@@ -380,7 +380,7 @@ private:
         };
         return Rectangle("mark", {start, middle - kMarkHeight / 2, 3, kMarkHeight, 1.5}) +
                label(start + 12, "start") + Rectangle("band", {band, middle - 6, 34, 12, 3}) +
-               label(band + 42, "one start within this span") +
+               label(band + 42, "possible starts") +
                Diamond("overdue", overdue + 6, middle, 6, "") +
                label(overdue + 20, "overdue start") + Rectangle("bar", {load, middle - 2, 8, 8}) +
                Rectangle("may", {load, middle - 8, 8, 6}) +

@@ -166,15 +166,19 @@ std::vector<std::string> NearestJobs(const std::string &name,
 
 } // namespace
 
+bool EndsWithName(const std::string &name, const std::string &end) {
+    const std::string ending = "-" + end;
+    return name.size() > ending.size() &&
+           name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+}
+
 const LiveJob &FindJob(const Runtime &runtime, const std::string &name) {
     std::vector<const LiveJob *> matches;
     std::vector<std::string> names;
-    const std::string ending = "-" + name;
     for (const LiveJob &live : runtime.jobs) {
         if (live.name == name)
             return live;
-        if (live.name.size() > ending.size() &&
-            live.name.compare(live.name.size() - ending.size(), ending.size(), ending) == 0)
+        if (EndsWithName(live.name, name))
             matches.push_back(&live);
         names.push_back(live.name);
     }

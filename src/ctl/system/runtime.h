@@ -56,6 +56,9 @@ std::size_t LargestDocument(const Appliance &appliance);
 // The schedule template; nothing if there is no valid one.
 std::optional<ScheduleTemplate> FindTemplate(const Appliance &appliance);
 
+// Whether `name` ends with "-" and `end`, and has something before.
+bool EndsWithName(const std::string &name, const std::string &end);
+
 // The job with the name, or the only job whose name ends with "-" and `name`. Throws Failure, with
 // similar names, if there is no such job or more than one.
 const LiveJob &FindJob(const Runtime &runtime, const std::string &name);
