@@ -72,8 +72,7 @@ std::string List(const Values &field, InWords inWords) {
             ++last;
         if (last == first + 1)
             last = first;
-        const std::string text =
-            field.Mark(values[first]) + inWords(field.key, values[first]);
+        const std::string text = field.Mark(values[first]) + inWords(field.key, values[first]);
         texts.push_back(last == first ? text : text + " to " + inWords(field.key, values[last]));
     }
     return Enumerated(texts);

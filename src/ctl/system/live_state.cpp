@@ -101,7 +101,7 @@ void MarkDelayed(Runtime &runtime, const Daemon &daemon, std::time_t now) {
 
 // Whether a minute since the document was written made the job due.
 bool BecameDue(const LiveJob &job, std::time_t saved, std::time_t now) {
-    constexpr std::time_t longest = 24 * 3600; // the document is written each hour
+    constexpr std::time_t longest = std::time_t{24} * 3600; // the document is written each hour
     constexpr std::time_t minute = 60;
     const std::time_t known = std::max(saved, static_cast<std::time_t>(job.job.LastRun()));
     for (std::time_t moment = std::max(known / minute * minute + minute, now - longest);

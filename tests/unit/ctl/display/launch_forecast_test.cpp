@@ -85,10 +85,10 @@ TEST_F(LaunchForecastTest, LeavesOutJobsThatAreNotLaunched) {
 
 // The delays of the daemon: by rank among all jobs of the minute, whatever the others have drawn.
 TEST_F(LaunchForecastTest, MatchesASimulation) {
-    std::mt19937 bits(7);
     const char *const crontabs[] = {"0 * * * *", "~ * * * *", "0 ~ * * *", "0 5,7 * * *",
                                     "0,~ 4~6 * * *"};
-    for (int round = 0; round < 200; ++round) {
+    for (unsigned round = 0; round < 200; ++round) {
+        std::mt19937 bits(round);
         std::vector<std::string> chosen;
         for (std::size_t i = 0; i < 12; ++i)
             chosen.emplace_back(crontabs[bits() % std::size(crontabs)]);
