@@ -1,6 +1,7 @@
 #include "ctl/display/coming_starts.h"
 
 #include "base/json_members.h"
+#include "ctl/display/times.h"
 #include "job/schedule.h"
 
 #include <algorithm>
@@ -27,13 +28,6 @@ enum FieldIndex : std::size_t {
 
 // Fields whose value comes from a future draw.
 using FieldSet = std::bitset<kFields>;
-
-std::optional<std::tm> LocalTime(std::time_t moment) {
-    std::tm local{};
-    if (localtime_r(&moment, &local) == nullptr)
-        return std::nullopt;
-    return local;
-}
 
 // Midnight of the first of the month `months` later, or if that is 0, of the day `days` later. If
 // the clock is set forward over midnight, the first time after it.

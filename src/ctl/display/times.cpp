@@ -6,13 +6,63 @@
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <cstdlib>
 
 namespace kest::ctl {
 
-std::tm Local(std::time_t time) {
+namespace {
+
+constexpr std::time_t kQuarter = 900; // seconds
+
+// The local time at the beginning of a quarter of an hour.
+struct QuarterTime {
+    std::time_t begin = -1;
     std::tm local{};
-    localtime_r(&time, &local);
+    bool isPlain = false; // the quarter lies in one hour of one offset from UTC
+};
+
+QuarterTime QuarterTimeOf(std::time_t begin) {
+    QuarterTime quarter;
+    std::tm last{};
+    const std::time_t end = begin + kQuarter - 1;
+    if (localtime_r(&begin, &quarter.local) == nullptr || localtime_r(&end, &last) == nullptr)
+        return quarter;
+    quarter.begin = begin;
+    quarter.isPlain = quarter.local.tm_gmtoff == last.tm_gmtoff &&
+                      quarter.local.tm_isdst == last.tm_isdst &&
+                      quarter.local.tm_hour == last.tm_hour;
+    return quarter;
+}
+
+} // namespace
+
+std::optional<std::tm> LocalTime(std::time_t time) {
+    static std::array<QuarterTime, 4096> known; // more than a month has
+    static std::string zone;                    // that they are of
+    const char *const presentZone = std::getenv("TZ");
+    if (zone != (presentZone == nullptr ? "" : presentZone)) {
+        zone = presentZone == nullptr ? "" : presentZone;
+        known.fill({});
+    }
+    const std::time_t into = (time % kQuarter + kQuarter) % kQuarter;
+    const std::time_t begin = time - into;
+    QuarterTime &quarter = known.at(static_cast<std::size_t>(begin / kQuarter) % known.size());
+    if (quarter.begin != begin)
+        quarter = QuarterTimeOf(begin);
+    std::tm local = quarter.local;
+    if (quarter.begin == begin && quarter.isPlain) {
+        const int seconds = local.tm_min * 60 + local.tm_sec + static_cast<int>(into);
+        local.tm_min = seconds / 60;
+        local.tm_sec = seconds % 60;
+        return local;
+    }
+    if (localtime_r(&time, &local) == nullptr)
+        return std::nullopt;
     return local;
+}
+
+std::tm Local(std::time_t time) {
+    return LocalTime(time).value_or(std::tm{});
 }
 
 namespace {

@@ -9,6 +9,11 @@
 
 namespace kest::ctl {
 
+// The local time; nothing outside the range of the calendar. Predictions convert so many times that
+// the conversions of a quarter of an hour are kept.
+std::optional<std::tm> LocalTime(std::time_t time);
+
+// The same; all zero outside the range of the calendar.
 std::tm Local(std::time_t time);
 
 // A local time relative to `now`: "today 03:17", "tomorrow 00:05", "Tue 9 Jun 03:17", in other

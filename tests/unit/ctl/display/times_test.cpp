@@ -2,11 +2,39 @@
 
 #include "tests/unit/support/clock.h"
 
+#include <array>
 #include <gtest/gtest.h>
+#include <limits>
+#include <random>
 
 namespace kest::ctl {
 
 namespace {
+
+std::string Formatted(const std::tm &time) {
+    std::array<char, 80> text{};
+    std::strftime(text.data(), text.size(), "%F %T %j %w %z %Z", &time);
+    return text.data();
+}
+
+TEST(LocalTime, IsThatOfTheLibrary) {
+    std::mt19937_64 bits(1);
+    for (const char *name : {"UTC0", "Europe/Berlin", "Australia/Lord_Howe", "America/St_Johns",
+                             "Africa/Monrovia", "Pacific/Apia"}) {
+        const LocalZone zone(name);
+        for (int i = 0; i < 20000; ++i) {
+            // Around the present, where transitions are met, and anywhere in two centuries.
+            const std::time_t time =
+                i % 2 == 0 ? Utc(2026, 1, 1, 0, 0) + static_cast<std::time_t>(bits() % 31536000)
+                           : static_cast<std::time_t>(bits() % 6311520000) - 3155760000;
+            std::tm expected{};
+            ASSERT_NE(localtime_r(&time, &expected), nullptr);
+            const std::tm local = LocalTime(time).value_or(std::tm{});
+            ASSERT_EQ(Formatted(local), Formatted(expected)) << name << " " << time;
+        }
+    }
+    EXPECT_FALSE(LocalTime(std::numeric_limits<std::time_t>::max()).has_value());
+}
 
 TEST(WhenInWords, IsRelativeToNow) {
     const LocalZone zone("UTC0");
