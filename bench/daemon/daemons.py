@@ -259,7 +259,7 @@ class Bcron(Daemon):
 
 
 class BusyBox(Daemon):
-    """Each crontab belongs to an account, so many files need many accounts."""
+    """Each crontab belongs to an account: many files need many accounts."""
 
     DAEMON = "/usr/sbin/crond"
     MAIN = "crond"

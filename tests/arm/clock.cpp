@@ -1,10 +1,10 @@
-// The clock of a private machine for programs of 32-bit ARM. Debian's libfaketime knows only the
-// calls with a 32-bit time there. This one stands in for those with 64 bits that we make, and reads
-// the same variables: FAKETIME, or the file FAKETIME_TIMESTAMP_FILE, read anew each time, with
+// The clock of a private machine for programs of 32-bit ARM. Debian's libfaketime replaces only
+// the calls with a 32-bit time there. This one replaces those with 64 bits that the programs make,
+// and reads the same variables: FAKETIME, or the file FAKETIME_TIMESTAMP_FILE at each call, with
 //
 //     @2026-06-02 02:10:10 x60    from then on, sixty times as fast
 //     2026-06-02 02:10:10         always then; sleeps take their real time
-//     +2500000000y x60            so many years of 365 days from now
+//     +2500000000y x60            this number of years of 365 days from now
 
 #include <cerrno>
 #include <csignal>

@@ -1,5 +1,5 @@
 """The resource agent on one node without a cluster: each action from each state, with its exit
-code, and what the test tool of the agents' standard has to say."""
+code, and the result of the test tool of the agents' standard."""
 
 import signal
 import time

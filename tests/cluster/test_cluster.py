@@ -1,9 +1,9 @@
 """Two nodes in a real cluster: corosync and pacemaker on each, joined by a network of their own.
 
-One story, told in the order of the tests. `one` and `two` run two jobs that are due in every minute
+The tests depend on each other and run in this order. `one` and `two` run two jobs that are due in every minute
 of the daemon's fast clock: "alone" is for the active node only, "everywhere" is marked to run on
 passive nodes too. "rare" is like "alone", but due at the full hour only, for two minutes, as
-a look may come too late for one. The active role moves by request, the daemon of the active node
+a cycle may miss one of them. The active role moves by request, the daemon of the active node
 dies, then the whole active node. Throughout, a witness looks at the processes of both.
 """
 
@@ -250,11 +250,11 @@ def test_a_node_that_dies_is_taken_over_from(pair, record_figure):
 
 
 def test_at_no_moment_were_both_active(pair, record_figure):
-    """Told by four who do not know of each other: the witness of the processes, the agents, the
-    starts of the daemon, and what the jobs wrote down."""
+    """Four independent sources agree: the witness of the processes, the agents, the starts of the
+    daemon, and the records of the jobs."""
     witness = pair.witness
     assert not witness.both
-    record_figure("longest time between two looks of the witness", witness.longest_gap)
+    record_figure("longest time between two samples of the witness", witness.longest_gap)
     spans = sorted((first, last, name) for name, found in witness.active.items() for first, last in found)
     assert len(spans) >= 4 and {name for *_, name in spans} == {"one", "two"}
     for (_, end, _), (begin, _, _) in zip(spans, spans[1:]):
@@ -263,7 +263,7 @@ def test_at_no_moment_were_both_active(pair, record_figure):
     said = sorted(span for name in pair.nodes for span in pair.spans_of_the_agent(name))
     assert [name for *_, name in said] == [name for *_, name in spans]
     for (_, end, _), (begin, _, _) in zip(said, said[1:]):
-        assert int(end) <= begin  # the system log knows whole seconds
+        assert int(end) <= begin  # the system log has whole seconds
 
     # Between a start in active mode and the next start on that node there is none on the other, if
     # it was not killed.

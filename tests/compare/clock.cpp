@@ -1,5 +1,5 @@
 // The world of a daemon under comparison, preloaded into it: a clock that stands still until the
-// script sets it, sleeps that end when the script says so, and draws from a stream with a seed.
+// script sets it, sleeps that end when the script ends them, and draws from a stream with a seed.
 // With them two programs that do the same do it in the same second, in the same order and with the
 // same values, however fast the machine is.
 //

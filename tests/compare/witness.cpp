@@ -1,5 +1,5 @@
-// The program of the jobs: appends one line to "/dev/ran" that tells as what it was started, and
-// with what.
+// The program of the jobs: appends one line to "/dev/ran" with the identity that it was
+// started with, its arguments and its environment.
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ void PutEscaped(std::FILE *line, const char *text) {
     }
 }
 
-// What the kernel says of this process, as far as it can depend on the one that started it.
+// What the kernel shows of this process, as far as it can depend on the one that started it.
 void PutStatus(std::FILE *line) {
     std::FILE *const file = std::fopen("/proc/self/status", "re");
     char text[4096];

@@ -114,10 +114,10 @@ def test_lintian_finds_no_fault(package):
 
 def test_it_has_one_version(package):
     version = re.search(r"project\(kestcrond VERSION (\S+)", (TOP / "CMakeLists.txt").read_text())[1]
-    told = subprocess.run(
+    stated = subprocess.run(
         ["dpkg-deb", "-f", package, "Version"], capture_output=True, text=True, check=True
     ).stdout.strip()
-    assert told == version + "-1"
+    assert stated == version + "-1"
     headings = re.findall(r"(?m)^## \[(.*?)\]", (TOP / "CHANGELOG.md").read_text())
     assert headings[0] == "Unreleased" or headings[0] == version
     for page in ("kestcrond.8", "kestcron.job.5", "kestcronctl.1"):
@@ -359,7 +359,7 @@ def init_script(request, machine):
 def test_what_the_script_does(machine, service):
     assert service("status").returncode == 3
     assert service("reload").returncode == 7
-    assert service("stop").returncode == 0, "nothing to stop is no failure"
+    assert service("stop").returncode == 0, "stopping a stopped daemon succeeds"
     assert service("try-restart").returncode == 0 and not machine.daemon_pid()
 
     assert service("start").returncode == 0

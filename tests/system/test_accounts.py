@@ -203,7 +203,7 @@ int main(void) {
 
 
 def make_reading_slow(machine):
-    """Creates so many job files of the account that reading them leaves time for an attack."""
+    """Creates many job files of the account, so that reading them leaves time for an attack."""
     machine.jobs("pkg_nonroot", "f", [never("x")], account="alice")
     machine.run(
         "bash", "-c", f"cd {ALICE}; for i in {{1..1000}}; do echo [] > $i; done", check=True, env={"LD_PRELOAD": ""}

@@ -29,7 +29,7 @@ REFUSED_FILES = {
 LEFT_OUT = {
     "an account that does not exist": {"user": "package", "package_username": "carol"},
     "a program that does not exist": {"cmd": "/missing"},
-    "is no regular file": {"cmd": "/usr/local/bin"},
+    "is not a regular file": {"cmd": "/usr/local/bin"},
     "having a slash": {"name": "a/b"},
     "a zero byte": {"name": "zero\x00byte"},
     "more than 255 bytes": {"name": "n" * 250},

@@ -9,8 +9,8 @@
 
 namespace kest::ctl {
 
-// The local time; nothing outside the range of the calendar. Predictions convert so many times that
-// the conversions of a quarter of an hour are kept.
+// The local time; nothing outside the range of the calendar. Conversions are cached by quarters of
+// an hour, because predictions make hundreds of thousands of them.
 std::optional<std::tm> LocalTime(std::time_t time);
 
 // The same; all zero outside the range of the calendar.

@@ -1,4 +1,5 @@
-// What the daemon knows and its document does not have yet, inferred from schedules and the log.
+// The part of the daemon's state that its document does not have yet, inferred from schedules and
+// the log.
 
 #ifndef CTL_SYSTEM_LIVE_STATE_H
 #define CTL_SYSTEM_LIVE_STATE_H
