@@ -1,15 +1,20 @@
 # bash completion for kestcronctl
 
-# Job names come from package authors: never expand them, and quote them in replies.
+# Full names that begin with the word or, if there are none, their ends after a "-". Job names come
+# from package authors: never expand them, and quote them in replies.
 _kestcronctl_jobs() {
-    local name root=() i
+    local name end root=() ends=() i
     for ((i = 1; i + 1 < COMP_CWORD; i++)); do
         [[ ${COMP_WORDS[i]} != --root ]] || root=(--root "${COMP_WORDS[i + 1]}")
     done
     while IFS= read -r name; do
-        [[ $name != "$1"* || $name == *\\* ]] || COMPREPLY+=("$(printf '%q' "$name")")
+        [[ $name != *\\* ]] || continue
+        [[ $name != "$1"* ]] || COMPREPLY+=("$(printf '%q' "$name")")
+        end=${name##*-}
+        [[ $end != "$1"* ]] || ends+=("$(printf '%q' "$end")")
     done < <(kestcronctl "${root[@]}" list --json 2>/dev/null |
         sed -n 's/^[[:space:]]*"name" : "\(.*\)",\{0,1\}$/\1/p')
+    ((${#COMPREPLY[@]} > 0)) || COMPREPLY=("${ends[@]}")
 }
 
 _kestcronctl_files() {
@@ -49,6 +54,15 @@ _kestcronctl() {
         mapfile -t COMPREPLY < <(compgen -W 'now today yesterday tomorrow' -- "$current")
         return
         ;;
+    --sort)
+        mapfile -t COMPREPLY < <(compgen -W 'name next last state' -- "$current")
+        return
+        ;;
+    --state)
+        mapfile -t COMPREPLY < <(compgen -W \
+            'waiting due launched running failed overdue held kept passive' -- "$current")
+        return
+        ;;
     -n | --hours | --timeout) return ;;
     esac
     if [[ $current == -* ]]; then
@@ -56,6 +70,7 @@ _kestcronctl() {
         case $command in
         '') options+=' --version' ;;
         check) options+=' --errors-only' ;;
+        list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;
         log) options+=' -f --follow -n --job --since --failed' ;;

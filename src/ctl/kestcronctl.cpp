@@ -3,6 +3,7 @@
 #include "base/paths.h"
 #include "ctl/check/nearest.h"
 #include "ctl/commands/commands.h"
+#include "ctl/display/job_status.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/limits.h"
@@ -59,9 +60,10 @@ public:
         app_.set_version_flag("--version", std::string("kestcronctl ") + KESTCROND_VERSION);
         app_.get_formatter()->column_width(24);
         app_.require_subcommand(1);
-        app_.footer("Exit status: 0 success, 1 check found problems, 2 usage or other error.\n"
-                    "status: 3 if kestcrond is not running; run: the exit status of the job.\n"
-                    "See kestcronctl(1).");
+        app_.footer(
+            "Exit status: 0 success, 1 problems found or no match, 2 usage or other error.\n"
+            "status: 3 if kestcrond is not running; run: the exit status of the job.\n"
+            "See kestcronctl(1).");
         AddQueries();
         AddLog();
         AddActions();
@@ -124,9 +126,16 @@ private:
         CLI::App *list = Add("list", "List jobs with their schedules, last and next runs",
                              "kestcronctl list '*backup*'",
                              [this](const Context &c) { return List(c, options_.list); });
-        list->add_option("PATTERN", options_.list.pattern,
-                         "Part of the job names, or a shell pattern")
+        list->add_option("PATTERN", options_.list.patterns, "Parts of job names, or shell patterns")
             ->type_name("");
+        list->add_option("--state", options_.list.states, "Only jobs in this state")
+            ->type_name("STATE")
+            ->allow_extra_args(false)
+            ->check(CLI::IsMember(StatesInJson()).description(""));
+        list->add_option("--sort", options_.list.sort, "Sort by name, next, last or state")
+            ->capture_default_str()
+            ->type_name("ORDER")
+            ->check(CLI::IsMember({"name", "next", "last", "state"}).description(""));
         CLI::App *next = Add("next", "Show the next starts of one job or of all jobs",
                              "kestcronctl next -n 5 builtin-core-backup",
                              [this](const Context &c) { return Next(c, options_.next); });

@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from tests.lib.appliance import PERSISTENT_FILE, RECORD, every_minute, never
+from tests.lib.appliance import PERSISTENT_FILE, RECORD, SOURCES, every_minute, never
 from tests.lib.ctl import TOOL, expect_golden
 from tests.lib.private_machine import wait_for
 
@@ -212,7 +212,7 @@ def test_draws_of_an_expression(known, ctl):
         (["--json"], "no command given"),
         (["show"], "missing argument; see kestcronctl show --help"),
         (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
-        (["list", "a", "b"], "not expected: b"),
+        (["show", "a", "b"], "not expected: b"),
         (["list", "--nonsense"], "not expected: --nonsense"),
         (["next", "-n", "0"], "-n"),
         (["next", "-n", "x"], "-n"),
@@ -554,6 +554,48 @@ def test_forged_arguments_do_not_count_as_running(machine, ctl):
     pretender.wait()
 
 
+def test_the_source_of_a_job(machine, ctl):
+    """What the tool shows as changed is what a reload changes."""
+    machine.jobs("builtin", "f", [never("first"), never("x", extra=1)])
+    machine.start_and_wait()
+    source = lambda: json.loads(ctl("show", "x", "--json").stdout)["source"]
+    file = f"{SOURCES['builtin']}/f"
+    assert source() == {
+        "file": file,
+        "line": 1,
+        "column": source()["column"],
+        "valid": True,
+        "changed": [],
+        "added": [],
+    }
+    assert f"source:     {file}:1\n            unchanged since the job was loaded\n" in ctl("show", "x").stdout
+
+    def replace(definition):
+        """Writes the file so that the daemon does not see it before the next reload."""
+        machine.signal(signal.SIGSTOP)
+        machine.jobs("builtin", "f", [never("first"), definition])
+
+    def texts_of_a_reload():
+        before = len(machine.texts())
+        machine.signal(signal.SIGCONT)
+        machine.reload()
+        return machine.texts()[before:]
+
+    replace(never("x", extra=2, assure_execute=5))
+    assert (source()["changed"], source()["added"]) == (["assure_execute", "extra"], [])
+    assert "kestcronctl reload applies it" in " ".join(ctl("show", "x").stdout.split())
+    assert "removed modified jobs: builtin-f-x" in texts_of_a_reload()
+    assert source()["changed"] == []
+    replace(never("x", assure_execute=5, extra=2, more=3))
+    assert (source()["changed"], source()["added"]) == ([], ["more"])
+    assert "which a reload does not apply" in " ".join(ctl("show", "x").stdout.split())
+    assert "removed modified jobs: builtin-f-x" not in texts_of_a_reload()
+    assert source()["added"] == ["more"]
+    replace(every_minute("x", crontab="bad"))
+    assert source()["valid"] is False
+    machine.signal(signal.SIGCONT)
+
+
 def test_all_processes_of_a_job(machine, ctl):
     machine.write("/usr/local/bin/long", "#!/bin/sh\n(sleep 1000)\nsleep 1000\n", 0o755)
     machine.jobs("builtin", "f", [every_minute("long", cmd="/usr/local/bin/long")])
@@ -611,8 +653,27 @@ def test_runs_that_are_kept(machine, ctl, options, state):
 def test_a_pattern_that_matches_no_job(known, ctl):
     result = ctl("list", "nowhere*")
     assert (result.returncode, result.stdout) == (1, "")
-    assert 'no job matches "nowhere*"' in result.stderr
+    assert "no job matches" in result.stderr
     assert ctl("list", "backup").returncode == 0
+
+
+def listed(ctl, *options):
+    done = ctl("list", *options, "--json")
+    assert done.returncode == 0, done.stderr
+    return [job["name"].rpartition("-")[2] for job in json.loads(done.stdout)]
+
+
+def test_selected_and_sorted_jobs(known, ctl):
+    assert listed(ctl, "backup", "*late") == ["backup", "late"]
+    assert listed(ctl, "--state", "failed") == ["gone"]
+    assert listed(ctl, "--state", "failed", "--state", "overdue") == ["gone", "late"]
+    assert listed(ctl, "--sort", "state")[:2] == ["gone", "late"]
+    assert listed(ctl, "--sort", "last")[:3] == ["hourly", "gone", "backup"]
+    assert listed(ctl, "--sort", "next")[:3] == ["late", "hourly", "backup"]
+    assert listed(ctl, "--sort", "next")[-1] == "never"
+    assert ctl("list", "--state", "failed", "office").returncode == 1
+    refused = ctl("list", "--sort", "size")
+    assert refused.returncode == 2 and "--sort" in refused.stderr
 
 
 def test_a_time_in_the_past(known, ctl):
@@ -899,5 +960,6 @@ def test_completion(known, ctl):
     assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late", "builtin-core-leap"]
     assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--json", "--help", "--at"]
     assert complete(known, "kestcronctl", "log", "--job", "pkg_") == ["pkg_nonroot-alice-own-report"]
+    assert complete(known, "kestcronctl", "show", "rep") == ["report"]
     assert complete(known, "kestcronctl", "run", "pkg-x") == [r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]
     assert not known.exists("/tmp/owned")

@@ -150,7 +150,7 @@ void CheckDefinition(const Json::Value &written, Json::Value definition, const J
     const Json::Value &nameValue = Member(written, "name");
     report.jobs.push_back({name, file.path,
                            positions.Of(alone || nameValue.isNull() ? written : nameValue),
-                           job.valid});
+                           job.valid, job.valid ? job.Config() : Json::Value()});
 }
 
 } // namespace

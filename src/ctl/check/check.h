@@ -31,6 +31,7 @@ struct CheckedJob {
     std::string file;
     Position position;
     bool accepted = false; // valid
+    Json::Value config;    // the definition with its defaults, if it is valid
 };
 
 struct JobFileReport {

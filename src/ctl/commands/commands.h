@@ -33,9 +33,11 @@ struct CheckOptions {
 int Check(const Context &context, const CheckOptions &options);
 
 struct ListOptions {
-    std::string pattern;
+    std::vector<std::string> patterns; // of which one must match; empty for all jobs
+    std::vector<std::string> states;   // as in JSON; empty for all
+    std::string sort = "name";         // "name", "next", "last" or "state"
 };
-// Returns 1 if no job matches the pattern.
+// Returns 1 if there are patterns or states and no job matches.
 int List(const Context &context, const ListOptions &options);
 
 struct NextOptions {

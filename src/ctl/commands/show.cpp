@@ -3,6 +3,7 @@
 #include "base/json_text.h"
 #include "base/paths.h"
 #include "base/printable.h"
+#include "ctl/check/source.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/job_status.h"
 #include "ctl/display/launch_forecast.h"
@@ -27,7 +28,9 @@ namespace kest::ctl {
 
 // JSON output: the members of a job in `list`, and "definition", "command" (an array),
 // "assure_execute" (hours), "assure_run", "run_on_passive", "program" and "staged" (paths),
-// "staged_state" ("same", "differs", "missing", "unknown"), "starts" (the next starts) and "log"
+// "staged_state" ("same", "differs", "missing", "unknown"), "source" (null if no file defines the
+// job; otherwise its "file", "line" and "column", "valid", and the members that were "changed" or
+// "added" since it was loaded), "starts" (the next starts) and "log"
 // (the last lines).
 
 namespace {
@@ -98,7 +101,43 @@ struct JobDetails {
     StagedState staged;
     std::vector<JobStart> starts;
     std::deque<LogLine> lines;
+    std::optional<JobSource> source;
 };
+
+Json::Value SourceToJson(const std::optional<JobSource> &source) {
+    if (!source)
+        return {};
+    Json::Value json;
+    json["file"] = source->file;
+    json["line"] = Json::UInt64{source->position.line};
+    json["column"] = Json::UInt64{source->position.column};
+    json["valid"] = source->accepted;
+    json["changed"] = json["added"] = Json::Value(Json::arrayValue);
+    for (const std::string &member : source->changed)
+        json["changed"].append(member);
+    for (const std::string &member : source->added)
+        json["added"].append(member);
+    return json;
+}
+
+std::string MembersInWords(const std::vector<std::string> &members) {
+    return (members.size() == 1 ? "member " : "members ") + Enumerated(members);
+}
+
+// How the definition of the file differs from the daemon's, and the command that applies it.
+std::string DifferenceInWords(const JobSource &source) {
+    if (!source.accepted)
+        return "changed; the definition is not valid now: see kestcronctl check";
+    std::string text;
+    if (!source.changed.empty())
+        text = "changed: " + MembersInWords(source.changed) + "; kestcronctl reload applies it";
+    if (!source.added.empty())
+        text += (text.empty() ? "" : "; ") + std::string("added: ") + MembersInWords(source.added) +
+                (source.changed.empty()
+                     ? ", which a reload does not apply: reload without the job, then with it"
+                     : "");
+    return text.empty() ? "unchanged since the job was loaded" : text;
+}
 
 Json::Value ToJson(const JobDetails &details) {
     const Json::Value document = details.job.job.Document();
@@ -113,6 +152,7 @@ Json::Value ToJson(const JobDetails &details) {
     json["program"] = details.program;
     json["staged"] = details.job.staged;
     json["staged_state"] = details.staged.word;
+    json["source"] = SourceToJson(details.source);
     json["starts"] = Json::Value(Json::arrayValue);
     for (const JobStart &start : details.starts)
         json["starts"].append(StartToJson(start));
@@ -155,6 +195,13 @@ void Write(const JobDetails &details, const Context &context) {
                  " for " + SpanInWords(process.age));
     Line(screen, "account", job.account);
     Line(screen, "command", TextMember(document, "cmd_str"));
+    if (details.source) {
+        Line(screen, "source",
+             details.source->file + ":" + std::to_string(details.source->position.line));
+        Line(screen, "", DifferenceInWords(*details.source));
+    } else {
+        Line(screen, "source", "not found; if no file defines the job, the next reload removes it");
+    }
     Line(screen, "program", job.staged);
     Line(screen, "", details.staged.text);
     Line(screen, "schedule", ScheduleInWords(Member(document, "schedule"), job.job.cronFields()));
@@ -204,7 +251,8 @@ int Show(const Context &context, const ShowOptions &options) {
                              program,
                              CompareStaged(context, job, program),
                              std::move(starts),
-                             LastLogLines(context, job)};
+                             LastLogLines(context, job),
+                             FindSource(context.appliance, job.job)};
     if (context.json)
         WriteJson(ToJson(details));
     else

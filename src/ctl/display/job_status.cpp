@@ -13,18 +13,26 @@ namespace {
 
 constexpr std::array<JobStatusText, 10> kWords{{
     {"waiting", "waiting", Colour::None},
+    {"not run while passive", "passive", Colour::Dim},
+    {"waiting, machine held", "held", Colour::Dim},
     {"due", "due", Colour::Green},
     {"launched", "launched", Colour::Green},
     {"running now", "running", Colour::Green},
-    {"failed to start", "failed", Colour::Red},
+    {"due, kept", "kept", Colour::Yellow},
     {"overdue", "overdue", Colour::Yellow},
     {"overdue, machine held", "held", Colour::Yellow},
-    {"waiting, machine held", "held", Colour::Dim},
-    {"due, kept", "kept", Colour::Yellow},
-    {"not run while passive", "passive", Colour::Dim},
+    {"failed to start", "failed", Colour::Red},
 }};
 
 } // namespace
+
+std::vector<std::string> StatesInJson() {
+    std::vector<std::string> states;
+    for (const JobStatusText &words : kWords)
+        if (std::find(states.begin(), states.end(), words.json) == states.end())
+            states.emplace_back(words.json);
+    return states;
+}
 
 JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon) {
     if (!job.processes.empty())

@@ -12,21 +12,26 @@
 #include <json/value.h>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kest::ctl {
 
+// In ascending order of the attention that they need.
 enum class JobStatus {
     Waiting,   // not due
+    HeldBack,  // not run on a passive machine
+    Suspended, // neither due nor overdue; the machine is held
     Due,       // launched at the next cycle
     Launched,  // a process waits out the delay of its start
     Running,   // a process runs the staged program
-    Failed,    // not due, and its program could not be run the last time
+    Kept,      // due, but waits because the machine is held or passive
     Overdue,   // assured, and has not run for more than its hours
     Held,      // overdue, but waits because the machine is held
-    Suspended, // neither due nor overdue; the machine is held
-    Kept,      // due, but waits because the machine is held or passive
-    HeldBack,  // not run on a passive machine
+    Failed,    // not due, and its program could not be run the last time
 };
+
+// The words for states in JSON.
+std::vector<std::string> StatesInJson();
 
 JobStatus JobStatusOf(const LiveJob &job, const Daemon &daemon);
 

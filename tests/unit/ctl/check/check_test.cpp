@@ -539,7 +539,7 @@ TEST(CheckJobFile, ShortensValuesBetweenCharacters) {
 
 TEST(ReplacedJobs, ReportsJobsBeforeAValidDuplicate) {
     const auto job = [](const char *name, const char *file, bool accepted) {
-        return CheckedJob{name, file, {3, 7}, accepted};
+        return CheckedJob{name, file, {3, 7}, accepted, {}};
     };
     const std::vector<Diagnostic> diagnostics =
         ReplacedJobs({job("a", "first", true), job("b", "first", true), job("a", "second", true),
