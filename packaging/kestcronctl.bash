@@ -69,7 +69,7 @@ _kestcronctl() {
         local options='--root --json --help'
         case $command in
         '') options+=' --version' ;;
-        check) options+=' --errors-only' ;;
+        check) options+=' --errors-only --portable' ;;
         list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;

@@ -123,6 +123,8 @@ private:
             ->type_name("");
         check->add_flag("--errors-only", options_.check.errorsOnly,
                         "Show errors only, no warnings");
+        check->add_flag("--portable", options_.check.portable,
+                        "Do not check the accounts and programs of this system");
         CLI::App *list = Add("list", "List jobs with their schedules, last and next runs",
                              "kestcronctl list '*backup*'",
                              [this](const Context &c) { return List(c, options_.list); });

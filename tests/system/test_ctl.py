@@ -871,6 +871,7 @@ def test_reload_lists_changes(machine, ctl):
         "went": ["builtin-f-goes"],
         "changed": ["builtin-f-changes"],
         "jobs": 3,
+        "problems": [],
     }
     machine.jobs("builtin", "f", [never("one")])
     assert ctl("reload").stdout == (

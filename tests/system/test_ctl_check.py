@@ -154,7 +154,7 @@ def test_no_sources(machine, ctl):
 
 
 def refused_jobs(answer):
-    return [problem["job"] for problem in answer["problems"] if problem["severity"] == "error"]
+    return [problem["job"] for problem in answer["problems"] if problem["severity"] == "error" and problem["job"]]
 
 
 def test_paths_in_and_outside_the_sources(machine, ctl):
@@ -392,14 +392,17 @@ def test_jobs_that_the_daemon_does_not_load(machine, ctl):
     }
     machine.write(PKG + "/f", json.dumps([{**GOOD, "name": name, **members} for name, members in definitions.items()]))
     _, answer = ctl.json("check")
-    assert answer["errors"] == 0
     machine.start_and_wait()
-    warned = {
-        problem["job"] for problem in answer["problems"] if "the daemon will not load this job" in problem["message"]
-    }
     names = {f"pkg-f-{name}" for name in definitions}
-    assert warned == names - set(machine.entries())
-    assert len(warned) == 14
+    assert set(refused_jobs(answer)) == names - set(machine.entries())
+    assert len(set(refused_jobs(answer))) == 14
+    done = ctl("reload")
+    assert done.returncode == 1
+    errors = [line for line in done.stdout.splitlines() if ": error: " in line]
+    assert len(errors) == answer["errors"] and all("the daemon will not load this job" in line for line in errors)
+    assert [problem["job"] for problem in json.loads(ctl("reload", "--json").stdout)["problems"]] == refused_jobs(
+        answer
+    )
 
 
 def test_duplicate_names(machine, ctl):
@@ -596,3 +599,27 @@ def test_random_definitions(machine, ctl):
     assert {name for position, name in by_position.items() if position not in refused} == loaded
     assert refused <= set(by_position)
     assert 300 < len(loaded) < len(by_position) - 300, "too few valid or invalid definitions"
+
+
+def test_a_file_for_another_system(machine, ctl):
+    definition = {**GOOD, "user": "package", "package_username": "carol", "cmd": "/opt/carol/run"}
+    machine.write("/tmp/build/f", json.dumps([definition]))
+    answer = ctl.json("check", "/tmp/build")[1]
+    assert (answer["errors"], answer["warnings"]) == (2, 0)
+    assert ctl.json("check", "--portable", "/tmp/build")[0] == 0
+    # Faults of the definition are found all the same.
+    machine.write("/tmp/build/f", json.dumps([{**definition, "cmd": "carol/run"}, {**definition, "name": "a/b"}]))
+    answer = ctl.json("check", "--portable", "/tmp/build")[1]
+    assert [(problem["member"], problem["severity"]) for problem in answer["problems"]] == [
+        ("cmd", "warning"),
+        ("name", "error"),
+    ]
+
+
+def test_a_system_without_accounts(machine, ctl):
+    machine.write("/tmp/tree" + PKG + "/f", json.dumps([{**GOOD, "user": "package", "package_username": "carol"}]))
+    machine.write("/tmp/tree" + RECORD, "#!/bin/sh\n", 0o755)
+    assert ctl.json("--root", "/tmp/tree", "check")[1]["problems"] == []
+    machine.write("/tmp/tree/etc/passwd", "root:x:0:0::/:/bin/sh\n")
+    (problem,) = ctl.json("--root", "/tmp/tree", "check")[1]["problems"]
+    assert problem["member"] == "package_username"

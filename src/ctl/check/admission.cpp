@@ -10,27 +10,30 @@ namespace kest::ctl {
 
 namespace {
 
-constexpr const char *kNotLoaded = ": the daemon will not load this job";
-
 void Warn(CheckedDefinition &checked, const std::string &member, const std::string &message,
           const Hint &hint = {}) {
     checked.Add(Severity::Warning, {member, message, hint});
+}
+
+// The daemon reads the definition and then leaves the job out.
+void Refuse(CheckedDefinition &checked, const std::string &member, const std::string &message,
+            const Hint &hint = {}) {
+    checked.Add(Severity::Error, {member, message + ": the daemon will not load this job", hint});
 }
 
 // The staged program has the same name.
 void CheckName(CheckedDefinition &checked, const std::string &name) {
     const std::string shown = "the full name " + Quoted(name);
     if (name.find('/') != std::string::npos)
-        Warn(checked, "name", shown + " contains \"/\"" + kNotLoaded,
-             Expected("a name without \"/\""));
+        Refuse(checked, "name", shown + " contains \"/\"", Expected("a name without \"/\""));
     if (name.find('\0') != std::string::npos)
-        Warn(checked, "name", shown + " contains a zero byte" + kNotLoaded);
+        Refuse(checked, "name", shown + " contains a zero byte");
     else if (Printable(name) != name)
         Warn(checked, "name", shown + " contains control characters",
              Expected("printable characters"));
     if (name.size() > NAME_MAX)
-        Warn(checked, "name", shown + " has " + std::to_string(name.size()) + " bytes" + kNotLoaded,
-             Expected("at most " + std::to_string(NAME_MAX) + " bytes"));
+        Refuse(checked, "name", shown + " has " + std::to_string(name.size()) + " bytes",
+               Expected("at most " + std::to_string(NAME_MAX) + " bytes"));
 }
 
 void CheckAccount(CheckedDefinition &checked, const Account &account) {
@@ -39,17 +42,17 @@ void CheckAccount(CheckedDefinition &checked, const Account &account) {
     const std::string package = TextMember(config, "package_username");
     if (account.name.empty()) {
         const std::string member = user == "package" ? "package_username" : "user";
-        Warn(checked, member,
-             "\"" + member + "\" " + Excerpt(Member(config, member)) + " does not name an account" +
-                 kNotLoaded,
-             Expected("\"root\" or \"system\" as \"user\", or \"package\" with an account as "
-                      "\"package_username\""));
+        Refuse(checked, member,
+               "\"" + member + "\" " + Excerpt(Member(config, member)) +
+                   " does not name an account",
+               Expected("\"root\" or \"system\" as \"user\", or \"package\" with an account as "
+                        "\"package_username\""));
         return;
     }
     const bool byPackage = HasMember(config, "package_username") && account.name == package;
     if (!account.exists)
-        Warn(checked, byPackage ? "package_username" : "user",
-             "account " + Quoted(account.name) + " does not exist" + kNotLoaded);
+        Refuse(checked, byPackage ? "package_username" : "user",
+               "account " + Quoted(account.name) + " does not exist");
     if (byPackage && user != account.name && user != "package")
         Warn(checked, "user", "\"user\" " + Quoted(user) + " is read as \"package\"");
     if (HasMember(config, "package_username") && !byPackage)
@@ -59,42 +62,42 @@ void CheckAccount(CheckedDefinition &checked, const Account &account) {
 }
 
 // The working directory of the daemon is "/".
-void WarnOfRelativePath(CheckedDefinition &checked, const std::string &member,
-                        const std::string &path, const Program &program) {
-    Warn(checked, member,
-         "program " + Quoted(path) + " is a relative path: the daemon resolves it from \"/\"" +
-             (program.exists && program.regular
-                  ? ""
-                  : " and does not find it" + std::string(kNotLoaded)),
-         Expected("an absolute path"));
+void CheckRelativePath(CheckedDefinition &checked, const std::string &member,
+                       const std::string &path, const Program &program) {
+    const std::string message =
+        "program " + Quoted(path) + " is a relative path: the daemon resolves it from \"/\"";
+    if (program.exists && program.regular)
+        Warn(checked, member, message, Expected("an absolute path"));
+    else
+        Refuse(checked, member, message + " and does not find it", Expected("an absolute path"));
 }
 
-void WarnOfLink(CheckedDefinition &checked, const std::string &member, const std::string &path,
-                const Program &program) {
+void CheckLink(CheckedDefinition &checked, const std::string &member, const std::string &path,
+               const Program &program) {
+    const std::string message = "program " + Quoted(path) + " is a link to " + Quoted(program.link);
+    const Hint hint = Expected("the path of the program itself");
     // The daemon copies the link itself, so a relative target does not resolve in the runtime
     // directory.
-    const bool relative = program.link.front() != '/';
-    Warn(checked, member,
-         "program " + Quoted(path) + " is a link to " + Quoted(program.link) +
-             (relative ? ", which does not resolve in the directory of staged programs" +
-                             std::string(kNotLoaded)
-                       : ": the daemon runs the link target, not a copy"),
-         Expected("the path of the program itself"));
+    if (program.link.front() != '/')
+        Refuse(checked, member,
+               message + ", which does not resolve in the directory of staged programs", hint);
+    else
+        Warn(checked, member, message + ": the daemon runs the link target, not a copy", hint);
 }
 
 void CheckProgram(CheckedDefinition &checked, const std::string &member, const std::string &path,
                   const Program &program) {
     const std::string shown = "program " + Quoted(path);
     if (path.front() != '/')
-        WarnOfRelativePath(checked, member, path, program);
+        CheckRelativePath(checked, member, path, program);
     else if (!program.exists)
-        Warn(checked, member, shown + " does not exist" + kNotLoaded);
+        Refuse(checked, member, shown + " does not exist");
     else if (!program.regular)
-        Warn(checked, member, shown + " is not a regular file" + kNotLoaded);
+        Refuse(checked, member, shown + " is not a regular file");
     else if (program.empty)
         Warn(checked, member, shown + " is empty");
     if (program.exists && program.regular && !program.link.empty())
-        WarnOfLink(checked, member, path, program);
+        CheckLink(checked, member, path, program);
     if (!program.writableDirectory.empty())
         Warn(checked, member,
              shown + " can be replaced: other users can write to " +
@@ -151,8 +154,8 @@ void CheckAdmission(CheckedDefinition &checked, const CronJob &job,
         CheckShellSyntax(checked, commandList);
     const std::string path = commandList[0U].asString();
     if (path.empty() || path.find('\0') != std::string::npos)
-        Warn(checked, member, "the command does not begin with a program" + std::string(kNotLoaded),
-             Expected("an absolute path without a leading blank"));
+        Refuse(checked, member, "the command does not begin with a program",
+               Expected("an absolute path without a leading blank"));
     else
         CheckProgram(checked, member, path,
                      environment.program(path.front() == '/' ? path : "/" + path, account.name));

@@ -66,7 +66,7 @@ bool EndsWith(const std::string &text, const std::string &end) {
 
 void CheckFileName(const JobFile &file, std::vector<Diagnostic> &diagnostics) {
     if (!IsJobFileName(file.name))
-        diagnostics.push_back(FileDiagnostic(file, Severity::Warning,
+        diagnostics.push_back(FileDiagnostic(file, Severity::Error,
                                              "the daemon ignores hidden files",
                                              Expected("a name that does not begin with \".\"")));
     for (const char *end : {"~", ".bak", ".orig", ".old", ".save", ".swp", ".dpkg-old", ".dpkg-new",

@@ -44,7 +44,7 @@ Account SystemState::AccountOf(const Json::Value &config) {
     Account account{kest::AccountOf(config).value_or(""), false};
     const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
     if (isNew)
-        entry->second = appliance_.HasAccount(account.name);
+        entry->second = !appliance_.HasAccounts() || appliance_.HasAccount(account.name);
     account.exists = entry->second;
     return account;
 }
@@ -102,12 +102,14 @@ void Append(std::vector<Diagnostic> &diagnostics, std::vector<Diagnostic> more) 
 // Reads and checks the files of one batch after another.
 class Checker {
 public:
-    explicit Checker(const Appliance &appliance) : appliance_(appliance), facts_(appliance) {}
+    Checker(const Appliance &appliance, CheckScope scope)
+        : appliance_(appliance), scope_(scope), system_(appliance) {}
 
     void Check(const JobFileBatch &batch);
     CheckResult Finish();
 
 private:
+    Environment EnvironmentOf(CheckScope scope);
     void CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs);
     void CheckAccount(const JobFileBatch &batch);
     void CheckUnlisted(const JobFileBatch &batch,
@@ -115,11 +117,28 @@ private:
     bool ReadFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
 
     const Appliance &appliance_;
-    SystemState facts_;
+    CheckScope scope_;
+    SystemState system_;
     CheckResult result_;
     std::vector<CheckedJob> jobs_;               // of the sources
     std::map<std::string, AccountQuota> quotas_; // by account
 };
+
+Environment Checker::EnvironmentOf(CheckScope scope) {
+    if (scope == CheckScope::Portable)
+        return {[](const Json::Value &config) {
+                    return Account{kest::AccountOf(config).value_or(""), true};
+                },
+                [](const std::string &, const std::string &) {
+                    Program program;
+                    program.exists = program.regular = true;
+                    return program;
+                }};
+    return {[this](const Json::Value &config) { return system_.AccountOf(config); },
+            [this](const std::string &path, const std::string &account) {
+                return system_.ProgramAt(path, account);
+            }};
+}
 
 void Checker::CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs) {
     // Root can read the file, so for other users this is not an error of the file.
@@ -127,12 +146,7 @@ void Checker::CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs) {
         result_.unreadable.push_back(file.path + ": " + std::strerror(file.error));
         return;
     }
-    const Environment environment{
-        [this](const Json::Value &config) { return facts_.AccountOf(config); },
-        [this](const std::string &path, const std::string &account) {
-            return facts_.ProgramAt(path, account);
-        }};
-    JobFileReport report = CheckJobFile(file, environment);
+    JobFileReport report = CheckJobFile(file, EnvironmentOf(scope_));
     ++result_.files;
     result_.jobs += report.jobs.size();
     Append(result_.diagnostics, std::move(report.diagnostics));
@@ -247,18 +261,20 @@ CheckResult Checker::Finish() {
 
 } // namespace
 
-CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths) {
+CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
+                         CheckScope scope) {
     CheckPaths selected(appliance);
     if (paths.empty())
         selected.AddSources();
     for (const std::string &path : paths)
         selected.AddPath(path);
     selected.AddOtherAccountDirectories();
-    Checker checker(appliance);
+    Checker checker(appliance, scope);
     CheckRights rights(appliance);
     for (const JobFileBatch &batch : selected.Batches()) {
         checker.Check(batch);
-        rights.Check(batch);
+        if (scope == CheckScope::System)
+            rights.Check(batch);
     }
     CheckResult result = checker.Finish();
     Append(result.diagnostics, rights.Diagnostics());

@@ -21,9 +21,15 @@ struct CheckResult {
     std::vector<CheckedJob> sourceJobs;  // the jobs of the four sources
 };
 
+enum class CheckScope {
+    System,  // whether the daemon loads the jobs on this appliance
+    Portable // apart from its accounts, its programs, and the rights of the directories
+};
+
 // Checks the job files at `paths`, or those of the four sources if there are none. Throws Failure
 // when a path does not exist.
-CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths);
+CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
+                         CheckScope scope = CheckScope::System);
 
 } // namespace kest::ctl
 

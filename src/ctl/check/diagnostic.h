@@ -15,8 +15,8 @@
 namespace kest::ctl {
 
 enum class Severity {
-    Error,  // the daemon refuses the file or the definition
-    Warning // the definition is valid, but probably not as intended, or will not be loaded
+    Error,  // the daemon does not load the file or the job now, on this system
+    Warning // it does, but probably not as intended
 };
 
 // What to write instead. A hint without text is absent.

@@ -43,30 +43,9 @@ Json::Value ToJson(const CheckResult &result) {
     json["errors"] = Json::UInt64{CountOf(result, Severity::Error)};
     json["warnings"] = Json::UInt64{CountOf(result, Severity::Warning)};
     json["problems"] = Json::Value(Json::arrayValue);
-    for (const Diagnostic &diagnostic : result.diagnostics) {
-        Json::Value problem;
-        problem["file"] = diagnostic.file;
-        problem["line"] = Json::UInt64{diagnostic.position.line};
-        problem["column"] = Json::UInt64{diagnostic.position.column};
-        problem["severity"] = NameOf(diagnostic.severity);
-        problem["job"] = TextOrNull(diagnostic.job);
-        problem["member"] = TextOrNull(diagnostic.member);
-        problem["found"] = TextOrNull(diagnostic.found);
-        problem["allowed"] = TextOrNull(diagnostic.hint.text);
-        problem["message"] = diagnostic.message;
-        json["problems"].append(std::move(problem));
-    }
+    for (const Diagnostic &diagnostic : result.diagnostics)
+        json["problems"].append(DiagnosticToJson(diagnostic));
     return json;
-}
-
-void WriteText(const Diagnostic &diagnostic, const Screen &screen, std::ostream &stream) {
-    const Colour colour = diagnostic.severity == Severity::Error ? Colour::Red : Colour::Yellow;
-    std::string text = diagnostic.job.empty() ? "" : diagnostic.job + ": ";
-    text += MessageWithHint(diagnostic);
-    stream << Shown(diagnostic.file) << ":" << diagnostic.position.line << ":"
-           << diagnostic.position.column << ": "
-           << Coloured(screen, colour, std::string(NameOf(diagnostic.severity)) + ":") << " "
-           << Shown(text) << "\n";
 }
 
 std::string Counted(std::size_t count, const std::string &noun) {
@@ -83,20 +62,55 @@ std::string Summary(const CheckResult &result) {
            (diagnostics.empty() ? "no problems" : diagnostics);
 }
 
+void KeepErrors(std::vector<Diagnostic> &diagnostics) {
+    diagnostics.erase(
+        std::remove_if(diagnostics.begin(), diagnostics.end(),
+                       [](const Diagnostic &d) { return d.severity != Severity::Error; }),
+        diagnostics.end());
+}
+
 } // namespace
 
+Json::Value DiagnosticToJson(const Diagnostic &diagnostic) {
+    Json::Value problem;
+    problem["file"] = diagnostic.file;
+    problem["line"] = Json::UInt64{diagnostic.position.line};
+    problem["column"] = Json::UInt64{diagnostic.position.column};
+    problem["severity"] = NameOf(diagnostic.severity);
+    problem["job"] = TextOrNull(diagnostic.job);
+    problem["member"] = TextOrNull(diagnostic.member);
+    problem["found"] = TextOrNull(diagnostic.found);
+    problem["allowed"] = TextOrNull(diagnostic.hint.text);
+    problem["message"] = diagnostic.message;
+    return problem;
+}
+
+void WriteDiagnostic(const Diagnostic &diagnostic, const Screen &screen, std::ostream &stream) {
+    const Colour colour = diagnostic.severity == Severity::Error ? Colour::Red : Colour::Yellow;
+    std::string text = diagnostic.job.empty() ? "" : diagnostic.job + ": ";
+    text += MessageWithHint(diagnostic);
+    stream << Shown(diagnostic.file) << ":" << diagnostic.position.line << ":"
+           << diagnostic.position.column << ": "
+           << Coloured(screen, colour, std::string(NameOf(diagnostic.severity)) + ":") << " "
+           << Shown(text) << "\n";
+}
+
+std::vector<Diagnostic> SourceErrors(const Context &context) {
+    CheckResult result = CheckPathsOn(context.appliance, {});
+    KeepErrors(result.diagnostics);
+    return std::move(result.diagnostics);
+}
+
 int Check(const Context &context, const CheckOptions &options) {
-    CheckResult result = CheckPathsOn(context.appliance, options.paths);
+    CheckResult result = CheckPathsOn(context.appliance, options.paths,
+                                      options.portable ? CheckScope::Portable : CheckScope::System);
     if (options.errorsOnly)
-        result.diagnostics.erase(
-            std::remove_if(result.diagnostics.begin(), result.diagnostics.end(),
-                           [](const Diagnostic &d) { return d.severity != Severity::Error; }),
-            result.diagnostics.end());
+        KeepErrors(result.diagnostics);
     if (context.json) {
         WriteJson(ToJson(result));
     } else {
         for (const Diagnostic &diagnostic : result.diagnostics)
-            WriteText(diagnostic, context.screen, std::cout);
+            WriteDiagnostic(diagnostic, context.screen, std::cout);
         std::cout.flush();
         std::cerr << Summary(result) << "\n";
     }
@@ -117,7 +131,7 @@ void PrintWhyNotLoaded(const Context &context, const std::string &name) {
                       << (job.accepted ? ", and the next reload tries to load it" : "") << "\n";
     for (const Diagnostic &diagnostic : result.diagnostics)
         if (diagnostic.job == name)
-            WriteText(diagnostic, Screen(), std::cerr);
+            WriteDiagnostic(diagnostic, Screen(), std::cerr);
 }
 
 } // namespace kest::ctl

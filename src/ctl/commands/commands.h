@@ -4,6 +4,7 @@
 #ifndef CTL_COMMANDS_COMMANDS_H
 #define CTL_COMMANDS_COMMANDS_H
 
+#include "ctl/check/diagnostic.h"
 #include "ctl/display/screen.h"
 #include "ctl/system/appliance.h"
 #include "ctl/system/processes.h"
@@ -11,6 +12,8 @@
 
 #include <cstddef>
 #include <ctime>
+#include <iosfwd>
+#include <json/value.h>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +31,7 @@ struct Context {
 struct CheckOptions {
     std::vector<std::string> paths; // empty for the four sources
     bool errorsOnly = false;
+    bool portable = false; // apart from the accounts and programs of this system
 };
 // Returns 1 if it found problems.
 int Check(const Context &context, const CheckOptions &options);
@@ -86,6 +90,7 @@ int Run(const Context &context, const RunOptions &options);
 struct ReloadOptions {
     std::size_t timeout = 90; // seconds
 };
+// Returns 1 if the daemon did not load all jobs of the job files.
 int Reload(const Context &context, const ReloadOptions &options);
 
 int Metrics(const Context &context);
@@ -108,6 +113,14 @@ bool MatchesJob(const std::string &pattern, const std::string &name);
 // FindJob for a name from the command line. If there is no such job, prints what the job files
 // contain about it to standard error first.
 const LiveJob &JobArgument(const Context &context, const Runtime &runtime, const std::string &name);
+
+// The errors of the four sources: what the daemon does not load. Files that the caller may not read
+// are left out.
+std::vector<Diagnostic> SourceErrors(const Context &context);
+
+// Prints a diagnostic as "FILE:LINE:COLUMN: SEVERITY: TEXT".
+void WriteDiagnostic(const Diagnostic &diagnostic, const Screen &screen, std::ostream &stream);
+Json::Value DiagnosticToJson(const Diagnostic &diagnostic);
 
 // Prints to standard error where a job of that full name is defined, and the diagnostics about it.
 void PrintWhyNotLoaded(const Context &context, const std::string &name);

@@ -91,13 +91,17 @@ Json::Value NamesToJson(const std::vector<std::string> &names) {
     return json;
 }
 
-void Write(const Context &context, const Difference &difference, std::size_t jobs) {
+void Write(const Context &context, const Difference &difference, std::size_t jobs,
+           const std::vector<Diagnostic> &errors) {
     if (context.json) {
         Json::Value json;
         json["came"] = NamesToJson(difference.added);
         json["went"] = NamesToJson(difference.removed);
         json["changed"] = NamesToJson(difference.changed);
         json["jobs"] = Json::UInt64{jobs};
+        json["problems"] = Json::Value(Json::arrayValue);
+        for (const Diagnostic &error : errors)
+            json["problems"].append(DiagnosticToJson(error));
         WriteJson(json);
         return;
     }
@@ -113,6 +117,8 @@ void Write(const Context &context, const Difference &difference, std::size_t job
         difference.added.empty() && difference.removed.empty() && difference.changed.empty();
     std::cout << (same ? "no jobs added, removed or changed; " : "") << jobs
               << (jobs == 1 ? " job\n" : " jobs\n");
+    for (const Diagnostic &error : errors)
+        WriteDiagnostic(error, context.screen, std::cout);
 }
 
 } // namespace
@@ -132,8 +138,9 @@ int Reload(const Context &context, const ReloadOptions &options) {
     WaitForReload(daemon, document, staging, !before.jobs.empty(),
                   std::chrono::seconds(options.timeout));
     const Runtime after = LoadRuntime(context.appliance);
-    Write(context, Compare(DefinitionsIn(before), DefinitionsIn(after)), after.jobs.size());
-    return 0;
+    const std::vector<Diagnostic> errors = SourceErrors(context);
+    Write(context, Compare(DefinitionsIn(before), DefinitionsIn(after)), after.jobs.size(), errors);
+    return errors.empty() ? 0 : 1;
 }
 
 } // namespace kest::ctl

@@ -24,6 +24,8 @@ public:
     // path of any file, if the links form a loop.
     std::string Locate(const std::string &path) const;
 
+    // Whether there is an account database. A build tree may have none.
+    bool HasAccounts() const { return IsLocal() || !accounts_.empty(); }
     bool HasAccount(const std::string &name) const;
     // The name of an account; nothing if it does not exist.
     std::optional<std::string> AccountName(uid_t uid) const;
