@@ -63,10 +63,14 @@ _kestcronctl() {
             'waiting due launched running failed overdue held kept passive' -- "$current")
         return
         ;;
+    --tz)
+        mapfile -t COMPREPLY < <(cd /usr/share/zoneinfo 2>/dev/null && compgen -f -- "$current")
+        return
+        ;;
     -n | --hours | --timeout) return ;;
     esac
     if [[ $current == -* ]]; then
-        local options='--root --json --help'
+        local options='--root --tz --json --help'
         case $command in
         '') options+=' --version' ;;
         check) options+=' --errors-only --portable' ;;

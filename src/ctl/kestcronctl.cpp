@@ -8,6 +8,7 @@
 #include "ctl/system/failure.h"
 #include "ctl/system/limits.h"
 #include "ctl/system/runtime.h"
+#include "ctl/system/time_zone.h"
 #include "log/memorylogger.h"
 
 #include <CLI/CLI.hpp>
@@ -36,6 +37,7 @@ constexpr int kUsage = 2; // exit status for usage errors and failures
 
 struct Options {
     std::string root;
+    std::string timeZone;
     bool json = false;
     CheckOptions check;
     ListOptions list;
@@ -56,6 +58,9 @@ public:
     Parser() {
         app_.add_option("--root", options_.root, "Read another system, whose files are below DIR")
             ->type_name("DIR");
+        app_.add_option("--tz", options_.timeZone,
+                        "Use this time zone instead of that of kestcrond")
+            ->type_name("ZONE");
         app_.add_flag("--json", options_.json, "Print JSON");
         app_.set_version_flag("--version", std::string("kestcronctl ") + KESTCROND_VERSION);
         app_.get_formatter()->column_width(24);
@@ -219,8 +224,9 @@ int Execute(const Parser &parser) {
     // The time of log --follow is not limited, because it has no end.
     if (!options.root.empty() && !options.log.follow)
         LimitTime(kUsage);
-    const Context context{Appliance(options.root), DetectScreen(), options.json,
-                          std::time(nullptr)};
+    const Appliance appliance(options.root);
+    UseTimeZoneOf(appliance, options.timeZone);
+    const Context context{appliance, DetectScreen(), options.json, std::time(nullptr)};
     if (!context.appliance.IsLocal())
         LimitMemory(LargestDocument(context.appliance));
     const int status = parser.GetCommand()(context);

@@ -959,7 +959,7 @@ def test_completion(known, ctl):
     known.write(known.RUNTIME_FILE, json.dumps({"jobs": {**JOBS, hostile: entry(hostile, [[0], [0], [0], [0], [0]])}}))
     assert complete(known, "kestcronctl", "li") == ["list"]
     assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late", "builtin-core-leap"]
-    assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--json", "--help", "--at"]
+    assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--tz", "--json", "--help", "--at"]
     assert complete(known, "kestcronctl", "log", "--job", "pkg_") == ["pkg_nonroot-alice-own-report"]
     assert complete(known, "kestcronctl", "show", "rep") == ["report"]
     assert complete(known, "kestcronctl", "run", "pkg-x") == [r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]

@@ -195,3 +195,27 @@ def test_delayed_starts(machine, ctl):
         assert promised - 2 * SECOND <= start_of(machine, name) <= promised + LATE, (job, start_of(machine, name))
         assert job["last_run"] is None
     assert listed["builtin-f-a"]["state"] != "launched"
+
+
+@pytest.mark.native(reason="too slow for its deadline when emulated")
+def test_the_time_zone_is_that_of_the_daemon(machine, ctl):
+    machine.clock("2026-06-02 02:10:10", rate=60, zone="Asia/Kolkata")
+    machine.jobs("builtin", "f", [every_minute("x", crontab="12 2 * * *")])
+    machine.start_and_wait()
+    # The same moment on the clock of the caller.
+    caller = {"TZ": "America/New_York", "FAKETIME": "2026-06-01 16:40:30"}
+    done = ctl("next", "-n", "1", "--json", env=caller)
+    (prediction,) = json.loads(done.stdout)
+    assert prediction["earliest"] == prediction["latest"] == "2026-06-02T02:12:00+05:30"
+    assert "times are those of the time zone of kestcrond, not of TZ=America/New_York" in done.stderr
+    chosen = ctl("--tz", "Europe/Berlin", "next", "-n", "1", "--json", env=caller)
+    assert json.loads(chosen.stdout)[0]["earliest"] == "2026-06-02T02:12:00+02:00" and chosen.stderr == ""
+    wait_for(lambda: start_of(machine, "builtin-f-x"), what="the start")
+    launched = start_of(machine, "builtin-f-x").replace(second=0)
+    assert launched.isoformat() == prediction["earliest"]
+
+
+def test_zones_that_do_not_exist(machine, ctl):
+    for zone in ("Nowhere", "../../../etc/passwd", "/etc/localtime", "Europe"):
+        done = ctl("--tz", zone, "list")
+        assert (done.returncode, f'"{zone}" is not a known time zone' in done.stderr) == (2, True), zone

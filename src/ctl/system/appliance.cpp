@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <dirent.h>
 #include <memory>
@@ -24,13 +23,6 @@ namespace {
 
 std::string ErrorText() {
     return std::strerror(errno);
-}
-
-// Setting TZ avoids a check of the file at each conversion. A system without a time zone file uses
-// UTC.
-void SetTimeZone(const std::string &file) {
-    setenv("TZ", ReadFile(file).empty() ? "UTC0" : (":" + file).c_str(), 1);
-    tzset();
 }
 
 std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
@@ -48,11 +40,8 @@ std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
 } // namespace
 
 Appliance::Appliance(const std::string &root) {
-    if (root.empty()) {
-        if (std::getenv("TZ") == nullptr)
-            SetTimeZone("/etc/localtime");
+    if (root.empty())
         return;
-    }
     const std::unique_ptr<char, decltype(&std::free)> real(realpath(root.c_str(), nullptr),
                                                            std::free);
     struct stat status {};
@@ -62,7 +51,6 @@ Appliance::Appliance(const std::string &root) {
         throw Failure(root + ": " + std::strerror(ENOTDIR));
     root_ = std::strcmp(real.get(), "/") == 0 ? "/." : real.get();
     accounts_ = ReadAccounts(Locate("/etc/passwd"));
-    SetTimeZone(Locate("/etc/localtime"));
 }
 
 std::string Appliance::Locate(const std::string &path) const {

@@ -13,8 +13,7 @@ namespace kest::ctl {
 
 class Appliance {
 public:
-    // `root` is empty for the running system. Sets the time zone of the program to that of the
-    // appliance. Throws Failure if `root` is not a directory.
+    // `root` is empty for the running system. Throws Failure if `root` is not a directory.
     explicit Appliance(const std::string &root);
 
     bool IsLocal() const { return root_.empty(); }

@@ -145,15 +145,19 @@ std::size_t MostBeforeScript(const std::string &staged) {
 
 } // namespace
 
+pid_t FindDaemonProcess() {
+    const pid_t pid = XLIBCReadPidFile(kPidFile);
+    return pid > 0 && XLIBCProcAlive(pid) == 1 && IsTheDaemon(pid) ? pid : 0;
+}
+
 Daemon FindDaemon(const Appliance &appliance) {
     Daemon daemon;
     if (!appliance.IsLocal())
         return daemon;
     QueryHeld(daemon.held);
-    const pid_t pid = XLIBCReadPidFile(kPidFile);
-    const bool isRunning = pid > 0 && XLIBCProcAlive(pid) == 1 && IsTheDaemon(pid);
-    daemon.delayed = CountDelayed(isRunning ? pid : 0);
-    if (!isRunning)
+    const pid_t pid = FindDaemonProcess();
+    daemon.delayed = CountDelayed(pid);
+    if (pid == 0)
         return daemon;
     const std::vector<std::string> arguments = ArgumentsOf(pid);
     daemon.pid = pid;

@@ -22,6 +22,9 @@ struct Daemon {
     bool IsRunning() const { return pid != 0; }
 };
 
+// The process of the running daemon; 0 if it is not running.
+pid_t FindDaemonProcess();
+
 // The daemon of another appliance is never running.
 Daemon FindDaemon(const Appliance &appliance);
 
