@@ -676,6 +676,16 @@ def test_selected_and_sorted_jobs(known, ctl):
     assert refused.returncode == 2 and "--sort" in refused.stderr
 
 
+def test_an_expression_without_quotes(known, ctl):
+    result = ctl("explain", "*/5", "*", "*", "*", "*")
+    assert result.returncode == 2 and "in quotes" in result.stderr
+    remarks = json.loads(ctl("explain", "--period", "minutely", "--json").stdout)["remarks"]
+    assert any('"minutely" is read as "monthly"' in remark for remark in remarks)
+    assert any(
+        "one run in 60" in remark for remark in json.loads(ctl("explain", "~ 3 * * *", "--json").stdout)["remarks"]
+    )
+
+
 def test_a_time_in_the_past(known, ctl):
     result = ctl("next", "--at", "2h")
     assert result.returncode == 2

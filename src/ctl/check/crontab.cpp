@@ -4,6 +4,7 @@
 #include "ctl/display/phrases.h"
 #include "platform/kestutils.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <set>
@@ -75,6 +76,21 @@ Hint ExpectedIn(const std::string &key) {
                     ", a random value such as " + lowest + "~" + highest + R"(, "~" or "*")");
 }
 
+// Whether the daemon reads all of the text as items of the field.
+bool IsReadInFull(const std::string &key, const std::string &text) {
+    for (const std::string &item : KESTUtils::StringExplode(text, ",")) {
+        const bool ignoresRest = item.size() > 1 && (item.front() == '*' || item.front() == '~');
+        if (ignoresRest || ParseCronItem(key, item).fault != CronItemFault::None)
+            return false;
+    }
+    return true;
+}
+
+// Advice to write `text`, with a remark; the valid values if the daemon would not read that text.
+Hint AdviceFor(const std::string &key, const std::string &text, const std::string &remark = "") {
+    return IsReadInFull(key, text) ? Advice(text + remark) : ExpectedIn(key);
+}
+
 void AddAt(CheckedDefinition &checked, Severity severity, const Piece &piece,
            const std::string &message, const Hint &hint) {
     DiagnosticDetails details{"crontab", message, hint};
@@ -87,20 +103,21 @@ void AddAt(CheckedDefinition &checked, Severity severity, const Piece &piece,
 
 // --- Errors -------------------------------------------------------------------------------------
 
-// What to write instead of a range such as "1-5"; empty for other items.
-std::string RangeReplacement(const Piece &item) {
+// What to write instead of a range such as "1-5", or the valid values.
+Hint RangeAdvice(const Piece &item) {
     const std::vector<std::string> ends = KESTUtils::StringExplode(item.text, "-");
     std::int32_t from = 0;
     std::int32_t to = 0;
     if (ends.size() != 2 || !ReadNumber(ends[0], from) || !ReadNumber(ends[1], to) ||
         !IsValidFieldValue(item.key, from) || !IsValidFieldValue(item.key, to) || to <= from)
-        return {};
+        return ExpectedIn(item.key);
     std::vector<std::int32_t> numbers;
     for (std::int32_t number = from; number <= to; ++number)
         numbers.push_back(number);
     const bool all = numbers == NumbersOf(item.key);
-    return (all ? "*" : Joined(numbers)) + " for all values, " + ends[0] + "~" + ends[1] +
-           " for one random value";
+    const std::string random = std::to_string(from) + "~" + std::to_string(to);
+    return AdviceFor(item.key, all ? "*" : Joined(numbers),
+                     " for all values, " + random + " for one random value");
 }
 
 void AddNotANumber(CheckedDefinition &checked, const Piece &item, const std::string &offender) {
@@ -114,8 +131,7 @@ void AddNotANumber(CheckedDefinition &checked, const Piece &item, const std::str
         message = name + " " + Quoted(item.text) + ": steps are not supported";
     else if (offender.find('-') != std::string::npos) {
         message = name + " " + Quoted(item.text) + ": ranges with a dash are not supported";
-        if (const std::string replacement = RangeReplacement(item); !replacement.empty())
-            hint = Advice(replacement);
+        hint = RangeAdvice(item);
     } else if (offender != item.text)
         message = name + " " + Quoted(item.text) + ": " + Quoted(offender) + " is not a number";
     AddAt(checked, Severity::Error, item, message, hint);
@@ -194,13 +210,13 @@ void CheckIgnoredSuffix(CheckedDefinition &checked, const Piece &item) {
         const std::string replacement = StepReplacement(item);
         AddAt(checked, Severity::Warning, item,
               name + " " + Quoted(item.text) + " is read as" + all + ", every " + name,
-              replacement.empty() ? ExpectedIn(item.key) : Advice(replacement));
+              replacement.empty() ? ExpectedIn(item.key) : AdviceFor(item.key, replacement));
         return;
     }
     AddAt(checked, Severity::Warning, item,
           name + " " + Quoted(item.text) + " is read as" + all + ", a random value from " +
               std::to_string(parsed.range.from) + " to " + std::to_string(parsed.range.to),
-          Advice("both bounds, such as " + std::to_string(parsed.range.from) + item.text));
+          AdviceFor(item.key, std::to_string(parsed.range.from) + item.text));
 }
 
 // The values that match a field.
@@ -271,6 +287,20 @@ void CheckMissingDays(CheckedDefinition &checked, const CronFields &fields, cons
 }
 
 } // namespace
+
+std::string LostRuns(const CronFields &fields) {
+    const auto minutes = fields.find("Minute");
+    const bool maySkip =
+        minutes != fields.end() &&
+        std::any_of(minutes->second.begin(), minutes->second.end(), [](const CronRange &item) {
+            return item.type == CronRange::Random && item.from == 0;
+        });
+    if (!maySkip || MatchesOf(fields, "hour").any)
+        return {};
+    return "a minute that is drawn as 0 takes effect in the next hour: about one run in 60 does "
+           "not "
+           "take place, and one in 60 takes place twice; write: 1~59";
+}
 
 void CheckCrontab(CheckedDefinition &checked, const CronFields &fields) {
     const std::vector<Piece> pieces = FieldsOf(checked);

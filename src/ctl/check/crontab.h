@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 
 namespace kest::ctl {
 
@@ -26,6 +27,10 @@ void AddFieldCountError(CheckedDefinition &checked, const DefinitionFault &fault
 // Adds warnings about items that the daemon reads differently than their author probably intended,
 // and about days that never match. `fields` come from the expression, which must be valid.
 void CheckCrontab(CheckedDefinition &checked, const CronFields &fields);
+
+// The remark on an expression whose random minute may be 0 while its hour is not "*"; empty for all
+// others.
+std::string LostRuns(const CronFields &fields);
 
 } // namespace kest::ctl
 

@@ -147,27 +147,31 @@ void CheckIgnoredMembers(CheckedDefinition &checked, const JobDirectory &directo
 }
 
 void CheckPeriod(CheckedDefinition &checked) {
+    const std::string misread = MisreadPeriod(TextMember(checked.Config(), "period"));
+    if (!misread.empty())
+        WarnOfMember(checked, "period", misread, ExpectedFor("period"));
+}
+
+} // namespace
+
+std::string MisreadPeriod(const std::string &written) {
     // Accepted spellings; the first of each row is the recommended one.
     constexpr std::array<std::array<const char *, 3>, 5> spellings{{{"hourly", "hour", "h"},
                                                                     {"daily", "day", "d"},
                                                                     {"weekly", "week", "w"},
                                                                     {"monthly", "month", "m"},
                                                                     {"crontab", "cron", "c"}}};
-    std::string period = TextMember(checked.Config(), "period");
-    const std::string written = period;
+    std::string period = written;
     std::transform(period.begin(), period.end(), period.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     const std::optional<std::string> expression = PeriodCrontab(period, "own");
     for (const auto &row : spellings)
         if (expression && PeriodCrontab(row.front(), "own") == expression &&
             std::find(row.begin(), row.end(), period) == row.end())
-            WarnOfMember(checked, "period",
-                         Quoted(written) + " is read as \"" + row.front() +
-                             "\": only its first letter counts",
-                         ExpectedFor("period"));
+            return Quoted(written) + " is read as \"" + row.front() +
+                   "\": only its first letter counts";
+    return {};
 }
-
-} // namespace
 
 void CheckMembers(CheckedDefinition &checked, const JobDirectory &directory, bool alone) {
     if (!checked.Written().isObject())

@@ -5,8 +5,10 @@
 
 #include "core/job_files.h"
 #include "ctl/check/diagnostic.h"
+
 #include "job/cronjob.h"
 #include "job/definition.h"
+#include <string>
 
 #include <vector>
 
@@ -22,6 +24,10 @@ void CheckMembers(CheckedDefinition &checked, const JobDirectory &directory, boo
 // Adds warnings about the settings of a valid definition. `job` is the job that the daemon makes of
 // it.
 void CheckSettings(CheckedDefinition &checked, const CronJob &job);
+
+// How the daemon reads a period that is not one of the words for it; empty for these words and for
+// what is not a period.
+std::string MisreadPeriod(const std::string &written);
 
 } // namespace kest::ctl
 

@@ -37,7 +37,9 @@ std::vector<std::string> NearestOf(const std::string &word, const std::vector<st
     for (const std::string &candidate : known) {
         const bool contains = word.size() > 2 && candidate.find(word) != std::string::npos;
         const std::size_t distance = contains ? 0 : Distance(word, candidate);
-        if (distance <= 1 + word.size() / 3 && distance < candidate.size())
+        const std::size_t similar =
+            std::min(1 + word.size() / 3, std::max(std::size_t{1}, word.size() / 2));
+        if (distance <= similar && distance < candidate.size())
             near.emplace_back(distance, candidate);
     }
     std::stable_sort(near.begin(), near.end(),

@@ -52,7 +52,7 @@ struct NextOptions {
 int Next(const Context &context, const NextOptions &options);
 
 struct ExplainOptions {
-    std::string expression;
+    std::vector<std::string> expression; // of which only one is allowed
     std::string period;
 };
 int Explain(const Context &context, const ExplainOptions &options);

@@ -26,10 +26,13 @@ constexpr std::size_t kDraws = 3;
 constexpr std::size_t kStartsExplained = 5;
 
 std::string ExpressionOf(const ExplainOptions &options) {
+    if (options.expression.size() > 1)
+        throw Failure("explain takes one expression; write: kestcronctl explain '*/5 * * * *', in "
+                      "quotes, so that the shell does not replace \"*\" by file names");
     if (options.period.empty() == options.expression.empty())
         throw Failure("explain requires either an expression in quotes or --period");
     if (options.period.empty())
-        return options.expression;
+        return options.expression.front();
     const std::optional<std::string> expression = PeriodCrontab(options.period, "");
     if (!expression)
         throw Failure("\"" + options.period +
@@ -210,6 +213,10 @@ int Explain(const Context &context, const ExplainOptions &options) {
     if (!explanation.job.valid)
         throw Failure("\"" + explanation.expression + "\" is not a valid crontab expression: " +
                       (explanation.remarks.empty() ? "" : explanation.remarks.front()));
+    const std::string misread = options.period.empty() ? "" : MisreadPeriod(options.period);
+    for (const std::string &remark : {misread, LostRuns(explanation.job.cronFields())})
+        if (!remark.empty())
+            explanation.remarks.push_back(remark);
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");
     explanation.draws = Draws(context, explanation.job);
     explanation.starts =

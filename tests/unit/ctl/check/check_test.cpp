@@ -254,7 +254,7 @@ TEST(CheckJobFile, WarnsOfMisleadingCrontabs) {
          "23, a random value such as 0~23, \"~\" or \"*\")"},
         {R"("crontab": "* * ~5 * *")",
          "2:18 warning crontab: day \"~5\" is read as \"~\", a random value from 1 to 28 [\"~5\"] "
-         "(write: both bounds, such as 1~5)"},
+         "(write: 1~5)"},
         {R"("crontab": "* * 1 * 1")",
          "2:22 warning crontab: day \"1\" and weekday \"1\" must match on the same day [\"1\"] "
          "(write: \"*\" for one of the two)"},

@@ -23,7 +23,7 @@ TEST(NearestOf, FindsSimilarWords) {
 
 TEST(NearestOf, ReturnsTheMostSimilarFirst) {
     EXPECT_THAT(NearestOf("abc", {"abd", "abcd", "abc", "xyz"}, 2), ElementsAre("abcd", "abc"));
-    EXPECT_THAT(NearestOf("abX", {"aXY", "abd"}, 5), ElementsAre("abd", "aXY"));
+    EXPECT_THAT(NearestOf("abXd", {"aXYd", "abd"}, 5), ElementsAre("abd", "aXYd"));
 }
 
 TEST(NearestOf, IgnoresDissimilarWords) {
@@ -31,6 +31,7 @@ TEST(NearestOf, IgnoresDissimilarWords) {
     EXPECT_THAT(NearestOf("", kKnown, 3), IsEmpty());
     EXPECT_THAT(NearestOf("name", {}, 3), IsEmpty());
     EXPECT_THAT(NearestOf("xyz", {"a", "bc", "q"}, 3), IsEmpty());
+    EXPECT_THAT(NearestOf("foo", {"log"}, 1), IsEmpty());
 }
 
 } // namespace

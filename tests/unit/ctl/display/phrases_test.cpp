@@ -84,7 +84,7 @@ TEST(ScheduleInWords, MarksDrawnValues) {
         {"0 0 ~ 3 *", "0 0 9 3 -1", "yearly on the ~9th of March at 00:00"},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(ScheduleInWords(Schedule(row.schedule), JobOf(row.crontab).cronFields()),
+        EXPECT_EQ(ScheduleInWords(Schedule(row.schedule), CrontabJob(row.crontab).cronFields()),
                   row.words)
             << row.crontab;
 }
