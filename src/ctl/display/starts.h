@@ -35,6 +35,8 @@ struct JobStart : ComingStart {
     // that the process may start up to a minute after the second bound.
     std::time_t FirstStart() const { return earliest + delay.least; }
     std::time_t LastStart() const { return latest + delay.most; }
+    // Whether they are less than a minute apart.
+    bool IsExact() const { return LastStart() - FirstStart() < kMinute; }
 };
 
 // When the job ran last, by its document, limited to the range of the calendar.

@@ -196,7 +196,7 @@ private:
         std::size_t bands = 0;
         for (const JobRow &row : data_.rows)
             for (const JobStart &start : row.starts)
-                ++(start.FirstStart() == start.LastStart() ? starts : bands);
+                ++(start.IsExact() ? starts : bands);
         std::string text =
             Counted(data_.rows.size(), "job", "jobs") + ", " + Counted(starts, "start", "starts");
         if (bands != 0)
@@ -277,7 +277,7 @@ private:
     std::string Bands(const JobRow &row, double top) const {
         std::string text;
         for (const JobStart &start : row.starts) {
-            if (start.FirstStart() == start.LastStart())
+            if (start.IsExact())
                 continue;
             const double x = X(start.FirstStart()) + .5;
             const double width = std::max(X(start.LastStart() + 60) - x - 1, 2.);
@@ -299,7 +299,7 @@ private:
             together.clear();
         };
         for (const JobStart &start : row.starts) {
-            if (start.overdue || start.FirstStart() != start.LastStart())
+            if (start.overdue || !start.IsExact())
                 continue;
             if (!together.empty() && X(start.FirstStart()) - X(together.back()) < width + gap)
                 together.push_back(start.FirstStart());

@@ -158,7 +158,7 @@ private:
             const std::size_t column = ColumnOf(start.FirstStart());
             if (start.overdue) {
                 Put(cells[column], Cell::Overdue);
-            } else if (start.FirstStart() == start.LastStart()) {
+            } else if (start.IsExact()) {
                 const std::size_t half = CellOf(start.FirstStart(), 2 * columns_);
                 Put(cells[half / 2], half % 2 == 0 ? Cell::StartLeft : Cell::StartRight);
             } else {
