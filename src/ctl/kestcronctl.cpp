@@ -70,6 +70,7 @@ public:
             "status: 3 if kestcrond is not running; run: the exit status of the job.\n"
             "See kestcronctl(1).");
         AddQueries();
+        AddPredictions();
         AddLog();
         AddActions();
     }
@@ -143,6 +144,9 @@ private:
             ->capture_default_str()
             ->type_name("ORDER")
             ->check(CLI::IsMember({"name", "next", "last", "state"}).description(""));
+    }
+
+    void AddPredictions() {
         CLI::App *next = Add("next", "Show the next starts of one job or of all jobs",
                              "kestcronctl next -n 5 builtin-core-backup",
                              [this](const Context &c) { return Next(c, options_.next); });

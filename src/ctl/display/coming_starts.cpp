@@ -17,15 +17,6 @@ namespace kest::ctl {
 
 namespace {
 
-enum FieldIndex : std::size_t {
-    kMinuteField,
-    kHourField,
-    kDayField,
-    kMonthField,
-    kWeekField,
-    kFields
-};
-
 // Fields whose value comes from a future draw.
 using FieldSet = std::bitset<kFields>;
 

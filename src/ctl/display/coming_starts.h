@@ -30,6 +30,16 @@ struct ComingStart {
     std::size_t most = 1;  // and the largest number
 };
 
+// The fields in the order of FieldKeys().
+enum FieldIndex : std::size_t {
+    kMinuteField,
+    kHourField,
+    kDayField,
+    kMonthField,
+    kWeekField,
+    kFields
+};
+
 // In seconds.
 constexpr std::time_t kMinute = 60;
 constexpr std::time_t kHour = 60 * kMinute;

@@ -13,8 +13,6 @@ namespace kest::ctl {
 
 namespace {
 
-enum FieldIndex : std::size_t { kMinuteField, kHourField, kDayField, kMonthField, kWeekField };
-
 bool IsAny(std::uint64_t bits) {
     return bits == AdmittedBits({kAnyValue});
 }

@@ -35,9 +35,9 @@ std::string FirstWordOf(const Hint &hint) {
 
 TEST(CheckCrontab, AdvisesOnlyWhatTheDaemonReads) {
     const char *const parts[] = {"~", "*", "/", "-", "0", "1", "5", "10", "59", "99", "x", "~~"};
-    std::mt19937 bits(1);
     std::size_t advised = 0;
-    for (int round = 0; round < 8000; ++round) {
+    for (unsigned round = 0; round < 8000; ++round) {
+        std::minstd_rand bits(round);
         std::array<std::string, 5> fields{"1", "1", "1", "1", "1"};
         const std::size_t field = bits() % fields.size();
         fields[field].clear();

@@ -17,7 +17,7 @@ namespace {
 
 using testing::ElementsAre;
 
-const std::time_t kNow = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
+const std::time_t kPresent = Utc(2026, 6, 2, 2, 10, 30); // a Tuesday
 
 std::vector<LiveJob> JobsOf(const std::vector<std::string> &crontabs) {
     std::vector<LiveJob> jobs;
@@ -30,7 +30,7 @@ std::vector<LiveJob> JobsOf(const std::vector<std::string> &crontabs) {
 std::vector<std::string> Delays(const std::vector<LiveJob> &jobs, const Daemon &daemon = {},
                                 std::int32_t maxDelay = 300) {
     std::vector<std::string> texts;
-    for (const std::optional<JobStart> &next : NextStarts(jobs, daemon, maxDelay, kNow))
+    for (const std::optional<JobStart> &next : NextStarts(jobs, daemon, maxDelay, kPresent))
         texts.push_back(next ? std::to_string(next->delay.least) + "-" +
                                    std::to_string(next->delay.most)
                              : "never");
@@ -71,7 +71,7 @@ TEST_F(LaunchForecastTest, CountsJobsThatMayBeOverdue) {
     EXPECT_THAT(Delays(jobs), ElementsAre("0-0", "0-300"));
     // A job that runs each hour is not overdue after a day.
     jobs[0] = Job("job0", "5 * * * *",
-                  R"({"hours": 24, "lastExecution": )" + std::to_string(kNow - 60) + "}");
+                  R"({"hours": 24, "lastExecution": )" + std::to_string(kPresent - 60) + "}");
     EXPECT_THAT(Delays(jobs), ElementsAre("0-0", "0-0"));
 }
 
@@ -96,10 +96,10 @@ TEST_F(LaunchForecastTest, MatchesASimulation) {
         std::vector<JobStart> starts;
         const std::time_t minute = Utc(2026, 6, 2, 3 + static_cast<int>(bits() % 5), 0);
         for (const LiveJob &job : jobs)
-            for (JobStart &start : StartsOf(job, {}, {kNow, minute, minute + 59}, 9))
+            for (JobStart &start : StartsOf(job, {}, {kPresent, minute, minute + 59}, 9))
                 if (start.earliest == minute && start.undrawn.empty())
                     starts.push_back(std::move(start));
-        LaunchForecast(jobs, {}, 300, kNow).SetDelays(starts);
+        LaunchForecast(jobs, {}, 300, kPresent).SetDelays(starts);
         // The daemon in that minute, after the redraws before it.
         std::vector<LiveJob> later = jobs;
         for (std::time_t moment = Utc(2026, 6, 2, 2, 11); moment < minute; moment += kMinute)
