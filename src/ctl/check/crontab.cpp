@@ -249,7 +249,10 @@ bool IsRestricted(const Matches &matches, const std::string &key) {
 
 void CheckDayAndWeekday(CheckedDefinition &checked, const CronFields &fields, const Piece &day,
                         const Piece &week) {
-    if (IsRestricted(MatchesOf(fields, day.key), day.key) &&
+    // A list of many days is an exclusion of the others, and not read as "or".
+    constexpr std::size_t manyDays = 14;
+    const Matches days = MatchesOf(fields, day.key);
+    if (IsRestricted(days, day.key) && days.fixed.size() < manyDays &&
         IsRestricted(MatchesOf(fields, week.key), week.key))
         AddAt(checked, Severity::Warning, week,
               "day " + Quoted(day.text) + " and weekday " + Quoted(week.text) +

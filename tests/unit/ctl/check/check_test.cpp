@@ -261,6 +261,10 @@ TEST(CheckJobFile, WarnsOfMisleadingCrontabs) {
         {R"("crontab": "* * ~ * ~")",
          "2:22 warning crontab: day \"~\" and weekday \"~\" must match on the same day [\"~\"] "
          "(write: \"*\" for one of the two)"},
+        {R"("crontab": "* * 1,2,3,4,5,6,7,8,9,10,11,12,13 * 1")",
+         "2:50 warning crontab: day \"1,2,3,4,5,6,7,8,9,10,11,12,13\" and weekday \"1\" must match "
+         "on the same day [\"1\"] (write: \"*\" for one of the two)"},
+        {R"("crontab": "* * 1,2,3,4,5,6,7,8,9,10,11,12,13,14 * 1")", ""},
         {R"("crontab": "* * 30 2 *")",
          "2:18 warning crontab: February never has day 30: the job never runs [\"30\"] (expected: "
          "days that every month of the expression has)"},
