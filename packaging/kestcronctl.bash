@@ -24,7 +24,7 @@ _kestcronctl_files() {
 
 _kestcronctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
-    local commands='check list next explain status log show timeline run reload metrics'
+    local commands='check import list next explain status log show timeline run reload metrics'
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         if [[ ${COMP_WORDS[i - 1]} != --root && " $commands " == *" $word "* ]]; then
@@ -67,6 +67,10 @@ _kestcronctl() {
         mapfile -t COMPREPLY < <(cd /usr/share/zoneinfo 2>/dev/null && compgen -f -- "$current")
         return
         ;;
+    --account)
+        mapfile -t COMPREPLY < <(compgen -u -- "$current")
+        return
+        ;;
     -n | --hours | --timeout) return ;;
     esac
     if [[ $current == -* ]]; then
@@ -74,6 +78,7 @@ _kestcronctl() {
         case $command in
         '') options+=' --version' ;;
         check) options+=' --errors-only --portable' ;;
+        import) options+=' --system --account' ;;
         list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;
@@ -86,7 +91,7 @@ _kestcronctl() {
     fi
     case $command in
     '') mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
-    check) _kestcronctl_files -f "$current" ;;
+    check | import) _kestcronctl_files -f "$current" ;;
     list | next | show | run) _kestcronctl_jobs "$current" ;;
     esac
 }

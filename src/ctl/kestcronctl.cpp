@@ -40,6 +40,7 @@ struct Options {
     std::string timeZone;
     bool json = false;
     CheckOptions check;
+    ImportOptions import;
     ListOptions list;
     NextOptions next;
     ExplainOptions explain;
@@ -67,10 +68,12 @@ public:
         app_.require_subcommand(1);
         app_.footer(
             "Exit status: 0 success, 1 problems found or no match, 2 usage or other error.\n"
+            "import: 1 if a line has no exact equivalent.\n"
             "status: 3 if kestcrond is not running; run: the exit status of the job.\n"
             "See kestcronctl(1).");
         AddQueries();
         AddPredictions();
+        AddImport();
         AddLog();
         AddActions();
     }
@@ -185,6 +188,20 @@ private:
         Add("metrics", "Print metrics for Prometheus",
             "kestcronctl metrics > /var/lib/node_exporter/kestcron.prom",
             [](const Context &c) { return Metrics(c); });
+    }
+
+    void AddImport() {
+        CLI::App *import = Add("import", "Turn a classic crontab into a job file",
+                               "kestcronctl import --system /etc/crontab > system.conf",
+                               [this](const Context &c) { return Import(c, options_.import); });
+        import->add_option("CRONTAB", options_.import.crontab, "File, or - for standard input")
+            ->type_name("")
+            ->required();
+        CLI::Option *system = import->add_flag("--system", options_.import.system,
+                                               "The account stands before each command");
+        import->add_option("--account", options_.import.account, "Account of the jobs")
+            ->type_name("NAME")
+            ->excludes(system);
     }
 
     void AddLog() {

@@ -237,7 +237,7 @@ def test_help_of_every_command(machine, ctl):
     overview = ctl("--help")
     assert overview.returncode == 0
     commands = re.findall(r"^  (\w+)  ", overview.stdout.split("Subcommands:")[1], re.MULTILINE)
-    assert len(commands) == 11
+    assert len(commands) == 12
     for command in commands:
         result = ctl(command, "--help")
         assert result.returncode == 0
@@ -970,6 +970,10 @@ def test_completion(known, ctl):
     assert complete(known, "kestcronctl", "li") == ["list"]
     assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late", "builtin-core-leap"]
     assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--tz", "--json", "--help", "--at"]
+    assert complete(known, "kestcronctl", "imp") == ["import"]
+    assert complete(known, "kestcronctl", "import", "--a") == ["--account"]
+    assert complete(known, "kestcronctl", "import", "--account", "alic") == ["alice"]
+    assert complete(known, "kestcronctl", "import", "/share/kestcronctl.b") == ["/share/kestcronctl.bash"]
     assert complete(known, "kestcronctl", "log", "--job", "pkg_") == ["pkg_nonroot-alice-own-report"]
     assert complete(known, "kestcronctl", "show", "rep") == ["report"]
     assert complete(known, "kestcronctl", "run", "pkg-x") == [r"pkg-x-\$\(touch\ /tmp/owned\)\ \`touch\ /tmp/owned\`"]

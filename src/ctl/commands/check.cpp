@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <iostream>
-#include <utility>
 
 namespace kest::ctl {
 
@@ -35,6 +34,10 @@ const char *NameOf(Severity severity) {
 Json::Value TextOrNull(const std::string &text) {
     return text.empty() ? Json::Value() : Json::Value(text);
 }
+
+} // namespace
+
+namespace {
 
 Json::Value ToJson(const CheckResult &result) {
     Json::Value json;

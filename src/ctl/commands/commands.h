@@ -36,6 +36,14 @@ struct CheckOptions {
 // Returns 1 if it found problems.
 int Check(const Context &context, const CheckOptions &options);
 
+struct ImportOptions {
+    std::string crontab; // "-" for standard input
+    bool system = false; // with a user column
+    std::string account; // empty for that of the caller
+};
+// Returns 1 if a line has no exact equivalent.
+int Import(const Context &context, const ImportOptions &options);
+
 struct ListOptions {
     std::vector<std::string> patterns; // of which one must match; empty for all jobs
     std::vector<std::string> states;   // as in JSON; empty for all

@@ -25,16 +25,17 @@ std::string ErrorText() {
     return std::strerror(errno);
 }
 
-std::map<uid_t, std::string> ReadAccounts(const std::string &path) {
-    std::map<uid_t, std::string> accounts;
+void ReadAccounts(const std::string &path, std::map<uid_t, std::string> &accounts,
+                  std::map<std::string, std::string> &homes) {
     std::string content = ReadFile(path);
     if (content.empty())
-        return accounts;
+        return;
     const std::unique_ptr<FILE, int (*)(FILE *)> file(fmemopen(content.data(), content.size(), "r"),
                                                       std::fclose);
-    while (const passwd *entry = file ? fgetpwent(file.get()) : nullptr)
+    while (const passwd *entry = file ? fgetpwent(file.get()) : nullptr) {
         accounts.emplace(entry->pw_uid, entry->pw_name);
-    return accounts;
+        homes.emplace(entry->pw_name, entry->pw_dir);
+    }
 }
 
 } // namespace
@@ -50,7 +51,7 @@ Appliance::Appliance(const std::string &root) {
     if (!S_ISDIR(status.st_mode))
         throw Failure(root + ": " + std::strerror(ENOTDIR));
     root_ = std::strcmp(real.get(), "/") == 0 ? "/." : real.get();
-    accounts_ = ReadAccounts(Locate("/etc/passwd"));
+    ReadAccounts(Locate("/etc/passwd"), accounts_, homes_);
 }
 
 std::string Appliance::Locate(const std::string &path) const {
@@ -105,6 +106,17 @@ std::optional<std::string> Appliance::AccountName(uid_t uid) const {
     }
     const auto found = accounts_.find(uid);
     return found != accounts_.end() ? std::optional<std::string>(found->second) : std::nullopt;
+}
+
+std::optional<std::string> Appliance::HomeOf(const std::string &name) const {
+    if (!HasAccount(name))
+        return std::nullopt;
+    if (IsLocal()) {
+        const passwd *entry = getpwnam(name.c_str());
+        return entry != nullptr ? std::optional<std::string>(entry->pw_dir) : std::nullopt;
+    }
+    const auto found = homes_.find(name);
+    return found != homes_.end() ? std::optional<std::string>(found->second) : std::nullopt;
 }
 
 std::vector<std::string> NamesIn(const std::string &directory) {

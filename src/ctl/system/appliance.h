@@ -28,10 +28,15 @@ public:
     bool HasAccount(const std::string &name) const;
     // The name of an account; nothing if it does not exist.
     std::optional<std::string> AccountName(uid_t uid) const;
+    // The home directory of an account, as the account database has it; nothing if the account does
+    // not exist.
+    std::optional<std::string> HomeOf(const std::string &name) const;
 
 private:
     std::string root_;
-    std::map<uid_t, std::string> accounts_; // only of another appliance
+    // Only of another appliance.
+    std::map<uid_t, std::string> accounts_;
+    std::map<std::string, std::string> homes_;
 };
 
 // The entries of a directory except hidden ones, in the order in which the daemon reads them.
