@@ -40,6 +40,8 @@ GREETING = " hello  world "
 12 2 * * * alice	show-itself "one  two" $((1+1)) "$GREETING" '\%' [[ %first line%second \% line
 HOME=/srv
 12 2 2 * 5 root show-itself root; [[ -t 0 ]] || echo shell >> /tmp/ran-root
+HOME=/missing
+12 2 * * * root show-itself lost%last line
 """
     machine.path("/etc/passwd").write_text(
         re.sub("^(alice:.*:)[^:]*(:[^:]*)$", r"\1/nonexistent\2", machine.read("/etc/passwd"), flags=re.M)
@@ -48,10 +50,11 @@ HOME=/srv
     assert (result.returncode, result.stderr) == (0, "")
     check = ctl("check", PKG + "/tab.conf")
     assert (check.returncode, check.stdout) == (0, "")
-    assert check.stderr == "1 file, 3 jobs: no problems\n"
+    assert check.stderr == "1 file, 4 jobs: no problems\n"
     machine.start_and_wait()
     ran = lambda name: machine.read(f"/tmp/ran-{name}") if machine.exists(f"/tmp/ran-{name}") else ""
     wait_for(lambda: ran("one  two").endswith("line\n") and ran("root").endswith("shell\n"))
+    wait_for(lambda: ran("lost").endswith("last line\n"))
     assert ran("one  two").splitlines() == [
         "/nonexistent",
         PROGRAM + " one  two 2  hello  world  % [[",
@@ -63,6 +66,7 @@ HOME=/srv
         "first line",
         "second % line",
     ]
+    assert ran("lost").startswith("/\n")
     assert ran("root").splitlines() == [
         "/srv",
         PROGRAM + " root",
@@ -102,7 +106,7 @@ def test_json_output(machine, ctl):
             "crontab": "0 3 * * *",
             "cmd_list": [
                 *("/usr/bin/env", "-i", "HOME=/root", "LOGNAME=root", "PATH=/usr/bin:/bin", "SHELL=/bin/sh"),
-                *("/bin/sh", "-c", 'cd && exec "$SHELL" -c "$0"', "y"),
+                *("/bin/sh", "-c", 'cd; exec "$SHELL" -c "$0"', "y"),
             ],
         }
     ]

@@ -190,10 +190,10 @@ ClassicLine ParseEntry(LineReader reader, bool userColumn) {
         entry.account = reader.Word();
     entry.commandColumn = reader.Column();
     const std::string_view text = reader.Rest();
-    if (const auto pair = text.find("\\\\"); pair != std::string_view::npos)
-        entry.remarks.push_back({entry.commandColumn + pair,
-                                 "two backslashes are kept; some programs make one of them"});
     ClassicCommand command = SplitClassicCommand(text);
+    if (command.command.find("\\\\") != std::string::npos)
+        entry.remarks.push_back({entry.commandColumn + text.find("\\\\"),
+                                 "two backslashes are kept; some programs make one of them"});
     if (command.command.empty())
         return LineRemark{entry.commandColumn, "there is no command", FiveFields(userColumn)};
     entry.command = std::move(command.command);

@@ -20,10 +20,11 @@ namespace {
 
 // The first shell changes to the home directory and becomes the shell of the crontab, which takes
 // the command as its one argument, as in a classic crontab: nothing has to be quoted again. It runs
-// from its own path, so that it may be a link, unlike the program of a job.
+// from its own path, so that it may be a link, unlike the program of a job. Many accounts of
+// programs have a home directory that does not exist; their commands run all the same.
 constexpr const char *kFirstShell = "/bin/sh";
-constexpr const char *kRunCommand = R"(cd && exec "$SHELL" -c "$0")";
-constexpr const char *kRunCommandWithInput = R"(cd && printf %s "$1" | "$SHELL" -c "$0")";
+constexpr const char *kRunCommand = R"(cd; exec "$SHELL" -c "$0")";
+constexpr const char *kRunCommandWithInput = R"(cd; printf %s "$1" | "$SHELL" -c "$0")";
 
 constexpr std::size_t kMostVariables = 256;
 

@@ -72,6 +72,7 @@ TEST(ClassicLine, CommandsAreTheRestOfTheLine) {
         {"* * * * * x%a%b", "[x] [a\nb\n]"},
         {"* * * * * x%a\\%b%", "[x] [a%b\n]"},
         {"* * * * * x%", "[x]"},
+        {R"(* * * * * x%a\\b)", "[x] [a\\\\b\n]"},
         {"* * * * * x \\\\ y", "[x \\\\ y] 13: two backslashes are kept; some programs make one of "
                                "them"},
         {"0 0 */2 * 1 x", "[x] 11: the job starts when day and weekday match, because one of them "

@@ -14,7 +14,6 @@ namespace kest::ctl {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 ImportSettings SettingsOf(bool userColumn) {
@@ -99,15 +98,15 @@ TEST(Import, CommandsHaveTheEnvironmentOfTheClassicLine) {
     EXPECT_THAT(ArgumentsOf(jobs[0]),
                 ElementsAre("/usr/bin/env", "-i", "HOME=/home/alice", "LOGNAME=alice",
                             "PATH=/usr/bin:/bin", "SHELL=/bin/sh", "/bin/sh", "-c",
-                            R"(cd && exec "$SHELL" -c "$0")", "a"));
+                            R"(cd; exec "$SHELL" -c "$0")", "a"));
     EXPECT_THAT(ArgumentsOf(jobs[1]),
                 ElementsAre("/usr/bin/env", "-i", "HOME=/home/alice", "LOGNAME=alice",
                             "PATH=/usr/bin:/bin", "SHELL=/bin/bash", "X= y ", "/bin/sh", "-c",
-                            R"(cd && exec "$SHELL" -c "$0")", "b"));
+                            R"(cd; exec "$SHELL" -c "$0")", "b"));
     EXPECT_THAT(ArgumentsOf(jobs[2]),
                 ElementsAre("/usr/bin/env", "-i", "LOGNAME=alice", "SHELL=/bin/bash", "X=z",
                             "HOME=/srv", "PATH=/opt", "/bin/sh", "-c",
-                            R"(cd && printf %s "$1" | "$SHELL" -c "$0")", "c", "d\ne\n"));
+                            R"(cd; printf %s "$1" | "$SHELL" -c "$0")", "c", "d\ne\n"));
 }
 
 TEST(Import, AccountsAreThoseOfTheLines) {
@@ -184,7 +183,7 @@ TEST(Import, JobFilesHaveTheLinesAsComments) {
         "period": "crontab",
         "crontab": "30 3 * * *",
         "cmd_list": ["/usr/bin/env", "-i", "HOME=/home/alice", "LOGNAME=alice", "PATH=/usr/bin:/bin", "SHELL=/bin/sh", "MAILTO=ops",
-                     "/bin/sh", "-c", "cd && printf %s \"$1\" | \"$SHELL\" -c \"$0\"",
+                     "/bin/sh", "-c", "cd; printf %s \"$1\" | \"$SHELL\" -c \"$0\"",
                      "date +%d > \"x\"", "caf\u00e9 \u202e\n"]
     }
     // line 3: * * * * * y\x1b[2J
