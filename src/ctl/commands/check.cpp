@@ -35,10 +35,6 @@ Json::Value TextOrNull(const std::string &text) {
     return text.empty() ? Json::Value() : Json::Value(text);
 }
 
-} // namespace
-
-namespace {
-
 Json::Value ToJson(const CheckResult &result) {
     Json::Value json;
     json["files"] = Json::UInt64{result.files};
