@@ -37,6 +37,9 @@ QuarterTime QuarterTimeOf(std::time_t begin) {
 } // namespace
 
 std::optional<std::tm> LocalTime(std::time_t time) {
+    constexpr std::time_t farthest = std::time_t{1} << 56; // its year does not fit into an int
+    if (time < -farthest || time > farthest)
+        return std::nullopt;
     static std::array<QuarterTime, 4096> known; // more than a month has
     static std::string zone;                    // that they are of
     const char *const presentZone = std::getenv("TZ");

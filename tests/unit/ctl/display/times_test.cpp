@@ -34,6 +34,7 @@ TEST(LocalTime, IsThatOfTheLibrary) {
         }
     }
     EXPECT_FALSE(LocalTime(std::numeric_limits<std::time_t>::max()).has_value());
+    EXPECT_FALSE(LocalTime(std::numeric_limits<std::time_t>::min()).has_value());
 }
 
 TEST(WhenInWords, IsRelativeToNow) {
