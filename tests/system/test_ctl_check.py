@@ -6,8 +6,10 @@ import random
 import re
 
 import pytest
-from tests.lib.appliance import RECORD, SOURCES
+from tests.lib.appliance import RECORD, SOURCES, every_minute
+from tests.lib.ctl import TOOL
 from tests.lib.definitions import GOOD, Definitions, damaged_files
+from tests.lib.private_machine import wait_for
 
 PKG = SOURCES["pkg"]
 ACCOUNTS = SOURCES["pkg_nonroot"]
@@ -403,6 +405,94 @@ def test_jobs_that_the_daemon_does_not_load(machine, ctl):
     assert [problem["job"] for problem in json.loads(ctl("reload", "--json").stdout)["problems"]] == refused_jobs(
         answer
     )
+
+
+def elf_for_another_system():
+    """The header of a program for S390, where no test runs."""
+    header = bytearray(64)
+    header[:6] = b"\x7fELF\x02\x02"
+    header[16:20] = (2).to_bytes(2, "big") + (22).to_bytes(2, "big")
+    return bytes(header)
+
+
+# Programs in /opt, their mode, and why each cannot be started, if so.
+PROGRAMS = {
+    "script": (b"#!/bin/sh\n", 0o755, None),
+    "options": (b"#! /bin/sh -e\n", 0o755, None),
+    "not-executable": (b"#!/bin/sh\n", 0o644, None),
+    "of-script": (b"#!/opt/script\n", 0o755, None),
+    "text": (b"echo\n", 0o755, 'it begins neither with "#!" nor as an ELF program'),
+    "bytes": (bytes(range(256)), 0o755, 'it begins neither with "#!" nor as an ELF program'),
+    "blank": (b"#! \n", 0o755, "the kernel finds no interpreter in its first line"),
+    "missing": (b"#!/bin/none\n", 0o755, 'its interpreter "/bin/none" does not exist'),
+    "dos": (b"#!/bin/sh\r\n", 0o755, r'its interpreter "/bin/sh\r" does not exist'),
+    "directory": (b"#!/bin\n", 0o755, 'its interpreter "/bin" is not a regular file'),
+    "plain": (b"#!/opt/not-executable\n", 0o755, 'its interpreter "/opt/not-executable" is not executable'),
+    "of-text": (b"#!/opt/text\n", 0o755, 'its interpreter "/opt/text" cannot be started'),
+    "elf": (elf_for_another_system(), 0o755, "it is for S390, 64 bits, big-endian, and the system is "),
+    "part-of-elf": (elf_for_another_system()[:17], 0o755, "it is an ELF file, but not a program"),
+}
+
+
+@pytest.mark.native(reason="the programs of the machine are not those of the emulated system")
+def test_programs_that_cannot_be_started(machine, ctl):
+    machine.template(maxDelay=0)
+    expected = {}
+    for name, (content, mode, fault) in PROGRAMS.items():
+        machine.write("/opt/" + name, content, mode)
+        if fault:
+            expected["pkg-f-" + name] = f'program "/opt/{name}" cannot be started: {fault}'
+    machine.path("/opt/link").symlink_to("/opt/script")
+    machine.path("/opt/plain-link").symlink_to("/opt/not-executable")
+    expected[
+        "pkg-f-plain-link"
+    ] = 'program "/opt/plain-link" cannot be started: the target of the link is not executable'
+    names = [*PROGRAMS, "link", "plain-link"]
+    definitions = [every_minute(name, cmd="/opt/" + name) for name in names]
+    machine.jobs("pkg", "f", [*definitions, every_minute("program", cmd=TOOL)])
+    _, answer = ctl.json("check")
+    assert answer["errors"] == 0
+    warned = {p["job"]: p["message"] for p in answer["problems"] if "cannot be started" in p["message"]}
+    assert warned.keys() == expected.keys()
+    assert all(warned[job].startswith(text) for job, text in expected.items()), warned
+    assert "cannot be started" not in ctl("check", "--portable", PKG).stdout
+    machine.start_and_wait()
+    log = machine.log_lines
+
+    def launches(name):
+        return sum(f" running job: pkg-f-{name} " in line and " failed, " not in line for line in log())
+
+    wait_for(lambda: all(launches(name) > 1 for name in [*names, "program"]), what="two starts of each job")
+    wait_for(lambda: expected.keys() <= failed_jobs(log()), what="the failures")
+    assert failed_jobs(log()) == expected.keys()
+
+
+def failed_jobs(lines):
+    return {line.split(" running job: ")[1].split()[0] for line in lines if " failed, return code: " in line}
+
+
+def test_programs_of_another_appliance(machine, ctl):
+    root = "/tmp/other"
+    for name, (content, mode, _) in PROGRAMS.items():
+        machine.write(f"{root}/opt/{name}", content, mode)
+    machine.write(root + PKG + "/f", json.dumps([{**GOOD, "name": name, "cmd": "/opt/" + name} for name in PROGRAMS]))
+
+    def unable():
+        _, answer = ctl.json("--root", root, "check")
+        return {problem["job"].removeprefix("pkg-f-") for problem in answer["problems"]}
+
+    # The interpreters and the architecture are unknown in a part of a system.
+    of_themselves = {"text", "bytes", "blank", "part-of-elf"}
+    assert unable() == of_themselves
+    # A system of the same architecture as the one program.
+    machine.path(root + "/bin").mkdir()
+    machine.path(root + "/usr").joinpath("bin").mkdir()
+    machine.write(root + "/usr/bin/real-sh", elf_for_another_system(), 0o755)
+    machine.path(root + "/bin/sh").symlink_to("/usr/bin/real-sh")
+    assert unable() == of_themselves | {"missing", "dos", "directory", "plain", "of-text"}
+    # A system of another one.
+    machine.write(root + "/usr/bin/real-sh", elf_for_another_system()[:18] + b"\0\x08" + bytes(44), 0o755)
+    assert unable() == of_themselves | {"missing", "dos", "directory", "plain", "of-text", "elf"}
 
 
 def test_duplicate_names(machine, ctl):

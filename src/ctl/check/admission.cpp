@@ -98,6 +98,9 @@ void CheckProgram(CheckedDefinition &checked, const std::string &member, const s
         Warn(checked, member, shown + " is empty");
     if (program.exists && program.regular && !program.link.empty())
         CheckLink(checked, member, path, program);
+    if (program.startFault)
+        Warn(checked, member, shown + " cannot be started: " + program.startFault->text,
+             program.startFault->hint);
     if (!program.writableDirectory.empty())
         Warn(checked, member,
              shown + " can be replaced: other users can write to " +

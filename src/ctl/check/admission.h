@@ -4,9 +4,11 @@
 #define CTL_CHECK_ADMISSION_H
 
 #include "ctl/check/diagnostic.h"
+#include "ctl/check/executable.h"
 #include "job/cronjob.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace kest::ctl {
@@ -22,7 +24,8 @@ struct Program {
     bool exists = false; // the first three follow links
     bool regular = false;
     bool empty = false;
-    std::string link;              // target, if the program is a symbolic link
+    std::string link;                     // target, if the program is a symbolic link
+    std::optional<StartFault> startFault; // why it cannot be started, if that is known
     std::string writableDirectory; // on its path, writable by users other than root and the account
 };
 
@@ -33,7 +36,8 @@ struct Environment {
     std::function<Program(const std::string &path, const std::string &account)> program;
 };
 
-// Adds warnings about a valid definition. `job` is the job that the daemon makes of it.
+// Adds what is wrong with a valid definition: errors where the daemon leaves the job out, warnings
+// elsewhere. `job` is the job that the daemon makes of it.
 void CheckAdmission(CheckedDefinition &checked, const CronJob &job, const Environment &environment);
 
 } // namespace kest::ctl

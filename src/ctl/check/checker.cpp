@@ -3,7 +3,7 @@
 #include "core/account_files.h"
 #include "ctl/check/paths.h"
 #include "ctl/check/rights.h"
-#include "ctl/system/files.h"
+#include "ctl/check/system_state.h"
 #include "job/account.h"
 
 #include <algorithm>
@@ -21,78 +21,6 @@
 namespace kest::ctl {
 
 namespace {
-
-// Looks up accounts and programs, each once.
-class SystemState {
-public:
-    explicit SystemState(const Appliance &appliance) : appliance_(appliance) {}
-
-    Account AccountOf(const Json::Value &config);
-    const Program &ProgramAt(const std::string &path, const std::string &account);
-
-private:
-    Program Inspect(const std::string &path, const std::string &account);
-    bool IsWritableByOthers(const std::string &directory, bool last,
-                            const std::string &account) const;
-
-    const Appliance &appliance_;
-    std::map<std::string, bool> accounts_;
-    std::map<std::pair<std::string, std::string>, Program> programs_;
-};
-
-Account SystemState::AccountOf(const Json::Value &config) {
-    Account account{kest::AccountOf(config).value_or(""), false};
-    const auto [entry, isNew] = accounts_.try_emplace(account.name, false);
-    if (isNew)
-        entry->second = !appliance_.HasAccounts() || appliance_.HasAccount(account.name);
-    account.exists = entry->second;
-    return account;
-}
-
-const Program &SystemState::ProgramAt(const std::string &path, const std::string &account) {
-    const auto [entry, isNew] = programs_.try_emplace({path, account});
-    if (isNew)
-        entry->second = Inspect(path, account);
-    return entry->second;
-}
-
-Program SystemState::Inspect(const std::string &path, const std::string &account) {
-    Program program;
-    struct stat status {};
-    if (stat(appliance_.Locate(path).c_str(), &status) == 0) {
-        program.exists = true;
-        program.regular = S_ISREG(status.st_mode);
-        program.empty = status.st_size == 0;
-    }
-    const auto slash = path.rfind('/');
-    const std::string itself = appliance_.Locate(path.substr(0, slash + 1)) + path.substr(slash);
-    program.link = ReadLink(itself);
-    for (auto end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
-        const std::string directory = path.substr(0, std::max<std::size_t>(end, 1));
-        if (program.writableDirectory.empty() &&
-            IsWritableByOthers(directory, end == slash, account))
-            program.writableDirectory = directory;
-    }
-    return program;
-}
-
-// Whether users other than root and the account can replace entries of a directory on a program's
-// path. `last` marks the directory that contains the program.
-bool SystemState::IsWritableByOthers(const std::string &directory, bool last,
-                                     const std::string &account) const {
-    struct stat status {};
-    if (stat(appliance_.Locate(directory).c_str(), &status) == -1)
-        return false;
-    const bool own = appliance_.AccountName(status.st_uid) == account;
-    if (status.st_uid != 0 && !own)
-        return true;
-    // In a sticky directory nobody can remove the entries of others, but anybody can add entries.
-    if ((status.st_mode & S_ISVTX) != 0 && !last)
-        return false;
-    // An account may share its own directory with a group.
-    return (status.st_mode & S_IWOTH) != 0 ||
-           ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_uid == 0);
-}
 
 void Append(std::vector<Diagnostic> &diagnostics, std::vector<Diagnostic> more) {
     diagnostics.insert(diagnostics.end(), std::make_move_iterator(more.begin()),

@@ -61,9 +61,9 @@ std::vector<ListedJob> JobsToList(const Context &context, const Snapshot &snapsh
     std::vector<ListedJob> jobs;
     for (std::size_t i = 0; i < nexts.size(); ++i) {
         const LiveJob &job = runtime.jobs[i];
-        ListedJob listed{&job, JobStatusOf(job, snapshot.daemon), std::move(nexts[i])};
-        if (IsListed(options, listed))
-            jobs.push_back(std::move(listed));
+        jobs.push_back({&job, JobStatusOf(job, snapshot.daemon), std::move(nexts[i])});
+        if (!IsListed(options, jobs.back()))
+            jobs.pop_back();
     }
     Sort(jobs, options.sort);
     return jobs;
