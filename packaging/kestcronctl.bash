@@ -77,7 +77,7 @@ _kestcronctl() {
         local options='--root --tz --json --help'
         case $command in
         '') options+=' --version' ;;
-        check) options+=' --errors-only --portable' ;;
+        check) options+=' --errors-only --portable --account' ;;
         import) options+=' --system --account' ;;
         list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;

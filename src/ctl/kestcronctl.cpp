@@ -134,6 +134,9 @@ private:
                         "Show errors only, no warnings");
         check->add_flag("--portable", options_.check.portable,
                         "Do not check the accounts and programs of this system");
+        check
+            ->add_option("--account", options_.check.account, "Check PATH as files of this account")
+            ->type_name("NAME");
         CLI::App *list = Add("list", "List jobs with their schedules, last and next runs",
                              "kestcronctl list '*backup*'",
                              [this](const Context &c) { return List(c, options_.list); });

@@ -4,6 +4,8 @@ import json
 import os
 import random
 import re
+import shutil
+from pathlib import Path
 
 import pytest
 from tests.lib.appliance import RECORD, SOURCES, every_minute
@@ -713,3 +715,80 @@ def test_a_system_without_accounts(machine, ctl):
     machine.write("/tmp/tree/etc/passwd", "root:x:0:0::/:/bin/sh\n")
     (problem,) = ctl.json("--root", "/tmp/tree", "check")[1]["problems"]
     assert problem["member"] == "package_username"
+
+
+# --- Files of an account outside its directory --------------------------------------------------
+
+OF_AN_ACCOUNT = {key: GOOD[key] for key in ("name", "period", "cmd")}
+EXAMPLES = Path(__file__).parents[2] / "examples"
+
+
+def problems_of(ctl, *arguments):
+    """Job, severity and message of each problem."""
+    done = ctl("check", "--json", *arguments)
+    return [
+        (problem["job"], problem["severity"], problem["message"]) for problem in json.loads(done.stdout)["problems"]
+    ]
+
+
+def test_files_of_an_account_before_they_are_installed(machine, ctl):
+    """Their problems are those of the same files in the directory of the account, where the daemon has the
+    last word."""
+    machine.account_directory("alice")
+    for directory in (ACCOUNTS + "/alice", "/tmp/build"):
+        machine.write(directory + "/a", json.dumps([{**GOOD, "user": "root"}, {**GOOD, "name": "y", "period": "x"}]))
+        machine.write(directory + "/b", json.dumps([OF_AN_ACCOUNT]))
+        machine.write(directory + "/c", json.dumps([{**GOOD, "name": "n" * 240}]))
+        machine.write(directory + "/d", json.dumps([{**OF_AN_ACCOUNT, "name": f"n{i}"} for i in range(1022)]))
+        machine.write(directory + "/e", json.dumps([OF_AN_ACCOUNT]) + " " * 2000)
+        machine.write(directory + "/.hidden", json.dumps([GOOD]))
+        machine.path(directory + "/sub").mkdir()
+    installed = problems_of(ctl, ACCOUNTS + "/alice")
+    assert problems_of(ctl, "--account", "alice", "/tmp/build") == installed
+    messages = [message for _, _, message in installed]
+    assert any('"user" is ignored: all jobs in this directory run as "alice"' in message for message in messages)
+    assert any('exceeds the quota of account "alice"' in message for message in messages)
+    assert any("has 260 bytes: the daemon will not load this job" in message for message in messages)
+    machine.start_and_wait()
+    refused = {job for job, severity, _ in installed if severity == "error" and job}
+    assert refused == {"pkg_nonroot-alice-a-y", "pkg_nonroot-alice-c-" + "n" * 240}
+    assert machine.entries().keys() == {"pkg_nonroot-alice-a-x", "pkg_nonroot-alice-b-x", "pkg_nonroot-alice-e-x"}
+    # Files that are named share the quota with each other only.
+    assert problems_of(ctl, "--account", "alice", "/tmp/build/d") == []
+    assert len(problems_of(ctl, "--account", "alice", "/tmp/build/d", "/tmp/build/b", "/tmp/build/e")) == 1
+    assert problems_of(ctl, "--account", "alice", "/tmp/build/.hidden")[0][2] == "the daemon ignores hidden files"
+    # The same files elsewhere have other problems.
+    assert problems_of(ctl, "/tmp/build/b") != []
+
+
+def test_the_account_of_files(machine, ctl):
+    machine.write("/tmp/build/f", json.dumps([OF_AN_ACCOUNT]))
+    assert problems_of(ctl, "--account", "carol", "/tmp/build") == [
+        ("pkg_nonroot-carol-f-x", "error", 'account "carol" does not exist: the daemon will not load this job')
+    ]
+    assert problems_of(ctl, "--portable", "--account", "carol", "/tmp/build") == []
+    for arguments, error in [
+        (["--account", "alice"], "--account requires the files or directories of the account"),
+        (["--account", "", "/tmp/build"], "--account requires the name of an account"),
+        (["--account", "alice", "/tmp/nothing"], "/tmp/nothing: No such file or directory"),
+    ]:
+        done = ctl("check", *arguments)
+        assert (done.returncode, done.stdout, done.stderr) == (2, "", f"kestcronctl: {error}\n")
+
+
+def test_the_accounts_of_a_tree_without_accounts(machine, ctl):
+    tree = machine.path("/tmp/tree")
+    shutil.copytree(EXAMPLES, tree)
+    for path in [tree, *tree.rglob("*")]:
+        os.chown(path, 4711, 4711)
+    _, answer = ctl.json("--root", "/tmp/tree", "check")
+    top = "/tmp/tree" + ACCOUNTS
+    assert [(p["file"], p["severity"], p["allowed"]) for p in answer["problems"]] == [
+        (f"{top}/{name}", "warning", f"check --account NAME {top}/{name}") for name in ("photos", "weather")
+    ]
+    assert all("the account of its jobs is unknown" in problem["message"] for problem in answer["problems"])
+    for problem, files in zip(answer["problems"], (1, 2)):
+        words = problem["allowed"].replace("NAME", problem["file"].rpartition("/")[2]).split()
+        done = ctl("--root", "/tmp/tree", *words)
+        assert (done.returncode, done.stdout) == (0, "")
+        assert f"{files} file" in done.stderr

@@ -38,10 +38,14 @@ public:
 
 private:
     Environment EnvironmentOf(CheckScope scope);
+    std::string PathOf(const JobFileBatch &batch, const std::string &name) const;
+    void ReadFile(const JobFileBatch &batch, JobFile &file) const;
     void CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs);
-    void CheckAccount(const JobFileBatch &batch);
+    void CheckAccount(const JobFileBatch &batch, std::vector<CheckedJob> &jobs);
     void CheckUnlisted(const JobFileBatch &batch,
-                       const std::map<std::string, std::string> &unlisted);
+                       const std::map<std::string, std::string> &unlisted,
+                       std::vector<CheckedJob> &jobs);
+    bool ListFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
     bool ReadFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
 
     const Appliance &appliance_;
@@ -81,51 +85,77 @@ void Checker::CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs) {
     std::move(report.jobs.begin(), report.jobs.end(), std::back_inserter(jobs));
 }
 
+// Where the file `name` of the batch can be read.
+std::string Checker::PathOf(const JobFileBatch &batch, const std::string &name) const {
+    const std::string path = batch.directory.path + "/" + name;
+    return batch.ofSource ? appliance_.Locate(path) : path;
+}
+
+// Reads the document of a file, whose other members are set.
+void Checker::ReadFile(const JobFileBatch &batch, JobFile &file) const {
+    const bool read =
+        JsonFromFile(PathOf(batch, file.name), file.document, kJobFileLimits, &file.origin);
+    file.error = read ? 0 : errno;
+}
+
 void Checker::Check(const JobFileBatch &batch) {
-    if (batch.ofSource && !batch.directory.account.empty()) {
-        CheckAccount(batch);
-        return;
-    }
     std::vector<CheckedJob> batchJobs;
-    for (const auto &[name, shown] : batch.files) {
-        JobFile file;
-        const std::string path = batch.directory.path + "/" + name;
-        file.path = shown;
-        file.name = name;
-        file.directory = batch.directory;
-        const bool read = JsonFromFile(batch.ofSource ? appliance_.Locate(path) : path,
-                                       file.document, kJobFileLimits, &file.origin);
-        file.error = read ? 0 : errno;
-        CheckFile(file, batch.ofSource ? jobs_ : batchJobs);
+    std::vector<CheckedJob> &jobs = batch.ofSource ? jobs_ : batchJobs;
+    if (!batch.directory.account.empty()) {
+        CheckAccount(batch, jobs);
+    } else {
+        for (const auto &[name, shown] : batch.files) {
+            JobFile file;
+            file.path = shown;
+            file.name = name;
+            file.directory = batch.directory;
+            ReadFile(batch, file);
+            CheckFile(file, jobs);
+        }
     }
     Append(result_.diagnostics, ReplacedJobs(batchJobs));
 }
 
-// On this appliance root reads the files as the daemon does, with the rights of the account. In all
-// other cases they are read with the caller's rights, and links are resolved on the appliance.
+// Lists the entries of an account directory. Outside the sources, the files of the batch are all
+// that there are.
+bool Checker::ListFiles(const JobFileBatch &batch, const AccountQuota &quota,
+                        AccountFiles &files) const {
+    if (batch.ofSource) {
+        const Descriptor directory = OpenPath(appliance_.Locate(batch.directory.path));
+        return directory && ListAccountFiles(directory.Get(), quota, files);
+    }
+    for (const auto &[name, shown] : batch.files)
+        if (IsJobFileName(name))
+            files.files.push_back({name, 0, {}});
+    return true;
+}
+
+// In an account directory of this appliance root reads the files as the daemon does, with the
+// rights of the account. In all other cases they are read with the caller's rights, and links in a
+// source are resolved on the appliance.
 bool Checker::ReadFiles(const JobFileBatch &batch, const AccountQuota &quota,
                         AccountFiles &files) const {
-    const std::string path = appliance_.Locate(batch.directory.path);
-    const Descriptor directory = OpenPath(path);
-    if (!directory)
-        return false;
-    struct stat status {};
-    if (appliance_.IsLocal() && geteuid() == 0 && fstat(directory.Get(), &status) == 0)
-        if (const passwd *owner = getpwuid(status.st_uid))
-            return ReadAsAccount(directory.Get(),
-                                 {true, owner->pw_name, owner->pw_uid, owner->pw_gid}, quota,
-                                 files) == AccountReading::Done;
-    if (!ListAccountFiles(directory.Get(), quota, files))
+    if (batch.ofSource && appliance_.IsLocal() && geteuid() == 0) {
+        struct stat status {};
+        const Descriptor directory = OpenPath(batch.directory.path);
+        if (!directory)
+            return false;
+        if (fstat(directory.Get(), &status) == 0)
+            if (const passwd *owner = getpwuid(status.st_uid))
+                return ReadAsAccount(directory.Get(),
+                                     {true, owner->pw_name, owner->pw_uid, owner->pw_gid}, quota,
+                                     files) == AccountReading::Done;
+    }
+    if (!ListFiles(batch, quota, files))
         return false;
     AccountQuota left = quota;
     for (AccountFile &file : files.files)
-        ReadAccountFile(AT_FDCWD, appliance_.Locate(batch.directory.path + "/" + file.name), left,
-                        file);
+        ReadAccountFile(AT_FDCWD, PathOf(batch, file.name), left, file);
     return true;
 }
 
 // Reads all files of the account, not only the requested ones, because each uses up its quota.
-void Checker::CheckAccount(const JobFileBatch &batch) {
+void Checker::CheckAccount(const JobFileBatch &batch, std::vector<CheckedJob> &jobs) {
     AccountQuota &quota = quotas_[batch.directory.account];
     AccountFiles files;
     if (!ReadFiles(batch, quota, files)) {
@@ -146,15 +176,16 @@ void Checker::CheckAccount(const JobFileBatch &batch) {
             continue;
         file.path = one->second;
         requested.erase(one);
-        CheckFile(file, jobs_);
+        CheckFile(file, jobs);
     }
-    CheckUnlisted(batch, requested);
+    CheckUnlisted(batch, requested, jobs);
 }
 
 // Checks files that ListAccountFiles leaves out: hidden files, and the last names of a directory
 // with too many files.
 void Checker::CheckUnlisted(const JobFileBatch &batch,
-                            const std::map<std::string, std::string> &unlisted) {
+                            const std::map<std::string, std::string> &unlisted,
+                            std::vector<CheckedJob> &jobs) {
     std::string first;
     std::size_t count = 0;
     for (const auto &[name, shown] : unlisted) {
@@ -166,10 +197,8 @@ void Checker::CheckUnlisted(const JobFileBatch &batch,
             first = count++ == 0 ? shown : first;
             continue;
         }
-        const std::string path = appliance_.Locate(batch.directory.path + "/" + name);
-        const bool read = JsonFromFile(path, file.document, kJobFileLimits, &file.origin);
-        file.error = read ? 0 : errno;
-        CheckFile(file, jobs_);
+        ReadFile(batch, file);
+        CheckFile(file, jobs);
     }
     if (count == 0)
         return;
@@ -190,8 +219,8 @@ CheckResult Checker::Finish() {
 } // namespace
 
 CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
-                         CheckScope scope) {
-    CheckPaths selected(appliance);
+                         CheckScope scope, const std::string &account) {
+    CheckPaths selected(appliance, account);
     if (paths.empty())
         selected.AddSources();
     for (const std::string &path : paths)
@@ -201,7 +230,8 @@ CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::stri
     CheckRights rights(appliance);
     for (const JobFileBatch &batch : selected.Batches()) {
         checker.Check(batch);
-        if (scope == CheckScope::System)
+        // Without an account database owners mean nothing.
+        if (scope == CheckScope::System && appliance.HasAccounts())
             rights.Check(batch);
     }
     CheckResult result = checker.Finish();

@@ -26,10 +26,11 @@ enum class CheckScope {
     Portable // apart from its accounts, its programs, and the rights of the directories
 };
 
-// Checks the job files at `paths`, or those of the four sources if there are none. Throws Failure
-// when a path does not exist.
+// Checks the job files at `paths`, or those of the four sources if there are none. With an account,
+// checks those at `paths` as all job files of that account. Throws Failure when a path does not
+// exist.
 CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
-                         CheckScope scope = CheckScope::System);
+                         CheckScope scope = CheckScope::System, const std::string &account = {});
 
 } // namespace kest::ctl
 

@@ -54,7 +54,8 @@ std::string PathIn(const std::string &directory, const std::string &name) {
 
 } // namespace
 
-CheckPaths::CheckPaths(const Appliance &appliance) : appliance_(appliance) {}
+CheckPaths::CheckPaths(const Appliance &appliance, std::string account)
+    : appliance_(appliance), account_(std::move(account)) {}
 
 std::vector<JobFileBatch> CheckPaths::Batches() const {
     std::vector<JobFileBatch> batches;
@@ -63,16 +64,22 @@ std::vector<JobFileBatch> CheckPaths::Batches() const {
     return batches;
 }
 
-void CheckPaths::AddError(const std::string &shown, const std::string &message, const Hint &hint) {
+void CheckPaths::Add(Severity severity, const std::string &shown, const std::string &message,
+                     const Hint &hint) {
     const bool known =
         std::any_of(diagnostics_.begin(), diagnostics_.end(),
                     [&](const Diagnostic &diagnostic) { return diagnostic.file == shown; });
     Diagnostic diagnostic;
     diagnostic.file = shown;
+    diagnostic.severity = severity;
     diagnostic.message = message;
     diagnostic.hint = hint;
     if (!known)
         diagnostics_.push_back(std::move(diagnostic));
+}
+
+void CheckPaths::AddError(const std::string &shown, const std::string &message, const Hint &hint) {
+    Add(Severity::Error, shown, message, hint);
 }
 
 bool CheckPaths::GetStatus(const std::string &path, const std::string &shown, struct stat &status) {
@@ -101,7 +108,7 @@ bool CheckPaths::IsSource(std::size_t source, const std::string &path) const {
 }
 
 // The batch of a source, or of the account directory `name` in the source of account directories.
-// Null, with an error added, if the daemon refuses the directory.
+// Null, with a diagnostic added, if the daemon refuses the directory or its account is unknown.
 JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
                                   const std::string &shown) {
     JobDirectory directory{kJobSources.at(source).directory, kJobSources.at(source).label, {}};
@@ -110,6 +117,12 @@ JobFileBatch *CheckPaths::BatchOf(std::size_t source, const std::string &name,
     struct stat status {};
     if (!GetStatus(appliance_.Locate(directory.path), shown, status))
         return nullptr;
+    if (kJobSources.at(source).perAccount && !appliance_.HasAccounts()) {
+        Add(Severity::Warning, shown,
+            "is not checked: there is no account database, so the account of its jobs is unknown",
+            Advice("check --account NAME " + shown));
+        return nullptr;
+    }
     if (kJobSources.at(source).perAccount) {
         const std::optional<std::string> owner = appliance_.AccountName(status.st_uid);
         if (!owner || owner->empty()) {
@@ -186,11 +199,28 @@ void CheckPaths::AddSources() {
     }
 }
 
+// What the files will be is given, so sources and owners do not matter.
+void CheckPaths::AddAccountPath(const std::string &path, const std::string &shown,
+                                bool isDirectory) {
+    const fs::path absolute = Absolute(path);
+    const std::string directory = isDirectory ? path : absolute.parent_path().string();
+    JobFileBatch &batch = batches_[{kNoSource, Canonical(directory)}];
+    batch.directory = {directory, kJobSources.at(AccountSource()).label, account_};
+    if (isDirectory)
+        AddFiles(&batch, path, shown);
+    else
+        batch.files.emplace(absolute.filename().string(), shown);
+}
+
 void CheckPaths::AddPath(const std::string &path) {
     struct stat status {};
     if (stat(path.c_str(), &status) == -1)
         throw Failure(path + ": " + std::strerror(errno));
     const std::string shown = Trimmed(path);
+    if (!account_.empty()) {
+        AddAccountPath(path, shown, S_ISDIR(status.st_mode));
+        return;
+    }
     if (S_ISDIR(status.st_mode) && IsSource(AccountSource(), path)) {
         AddAccounts(path, shown);
         return;
@@ -212,7 +242,7 @@ void CheckPaths::AddPath(const std::string &path) {
 void CheckPaths::AddOtherAccountDirectories() {
     std::set<std::string> accounts;
     for (const auto &[rank, batch] : batches_)
-        if (!batch.directory.account.empty())
+        if (batch.ofSource && !batch.directory.account.empty())
             accounts.insert(batch.directory.account);
     if (accounts.empty())
         return;

@@ -25,7 +25,9 @@ struct JobFileBatch {
 
 class CheckPaths {
 public:
-    explicit CheckPaths(const Appliance &appliance);
+    // With an account, all paths that are added are read as the job files and directories of that
+    // account, wherever they are, and share one quota with each other only.
+    explicit CheckPaths(const Appliance &appliance, std::string account = {});
 
     // Adds the four sources. Missing ones are ignored because the daemon creates them.
     void AddSources();
@@ -40,7 +42,8 @@ public:
 
     // In the order in which the daemon reads them. Directories outside the sources come last.
     std::vector<JobFileBatch> Batches() const;
-    // Errors of directories that the daemon refuses.
+    // Errors of directories that the daemon refuses, and warnings of those whose account is
+    // unknown.
     const std::vector<Diagnostic> &Diagnostics() const { return diagnostics_; }
     // Directories that the caller may not read, with the error.
     const std::vector<std::string> &Unreadable() const { return unreadable_; }
@@ -52,12 +55,16 @@ private:
     JobFileBatch *BatchAt(const std::string &path, const std::string &shown);
     void AddFiles(JobFileBatch *batch, const std::string &directory, const std::string &shown);
     void AddAccounts(const std::string &directory, const std::string &shown);
+    void AddAccountPath(const std::string &path, const std::string &shown, bool isDirectory);
     bool GetStatus(const std::string &path, const std::string &shown, struct stat &status);
     std::vector<std::string> NamesOf(const std::string &directory);
     bool IsSource(std::size_t source, const std::string &path) const;
+    void Add(Severity severity, const std::string &shown, const std::string &message,
+             const Hint &hint);
     void AddError(const std::string &shown, const std::string &message, const Hint &hint);
 
     const Appliance &appliance_;
+    std::string account_;
     std::map<Rank, JobFileBatch> batches_;
     std::vector<Diagnostic> diagnostics_;
     std::vector<std::string> unreadable_;

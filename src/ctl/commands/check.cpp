@@ -101,8 +101,13 @@ std::vector<Diagnostic> SourceErrors(const Context &context) {
 }
 
 int Check(const Context &context, const CheckOptions &options) {
+    if (options.account && options.account->empty())
+        throw Failure("--account requires the name of an account");
+    if (options.account && options.paths.empty())
+        throw Failure("--account requires the files or directories of the account");
     CheckResult result = CheckPathsOn(context.appliance, options.paths,
-                                      options.portable ? CheckScope::Portable : CheckScope::System);
+                                      options.portable ? CheckScope::Portable : CheckScope::System,
+                                      options.account.value_or(""));
     if (options.errorsOnly)
         KeepErrors(result.diagnostics);
     if (context.json) {

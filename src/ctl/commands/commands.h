@@ -31,7 +31,8 @@ struct Context {
 struct CheckOptions {
     std::vector<std::string> paths; // empty for the four sources
     bool errorsOnly = false;
-    bool portable = false; // apart from the accounts and programs of this system
+    bool portable = false;              // apart from the accounts and programs of this system
+    std::optional<std::string> account; // whose job files those at `paths` are
 };
 // Returns 1 if it found problems.
 int Check(const Context &context, const CheckOptions &options);
