@@ -4,6 +4,7 @@
 #include "ctl/check/nearest.h"
 #include "ctl/commands/commands.h"
 #include "ctl/display/job_status.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/limits.h"
@@ -12,6 +13,7 @@
 #include "log/memorylogger.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -85,7 +87,9 @@ public:
         } catch (const CLI::RequiredError &) {
             throw Failure(UsageError());
         } catch (const CLI::ParseError &error) {
-            return app_.exit(error) == 0 ? 0 : kUsage;
+            if (error.get_exit_code() == 0) // help or version
+                return app_.exit(error);
+            throw Failure(InOneLine(error.what()) + "; see " + HelpOption());
         }
         return std::nullopt;
     }
@@ -94,21 +98,39 @@ public:
     const Command &GetCommand() const { return command_; }
 
 private:
-    // The error if a command or a required argument is missing.
-    std::string UsageError() const {
+    // The first line of a message of the parser, without a capital letter.
+    static std::string InOneLine(std::string text) {
+        text.resize(std::min(text.find('\n'), text.size()));
+        if (text.compare(0, 4, "The ") == 0)
+            text.front() = 't';
+        return text;
+    }
+
+    // The option that describes the chosen command, or all of them.
+    std::string HelpOption() const {
         const std::vector<CLI::App *> chosen = app_.get_subcommands();
-        if (!chosen.empty())
-            return "missing argument; see kestcronctl " + chosen.front()->get_name() + " --help";
-        const std::vector<std::string> remaining = app_.remaining();
-        if (remaining.empty())
-            return "no command given; see kestcronctl --help";
-        const std::string &word = remaining.front();
-        if (word.compare(0, 1, "-") == 0)
-            return "unknown option \"" + word + "\"; see kestcronctl --help";
+        return "kestcronctl " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help";
+    }
+
+    std::vector<std::string> CommandNames() const {
         std::vector<std::string> names;
         for (const CLI::App *command : app_.get_subcommands({}))
             names.push_back(command->get_name());
-        const std::vector<std::string> near = NearestOf(word, names, 1);
+        return names;
+    }
+
+    // The error if a command or a required argument is missing.
+    std::string UsageError() const {
+        if (!app_.get_subcommands().empty())
+            return "missing argument; see " + HelpOption();
+        const std::vector<std::string> remaining = app_.remaining();
+        if (remaining.empty())
+            return "no command given; the commands are " + Enumerated(CommandNames()) + "; see " +
+                   HelpOption();
+        const std::string &word = remaining.front();
+        if (word.compare(0, 1, "-") == 0)
+            return "unknown option \"" + word + "\"; see kestcronctl --help";
+        const std::vector<std::string> near = NearestOf(word, CommandNames(), 1);
         return "unknown command \"" + word + "\"; " +
                (near.empty() ? "see kestcronctl --help" : "did you mean \"" + near.front() + "\"?");
     }

@@ -208,12 +208,14 @@ def test_draws_of_an_expression(known, ctl):
         (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
         ([""], 'unknown command ""; see kestcronctl --help'),
         (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
-        ([], "no command given; see kestcronctl --help"),
-        (["--json"], "no command given"),
+        ([], "no command given; the commands are check, list, next, explain, "),
+        ([], " and reload; see kestcronctl --help\n"),
+        (["--json"], "no command given; the commands are check, list"),
+        (["--root", "/", "--tz", "UTC"], "no command given; the commands are check, list"),
         (["show"], "missing argument; see kestcronctl show --help"),
         (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
-        (["show", "a", "b"], "not expected: b"),
-        (["list", "--nonsense"], "not expected: --nonsense"),
+        (["show", "a", "b"], "not expected: b; see kestcronctl show --help\n"),
+        (["list", "--nonsense"], "not expected: --nonsense; see kestcronctl list --help\n"),
         (["next", "-n", "0"], "-n"),
         (["next", "-n", "x"], "-n"),
         (["timeline", "--hours", "0"], "--hours"),
@@ -231,6 +233,7 @@ def test_errors(known, ctl, arguments, error):
     assert result.returncode == 2
     assert result.stdout == ""
     assert error in result.stderr
+    assert all(line.startswith(ERRORS) for line in result.stderr.splitlines())
 
 
 def test_help_of_every_command(machine, ctl):

@@ -100,7 +100,7 @@ def test_output(machine, ctl):
     expected = files_of_a_fixed_tree(machine)
     done = ctl("check")
     assert done.stdout == expected
-    assert done.stderr == "9 files, 7 jobs: 7 errors, 8 warnings\n"
+    assert done.stderr == "kestcronctl: 9 files, 7 jobs: 7 errors, 8 warnings\n"
     assert done.returncode == 1
     # No colours without a terminal.
     assert ctl("check", env={"TERM": "xterm"}).stdout == expected
@@ -136,7 +136,7 @@ def test_errors_only(machine, ctl):
     expected = files_of_a_fixed_tree(machine)
     done = ctl("check", "--errors-only")
     assert done.stdout.splitlines() == [line for line in expected.splitlines() if ": error: " in line]
-    assert done.stderr == "9 files, 7 jobs: 7 errors\n"
+    assert done.stderr == "kestcronctl: 9 files, 7 jobs: 7 errors\n"
     assert done.returncode == 1
     only_warned = ctl("check", "--errors-only", ACCOUNTS + "/alice")
     assert (only_warned.returncode, only_warned.stdout) == (0, "")
@@ -147,14 +147,14 @@ def test_no_problems(machine, ctl):
     machine.write(PKG + "/one", json.dumps({key: GOOD[key] for key in ("user", "period", "cmd")}))
     done = ctl("check")
     assert (done.returncode, done.stdout) == (0, "")
-    assert done.stderr == "2 files, 3 jobs: no problems\n"
+    assert done.stderr == "kestcronctl: 2 files, 3 jobs: no problems\n"
 
 
 def test_no_sources(machine, ctl):
     machine.run("rm", "-rf", *SOURCES.values())
     done = ctl("check")
     assert (done.returncode, done.stdout) == (0, "")
-    assert done.stderr == "0 files, 0 jobs: no problems\n"
+    assert done.stderr == "kestcronctl: 0 files, 0 jobs: no problems\n"
 
 
 def refused_jobs(answer):

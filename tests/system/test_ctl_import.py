@@ -50,7 +50,7 @@ HOME=/missing
     assert (result.returncode, result.stderr) == (0, "")
     check = ctl("check", PKG + "/tab.conf")
     assert (check.returncode, check.stdout) == (0, "")
-    assert check.stderr == "1 file, 4 jobs: no problems\n"
+    assert check.stderr == "kestcronctl: 1 file, 4 jobs: no problems\n"
     machine.start_and_wait()
     ran = lambda name: machine.read(f"/tmp/ran-{name}") if machine.exists(f"/tmp/ran-{name}") else ""
     wait_for(lambda: ran("one  two").endswith("line\n") and ran("root").endswith("shell\n"))
@@ -91,7 +91,7 @@ def test_warnings_and_exit_status(machine, ctl):
     assert "\x1b" not in result.stdout
     assert '    // warning: no job: "@reboot"' in result.stdout
     check = ctl("check", PKG + "/tab.conf")
-    assert (check.returncode, check.stderr) == (0, "1 file, 1 job: no problems\n")
+    assert (check.returncode, check.stderr) == (0, "kestcronctl: 1 file, 1 job: no problems\n")
 
 
 def test_json_output(machine, ctl):

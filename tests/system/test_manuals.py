@@ -317,7 +317,7 @@ def test_the_tool_accepts_the_example_files(request, tmp_path):
             there.write_text("#!/bin/sh\n")
             there.chmod(0o755)
     done = tool(request, "--root", tmp_path, "check")
-    assert done.stdout + done.stderr == "3 files, 5 jobs: no problems\n"
+    assert done.stdout + done.stderr == "kestcronctl: 3 files, 5 jobs: no problems\n"
 
 
 def expressions():

@@ -116,7 +116,7 @@ int Check(const Context &context, const CheckOptions &options) {
         for (const Diagnostic &diagnostic : result.diagnostics)
             WriteDiagnostic(diagnostic, context.screen, std::cout);
         std::cout.flush();
-        std::cerr << Summary(result) << "\n";
+        std::cerr << "kestcronctl: " << Summary(result) << "\n";
     }
     if (!result.unreadable.empty())
         throw Failure(result.unreadable.front() +
