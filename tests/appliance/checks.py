@@ -210,7 +210,7 @@ def check_accounts(checks: Checks, board: Appliance) -> None:
         listed = board.output("kestcronctl list")
         assert all(name in listed for name in names), listed
         status = board.output("kestcronctl status")
-        assert f"running as process {board.main_pid()}" in status and "max delay:   2 s" in status, status
+        assert f"running as process {board.main_pid()}" in status and "max delay:     2 s" in status, status
     with checks.check("the daemon with eight jobs has less than 4 MiB of anonymous memory") as details:
         memory = board.output(f"grep -E '^(VmRSS|RssAnon):' /proc/{board.main_pid()}/status")
         details += [" ".join(line.split()) for line in memory.splitlines()]

@@ -728,7 +728,7 @@ def test_status_of_a_daemon(machine, ctl):
     assert answer["redraw"]["week"] == "2026-06-08T00:00:00+00:00"
     result = ctl("status")
     assert result.returncode == 0
-    assert re.search(rf"^kestcrond:   running as process {pid} since ", result.stdout)
+    assert re.search(rf"^kestcrond:     running as process {pid} since ", result.stdout)
     assert "passive: runs only jobs" in result.stdout
     assert {job["state"] for job in json.loads(ctl("list", "--json").stdout)} == {"passive"}
     machine.write("/run/kestvorld.status", "2")
@@ -783,7 +783,7 @@ def test_delayed_starts_are_counted(machine, ctl):
     machine.start_and_wait()
     wait_for(lambda: json.loads(ctl("status", "--json").stdout)["delayed"] == 2)
     assert "3 jobs" not in ctl("status").stdout
-    assert "jobs:        3, 2 launched and waiting out their delay\n" in ctl("status").stdout
+    assert "jobs:          3, 2 launched and waiting out their delay\n" in ctl("status").stdout
 
 
 WITNESS = """#!/bin/bash

@@ -467,6 +467,8 @@ def test_programs_that_cannot_be_started(machine, ctl):
     wait_for(lambda: all(launches(name) > 1 for name in [*names, "program"]), what="two starts of each job")
     wait_for(lambda: expected.keys() <= failed_jobs(log()), what="the failures")
     assert failed_jobs(log()) == expected.keys()
+    failed = json.loads(ctl("status", "--json").stdout)["failed_starts"]
+    assert {start["job"] for start in failed} == expected.keys()
 
 
 def failed_jobs(lines):

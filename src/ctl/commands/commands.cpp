@@ -27,13 +27,18 @@ bool MatchesJob(const std::string &pattern, const std::string &name) {
     return name == pattern || EndsWithName(name, pattern);
 }
 
+bool IsLogDenied(const Context &context) {
+    const std::string log = context.appliance.Locate(kExecutionLogFile);
+    return access(log.c_str(), R_OK) == -1 && errno == EACCES;
+}
+
 namespace {
 
 // Without the log, what happened since the document was written is unknown.
 void WarnOfUnreadableLog(const Runtime &runtime, const Context &context) {
-    const std::string log = context.appliance.Locate(kExecutionLogFile);
-    if (access(log.c_str(), R_OK) == -1 && errno == EACCES)
-        std::cerr << "kestcronctl: " << log << " is not readable for you, so runs since "
+    if (IsLogDenied(context))
+        std::cerr << "kestcronctl: " << context.appliance.Locate(kExecutionLogFile)
+                  << " is not readable for you, so runs since "
                   << WhenInWords(runtime.saved, context.now) << " are not shown\n";
 }
 

@@ -111,6 +111,9 @@ struct Snapshot {
 };
 Snapshot TakeSnapshot(const Context &context);
 
+// Whether the caller may not read the execution log.
+bool IsLogDenied(const Context &context);
+
 // Whether `name` matches `pattern`: a shell pattern if it contains one of "*?[", otherwise a
 // substring. An empty pattern matches all names.
 bool MatchesPattern(const std::string &pattern, const std::string &name);

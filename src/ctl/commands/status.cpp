@@ -5,27 +5,33 @@
 #include "ctl/display/job_status.h"
 #include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
+#include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
 #include "job/schedule.h"
 #include "platform/kestcore.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <iostream>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kest::ctl {
 
 // JSON output: "running", "pid", "since", "passive", "held", "delayed" (number of launched jobs
-// that wait out their delay), "jobs" (number), "draw" (the values of the schedule template as
-// text), "max_delay" (seconds), "redraw" (the next redraw of each field), "document" (the file that
-// the jobs are read from) and "unreadable" (copies of saved documents that could not be read).
-// Unknown values are null.
+// that wait out their delay), "failed_starts" (the jobs whose program could not be run the last
+// time, each with "job", "time" and "reason"), "jobs" (number), "draw" (the values of the schedule
+// template as text), "max_delay" (seconds), "redraw" (the next redraw of each field), "document"
+// (the file that the jobs are read from) and "unreadable" (copies of saved documents that could not
+// be read). Unknown values are null.
 
 namespace {
 
 struct StatusData {
-    bool local = true; // this appliance
+    bool local = true;   // this appliance
+    bool hasLog = false; // failed starts are known
     Daemon daemon;
     std::optional<Runtime> runtime;
     std::optional<ScheduleTemplate> schedule;
@@ -44,6 +50,7 @@ std::vector<std::string> UnreadableCopies(const Appliance &appliance) {
 StatusData Gather(const Context &context) {
     StatusData data;
     data.local = context.appliance.IsLocal();
+    data.hasLog = !IsLogDenied(context);
     data.daemon = FindDaemon(context.appliance);
     try {
         data.runtime = LoadRuntime(context.appliance);
@@ -57,6 +64,29 @@ StatusData Gather(const Context &context) {
     return data;
 }
 
+std::vector<const LiveJob *> FailedStarts(const StatusData &data) {
+    std::vector<const LiveJob *> failed;
+    if (data.runtime)
+        for (const LiveJob &job : data.runtime->jobs)
+            if (job.failed != 0)
+                failed.push_back(&job);
+    return failed;
+}
+
+Json::Value FailedStartsToJson(const StatusData &data) {
+    if (!data.runtime || !data.hasLog)
+        return {};
+    Json::Value json(Json::arrayValue);
+    for (const LiveJob *job : FailedStarts(data)) {
+        Json::Value failed;
+        failed["job"] = job->name;
+        failed["time"] = Iso(job->failed);
+        failed["reason"] = job->failure;
+        json.append(std::move(failed));
+    }
+    return json;
+}
+
 Json::Value ToJson(const StatusData &data) {
     const Daemon &daemon = data.daemon;
     const bool runs = daemon.IsRunning();
@@ -67,6 +97,7 @@ Json::Value ToJson(const StatusData &data) {
     json["passive"] = runs ? Json::Value(daemon.passive) : Json::Value();
     json["held"] = data.local ? Json::Value(daemon.held) : Json::Value();
     json["delayed"] = data.local ? Json::Value(daemon.delayed) : Json::Value();
+    json["failed_starts"] = FailedStartsToJson(data);
     json["jobs"] =
         data.runtime ? Json::Value(Json::UInt64{data.runtime->jobs.size()}) : Json::Value();
     json["document"] = data.runtime ? Json::Value(data.runtime->path) : Json::Value();
@@ -80,49 +111,78 @@ Json::Value ToJson(const StatusData &data) {
     return json;
 }
 
-void Line(const std::string &name, const std::string &text) {
-    std::cout << Padded(name.empty() ? "" : name + ":", 13) << text << "\n";
+void StatusLine(const Screen &screen, const std::string &name, const std::string &text) {
+    constexpr std::size_t names = 15; // columns
+    std::cout << Padded(name.empty() ? "" : name + ":", names) << Wrapped(screen, text, names)
+              << "\n";
+}
+
+// Each job whose program could not be run the last time. Many often fail for one reason, such as a
+// file system that is not mounted.
+void ShowFailedStarts(const StatusData &data, const Context &context) {
+    constexpr std::size_t most = 10;
+    const std::vector<const LiveJob *> failed = FailedStarts(data);
+    const std::size_t shown = std::min(failed.size(), most);
+    const char *name = "failed starts";
+    for (std::size_t i = 0; i < shown; ++i)
+        StatusLine(context.screen, std::exchange(name, ""),
+                   Shown(failed[i]->name) + ", " + WhenInWords(failed[i]->failed, context.now) +
+                       ": " + Shown(failed[i]->failure));
+    if (shown < failed.size())
+        StatusLine(context.screen, "",
+                   "and " + std::to_string(failed.size() - shown) +
+                       " more; see kestcronctl list --state failed");
+    if (!data.hasLog)
+        StatusLine(context.screen, name, "unknown, because the execution log is not readable");
 }
 
 // One line for each field: its drawn value and its next redraw.
-void ShowDraw(const StatusData &data, std::time_t now) {
+void ShowDraw(const StatusData &data, const Context &context) {
+    constexpr std::size_t narrow = 60; // columns; on fewer the values are not aligned
+    const bool isNarrow = context.screen.width != 0 && context.screen.width < narrow;
     const char *name = "draw";
     for (const std::string &key : FieldKeys()) {
         const std::int32_t drawn =
             data.schedule ? data.schedule->GetSingleScheduleValue(key) : kAnyValue;
         const std::string value = drawn == kAnyValue ? "-" : ValueInWords(key, drawn);
-        Line(name, Padded(FieldsInWords({key}), 9) + Padded(value, 11) + "until " +
-                       WhenInWords(data.redraws.at(key), now));
+        StatusLine(context.screen, name,
+                   Padded(FieldsInWords({key}), isNarrow ? 0 : 8) + " " +
+                       Padded(value, isNarrow ? 0 : 10) + " until " +
+                       WhenInWords(data.redraws.at(key), context.now));
         name = "";
     }
 }
 
 void Show(const StatusData &data, const Context &context) {
     const Daemon &daemon = data.daemon;
+    const auto line = [&](const std::string &name, const std::string &text) {
+        StatusLine(context.screen, name, text);
+    };
     if (!context.appliance.IsLocal())
-        Line("kestcrond", "on another system");
+        line("kestcrond", "on another system");
     else if (daemon.IsRunning())
-        Line("kestcrond", Coloured(context.screen, Colour::Green, "running") + " as process " +
+        line("kestcrond", Coloured(context.screen, Colour::Green, "running") + " as process " +
                               std::to_string(daemon.pid) + " since " +
                               WhenInWords(daemon.since, context.now));
     else
-        Line("kestcrond", Coloured(context.screen, Colour::Red, "not running"));
+        line("kestcrond", Coloured(context.screen, Colour::Red, "not running"));
     if (daemon.IsRunning())
-        Line("mode", daemon.passive ? "passive: runs only jobs with \"run_on_passive\"" : "active");
+        line("mode", daemon.passive ? "passive: runs only jobs with \"run_on_passive\"" : "active");
     if (context.appliance.IsLocal())
-        Line("machine", daemon.held ? "held: runs only overdue jobs with "
+        line("machine", daemon.held ? "held: runs only overdue jobs with "
                                       "\"assure_execute_action\" \"run\""
                                     : "not held");
     if (data.runtime)
-        Line("jobs", std::to_string(data.runtime->jobs.size()) +
+        line("jobs", std::to_string(data.runtime->jobs.size()) +
                          (daemon.delayed != 0 ? ", " + std::to_string(daemon.delayed) +
                                                     " launched and waiting out their delay"
                                               : ""));
     if (data.schedule)
-        Line("max delay", std::to_string(data.schedule->maxDelay) + " s");
-    ShowDraw(data, context.now);
+        line("max delay", std::to_string(data.schedule->maxDelay) + " s");
+    ShowFailedStarts(data, context);
+    ShowDraw(data, context);
     for (const std::string &path : data.unreadable)
-        Line("unreadable", path + " (copy of a saved document that could not be read)");
+        line("unreadable", path + " (copy of a saved document that could not be read)");
 }
 
 } // namespace

@@ -85,6 +85,7 @@ Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
     json["last_run_is_launch"] = job.lastRun != 0 && !job.isLogged;
     json["delayed_start"] = TimeToJson(job.starts);
     json["failure"] = job.failed != 0 ? Json::Value(job.failure) : Json::Value();
+    json["failure_time"] = TimeToJson(job.failed);
     json["next"] = next ? StartToJson(*next) : Json::Value();
     json["pid"] = job.processes.empty() ? Json::Value() : Json::Value(job.processes.front().pid);
     json["processes"] = Json::Value(Json::arrayValue);

@@ -48,10 +48,10 @@ std::string StatusInWords(const LiveJob &job, const Daemon &daemon, std::time_t 
 // Members "name", "account", "schedule" (its drawn values as text), "schedule_text" (in words),
 // "state" ("waiting", "due", "launched", "running", "failed", "overdue", "held", "kept",
 // "passive"), "last_run" (null if unknown), "last_run_is_launch" (whether it is the time of a
-// launch, because the execution log does not have the start), "starts" (when a launched job will
-// start; otherwise null), "failure" (why its program could not be run; otherwise null), "next" (as
-// StartToJson; null for never) "pid" (null unless it runs)
-// and "processes", all that run it, each with "pid", "uid" and "seconds", its age.
+// launch, because the execution log does not have the start), "delayed_start" (when a launched job
+// will start; otherwise null), "failure" (why its program could not be run; otherwise null) and
+// "failure_time" (when), "next" (as StartToJson; null for never), "pid" (null unless it runs) and
+// "processes", all that run it, each with "pid", "uid" and "seconds", its age.
 Json::Value JobToJson(const LiveJob &job, const Daemon &daemon,
                       const std::optional<JobStart> &next);
 
