@@ -250,6 +250,34 @@ def test_help_of_every_command(machine, ctl):
     assert re.fullmatch(r"kestcronctl \d+\.\d+\.\d+\n", ctl("--version").stdout)
 
 
+def test_days_that_some_months_do_not_have(machine, ctl):
+    machine.clock("2026-04-28 02:10:10", rate=0)
+    midnight = [[0], [0], [31], [-1], [-1]]
+    jobs = {
+        "fixed": entry("pkg-f-fixed", midnight, "0 0 31 * *"),
+        "drawn": entry("pkg-f-drawn", midnight, "0 0 29~31 * *"),
+    }
+    machine.write(machine.RUNTIME_FILE, json.dumps({"jobs": jobs}))
+    starts = lambda job: json.loads(ctl("next", "--json", "-n", "3", job).stdout)
+    days = lambda job: [(start["earliest"][:10], start["latest"][:10], start["undrawn"]) for start in starts(job)]
+    assert days("fixed") == [(f"2026-{day}", f"2026-{day}", []) for day in ("05-31", "07-31", "08-31")]
+    # The 31st is drawn for April.
+    assert days("drawn") == [
+        ("2026-05-29", "2026-05-31", ["day"]),
+        ("2026-06-29", "2026-06-30", ["day"]),
+        ("2026-07-29", "2026-07-31", ["day"]),
+    ]
+    remark = "no start if the month has no such day"
+    assert [remark in line for line in ctl("next", "-n", "3", "drawn").stdout.splitlines()[1:]] == [False, True, False]
+    timeline = json.loads(ctl("timeline", "--json", "--hours", "72").stdout)
+    assert (timeline["jobs"], timeline["idle_jobs"]) == ([], 2)
+    assert not any(quarter["starts"] or quarter["possible"] for quarter in timeline["load"])
+    explained = json.loads(ctl("explain", "--json", "0 0 31 * *").stdout)
+    assert explained["remarks"] == ["no run on day 31 in months with fewer days"]
+    assert [start["earliest"][5:10] for start in explained["next"]] == ["05-31", "07-31", "08-31", "10-31", "12-31"]
+    assert ctl("explain", "0 0 28 * *").stdout.count("Note: ") == 0
+
+
 # --- Damaged files ------------------------------------------------------------------------------
 
 

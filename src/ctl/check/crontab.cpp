@@ -305,6 +305,26 @@ std::string LostRuns(const CronFields &fields) {
            "take place, and one in 60 takes place twice; write: 1~59";
 }
 
+std::string RareDays(const CronFields &fields) {
+    constexpr std::int32_t february = 2;
+    const Matches days = MatchesOf(fields, "day");
+    if (days.any || !MatchesOf(fields, "month").any)
+        return {};
+    std::vector<std::string> fixed;
+    std::vector<std::string> drawn;
+    for (const std::int32_t day : days.possible)
+        if (day > ShortestMonth(february))
+            (days.fixed.count(day) != 0 ? fixed : drawn).push_back(std::to_string(day));
+    std::string remark;
+    if (!fixed.empty())
+        remark = "no run on day " + Enumerated(fixed) + " in months with fewer days";
+    if (!drawn.empty())
+        remark += (remark.empty() ? "" : "; ") + std::string("no run in months with fewer days") +
+                  " if the day is drawn as " + (drawn.size() == 1 ? "" : drawn.front() + " to ") +
+                  drawn.back();
+    return remark;
+}
+
 void CheckCrontab(CheckedDefinition &checked, const CronFields &fields) {
     const std::vector<Piece> pieces = FieldsOf(checked);
     for (const Piece &field : pieces)

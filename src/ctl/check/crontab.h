@@ -32,6 +32,10 @@ void CheckCrontab(CheckedDefinition &checked, const CronFields &fields);
 // others.
 std::string LostRuns(const CronFields &fields);
 
+// The remark on an expression with a day that only some months have, if its month is "*"; empty for
+// all others.
+std::string RareDays(const CronFields &fields);
+
 } // namespace kest::ctl
 
 #endif

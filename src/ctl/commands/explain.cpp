@@ -180,24 +180,27 @@ void Write(const Explanation &explanation, const Context &context) {
         table.Add({FieldsInWords({key}), explanation.fields[i],
                    FieldInWords(key, explanation.job.cronFields().at(key))});
     }
-    std::cout << table.Show(context.screen) << "\n";
+    const Screen &screen = context.screen;
+    const auto listed = [&](const std::string &text) {
+        std::cout << "  " << Wrapped(screen, text, 2) << "\n";
+    };
+    std::cout << table.Show(screen) << "\n";
     for (const std::string &remark : explanation.remarks)
-        std::cout << Coloured(context.screen, Colour::Yellow, "Note: ")
-                  << Wrapped(context.screen, Shown(remark), 6) << "\n";
+        std::cout << Coloured(screen, Colour::Yellow, "Note: ") << Wrapped(screen, Shown(remark), 6)
+                  << "\n";
     std::cout << (explanation.remarks.empty() ? "" : "\n")
               << (explanation.draws.size() > 1 ? "For example:\n" : "Schedule:\n");
     for (const Json::Value &draw : explanation.draws)
-        std::cout << "  " << ScheduleInWords(draw, explanation.job.cronFields()) << "\n";
+        listed(ScheduleInWords(draw, explanation.job.cronFields()));
     std::cout << "\nNext starts"
               << (explanation.draws.size() > 1 ? " of the first example:\n" : ":\n");
     for (const ComingStart &start : explanation.starts)
-        std::cout << "  " << StartInWords(start, context.now)
-                  << (start.undrawn.empty()
-                          ? ""
-                          : ", " + FieldsInWords(start.undrawn) + " not yet drawn")
-                  << "\n";
+        listed(StartInWords(start, context.now) +
+               (start.undrawn.empty()
+                    ? ""
+                    : ", " + UndrawnInWords(start, explanation.job.cronFields())));
     if (explanation.starts.empty())
-        std::cout << "  never\n";
+        listed("never");
 }
 
 } // namespace
@@ -214,7 +217,8 @@ int Explain(const Context &context, const ExplainOptions &options) {
         throw Failure("\"" + explanation.expression + "\" is not a valid crontab expression: " +
                       (explanation.remarks.empty() ? "" : explanation.remarks.front()));
     const std::string misread = options.period.empty() ? "" : MisreadPeriod(options.period);
-    for (const std::string &remark : {misread, LostRuns(explanation.job.cronFields())})
+    for (const std::string &remark :
+         {misread, LostRuns(explanation.job.cronFields()), RareDays(explanation.job.cronFields())})
         if (!remark.empty())
             explanation.remarks.push_back(remark);
     explanation.fields = KESTUtils::StringExplode(explanation.expression, " ");

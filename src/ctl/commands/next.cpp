@@ -20,7 +20,7 @@ std::string RemarkOf(const JobStart &start, const Daemon &daemon) {
         return start.undrawn.empty() ? "overdue" : "overdue, unless it starts earlier";
     if (start.undrawn.empty())
         return "";
-    return FieldsInWords(start.undrawn) + " not yet drawn" +
+    return UndrawnInWords(start, start.job->job.cronFields()) +
            (start.usual > 1 ? ", " + std::to_string(start.usual) + " starts" : "");
 }
 
@@ -32,6 +32,16 @@ void WriteAsJson(const std::vector<JobStart> &starts) {
         json.append(std::move(entry));
     }
     WriteJson(json);
+}
+
+void WriteTable(const Context &context, const std::vector<JobStart> &starts, const Daemon &daemon) {
+    constexpr std::size_t narrow = 60; // columns; on fewer, times in words are cut
+    const bool isNarrow = context.screen.width != 0 && context.screen.width < narrow;
+    Table table({"TIME", "JOB", "REMARK"}, {2});
+    for (const JobStart &start : starts)
+        table.Add({isNarrow ? LaunchInShort(start, context.now) : LaunchInWords(start, context.now),
+                   start.job->name, RemarkOf(start, daemon)});
+    std::cout << table.Show(context.screen);
 }
 
 } // namespace
@@ -61,10 +71,7 @@ int Next(const Context &context, const NextOptions &options) {
         std::cout << "never\n";
         return 0;
     }
-    Table table({"TIME", "JOB", "REMARK"}, {2});
-    for (const JobStart &start : starts)
-        table.Add({LaunchInWords(start, context.now), start.job->name, RemarkOf(start, daemon)});
-    std::cout << table.Show(context.screen);
+    WriteTable(context, starts, daemon);
     return 0;
 }
 

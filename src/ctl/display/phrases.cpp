@@ -159,6 +159,11 @@ std::string ScheduleInWords(const Json::Value &schedule, const CronFields &items
     return TimesInWords(minute, hour, DaysInWords(day, month, week));
 }
 
+std::int32_t ShortestMonth(std::int32_t month) {
+    constexpr std::array<std::int32_t, 12> days{31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return days.at(static_cast<std::size_t>(month - 1));
+}
+
 std::string FieldsInWords(const std::vector<std::string> &keys) {
     std::vector<std::string> names;
     names.reserve(keys.size());
@@ -205,6 +210,52 @@ std::string StartInShort(const ComingStart &start, std::time_t now) {
         return WhenInShort(start.earliest, now) + "-" + LastClock(start, now);
     const std::string first = DayInShort(start.earliest, now);
     return (first.empty() ? "today" : first) + " - " + DayInShort(start.latest - 1, now);
+}
+
+namespace {
+
+bool Contains(const std::vector<std::string> &keys, const std::string &key) {
+    return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+// The values that the field may have in the month of a start: those that can be drawn, or those
+// that are always there.
+std::set<std::int32_t> PossibleValues(const CronFields &items, const std::string &key,
+                                      bool undrawn) {
+    std::set<std::int32_t> values;
+    const auto found = items.find(key);
+    if (found == items.end())
+        return values;
+    for (const CronRange &item : found->second)
+        if (undrawn && item.type == CronRange::Random)
+            for (std::int32_t value = item.from; value <= item.to; ++value)
+                values.insert(value);
+        else if (!undrawn && item.type == CronRange::Exact)
+            values.insert(item.from);
+    return values;
+}
+
+// Whether a draw may lead to a day that its month does not have, so that the job does not start.
+bool MayLackItsDay(const ComingStart &start, const CronFields &items) {
+    const bool drawsDay = Contains(start.undrawn, "day");
+    const bool drawsMonth = Contains(start.undrawn, "month");
+    if (!drawsDay && !drawsMonth)
+        return false;
+    const std::set<std::int32_t> days = PossibleValues(items, "day", drawsDay);
+    std::set<std::int32_t> months = PossibleValues(items, "month", drawsMonth);
+    if (!drawsMonth)
+        months = {Local(start.earliest).tm_mon + 1};
+    // Of several fixed days one is enough.
+    const std::int32_t day = days.empty() ? 0 : drawsDay ? *days.rbegin() : *days.begin();
+    return std::any_of(months.begin(), months.end(),
+                       [day](std::int32_t month) { return day > ShortestMonth(month); });
+}
+
+} // namespace
+
+std::string UndrawnInWords(const ComingStart &start, const CronFields &items) {
+    return FieldsInWords(start.undrawn) + " not yet drawn" +
+           (MayLackItsDay(start, items) ? ", no start if the month has no such day" : "");
 }
 
 std::string StartInWords(const ComingStart &start, std::time_t now) {

@@ -23,6 +23,9 @@ std::string ScheduleInWords(const Json::Value &schedule, const CronFields &items
 // The names of fields: "minute and hour".
 std::string FieldsInWords(const std::vector<std::string> &keys);
 
+// The number of days that the month, from 1, has in every year.
+std::int32_t ShortestMonth(std::int32_t month);
+
 // One value of the field `key`: "7", but "March" and "Tuesday".
 std::string ValueInWords(const std::string &key, std::int32_t value);
 
@@ -35,6 +38,10 @@ std::string StartInWords(const ComingStart &start, std::time_t now);
 
 // The same for a table column: "Wed 00:01-24:00", "8 Jun - 14 Jun".
 std::string StartInShort(const ComingStart &start, std::time_t now);
+
+// What a start still depends on: "minute and hour not yet drawn". Adds a remark if a draw may lead
+// to a day that its month does not have. `items` are those of the job.
+std::string UndrawnInWords(const ComingStart &start, const CronFields &items);
 
 } // namespace kest::ctl
 

@@ -70,6 +70,27 @@ TEST(LostRuns, RemarksOnARandomMinuteBesideAnHour) {
         EXPECT_EQ(LostRuns(CrontabJob(crontab).cronFields()), "") << crontab;
 }
 
+TEST(RareDays, RemarksOnDaysThatSomeMonthsLack) {
+    const struct {
+        const char *crontab;
+        const char *remark;
+    } rows[] = {
+        {"0 0 31 * *", "no run on day 31 in months with fewer days"},
+        {"0 0 1,29,30 * *", "no run on day 29 and 30 in months with fewer days"},
+        {"0 0 20~30 * *", "no run in months with fewer days if the day is drawn as 29 to 30"},
+        {"0 0 31~31 * *", "no run in months with fewer days if the day is drawn as 31"},
+        {"0 0 31,29~30 * *", "no run on day 31 in months with fewer days; no run in months with "
+                             "fewer days if the day is drawn as 29 to 30"},
+        {"0 0 28 * *", ""},
+        {"0 0 ~ * *", ""}, // drawn from 1 to 28
+        {"0 0 * * *", ""},
+        {"0 0 31,* * *", ""},
+        {"0 0 31 4 *", ""}, // a warning of its own
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(RareDays(CrontabJob(row.crontab).cronFields()), row.remark) << row.crontab;
+}
+
 TEST(MisreadPeriod, IsAnyWordButTheUsualOnes) {
     EXPECT_EQ(MisreadPeriod("minutely"),
               "\"minutely\" is read as \"monthly\": only its first letter counts");

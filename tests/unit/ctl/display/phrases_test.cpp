@@ -137,6 +137,36 @@ TEST(StartInWords, ShowsATimeOrItsBounds) {
     }
 }
 
+TEST(UndrawnInWords, RemarksOnDaysThatAMonthMayNotHave) {
+    const LocalZone zone("UTC0");
+    const std::string remark = ", no start if the month has no such day";
+    const struct {
+        const char *crontab;
+        int month;
+        std::vector<std::string> undrawn;
+        std::string words;
+    } rows[] = {
+        {"0 0 ~ * *", 2, {"day"}, "day not yet drawn"},
+        {"0 0 28~31 * *", 4, {"day"}, "day not yet drawn" + remark},
+        {"0 0 28~31 * *", 5, {"day"}, "day not yet drawn"},
+        {"0 0 28~30 * *", 4, {"day"}, "day not yet drawn"},
+        {"0 0 28~30 * *", 2, {"day"}, "day not yet drawn" + remark},
+        {"0 0 31 ~ *", 1, {"month"}, "month not yet drawn" + remark},
+        {"0 0 30 3~12 *", 3, {"month"}, "month not yet drawn"},
+        {"0 0 1,31 ~ *", 1, {"month"}, "month not yet drawn"},
+        {"0 0 * ~ *", 1, {"month"}, "month not yet drawn"},
+        {"0 0 29~30 2~3 *", 2, {"day", "month"}, "day and month not yet drawn" + remark},
+        {"~ 0 31 * *", 5, {"Minute"}, "minute not yet drawn"},
+    };
+    for (const auto &row : rows) {
+        ComingStart start;
+        start.earliest = start.latest = Utc(2026, row.month, 28, 0, 0);
+        start.undrawn = row.undrawn;
+        EXPECT_EQ(UndrawnInWords(start, CrontabJob(row.crontab).cronFields()), row.words)
+            << row.crontab;
+    }
+}
+
 } // namespace
 
 } // namespace kest::ctl
