@@ -142,15 +142,52 @@ def test_output(known, ctl, name, form):
     expect_golden(f"{name}.{form}", result.stdout)
 
 
+@pytest.mark.parametrize("columns", [40, 80, 120])
 @pytest.mark.parametrize("name", COMMANDS)
-def test_output_fits_the_terminal(known, ctl, name):
-    """Except for log lines and JSON, which are not cut."""
-    text = ctl.on_terminal(*COMMANDS[name], env={"NO_COLOR": "1"})
+def test_output_fits_the_terminal(known, ctl, name, columns):
+    """Except for the lines of the log."""
+    text = ctl.on_terminal(*COMMANDS[name], columns=columns, env={"NO_COLOR": "1"})
     assert "\033" not in text
-    expect_golden(f"{name}.80", text)
+    if columns == 80 or name in ("list", "next", "show", "status"):
+        expect_golden(f"{name}.{columns}", text)
     if not name.startswith("log"):
-        lines = text.split("\ndefinition:")[0].splitlines()
-        assert max(map(len, lines)) <= 80
+        assert widest(text) <= columns
+
+
+def widest(text):
+    return max(len(re.sub("\033\\[[0-9;]*m", "", line)) for line in text.splitlines())
+
+
+def test_long_names_fit_the_terminal(known, ctl):
+    """Whatever is long, no line is wider than the terminal, except for the lines of the log."""
+    names = ["builtin-core-" + part for part in ("x" * 200, "-".join(["word"] * 40), "ä" * 100, "two words " * 20)]
+    fields = [[0, 7, 19, 31, 44, 58], [1, 3, 5, 8, 13, 21], [1, 5, 9, 27], [1, 3, 5, 7, 12], [0, 2, 3, 5]]
+    crontab = " ".join(",".join(map(str, values)) for values in fields)
+    jobs = {name: entry(name, fields, crontab, cmd="/nowhere/" + "y" * 300, extra="z" * 300) for name in names}
+    jobs["drawn"] = entry("builtin-core-drawn", [[17], [3], [31], [3], [1]], "~ ~ 29~31 ~ ~", assure_execute=9000)
+    known.write(known.RUNTIME_FILE, json.dumps({"jobs": jobs}))
+    failure = "running job: {0} with command: /nowhere failed, return code: -1, error: No such file or directory"
+    started = "running job: {0} with command: /nowhere as user root (state[Ready], trig[02 01:07:00], tab[7])"
+    lines = [f"2026-06-02T01:07:11+00:00 {text.format(name)}\n" for name in names for text in (started, failure)]
+    known.write(known.LOG_FILE, "".join(lines), mode=0o600)
+    shown = [["show", name] for name in (*names, "drawn")]
+    explained = ["explain", crontab]
+    for columns in (20, 40, 41, 60, 80, 120):
+        for command in (["list"], ["next"], ["next", "drawn"], ["status"], ["timeline"], explained, *shown):
+            if command == ["timeline"] and columns < 30:
+                continue  # the narrowest one
+            assert widest(ctl.on_terminal(*command, columns=columns)) <= columns, (command, columns)
+
+
+def test_a_reload_fits_the_terminal(machine, ctl):
+    machine.jobs("pkg", "f", [never("x" * 150), never("changed")])
+    machine.start_and_wait()
+    machine.jobs(
+        "pkg", "f", [never("y" * 150), never("changed", run_on_passive=True), every_minute("z" * 150, crontab="* *")]
+    )
+    text = ctl.on_terminal("reload", columns=40, env={"NO_COLOR": "1"})
+    assert {line.split()[0] for line in text.splitlines()} >= {"added", "removed", "changed"}
+    assert '"crontab" has 2 fields' in " ".join(text.split()) and widest(text) <= 40
 
 
 def test_colours_only_on_terminals(known, ctl):

@@ -53,9 +53,10 @@ def output(ctl, *arguments, **options):
 
 
 def test_the_timeline_on_a_terminal(running, ctl):
-    text = ctl.on_terminal("timeline", env={"NO_COLOR": "1"})
-    expect_golden("timeline.80", text)
-    assert max(map(len, text.splitlines())) <= 80
+    for columns in (40, 120, 80):
+        text = ctl.on_terminal("timeline", columns=columns, env={"NO_COLOR": "1"})
+        expect_golden(f"timeline.{columns}", text)
+        assert max(map(len, text.splitlines())) <= columns
     coloured = ctl.on_terminal("timeline")
     assert "\033[33m▲\033[0m" in coloured
     assert re.sub("\033\\[[0-9]*m", "", coloured) == text

@@ -88,10 +88,13 @@ void WriteDiagnostic(const Diagnostic &diagnostic, const Screen &screen, std::os
     const Colour colour = diagnostic.severity == Severity::Error ? Colour::Red : Colour::Yellow;
     std::string text = diagnostic.job.empty() ? "" : diagnostic.job + ": ";
     text += MessageWithHint(diagnostic);
-    stream << Shown(diagnostic.file) << ":" << diagnostic.position.line << ":"
-           << diagnostic.position.column << ": "
-           << Coloured(screen, colour, std::string(NameOf(diagnostic.severity)) + ":") << " "
-           << Shown(text) << "\n";
+    constexpr std::size_t indent = 4; // of the part that does not fit into the first line
+    const std::string line =
+        Shown(diagnostic.file) + ":" + std::to_string(diagnostic.position.line) + ":" +
+        std::to_string(diagnostic.position.column) + ": " +
+        Coloured(screen, colour, std::string(NameOf(diagnostic.severity)) + ":") + " " +
+        Shown(text);
+    stream << Hanging(screen, line, indent) << "\n";
 }
 
 std::vector<Diagnostic> SourceErrors(const Context &context) {

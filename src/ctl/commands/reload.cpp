@@ -108,15 +108,19 @@ void Write(const Context &context, const Difference &difference, std::size_t job
     const auto write = [&](Colour colour, const char *change,
                            const std::vector<std::string> &names) {
         for (const std::string &name : names)
-            std::cout << Coloured(context.screen, colour, change) << " " << Shown(name) << "\n";
+            std::cout << Coloured(context.screen, colour, change) << " "
+                      << Wrapped(context.screen, Shown(name), std::strlen(change) + 1) << "\n";
     };
     write(Colour::Green, "added  ", difference.added);
     write(Colour::Red, "removed", difference.removed);
     write(Colour::Yellow, "changed", difference.changed);
     const bool same =
         difference.added.empty() && difference.removed.empty() && difference.changed.empty();
-    std::cout << (same ? "no jobs added, removed or changed; " : "") << jobs
-              << (jobs == 1 ? " job\n" : " jobs\n");
+    std::cout << Wrapped(context.screen,
+                         (same ? "no jobs added, removed or changed; " : "") +
+                             std::to_string(jobs) + (jobs == 1 ? " job" : " jobs"),
+                         0)
+              << "\n";
     for (const Diagnostic &error : errors)
         WriteDiagnostic(error, context.screen, std::cout);
 }

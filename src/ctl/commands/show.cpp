@@ -182,11 +182,20 @@ std::string LastRunInWords(const LiveJob &job, std::time_t now) {
     return job.isLogged ? when : "launched " + when + "; the execution log does not show its start";
 }
 
+void WriteLogLine(const Screen &screen, const LogLine &line) {
+    constexpr std::size_t indent = 4; // of the part that does not fit into the first line
+    const std::string text = Hanging(screen, line.stamp + Shown(line.text), indent);
+    std::cout << text.substr(0, line.stamp.size())
+              << Coloured(screen, line.failed ? Colour::Red : Colour::None,
+                          text.substr(line.stamp.size()))
+              << "\n";
+}
+
 void Write(const JobDetails &details, const Context &context) {
     const Screen &screen = context.screen;
     const LiveJob &job = details.job;
     const Json::Value document = job.job.Document();
-    std::cout << Coloured(screen, Colour::Bold, Shown(job.name)) << "\n";
+    std::cout << Coloured(screen, Colour::Bold, Wrapped(screen, Shown(job.name), 0)) << "\n";
     Line(screen, "state", StatusInWords(job, details.daemon, context.now));
     for (const Candidate &process : job.processes)
         Line(screen, "",
@@ -224,15 +233,14 @@ void Write(const JobDetails &details, const Context &context) {
     std::istringstream definition(JsonToString(Member(document, "config")));
     for (std::string line; std::getline(definition, line);) {
         const std::size_t depth = std::min(line.find_first_not_of('\t'), line.size());
-        std::cout << std::string(4 * depth, ' ') << Shown(line.substr(depth)) << "\n";
+        std::cout << std::string(4 * depth, ' ')
+                  << Wrapped(screen, Shown(line.substr(depth)), 4 * depth) << "\n";
     }
     std::cout << "\nlog:\n";
     for (const LogLine &line : details.lines)
-        std::cout << line.stamp
-                  << Coloured(screen, line.failed ? Colour::Red : Colour::None, Shown(line.text))
-                  << "\n";
+        WriteLogLine(screen, line);
     if (details.lines.empty())
-        std::cout << ReasonForNoLines(context) << "\n";
+        std::cout << Wrapped(screen, ReasonForNoLines(context), 0) << "\n";
 }
 
 } // namespace

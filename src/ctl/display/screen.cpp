@@ -40,6 +40,18 @@ bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
+constexpr char kEscape = '\033';
+
+// The end of the character at `begin`, or of the escape sequence of a colour.
+std::size_t AfterCharacter(const std::string &text, std::size_t begin) {
+    std::size_t end = begin + 1;
+    if (text[begin] == kEscape)
+        return std::min(text.find('m', end), text.size() - 1) + 1;
+    while (end < text.size() && IsContinuation(text[end]))
+        ++end;
+    return end;
+}
+
 const char *EscapeOfColour(Colour colour) {
     switch (colour) {
     case Colour::None:
@@ -78,8 +90,10 @@ std::string Coloured(const Screen &screen, Colour colour, const std::string &tex
 }
 
 std::size_t WidthOf(const std::string &text) {
-    return text.size() -
-           static_cast<std::size_t>(std::count_if(text.begin(), text.end(), IsContinuation));
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < text.size(); i = AfterCharacter(text, i))
+        width += text[i] == kEscape ? 0 : 1;
+    return width;
 }
 
 std::string Fitted(const Screen &screen, const std::string &text, std::size_t width) {
@@ -107,24 +121,76 @@ std::string FittedName(const Screen &screen, const std::string &name, std::size_
     return Fitted(screen, name, front) + name.substr(cut);
 }
 
-std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent) {
-    std::string wrapped;
-    std::size_t column = indent;
-    std::istringstream words(text);
-    for (std::string word; std::getline(words, word, ' ');) {
+namespace {
+
+// Puts words into lines of `width` columns, of which the first begins at column `column`.
+class Wrapping {
+public:
+    Wrapping(std::size_t width, std::size_t indent, std::size_t column)
+        : width_(width), indent_(width != 0 && indent >= width ? 0 : indent), column_(column) {}
+
+    void Add(const std::string &word) {
         const std::size_t width = WidthOf(word);
-        if (column == indent) {
-            column += width;
-        } else if (screen.width != 0 && column + 1 + width > screen.width) {
-            wrapped += "\n" + std::string(indent, ' ');
-            column = indent + width;
-        } else {
-            wrapped += " ";
-            column += 1 + width;
+        if (!std::exchange(isFirst_, false)) {
+            if (width_ != 0 && column_ + 1 + width > width_) {
+                Break();
+            } else {
+                text_ += ' ';
+                ++column_;
+            }
         }
-        wrapped += word;
+        if (width_ != 0 && column_ + width > width_) {
+            AddInParts(word);
+            return;
+        }
+        text_ += word;
+        column_ += width;
     }
-    return wrapped;
+
+    std::string Take() { return std::move(text_); }
+
+private:
+    void Break() {
+        text_.erase(text_.find_last_not_of(' ') + 1);
+        text_ += '\n' + std::string(indent_, ' ');
+        column_ = indent_;
+    }
+
+    void AddInParts(const std::string &word) {
+        for (std::size_t i = 0, end = 0; i < word.size(); i = end) {
+            end = AfterCharacter(word, i);
+            const std::string character = word.substr(i, end - i);
+            if (column_ + WidthOf(character) > width_)
+                Break();
+            text_ += character;
+            column_ += WidthOf(character);
+        }
+    }
+
+    std::size_t width_;
+    std::size_t indent_;
+    std::size_t column_;
+    bool isFirst_ = true;
+    std::string text_;
+};
+
+std::string WrappedFrom(const Screen &screen, const std::string &text, std::size_t indent,
+                        std::size_t column) {
+    Wrapping wrapping(screen.width, indent, column);
+    std::istringstream words(text);
+    for (std::string word; std::getline(words, word, ' ');)
+        wrapping.Add(word);
+    return wrapping.Take();
+}
+
+} // namespace
+
+std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent) {
+    return WrappedFrom(screen, text, indent, indent);
+}
+
+std::string Hanging(const Screen &screen, const std::string &text, std::size_t indent) {
+    return WrappedFrom(screen, text, indent, 0);
 }
 
 std::string Padded(const std::string &text, std::size_t width) {
@@ -164,7 +230,7 @@ std::vector<std::size_t> Table::WidthsFor(const Screen &screen) const {
     }
     for (; total > screen.width; --total) {
         const auto widest = std::max_element(widths.begin(), widths.end());
-        if (*widest <= narrowest)
+        if (*widest <= 1)
             break;
         --*widest;
     }

@@ -24,7 +24,8 @@ enum class Colour { None, Bold, Dim, Red, Green, Yellow };
 // `text` in the colour, or unchanged on a screen without colours.
 std::string Coloured(const Screen &screen, Colour colour, const std::string &text);
 
-// The width of `text` in columns, which is its number of characters.
+// The width of `text` in columns, which is its number of characters. The escape sequences of
+// Coloured() have none.
 std::size_t WidthOf(const std::string &text);
 
 // `text` cut to `width` columns, with an ellipsis if it was cut.
@@ -33,9 +34,12 @@ std::string Fitted(const Screen &screen, const std::string &text, std::size_t wi
 // The same for the name of a job, which keeps its end: "pkg…-report".
 std::string FittedName(const Screen &screen, const std::string &name, std::size_t width);
 
-// `text` broken at blanks into lines that fit the screen. The first line starts at column `indent`,
-// and further lines are indented by it.
+// `text` broken at blanks into lines that fit the screen. Longer words are broken too. The first
+// line starts at column `indent`, and further lines are indented by it.
 std::string Wrapped(const Screen &screen, const std::string &text, std::size_t indent);
+
+// The same, with the first line at column 0.
+std::string Hanging(const Screen &screen, const std::string &text, std::size_t indent);
 
 // `text` padded with blanks to `width` columns.
 std::string Padded(const std::string &text, std::size_t width);

@@ -1,6 +1,8 @@
 #include "ctl/display/screen.h"
 
 #include <gtest/gtest.h>
+#include <random>
+#include <sstream>
 
 namespace kest::ctl {
 
@@ -17,6 +19,8 @@ TEST(Coloured, NeedsAScreenWithColours) {
 TEST(WidthOf, CountsCharacters) {
     EXPECT_EQ(WidthOf("abc"), 3U);
     EXPECT_EQ(WidthOf("ä…b"), 3U);
+    EXPECT_EQ(WidthOf(Coloured({80, true, true}, Colour::Red, "ab") + "c"), 3U);
+    EXPECT_EQ(WidthOf("\033[3"), 0U);
     EXPECT_EQ(Padded("ä", 3), "ä  ");
     EXPECT_EQ(Padded("abcd", 3), "abcd");
 }
@@ -33,9 +37,56 @@ TEST(Wrapped, BreaksLinesAtBlanks) {
     EXPECT_EQ(Wrapped({12, false, true}, "one two three", 4), "one two\n    three");
     EXPECT_EQ(Wrapped({11, false, true}, "one two three", 4), "one two\n    three");
     EXPECT_EQ(Wrapped({10, false, true}, "one two three", 4), "one\n    two\n    three");
-    EXPECT_EQ(Wrapped({4, false, true}, "longer", 4), "longer");
+    EXPECT_EQ(Wrapped({12, false, true}, "one two-and-three", 4), "one\n    two-and-\n    three");
+    EXPECT_EQ(Wrapped({8, false, true}, "äöüäöü", 4), "äöüä\n    öü");
+    EXPECT_EQ(Wrapped({4, false, true}, "longer", 4), "\nlong\ner");
     EXPECT_EQ(Wrapped(kPipe, "a  b ", 0), "a  b");
     EXPECT_EQ(Wrapped(kPipe, "", 4), "");
+}
+
+TEST(Hanging, BeginsAtTheFirstColumn) {
+    EXPECT_EQ(Hanging(kPipe, "one two", 2), "one two");
+    EXPECT_EQ(Hanging({7, false, true}, "one two three", 2), "one two\n  three");
+}
+
+// Random words, some of them long.
+std::string SomeText(std::mt19937 &random, std::size_t words) {
+    std::string text;
+    for (std::size_t i = 0; i < words; ++i) {
+        text += i == 0 ? "" : " ";
+        for (std::size_t left = random() % 8 == 0 ? 100 : random() % 10; left != 0; --left)
+            text += random() % 5 == 0 ? "ä" : "x";
+    }
+    return text;
+}
+
+void ExpectFits(const std::string &text, std::size_t width) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LE(WidthOf(line), width) << text;
+}
+
+TEST(Wrapped, NeverExceedsTheScreen) {
+    for (unsigned round = 0; round < 3000; ++round) {
+        std::mt19937 random(round);
+        const Screen screen{16 + random() % 120, random() % 2 == 0, true};
+        const std::string text = SomeText(random, 1 + random() % 20);
+        ExpectFits(std::string(15, ' ') + Wrapped(screen, text, 15), screen.width);
+        ExpectFits(Hanging(screen, Coloured(screen, Colour::Red, text), 4), screen.width);
+    }
+}
+
+TEST(Table, NeverExceedsTheScreen) {
+    for (unsigned round = 0; round < 3000; ++round) {
+        std::mt19937 random(round);
+        const Screen screen{20 + random() % 120, random() % 2 == 0, random() % 2 == 0};
+        Table table({"JOB", "ACCOUNT", "SCHEDULE", "LAST RUN", "NEXT RUN", "STATE"}, {1, 3, 2});
+        for (std::size_t rows = random() % 4; rows != 0; --rows)
+            table.Add({SomeText(random, 1), SomeText(random, 1), SomeText(random, 5),
+                       SomeText(random, 3), SomeText(random, 3), SomeText(random, 2)},
+                      Colour::Red);
+        ExpectFits(table.Show(screen), screen.width);
+    }
 }
 
 Table SomeJobs() {
