@@ -13,6 +13,8 @@ if(KESTCROND_BUILD_CTL)
     install(TARGETS kestcronctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     install(FILES packaging/kestcronctl.bash
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestcronctl)
+    install(FILES packaging/kestcronctl.schema.json
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/kestcrond)
     list(APPEND pages kestcronctl.1)
 endif()
 

@@ -422,6 +422,7 @@ def test_yocto_packages(recipe):
         ("/usr/share/bash-completion/completions/kestcronctl", "kestcrond-ctl"),
         ("/usr/share/kestcrond/examples/README.md", "kestcrond-examples"),
         ("/usr/share/kestcrond/kestcron.job.schema.json", "kestcrond"),
+        ("/usr/share/kestcrond/kestcronctl.schema.json", "kestcrond-ctl"),
     ]:
         assert package_of(recipe, path) == package, path
 
