@@ -50,7 +50,7 @@ _kestcronctl() {
         mapfile -t COMPREPLY < <(compgen -W 'hourly daily weekly monthly' -- "$current")
         return
         ;;
-    --at | --since)
+    --at | --since | --until)
         mapfile -t COMPREPLY < <(compgen -W 'now today yesterday tomorrow' -- "$current")
         return
         ;;
@@ -82,7 +82,7 @@ _kestcronctl() {
         list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;
-        log) options+=' -f --follow -n --job --since --failed' ;;
+        log) options+=' -f --follow -n --job --since --until --failed --raw --no-pager' ;;
         timeline) options+=' --hours --svg' ;;
         reload) options+=' --timeout' ;;
         esac

@@ -241,7 +241,10 @@ private:
             ->type_name("PATTERN");
         log->add_option("--since", options_.log.since, "Only lines from TIME on")
             ->type_name("TIME");
+        log->add_option("--until", options_.log.until, "Only lines up to TIME")->type_name("TIME");
         log->add_flag("--failed", options_.log.failed, "Only failures");
+        log->add_flag("--raw", options_.log.raw, "Lines as they are, also on a terminal");
+        log->add_flag("--no-pager", options_.log.noPager, "Do not show long output page by page");
     }
 
     void AddActions() {

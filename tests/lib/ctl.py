@@ -40,11 +40,12 @@ class Ctl:
         assert done.stderr == "", done.stderr
         return done.returncode, json.loads(done.stdout)
 
-    def on_terminal(self, *arguments, columns=80, env=None):
-        """Returns the output on a terminal of that width."""
+    def on_terminal(self, *arguments, columns=80, env=None, limit=None):
+        """Returns the output on a terminal of that width. After `limit` seconds the tool is terminated."""
         ours, theirs = os.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
         process = self._machine.popen(
+            *(["/usr/bin/timeout", str(limit)] if limit else []),
             TOOL,
             *arguments,
             env={"LC_ALL": "C.UTF-8", "TERM": "linux", **(env or {})},

@@ -359,6 +359,18 @@ def test_an_incomplete_log(known, ctl):
     assert result.returncode == 0 and "/var/log/kestcrond-execute.log does not exist yet" in result.stderr
 
 
+def test_last_runs_after_a_rotation(known, ctl):
+    log = known.path(known.LOG_FILE)
+    old = log.with_name(log.name + ".1")
+    before = ctl("list", "--json").stdout
+    log.rename(old)
+    assert ctl("list", "--json").stdout == before
+    known.write(known.LOG_FILE, LOG.splitlines()[0].replace("weekly", "other") + "\n", mode=0o600)
+    assert ctl("list", "--json").stdout == before
+    old.unlink()
+    assert ctl("list", "--json").stdout != before
+
+
 def test_a_pipe_that_closes(known, ctl):
     known.write(known.LOG_FILE, LOG * 5000, mode=0o600)
     result = known.run("bash", "-c", f"{TOOL} log | head -1; echo ${{PIPESTATUS[0]}}")

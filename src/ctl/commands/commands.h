@@ -74,7 +74,10 @@ struct LogOptions {
     std::optional<std::size_t> lines;
     std::string job;
     std::string since;
+    std::string until;
     bool failed = false;
+    bool raw = false;     // lines as they are, instead of a table on a terminal
+    bool noPager = false; // on a terminal
 };
 int Log(const Context &context, const LogOptions &options);
 

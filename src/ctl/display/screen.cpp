@@ -28,12 +28,14 @@ bool ShowsColour() {
     return !IsSet("NO_COLOR") && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
-std::size_t TerminalWidth() {
-    constexpr std::size_t usual = 80;
+winsize TerminalSize() {
+    constexpr unsigned short usualWidth = 80;
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_col == 0)
-        return usual;
-    return size.ws_col;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == -1)
+        size = {};
+    if (size.ws_col == 0)
+        size.ws_col = usualWidth;
+    return size;
 }
 
 bool IsContinuation(char byte) {
@@ -77,7 +79,9 @@ Screen DetectScreen() {
     std::setlocale(LC_CTYPE, "");
     screen.utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
     if (isatty(STDOUT_FILENO) == 1) {
-        screen.width = TerminalWidth();
+        const winsize size = TerminalSize();
+        screen.width = size.ws_col;
+        screen.height = size.ws_row;
         screen.colour = ShowsColour();
     }
     return screen;
@@ -199,23 +203,23 @@ std::string Padded(const std::string &text, std::size_t width) {
 }
 
 Table::Table(std::vector<std::string> header, std::vector<std::size_t> dispensable)
-    : dispensable_(std::move(dispensable)),
+    : widest_(header.size()), dispensable_(std::move(dispensable)),
       names_(static_cast<std::size_t>(std::find(header.begin(), header.end(), "JOB") -
                                       header.begin())) {
-    Add(std::move(header), Colour::None);
+    Add(std::move(header));
+    rows_.front().isHeader = true;
 }
 
 void Table::Add(std::vector<std::string> row, Colour colour) {
-    for (std::string &cell : row)
-        cell = Shown(cell);
-    rows_.push_back({std::move(row), colour});
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        row[i] = Shown(row[i]);
+        widest_[i] = std::max(widest_[i], WidthOf(row[i]));
+    }
+    rows_.push_back({std::move(row), colour, false});
 }
 
 std::vector<std::size_t> Table::WidthsFor(const Screen &screen) const {
-    std::vector<std::size_t> widths(rows_.front().cells.size());
-    for (const Row &row : rows_)
-        for (std::size_t i = 0; i < widths.size(); ++i)
-            widths[i] = std::max(widths[i], WidthOf(row.cells[i]));
+    std::vector<std::size_t> widths = widest_;
     constexpr std::size_t narrowest = 10;
     std::size_t total = kGap * (widths.size() - 1);
     for (const std::size_t width : widths)
@@ -240,21 +244,30 @@ std::vector<std::size_t> Table::WidthsFor(const Screen &screen) const {
 std::string Table::Show(const Screen &screen) const {
     const std::vector<std::size_t> widths = WidthsFor(screen);
     std::string text;
-    for (std::size_t i = 0; i < rows_.size(); ++i) {
-        const Row &row = rows_[i];
-        std::string line;
-        for (std::size_t j = 0; j < widths.size(); ++j) {
-            if (widths[j] == 0)
-                continue;
-            const bool last = j + 1 == widths.size();
-            const std::string cell = j == names_ ? FittedName(screen, row.cells[j], widths[j])
-                                                 : Fitted(screen, row.cells[j], widths[j]);
-            line += last ? Coloured(screen, row.colour, cell) : Padded(cell, widths[j] + kGap);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        text += (i == 0 ? Coloured(screen, Colour::Bold, line) : line) + "\n";
-    }
+    for (const Row &row : rows_)
+        text += ShowRow(screen, row, widths);
     return text;
+}
+
+std::string Table::TakeRows(const Screen &screen) {
+    std::string text = Show(screen);
+    rows_.clear();
+    return text;
+}
+
+std::string Table::ShowRow(const Screen &screen, const Row &row,
+                           const std::vector<std::size_t> &widths) const {
+    std::string line;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        if (widths[i] == 0)
+            continue;
+        const bool last = i + 1 == widths.size();
+        const std::string cell = i == names_ ? FittedName(screen, row.cells[i], widths[i])
+                                             : Fitted(screen, row.cells[i], widths[i]);
+        line += last ? Coloured(screen, row.colour, cell) : Padded(cell, widths[i] + kGap);
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    return (row.isHeader ? Coloured(screen, Colour::Bold, line) : line) + "\n";
 }
 
 } // namespace kest::ctl

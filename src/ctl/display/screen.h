@@ -12,7 +12,8 @@ namespace kest::ctl {
 struct Screen {
     std::size_t width = 0; // columns; 0 for unlimited, without a terminal
     bool colour = false;
-    bool utf8 = false; // otherwise only ASCII
+    bool utf8 = false;      // otherwise only ASCII
+    std::size_t height = 0; // rows; 0 for unlimited
 };
 
 // The properties of standard output. Colours are used on a terminal unless it is "dumb" or NO_COLOR
@@ -58,15 +59,23 @@ public:
     // The table as text. If it is still too wide for the screen, the widest columns are cut.
     std::string Show(const Screen &screen) const;
 
+    // The rows that were added since the last call, and before the first call the header. They are
+    // removed. For tables whose rows are not all known at first: columns only become wider.
+    std::string TakeRows(const Screen &screen);
+
 private:
     struct Row {
         std::vector<std::string> cells;
         Colour colour;
+        bool isHeader;
     };
+    std::string ShowRow(const Screen &screen, const Row &row,
+                        const std::vector<std::size_t> &widths) const;
     // The width of each column; 0 for one that is left out.
     std::vector<std::size_t> WidthsFor(const Screen &screen) const;
 
-    std::vector<Row> rows_; // the header first
+    std::vector<std::size_t> widest_; // cell of each column
+    std::vector<Row> rows_;           // the header first
     std::vector<std::size_t> dispensable_;
     std::size_t names_; // the column "JOB"
 };

@@ -186,6 +186,12 @@ std::string WhenInShort(std::time_t time, std::time_t now) {
     return day + (day.empty() ? "" : " ") + ClockInWords(time, now);
 }
 
+std::string MomentInShort(std::time_t time, std::time_t now) {
+    const std::tm local = Local(time);
+    const std::string day = DayInShort(time, now);
+    return day + (day.empty() ? "" : " ") + Formatted("%H:%M:%S", local) + ZoneUnlessOf(local, now);
+}
+
 std::string SpanInWords(std::time_t seconds) {
     struct Unit {
         const char *name;

@@ -24,6 +24,9 @@ std::string WhenInWords(std::time_t time, std::time_t now);
 // 03:17", in other years "9 Jun 2027".
 std::string WhenInShort(std::time_t time, std::time_t now);
 
+// The same with seconds, and always with the time of day: "03:17:09", "9 Jun 2027 03:17:09".
+std::string MomentInShort(std::time_t time, std::time_t now);
+
 // The day in short form: "" for today, "Tue", "9 Jun", "9 Jun 2027".
 std::string DayInShort(std::time_t time, std::time_t now);
 

@@ -1,9 +1,12 @@
 #include "ctl/system/last_starts.h"
 
 #include "base/descriptor.h"
+#include "base/paths.h"
 #include "ctl/system/log_line.h"
+#include "ctl/system/rotated_logs.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <sstream>
@@ -60,22 +63,30 @@ void AddLine(const LogLine &line, RecentStarts &starts) {
     AddToCycle(line, starts);
 }
 
-} // namespace
+constexpr std::size_t kPart = std::size_t{1} << 20; // of a file, in bytes
 
-RecentStarts ReadRecentStarts(const std::string &log, std::time_t since) {
-    constexpr std::size_t step = std::size_t{1} << 20;
-    constexpr int mostSteps = 64;
-    RecentStarts starts;
+// How far the log is read, from its end on.
+struct Reach {
+    std::time_t since = 0;
+    std::uintmax_t read = 0;  // bytes
+    bool isOlderSeen = false; // a line older than `since`
+
+    bool IsEnough() const {
+        constexpr std::uintmax_t most = 64 * kPart;
+        return read >= most || (isOlderSeen && read >= kPart);
+    }
+};
+
+void AddFile(const Descriptor &file, Reach &reach, RecentStarts &starts) {
     struct stat status {};
-    const Descriptor file = OpenRegularFile(log);
-    if (!file || fstat(file.Get(), &status) == -1)
-        return starts;
+    if (fstat(file.Get(), &status) == -1)
+        return;
     auto begin = static_cast<std::uintmax_t>(status.st_size);
     std::string rest; // end of the line that begins in the part before
-    bool reached = false;
-    for (int i = 0; i < mostSteps && begin > 0 && !reached; ++i) {
-        const auto size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, step));
+    while (begin > 0 && !reach.IsEnough()) {
+        const auto size = static_cast<std::size_t>(std::min<std::uintmax_t>(begin, kPart));
         begin -= size;
+        reach.read += size;
         std::string part(size, '\0');
         if (pread(file.Get(), part.data(), size, static_cast<off_t>(begin)) !=
             static_cast<ssize_t>(size))
@@ -85,9 +96,27 @@ RecentStarts ReadRecentStarts(const std::string &log, std::time_t since) {
         rest = part.substr(0, whole);
         for (std::string text; std::getline(lines, text);) {
             const LogLine line = ParseLogLine(text);
-            reached = reached || (line.time >= 0 && line.time < since);
+            reach.isOlderSeen = reach.isOlderSeen || (line.time >= 0 && line.time < reach.since);
             AddLine(line, starts);
         }
+    }
+}
+
+} // namespace
+
+RecentStarts ReadRecentStarts(const Appliance &appliance, std::time_t since) {
+    Reach reach{since};
+    RecentStarts starts;
+    const Descriptor present = OpenRegularFile(appliance.Locate(kExecutionLogFile));
+    if (!present && errno != ENOENT)
+        return starts;
+    AddFile(present, reach, starts);
+    if (reach.IsEnough())
+        return starts;
+    for (const RotatedLog &log : OpenRotatedLogs(appliance, present).files) {
+        if (log.IsCompressed() || reach.IsEnough())
+            break;
+        AddFile(log.File(), reach, starts);
     }
     return starts;
 }

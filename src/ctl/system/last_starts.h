@@ -3,6 +3,8 @@
 #ifndef CTL_SYSTEM_LAST_STARTS_H
 #define CTL_SYSTEM_LAST_STARTS_H
 
+#include "ctl/system/appliance.h"
+
 #include <cstddef>
 #include <ctime>
 #include <map>
@@ -33,8 +35,9 @@ struct RecentStarts {
 };
 
 // The starts since `since`, and those in the last MiB of the log. Older starts are in the runtime
-// document only. Reads at most the last 64 MiB.
-RecentStarts ReadRecentStarts(const std::string &log, std::time_t since);
+// document only. Reads at most the last 64 MiB, and goes on in rotated files that are not
+// compressed.
+RecentStarts ReadRecentStarts(const Appliance &appliance, std::time_t since);
 
 } // namespace kest::ctl
 

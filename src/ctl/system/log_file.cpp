@@ -6,23 +6,7 @@
 
 namespace kest::ctl {
 
-bool LogFile::Open() {
-    file_ = OpenRegularFile(path_);
-    rest_.clear();
-    read_ = 0;
-    return IsOpen();
-}
-
-void LogFile::SkipToLast(std::uintmax_t most) {
-    struct stat status {};
-    std::string cut;
-    if (fstat(file_.Get(), &status) == -1 || static_cast<std::uintmax_t>(status.st_size) <= most)
-        return;
-    lseek(file_.Get(), status.st_size - static_cast<off_t>(most), SEEK_SET);
-    ReadLine(cut);
-}
-
-bool LogFile::ReadLine(std::string &line) {
+bool LineReader::ReadLine(std::string &line) {
     constexpr std::size_t block = 65536;
     constexpr std::size_t longest = std::size_t{1} << 20;
     for (auto end = rest_.find('\n', read_); true; end = rest_.find('\n', read_)) {
@@ -45,17 +29,33 @@ bool LogFile::ReadLine(std::string &line) {
     }
 }
 
-std::string LogFile::TakePartialLine() {
+std::string LineReader::TakePartialLine() {
     return std::exchange(rest_, {}).substr(std::exchange(read_, 0));
+}
+
+bool LogFile::Open() {
+    lines_ = LineReader(OpenRegularFile(path_));
+    return IsOpen();
+}
+
+void LogFile::SkipToLast(std::uintmax_t most) {
+    struct stat status {};
+    std::string cut;
+    const int file = lines_.File().Get();
+    if (fstat(file, &status) == -1 || static_cast<std::uintmax_t>(status.st_size) <= most)
+        return;
+    lseek(file, status.st_size - static_cast<off_t>(most), SEEK_SET);
+    ReadLine(cut);
 }
 
 bool LogFile::IsRotated() const {
     struct stat opened {};
     struct stat named {};
-    if (fstat(file_.Get(), &opened) == -1 || stat(path_.c_str(), &named) == -1)
+    const int file = lines_.File().Get();
+    if (fstat(file, &opened) == -1 || stat(path_.c_str(), &named) == -1)
         return false; // the new file does not exist yet
     return opened.st_ino != named.st_ino || opened.st_dev != named.st_dev ||
-           opened.st_size < lseek(file_.Get(), 0, SEEK_CUR);
+           opened.st_size < lseek(file, 0, SEEK_CUR);
 }
 
 } // namespace kest::ctl

@@ -68,16 +68,23 @@ LogLine ParseLogLine(std::string_view line) {
         }
         if (parsed.started) {
             const std::string details = text.substr(note);
+            const auto user = text.rfind(" as user ", note);
+            if (user != std::string::npos)
+                parsed.account = text.substr(user + 9, note - user - 9);
+            parsed.state = Between(details, " (state[", "]");
             ReadNumber(Between(details, ", delay[", "]"), parsed.delay);
             ReadNumber(Between(details, ", job[", "/"), parsed.rank);
             ReadNumber(Between(Between(details, ", job[", "]") + "]", "/", "]"), parsed.launches);
             parsed.trigger = Between(details, ", trig[", "]");
-            parsed.manual = StartsWith(details, std::string(" (state[") + kManualState + "]");
+            parsed.manual = parsed.state == kManualState;
         }
     } else if (StartsWith(text, "Failed to ")) {
         parsed.job = Between(text, " for", " for user ");
+        parsed.account = Between(text, " for user ", "[");
         parsed.failed = true;
-        parsed.reason = text;
+        const std::string step = Between(text, "Failed to ", " for");
+        const std::string error = Between(text, parsed.account + "[", "]");
+        parsed.reason = step.empty() || error.empty() ? text : step + ": " + error;
     }
     return parsed;
 }

@@ -17,6 +17,8 @@ struct LogLine {
     std::string stamp;     // the timestamp with the following blank
     std::string text;      // the line without the timestamp
     std::string job;       // full name as printed; empty if the line names none
+    std::string account;   // as printed; empty if the line names none
+    std::string state;     // of the job at its launch, as the daemon names it; empty if unknown
     bool started = false;  // a start
     bool manual = false;   // a start by hand, not by the daemon
     bool failed = false;   // a failure

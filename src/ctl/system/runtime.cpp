@@ -96,7 +96,7 @@ Runtime LoadRuntime(const Appliance &appliance) {
     runtime.saved = SavedAt(runtime.path);
     if (const auto shared = FindTemplate(appliance))
         runtime.maxDelay = shared->maxDelay;
-    RecentStarts recent = ReadRecentStarts(appliance.Locate(kExecutionLogFile), runtime.saved);
+    RecentStarts recent = ReadRecentStarts(appliance, runtime.saved);
     runtime.cycles = std::move(recent.cycles);
     const std::vector<Candidate> candidates = Candidates(appliance);
     Json::Value entries = document.isObject() ? std::move(document["jobs"]) : Json::Value();

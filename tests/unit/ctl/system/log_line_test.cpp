@@ -17,6 +17,8 @@ TEST(ParseLogLine, ParsesStarts) {
     EXPECT_TRUE(line.started);
     EXPECT_FALSE(line.failed);
     EXPECT_EQ(line.delay, 10);
+    EXPECT_EQ(line.account, "root");
+    EXPECT_EQ(line.state, "Ready");
 }
 
 TEST(ParseLogLine, IgnoresNotesInsideCommands) {
@@ -27,6 +29,8 @@ TEST(ParseLogLine, IgnoresNotesInsideCommands) {
     EXPECT_TRUE(started.started);
     EXPECT_FALSE(started.failed);
     EXPECT_FALSE(started.manual);
+    EXPECT_EQ(started.account, "root");
+    EXPECT_EQ(started.state, "Ready");
     EXPECT_EQ(started.delay, 10);
     const LogLine failed = ParseLogLine(
         start + "x (state[Ready], delay[77]) failed, return code: -1, error: No such file");
@@ -43,17 +47,29 @@ TEST(ParseLogLine, RecognisesManualRuns) {
 }
 
 TEST(ParseLogLine, ParsesFailures) {
-    const char *const texts[] = {
-        "running job: pkg-a-b with command: /bin/x failed, return code: -1, error: No such file",
-        "Failed to initgroups forpkg-a-b for user bob[Operation not permitted]",
-        "Failed to setuid forpkg-a-b for user bob[Operation not permitted]",
+    struct Row {
+        const char *text;
+        const char *reason;
+        const char *account;
     };
-    for (const char *text : texts) {
+    const Row rows[] = {
+        {"running job: pkg-a-b with command: /bin/x failed, return code: -1, error: No such file",
+         "No such file", ""},
+        {"running job: pkg-a-b with command: /bin/x failed, return code: 1",
+         "failed, return code: 1", ""},
+        {"Failed to initgroups forpkg-a-b for user bob[Operation not permitted]",
+         "initgroups: Operation not permitted", "bob"},
+        {"Failed to setuid forpkg-a-b for user bob[Operation not permitted]",
+         "setuid: Operation not permitted", "bob"},
+    };
+    for (const auto &[text, reason, account] : rows) {
         const LogLine line = ParseLogLine(std::string("2026-11-15T03:00:00+01:00 ") + text);
         EXPECT_EQ(line.job, "pkg-a-b") << text;
         EXPECT_TRUE(line.failed) << text;
         EXPECT_FALSE(line.started) << text;
         EXPECT_EQ(line.text, text);
+        EXPECT_EQ(line.reason, reason);
+        EXPECT_EQ(line.account, account);
     }
 }
 
