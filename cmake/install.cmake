@@ -15,6 +15,7 @@ if(KESTCROND_BUILD_CTL)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestcronctl)
     install(FILES packaging/kestcronctl.schema.json
             DESTINATION ${CMAKE_INSTALL_DATADIR}/kestcrond)
+    install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/kestcrond)
     list(APPEND pages kestcronctl.1)
 endif()
 

@@ -420,6 +420,7 @@ def test_yocto_packages(recipe):
         ("/usr/sbin/kestcrond", "kestcrond"),
         ("/usr/bin/kestcronctl", "kestcrond-ctl"),
         ("/usr/share/bash-completion/completions/kestcronctl", "kestcrond-ctl"),
+        ("/usr/share/kestcrond/prometheus/kestcron.rules.yml", "kestcrond-ctl"),
         ("/usr/share/kestcrond/examples/README.md", "kestcrond-examples"),
         ("/usr/share/kestcrond/kestcron.job.schema.json", "kestcrond"),
         ("/usr/share/kestcrond/kestcronctl.schema.json", "kestcrond-ctl"),

@@ -1,5 +1,6 @@
 #include "ctl/display/metrics.h"
 
+#include "base/printable.h"
 #include "core/job_state.h"
 #include "ctl/display/launch_forecast.h"
 #include "ctl/display/utf8.h"
@@ -19,17 +20,24 @@ struct JobFigures {
     Value nextLaunch;
     Value next;
     Value nextLatest;
+    Value starts;
+    Value failures;
+    bool failed = false;
     bool overdue = false;
     bool pending = false;
     bool running = false;
 };
 
+constexpr const char *kGauge = "gauge";
+constexpr const char *kCounter = "counter";
+
 struct JobFamily {
     const char *name;
     const char *help;
     Value (*value)(const JobFigures &job);
+    const char *type = kGauge;
 };
-constexpr std::array<JobFamily, 7> kJobFamilies{{
+constexpr std::array<JobFamily, 10> kJobFamilies{{
     {"kestcron_job_last_run_timestamp_seconds", "Time of the last start of the job.",
      [](const JobFigures &job) { return job.lastRun; }},
     {"kestcron_job_next_launch_timestamp_seconds", "Earliest time of the next launch of the job.",
@@ -44,10 +52,16 @@ constexpr std::array<JobFamily, 7> kJobFamilies{{
      [](const JobFigures &job) { return Value(job.pending); }},
     {"kestcron_job_running", "Whether a process of the job is running.",
      [](const JobFigures &job) { return Value(job.running); }},
+    {"kestcron_job_failed", "Whether the program of the job could not be run the last time.",
+     [](const JobFigures &job) { return Value(job.failed); }},
+    {"kestcron_job_starts_total", "Starts of the job in the execution log.",
+     [](const JobFigures &job) { return job.starts; }, kCounter},
+    {"kestcron_job_start_failures_total", "Failures at starts of the job in the execution log.",
+     [](const JobFigures &job) { return job.failures; }, kCounter},
 }};
 
-std::string Heading(const std::string &name, const char *help) {
-    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n";
+std::string Heading(const std::string &name, const char *help, const char *type = kGauge) {
+    return "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
 }
 
 std::string Sample(const std::string &name, const std::string &labels, std::int64_t value) {
@@ -96,7 +110,17 @@ JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon,
     figures.overdue = input.overdue && !heldBack;
     figures.pending = input.expireTime != 0 || job.kept;
     figures.running = !job.processes.empty();
+    figures.failed = job.failed != 0;
     return figures;
+}
+
+void AddCounts(const std::map<std::string, StartCount> &counts, const LiveJob &job,
+               JobFigures &figures) {
+    const auto count = counts.find(Printable(job.name));
+    if (count == counts.end())
+        return;
+    figures.starts = static_cast<std::int64_t>(count->second.starts);
+    figures.failures = static_cast<std::int64_t>(count->second.failures);
 }
 
 std::string FamilyInText(const JobFamily &family, const std::vector<JobFigures> &jobs) {
@@ -104,33 +128,50 @@ std::string FamilyInText(const JobFamily &family, const std::vector<JobFigures> 
     for (const JobFigures &job : jobs)
         if (const Value value = family.value(job))
             samples += Sample(family.name, job.labels, *value);
-    return samples.empty() ? "" : Heading(family.name, family.help) + samples;
+    return samples.empty() ? "" : Heading(family.name, family.help, family.type) + samples;
+}
+
+std::string SystemInText(std::size_t jobs, const Daemon &daemon, const SystemFigures &system) {
+    const auto number = [](std::size_t count) { return static_cast<std::int64_t>(count); };
+    const char *const build = "kestcron_build_info";
+    return Single("kestcron_up", "Whether kestcrond is running.", daemon.IsRunning()) +
+           Single("kestcron_passive", "Whether kestcrond is running in passive mode.",
+                  daemon.passive) +
+           Single("kestcron_held", "Whether the machine is held.", daemon.held) +
+           Single("kestcron_jobs", "Number of jobs.", number(jobs)) +
+           Single("kestcron_refused_jobs",
+                  "Number of definitions in job files that kestcrond does not load.",
+                  system.refused ? Value(number(system.refused->jobs)) : std::nullopt) +
+           Single("kestcron_refused_files", "Number of job files that kestcrond does not load.",
+                  system.refused ? Value(number(system.refused->files)) : std::nullopt) +
+           Single("kestcron_document_timestamp_seconds",
+                  "Time of the runtime document that the jobs are read from.",
+                  system.saved ? Value(*system.saved) : std::nullopt) +
+           Single("kestcron_start_time_seconds", "Start time of kestcrond.",
+                  daemon.IsRunning() ? Value(daemon.since) : std::nullopt) +
+           Single("kestcron_delayed_starts", "Number of launched jobs that wait out their delay.",
+                  daemon.delayed) +
+           Single("kestcron_max_delay_seconds",
+                  "Maximum delay between two starts of the same minute.", system.maxDelay) +
+           Heading(build, "Version of kestcronctl, which printed these metrics.") +
+           Sample(build, "{version=" + Quoted(KESTCROND_VERSION) + "}", 1);
 }
 
 } // namespace
 
 std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon,
-                          std::optional<std::int32_t> maxDelay, std::time_t now) {
+                          const SystemFigures &system, std::time_t now) {
     std::set<std::string> used;
     std::vector<JobFigures> figures;
     const auto nexts =
-        NextStarts(jobs, daemon, maxDelay.value_or(ScheduleTemplate::kDefaultMaxDelay), now);
+        NextStarts(jobs, daemon, system.maxDelay.value_or(ScheduleTemplate::kDefaultMaxDelay), now);
     for (std::size_t i = 0; i < jobs.size(); ++i) {
         figures.push_back(FiguresOf(jobs[i], daemon, nexts[i]));
         figures.back().labels = LabelsOf(jobs[i], used);
+        if (system.counts)
+            AddCounts(*system.counts, jobs[i], figures.back());
     }
-    std::string text =
-        Single("kestcron_up", "Whether kestcrond is running.", daemon.IsRunning()) +
-        Single("kestcron_passive", "Whether kestcrond is running in passive mode.",
-               daemon.passive) +
-        Single("kestcron_held", "Whether the machine is held.", daemon.held) +
-        Single("kestcron_jobs", "Number of jobs.", static_cast<std::int64_t>(jobs.size())) +
-        Single("kestcron_start_time_seconds", "Start time of kestcrond.",
-               daemon.IsRunning() ? Value(daemon.since) : std::nullopt) +
-        Single("kestcron_delayed_starts", "Number of launched jobs that wait out their delay.",
-               daemon.delayed) +
-        Single("kestcron_max_delay_seconds", "Maximum delay between two starts of the same minute.",
-               maxDelay);
+    std::string text = SystemInText(jobs.size(), daemon, system);
     for (const JobFamily &family : kJobFamilies)
         text += FamilyInText(family, figures);
     return text;

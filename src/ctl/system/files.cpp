@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -40,6 +43,25 @@ std::string ReadLink(const std::string &path) {
     const ssize_t size = readlink(path.c_str(), target.data(), target.size());
     target.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return target;
+}
+
+bool ReplaceFile(const std::string &path, const std::string &text, mode_t mode) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
+    std::string fresh = path + ".XXXXXX";
+    Descriptor file(mkostemp(fresh.data(), O_CLOEXEC));
+    if (!file)
+        return false;
+    if (fchmod(file.Get(), mode) == 0 && WriteAll(file.Get(), text) && close(file.Release()) == 0 &&
+        rename(fresh.c_str(), path.c_str()) == 0)
+        return true;
+    const int error = errno;
+    unlink(fresh.c_str());
+    errno = error;
+    return false;
 }
 
 } // namespace kest::ctl

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/types.h>
 
 namespace kest::ctl {
 
@@ -16,6 +17,11 @@ std::string ReadHead(const std::string &path, std::size_t most);
 
 // The target of a symbolic link; empty for anything else.
 std::string ReadLink(const std::string &path);
+
+// Replaces a regular file or a link in one step, with that mode; or makes it. A link is not
+// followed and the old mode is dropped, because other users may have prepared them. Returns false
+// with errno set on failure; the old file is then unchanged.
+bool ReplaceFile(const std::string &path, const std::string &text, mode_t mode);
 
 } // namespace kest::ctl
 

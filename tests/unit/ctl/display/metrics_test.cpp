@@ -1,5 +1,6 @@
 #include "ctl/display/metrics.h"
 
+#include "base/printable.h"
 #include "ctl/display/coming_starts.h"
 #include "job/schedule.h"
 #include "tests/unit/support/clock.h"
@@ -47,8 +48,14 @@ std::string JobSample(const std::string &fact) {
     return "kestcron_job_" + fact + "{job=\"a\",user=\"root\"}";
 }
 
+SystemFigures WithMaxDelay(std::int32_t seconds) {
+    SystemFigures system;
+    system.maxDelay = seconds;
+    return system;
+}
+
 TEST(Metrics, WithoutADaemonAndJobs) {
-    EXPECT_EQ(MetricsInText({}, {}, std::nullopt, kTenPastTwo),
+    EXPECT_EQ(MetricsInText({}, {}, {}, kTenPastTwo),
               "# HELP kestcron_up Whether kestcrond is running.\n"
               "# TYPE kestcron_up gauge\n"
               "kestcron_up 0\n"
@@ -63,7 +70,10 @@ TEST(Metrics, WithoutADaemonAndJobs) {
               "kestcron_jobs 0\n"
               "# HELP kestcron_delayed_starts Number of launched jobs that wait out their delay.\n"
               "# TYPE kestcron_delayed_starts gauge\n"
-              "kestcron_delayed_starts 0\n");
+              "kestcron_delayed_starts 0\n"
+              "# HELP kestcron_build_info Version of kestcronctl, which printed these metrics.\n"
+              "# TYPE kestcron_build_info gauge\n"
+              "kestcron_build_info{version=\"" KESTCROND_VERSION "\"} 1\n");
 }
 
 TEST(Metrics, OfTheDaemon) {
@@ -72,7 +82,7 @@ TEST(Metrics, OfTheDaemon) {
     daemon.since = 1780000000;
     daemon.passive = daemon.held = true;
     daemon.delayed = 3;
-    const std::string text = MetricsInText({}, daemon, 120, kTenPastTwo);
+    const std::string text = MetricsInText({}, daemon, WithMaxDelay(120), kTenPastTwo);
     EXPECT_EQ(ValueOf(text, "kestcron_up"), "1");
     EXPECT_EQ(ValueOf(text, "kestcron_passive"), "1");
     EXPECT_EQ(ValueOf(text, "kestcron_held"), "1");
@@ -119,7 +129,7 @@ TEST(Metrics, OfAJob) {
         Daemon daemon;
         daemon.pid = 7;
         daemon.passive = row.passive;
-        const std::string text = MetricsInText({job}, daemon, 300, kTenPastTwo);
+        const std::string text = MetricsInText({job}, daemon, WithMaxDelay(300), kTenPastTwo);
         EXPECT_EQ(ValueOf(text, "kestcron_jobs"), "1") << row.what;
         EXPECT_EQ(ValueOf(text, JobSample("last_run_timestamp_seconds")), row.last) << row.what;
         EXPECT_EQ(ValueOf(text, JobSample("next_run_timestamp_seconds")), row.next) << row.what;
@@ -133,11 +143,32 @@ TEST(Metrics, OfAJob) {
     }
 }
 
+TEST(Metrics, CountsOfTheLog) {
+    const LocalZone zone("UTC0");
+    const std::vector<LiveJob> jobs{AssuredJob("a", "0 3 * * *"), AssuredJob("b\n", "0 3 * * *"),
+                                    AssuredJob("c", "0 3 * * *")};
+    EXPECT_THAT(MetricsInText(jobs, {}, {}, kTenPastTwo), Not(HasSubstr("_total")));
+    SystemFigures system;
+    system.saved = 1780000000;
+    system.refused = Refused{3, 2};
+    system.counts = {{"a", {7, 1}}, {Printable("b\n"), {5, 0}}, {"gone", {9, 9}}};
+    const std::string text = MetricsInText(jobs, {}, system, kTenPastTwo);
+    EXPECT_THAT(text, HasSubstr("# TYPE kestcron_job_starts_total counter\n"
+                                "kestcron_job_starts_total{job=\"a\",user=\"root\"} 7\n"
+                                "kestcron_job_starts_total{job=\"b\\n\",user=\"root\"} 5\n"
+                                "# HELP kestcron_job_start_failures_total"));
+    EXPECT_EQ(ValueOf(text, JobSample("start_failures_total")), "1");
+    EXPECT_EQ(ValueOf(text, "kestcron_document_timestamp_seconds"), "1780000000");
+    EXPECT_EQ(ValueOf(text, "kestcron_refused_jobs"), "3");
+    EXPECT_EQ(ValueOf(text, "kestcron_refused_files"), "2");
+    EXPECT_THAT(text, Not(HasSubstr("gone")));
+}
+
 TEST(Metrics, EscapeLabels) {
     const LocalZone zone("UTC0");
     const auto named = [](const std::string &name) { return AssuredJob(name, "0 3 * * *"); };
     const std::string text = MetricsInText(
-        {named("a\"b\\c\nd"), named("x\xFE"), named("x\xFF"), named("é")}, {}, 300, kTenPastTwo);
+        {named("a\"b\\c\nd"), named("x\xFE"), named("x\xFF"), named("é")}, {}, {}, kTenPastTwo);
     for (const char *label : {R"(job="a\"b\\c\nd",)", "job=\"x\xEF\xBF\xBD\",",
                               "job=\"x\xEF\xBF\xBD'\",", "job=\"é\","})
         EXPECT_THAT(text, HasSubstr(std::string("kestcron_job_running{") + label));
@@ -147,7 +178,7 @@ TEST(Metrics, EscapeLabels) {
 TEST(Metrics, GroupSamplesByFamily) {
     const LocalZone zone("UTC0");
     const std::string text = MetricsInText(
-        {AssuredJob("a", "0 3 * * *"), AssuredJob("b", "0 3 * * *")}, {}, 300, kTenPastTwo);
+        {AssuredJob("a", "0 3 * * *"), AssuredJob("b", "0 3 * * *")}, {}, {}, kTenPastTwo);
     EXPECT_THAT(text, HasSubstr("# TYPE kestcron_job_running gauge\n"
                                 "kestcron_job_running{job=\"a\",user=\"root\"} 0\n"
                                 "kestcron_job_running{job=\"b\",user=\"root\"} 0\n"));

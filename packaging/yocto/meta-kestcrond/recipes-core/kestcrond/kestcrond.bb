@@ -69,7 +69,7 @@ do_install:append() {
 
 PACKAGES =+ "${PN}-ctl ${PN}-examples"
 FILES:${PN}-ctl = "${bindir}/kestcronctl ${datadir}/bash-completion/completions/kestcronctl \
-    ${datadir}/kestcrond/kestcronctl.schema.json"
+    ${datadir}/kestcrond/kestcronctl.schema.json ${datadir}/kestcrond/prometheus"
 FILES:${PN}-examples = "${datadir}/kestcrond/examples"
 FILES:${PN} += "/usr/kest /usr/local /usr/lib/kestcrond /usr/lib/tmpfiles.d"
 CONFFILES:${PN} = "${sysconfdir}/default/kestcrond ${sysconfdir}/logrotate.d/kestcrond"
