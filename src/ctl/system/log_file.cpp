@@ -6,7 +6,7 @@
 
 namespace kest::ctl {
 
-bool LineReader::ReadLine(std::string &line) {
+bool LogReader::ReadLine(std::string &line) {
     constexpr std::size_t block = 65536;
     constexpr std::size_t longest = std::size_t{1} << 20;
     for (auto end = rest_.find('\n', read_); true; end = rest_.find('\n', read_)) {
@@ -29,12 +29,12 @@ bool LineReader::ReadLine(std::string &line) {
     }
 }
 
-std::string LineReader::TakePartialLine() {
+std::string LogReader::TakePartialLine() {
     return std::exchange(rest_, {}).substr(std::exchange(read_, 0));
 }
 
 bool LogFile::Open() {
-    lines_ = LineReader(OpenRegularFile(path_));
+    lines_ = LogReader(OpenRegularFile(path_));
     return IsOpen();
 }
 

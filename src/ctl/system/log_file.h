@@ -11,10 +11,10 @@
 namespace kest::ctl {
 
 // Reads lines from a descriptor.
-class LineReader {
+class LogReader {
 public:
-    LineReader() = default;
-    explicit LineReader(Descriptor file) : file_(std::move(file)) {}
+    LogReader() = default;
+    explicit LogReader(Descriptor file) : file_(std::move(file)) {}
 
     const Descriptor &File() const { return file_; }
 
@@ -44,7 +44,7 @@ public:
     // Skips all but the complete lines in the last `most` bytes.
     void SkipToLast(std::uintmax_t most);
 
-    // As those of LineReader.
+    // As those of LogReader.
     bool ReadLine(std::string &line) { return lines_.ReadLine(line); }
     std::string TakePartialLine() { return lines_.TakePartialLine(); }
 
@@ -53,7 +53,7 @@ public:
 
 private:
     std::string path_;
-    LineReader lines_;
+    LogReader lines_;
 };
 
 } // namespace kest::ctl

@@ -2,6 +2,7 @@
 
 #include "job/cron_field.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <optional>
 
@@ -42,6 +43,49 @@ bool StartsWith(const std::string &text, const std::string &start) {
     return text.compare(0, start.size(), start) == 0;
 }
 
+// Reads the note after the command: "(state[Ready], trig[15 03:00:00], job[2/3], delay[10])".
+void ReadStart(std::size_t note, LogLine &line) {
+    const std::string &text = line.text;
+    const std::string details = text.substr(note);
+    const auto user = text.rfind(" as user ", note);
+    if (user != std::string::npos)
+        line.account = text.substr(user + 9, note - user - 9);
+    line.started = true;
+    line.state = Between(details, " (state[", "]");
+    line.manual = line.state == kManualState;
+    line.trigger = Between(details, ", trig[", "]");
+    ReadNumber(Between(details, ", delay[", "]"), line.delay);
+    ReadNumber(Between(details, ", job[", "/"), line.rank);
+    ReadNumber(Between(Between(details, ", job[", "]") + "]", "/", "]"), line.launches);
+}
+
+// A line about a start, or about a program that could not be run.
+void ReadRun(LogLine &line) {
+    const std::string &text = line.text;
+    line.job = Between(text, "running job: ", " with command: ");
+    // The command may contain any text, so the note after it is searched for from the end.
+    const auto note = text.rfind(" (state[");
+    const auto failed = text.rfind(" failed, return code: ");
+    if (note != std::string::npos && text.back() == ')') {
+        ReadStart(note, line);
+    } else if (failed != std::string::npos) {
+        const auto error = text.find(", error: ", failed);
+        line.failed = true;
+        line.reason = error == std::string::npos ? text.substr(failed + 1) : text.substr(error + 9);
+    }
+}
+
+// A line about a step of a start: "Failed to STEP forJOB for user ACCOUNT[ERROR]".
+void ReadFailedStep(LogLine &line) {
+    const std::string &text = line.text;
+    line.job = Between(text, " for", " for user ");
+    line.account = Between(text, " for user ", "[");
+    line.failed = true;
+    const std::string step = Between(text, "Failed to ", " for");
+    const std::string error = Between(text, line.account + "[", "]");
+    line.reason = step.empty() || error.empty() ? text : step + ": " + error;
+}
+
 } // namespace
 
 LogLine ParseLogLine(std::string_view line) {
@@ -53,39 +97,10 @@ LogLine ParseLogLine(std::string_view line) {
             parsed.stamp = parsed.text.substr(0, kTimestampLength + 1);
             parsed.text.erase(0, kTimestampLength + 1);
         }
-    const std::string &text = parsed.text;
-    if (StartsWith(text, "running job: ")) {
-        parsed.job = Between(text, "running job: ", " with command: ");
-        // The command may contain any text, so the note after it is searched for from the end.
-        const auto note = text.rfind(" (state[");
-        parsed.started = note != std::string::npos && text.back() == ')';
-        const auto failed = text.rfind(" failed, return code: ");
-        parsed.failed = !parsed.started && failed != std::string::npos;
-        if (parsed.failed) {
-            const auto error = text.find(", error: ", failed);
-            parsed.reason =
-                error == std::string::npos ? text.substr(failed + 1) : text.substr(error + 9);
-        }
-        if (parsed.started) {
-            const std::string details = text.substr(note);
-            const auto user = text.rfind(" as user ", note);
-            if (user != std::string::npos)
-                parsed.account = text.substr(user + 9, note - user - 9);
-            parsed.state = Between(details, " (state[", "]");
-            ReadNumber(Between(details, ", delay[", "]"), parsed.delay);
-            ReadNumber(Between(details, ", job[", "/"), parsed.rank);
-            ReadNumber(Between(Between(details, ", job[", "]") + "]", "/", "]"), parsed.launches);
-            parsed.trigger = Between(details, ", trig[", "]");
-            parsed.manual = parsed.state == kManualState;
-        }
-    } else if (StartsWith(text, "Failed to ")) {
-        parsed.job = Between(text, " for", " for user ");
-        parsed.account = Between(text, " for user ", "[");
-        parsed.failed = true;
-        const std::string step = Between(text, "Failed to ", " for");
-        const std::string error = Between(text, parsed.account + "[", "]");
-        parsed.reason = step.empty() || error.empty() ? text : step + ": " + error;
-    }
+    if (StartsWith(parsed.text, "running job: "))
+        ReadRun(parsed);
+    else if (StartsWith(parsed.text, "Failed to "))
+        ReadFailedStep(parsed);
     return parsed;
 }
 

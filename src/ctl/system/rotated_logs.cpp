@@ -128,7 +128,7 @@ bool Decompressor::Succeeds() {
 }
 
 // Returns false if there is more text than `most` bytes.
-bool TakeLines(LineReader &reader, std::uintmax_t most, const TakeLine &take) {
+bool TakeLines(LogReader &reader, std::uintmax_t most, const TakeLine &take) {
     std::uintmax_t size = 0;
     for (std::string line; reader.ReadLine(line);) {
         take(line);
@@ -224,7 +224,7 @@ RotatedLog::RotatedLog(std::string path, const char *program, Descriptor file)
 std::optional<std::string> RotatedLog::ForEachLine(const TakeLine &take) {
     if (program_ != nullptr)
         return ForEachCompressedLine(take);
-    LineReader reader(std::move(file_));
+    LogReader reader(std::move(file_));
     TakeLines(reader, UINTMAX_MAX, take);
     return std::nullopt;
 }
@@ -233,7 +233,7 @@ std::optional<std::string> RotatedLog::ForEachCompressedLine(const TakeLine &tak
     constexpr std::uintmax_t most = std::uintmax_t{1} << 30;
     try {
         Decompressor decompressor(program_, file_);
-        LineReader reader(decompressor.TakeOutput());
+        LogReader reader(decompressor.TakeOutput());
         if (!TakeLines(reader, most, take))
             return "it has more than 1 GiB of text, and the rest is left out";
         if (!decompressor.Succeeds())

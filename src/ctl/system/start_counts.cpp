@@ -128,7 +128,7 @@ private:
 };
 
 // The present file is read last, and the next call goes on at its end.
-void CountPresent(LineReader &present, Counter &counter, Place &place) {
+void CountPresent(LogReader &present, Counter &counter, Place &place) {
     for (std::string text; present.ReadLine(text);)
         counter.Count(text);
     const off_t read = lseek(present.File().Get(), 0, SEEK_CUR);
@@ -159,7 +159,7 @@ void CountNewLines(const Appliance &appliance, Descriptor present, CountsSoFar &
     Counter counter(known, after.value_or(known.latest));
     while (unread > 0)
         rotated[--unread].ForEachLine([&](const std::string &text) { counter.Count(text); });
-    LineReader reader(std::move(present));
+    LogReader reader(std::move(present));
     CountPresent(reader, counter, known.place);
 }
 
