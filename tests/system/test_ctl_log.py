@@ -182,7 +182,7 @@ def eventful(stopped):
     return stopped
 
 
-@pytest.mark.parametrize("columns", [80, 120])
+@pytest.mark.parametrize("columns", [40, 80, 120])
 def test_table(eventful, ctl, columns):
     text = ctl.on_terminal("log", columns=columns, env={"NO_COLOR": "1"})
     assert max(map(len, text.splitlines())) <= columns

@@ -72,12 +72,22 @@ std::string EventInWords(const LogLine &line) {
     return line.state.compare(0, 6, "Assure") == 0 ? "overdue" : "started";
 }
 
+// The account and the delay. On a narrow screen also the state: the reason shows what failed, and
+// times must not be cut.
+std::vector<std::size_t> DispensableOn(const Screen &screen) {
+    constexpr std::size_t narrow = 60;
+    return screen.width < narrow ? std::vector<std::size_t>{2, 4, 3}
+                                 : std::vector<std::size_t>{2, 4};
+}
+
 // Prints lines in the form that the caller wants: JSON, a table on a terminal, or as they are.
 class LogPrinter {
 public:
     LogPrinter(const Context &context, const LogOptions &options)
         : context_(context), isTable_(context.screen.width != 0 && !context.json && !options.raw),
-          pager_(context.screen, !options.follow && !options.noPager && !context.json) {}
+          pager_(context.screen, !options.follow && !options.noPager && !context.json),
+          table_({"TIME", "JOB", "ACCOUNT", "STATE", "DELAY", "REASON"},
+                 DispensableOn(context.screen)) {}
 
     void Print(const LogLine &line);
     // Prints the rows that are collected. A table is printed in parts, because a log may be long.
@@ -90,7 +100,7 @@ private:
     const Context &context_;
     bool isTable_;
     Pager pager_;
-    Table table_{{"TIME", "JOB", "ACCOUNT", "STATE", "DELAY", "REASON"}, {2, 4}};
+    Table table_;
     std::size_t rows_ = 0; // collected
     bool hasPrinted_ = false;
 };
