@@ -22,9 +22,15 @@ _kestcronctl_files() {
     mapfile -t COMPREPLY < <(compgen "$1" -- "$2")
 }
 
+# Directories, and files with this ending.
+_kestcronctl_files_of() {
+    compopt -o filenames
+    mapfile -t COMPREPLY < <(compgen -d -- "$2"; compgen -f -X "!*.$1" -- "$2")
+}
+
 _kestcronctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
-    local commands='check import list next explain status log show timeline run reload metrics'
+    local commands='check plan import list next explain status log show timeline run reload metrics'
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         if [[ ${COMP_WORDS[i - 1]} != --root && " $commands " == *" $word "* ]]; then
@@ -39,7 +45,7 @@ _kestcronctl() {
         return
         ;;
     --svg)
-        _kestcronctl_files -f "$current"
+        _kestcronctl_files_of svg "$current"
         return
         ;;
     --job)
@@ -52,6 +58,10 @@ _kestcronctl() {
         ;;
     --at | --since | --until)
         mapfile -t COMPREPLY < <(compgen -W 'now today yesterday tomorrow' -- "$current")
+        return
+        ;;
+    --source)
+        mapfile -t COMPREPLY < <(compgen -W 'builtin builtin-dyn pkg' -- "$current")
         return
         ;;
     --sort)
@@ -78,6 +88,7 @@ _kestcronctl() {
         case $command in
         '') options+=' --version' ;;
         check) options+=' --errors-only --portable --account' ;;
+        plan) options+=' --source --account' ;;
         import) options+=' --system --account' ;;
         list) options+=' --sort --state' ;;
         next) options+=' -n --at' ;;
@@ -91,7 +102,7 @@ _kestcronctl() {
     fi
     case $command in
     '') mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
-    check | import) _kestcronctl_files -f "$current" ;;
+    check | plan | import) _kestcronctl_files -f "$current" ;;
     list | next | show | run) _kestcronctl_jobs "$current" ;;
     esac
 }

@@ -42,6 +42,7 @@ struct Options {
     std::string timeZone;
     bool json = false;
     CheckOptions check;
+    PlanOptions plan;
     ImportOptions import;
     ListOptions list;
     NextOptions next;
@@ -159,6 +160,19 @@ private:
         check
             ->add_option("--account", options_.check.account, "Check PATH as files of this account")
             ->type_name("NAME");
+        CLI::App *plan = Add("plan", "Show what a reload with these job files would change",
+                             "kestcronctl plan build/etc/kestcron.d/backup.conf",
+                             [this](const Context &c) { return Plan(c, options_.plan); });
+        plan->add_option("PATH", options_.plan.paths, "Job files or directories to be installed")
+            ->type_name("");
+        CLI::Option *source =
+            plan->add_option("--source", options_.plan.source, "Source that they are for")
+                ->capture_default_str()
+                ->type_name("LABEL")
+                ->check(CLI::IsMember({"builtin", "builtin-dyn", "pkg"}).description(""));
+        plan->add_option("--account", options_.plan.account, "Account that they are for")
+            ->type_name("NAME")
+            ->excludes(source);
         CLI::App *list = Add("list", "List jobs with their schedules, last and next runs",
                              "kestcronctl list '*backup*'",
                              [this](const Context &c) { return List(c, options_.list); });

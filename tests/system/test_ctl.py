@@ -243,10 +243,10 @@ def test_draws_of_an_expression(known, ctl):
         (["xyzzy"], 'unknown command "xyzzy"; see kestcronctl --help'),
         ([""], 'unknown command ""; see kestcronctl --help'),
         (["--nonsense"], 'unknown option "--nonsense"; see kestcronctl --help'),
-        ([], "no command given; the commands are check, list, next, explain, "),
+        ([], "no command given; the commands are check, plan, list, next, explain, "),
         ([], " and reload; see kestcronctl --help\n"),
-        (["--json"], "no command given; the commands are check, list"),
-        (["--root", "/", "--tz", "UTC"], "no command given; the commands are check, list"),
+        (["--json"], "no command given; the commands are check, plan, list"),
+        (["--root", "/", "--tz", "UTC"], "no command given; the commands are check, plan, list"),
         (["show"], "missing argument; see kestcronctl show --help"),
         (["--root", "/", "show"], "missing argument; see kestcronctl show --help"),
         (["show", "a", "b"], "not expected: b; see kestcronctl show --help\n"),
@@ -275,7 +275,7 @@ def test_help_of_every_command(machine, ctl):
     overview = ctl("--help")
     assert overview.returncode == 0
     commands = re.findall(r"^  (\w+)  ", overview.stdout.split("Subcommands:")[1], re.MULTILINE)
-    assert len(commands) == 12
+    assert len(commands) == 13
     for command in commands:
         result = ctl(command, "--help")
         assert result.returncode == 0
@@ -1049,6 +1049,11 @@ def test_completion(known, ctl):
     assert complete(known, "kestcronctl", "show", "builtin-core-l") == ["builtin-core-late", "builtin-core-leap"]
     assert complete(known, "kestcronctl", "--root", "/", "next", "--") == ["--root", "--tz", "--json", "--help", "--at"]
     assert complete(known, "kestcronctl", "imp") == ["import"]
+    assert complete(known, "kestcronctl", "plan", "--source", "built") == ["builtin", "builtin-dyn"]
+    for name in ("/share/out.svg", "/share/out.txt", "/share/outer/x"):
+        known.write(name, "")
+    assert complete(known, "kestcronctl", "timeline", "--svg", "/share/ou") == ["/share/outer", "/share/out.svg"]
+    assert complete(known, "kestcronctl", "--root", "/share/ou") == ["/share/outer"]
     assert complete(known, "kestcronctl", "import", "--a") == ["--account"]
     assert complete(known, "kestcronctl", "import", "--account", "alic") == ["alice"]
     assert complete(known, "kestcronctl", "import", "/share/kestcronctl.b") == ["/share/kestcronctl.bash"]

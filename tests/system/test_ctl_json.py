@@ -104,6 +104,7 @@ def running(machine, ctl):
     )
     machine.jobs("pkg_nonroot", "f", [every_minute("x")], account="alice")
     machine.write("/tmp/crontab", "@reboot x\n*/5 * * * * true\n0 3 1 * 1 true\n")
+    machine.write("/tmp/planned/f", json.dumps([never("never", run_on_passive=True), every_minute("x", crontab="* *")]))
     machine.write("/tmp/empty", "")
     os.mkfifo(machine.path("/tmp/pipe"))
     machine.start_and_wait()
@@ -117,6 +118,8 @@ def running(machine, ctl):
 COMMANDS = [
     ["check"],
     ["check", "--portable", SOURCES["pkg"]],
+    ["plan"],
+    ["plan", "/tmp/planned"],
     ["import", "/tmp/crontab"],
     ["import", "--account", "root", "/tmp/empty"],
     ["list"],
@@ -159,6 +162,7 @@ def test_answers_of_a_running_daemon(running, ctl):
     assert answers["status"]["failed_starts"][0]["reason"] == "No such file or directory"
     assert answers["show"]["failure_time"] is not None and answers["show"]["source"] is not None
     assert answers["reload"]["problems"] and answers["check"]["problems"] and answers["import"]["jobs"]
+    assert answers["plan"]["unchanged"]
     assert answers["next"] and any(start["undrawn"] for start in answers["explain"]["next"])
 
 
@@ -166,7 +170,7 @@ def test_answers_without_a_daemon(running, ctl):
     running.stop()
     os.chmod(running.path(running.LOG_FILE), 0o600)
     for command in COMMANDS:
-        if command[0] not in ("reload", "log"):
+        if command[0] not in ("reload", "log", "plan"):
             expect_valid(command[0], ctl(*command, "--json", user=2001).stdout)
     assert json.loads(ctl("status", "--json", user=2001).stdout)["failed_starts"] is None
 

@@ -47,6 +47,8 @@ private:
                        std::vector<CheckedJob> &jobs);
     bool ListFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
     bool ReadFiles(const JobFileBatch &batch, const AccountQuota &quota, AccountFiles &files) const;
+    static void ReadPlanned(const JobFileBatch &batch, const AccountQuota &quota,
+                            AccountFiles &files);
 
     const Appliance &appliance_;
     CheckScope scope_;
@@ -87,6 +89,9 @@ void Checker::CheckFile(const JobFile &file, std::vector<CheckedJob> &jobs) {
 
 // Where the file `name` of the batch can be read.
 std::string Checker::PathOf(const JobFileBatch &batch, const std::string &name) const {
+    const auto planned = batch.planned.find(name);
+    if (planned != batch.planned.end())
+        return planned->second;
     const std::string path = batch.directory.path + "/" + name;
     return batch.ofSource ? appliance_.Locate(path) : path;
 }
@@ -154,15 +159,37 @@ bool Checker::ReadFiles(const JobFileBatch &batch, const AccountQuota &quota,
     return true;
 }
 
+// Adds the files that are to be installed to those of the directory, which need not exist yet.
+void Checker::ReadPlanned(const JobFileBatch &batch, const AccountQuota &quota,
+                          AccountFiles &files) {
+    std::map<std::string, AccountFile> byName;
+    for (AccountFile &file : files.files)
+        byName[file.name] = std::move(file);
+    AccountQuota left = quota;
+    for (const auto &[name, path] : batch.planned) {
+        AccountFile file{name, 0, {}};
+        ReadAccountFile(AT_FDCWD, path, left, file);
+        if (IsJobFileName(name))
+            byName[name] = std::move(file);
+    }
+    files.files.clear();
+    for (auto &[name, file] : byName)
+        files.files.push_back(std::move(file));
+}
+
 // Reads all files of the account, not only the requested ones, because each uses up its quota.
 void Checker::CheckAccount(const JobFileBatch &batch, std::vector<CheckedJob> &jobs) {
     AccountQuota &quota = quotas_[batch.directory.account];
     AccountFiles files;
-    if (!ReadFiles(batch, quota, files)) {
+    const bool isNew = !batch.planned.empty() &&
+                       access(appliance_.Locate(batch.directory.path).c_str(), F_OK) == -1;
+    if (!isNew && !ReadFiles(batch, quota, files)) {
         if (!batch.files.empty())
             result_.unreadable.push_back(batch.directory.path + ": " + std::strerror(errno));
         return;
     }
+    if (!batch.planned.empty())
+        ReadPlanned(batch, quota, files);
     std::map<std::string, std::string> requested = batch.files;
     for (AccountFile &found : files.files) {
         JobFile file;
@@ -218,21 +245,23 @@ CheckResult Checker::Finish() {
 
 } // namespace
 
-CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
-                         CheckScope scope, const std::string &account) {
-    CheckPaths selected(appliance, account);
-    if (paths.empty())
-        selected.AddSources();
-    for (const std::string &path : paths)
-        selected.AddPath(path);
-    selected.AddOtherAccountDirectories();
+namespace {
+
+// The files of the batch that are installed.
+JobFileBatch WithoutPlanned(JobFileBatch batch) {
+    for (const auto &[name, path] : batch.planned)
+        batch.files.erase(name);
+    return batch;
+}
+
+CheckResult CheckBatches(const Appliance &appliance, const CheckPaths &selected, CheckScope scope) {
     Checker checker(appliance, scope);
     CheckRights rights(appliance);
     for (const JobFileBatch &batch : selected.Batches()) {
         checker.Check(batch);
         // Without an account database owners mean nothing.
         if (scope == CheckScope::System && appliance.HasAccounts())
-            rights.Check(batch);
+            rights.Check(WithoutPlanned(batch));
     }
     CheckResult result = checker.Finish();
     Append(result.diagnostics, rights.Diagnostics());
@@ -245,6 +274,28 @@ CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::stri
                                 std::tie(b.file, b.position.line, b.position.column);
                      });
     return result;
+}
+
+} // namespace
+
+CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
+                         CheckScope scope, const std::string &account) {
+    CheckPaths selected(appliance, account);
+    if (paths.empty())
+        selected.AddSources();
+    for (const std::string &path : paths)
+        selected.AddPath(path);
+    selected.AddOtherAccountDirectories();
+    return CheckBatches(appliance, selected, scope);
+}
+
+CheckResult CheckPlannedOn(const Appliance &appliance, const std::vector<std::string> &paths,
+                           const std::string &label, const std::string &account) {
+    CheckPaths selected(appliance);
+    selected.AddSources();
+    for (const std::string &path : paths)
+        selected.AddPlanned(path, label, account);
+    return CheckBatches(appliance, selected, CheckScope::System);
 }
 
 } // namespace kest::ctl

@@ -32,6 +32,12 @@ enum class CheckScope {
 CheckResult CheckPathsOn(const Appliance &appliance, const std::vector<std::string> &paths,
                          CheckScope scope = CheckScope::System, const std::string &account = {});
 
+// Checks the job files of the four sources, with those at `paths` as if they were installed in the
+// source with that label, or in the directory of the account if there is one. Throws Failure when
+// a path does not exist.
+CheckResult CheckPlannedOn(const Appliance &appliance, const std::vector<std::string> &paths,
+                           const std::string &label, const std::string &account);
+
 } // namespace kest::ctl
 
 #endif

@@ -239,6 +239,50 @@ void CheckPaths::AddPath(const std::string &path) {
         batch->files.emplace(absolute.filename().string(), shown);
 }
 
+JobFileBatch &CheckPaths::PlannedBatch(std::size_t source, const std::string &account) {
+    JobFileBatch &batch = batches_[{source, account}];
+    const JobSource &jobSource = kJobSources.at(source);
+    if (!batch.ofSource) {
+        batch.directory = {jobSource.directory, jobSource.label, account};
+        if (jobSource.perAccount)
+            batch.directory.path = PathIn(batch.directory.path, account);
+        batch.ofSource = true;
+    }
+    if (batch.directory.account != account)
+        throw Failure(batch.directory.path + " belongs to account " + batch.directory.account);
+    return batch;
+}
+
+void CheckPaths::AddPlanned(const std::string &path, const std::string &label,
+                            const std::string &account) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == -1)
+        throw Failure(path + ": " + std::strerror(errno));
+    const std::string shown = Trimmed(path);
+    const std::string directory =
+        S_ISDIR(status.st_mode) ? path : Absolute(path).parent_path().string();
+    std::size_t source = AccountSource();
+    for (std::size_t i = 0; i < kJobSources.size() && account.empty(); ++i)
+        if (label == kJobSources.at(i).label)
+            source = i;
+    for (std::size_t i = 0; i < kJobSources.size(); ++i)
+        if (!kJobSources.at(i).perAccount && IsSource(i, directory))
+            source = i;
+    if (kJobSources.at(source).perAccount && account.empty())
+        throw Failure(shown + ": job files of accounts require --account NAME");
+    JobFileBatch &batch =
+        PlannedBatch(source, kJobSources.at(source).perAccount ? account : std::string());
+    const auto add = [&](const std::string &name, const std::string &file) {
+        batch.files[name] = file;
+        batch.planned[name] = file;
+    };
+    if (!S_ISDIR(status.st_mode))
+        add(Absolute(path).filename().string(), shown);
+    else
+        for (const std::string &name : NamesOf(path))
+            add(name, PathIn(shown, name));
+}
+
 void CheckPaths::AddOtherAccountDirectories() {
     std::set<std::string> accounts;
     for (const auto &[rank, batch] : batches_)

@@ -20,7 +20,8 @@ namespace kest::ctl {
 struct JobFileBatch {
     JobDirectory directory; // in a source: the path on the appliance
     bool ofSource = false;
-    std::map<std::string, std::string> files; // name to path, as printed
+    std::map<std::string, std::string> files;   // name to path, as printed
+    std::map<std::string, std::string> planned; // name to path of files to be installed
 };
 
 class CheckPaths {
@@ -35,6 +36,12 @@ public:
     // Adds a job file, a directory of job files, or the directory of all account directories.
     // Throws Failure if `path` does not exist.
     void AddPath(const std::string &path);
+
+    // Adds a job file, or those of a directory, as if it were installed in the source with that
+    // label, or in the directory of the account if there is one. It takes the place of the file of
+    // that name. A file that is in a source already belongs to that source. Call AddSources before.
+    // Throws Failure if `path` does not exist or the account does not own its directory.
+    void AddPlanned(const std::string &path, const std::string &label, const std::string &account);
 
     // Adds the other directories of the accounts that were added, without selecting files: their
     // files share the quota of the account.
@@ -54,6 +61,7 @@ private:
     JobFileBatch *BatchOf(std::size_t source, const std::string &name, const std::string &shown);
     JobFileBatch *BatchAt(const std::string &path, const std::string &shown);
     void AddFiles(JobFileBatch *batch, const std::string &directory, const std::string &shown);
+    JobFileBatch &PlannedBatch(std::size_t source, const std::string &account);
     void AddAccounts(const std::string &directory, const std::string &shown);
     void AddAccountPath(const std::string &path, const std::string &shown, bool isDirectory);
     bool GetStatus(const std::string &path, const std::string &shown, struct stat &status);

@@ -53,6 +53,29 @@ Snapshot TakeSnapshot(const Context &context) {
     return snapshot;
 }
 
+namespace {
+
+bool HasDocument(const Appliance &appliance) {
+    return access(appliance.Locate(kRuntimeFile).c_str(), F_OK) == 0 ||
+           access(appliance.Locate(kPersistentFile).c_str(), F_OK) == 0;
+}
+
+} // namespace
+
+Runtime RuntimeOrNone(const Context &context, const Daemon &daemon) {
+    try {
+        Runtime runtime = LoadRuntime(context.appliance);
+        CompleteState(runtime, daemon, context.now);
+        WarnOfStaleData(runtime, daemon, context);
+        return runtime;
+    } catch (const Failure &failure) {
+        if (HasDocument(context.appliance))
+            throw;
+        std::cerr << "kestcronctl: " << Shown(failure.what()) << "\n";
+        return {};
+    }
+}
+
 const LiveJob &JobArgument(const Context &context, const Runtime &runtime,
                            const std::string &name) {
     try {

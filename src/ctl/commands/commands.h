@@ -37,6 +37,14 @@ struct CheckOptions {
 // Returns 1 if it found problems.
 int Check(const Context &context, const CheckOptions &options);
 
+struct PlanOptions {
+    std::vector<std::string> paths; // files and directories to be installed; empty for none
+    std::string source = "pkg";     // label of the source that they are for
+    std::string account;            // in whose directory; empty for none
+};
+// Returns 1 if the daemon would not load all jobs of the files.
+int Plan(const Context &context, const PlanOptions &options);
+
 struct ImportOptions {
     std::string crontab; // "-" for standard input
     bool system = false; // with a user column
@@ -124,6 +132,10 @@ bool MatchesPattern(const std::string &pattern, const std::string &name);
 // The same for a job of the log: without one of these characters, `pattern` is the full name or its
 // end after a "-".
 bool MatchesJob(const std::string &pattern, const std::string &name);
+
+// The jobs of the daemon in their present state. Without a document there are no jobs, which is
+// reported on standard error; a document that cannot be read is a Failure.
+Runtime RuntimeOrNone(const Context &context, const Daemon &daemon);
 
 // FindJob for a name from the command line. If there is no such job, prints what the job files
 // contain about it to standard error first.
