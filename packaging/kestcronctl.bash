@@ -94,7 +94,7 @@ _kestcronctl() {
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;
         log) options+=' -f --follow -n --job --since --until --failed --raw --no-pager' ;;
-        timeline) options+=' --hours --svg' ;;
+        timeline) options+=' --past --hours --svg' ;;
         reload) options+=' --timeout' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
@@ -103,7 +103,7 @@ _kestcronctl() {
     case $command in
     '') mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
     check | plan | import) _kestcronctl_files -f "$current" ;;
-    list | next | show | run) _kestcronctl_jobs "$current" ;;
+    list | next | show | timeline | run) _kestcronctl_jobs "$current" ;;
     esac
 }
 

@@ -214,10 +214,16 @@ private:
         show->add_option("JOB", options_.show.job, "Full name of a job, or its end after a \"-\"")
             ->type_name("")
             ->required();
-        CLI::App *timeline = Add("timeline", "Show the starts of the coming hours as a timeline",
-                                 "kestcronctl timeline --hours 8", [this](const Context &c) {
-                                     return Timeline(c, options_.timeline);
-                                 });
+        CLI::App *timeline =
+            Add("timeline", "Show the starts of the coming or past hours as a timeline",
+                "kestcronctl timeline --hours 8",
+                [this](const Context &c) { return Timeline(c, options_.timeline); });
+        timeline
+            ->add_option("PATTERN", options_.timeline.patterns,
+                         "Parts of job names, or shell patterns")
+            ->type_name("");
+        timeline->add_flag("--past", options_.timeline.past,
+                           "Show the hours until now, by the execution log");
         timeline->add_option("--hours", options_.timeline.hours, "Number of hours")
             ->capture_default_str()
             ->type_name("NUMBER")

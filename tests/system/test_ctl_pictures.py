@@ -154,6 +154,113 @@ def test_the_timeline_in_svg(running, ctl):
     assert not re.search(r"https?://(?!www\.w3\.org/2000/svg)|@import|url\(", text)
 
 
+PAST_LOG = """\
+2026-06-01T02:10:09+00:00 running job: pkg-f-daily with command: c as user root (state[Ready], trig[01 02:10:09])
+2026-06-01T05:20:00+00:00 running job: pkg-f-daily with command: c as user root (state[Ready], trig[01 05:17:00], job[2/2], delay[180])
+2026-06-01T06:00:07+00:00 running job: pkg-f-fixed with command: c as user root (state[Ready], trig[01 06:00:07])
+2026-06-01T06:00:07+00:00 running job: pkg-f-fixed with command: c failed, return code: -1, error: Exec format error
+2026-06-01T12:00:00+00:00 running job: pkg-f-hourly with command: c as user root (state[Manual], trig[01 12:00:00])
+2026-06-01T18:00:00+00:00 Failed to setuid forpkg-f-former for user alice[Operation not permitted]
+2026-06-02T02:10:11+00:00 running job: pkg-f-daily with command: c as user root (state[Ready], trig[02 02:10:11])
+cut off
+"""
+
+
+@pytest.fixture
+def past(appliance):
+    """The same after a day whose log is known, without the daemon."""
+    appliance.start_and_wait()
+    appliance.stop()
+    appliance.write(appliance.LOG_FILE, PAST_LOG, mode=0o600)
+    return appliance
+
+
+def test_the_past_in_json(past, ctl):
+    document = json.loads(ctl("timeline", "--past", "--json").stdout)
+    assert (document["from"], document["until"]) == ("2026-06-01T02:10:10+00:00", "2026-06-02T02:10:10+00:00")
+    assert (document["log_begins"], document["idle_jobs"]) == ("2026-06-01T02:10:09+00:00", 4)
+    start = lambda time, manual=False, failure=None: {
+        "time": f"2026-06-01T{time}+00:00",
+        "by_hand": manual,
+        "failed": failure is not None,
+        "reason": failure,
+    }
+    assert {job["name"]: job["starts"] for job in document["jobs"]} == {
+        "pkg-f-daily": [start("05:20:00")],
+        "pkg-f-fixed": [start("06:00:07", failure="Exec format error")],
+        "pkg-f-former": [start("18:00:00", failure="setuid: Operation not permitted")],
+        "pkg-f-hourly": [start("12:00:00", manual=True)],
+    }
+    busy = {entry["from"][11:16]: entry["starts"] for entry in document["load"] if entry["starts"]}
+    assert busy == {"05:15": 1, "06:00": 1, "12:00": 1, "18:00": 1}
+
+
+def test_the_past_on_a_terminal(past, ctl):
+    text = ctl.on_terminal("timeline", "--past", env={"NO_COLOR": "1"})
+    expect_golden("timeline-past.80", text)
+    coloured = ctl.on_terminal("timeline", "--past")
+    assert "\033[31m×\033[0m" in coloured
+    rows = dict(
+        line.split(maxsplit=1)
+        for line in ctl("timeline", "--past", env={"LC_ALL": "C"}).stdout.splitlines()
+        if line.startswith("pkg-")
+    )
+    assert {name: set(row) - set(" |") for name, row in rows.items()} == {
+        "pkg-f-daily": {"#"},
+        "pkg-f-fixed": {"x"},
+        "pkg-f-former": {"x"},
+        "pkg-f-hourly": {"o"},
+    }
+
+
+def test_the_past_in_svg(past, ctl):
+    root = ElementTree.fromstring(ctl("timeline", "--past", "--svg", "-").stdout)
+    shapes = {
+        (child.tag.removeprefix(SVG), child.get("class")): title.text
+        for child in root
+        for title in child.iter(SVG + "title")
+        if child.get("class") in ("mark", "byhand", "failed")
+    }
+    assert shapes == {
+        ("rect", "mark"): "pkg-f-daily: 2026-06-01 05:20",
+        ("polygon", "byhand"): "pkg-f-hourly: 2026-06-01 12:00, by hand",
+        (
+            "polygon",
+            "failed",
+        ): "pkg-f-former: 2026-06-01 18:00, failed: setuid: Operation not permitted",
+    }
+
+
+def test_the_past_is_no_longer_than_the_log(past, ctl):
+    text = ctl("timeline", "--past", "--hours", "48").stdout
+    assert text.splitlines()[1] == "The execution log begins yesterday 02:10"
+    past.path(past.LOG_FILE).rename(past.path(past.LOG_FILE + ".1"))
+    past.write(past.LOG_FILE, "", mode=0o600)
+    assert ctl("timeline", "--past", "--hours", "48").stdout == text
+    past.path(past.LOG_FILE + ".1").unlink()
+    assert "The execution log is empty\nNo job started in these hours\n" in ctl("timeline", "--past").stdout
+
+
+@pytest.mark.native(reason="the emulated tool runs as another user")
+def test_the_past_needs_the_log(past, ctl):
+    result = ctl("timeline", "--past", user=4711)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr.endswith(f"kestcronctl: {past.LOG_FILE}: Permission denied\n")
+
+
+@pytest.mark.parametrize("options", [[], ["--past"]])
+def test_the_timeline_of_some_jobs(past, ctl, options):
+    shown = lambda *patterns: [
+        job["name"] for job in json.loads(ctl("--json", "timeline", *options, *patterns).stdout)["jobs"]
+    ]
+    assert shown("fixed", "pkg-f-d*") == ["pkg-f-daily", "pkg-f-fixed"]
+    assert shown("former") == (["pkg-f-former"] if options else [])
+    assert json.loads(ctl("--json", "timeline", *options, "never").stdout)["idle_jobs"] == 1
+    result = ctl("timeline", *options, "nothing")
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr.endswith("kestcronctl: no job matches\n")
+
+
 def test_svg_replaces_the_file(running, ctl):
     running.write("/tmp/old.svg", "old", mode=0o640)
     before = running.path("/tmp/old.svg").stat().st_ino

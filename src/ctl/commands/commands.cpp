@@ -7,6 +7,7 @@
 #include "ctl/system/failure.h"
 #include "ctl/system/live_state.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fnmatch.h>
 #include <iostream>
@@ -19,6 +20,12 @@ bool MatchesPattern(const std::string &pattern, const std::string &name) {
     if (pattern.find_first_of("*?[") == std::string::npos)
         return name.find(pattern) != std::string::npos;
     return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
+}
+
+bool MatchesAny(const std::vector<std::string> &patterns, const std::string &name) {
+    return patterns.empty() ||
+           std::any_of(patterns.begin(), patterns.end(),
+                       [&](const std::string &pattern) { return MatchesPattern(pattern, name); });
 }
 
 bool MatchesJob(const std::string &pattern, const std::string &name) {

@@ -95,9 +95,12 @@ struct ShowOptions {
 int Show(const Context &context, const ShowOptions &options);
 
 struct TimelineOptions {
+    std::vector<std::string> patterns; // of which one must match; empty for all jobs
+    bool past = false;                 // the hours until now, by the execution log
     std::size_t hours = 24;
     std::string svg; // output file; empty for text on standard output
 };
+// Returns 1 if there are patterns and no job matches.
 int Timeline(const Context &context, const TimelineOptions &options);
 
 struct RunOptions {
@@ -129,8 +132,11 @@ bool IsLogDenied(const Context &context);
 // substring. An empty pattern matches all names.
 bool MatchesPattern(const std::string &pattern, const std::string &name);
 
-// The same for a job of the log: without one of these characters, `pattern` is the full name or its
-// end after a "-".
+// Whether one of the patterns matches, or there are none.
+bool MatchesAny(const std::vector<std::string> &patterns, const std::string &name);
+
+// MatchesPattern for a job of the log: without one of these characters, `pattern` is the full name
+// or its end after a "-".
 bool MatchesJob(const std::string &pattern, const std::string &name);
 
 // The jobs of the daemon in their present state. Without a document there are no jobs, which is

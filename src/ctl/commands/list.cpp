@@ -22,15 +22,10 @@ struct ListedJob {
 };
 
 bool IsListed(const ListOptions &options, const ListedJob &listed) {
-    const auto &patterns = options.patterns;
-    const bool matches =
-        patterns.empty() ||
-        std::any_of(patterns.begin(), patterns.end(), [&](const std::string &pattern) {
-            return MatchesPattern(pattern, listed.job->name);
-        });
     const auto &states = options.states;
-    return matches && (states.empty() || std::find(states.begin(), states.end(),
-                                                   InWords(listed.status).json) != states.end());
+    return MatchesAny(options.patterns, listed.job->name) &&
+           (states.empty() ||
+            std::find(states.begin(), states.end(), InWords(listed.status).json) != states.end());
 }
 
 // By the earliest start of its process. A run that is kept comes first, and a job that never starts

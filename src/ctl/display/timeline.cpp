@@ -1,5 +1,6 @@
 #include "ctl/display/timeline.h"
 
+#include "base/printable.h"
 #include "ctl/display/coming_starts.h"
 #include "ctl/display/launch_forecast.h"
 #include "ctl/display/times.h"
@@ -17,10 +18,20 @@ std::time_t BeginOfQuarter(std::time_t time) {
     return time - local.tm_min % 15 * kMinute - local.tm_sec;
 }
 
+Json::Value PastStartToJson(const PastStart &start) {
+    Json::Value json;
+    json["time"] = Iso(start.time);
+    json["by_hand"] = start.manual;
+    json["failed"] = start.failed;
+    json["reason"] = start.failed ? Json::Value(start.reason) : Json::Value();
+    return json;
+}
+
 } // namespace
 
 TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon,
-                           std::int32_t maxDelay, std::time_t now, std::size_t hours) {
+                           std::int32_t maxDelay, std::time_t now, std::size_t hours,
+                           const JobFilter &shown) {
     const std::size_t most = 120 * (hours + 1); // one start in each minute, and a margin
     TimelineData data;
     data.from = now - Local(now).tm_sec;
@@ -28,6 +39,8 @@ TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemo
     data.held = daemon.held;
     LaunchForecast forecast(jobs, daemon, maxDelay, now);
     for (const LiveJob &job : jobs) {
+        if (shown && !shown(job.name))
+            continue;
         std::vector<JobStart> starts =
             StartsOf(job, daemon, {data.from, data.from, data.until}, most);
         forecast.SetDelays(starts);
@@ -39,8 +52,24 @@ TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemo
         if (starts.empty())
             ++data.idle;
         else
-            data.rows.push_back({job.name, std::move(starts)});
+            data.rows.push_back({job.name, std::move(starts), {}});
     }
+    return data;
+}
+
+TimelineData CollectPastStarts(const std::vector<LiveJob> &jobs, const PastStarts &log,
+                               std::time_t now, std::size_t hours, const JobFilter &shown) {
+    TimelineData data;
+    data.until = now;
+    data.from = now - static_cast<std::time_t>(hours) * kHour;
+    data.past = true;
+    data.logBegins = log.begins;
+    for (const auto &[name, starts] : log.jobs)
+        if (!shown || shown(name))
+            data.rows.push_back({name, {}, starts});
+    for (const LiveJob &job : jobs)
+        if ((!shown || shown(job.name)) && log.jobs.count(Printable(job.name)) == 0)
+            ++data.idle;
     return data;
 }
 
@@ -52,7 +81,9 @@ std::vector<QuarterHour> LoadOf(const TimelineData &data) {
     const auto indexOf = [&](std::time_t time) {
         return std::min(static_cast<std::size_t>((time - begin) / kQuarterHour), load.size() - 1);
     };
-    for (const JobRow &row : data.rows)
+    for (const JobRow &row : data.rows) {
+        for (const PastStart &start : row.past)
+            ++load[indexOf(start.time)].starts;
         for (const JobStart &start : row.starts) {
             const std::size_t first = indexOf(start.FirstStart());
             const std::size_t last = indexOf(start.LastStart() + kMinute - 1);
@@ -62,6 +93,7 @@ std::vector<QuarterHour> LoadOf(const TimelineData &data) {
                 for (std::size_t i = first; i <= last; ++i)
                     load[i].possible += start.most;
         }
+    }
     return load;
 }
 
@@ -99,9 +131,15 @@ std::string ShortDay(std::time_t time) {
     return weekday.data() + std::to_string(local.tm_mday);
 }
 
-std::string IdleInWords(std::size_t idle) {
-    return std::to_string(idle) + (idle == 1 ? " job does" : " jobs do") +
+std::string IdleInWords(const TimelineData &data) {
+    const bool one = data.idle == 1;
+    const char *verb = data.past ? " did" : one ? " does" : " do";
+    return std::to_string(data.idle) + (one ? " job" : " jobs") + verb +
            " not start in these hours";
+}
+
+bool IsLogTooShort(const TimelineData &data) {
+    return data.past && (data.logBegins == 0 || data.logBegins > data.from);
 }
 
 Json::Value TimelineToJson(const TimelineData &data) {
@@ -109,12 +147,16 @@ Json::Value TimelineToJson(const TimelineData &data) {
     json["from"] = Iso(data.from);
     json["until"] = Iso(data.until);
     json["idle_jobs"] = Json::UInt64{data.idle};
+    if (data.past)
+        json["log_begins"] = data.logBegins != 0 ? Json::Value(Iso(data.logBegins)) : Json::Value();
     json["jobs"] = Json::Value(Json::arrayValue);
     for (const JobRow &row : data.rows) {
         Json::Value job;
         job["name"] = row.name;
         for (const JobStart &start : row.starts)
             job["starts"].append(StartToJson(start));
+        for (const PastStart &start : row.past)
+            job["starts"].append(PastStartToJson(start));
         json["jobs"].append(std::move(job));
     }
     for (const QuarterHour &quarter : LoadOf(data)) {

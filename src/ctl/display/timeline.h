@@ -1,18 +1,22 @@
-// The starts in the coming hours, with a row for each job and the total load.
+// The starts in the coming or the past hours, with a row for each job and the total load.
 //
 // A start is that of the process, which may follow its launch by up to an hour. If its minute is
 // known, it is drawn as a mark, otherwise as a band between its bounds. The
 // scale is linear in real time and its labels are local times. When the clock is set forward, an
 // hour is missing among the labels; when it is set back, one appears twice.
+//
+// Past starts are those of the execution log: as they took place, to the second.
 
 #ifndef CTL_DISPLAY_TIMELINE_H
 #define CTL_DISPLAY_TIMELINE_H
 
 #include "ctl/display/starts.h"
+#include "ctl/system/past_starts.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <json/value.h>
 #include <string>
 #include <vector>
@@ -21,20 +25,32 @@ namespace kest::ctl {
 
 struct JobRow {
     std::string name;
-    std::vector<JobStart> starts; // in chronological order; at least one
+    std::vector<JobStart> starts;     // in chronological order
+    std::vector<PastStart> past = {}; // the same; one of the two is not empty
 };
 
 struct TimelineData {
     std::time_t from = 0; // the beginning of the present minute
     std::time_t until = 0;
-    bool held = false;        // the machine is held: scheduled jobs wait
-    std::vector<JobRow> rows; // by name
-    std::size_t idle = 0;     // number of jobs that do not start
+    bool held = false;         // the machine is held: scheduled jobs wait
+    std::vector<JobRow> rows;  // by name
+    std::size_t idle = 0;      // number of jobs that do not start
+    bool past = false;         // the hours until now, by the log
+    std::time_t logBegins = 0; // of the past hours: the first time in the log; 0 if it has none
 };
 
-// `maxDelay` is that of the schedule template.
+// Whether a job is shown, by its name.
+using JobFilter = std::function<bool(const std::string &)>;
+
+// The coming hours of the jobs that `shown` admits. `maxDelay` is that of the schedule template.
 TimelineData CollectStarts(const std::vector<LiveJob> &jobs, const Daemon &daemon,
-                           std::int32_t maxDelay, std::time_t now, std::size_t hours);
+                           std::int32_t maxDelay, std::time_t now, std::size_t hours,
+                           const JobFilter &shown = nullptr);
+
+// The hours until `now`. `log` has the starts since then, also of jobs that no longer exist.
+TimelineData CollectPastStarts(const std::vector<LiveJob> &jobs, const PastStarts &log,
+                               std::time_t now, std::size_t hours,
+                               const JobFilter &shown = nullptr);
 
 // A quarter of an hour of the local clock. The first and the last may extend beyond the timeline.
 struct QuarterHour {
@@ -66,12 +82,17 @@ int MinutesBetweenLabels(double perMinute, double least);
 // The local day as "Wed 3".
 std::string ShortDay(std::time_t time);
 
-// "1 job does not start in these hours", "3 jobs do not ...".
-std::string IdleInWords(std::size_t idle);
+// "1 job does not start in these hours", "3 jobs do not ...", "3 jobs did not ..." of past hours.
+std::string IdleInWords(const TimelineData &data);
+
+// Whether the log begins after the past hours, so that earlier starts are unknown.
+bool IsLogTooShort(const TimelineData &data);
 
 // Members "from" and "until"; "jobs", those that start in these hours, each with "name" and
 // "starts" (as StartToJson); "load", the quarter hours, each with "from", "starts" and "possible";
-// and "idle_jobs", the number of jobs that do not start.
+// and "idle_jobs", the number of jobs that do not start. Of past hours, "starts" has objects with
+// "time", "by_hand", "failed" and "reason" (null without), and "log_begins" is the first time in
+// the log, or null.
 Json::Value TimelineToJson(const TimelineData &data);
 
 } // namespace kest::ctl

@@ -33,11 +33,12 @@ text{font-family:system-ui,-apple-system,'Segoe UI','DejaVu Sans',sans-serif;fil
 .hour{stroke:#e4e8ed} .daybreak{stroke:#8c98a6} .base{stroke:#b8c1cc}
 .mark,.bar{fill:#2563eb} .band{fill:#2563eb;fill-opacity:.16;stroke:#2563eb;stroke-opacity:.45}
 .may{fill:#2563eb;fill-opacity:.22} .overdue{fill:#d9480f}
+.byhand{fill:#0f766e} .failed{fill:#c81e1e}
 @media (prefers-color-scheme:dark){
 .page{fill:#14181d} .stripe{fill:#1a2027} text{fill:#e6ebf0} .quiet{fill:#98a5b3}
 .hour{stroke:#272f38} .daybreak{stroke:#5d6a78} .base{stroke:#46525e}
 .mark,.bar{fill:#74a9ff} .band{fill:#74a9ff;stroke:#74a9ff} .may{fill:#74a9ff;fill-opacity:.32}
-.overdue{fill:#ffa15c}}
+.overdue{fill:#ffa15c} .byhand{fill:#5ccfc0} .failed{fill:#ff7b7b}}
 )";
 
 // --- Pieces of a document -----------------------------------------------------------------------
@@ -110,6 +111,19 @@ std::string Diamond(const char *kind, double x, double y, double radius, const s
     return Element("polygon", Class(kind) + " points=\"" + points + "\"", title);
 }
 
+// A cross like a multiplication sign.
+std::string Cross(const char *kind, double x, double y, double radius, const std::string &title) {
+    const double thin = radius * .4; // half of the width of an arm, along the axes
+    const double points[][2] = {{0, -thin}, {radius - thin, -radius}, {radius, thin - radius},
+                                {thin, 0},  {radius, radius - thin},  {radius - thin, radius},
+                                {0, thin},  {thin - radius, radius},  {-radius, radius - thin},
+                                {-thin, 0}, {-radius, thin - radius}, {thin - radius, -radius}};
+    std::string text;
+    for (const auto &point : points)
+        text += (text.empty() ? "" : " ") + Number(x + point[0]) + "," + Number(y + point[1]);
+    return Element("polygon", Class(kind) + " points=\"" + text + "\"", title);
+}
+
 std::string Line(const char *kind, double x1, double y1, double x2, double y2) {
     return Element("line",
                    Class(kind) + Attribute("x1", x1) + Attribute("y1", y1) + Attribute("x2", x2) +
@@ -176,7 +190,9 @@ public:
     std::string Show() const {
         std::string text = Head();
         if (data_.rows.empty())
-            text += Text("small", kMargin, kRowsTop, Anchor::Begin, "No job starts in these hours");
+            text +=
+                Text("small", kMargin, kRowsTop, Anchor::Begin,
+                     data_.past ? "No job started in these hours" : "No job starts in these hours");
         else
             text += Stripes() + Clock() + Rows() + Load() + Legend();
         return text + "</svg>\n";
@@ -194,14 +210,20 @@ private:
     std::string Summary() const {
         std::size_t starts = 0;
         std::size_t bands = 0;
-        for (const JobRow &row : data_.rows)
+        for (const JobRow &row : data_.rows) {
+            starts += row.past.size();
             for (const JobStart &start : row.starts)
                 ++(start.IsExact() ? starts : bands);
+        }
         std::string text =
             Counted(data_.rows.size(), "job", "jobs") + ", " + Counted(starts, "start", "starts");
         if (bands != 0)
             text += " and " + std::to_string(bands) + " whose time is not yet drawn";
-        return text + (data_.idle != 0 ? "; " + IdleInWords(data_.idle) : "");
+        if (IsLogTooShort(data_))
+            text += data_.logBegins == 0
+                        ? "; the execution log is empty"
+                        : "; the execution log begins at " + Moment(data_.logBegins);
+        return text + (data_.idle != 0 ? "; " + IdleInWords(data_) : "");
     }
 
     std::string Head() const {
@@ -269,7 +291,8 @@ private:
             const JobRow &row = data_.rows[i];
             text +=
                 Text("name", kMargin, RowTop(i) + 15, Anchor::Begin, Label(row.name), row.name) +
-                Bands(row, RowTop(i)) + Starts(row, RowTop(i)) + Overdues(row, RowTop(i));
+                Bands(row, RowTop(i)) + Starts(row, RowTop(i)) + Overdues(row, RowTop(i)) +
+                SpecialStarts(row, RowTop(i));
         }
         return text;
     }
@@ -298,16 +321,17 @@ private:
                 text += Mark(row.name, together, top);
             together.clear();
         };
-        for (const JobStart &start : row.starts) {
-            if (start.overdue || !start.IsExact())
-                continue;
-            if (!together.empty() && X(start.FirstStart()) - X(together.back()) < width + gap)
-                together.push_back(start.FirstStart());
-            else {
+        const auto add = [&](std::time_t time) {
+            if (!together.empty() && X(time) - X(together.back()) >= width + gap)
                 draw();
-                together.push_back(start.FirstStart());
-            }
-        }
+            together.push_back(time);
+        };
+        for (const JobStart &start : row.starts)
+            if (!start.overdue && start.IsExact())
+                add(start.FirstStart());
+        for (const PastStart &start : row.past)
+            if (!start.manual && !start.failed)
+                add(start.time);
         draw();
         return text;
     }
@@ -332,6 +356,22 @@ private:
             if (start.overdue)
                 text += Diamond("overdue", X(start.FirstStart()), top + kRowHeight / 2, 6,
                                 row.name + ": " + Moment(start.FirstStart()) + ", overdue");
+        return text;
+    }
+
+    // Past starts by hand and failures, above the others.
+    std::string SpecialStarts(const JobRow &row, double top) const {
+        const double y = top + kRowHeight / 2;
+        std::string text;
+        for (const PastStart &start : row.past) {
+            const std::string title = row.name + ": " + Moment(start.time);
+            if (start.failed)
+                text +=
+                    Cross("failed", X(start.time), y, 6,
+                          title + (start.manual ? ", by hand" : "") + ", failed: " + start.reason);
+            else if (start.manual)
+                text += Diamond("byhand", X(start.time), y, 6, title + ", by hand");
+        }
         return text;
     }
 
@@ -378,8 +418,15 @@ private:
         const auto label = [&](double x, const char *text) {
             return Text("small", x, y, Anchor::Begin, text);
         };
-        return Rectangle("mark", {start, middle - kMarkHeight / 2, 3, kMarkHeight, 1.5}) +
-               label(start + 12, "start") + Rectangle("band", {band, middle - 6, 34, 12, 3}) +
+        const std::string mark =
+            Rectangle("mark", {start, middle - kMarkHeight / 2, 3, kMarkHeight, 1.5}) +
+            label(start + 12, "start");
+        if (data_.past)
+            return mark + Diamond("byhand", band + 6, middle, 6, "") +
+                   label(band + 20, "start by hand") + Cross("failed", band + 136, middle, 6, "") +
+                   label(band + 150, "failed") + Rectangle("bar", {overdue, middle - 8, 8, 14}) +
+                   label(overdue + 16, "load: starts in a quarter hour");
+        return mark + Rectangle("band", {band, middle - 6, 34, 12, 3}) +
                label(band + 42, "possible starts") +
                Diamond("overdue", overdue + 6, middle, 6, "") +
                label(overdue + 20, "overdue start") + Rectangle("bar", {load, middle - 2, 8, 8}) +

@@ -12,14 +12,26 @@ namespace kest::ctl {
 namespace {
 
 // What a character cell shows. If several apply, the last one of this list is shown.
-enum class Cell { Empty, Midnight, Band, NextBand, Bands, StartLeft, StartRight, Start, Overdue };
+enum class Cell {
+    Empty,
+    Midnight,
+    Band,
+    NextBand,
+    Bands,
+    StartLeft,
+    StartRight,
+    Start,
+    Overdue,
+    ByHand,
+    Failed
+};
 
 struct Symbol {
     const char *block;
     const char *ascii;
     Colour colour;
 };
-constexpr std::array<Symbol, 9> kSymbols{{
+constexpr std::array<Symbol, 11> kSymbols{{
     {" ", " ", Colour::None},
     {"│", "|", Colour::Dim},
     {"░", ".", Colour::Green},
@@ -29,6 +41,8 @@ constexpr std::array<Symbol, 9> kSymbols{{
     {"▐", "#", Colour::Green},
     {"█", "#", Colour::Green},
     {"▲", "!", Colour::Yellow},
+    {"◆", "o", Colour::None},
+    {"×", "x", Colour::Red},
 }};
 
 constexpr std::size_t kLevels = 8; // in one line of the load
@@ -55,16 +69,23 @@ public:
     }
 
     std::string Show() const {
-        std::string text = Line(Colour::Bold, WhenInWords(data_.from, data_.from) + " to " +
-                                                  WhenInWords(data_.until, data_.from));
+        const std::time_t now = data_.past ? data_.until : data_.from;
+        std::string text = Line(Colour::Bold, WhenInWords(data_.from, now) + " to " +
+                                                  WhenInWords(data_.until, now));
         if (data_.held)
             text += Line(Colour::Yellow, "The machine is held: scheduled starts wait");
+        if (IsLogTooShort(data_))
+            text += Line(Colour::Yellow, data_.logBegins == 0
+                                             ? "The execution log is empty"
+                                             : "The execution log begins " +
+                                                   WhenInWords(data_.logBegins, data_.until));
         if (data_.rows.empty())
-            text += Line(Colour::None, "No job starts in these hours");
+            text += Line(Colour::None, data_.past ? "No job started in these hours"
+                                                  : "No job starts in these hours");
         else
             text += Clock() + Rows() + Load() + Legend();
         if (data_.idle != 0)
-            text += Line(Colour::None, IdleInWords(data_.idle));
+            text += Line(Colour::None, IdleInWords(data_));
         return text;
     }
 
@@ -141,6 +162,11 @@ private:
         cell = halves ? Cell::Start : std::max(cell, shown);
     }
 
+    void PutStart(Cells &cells, std::time_t time) const {
+        const std::size_t half = CellOf(time, 2 * columns_);
+        Put(cells[half / 2], half % 2 == 0 ? Cell::StartLeft : Cell::StartRight);
+    }
+
     void PutBand(Cells &cells, const JobStart &start, Cell shown) const {
         const std::size_t first = ColumnOf(start.FirstStart());
         for (std::size_t i = first; i <= ColumnOf(start.LastStart()); ++i)
@@ -159,8 +185,7 @@ private:
             if (start.overdue) {
                 Put(cells[column], Cell::Overdue);
             } else if (start.IsExact()) {
-                const std::size_t half = CellOf(start.FirstStart(), 2 * columns_);
-                Put(cells[half / 2], half % 2 == 0 ? Cell::StartLeft : Cell::StartRight);
+                PutStart(cells, start.FirstStart());
             } else {
                 band = band == Cell::Band ? Cell::NextBand : Cell::Band;
                 PutBand(cells, start, band);
@@ -168,6 +193,11 @@ private:
                     Put(cells[column], Cell::Bands);
             }
         }
+        for (const PastStart &start : row.past)
+            if (start.failed || start.manual)
+                Put(cells[ColumnOf(start.time)], start.failed ? Cell::Failed : Cell::ByHand);
+            else
+                PutStart(cells, start.time);
         return cells;
     }
 
@@ -259,6 +289,10 @@ private:
             entries.push_back(std::string(TextOf(Cell::Bands)) + " several bands");
         if (Shows(Cell::Overdue))
             entries.push_back(std::string(TextOf(Cell::Overdue)) + " overdue");
+        if (Shows(Cell::ByHand))
+            entries.push_back(std::string(TextOf(Cell::ByHand)) + " start by hand");
+        if (Shows(Cell::Failed))
+            entries.push_back(std::string(TextOf(Cell::Failed)) + " failed");
         const std::size_t maximum = MaximumOf(load_);
         entries.push_back("load: at most " + std::to_string(maximum) +
                           (maximum == 1 ? " start" : " starts") + " in a quarter hour");
