@@ -44,8 +44,8 @@ _kestcronctl() {
         _kestcronctl_files -d "$current"
         return
         ;;
-    --svg)
-        _kestcronctl_files_of svg "$current"
+    --svg | --html)
+        _kestcronctl_files_of "${previous#--}" "$current"
         return
         ;;
     --job)
@@ -94,7 +94,7 @@ _kestcronctl() {
         next) options+=' -n --at' ;;
         explain) options+=' --period' ;;
         log) options+=' -f --follow -n --job --since --until --failed --raw --no-pager' ;;
-        timeline) options+=' --past --hours --svg' ;;
+        timeline) options+=' --past --hours --svg --html' ;;
         reload) options+=' --timeout' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")

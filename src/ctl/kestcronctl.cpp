@@ -228,8 +228,12 @@ private:
             ->capture_default_str()
             ->type_name("NUMBER")
             ->check(CLI::Range(1, 168).description(""));
-        timeline->add_option("--svg", options_.timeline.svg, "Write an SVG image instead")
-            ->type_name("FILE");
+        CLI::Option *svg =
+            timeline->add_option("--svg", options_.timeline.svg, "Write an SVG image instead")
+                ->type_name("FILE");
+        timeline->add_option("--html", options_.timeline.html, "Write a page about all jobs")
+            ->type_name("FILE")
+            ->excludes(svg);
         Add("metrics", "Print metrics for Prometheus",
             "kestcronctl metrics > /var/lib/node_exporter/kestcron.prom",
             [](const Context &c) { return Metrics(c); });

@@ -98,7 +98,8 @@ struct TimelineOptions {
     std::vector<std::string> patterns; // of which one must match; empty for all jobs
     bool past = false;                 // the hours until now, by the execution log
     std::size_t hours = 24;
-    std::string svg; // output file; empty for text on standard output
+    std::string svg;  // output file; empty for text on standard output
+    std::string html; // the same of a page
 };
 // Returns 1 if there are patterns and no job matches.
 int Timeline(const Context &context, const TimelineOptions &options);

@@ -3,6 +3,7 @@
 #include "base/printable.h"
 #include "ctl/display/coming_starts.h"
 #include "ctl/display/launch_forecast.h"
+#include "ctl/display/phrases.h"
 #include "ctl/display/times.h"
 
 #include <algorithm>
@@ -129,6 +130,44 @@ std::string ShortDay(std::time_t time) {
     std::array<char, 32> weekday{};
     std::strftime(weekday.data(), weekday.size(), "%a ", &local);
     return weekday.data() + std::to_string(local.tm_mday);
+}
+
+std::string Moment(std::time_t time) {
+    const std::string iso = Iso(time);
+    return iso.substr(0, 10) + " " + iso.substr(11, 5);
+}
+
+std::string Counted(std::size_t count, const char *one, const char *more) {
+    return std::to_string(count) + " " + (count == 1 ? one : more);
+}
+
+std::vector<std::time_t> TimesOfMarks(const JobRow &row) {
+    std::vector<std::time_t> times;
+    for (const JobStart &start : row.starts)
+        if (!start.overdue && start.IsExact())
+            times.push_back(start.FirstStart());
+    for (const PastStart &start : row.past)
+        if (!start.manual && !start.failed)
+            times.push_back(start.time);
+    std::sort(times.begin(), times.end()); // delays differ from launch to launch
+    return times;
+}
+
+std::string BandInWords(const JobStart &start) {
+    const std::string number =
+        start.most == 1 ? "one start" : "up to " + std::to_string(start.most) + " starts";
+    return number + " between " + Moment(start.FirstStart()) + " and " + Moment(start.LastStart()) +
+           (start.undrawn.empty() ? "; launched at " + Moment(start.earliest)
+                                  : "; not yet drawn: " + FieldsInWords(start.undrawn));
+}
+
+std::string QuarterInWords(const QuarterHour &quarter) {
+    std::string text = Moment(quarter.from) + " to " +
+                       ClockInWords(quarter.from + kQuarterHour, quarter.from + kQuarterHour) +
+                       ": " + Counted(quarter.starts, "start", "starts");
+    if (quarter.possible != 0)
+        text += ", up to " + std::to_string(quarter.possible) + " more";
+    return text;
 }
 
 std::string IdleInWords(const TimelineData &data) {

@@ -82,6 +82,23 @@ int MinutesBetweenLabels(double perMinute, double least);
 // The local day as "Wed 3".
 std::string ShortDay(std::time_t time);
 
+// "2026-06-02 03:17", because a picture may be viewed on another day.
+std::string Moment(std::time_t time);
+
+// "1 start", "3 starts".
+std::string Counted(std::size_t count, const char *one, const char *more);
+
+// The times of the starts that are drawn as plain marks, in chronological order: those of known
+// minutes, neither overdue nor by hand nor failed.
+std::vector<std::time_t> TimesOfMarks(const JobRow &row);
+
+// A start whose minute is not known: "one start between 2026-06-02 03:01 and 2026-06-02 04:00; not
+// yet drawn: minute".
+std::string BandInWords(const JobStart &start);
+
+// "2026-06-02 03:15 to 03:30: 2 starts, up to 1 more".
+std::string QuarterInWords(const QuarterHour &quarter);
+
 // "1 job does not start in these hours", "3 jobs do not ...", "3 jobs did not ..." of past hours.
 std::string IdleInWords(const TimelineData &data);
 

@@ -1,6 +1,5 @@
 #include "ctl/display/timeline_svg.h"
 
-#include "ctl/display/phrases.h"
 #include "ctl/display/screen.h"
 #include "ctl/display/times.h"
 #include "ctl/display/utf8.h"
@@ -141,35 +140,6 @@ std::string Text(const char *kind, double x, double y, Anchor anchor, const std:
     return "<text" + Class(kind) + Attribute("x", x) + Attribute("y", y) + side + ">" +
            (title.empty() ? "" : "<title>" + Escaped(title) + "</title>") + Escaped(text) +
            "</text>\n";
-}
-
-// --- Texts --------------------------------------------------------------------------------------
-
-// "2026-06-02 03:17", because the image may be viewed on another day.
-std::string Moment(std::time_t time) {
-    const std::string iso = Iso(time);
-    return iso.substr(0, 10) + " " + iso.substr(11, 5);
-}
-
-std::string Counted(std::size_t count, const char *one, const char *more) {
-    return std::to_string(count) + " " + (count == 1 ? one : more);
-}
-
-std::string BandInWords(const JobStart &start) {
-    const std::string number =
-        start.most == 1 ? "one start" : "up to " + std::to_string(start.most) + " starts";
-    return number + " between " + Moment(start.FirstStart()) + " and " + Moment(start.LastStart()) +
-           (start.undrawn.empty() ? "; launched at " + Moment(start.earliest)
-                                  : "; not yet drawn: " + FieldsInWords(start.undrawn));
-}
-
-std::string QuarterInWords(const QuarterHour &quarter) {
-    std::string text = Moment(quarter.from) + " to " +
-                       ClockInWords(quarter.from + kQuarterHour, quarter.from + kQuarterHour) +
-                       ": " + Counted(quarter.starts, "start", "starts");
-    if (quarter.possible != 0)
-        text += ", up to " + std::to_string(quarter.possible) + " more";
-    return text;
 }
 
 // --- The drawing --------------------------------------------------------------------------------
@@ -321,17 +291,11 @@ private:
                 text += Mark(row.name, together, top);
             together.clear();
         };
-        const auto add = [&](std::time_t time) {
+        for (const std::time_t time : TimesOfMarks(row)) {
             if (!together.empty() && X(time) - X(together.back()) >= width + gap)
                 draw();
             together.push_back(time);
-        };
-        for (const JobStart &start : row.starts)
-            if (!start.overdue && start.IsExact())
-                add(start.FirstStart());
-        for (const PastStart &start : row.past)
-            if (!start.manual && !start.failed)
-                add(start.time);
+        }
         draw();
         return text;
     }
