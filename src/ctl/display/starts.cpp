@@ -154,21 +154,37 @@ std::vector<JobStart> StartsOf(const LiveJob &job, const Daemon &daemon, const O
     return starts;
 }
 
+namespace {
+
+// All starts of the jobs that may begin up to `horizon`, in chronological order, at most `count` of
+// each job.
+std::vector<JobStart> StartsUntil(std::time_t horizon, const std::vector<const LiveJob *> &jobs,
+                                  const Daemon &daemon, const Outlook &outlook, std::size_t count) {
+    // A start right after the horizon may take up one before it.
+    const std::time_t until = std::min(outlook.until, horizon + kHour);
+    std::vector<JobStart> merged;
+    for (const LiveJob *job : jobs)
+        for (JobStart &start : StartsOf(*job, daemon, {outlook.now, outlook.from, until}, count))
+            if (start.earliest <= horizon)
+                merged.push_back(std::move(start));
+    std::stable_sort(merged.begin(), merged.end(), ComesBefore);
+    return merged;
+}
+
+} // namespace
+
 std::vector<JobStart> StartsOf(const std::vector<const LiveJob *> &jobs, const Daemon &daemon,
                                const Outlook &outlook, std::size_t count) {
-    std::vector<JobStart> merged;
-    for (const LiveJob *job : jobs) {
-        for (JobStart &start : StartsOf(*job, daemon, outlook, count))
-            merged.push_back(std::move(start));
-        if (merged.size() < 2 * count + 10000)
+    // Many jobs have enough starts in the next minutes, a single one perhaps only in years.
+    constexpr std::time_t factor = 8;
+    for (std::time_t span = kHour / 4;; span *= factor) {
+        const std::time_t horizon = std::min(outlook.until, outlook.from + span);
+        std::vector<JobStart> starts = StartsUntil(horizon, jobs, daemon, outlook, count);
+        if (starts.size() < count && horizon < outlook.until)
             continue;
-        // Drop starts that are no longer needed, to limit memory.
-        std::stable_sort(merged.begin(), merged.end(), ComesBefore);
-        merged.resize(count);
+        starts.resize(std::min(starts.size(), count));
+        return starts;
     }
-    std::stable_sort(merged.begin(), merged.end(), ComesBefore);
-    merged.resize(std::min(merged.size(), count));
-    return merged;
 }
 
 std::optional<JobStart> NextStart(const LiveJob &job, const Daemon &daemon, std::time_t now) {

@@ -21,6 +21,12 @@ struct QuarterTime {
     bool isPlain = false; // the quarter lies in one hour of one offset from UTC
 };
 
+// The known ones; more than a month has.
+std::array<QuarterTime, 4096> &QuarterTimes() {
+    static std::array<QuarterTime, 4096> known;
+    return known;
+}
+
 QuarterTime QuarterTimeOf(std::time_t begin) {
     QuarterTime quarter;
     std::tm last{};
@@ -40,16 +46,10 @@ std::optional<std::tm> LocalTime(std::time_t time) {
     constexpr std::time_t farthest = std::time_t{1} << 56; // its year does not fit into an int
     if (time < -farthest || time > farthest)
         return std::nullopt;
-    static std::array<QuarterTime, 4096> known; // more than a month has
-    static std::string zone;                    // that they are of
-    const char *const presentZone = std::getenv("TZ");
-    if (zone != (presentZone == nullptr ? "" : presentZone)) {
-        zone = presentZone == nullptr ? "" : presentZone;
-        known.fill({});
-    }
     const std::time_t into = (time % kQuarter + kQuarter) % kQuarter;
     const std::time_t begin = time - into;
-    QuarterTime &quarter = known.at(static_cast<std::size_t>(begin / kQuarter) % known.size());
+    QuarterTime &quarter =
+        QuarterTimes().at(static_cast<std::size_t>(begin / kQuarter) % QuarterTimes().size());
     if (quarter.begin != begin)
         quarter = QuarterTimeOf(begin);
     std::tm local = quarter.local;
@@ -62,6 +62,10 @@ std::optional<std::tm> LocalTime(std::time_t time) {
     if (localtime_r(&time, &local) == nullptr)
         return std::nullopt;
     return local;
+}
+
+void ForgetLocalTimes() {
+    QuarterTimes().fill({});
 }
 
 std::tm Local(std::time_t time) {

@@ -13,6 +13,9 @@ namespace kest::ctl {
 // an hour, because predictions make hundreds of thousands of them.
 std::optional<std::tm> LocalTime(std::time_t time);
 
+// Empties that cache, after a change of the time zone.
+void ForgetLocalTimes();
+
 // The same; all zero outside the range of the calendar.
 std::tm Local(std::time_t time);
 

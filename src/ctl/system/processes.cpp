@@ -194,6 +194,8 @@ std::vector<Candidate> Candidates(const Appliance &appliance) {
 
 std::vector<Candidate> ProcessesOf(const std::string &staged, const std::string &account,
                                    const std::vector<Candidate> &candidates) {
+    if (candidates.empty())
+        return {}; // without a look-up of the account
     uid_t uid = 0;
     gid_t gid = 0;
     const bool known = KESTUserGetUGID(account.c_str(), &uid, &gid) == 0;

@@ -1,6 +1,7 @@
 #include "ctl/system/time_zone.h"
 
 #include "ctl/display/utf8.h"
+#include "ctl/display/times.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/files.h"
 #include "ctl/system/processes.h"
@@ -23,6 +24,7 @@ constexpr const char *kZoneDirectory = "/usr/share/zoneinfo/";
 void SetZone(const std::string &zone) {
     setenv("TZ", zone.c_str(), 1);
     tzset();
+    ForgetLocalTimes();
 }
 
 // Naming the file avoids a check of it at each conversion. A system without one uses UTC.

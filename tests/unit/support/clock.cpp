@@ -46,6 +46,8 @@ LocalZone::LocalZone(const std::string &name) {
         before_ = zone;
     setenv("TZ", name.c_str(), 1);
     tzset();
+    if (onChange != nullptr)
+        onChange();
 }
 
 LocalZone::~LocalZone() {
@@ -54,6 +56,8 @@ LocalZone::~LocalZone() {
     else
         unsetenv("TZ");
     tzset();
+    if (onChange != nullptr)
+        onChange();
 }
 
 std::int64_t Utc(int year, int month, int day, int hour, int minute, int second) {

@@ -29,6 +29,9 @@ public:
     LocalZone &operator=(const LocalZone &) = delete;
     ~LocalZone();
 
+    // Is called after each change, if it is set: for caches of local times.
+    static inline void (*onChange)() = nullptr;
+
 private:
     std::optional<std::string> before_;
 };

@@ -6,8 +6,12 @@
 #include "tests/unit/support/jobs.h"
 #include "tests/unit/support/json_text.h"
 
+#include <algorithm>
+#include <array>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <random>
+#include <tuple>
 
 namespace kest::ctl {
 
@@ -156,6 +160,47 @@ TEST_F(StartsTest, OfSeveralJobsAreSorted) {
     EXPECT_EQ(starts[1].job, &late);
     EXPECT_EQ(starts[2].job, &early);
     EXPECT_EQ(starts[2].earliest, starts[0].earliest + kHour);
+}
+
+// The search ends as soon as there are enough starts. The result is that of a complete search.
+TEST_F(StartsTest, OfSeveralJobsAreComplete) {
+    constexpr std::array<const char *, 12> crontabs{
+        "~ * * * *",          "~ ~ * * *",       "~ ~ ~ * *",     "* * * * *",
+        "7 3 * * *",          "0,30 8~17 * * ~", "~ 0 1 1 *",     "0 0 29 2 1",
+        "0~29,30~59 * * * *", "5 4 * * 1",       "59,~ 23 * * *", "0 0 31 2 *"};
+    for (unsigned round = 0; round < 60; ++round) {
+        std::mt19937 bits(round);
+        std::vector<LiveJob> jobs;
+        for (auto i = bits() % 6 + 1; i != 0; --i) {
+            const int hours = bits() % 3 == 0 ? static_cast<int>(bits() % 50) : 0;
+            jobs.push_back(LiveJobOf(crontabs.at(bits() % crontabs.size()), hours,
+                                     kNow - static_cast<std::time_t>(bits() % (60 * kHour))));
+            jobs.back().name += std::to_string(i);
+        }
+        std::vector<const LiveJob *> pointers;
+        std::vector<JobStart> all;
+        const std::time_t from =
+            bits() % 2 == 0 ? kNow : kNow + kHour * static_cast<std::time_t>(bits() % 300);
+        const Outlook outlook{kNow, from, from + 500 * kDayLength};
+        const std::size_t count = std::size_t{1} << bits() % 9;
+        for (const LiveJob &job : jobs) {
+            pointers.push_back(&job);
+            for (const JobStart &start : StartsOf(job, {}, outlook, count))
+                all.push_back(start);
+        }
+        const auto order = [](const JobStart &start) {
+            return std::make_tuple(start.earliest, start.latest, start.job->name);
+        };
+        std::stable_sort(all.begin(), all.end(),
+                         [&](const JobStart &a, const JobStart &b) { return order(a) < order(b); });
+        all.resize(std::min(all.size(), count));
+        const std::vector<JobStart> found = StartsOf(pointers, {}, outlook, count);
+        ASSERT_EQ(found.size(), all.size()) << round;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            EXPECT_EQ(order(found[i]), order(all[i])) << round << " " << i;
+            EXPECT_EQ(found[i].most, all[i].most) << round << " " << i;
+        }
+    }
 }
 
 TEST_F(StartsTest, AreWrittenAsJson) {

@@ -11,6 +11,9 @@ namespace kest::ctl {
 
 namespace {
 
+// For all tests of this program.
+[[maybe_unused]] const auto forgetsLocalTimes = LocalZone::onChange = ForgetLocalTimes;
+
 std::string Formatted(const std::tm &time) {
     std::array<char, 80> text{};
     std::strftime(text.data(), text.size(), "%F %T %j %w %z %Z", &time);
