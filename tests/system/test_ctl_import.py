@@ -94,6 +94,14 @@ def test_warnings_and_exit_status(machine, ctl):
     assert (check.returncode, check.stderr) == (0, "kestcronctl: 1 file, 1 job: no problems\n")
 
 
+@pytest.mark.parametrize("text", ["", "# nothing\n", "not a line\n", "@reboot x\n"])
+def test_crontabs_without_jobs(machine, ctl, text):
+    machine.write("/tmp/crontab", text)
+    machine.write("/tmp/imported.conf", ctl("import", "/tmp/crontab").stdout)
+    result = ctl("check", "/tmp/imported.conf")
+    assert (result.returncode, result.stdout) == (0, "")
+
+
 def test_json_output(machine, ctl):
     machine.write("/tmp/tab", "0 3 * * * y\n@reboot x\n")
     status, answer = ctl.json("import", "/tmp/tab")

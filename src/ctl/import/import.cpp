@@ -346,10 +346,12 @@ std::vector<ImportedLine> ImportCrontab(const std::string &text, const ImportSet
 }
 
 std::string JobFileText(const std::vector<ImportedLine> &lines, const ImportSettings &settings) {
-    std::string text = "// Imported from " + Shown(settings.file) + "\n[\n";
     std::size_t remaining = 0;
     for (const ImportedLine &line : lines)
         remaining += line.jobs.size();
+    // The parser refuses comments in an array without values.
+    const bool isEmpty = remaining == 0;
+    std::string text = "// Imported from " + Shown(settings.file) + (isEmpty ? "\n" : "\n[\n");
     for (const ImportedLine &line : lines) {
         AppendComments(text, line);
         for (const Json::Value &job : line.jobs) {
@@ -359,7 +361,7 @@ std::string JobFileText(const std::vector<ImportedLine> &lines, const ImportSett
         if (text.size() > kJobFileLimits.bytes)
             ThrowTooLarge();
     }
-    return text + "]\n";
+    return text + (isEmpty ? "[]\n" : "]\n");
 }
 
 } // namespace kest::ctl

@@ -193,7 +193,7 @@ TEST(Import, JobFilesHaveTheLinesAsComments) {
 ]
 )");
     EXPECT_EQ(JobFileText(ImportedFrom("# nothing\n"), SettingsOf(false)),
-              "// Imported from tab\n[\n]\n");
+              "// Imported from tab\n[]\n");
 }
 
 TEST(Import, SmallCrontabsCannotBecomeLargeJobFiles) {
