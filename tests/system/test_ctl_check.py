@@ -236,7 +236,9 @@ def test_refused_directories_and_files(machine, ctl):
 
 def test_another_appliance(machine, ctl):
     root = "/tmp/other"
-    machine.write(root + "/etc/passwd", "root:x:0:0::/:/bin/sh\ncarol:x:1234:1234::/:/bin/sh\n")
+    machine.write(
+        root + "/etc/passwd", "root:x:0:0::/:/bin/sh\ncarol:x:1234:1234::/:/bin/sh\ndora:x:1234:1::/:/bin/sh\n"
+    )
     machine.write(root + "/opt/real", "#!/bin/sh\n", mode=0o755)
     machine.write(
         root + PKG + "/f.conf",
@@ -245,6 +247,7 @@ def test_another_appliance(machine, ctl):
                 {**GOOD, "user": "package", "package_username": "carol", "cmd": "/opt/real"},
                 {**GOOD, "name": "y", "user": "package", "package_username": "alice", "cmd": RECORD},
                 {**GOOD, "name": "z", "cmd": "/opt/link"},
+                {**GOOD, "name": "w", "user": "package", "package_username": "dora", "cmd": "/opt/real"},
             ]
         ),
     )

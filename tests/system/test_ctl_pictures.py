@@ -271,6 +271,13 @@ def test_svg_replaces_the_file(running, ctl):
     assert running.path("/tmp/old.svg").stat().st_ino != before
 
 
+@pytest.mark.parametrize("options", [("--past", "--svg"), ("--html",)])
+def test_only_the_owner_can_read_what_the_log_says(running, ctl, options):
+    running.write("/tmp/old", "old", mode=0o644)
+    output(ctl, "timeline", *options, "/tmp/old")
+    assert stat.S_IMODE(running.path("/tmp/old").stat().st_mode) == 0o600
+
+
 @pytest.mark.parametrize(
     "path, error",
     [

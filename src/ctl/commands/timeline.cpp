@@ -17,6 +17,7 @@
 #include <cstring>
 #include <iostream>
 #include <iterator>
+#include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
@@ -24,10 +25,14 @@ namespace kest::ctl {
 
 namespace {
 
-void WriteFile(const std::string &path, const std::string &text) {
+// What only root can read in the log does not become readable by others.
+constexpr mode_t kModeWithLog = 0600;
+constexpr mode_t kModeWithoutLog = 0644;
+
+void WriteFile(const std::string &path, const std::string &text, mode_t mode) {
     if (path == "-")
         std::cout << text;
-    else if (!ReplaceFile(path, text, 0644))
+    else if (!ReplaceFile(path, text, mode))
         throw Failure(path + ": " + std::strerror(errno));
 }
 
@@ -128,9 +133,10 @@ int Timeline(const Context &context, const TimelineOptions &options) {
     if (isEmpty && !context.json)
         return noMatch;
     if (!options.html.empty())
-        WriteFile(options.html, PageInHtml(CollectPage(context, snapshot, options, shown)));
+        WriteFile(options.html, PageInHtml(CollectPage(context, snapshot, options, shown)),
+                  kModeWithLog);
     else if (!options.svg.empty())
-        WriteFile(options.svg, TimelineInSvg(data));
+        WriteFile(options.svg, TimelineInSvg(data), options.past ? kModeWithLog : kModeWithoutLog);
     else if (context.json)
         WriteJson(TimelineToJson(data));
     else

@@ -50,7 +50,7 @@ std::string Tag(const std::string &name, const std::string &attributes,
 }
 
 std::string Attr(const char *name, const std::string &value) {
-    return std::string(name) + "=\"" + Html(value) + "\"";
+    return std::string(name) + R"(=")" + Html(value) + R"(")";
 }
 
 std::string Class(const std::string &name, const std::string &content) {
@@ -90,12 +90,12 @@ public:
         for (const JobRow &row : data_.rows)
             rows += Row(row);
         return "<figure class=\"picture\">\n"
-               "<div class=\"tools\" hidden>"
-               "<button type=\"button\" class=\"in\" aria-label=\"Zoom in\">+</button>"
-               "<button type=\"button\" class=\"out\" aria-label=\"Zoom out\">−</button>"
+               R"(<div class="tools" hidden>)"
+               R"(<button type="button" class="in" aria-label="Zoom in">+</button>)"
+               R"(<button type="button" class="out" aria-label="Zoom out">−</button>)"
                "<button type=\"button\" class=\"whole\">Whole period</button></div>\n" +
                Tag("div",
-                   Attr("class", "scroll") + " tabindex=\"0\" role=\"region\" " +
+                   Attr("class", "scroll") + R"( tabindex="0" role="region" )" +
                        Attr("aria-label", Title()),
                    "\n<div class=\"wide\">" + Grid() + rows + Load() + "</div>\n") +
                Legend() + "</figure>\n";
@@ -115,7 +115,7 @@ private:
 
     static std::string Percent(const char *name, double share) {
         std::array<char, 48> text{};
-        std::snprintf(text.data(), text.size(), " %s=\"%.3f%%\"", name, 100 * share);
+        std::snprintf(text.data(), text.size(), R"( %s="%.3f%%")", name, 100 * share);
         return text.data();
     }
 
@@ -132,21 +132,21 @@ private:
             if (mark.minuteOfDay % 60 == 0) {
                 const std::string x =
                     Percent("x1", Share(mark.time)) + Percent("x2", Share(mark.time));
-                lines += "<line class=\"" + KindOf(mark) + "\"" + x + " y1=\"0\" y2=\"100%\"/>";
+                lines += R"(<line class=")" + KindOf(mark) + R"(")" + x + R"( y1="0" y2="100%"/>)";
             }
-        return "<svg class=\"grid\" aria-hidden=\"true\">" + lines + "</svg>\n";
+        return R"(<svg class="grid" aria-hidden="true">)" + lines + "</svg>\n";
     }
 
     std::string Axis() const {
         std::string labels;
         for (const ClockMark &mark : marks_)
             if (mark.minuteOfDay % 60 == 0 && Share(mark.time) < .97)
-                labels += "<text class=\"" + KindOf(mark) + "\"" + Percent("x", Share(mark.time)) +
-                          " dx=\"3\" y=\"16\">" +
+                labels += R"(<text class=")" + KindOf(mark) + R"(")" +
+                          Percent("x", Share(mark.time)) + R"( dx="3" y="16">)" +
                           (mark.newDay ? ShortDay(mark.time) : ClockInWords(mark.time, mark.time)) +
                           "</text>";
-        return "<div class=\"row axis\"><span class=\"name\"></span><svg class=\"track\" "
-               "aria-hidden=\"true\">" +
+        return R"(<div class="row axis"><span class="name"></span><svg class="track" )"
+               R"(aria-hidden="true">)" +
                labels + "</svg></div>\n";
     }
 
@@ -167,8 +167,8 @@ private:
         const std::size_t starts = row.starts.size() + row.past.size();
         const std::string name = row.name + ": " + Counted(starts, "start", "starts") +
                                  " or spans, the first at " + Moment(FirstOf(row));
-        return "<div class=\"row\" " + Attr("data-job", row.name) + ">" +
-               Class("name", Html(row.name)) + "<svg class=\"track\" role=\"img\" " +
+        return R"(<div class="row" )" + Attr("data-job", row.name) + ">" +
+               Class("name", Html(row.name)) + R"(<svg class="track" role="img" )" +
                Attr("aria-label", name) + ">" + Bands(row) + Starts(row) + Shapes(row) +
                "</svg></div>\n";
     }
@@ -183,9 +183,9 @@ private:
             if (!start.IsExact()) {
                 const double x = Share(start.FirstStart());
                 text += Titled("rect",
-                               " class=\"band\"" + Percent("x", x) +
+                               R"( class="band")" + Percent("x", x) +
                                    Percent("width", Share(start.LastStart() + kMinute) - x) +
-                                   " y=\"6\" height=\"12\"",
+                                   R"( y="6" height="12")",
                                row.name + ": " + BandInWords(start));
             }
         return text;
@@ -209,12 +209,12 @@ private:
         const double x = Share(first);
         if (count == 1)
             return Titled("line",
-                          " class=\"mark\"" + Percent("x1", x) + Percent("x2", x) +
-                              " y1=\"4\" y2=\"20\"",
+                          R"( class="mark")" + Percent("x1", x) + Percent("x2", x) +
+                              R"( y1="4" y2="20")",
                           name + ": " + Moment(first));
         return Titled("rect",
-                      " class=\"run\"" + Percent("x", x) + Percent("width", Share(last) - x) +
-                          " y=\"5\" height=\"14\"",
+                      R"( class="run")" + Percent("x", x) + Percent("width", Share(last) - x) +
+                          R"( y="5" height="14")",
                       name + ": " + Moment(first) + " to " + Moment(last) + ", " +
                           std::to_string(count) + " starts");
     }
@@ -238,12 +238,12 @@ private:
     }
 
     std::string At(std::time_t time, const std::string &shape) const {
-        return "<svg class=\"at\"" + Percent("x", Share(time)) + " y=\"12\">" + shape + "</svg>";
+        return R"(<svg class="at")" + Percent("x", Share(time)) + R"( y="12">)" + shape + "</svg>";
     }
 
-    static constexpr const char *kOverdue = " class=\"overdue\" d=\"M0-7 7 6H-7Z\"";
-    static constexpr const char *kByHand = " class=\"hand\" d=\"M0-7 7 0 0 7-7 0Z\"";
-    static constexpr const char *kFailed = " class=\"failed\" d=\"M-5-5 5 5M5-5-5 5\"";
+    static constexpr const char *kOverdue = R"( class="overdue" d="M0-7 7 6H-7Z")";
+    static constexpr const char *kByHand = R"( class="hand" d="M0-7 7 0 0 7-7 0Z")";
+    static constexpr const char *kFailed = R"( class="failed" d="M-5-5 5 5M5-5-5 5")";
 
     // --- The load and the legend ---
 
@@ -257,7 +257,7 @@ private:
             const double x = Share(quarter.from);
             if (count != 0)
                 bars += Titled("rect",
-                               std::string(" class=\"") + kind + "\"" + Percent("x", x) +
+                               std::string(R"( class=")") + kind + R"(")" + Percent("x", x) +
                                    Percent("width", Share(quarter.from + kQuarterHour) - x) +
                                    Percent("y", 1 - height - static_cast<double>(below) / most) +
                                    Percent("height", height),
@@ -269,27 +269,26 @@ private:
         }
         const std::string most =
             "load: at most " + Counted(maximum, "start", "starts") + " in a quarter of an hour";
-        return "<div class=\"row load\">" + Class("name quiet", most) +
-               "<svg class=\"track\" role=\"img\" " + Attr("aria-label", most) + ">" + bars +
+        return R"(<div class="row load">)" + Class("name quiet", most) +
+               R"(<svg class="track" role="img" )" + Attr("aria-label", most) + ">" + bars +
                "</svg></div>";
     }
 
     std::string Legend() const {
         const auto entry = [](const std::string &shape, const char *text) {
-            return Tag("span", "", "<svg aria-hidden=\"true\">" + shape + "</svg>" + text);
+            return Tag("span", "", R"(<svg aria-hidden="true">)" + shape + "</svg>" + text);
         };
         const auto shape = [](const char *path) {
-            return std::string("<svg class=\"at\" x=\"7\" y=\"7\"><path") + path + "/></svg>";
+            return std::string(R"(<svg class="at" x="7" y="7"><path)") + path + "/></svg>";
         };
-        std::string text =
-            entry("<line class=\"mark\" x1=\"7\" x2=\"7\" y1=\"0\" y2=\"14\"/>", "start");
+        std::string text = entry(R"(<line class="mark" x1="7" x2="7" y1="0" y2="14"/>)", "start");
         if (data_.past)
             text += entry(shape(kByHand), "start by hand") + entry(shape(kFailed), "failed");
         else
-            text += entry("<rect class=\"band\" y=\"2\" width=\"15\" height=\"10\"/>",
-                          "possible starts") +
-                    entry(shape(kOverdue), "overdue");
-        return "<figcaption class=\"legend\">" + text + "</figcaption>\n";
+            text +=
+                entry(R"(<rect class="band" y="2" width="15" height="10"/>)", "possible starts") +
+                entry(shape(kOverdue), "overdue");
+        return R"(<figcaption class="legend">)" + text + "</figcaption>\n";
     }
 
     const TimelineData &data_;
@@ -303,9 +302,9 @@ std::string Day(const TimelineData &data) {
                                    Counted(hours, "hour", "hours"),
                                Moment(data.from) + " to " + Moment(data.until));
     if (data.held)
-        text += Tag("p", "class=\"warn\"", "The machine is held: scheduled starts wait.");
+        text += Tag("p", R"(class="warn")", "The machine is held: scheduled starts wait.");
     if (IsLogTooShort(data))
-        text += Tag("p", "class=\"warn\"",
+        text += Tag("p", R"(class="warn")",
                     data.logBegins == 0
                         ? "The execution log is empty."
                         : "The execution log begins at " + Moment(data.logBegins) + ".");
@@ -314,7 +313,7 @@ std::string Day(const TimelineData &data) {
                                               : "No job starts in these hours.")
                               : Picture(data).Show();
     if (data.idle != 0)
-        text += Tag("p", "class=\"quiet\"", IdleInWords(data) + ".");
+        text += Tag("p", R"(class="quiet")", IdleInWords(data) + ".");
     return Tag("section", "", text) + "\n";
 }
 
@@ -326,7 +325,7 @@ std::string Head(const std::string &title) {
                                "'; base-uri 'none'; form-action 'none'";
     // Hashes and source expressions have no character that ends the attribute.
     return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-           "<meta http-equiv=\"Content-Security-Policy\" content=\"" +
+           R"(<meta http-equiv="Content-Security-Policy" content=")" +
            policy +
            "\">\n<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
            "<meta name=\"color-scheme\" content=\"light dark\">\n"
@@ -377,14 +376,14 @@ std::string Problems(const PageData &data) {
     std::string items;
     for (const std::string &warning : data.warnings)
         items +=
-            Tag("li", "", Tag("strong", "class=\"warn\"", "warning") + " " + Html(warning)) + "\n";
+            Tag("li", "", Tag("strong", R"(class="warn")", "warning") + " " + Html(warning)) + "\n";
     for (const Diagnostic &problem : data.problems) {
         const bool isError = problem.severity == Severity::Error;
         items +=
             Tag("li", Attr("data-job", problem.job + " " + problem.file),
                 Class("where", Html(problem.file) + ":" + std::to_string(problem.position.line) +
                                    ":" + std::to_string(problem.position.column)) +
-                    Tag("strong", isError ? "class=\"bad\"" : "class=\"warn\"",
+                    Tag("strong", isError ? R"(class="bad")" : R"(class="warn")",
                         isError ? "error" : "warning") +
                     " " + (problem.job.empty() ? "" : Html(problem.job) + ": ") +
                     Html(MessageWithHint(problem))) +
@@ -407,13 +406,13 @@ std::string NextInHtml(const std::optional<JobStart> &next) {
 std::string JobRowInHtml(const PageJob &shown, const PageData &data) {
     const LiveJob &job = *shown.job;
     const auto cell = [](const char *label, const std::string &content) {
-        return Tag("td", "role=\"cell\" " + Attr("data-label", label), content);
+        return Tag("td", R"(role="cell" )" + Attr("data-label", label), content);
     };
     const std::string last =
         job.lastRun == 0 ? "unknown" : (job.isLogged ? "" : "launched ") + TimeTag(job.lastRun);
     const JobStatusText &status = InWords(JobStatusOf(job, data.daemon));
-    return Tag("tr", "role=\"row\" " + Attr("data-job", job.name),
-               Tag("th", "scope=\"row\" role=\"rowheader\"", Class("name", Html(job.name))) +
+    return Tag("tr", R"(role="row" )" + Attr("data-job", job.name),
+               Tag("th", R"(scope="row" role="rowheader")", Class("name", Html(job.name))) +
                    cell("Account", Html(job.account)) +
                    cell("Schedule",
                         Html(ScheduleInWords(job.job.ScheduleDocument(), job.job.cronFields()))) +
@@ -431,10 +430,10 @@ std::string Jobs(const PageData &data) {
         rows += JobRowInHtml(job, data);
     std::string header;
     for (const char *name : {"Job", "Account", "Schedule", "Last run", "Next run", "State"})
-        header += Tag("th", "scope=\"col\" role=\"columnheader\"", name);
+        header += Tag("th", R"(scope="col" role="columnheader")", name);
     return "<section>" +
            Heading("Jobs", "in " + Html(data.document) + " of " + Moment(data.saved)) +
-           Tag("table", "role=\"table\"",
+           Tag("table", R"(role="table")",
                "\n<thead role=\"rowgroup\"><tr role=\"row\">" + header +
                    "</tr></thead>\n<tbody role=\"rowgroup\">\n" + rows + "</tbody>\n") +
            "</section>\n";
@@ -458,12 +457,12 @@ std::string PageInHtml(const PageData &data) {
     const std::string title = "Jobs" + (data.host.empty() ? "" : " of " + Html(data.host));
     const Json::Value now = TimeToJson(data.now);
     return Head(title) + "<body>\n<header>" + Tag("h1", "", title) +
-           Tag("p", "class=\"quiet\"",
+           Tag("p", R"(class="quiet")",
                "State of " + TimeTag(data.now) + " (UTC" + now.asString().substr(19) +
                    "), by kestcronctl " + kPageVersion) +
            Facts(data) + "</header>\n<main>\n" + Problems(data) +
-           "<div class=\"filter\" hidden><label>Filter <input type=\"search\" id=\"filter\" "
-           "placeholder=\"name, account, state\"></label><output id=\"count\" "
+           R"(<div class="filter" hidden><label>Filter <input type="search" id="filter" )"
+           R"(placeholder="name, account, state"></label><output id="count" )"
            "class=\"quiet\"></output></div>\n" +
            Day(data.coming) + Day(data.past) + Jobs(data) + Failures(data) + "</main>\n<script>" +
            kPageScript + "</script>\n</body>\n</html>\n";

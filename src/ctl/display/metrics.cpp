@@ -73,7 +73,7 @@ std::string Single(const char *name, const char *help, Value value) {
     return value ? Heading(name, help) + Sample(name, "", *value) : "";
 }
 
-std::string Quoted(const std::string &text) {
+std::string LabelValue(const std::string &text) {
     std::string quoted = "\"";
     for (const char character : ValidUtf8(text))
         if (character == '\n')
@@ -92,7 +92,7 @@ std::string LabelsOf(const LiveJob &job, std::set<std::string> &used) {
     std::string name = job.name;
     while (!used.insert(ValidUtf8(name)).second)
         name += "'";
-    return "{job=" + Quoted(name) + ",user=" + Quoted(job.account) + "}";
+    return "{job=" + LabelValue(name) + ",user=" + LabelValue(job.account) + "}";
 }
 
 JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon,
@@ -154,7 +154,7 @@ std::string SystemInText(std::size_t jobs, const Daemon &daemon, const SystemFig
            Single("kestcron_max_delay_seconds",
                   "Maximum delay between two starts of the same minute.", system.maxDelay) +
            Heading(build, "Version of kestcronctl, which printed these metrics.") +
-           Sample(build, "{version=" + Quoted(KESTCROND_VERSION) + "}", 1);
+           Sample(build, "{version=" + LabelValue(KESTCROND_VERSION) + "}", 1);
 }
 
 } // namespace

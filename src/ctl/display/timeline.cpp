@@ -186,8 +186,7 @@ Json::Value TimelineToJson(const TimelineData &data) {
     json["from"] = Iso(data.from);
     json["until"] = Iso(data.until);
     json["idle_jobs"] = Json::UInt64{data.idle};
-    if (data.past)
-        json["log_begins"] = data.logBegins != 0 ? Json::Value(Iso(data.logBegins)) : Json::Value();
+    json["log_begins"] = data.logBegins != 0 ? Json::Value(Iso(data.logBegins)) : Json::Value();
     json["jobs"] = Json::Value(Json::arrayValue);
     for (const JobRow &row : data.rows) {
         Json::Value job;

@@ -173,14 +173,10 @@ private:
             Put(cells[i], shown);
     }
 
-    Cells CellsOf(const JobRow &row) const {
-        Cells cells(columns_, Cell::Empty);
-        for (const ClockMark &mark : marks_)
-            if (mark.newDay)
-                cells[ColumnOf(mark.time)] = Cell::Midnight;
+    void PutStarts(Cells &cells, const std::vector<JobStart> &starts) const {
         Cell band = Cell::NextBand;
         std::size_t lastBegin = columns_;
-        for (const JobStart &start : row.starts) {
+        for (const JobStart &start : starts) {
             const std::size_t column = ColumnOf(start.FirstStart());
             if (start.overdue) {
                 Put(cells[column], Cell::Overdue);
@@ -193,6 +189,14 @@ private:
                     Put(cells[column], Cell::Bands);
             }
         }
+    }
+
+    Cells CellsOf(const JobRow &row) const {
+        Cells cells(columns_, Cell::Empty);
+        for (const ClockMark &mark : marks_)
+            if (mark.newDay)
+                cells[ColumnOf(mark.time)] = Cell::Midnight;
+        PutStarts(cells, row.starts);
         for (const PastStart &start : row.past)
             if (start.failed || start.manual)
                 Put(cells[ColumnOf(start.time)], start.failed ? Cell::Failed : Cell::ByHand);

@@ -95,8 +95,7 @@ bool Appliance::HasAccount(const std::string &name) const {
     if (IsLocal())
         return name.find('\0') == std::string::npos &&
                KESTUserGetUGID(name.c_str(), &uid, &gid) == 0;
-    return std::any_of(accounts_.begin(), accounts_.end(),
-                       [&](const auto &account) { return account.second == name; });
+    return homes_.count(name) != 0; // accounts_ has one name of each user ID
 }
 
 std::optional<std::string> Appliance::AccountName(uid_t uid) const {

@@ -1,7 +1,7 @@
 #include "ctl/system/time_zone.h"
 
-#include "ctl/display/utf8.h"
 #include "ctl/display/times.h"
+#include "ctl/display/utf8.h"
 #include "ctl/system/failure.h"
 #include "ctl/system/files.h"
 #include "ctl/system/processes.h"

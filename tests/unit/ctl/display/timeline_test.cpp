@@ -126,6 +126,7 @@ TEST(TimelineToJson, WritesStartsAndLoad) {
         from, 1, {{"a", {Known(from + kMinute), Band(from + 16 * kMinute, from + kHour)}}}, 3));
     EXPECT_EQ(FromText(JsonToString(json)), FromText(R"({
         "from": "2026-06-02T02:00:00+00:00", "until": "2026-06-02T03:00:00+00:00", "idle_jobs": 3,
+        "log_begins": null,
         "jobs": [{"name": "a", "starts": [
             {"earliest": "2026-06-02T02:01:00+00:00", "latest": "2026-06-02T02:01:00+00:00",
              "start_earliest": "2026-06-02T02:01:00+00:00",
