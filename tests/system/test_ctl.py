@@ -603,7 +603,7 @@ def test_run_does_not_count_as_a_launch(machine, ctl):
     assert ctl("run", "x").returncode == 0
     assert state()["last_run"] == "2026-06-02T02:10:10+00:00"
     assert state()["state"] == "held"
-    assert 'kestcron_job_overdue{job="builtin-f-x",user="root"} 1' in ctl("metrics").stdout
+    assert 'kestcron_job_overdue{name="builtin-f-x",user="root"} 1' in ctl("metrics").stdout
     assert "the machine is held" in ctl("list").stderr
 
 
@@ -711,7 +711,7 @@ def test_runs_that_are_kept(machine, ctl, options, state):
     answer = ctl("next", env=later).stdout
     awaited = "the release of the machine" if state == "held" else "kestcrond without --passive-mode"
     assert re.search(rf"^as soon as it may +builtin-f-due +waits for {awaited}$", answer, re.M), answer
-    assert 'kestcron_job_pending{job="builtin-f-due",user="root"} 1' in ctl("metrics", env=later).stdout
+    assert 'kestcron_job_pending{name="builtin-f-due",user="root"} 1' in ctl("metrics", env=later).stdout
     # Before it is due.
     earlier = {"FAKETIME": "2026-06-02 02:11:00"}
     listed = {job["name"]: job for job in json.loads(ctl("list", "--json", env=earlier).stdout)}

@@ -29,6 +29,8 @@ JOBS = {
     "window": "10~20 * * * *",
     "mixed": "5 ~,12 * * *",
     "tuesday": "1 1 * * 2",
+    "halves": "0~29,30~59 * * * *",
+    "beside": "30,~ * * * *",
 }
 
 
@@ -61,13 +63,24 @@ def minutes_of(moment):
 
 
 def check_predictions(predictions, since, launched, overdue, evaluated):
-    """All launches were predicted, and all certain predictions came true."""
+    """All launches were predicted, no more than at most, and all certain predictions came true."""
     end = max(evaluated)
     # The number of predictions is limited, and the daemon may run beyond the last one.
     last = max(minute_of(prediction["earliest"]) for prediction in predictions)
     for job, moments in launched.items():
         mine = [prediction for prediction in predictions if prediction["job"] == job]
-        for moment in (moment for moment in moments if since + 2 * MINUTE < moment < last):
+        known = [moment for moment in moments if since + 2 * MINUTE < moment < last]
+        # Those that are sure to be in the span of each prediction, so that no other one allows them.
+        for prediction in mine:
+            first, latest = minute_of(prediction["earliest"]), minute_of(prediction["latest"])
+            inside = [moment for moment in known if first + MINUTE < moment < latest]
+            allowed = sum(
+                other["at_most"]
+                for other in mine
+                if minute_of(other["earliest"]) <= latest and minute_of(other["latest"]) >= first
+            )
+            assert len(inside) <= allowed, (job, prediction, inside)
+        for moment in known:
             assert any(
                 minute_of(prediction["earliest"]) <= minute <= minute_of(prediction["latest"])
                 for minute in minutes_of(moment)
@@ -135,7 +148,7 @@ def test_over_a_day_with_redraws(machine, ctl):
     evaluated = {moment.replace(second=0) for moment in cycles if moment.second >= SURE}
     # A slow machine skips many minutes, but not all of them.
     assert len(cycles) > 400 and len(evaluated) > 50
-    assert set(launched) >= {f"builtin-f-{name}" for name in ("hourly", "quarter", "whole", "window")}
+    assert set(launched) >= {f"builtin-f-{name}" for name in ("hourly", "quarter", "whole", "window", "halves")}
     assert len(overdue["builtin-f-assured"]) >= 3
     for since, predictions in snapshots:
         assert len(predictions) == 3000

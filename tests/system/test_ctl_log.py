@@ -5,6 +5,7 @@ import gzip
 import json
 import lzma
 import os
+import re
 import threading
 import time
 
@@ -271,6 +272,17 @@ def test_a_reader_who_leaves_the_pager(rotated, ctl):
     rotated.write(LOG, starts(0, 1440) * 50, mode=0o600)
     assert page(ctl, PAGER="head -1").count("\n") == 1
     assert "nothing: not found" in ctl("log").stderr + page(ctl, PAGER="exec nothing 2>&1")
+
+
+def test_the_interrupt_key_is_for_the_pager(stopped, ctl):
+    """The program that decompresses is not in the process group that the terminal interrupts."""
+    stopped.write(LOG + ".2.gz", gzip.compress(starts(0, 1440).encode() * 20), mode=0o600)
+    script = '#!/bin/sh\necho "gzip: $(ps -o pgid= -C gzip)" "pager: $(ps -o pgid= -p $$)"\ncat\n'
+    stopped.write("/pagers/less", script, mode=0o755)
+    text = page(ctl, "--raw", PATH="/pagers:/usr/bin:/bin", **PLAIN)
+    groups = [int(group) for group in re.findall(r": +(\d+)", text.splitlines()[0])]
+    assert len(groups) == 2 and groups[0] != groups[1], text.splitlines()[0]
+    assert text.count("running job") == 20 * 1440
 
 
 def test_following_on_a_terminal(stopped, ctl):

@@ -271,6 +271,34 @@ def test_svg_replaces_the_file(running, ctl):
     assert running.path("/tmp/old.svg").stat().st_ino != before
 
 
+def test_links_to_devices_are_not_replaced(running, ctl):
+    running.path("/tmp/out").symlink_to("/dev/null")
+    for option in ("--svg", "--html"):
+        result = ctl("timeline", option, "/tmp/out")
+        assert (result.returncode, result.stderr) == (2, "kestcronctl: /tmp/out: Invalid argument\n")
+    assert running.path("/tmp/out").is_symlink()
+
+
+def test_a_start_with_several_failed_steps_is_one_failure(running, ctl):
+    lines = ["2026-06-01T20:00:00+00:00 running job: a with command: c as user bob (state[Ready], trig[01 20:00:00])"]
+    lines += ["2026-06-01T20:00:59+00:00 running job: a with command: c as user bob (state[Ready], trig[01 20:00:59])"]
+    for step in ("initgroups", "setgid", "setuid"):
+        lines.append(f"2026-06-01T20:00:59+00:00 Failed to {step} fora for user bob[Operation not permitted]")
+    running.write(running.LOG_FILE, "".join(line + "\n" for line in lines), mode=0o600)
+    past = json.loads(output(ctl, "--json", "timeline", "--past"))["jobs"]
+    starts = [job for job in past if job["name"] == "a"][0]["starts"]
+    assert [(start["failed"], start["reason"]) for start in starts] == [
+        (False, None),
+        (True, "initgroups: Operation not permitted"),
+    ]
+
+
+def test_a_page_without_the_log(running, ctl):
+    result = ctl("timeline", "--html", "-", user=2001)
+    assert result.returncode == 0
+    assert "The execution log could not be read." in result.stdout and "is empty" not in result.stdout
+
+
 @pytest.mark.parametrize("options", [("--past", "--svg"), ("--html",)])
 def test_only_the_owner_can_read_what_the_log_says(running, ctl, options):
     running.write("/tmp/old", "old", mode=0o644)
@@ -343,7 +371,7 @@ def test_the_metrics(running, ctl):
     text = re.sub(r"(?m)^(kestcron_(start_time|document_timestamp)_seconds) \d+$", r"\1 0", text)
     text = re.sub(r'version="[\d.]+"', 'version="0"', text)
     expect_golden("metrics.txt", text)
-    labels = (("job", 'pkg-f-<"&\\>'), ("user", "root"))
+    labels = (("name", 'pkg-f-<"&\\>'), ("user", "root"))
     assert values["kestcron_job_next_run_timestamp_seconds", labels] == 1780391100
     assert values["kestcron_jobs", ()] == 7
 

@@ -120,9 +120,12 @@ def test_sources(running, ctl):
     _, plan = ctl.json("plan", NEW)
     assert names(plan, "comes") == ["pkg-f-x"]
     # A file that is installed stays what it is.
-    running.jobs("builtin", "g", [define("x")])
-    _, plan = ctl.json("plan", f"{SOURCES['builtin']}/g")
-    assert names(plan, "comes") == ["builtin-g-x"]
+    running.jobs("builtin", "g", [define("x"), define("bad", "x")])
+    running.jobs("pkg_nonroot", "h", [define("x")], account="alice")
+    for path in (f"{SOURCES['builtin']}/g", f"{SOURCES['pkg_nonroot']}/alice/h", SOURCES["builtin"]):
+        status, plan = ctl.json("plan", path)
+        assert status == (0 if "alice" in path else 1)
+        assert names(plan, "comes") == ["builtin-g-x", "pkg_nonroot-alice-h-x"]
     assert ctl("plan", "--source", "pkg_nonroot", f"{NEW}/f").returncode == 2
     assert ctl("plan", "--source", "pkg", "--account", "alice", f"{NEW}/f").returncode == 2
     result = ctl("plan", "/nowhere")
@@ -139,6 +142,11 @@ def test_files_of_an_account(running, ctl):
     ctl("reload")
     status, plan = ctl.json("plan", "--account", "alice", f"{NEW}/f")
     assert (names(plan, "goes"), names(plan, "comes")) == (["pkg_nonroot-alice-f-old"], [])
+    # Whatever the name of the directory, its owner is the account.
+    running.path(f"{SOURCES['pkg_nonroot']}/alice").rename(running.path(f"{SOURCES['pkg_nonroot']}/team"))
+    status, plan = ctl.json("plan", "--account", "alice", f"{NEW}/f")
+    assert (names(plan, "goes"), names(plan, "comes")) == (["pkg_nonroot-alice-f-old"], [])
+    running.path(f"{SOURCES['pkg_nonroot']}/team").rename(running.path(f"{SOURCES['pkg_nonroot']}/alice"))
     # The planned file and the installed ones share the quota of the account.
     running.write(f"{NEW}/big", json.dumps([{**definition, "name": f"j{number}"} for number in range(1023)]))
     status, plan = ctl.json("plan", "--account", "alice", f"{NEW}/big")

@@ -85,10 +85,10 @@ def test_refused_jobs_and_files(busy, ctl):
 
 
 def test_programs_that_cannot_be_run(busy, ctl):
-    sample = 'kestcron_job_failed{job="builtin-f-gone",user="root"}'
+    sample = 'kestcron_job_failed{name="builtin-f-gone",user="root"}'
     wait_for(lambda: value(ctl, sample) == 1)
-    assert value(ctl, 'kestcron_job_start_failures_total{job="builtin-f-gone",user="root"}') >= 1
-    assert value(ctl, 'kestcron_job_failed{job="builtin-f-late",user="root"}') == 0
+    assert value(ctl, 'kestcron_job_start_failures_total{name="builtin-f-gone",user="root"}') >= 1
+    assert value(ctl, 'kestcron_job_failed{name="builtin-f-late",user="root"}') == 0
 
 
 def test_the_time_of_the_document(busy, ctl):
@@ -131,10 +131,10 @@ class Counted:
         self.path().rename(self.path(".1"))
 
     def starts(self, job="a"):
-        return value(self.ctl, f'kestcron_job_starts_total{{job="builtin-f-{job}",user="root"}}')
+        return value(self.ctl, f'kestcron_job_starts_total{{name="builtin-f-{job}",user="root"}}')
 
     def failures(self, job="a"):
-        return value(self.ctl, f'kestcron_job_start_failures_total{{job="builtin-f-{job}",user="root"}}')
+        return value(self.ctl, f'kestcron_job_start_failures_total{{name="builtin-f-{job}",user="root"}}')
 
 
 def test_counters_begin_with_the_daemon(counted):
@@ -255,10 +255,10 @@ def test_counts_that_cannot_be_kept(counted):
 
 
 def test_promtool_accepts_the_rules():
-    assert "SUCCESS: 8 rules found" in promtool("check", "rules", RULES)
+    assert "SUCCESS: 9 rules found" in promtool("check", "rules", RULES)
 
 
-LABELS = '{instance="m",job="j",user="root"}'
+LABELS = '{instance="m",name="j",user="root"}'
 ALERTS = {
     "KestcrondDown": ('kestcron_up{instance="m"}', "1 0x20", "3m", "10m"),
     "KestcronJobFailed": (f"kestcron_job_failed{LABELS}", "0x5 1x20", "4m", "8m"),
@@ -267,6 +267,7 @@ ALERTS = {
     "KestcronJobKept": (f"kestcron_job_pending{LABELS}", "0 1x2000", "1400m", "1450m"),
     "KestcronJobsRefused": ('kestcron_refused_files{instance="m"}', "0 2x20", "8m", "12m"),
     "KestcronJobRunsLong": (f"kestcron_job_running{LABELS}", "0 1x2000", "1400m", "1450m"),
+    "KestcronMetricsOld": ('kestcron_metrics_timestamp_seconds{instance="m"}', "0x40", "14m", "16m"),
     "KestcronMetricsMissing": ("other", "0x60", "10m", "20m"),
 }
 
@@ -287,7 +288,7 @@ def test_alerts(alert, tmp_path):
         lambda found: found[1]
         .replace('\\"', '"')
         .replace("{{ $labels.instance }}", "m")
-        .replace("{{ $labels.job }}", text["job"])
+        .replace("{{ $labels.name }}", text["job"])
         .replace("{{ $value }}", "2")
     )
     annotations = {name: fill(re.search(rf'{name}: "(.*)"\n', rule)) for name in ("summary", "description")}

@@ -264,6 +264,8 @@ std::optional<StartFault> StartFaultOf(std::string_view head, const StartEnviron
             return std::nullopt;
         if (FormatFault(interpreter.head, environment))
             return FaultOfInterpreter(path, "cannot be started");
+        if (const auto fault = ArchitectureFault(interpreter.head, environment))
+            return FaultOfInterpreter(path, "cannot be started: " + fault->text);
         present = std::move(interpreter.head);
     }
 }

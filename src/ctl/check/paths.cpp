@@ -239,17 +239,43 @@ void CheckPaths::AddPath(const std::string &path) {
         batch->files.emplace(absolute.filename().string(), shown);
 }
 
-JobFileBatch &CheckPaths::PlannedBatch(std::size_t source, const std::string &account) {
-    JobFileBatch &batch = batches_[{source, account}];
-    const JobSource &jobSource = kJobSources.at(source);
-    if (!batch.ofSource) {
-        batch.directory = {jobSource.directory, jobSource.label, account};
-        if (jobSource.perAccount)
-            batch.directory.path = PathIn(batch.directory.path, account);
-        batch.ofSource = true;
-    }
-    if (batch.directory.account != account)
+// The batch of the source that `directory` is, or of the account directory; null for others.
+JobFileBatch *CheckPaths::InstalledBatch(const std::string &directory) {
+    const fs::path absolute = Absolute(directory);
+    for (auto &[rank, batch] : batches_)
+        if (kJobSources.at(rank.first).perAccount
+                ? IsSource(rank.first, absolute.parent_path().string()) &&
+                      rank.second == absolute.filename().string()
+                : IsSource(rank.first, directory))
+            return &batch;
+    return nullptr;
+}
+
+// The directory of an account: one that has the file, or else its first one, or else a new one.
+JobFileBatch &CheckPaths::PlannedAccountBatch(const std::string &account, const std::string &name) {
+    JobFileBatch *found = nullptr;
+    for (auto &[rank, batch] : batches_)
+        if (batch.directory.account == account &&
+            (found == nullptr || batch.files.count(name) > found->files.count(name)))
+            found = &batch;
+    if (found != nullptr)
+        return *found;
+    JobFileBatch &batch = batches_[{AccountSource(), account}];
+    if (batch.ofSource)
         throw Failure(batch.directory.path + " belongs to account " + batch.directory.account);
+    const JobSource &source = kJobSources.at(AccountSource());
+    batch.directory = {PathIn(source.directory, account), source.label, account};
+    batch.ofSource = true;
+    return batch;
+}
+
+JobFileBatch &CheckPaths::PlannedBatch(const std::string &label) {
+    const auto *const source =
+        std::find_if(kJobSources.begin(), kJobSources.end(),
+                     [&](const JobSource &candidate) { return label == candidate.label; });
+    JobFileBatch &batch = batches_[{static_cast<std::size_t>(source - kJobSources.begin()), {}}];
+    batch.directory = {source->directory, source->label, {}};
+    batch.ofSource = true;
     return batch;
 }
 
@@ -259,28 +285,23 @@ void CheckPaths::AddPlanned(const std::string &path, const std::string &label,
     if (stat(path.c_str(), &status) == -1)
         throw Failure(path + ": " + std::strerror(errno));
     const std::string shown = Trimmed(path);
-    const std::string directory =
-        S_ISDIR(status.st_mode) ? path : Absolute(path).parent_path().string();
-    std::size_t source = AccountSource();
-    for (std::size_t i = 0; i < kJobSources.size() && account.empty(); ++i)
-        if (label == kJobSources.at(i).label)
-            source = i;
-    for (std::size_t i = 0; i < kJobSources.size(); ++i)
-        if (!kJobSources.at(i).perAccount && IsSource(i, directory))
-            source = i;
-    if (kJobSources.at(source).perAccount && account.empty())
-        throw Failure(shown + ": job files of accounts require --account NAME");
-    JobFileBatch &batch =
-        PlannedBatch(source, kJobSources.at(source).perAccount ? account : std::string());
-    const auto add = [&](const std::string &name, const std::string &file) {
-        batch.files[name] = file;
-        batch.planned[name] = file;
-    };
+    std::map<std::string, std::string> files;
     if (!S_ISDIR(status.st_mode))
-        add(Absolute(path).filename().string(), shown);
+        files[Absolute(path).filename().string()] = shown;
     else
         for (const std::string &name : NamesOf(path))
-            add(name, PathIn(shown, name));
+            files[name] = PathIn(shown, name);
+    const std::string directory =
+        S_ISDIR(status.st_mode) ? path : Absolute(path).parent_path().string();
+    JobFileBatch *const installed = InstalledBatch(directory);
+    for (const auto &[name, file] : files) {
+        JobFileBatch &batch = installed != nullptr ? *installed
+                              : account.empty()    ? PlannedBatch(label)
+                                                   : PlannedAccountBatch(account, name);
+        batch.files[name] = file;
+        if (installed == nullptr)
+            batch.planned[name] = file;
+    }
 }
 
 void CheckPaths::AddOtherAccountDirectories() {

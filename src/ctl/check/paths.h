@@ -38,7 +38,8 @@ public:
     void AddPath(const std::string &path);
 
     // Adds a job file, or those of a directory, as if it were installed in the source with that
-    // label, or in the directory of the account if there is one. It takes the place of the file of
+    // label, which is not that of account directories, or in a directory of the account if there is
+    // one. It takes the place of the file of
     // that name. A file that is in a source already belongs to that source. Call AddSources before.
     // Throws Failure if `path` does not exist or the account does not own its directory.
     void AddPlanned(const std::string &path, const std::string &label, const std::string &account);
@@ -61,7 +62,9 @@ private:
     JobFileBatch *BatchOf(std::size_t source, const std::string &name, const std::string &shown);
     JobFileBatch *BatchAt(const std::string &path, const std::string &shown);
     void AddFiles(JobFileBatch *batch, const std::string &directory, const std::string &shown);
-    JobFileBatch &PlannedBatch(std::size_t source, const std::string &account);
+    JobFileBatch *InstalledBatch(const std::string &directory);
+    JobFileBatch &PlannedAccountBatch(const std::string &account, const std::string &name);
+    JobFileBatch &PlannedBatch(const std::string &label);
     void AddAccounts(const std::string &directory, const std::string &shown);
     void AddAccountPath(const std::string &path, const std::string &shown, bool isDirectory);
     bool GetStatus(const std::string &path, const std::string &shown, struct stat &status);

@@ -15,6 +15,7 @@
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -85,7 +86,8 @@ class LogPrinter {
 public:
     LogPrinter(const Context &context, const LogOptions &options)
         : context_(context), isTable_(context.screen.width != 0 && !context.json && !options.raw),
-          pager_(context.screen, !options.follow && !options.noPager && !context.json),
+          pager_(context.screen, !options.follow && !options.noPager && !context.json &&
+                                     context.appliance.IsLocal()),
           table_({"TIME", "JOB", "ACCOUNT", "STATE", "DELAY", "REASON"},
                  DispensableOn(context.screen)) {}
 
@@ -247,21 +249,23 @@ int Log(const Context &context, const LogOptions &options) {
     LogFile file(path);
     if (!file.Open() && errno != ENOENT)
         throw Failure(path + ": " + std::strerror(errno));
-    LogHistory history(context, file);
-    if (history.IsEmpty())
+    std::optional<LogHistory> history(std::in_place, context, file);
+    const bool isEmpty = history->IsEmpty();
+    if (isEmpty)
         std::cerr << "kestcronctl: " << path << " does not exist yet\n";
     LogPrinter printer(context, options);
     std::optional<std::size_t> most = options.lines;
     if (options.follow && options.since.empty() && !most)
         most = linesBeforeFollow;
     if (most)
-        history.PrintLast(printer, filter, *most, options.follow);
+        history->PrintLast(printer, filter, *most, options.follow);
     else
-        history.PrintAll(printer, filter, options.follow);
+        history->PrintAll(printer, filter, options.follow);
+    history.reset(); // open files would keep their space after a rotation
     printer.Flush();
     if (options.follow)
         Follow(printer, file, filter);
-    if (context.screen.width != 0 && !printer.HasPrinted() && !history.IsEmpty())
+    if (context.screen.width != 0 && !printer.HasPrinted() && !isEmpty)
         std::cerr << "kestcronctl: no line matches\n";
     return 0;
 }

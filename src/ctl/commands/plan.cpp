@@ -9,6 +9,7 @@
 #include "ctl/display/utf8.h"
 #include "ctl/system/live_state.h"
 
+#include <algorithm>
 #include <iostream>
 #include <set>
 #include <tuple>
@@ -61,21 +62,31 @@ struct PlannedLoad {
     std::vector<Diagnostic> problems;
 };
 
+// Whether `file` is one of the paths, or in a directory that is.
+bool IsIn(const std::vector<std::string> &paths, const std::string &file) {
+    return std::any_of(paths.begin(), paths.end(), [&](std::string path) {
+        while (path.size() > 1 && path.back() == '/')
+            path.pop_back();
+        return file == path || file.compare(0, path.size() + 1, path + "/") == 0;
+    });
+}
+
 // The errors of the planned files, and those that they cause elsewhere, such as by using up the
 // quota of their account. Without planned files, all errors.
 std::vector<Diagnostic> NewErrors(const Context &context, const CheckResult &result,
-                                  bool hasPlanned) {
+                                  const std::vector<std::string> &planned) {
     const auto identify = [](const Diagnostic &error) {
         return std::make_tuple(error.file, error.position.line, error.position.column,
                                error.message);
     };
     std::set<decltype(identify(Diagnostic()))> known;
-    if (hasPlanned)
+    if (!planned.empty())
         for (const Diagnostic &error : SourceErrors(context))
             known.insert(identify(error));
     std::vector<Diagnostic> errors;
     for (const Diagnostic &diagnostic : result.diagnostics)
-        if (diagnostic.severity == Severity::Error && known.count(identify(diagnostic)) == 0)
+        if (diagnostic.severity == Severity::Error &&
+            (IsIn(planned, diagnostic.file) || known.count(identify(diagnostic)) == 0))
             errors.push_back(diagnostic);
     return errors;
 }
@@ -88,7 +99,7 @@ PlannedLoad MakePlan(const Context &context, const PlanOptions &options) {
     for (const std::string &error : files.unreadable)
         throw Failure(error);
     PlannedLoad plan;
-    plan.problems = NewErrors(context, files, !options.paths.empty());
+    plan.problems = NewErrors(context, files, options.paths);
     plan.before = LoadOfDay(context, runtime.jobs, daemon, runtime.maxDelay);
     plan.jobs =
         PlanLoad(std::move(runtime.jobs), files, FindTemplate(context.appliance), context.now);

@@ -208,6 +208,7 @@ void Write(const JobDetails &details, const Context &context) {
         Line(screen, "source",
              details.source->file + ":" + std::to_string(details.source->position.line));
         Line(screen, "", DifferenceInWords(*details.source));
+        Line(screen, "", "to disable the job, remove it from this file and reload");
     } else {
         Line(screen, "source", "not found; if no file defines the job, the next reload removes it");
     }

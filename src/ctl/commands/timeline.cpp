@@ -77,6 +77,7 @@ void AddPast(const Context &context, const Runtime &runtime, std::size_t hours,
     try {
         log = ReadPast(context, hours);
     } catch (const Failure &failure) {
+        page.isLogRead = false;
         page.warnings.emplace_back(failure.what());
     }
     page.warnings.insert(page.warnings.end(), log.errors.begin(), log.errors.end());

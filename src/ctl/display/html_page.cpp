@@ -439,6 +439,11 @@ std::string Jobs(const PageData &data) {
            "</section>\n";
 }
 
+std::string UnreadLog() {
+    return "<section>" + Heading("The past", "") +
+           Tag("p", R"(class="warn")", "The execution log could not be read.") + "</section>\n";
+}
+
 std::string Failures(const PageData &data) {
     std::string items;
     for (const PastFailure &failure : data.failures)
@@ -464,8 +469,9 @@ std::string PageInHtml(const PageData &data) {
            R"(<div class="filter" hidden><label>Filter <input type="search" id="filter" )"
            R"(placeholder="name, account, state"></label><output id="count" )"
            "class=\"quiet\"></output></div>\n" +
-           Day(data.coming) + Day(data.past) + Jobs(data) + Failures(data) + "</main>\n<script>" +
-           kPageScript + "</script>\n</body>\n</html>\n";
+           Day(data.coming) + (data.isLogRead ? Day(data.past) : UnreadLog()) + Jobs(data) +
+           (data.isLogRead ? Failures(data) : "") + "</main>\n<script>" + kPageScript +
+           "</script>\n</body>\n</html>\n";
 }
 
 } // namespace kest::ctl

@@ -34,6 +34,7 @@ struct PageData {
     std::vector<PageJob> jobs;         // by name
     TimelineData coming;
     TimelineData past;
+    bool isLogRead = true;             // otherwise the caller may not read it, and `past` is empty
     std::vector<PastFailure> failures; // the latest first
 };
 

@@ -92,7 +92,7 @@ std::string LabelsOf(const LiveJob &job, std::set<std::string> &used) {
     std::string name = job.name;
     while (!used.insert(ValidUtf8(name)).second)
         name += "'";
-    return "{job=" + LabelValue(name) + ",user=" + LabelValue(job.account) + "}";
+    return "{name=" + LabelValue(name) + ",user=" + LabelValue(job.account) + "}";
 }
 
 JobFigures FiguresOf(const LiveJob &job, const Daemon &daemon,
@@ -131,7 +131,8 @@ std::string FamilyInText(const JobFamily &family, const std::vector<JobFigures> 
     return samples.empty() ? "" : Heading(family.name, family.help, family.type) + samples;
 }
 
-std::string SystemInText(std::size_t jobs, const Daemon &daemon, const SystemFigures &system) {
+std::string SystemInText(std::size_t jobs, const Daemon &daemon, const SystemFigures &system,
+                         std::time_t now) {
     const auto number = [](std::size_t count) { return static_cast<std::int64_t>(count); };
     const char *const build = "kestcron_build_info";
     return Single("kestcron_up", "Whether kestcrond is running.", daemon.IsRunning()) +
@@ -153,6 +154,8 @@ std::string SystemInText(std::size_t jobs, const Daemon &daemon, const SystemFig
                   daemon.delayed) +
            Single("kestcron_max_delay_seconds",
                   "Maximum delay between two starts of the same minute.", system.maxDelay) +
+           Single("kestcron_metrics_timestamp_seconds", "Time at which these metrics were printed.",
+                  now) +
            Heading(build, "Version of kestcronctl, which printed these metrics.") +
            Sample(build, "{version=" + LabelValue(KESTCROND_VERSION) + "}", 1);
 }
@@ -171,7 +174,7 @@ std::string MetricsInText(const std::vector<LiveJob> &jobs, const Daemon &daemon
         if (system.counts)
             AddCounts(*system.counts, jobs[i], figures.back());
     }
-    std::string text = SystemInText(jobs.size(), daemon, system);
+    std::string text = SystemInText(jobs.size(), daemon, system, now);
     for (const JobFamily &family : kJobFamilies)
         text += FamilyInText(family, figures);
     return text;

@@ -47,7 +47,7 @@ std::string ReadLink(const std::string &path) {
 
 bool ReplaceFile(const std::string &path, const std::string &text, mode_t mode) {
     struct stat status {};
-    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return false;
     }

@@ -18,9 +18,9 @@ std::string ReadHead(const std::string &path, std::size_t most);
 // The target of a symbolic link; empty for anything else.
 std::string ReadLink(const std::string &path);
 
-// Replaces a regular file or a link in one step, with that mode; or makes it. A link is not
-// followed and the old mode is dropped, because other users may have prepared them. Returns false
-// with errno set on failure; the old file is then unchanged.
+// Replaces a regular file, or a link to one or to nothing, in one step, with that mode; or makes
+// it. A link is not followed and the old mode is dropped, because other users may have prepared
+// them. Returns false with errno set on failure; the old file is then unchanged.
 bool ReplaceFile(const std::string &path, const std::string &text, mode_t mode);
 
 } // namespace kest::ctl

@@ -12,7 +12,24 @@ namespace {
 
 constexpr std::size_t kTimestampLength = 25; // "2026-11-15T03:00:00+01:00"
 
+// Whether the text has the form of a timestamp. Nothing else must pass for one, because timestamps
+// are printed as they are.
+bool IsTimestamp(std::string_view text) {
+    constexpr std::string_view form = "dddd-dd-ddTdd:dd:dd?dd:dd";
+    static_assert(form.size() == kTimestampLength);
+    for (std::size_t i = 0; i < form.size(); ++i) {
+        const bool fits = form[i] == 'd'   ? text[i] >= '0' && text[i] <= '9'
+                          : form[i] == '?' ? text[i] == '+' || text[i] == '-'
+                                           : text[i] == form[i];
+        if (!fits)
+            return false;
+    }
+    return true;
+}
+
 std::optional<std::time_t> ReadTimestamp(const std::string &text) {
+    if (!IsTimestamp(text))
+        return std::nullopt;
     std::tm utc{};
     char sign = '+';
     int hours = 0;

@@ -26,13 +26,15 @@ void AddFailedStart(const LogLine &line, std::vector<PastStart> &starts) {
     const auto end =
         starts.rbegin() + static_cast<std::ptrdiff_t>(std::min(starts.size(), mostBetween));
     const auto sameStart = std::find_if(starts.rbegin(), end, [&](const PastStart &start) {
-        return !start.failed && start.time <= line.time && line.time - start.time <= soon;
+        return start.time <= line.time && line.time - start.time <= soon;
     });
     if (sameStart == end) {
         starts.push_back({line.time, false, true, line.reason});
         return;
     }
-    sameStart->failed = true;
+    // Several steps of a start may fail; the first one is shown.
+    if (std::exchange(sameStart->failed, true))
+        return;
     sameStart->reason = line.reason;
 }
 
@@ -111,7 +113,7 @@ PastStarts ReadPastStarts(const Appliance &appliance, std::time_t from, std::tim
             break;
         Collector older(from, until);
         if (auto error = log.ForEachLine([&](const std::string &line) { older.Add(line); }))
-            past.errors.push_back(std::move(*error));
+            past.errors.push_back(log.Path() + ": " + *error);
         Prepend(older.Take(), past);
     }
     for (auto &[job, starts] : past.jobs) // the clock may have been set back

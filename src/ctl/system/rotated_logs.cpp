@@ -34,8 +34,10 @@ bool IsDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
+// ".20261115" is a date.
 bool IsNumbered(const std::string &rotation) {
-    return rotation.front() == '.';
+    constexpr std::size_t longest = 7;
+    return rotation.front() == '.' && rotation.size() <= longest;
 }
 
 // ".N", or "-" and a date of any form that begins with a digit.
@@ -104,7 +106,13 @@ Decompressor::Decompressor(const char *program, const Descriptor &file) {
     std::string name(program);
     std::string options("-dc");
     const std::array<char *, 3> arguments{name.data(), options.data(), nullptr};
-    const int error = posix_spawnp(&pid_, program, &actions, nullptr, arguments.data(), environ);
+    // The interrupt key is for this process or its pager.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    const int error =
+        posix_spawnp(&pid_, program, &actions, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         pid_ = -1;
@@ -199,7 +207,7 @@ bool RotatedName::IsOlderThan(const RotatedName &other) const {
     if (IsNumbered(rotation) != IsNumbered(other.rotation))
         return !IsNumbered(rotation);
     if (!IsNumbered(rotation))
-        return rotation < other.rotation;
+        return rotation.substr(1) < other.rotation.substr(1);
     if (rotation.size() != other.rotation.size())
         return rotation.size() > other.rotation.size();
     return rotation > other.rotation;

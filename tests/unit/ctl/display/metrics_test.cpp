@@ -45,7 +45,7 @@ std::string ValueOf(const std::string &text, const std::string &sample) {
 }
 
 std::string JobSample(const std::string &fact) {
-    return "kestcron_job_" + fact + "{job=\"a\",user=\"root\"}";
+    return "kestcron_job_" + fact + "{name=\"a\",user=\"root\"}";
 }
 
 SystemFigures WithMaxDelay(std::int32_t seconds) {
@@ -55,25 +55,29 @@ SystemFigures WithMaxDelay(std::int32_t seconds) {
 }
 
 TEST(Metrics, WithoutADaemonAndJobs) {
-    EXPECT_EQ(MetricsInText({}, {}, {}, kTenPastTwo),
-              "# HELP kestcron_up Whether kestcrond is running.\n"
-              "# TYPE kestcron_up gauge\n"
-              "kestcron_up 0\n"
-              "# HELP kestcron_passive Whether kestcrond is running in passive mode.\n"
-              "# TYPE kestcron_passive gauge\n"
-              "kestcron_passive 0\n"
-              "# HELP kestcron_held Whether the machine is held.\n"
-              "# TYPE kestcron_held gauge\n"
-              "kestcron_held 0\n"
-              "# HELP kestcron_jobs Number of jobs.\n"
-              "# TYPE kestcron_jobs gauge\n"
-              "kestcron_jobs 0\n"
-              "# HELP kestcron_delayed_starts Number of launched jobs that wait out their delay.\n"
-              "# TYPE kestcron_delayed_starts gauge\n"
-              "kestcron_delayed_starts 0\n"
-              "# HELP kestcron_build_info Version of kestcronctl, which printed these metrics.\n"
-              "# TYPE kestcron_build_info gauge\n"
-              "kestcron_build_info{version=\"" KESTCROND_VERSION "\"} 1\n");
+    EXPECT_EQ(
+        MetricsInText({}, {}, {}, kTenPastTwo),
+        "# HELP kestcron_up Whether kestcrond is running.\n"
+        "# TYPE kestcron_up gauge\n"
+        "kestcron_up 0\n"
+        "# HELP kestcron_passive Whether kestcrond is running in passive mode.\n"
+        "# TYPE kestcron_passive gauge\n"
+        "kestcron_passive 0\n"
+        "# HELP kestcron_held Whether the machine is held.\n"
+        "# TYPE kestcron_held gauge\n"
+        "kestcron_held 0\n"
+        "# HELP kestcron_jobs Number of jobs.\n"
+        "# TYPE kestcron_jobs gauge\n"
+        "kestcron_jobs 0\n"
+        "# HELP kestcron_delayed_starts Number of launched jobs that wait out their delay.\n"
+        "# TYPE kestcron_delayed_starts gauge\n"
+        "kestcron_delayed_starts 0\n"
+        "# HELP kestcron_metrics_timestamp_seconds Time at which these metrics were printed.\n"
+        "# TYPE kestcron_metrics_timestamp_seconds gauge\n"
+        "kestcron_metrics_timestamp_seconds 1780366200\n"
+        "# HELP kestcron_build_info Version of kestcronctl, which printed these metrics.\n"
+        "# TYPE kestcron_build_info gauge\n"
+        "kestcron_build_info{version=\"" KESTCROND_VERSION "\"} 1\n");
 }
 
 TEST(Metrics, OfTheDaemon) {
@@ -154,8 +158,8 @@ TEST(Metrics, CountsOfTheLog) {
     system.counts = {{"a", {7, 1}}, {Printable("b\n"), {5, 0}}, {"gone", {9, 9}}};
     const std::string text = MetricsInText(jobs, {}, system, kTenPastTwo);
     EXPECT_THAT(text, HasSubstr("# TYPE kestcron_job_starts_total counter\n"
-                                "kestcron_job_starts_total{job=\"a\",user=\"root\"} 7\n"
-                                "kestcron_job_starts_total{job=\"b\\n\",user=\"root\"} 5\n"
+                                "kestcron_job_starts_total{name=\"a\",user=\"root\"} 7\n"
+                                "kestcron_job_starts_total{name=\"b\\n\",user=\"root\"} 5\n"
                                 "# HELP kestcron_job_start_failures_total"));
     EXPECT_EQ(ValueOf(text, JobSample("start_failures_total")), "1");
     EXPECT_EQ(ValueOf(text, "kestcron_document_timestamp_seconds"), "1780000000");
@@ -169,8 +173,8 @@ TEST(Metrics, EscapeLabels) {
     const auto named = [](const std::string &name) { return AssuredJob(name, "0 3 * * *"); };
     const std::string text = MetricsInText(
         {named("a\"b\\c\nd"), named("x\xFE"), named("x\xFF"), named("é")}, {}, {}, kTenPastTwo);
-    for (const char *label : {R"(job="a\"b\\c\nd",)", "job=\"x\xEF\xBF\xBD\",",
-                              "job=\"x\xEF\xBF\xBD'\",", "job=\"é\","})
+    for (const char *label : {R"(name="a\"b\\c\nd",)", "name=\"x\xEF\xBF\xBD\",",
+                              "name=\"x\xEF\xBF\xBD'\",", "name=\"é\","})
         EXPECT_THAT(text, HasSubstr(std::string("kestcron_job_running{") + label));
     EXPECT_THAT(text, Not(HasSubstr("\xFE")));
 }
@@ -180,8 +184,8 @@ TEST(Metrics, GroupSamplesByFamily) {
     const std::string text = MetricsInText(
         {AssuredJob("a", "0 3 * * *"), AssuredJob("b", "0 3 * * *")}, {}, {}, kTenPastTwo);
     EXPECT_THAT(text, HasSubstr("# TYPE kestcron_job_running gauge\n"
-                                "kestcron_job_running{job=\"a\",user=\"root\"} 0\n"
-                                "kestcron_job_running{job=\"b\",user=\"root\"} 0\n"));
+                                "kestcron_job_running{name=\"a\",user=\"root\"} 0\n"
+                                "kestcron_job_running{name=\"b\",user=\"root\"} 0\n"));
 }
 
 } // namespace

@@ -82,7 +82,9 @@ TEST(ParseLogLine, AppliesTheOffsetFromUtc) {
 TEST(ParseLogLine, AcceptsOtherLines) {
     for (const char *text :
          {"", "x", "2026-11-15", "2026-11-15T03:00:00+01:00", "2026-11-15T03:00:00+01:00running",
-          "yyyy-mm-ddTHH:MM:SS+01:00 text", "running", "Failed to ", "\x80\xff"}) {
+          "yyyy-mm-ddTHH:MM:SS+01:00 text", "2026-11-23T05:00:00\03303:00 text",
+          "1-1-1T1:1:1\033[31mxxxxxxxxxx1:1 text", " 026-11-23T05:00:00+03:00 text", "running",
+          "Failed to ", "\x80\xff"}) {
         const LogLine line = ParseLogLine(text);
         EXPECT_EQ(line.time, -1) << text;
         EXPECT_EQ(line.text, text);

@@ -37,7 +37,7 @@ TEST(ReadRotatedName, RefusesOtherNames) {
 }
 
 TEST(RotatedName, OrdersFilesByAge) {
-    const char *const fromOld[] = {"-20251231.gz", "-20260101", "-20261115.xz", ".10.gz",
+    const char *const fromOld[] = {"-20251231.gz", ".20260101", "-20261115.xz", ".10.gz",
                                    ".9.gz",        ".2.gz",     ".2",           ".1"};
     for (std::size_t i = 0; i < std::size(fromOld); ++i)
         for (std::size_t j = 0; j < std::size(fromOld); ++j)
